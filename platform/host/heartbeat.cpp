@@ -1,0 +1,366 @@
+// The calls of platform/heartbeat.h, and the one thread that receives beats and looks for those
+// that are overdue.
+#include "platform/heartbeat.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "platform/host/unix_socket.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using PlatformHost::BoundSocket;
+using PlatformHost::UniqueFd;
+
+constexpr const char* SOCKET_PATH = "/run/heartbeat.sock";
+constexpr mode_t SOCKET_MODE = 0666;
+constexpr std::chrono::milliseconds CHECK_PERIOD{500};
+constexpr std::chrono::milliseconds LOST_AFTER{3000};
+constexpr size_t MAX_NAME = 127;
+// Beats taken in one go, so that a flood of them cannot hold up the check.
+constexpr int MAX_BEATS = 256;
+
+enum Status : uint32_t { BACK = 0, LOST = 1 };
+
+// Whether this thread is one that makes the callbacks.
+thread_local bool isMonitorThread = false;
+
+struct Beat {
+    std::string name;
+    pid_t pid = 0;
+};
+
+// The watches, their socket and their thread, from the first registration to the end of all.
+// Thread-safe but for Join and Detach, one of which is called once.
+class Monitor : public std::enable_shared_from_this<Monitor> {
+public:
+    // Returns 0 or a negative errno.
+    int Start();
+    // 0, or -125 (ECANCELED) when the monitor has been stopped.
+    int Watch(std::string_view name, pid_t pid, HeartBeatCallback callback);
+    int Unwatch(std::string_view name);
+    // From then on no callback is started.
+    void Stop();
+    void Join() { thread_.join(); }
+    void Detach() { thread_.detach(); }
+
+private:
+    struct Watched {
+        pid_t pid = 0;
+        HeartBeatCallback callback;
+        bool isArmed = false;  // has sent a beat
+        bool isLost = false;
+        Clock::time_point lastBeat;
+    };
+
+    // A callback to be made, taken out from under the lock: it may register and unregister.
+    struct Notice {
+        std::string name;
+        pid_t pid = 0;
+        HeartBeatCallback callback;
+        Status status = LOST;
+    };
+
+    void Run();
+    bool Wait();
+    std::optional<int> NextTimeout();
+    void ReceiveBeats();
+    std::optional<Beat> ReceiveBeat(bool& isEmpty);
+    std::optional<Notice> NoteBeat(const Beat& beat);
+    void Check();
+    std::optional<Notice> NextLoss();
+    static void Notify(const Notice& notice);
+
+    BoundSocket socket_;
+    UniqueFd wake_;
+    std::thread thread_;
+    Clock::time_point nextCheck_;  // used on the thread only
+    bool isChecking_ = false;      // used on the thread only
+
+    std::mutex lock_;  // guards the fields below
+    bool isStopped_ = false;
+    std::map<std::string, Watched, std::less<>> watched_;
+};
+
+int Monitor::Start() {
+    const int32_t bound =
+        socket_.Bind(SOCK_DGRAM, SOCKET_PATH, SOCKET_MODE, static_cast<gid_t>(-1));
+    if (bound < 0) {
+        return bound;
+    }
+    const int enabled = 1;
+    wake_ = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake_.Valid() ||
+        setsockopt(socket_.Fd(), SOL_SOCKET, SO_PASSCRED, &enabled, sizeof(enabled)) != 0) {
+        return -errno;
+    }
+    // The program's signals are for its own threads; a new thread inherits the mask.
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    int result = 0;
+    try {
+        thread_ = std::thread([self = shared_from_this()] { self->Run(); });
+    } catch (const std::system_error& error) {
+        result = -error.code().value();
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return result;
+}
+
+int Monitor::Watch(std::string_view name, pid_t pid, HeartBeatCallback callback) {
+    const std::lock_guard guard(lock_);
+    if (isStopped_) {
+        return -ECANCELED;
+    }
+    Watched watched;
+    watched.pid = pid;
+    watched.callback = std::move(callback);
+    watched_.insert_or_assign(std::string(name), std::move(watched));
+    return 0;
+}
+
+int Monitor::Unwatch(std::string_view name) {
+    const std::lock_guard guard(lock_);
+    const auto found = watched_.find(name);
+    if (found == watched_.end()) {
+        return -ENOENT;
+    }
+    watched_.erase(found);
+    return 0;
+}
+
+void Monitor::Stop() {
+    {
+        const std::lock_guard guard(lock_);
+        isStopped_ = true;
+        watched_.clear();
+    }
+    eventfd_write(wake_.Get(), 1);
+}
+
+void Monitor::Run() {
+    isMonitorThread = true;
+    pthread_setname_np(pthread_self(), "heartbeat");
+    while (Wait()) {
+        // First the beats: those that came while a callback took its time are not overdue.
+        ReceiveBeats();
+        Check();
+    }
+}
+
+// Waits for beats or the next check; false when stopped.
+bool Monitor::Wait() {
+    const auto timeout = NextTimeout();
+    if (!timeout) {
+        return false;
+    }
+    pollfd waited[] = {{socket_.Fd(), POLLIN, 0}, {wake_.Get(), POLLIN, 0}};
+    poll(waited, std::size(waited), *timeout);
+    return true;
+}
+
+// Milliseconds for poll, -1 while no beat can be overdue; nothing when stopped.
+std::optional<int> Monitor::NextTimeout() {
+    const auto isDue = [](const auto& entry) {
+        return entry.second.isArmed && !entry.second.isLost;
+    };
+    const std::lock_guard guard(lock_);
+    if (isStopped_) {
+        return std::nullopt;
+    }
+    const bool wasChecking =
+        std::exchange(isChecking_, std::any_of(watched_.begin(), watched_.end(), isDue));
+    if (!isChecking_) {
+        return -1;
+    }
+    const auto now = Clock::now();
+    if (!wasChecking) {
+        nextCheck_ = now + CHECK_PERIOD;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextCheck_ - now);
+    return static_cast<int>(std::max<int64_t>(0, left.count()));
+}
+
+void Monitor::ReceiveBeats() {
+    bool isEmpty = false;
+    for (int i = 0; i < MAX_BEATS && !isEmpty; ++i) {
+        const auto beat = ReceiveBeat(isEmpty);
+        const auto notice = beat ? NoteBeat(*beat) : std::nullopt;
+        if (notice) {
+            Notify(*notice);
+        }
+    }
+}
+
+std::optional<Beat> Monitor::ReceiveBeat(bool& isEmpty) {
+    char name[MAX_NAME];
+    // Has room for the credentials only, so that no descriptor can be passed to this process.
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+    iovec part{name, sizeof(name)};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    const ssize_t length =
+        recvmsg(socket_.Fd(), &message, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
+    if (length < 0) {
+        isEmpty = errno != EINTR;
+        return std::nullopt;
+    }
+    const cmsghdr* head = CMSG_FIRSTHDR(&message);
+    if (static_cast<size_t>(length) > sizeof(name) || head == nullptr ||
+        head->cmsg_level != SOL_SOCKET || head->cmsg_type != SCM_CREDENTIALS) {
+        return std::nullopt;
+    }
+    ucred credentials{};
+    memcpy(&credentials, CMSG_DATA(head), sizeof(credentials));
+    return Beat{{name, static_cast<size_t>(length)}, credentials.pid};
+}
+
+// Notes the beat of a watched process; returns what to tell when it had been lost.
+std::optional<Monitor::Notice> Monitor::NoteBeat(const Beat& beat) {
+    const std::lock_guard guard(lock_);
+    const auto found = watched_.find(beat.name);
+    if (found == watched_.end() || found->second.pid != beat.pid) {
+        return std::nullopt;
+    }
+    Watched& watched = found->second;
+    watched.isArmed = true;
+    watched.lastBeat = Clock::now();
+    if (!std::exchange(watched.isLost, false)) {
+        return std::nullopt;
+    }
+    return Notice{beat.name, beat.pid, watched.callback, BACK};
+}
+
+void Monitor::Check() {
+    if (!isChecking_ || Clock::now() < nextCheck_) {
+        return;
+    }
+    nextCheck_ = Clock::now() + CHECK_PERIOD;
+    // One at a time: what a callback unregisters is not told any more.
+    while (const auto notice = NextLoss()) {
+        Notify(*notice);
+    }
+}
+
+std::optional<Monitor::Notice> Monitor::NextLoss() {
+    const auto now = Clock::now();
+    const std::lock_guard guard(lock_);
+    for (auto& [name, watched] : watched_) {
+        if (watched.isArmed && !watched.isLost && now - watched.lastBeat >= LOST_AFTER) {
+            watched.isLost = true;
+            return Notice{name, watched.pid, watched.callback, LOST};
+        }
+    }
+    return std::nullopt;
+}
+
+void Monitor::Notify(const Notice& notice) {
+    try {
+        notice.callback(notice.name.c_str(), notice.name.size(), notice.pid, notice.status);
+    } catch (...) {
+        // A handler that fails must not take the process down.
+    }
+}
+
+// The process's monitor. Never destroyed: its thread may still run while the process exits.
+struct Slot {
+    std::mutex lock;  // guards monitor
+    std::shared_ptr<Monitor> monitor;
+    std::mutex disabling;  // held until the thread has ended, before `lock`
+};
+
+Slot& GetSlot() {
+    static Slot* const slot = new Slot;
+    return *slot;
+}
+
+int StartMonitor(std::shared_ptr<Monitor>& monitor) {
+    auto started = std::make_shared<Monitor>();
+    const int result = started->Start();
+    if (result == 0) {
+        monitor = std::move(started);
+    }
+    return result;
+}
+
+bool IsName(const char* name, size_t length) {
+    return name != nullptr && length > 0 && length <= MAX_NAME;
+}
+
+}  // namespace
+
+int RegisterCheckHeartBeat(const char* name, size_t nameLength, int32_t pid,
+                           HeartBeatCallback callback) {
+    if (!IsName(name, nameLength) || pid <= 0 || !callback) {
+        return -EINVAL;
+    }
+    Slot& slot = GetSlot();
+    const std::lock_guard guard(slot.lock);
+    const std::string_view text(name, nameLength);
+    if (slot.monitor != nullptr) {
+        const int result = slot.monitor->Watch(text, pid, callback);
+        if (result != -ECANCELED) {
+            return result;
+        }
+        // One of its callbacks has ended every watch; its thread goes when that returns.
+        slot.monitor->Detach();
+        slot.monitor.reset();
+    }
+    const int result = StartMonitor(slot.monitor);
+    return result != 0 ? result : slot.monitor->Watch(text, pid, std::move(callback));
+}
+
+int UnregisterCheckHeartBeat(const char* name, size_t nameLength) {
+    if (!IsName(name, nameLength)) {
+        return -EINVAL;
+    }
+    Slot& slot = GetSlot();
+    const std::lock_guard guard(slot.lock);
+    return slot.monitor == nullptr ? -ENOENT : slot.monitor->Unwatch({name, nameLength});
+}
+
+void DisableAllCheckHeartBeat() {
+    Slot& slot = GetSlot();
+    if (isMonitorThread) {
+        // Called from a callback: left in place for whoever can wait for the thread.
+        const std::lock_guard guard(slot.lock);
+        if (slot.monitor != nullptr) {
+            slot.monitor->Stop();
+        }
+        return;
+    }
+    const std::lock_guard disabling(slot.disabling);
+    std::shared_ptr<Monitor> monitor;
+    {
+        const std::lock_guard guard(slot.lock);
+        monitor = std::move(slot.monitor);
+    }
+    if (monitor != nullptr) {
+        monitor->Stop();
+        monitor->Join();
+    }
+}

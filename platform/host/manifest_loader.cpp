@@ -1,0 +1,149 @@
+#include "platform/host/manifest_loader.h"
+
+#include <algorithm>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <utility>
+
+#include "platform/host/diagnostics.h"
+#include "platform/host/manifest_data.h"
+#include "platform/host/manifest_keys.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr size_t MAX_INCLUDE_DEPTH = 16;
+
+class Loader {
+public:
+    Loader(const ManifestReader& reader, ManifestLoad& load) : reader_(reader), load_(load) {}
+
+    // `origin` is the position of the include, "" for the file that was asked for.
+    void LoadFile(const std::string& path, const std::string& origin) {
+        YamlFile file = reader_(path);
+        if (!file.error.empty()) {
+            throw ManifestFault(origin + path + ": " + file.error);
+        }
+        if (std::find(reading_.begin(), reading_.end(), file.realPath) != reading_.end()) {
+            throw ManifestFault(origin + path + ": the file includes itself");
+        }
+        if (!load_.files.insert(file.realPath).second) {
+            return;
+        }
+        YamlError error;
+        const std::shared_ptr<const YamlTree> tree = ParseYamlText(std::move(file.text), error);
+        if (!tree) {
+            throw ManifestFault(error.Describe(path));
+        }
+        reading_.push_back(file.realPath);
+        LoadRoot(path, *tree->root);
+        reading_.pop_back();
+    }
+
+private:
+    void LoadRoot(const std::string& path, const YamlNode& root) {
+        if (root.kind == YamlKind::NOTHING) {
+            return;  // an empty file, or comments only
+        }
+        if (root.kind != YamlKind::MAP) {
+            throw ManifestFault(path + ":" + std::to_string(root.line) +
+                                ": expected a mapping with 'include', 'services' or "
+                                "'applications' at the top of the file");
+        }
+        // Includes come first wherever the key stands.
+        for (const YamlChild& child : root.children) {
+            if (child.key == "include") {
+                LoadIncludes(path, ManifestValue(path, child, load_.warnings));
+            }
+        }
+        for (const YamlChild& child : root.children) {
+            const ManifestValue value(path, child, load_.warnings);
+            if (child.key == "services") {
+                LoadEntries(path, value, ManifestList::SERVICES);
+            } else if (child.key == "applications") {
+                LoadEntries(path, value, ManifestList::APPLICATIONS);
+            } else if (child.key != "include") {
+                value.Warn("unknown key, ignored");
+            }
+        }
+    }
+
+    void LoadIncludes(const std::string& path, const ManifestValue& value) {
+        for (const YamlChild& element : value.List()) {
+            const ManifestValue include = value.Element(element);
+            const std::filesystem::path target = include.NonEmptyText();
+            if (reading_.size() >= MAX_INCLUDE_DEPTH) {
+                include.Fail("includes nested more than " + std::to_string(MAX_INCLUDE_DEPTH) +
+                             " deep");
+            }
+            // An absolute target replaces the directory in front of it.
+            const std::filesystem::path full = std::filesystem::path(path).parent_path() / target;
+            LoadFile(full.string(), ManifestMessage(path, element.line, "include", ""));
+        }
+    }
+
+    void LoadEntries(const std::string& path, const ManifestValue& value, ManifestList list) {
+        for (const YamlChild& element : value.List()) {
+            const ManifestValue entry = value.Element(element);
+            LoadEntry(path, element.line, entry.Map(), list);
+        }
+    }
+
+    void LoadEntry(const std::string& path, uint32_t line, std::span<const YamlChild> children,
+                   ManifestList list) {
+        auto data = std::make_shared<ManifestData>();
+        data->list = list;
+        data->cfgPath = path;
+        for (const YamlChild& child : children) {
+            const ManifestValue value(path, child, load_.warnings);
+            const ManifestKey* key = FindManifestKey(child.key, list);
+            if (key != nullptr) {
+                key->read(value, *data);
+            } else if (FindManifestKey(child.key, ManifestList::APPLICATIONS) != nullptr) {
+                value.Warn("not a key of a service, ignored");
+            } else {
+                value.Warn("unknown key, ignored");
+            }
+        }
+        if (data->name.empty()) {
+            throw ManifestFault(ManifestMessage(path, line, "name", "missing"));
+        }
+        if (data->bin.empty()) {
+            throw ManifestFault(
+                ManifestMessage(path, line, "bin", "missing in the entry " + Quoted(data->name)));
+        }
+        RefuseRepeatedName(path, line, data->name);
+        load_.manifests.emplace_back(std::move(data));
+    }
+
+    void RefuseRepeatedName(const std::string& path, uint32_t line, const std::string& name) {
+        const std::string here = path + ":" + std::to_string(line);
+        const auto [first, fresh] = entryOfName_.emplace(name, here);
+        if (!fresh) {
+            throw ManifestFault(ManifestMessage(
+                path, line, "name",
+                Quoted(name) + " is also the name of the entry at " + first->second));
+        }
+    }
+
+    const ManifestReader& reader_;
+    ManifestLoad& load_;
+    std::vector<std::string> reading_;  // real paths from the first file to the current one
+    std::map<std::string, std::string> entryOfName_;
+};
+
+}  // namespace
+
+ManifestLoad LoadManifests(const std::string& path, const ManifestReader& reader) {
+    ManifestLoad load;
+    try {
+        Loader(reader, load).LoadFile(path, "");
+    } catch (const std::exception& failure) {
+        load.error = failure.what();
+    }
+    return load;
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,116 @@
+#include "platform/host/muxa_workers.h"
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/epoll.h>
+
+#include <cerrno>
+#include <system_error>
+#include <thread>
+
+#include "platform/host/muxa_socket.h"
+
+namespace PlatformHost {
+
+namespace {
+
+// Two from the start: the first callback need not wait until a second worker has been made.
+constexpr uint32_t FIRST_WORKERS = 2;
+constexpr uint32_t MAX_WORKERS = 16;
+
+}  // namespace
+
+int32_t MuxaWorkers::Start() {
+    const std::lock_guard guard(lock_);
+    if (!epoll_.Valid()) {
+        epoll_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
+        if (!epoll_.Valid()) {
+            return -errno;
+        }
+    }
+    while (total_ < FIRST_WORKERS && SpawnLocked()) {
+    }
+    return total_ > 0 ? 0 : -EAGAIN;
+}
+
+bool MuxaWorkers::SpawnLocked() {
+    // The program's signals are for its own threads; a new thread inherits the mask.
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);
+    bool started = true;
+    try {
+        std::thread([this] { Run(); }).detach();
+        ++total_;
+    } catch (const std::system_error&) {
+        started = false;
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    return started;
+}
+
+void MuxaWorkers::Run() {
+    pthread_setname_np(pthread_self(), "muxa");
+    // On the stack, where only the pages that packets really fill cost memory.
+    alignas(std::max_align_t) uint8_t buffer[MUXA_MAX_PACKET];
+    const int epoll = [this] {
+        const std::lock_guard guard(lock_);
+        return epoll_.Get();
+    }();
+    for (;;) {
+        epoll_event event{};
+        if (epoll_wait(epoll, &event, 1, -1) == 1) {
+            handler_(event.data.u64, buffer);
+        }
+    }
+}
+
+bool MuxaWorkers::Watch(int fd, uint32_t events, uint64_t token) {
+    epoll_event event{};
+    event.events = events | EPOLLONESHOT;
+    event.data.u64 = token;
+    return epoll_ctl(epoll_.Get(), EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+void MuxaWorkers::Rearm(int fd, uint32_t events, uint64_t token) {
+    epoll_event event{};
+    event.events = events | EPOLLONESHOT;
+    event.data.u64 = token;
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_MOD, fd, &event);
+}
+
+void MuxaWorkers::Forget(int fd) {
+    // Not left to close(): a child between fork and exec still has the socket open.
+    epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void MuxaWorkers::RelieveLocked() {
+    if (blocked_ >= total_ && total_ - waiting_ < MAX_WORKERS) {
+        SpawnLocked();
+    }
+}
+
+void MuxaWorkers::BeginBlocking() {
+    const std::lock_guard guard(lock_);
+    ++blocked_;
+    RelieveLocked();
+}
+
+void MuxaWorkers::EndBlocking() {
+    const std::lock_guard guard(lock_);
+    --blocked_;
+}
+
+void MuxaWorkers::BeginWaiting() {
+    const std::lock_guard guard(lock_);
+    ++waiting_;
+    RelieveLocked();
+}
+
+void MuxaWorkers::EndWaiting() {
+    const std::lock_guard guard(lock_);
+    --waiting_;
+}
+
+}  // namespace PlatformHost

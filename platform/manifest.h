@@ -1,0 +1,143 @@
+// The manifest and dependency library: application manifests parsed from YAML, the dependency
+// graph of the services among them, and a small reader for other YAML files. The daemon only
+// calls what is declared here; a platform library defines it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ProcMgr {
+
+// The library's own storage of one manifest; complete only inside the library.
+struct ManifestData;
+
+// Which list of its file a manifest was an entry of.
+enum class ManifestList { SERVICES, APPLICATIONS };
+
+// What one application or base service is and how it is to be run. A cheap handle on immutable
+// data: copies share it, and any thread may read it.
+class ApplicationManifest {
+public:
+    explicit ApplicationManifest(std::shared_ptr<const ManifestData> data);
+
+    ManifestList GetManifestList() const;
+
+    std::string GetAppName() const;
+    // Path of the file that holds the entry.
+    std::string GetCfgPath() const;
+    uint32_t GetUid() const;
+    uint32_t GetGid() const;
+    // Core numbers; empty: no cores of its own.
+    std::vector<uint32_t> GetCoreAffinity() const;
+    std::string GetResGroupName() const;
+    std::string GetBlkioGroupName() const;
+    std::string GetCpuset() const;
+    // Controller to cgroup.
+    std::map<std::string, std::string> GetCGroupPath() const;
+    std::string GetBinPath() const;
+    std::vector<std::string> GetArguments() const;
+    std::map<std::string, std::string> GetEnvArgv() const;
+    // Milliseconds between SIGTERM and what follows it.
+    uint32_t GetTermTimeOut() const;
+    std::string GetSecurityCon() const;
+    // "on-failure", "on-forever", "on-until-succeed" or "no".
+    std::string GetRestart() const;
+    uint32_t GetNodeType() const;
+    uint32_t GetNumaType() const;
+    // Lower starts first; -1: not a priority application.
+    int32_t GetStartupPriority() const;
+    bool GetIsDelayCoreAffinity() const;
+    bool GetIsDynamicPara() const;
+    bool GetIsForceTerm() const;
+    bool GetIsReporting() const;
+    bool GetHeartBeatSwitch() const;
+    int32_t GetVfId() const;
+    // The configured vf_id when it is a pattern, else empty.
+    std::string GetVfIdPattern() const;
+    int32_t GetNice() const;
+    // Pairs of group name and access.
+    std::vector<std::pair<std::string, std::string>> GetSharepoolGroups() const;
+    std::set<std::string> GetDependList() const;
+    std::string GetStartupEntryPath() const;
+    std::string GetSetRtPrio() const;
+    std::string GetSetRtType() const;
+    // Pairs that a start-up configuration request must carry for this application to be loaded.
+    std::map<std::string, std::string> GetMatchData() const;
+
+private:
+    std::shared_ptr<const ManifestData> data_;
+};
+
+// Vertices that wait for other vertices. Not thread-safe.
+class DependGraph {
+public:
+    bool IsEmpty() const;
+    // Names of all vertices that wait for nothing.
+    std::vector<std::string> GetNoDependVertices() const;
+    // Removes a vertex and releases the ones that waited for it; an unknown name changes nothing.
+    void Pop(const std::string& name);
+
+    // For the library that builds the graph: adds `name`, waiting for each of `depends`.
+    void Add(const std::string& name, const std::set<std::string>& depends);
+
+private:
+    std::map<std::string, std::set<std::string>> waitsFor_;
+    std::map<std::string, std::set<std::string>> releases_;
+};
+
+// Parses manifests and knows their dependencies. Not thread-safe.
+class ParseAndDepend {
+public:
+    // Appends one manifest for each entry of the file at `path`, included files first. On failure
+    // logs one error that names file, line and key, and leaves `manifests` as it was.
+    // `paramType` is 0; `scratch` is the caller's and holds the files read.
+    // Returns 0 on success, non-zero otherwise.
+    int ParseYaml(int paramType, const std::string& path,
+                  std::vector<ApplicationManifest>& manifests, std::set<std::string>& scratch);
+
+    // Builds the graph of `names`, with an edge for each dependency that is also among them, from
+    // the manifests parsed before. Logs a cycle once with the names on it. Returns 0 on success.
+    int GetStartGraph(const std::vector<std::string>& names, DependGraph& graph);
+
+    // True when a configured value is a pattern, "match(EXPR)".
+    static bool IsDynamicPara(const std::string& value);
+    // True when `value` as a whole satisfies the configured `pattern`.
+    static bool IsDynamicParaMatch(const std::string& pattern, const std::string& value);
+
+private:
+    std::map<std::string, std::set<std::string>> depends_;
+};
+
+// A node of any YAML file. Not thread-safe.
+class KvsTypeYaml {
+public:
+    KvsTypeYaml();
+    ~KvsTypeYaml();
+    KvsTypeYaml(const KvsTypeYaml&) = delete;
+    KvsTypeYaml& operator=(const KvsTypeYaml&) = delete;
+
+    // Makes this the top of the file at `path`; false when it cannot be read or parsed.
+    bool InitYamlNode(const std::string& path);
+    // Makes `child` the value under `key`; false when this is not a mapping or has no such key.
+    bool GetSubKvs(const std::string& key, KvsTypeYaml& child) const;
+    // The node as a boolean; false when it is none.
+    bool GetBool() const;
+    // The node as text; empty when it is not a scalar.
+    std::string GetString() const;
+    // Elements of a sequence; 0 when it is none.
+    size_t GetSize() const;
+    // Makes `child` the element at `index`; false when there is none.
+    bool GetElement(size_t index, KvsTypeYaml& child) const;
+
+private:
+    struct Node;
+    std::unique_ptr<Node> node_;
+};
+
+}  // namespace ProcMgr
