@@ -1,0 +1,93 @@
+#include <sys/types.h>
+
+#include "app/app_info.h"
+#include "app/exit_status.h"
+#include "app/process_launcher.h"
+#include "main/constants.h"
+#include "main/log.h"
+
+namespace ProcMgr::App {
+namespace {
+
+// At most so many restarts within the period; a service that needs more is given up.
+constexpr uint32_t RESTARTS_MAX = 5;
+constexpr std::chrono::milliseconds RESTART_PERIOD{60000};
+// The limit counts the period's last millisecond as a whole.
+constexpr std::chrono::nanoseconds RESTART_LIMIT =
+    RESTART_PERIOD + std::chrono::nanoseconds{999'999};
+
+}  // namespace
+
+BaseAppInfo::BaseAppInfo(const ApplicationManifest& manifest)
+    : AppInfo(manifest, manifest.GetAppName(), std::string()),
+      dependList_(manifest.GetDependList()),
+      forceTerm_(manifest.GetIsForceTerm()),
+      startupEntryPath_(manifest.GetStartupEntryPath()) {
+    isReporting_ = manifest.GetIsReporting();
+}
+
+bool BaseAppInfo::StartProcess(ProcessLauncher& launcher) {
+    PrepareStart();
+    const pid_t child = launcher.Launch(*this);
+    if (child < 0) {
+        return false;
+    }
+    state_ = STARTING;
+    return true;
+}
+
+ProcessState BaseAppInfo::CheckState() {
+    exitedWith125_ = false;
+    reportType_ = INVALID_INTERMEDIATE_STATE;
+    if (pid_ < 1) {
+        ProcMgrLog(LOG_ERR, "CheckState : pid <= 0, don't call waitpid(), currentState=%d",
+                   static_cast<int>(state_));
+        return state_;
+    }
+    switch (state_) {
+        case STARTING:
+            return CheckStarting();
+        case RUNNING:
+            return CheckRunning();
+        case TERMINATING:
+            if (!exitStatusSet_) {
+                return TERMINATING;
+            }
+            ProcMgrLog(LOG_INFO, "PROCMGR : TERMINATING to TERMINATED appName=%s, pid=%d",
+                       appName_.c_str(), pid_);
+            LogExitStatus(exitStatus_, appName_, pid_);
+            reportType_ = TERMINATED_NORMAL_EXIT;
+            return TERMINATED;
+        case TERMINATED:
+            ProcMgrLog(LOG_ERR, "PROCMGR : Process %s got unexpected TERMINATED state",
+                       appName_.c_str());
+            reportType_ = TERMINATED_ABNORMAL_EXIT;
+            return TERMINATED;
+        default:
+            ProcMgrLog(LOG_ERR, "PROCMGR : Process %s got unexpected state=%d", appName_.c_str(),
+                       static_cast<int>(state_));
+            return state_;
+    }
+}
+
+bool BaseAppInfo::NeedRestart(SteadyTime now) {
+    if (restartPolicy_ == RESTART_ON_FOREVER) {
+        return true;
+    }
+    if (restartPolicy_ != RESTART_ON_FAILURE) {
+        return false;
+    }
+    if (restartTimes_.size() >= RESTARTS_MAX) {
+        if (now - restartTimes_.front() <= RESTART_LIMIT) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : Process=%s has restart %u times in recent %ld ms.",
+                       appName_.c_str(), RESTARTS_MAX, static_cast<long>(RESTART_PERIOD.count()));
+            restartPolicy_ = RESTART_NO;
+            return false;
+        }
+        restartTimes_.erase(restartTimes_.begin());
+    }
+    restartTimes_.push_back(now);
+    return true;
+}
+
+}  // namespace ProcMgr::App

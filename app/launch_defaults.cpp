@@ -1,0 +1,97 @@
+#include "app/launch_defaults.h"
+
+#include <sys/resource.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "main/constants.h"
+#include "main/log.h"
+#include "main/proc_mgr_env.h"
+
+namespace ProcMgr::App {
+namespace {
+
+constexpr std::string_view LOCKED_MEMORY_KEY = "MAX_LOCKED_MEMORY_LIMIT=";
+constexpr std::string_view UNLIMITED = "unlimited";
+constexpr size_t LINE_MAX_LENGTH = 1024;
+constexpr int HOME_FIELD = 5;  // fields before the sixth
+
+bool ParseLimit(std::string_view text, rlim_t& limit) {
+    while (!text.empty() && (text.back() == '\r' || text.back() == ' ')) {
+        text.remove_suffix(1);
+    }
+    if (text == UNLIMITED) {
+        limit = RLIM_INFINITY;
+        return true;
+    }
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), limit);
+    return error == std::errc() && end == text.data() + text.size();
+}
+
+void ApplyLockedMemoryLimit(std::string_view value) {
+    rlim_t limit = 0;
+    if (!ParseLimit(value, limit)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR: %s: value of %.*s is no number of bytes: %.*s",
+                   COMMON_ENV_FILE, static_cast<int>(LOCKED_MEMORY_KEY.size() - 1),
+                   LOCKED_MEMORY_KEY.data(), static_cast<int>(value.size()), value.data());
+        return;
+    }
+    const rlimit limits{.rlim_cur = limit, .rlim_max = limit};
+    if (setrlimit(RLIMIT_MEMLOCK, &limits) != 0) {
+        ProcMgrLog(LOG_ERR, "PROCMGR: setrlimit of locked memory failed, errno=%d", errno);
+    }
+}
+
+// The text of the sixth field, empty when the line has fewer.
+std::string HomeOf(std::string_view line) {
+    for (int field = 0; field < HOME_FIELD; ++field) {
+        const size_t colon = line.find(':');
+        if (colon == std::string_view::npos) {
+            return {};
+        }
+        line.remove_prefix(colon + 1);
+    }
+    return std::string(line.substr(0, line.find_first_of(":\r\n")));
+}
+
+}  // namespace
+
+void SetLockedMemoryLimit() {
+    std::ifstream file(COMMON_ENV_FILE);
+    std::string line;
+    while (std::getline(file, line)) {
+        const size_t key = line.find(LOCKED_MEMORY_KEY);
+        if (key != std::string::npos) {
+            ApplyLockedMemoryLimit(std::string_view(line).substr(key + LOCKED_MEMORY_KEY.size()));
+            return;
+        }
+    }
+}
+
+void InquireHomeEnvVariable() {
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(PASSWD_FILE, "re"), std::fclose);
+    if (file == nullptr) {
+        ProcMgrLog(LOG_ERR, "fopen %s fail, errno=%d", PASSWD_FILE, errno);
+        return;
+    }
+    std::array<char, LINE_MAX_LENGTH> line{};
+    while (std::fgets(line.data(), line.size(), file.get()) != nullptr) {
+        const std::string_view text(line.data());
+        if (text.find(DEFAULT_OWNER) != std::string_view::npos) {
+            ProcMgrEnv::GetInstance().SetHome(HomeOf(text));
+            ProcMgrLog(LOG_INFO, "PROCMGR: InquireHomeEnvVariable finished home env=%s",
+                       ProcMgrEnv::GetInstance().GetHome().c_str());
+            return;
+        }
+    }
+    ProcMgrLog(LOG_WARNING, "PROCMGR: InquireHomeEnvVariable not find %s env", DEFAULT_OWNER);
+}
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,53 @@
+// Everything that a child needs between fork and execv, computed in the parent before the fork: the
+// child then only walks a list of steps over it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/app_info.h"
+#include "app/user_groups.h"
+#include "platform/access_manager.h"
+
+namespace ProcMgr::App {
+
+enum class AppKind { GENERAL, BASE };
+
+struct LaunchPlan {
+    AppKind kind = AppKind::BASE;
+    std::string appName;
+    std::string execPath;
+    std::vector<std::string> arguments;
+    uint32_t uid = 0;
+    uint32_t gid = 0;
+    UserGroups userGroups;
+
+    bool raiseRealTimeLimit = false;
+    std::optional<int> schedPolicy;  // the operating system's; none: leave it as it is
+    int rtPriority = -1;
+    int nice = 0;
+
+    std::vector<std::pair<std::string, std::string>> envs;  // the manifest's, by key
+    std::string home;
+    // Empty: the variable is not set.
+    std::string preload;
+    std::string startupEntryPath;
+    std::string ownerName;           // general applications
+    std::string plane;               // general applications
+    bool heartBeatSwitch = false;    // general applications
+    bool afterAbnormalExit = false;  // base services
+
+    AppConfig accessConfig;
+    int errorFd = -1;  // where the child writes what failed; -1: nowhere
+};
+
+// All but the user's groups, which the launcher looks up.
+LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app);
+LaunchPlan MakeLaunchPlan(const BaseAppInfo& app);
+
+}  // namespace ProcMgr::App

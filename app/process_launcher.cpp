@@ -1,0 +1,71 @@
+#include "app/process_launcher.h"
+
+#include <cerrno>
+#include <chrono>
+
+#include "app/child_setup.h"
+#include "app/sys.h"
+#include "main/boot_trace.h"
+#include "main/constants.h"
+#include "main/log.h"
+
+namespace ProcMgr::App {
+
+pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
+    const std::lock_guard lock(launchMutex_);
+    LaunchPlan plan = MakeLaunchPlan(app);
+    plan.userGroups = userGroups_.LookUp(app.uid_);
+    app.startTime_ = std::chrono::steady_clock::now();
+    const pid_t child = Fork(plan);
+    if (child < 0) {
+        ProcMgrLog(LOG_ERR, "PROCMGR: Start generalApp failed. fork failed: errno=%d", errno);
+        return child;
+    }
+    app.pid_ = child;
+    ProcMgrLog(
+        LOG_INFO, "%s Start generalApp success appName=%s, child_pid=%d, isDelayCoreAffinity_=%d",
+        BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), child, app.isDelayCoreAffinity_);
+    return child;
+}
+
+pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
+    const std::lock_guard lock(launchMutex_);
+    LaunchPlan plan = MakeLaunchPlan(app);
+    plan.userGroups = userGroups_.LookUp(app.uid_);
+    app.startTime_ = std::chrono::steady_clock::now();
+    const pid_t child = Fork(plan);
+    if (child < 0) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : Start baseApp %s failed errno=%d", app.appName_.c_str(),
+                   errno);
+        return child;
+    }
+    app.pid_ = child;
+    ProcMgrLog(LOG_INFO,
+               "%s Start baseApp success appName=%s, binPath=%s, pid=%d, isDelayCoreAffinity_=%d",
+               BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), app.execPath_.c_str(),
+               child, app.isDelayCoreAffinity_);
+    return child;
+}
+
+pid_t ProcessLauncher::Fork(const LaunchPlan& plan) {
+    ChildContext context(plan);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    Sys::pthread_sigmask(SIG_SETMASK, &all, &before);
+    pid_t child = -1;
+    int error = 0;
+    {
+        const LogForkGuard logGuard;
+        child = Sys::fork();
+        error = errno;
+    }
+    if (child == 0) {
+        RunChild(context);
+    }
+    Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return child;
+}
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,34 @@
+// Turns a record into a running process: plan, fork, child set-up, execv. One for the daemon; any
+// thread may launch.
+#pragma once
+
+#include <sys/types.h>
+
+#include <mutex>
+
+#include "app/app_info.h"
+#include "app/launch_plan.h"
+#include "app/user_groups.h"
+
+namespace ProcMgr::App {
+
+class ProcessLauncher {
+public:
+    // Starts the record's program and stores the child's pid in the record. Returns the pid, or -1,
+    // with a log line, when there is no child. What fails in the child shows in its error text and
+    // its exit status. The caller holds the lock of the record's container until the record can be
+    // found by pid there, so that the reaper cannot miss it.
+    pid_t Launch(GeneralAppInfo& app);
+    pid_t Launch(BaseAppInfo& app);
+
+private:
+    // Forks with every signal blocked and the log's lock held: no handler of the daemon's runs in
+    // the child and no other thread owns a lock that the child needs.
+    static pid_t Fork(const LaunchPlan& plan);
+
+    // Held over everything that uses the user database or the environment, and over the fork.
+    std::mutex launchMutex_;
+    UserGroupsCache userGroups_;  // guarded by launchMutex_
+};
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,41 @@
+// The groups of a user, from the user database. The database functions are not thread-safe: the
+// caller holds the launch mutex.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "main/system.h"
+
+namespace ProcMgr::App {
+
+struct UserGroups {
+    enum class Result { FOUND, NO_USER, TOO_MANY, NOT_WIPED };
+    Result result = Result::NO_USER;
+    int error = 0;              // errno of a failure
+    std::vector<gid_t> groups;  // supplementary groups, the user's own group among them
+};
+
+// A user may have at most 128 groups.
+UserGroups LookUpUserGroups(uint32_t uid);
+
+// Look-ups that were made a moment ago: at boot many services of few users start in one burst. An
+// entry is used for a second at most, and only while the files of the user database are the same.
+class UserGroupsCache {
+public:
+    const UserGroups& LookUp(uint32_t uid);
+
+private:
+    // What the files of the user database were like.
+    static std::string ReadStamp();
+
+    std::map<uint32_t, UserGroups> found_;
+    std::string stamp_;
+    SteadyTime filled_{};
+};
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,97 @@
+// The base services that have been started: the list of their records, in start order, and its
+// lock. Base start-up adds to it, the reaper stores exits in it, CheckThread moves its records from
+// state to state, the request handlers set what services report about themselves.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "app/app_info.h"
+#include "app/process_launcher.h"
+#include "baseservice/reported_state.h"
+#include "message/request_msg.h"
+
+namespace ProcMgr {
+
+class BaseServices {
+public:
+    // Both must outlive this object.
+    BaseServices(App::ProcessLauncher& launcher, ReportedState& reportedState);
+
+    // Forks the record's program and adds a copy of the record. The lock is held from before the
+    // fork until the record is in the list, so the reaper finds it however soon the child dies.
+    // False, with a log line, when there is no process.
+    bool Start(App::BaseAppInfo& record);
+
+    // Whether every service of `depends` has been started and is alive. Logs what it finds.
+    bool CheckDepends(const std::set<std::string>& depends, const std::string& name);
+
+    // Nothing when the service is not in the list.
+    std::optional<ProcessState> GetState(const std::string& name);
+
+    // Stores the exit of the process `pid`; false when no service has it.
+    bool SetExitStatus(int32_t pid, int32_t status);
+
+    // One pass of CheckThread over all records.
+    void CheckBaseApps();
+
+    // Waits while a pass would find nothing new and `running` is true.
+    void WaitForWork(const std::atomic<bool>& running);
+    // Makes it look at `running` again.
+    void WakeWaiter();
+
+    // What a service says about itself.
+    void HandleStateReport(const std::string& name, const Message::BaseServiceStateInfo& info);
+
+    // The heartbeat library's word: `status` 1 lost, 0 back. Returns 1 when handled, else 0.
+    int HeartBeatNotify(const char* name, size_t nameLength, int32_t pid, uint32_t status);
+
+    // Ends every service, in reverse start order: SIGTERM, then SIGKILL when its term time-out has
+    // passed. A service is not ended before those that depend on it are gone. Needs the reaper.
+    void StopAll();
+
+private:
+    using Record = App::BaseAppInfo;
+
+    // What is due to a service that has been told to end.
+    struct Ending {
+        SteadyTime due;  // the kill, or after it the end of all patience
+        bool isKilled = false;
+    };
+    using Endings = std::map<std::string, Ending>;
+
+    // The callers of all that follow hold mutex_.
+    // Whether the next pass of CheckThread has something to find out about the record.
+    static bool NeedsCheck(const Record& record);
+    void RequestCheck();
+    Record* Find(const std::string& name);
+    void CheckOne(Record& record);
+    // Whether a service that is alive depends on `name`.
+    bool IsNeeded(const std::string& name) const;
+    void Terminate(const std::string& name, Endings& endings);
+    // Waits for exits, and kills what is late, while `condition` is true.
+    void WaitWhile(std::unique_lock<std::mutex>& lock, Endings& endings,
+                   const std::function<bool()>& condition);
+    // Does what is due; returns when the next thing is, nothing when all are gone or given up.
+    std::optional<SteadyTime> KillLate(Endings& endings);
+
+    App::ProcessLauncher& launcher_;
+    ReportedState& reportedState_;
+    std::mutex mutex_;
+    std::condition_variable exited_;       // an exit has been stored
+    std::vector<Record> executedBaseApp_;  // guarded by mutex_, its states also by reportedState_
+    // False while a pass over all records would find nothing new: nearly always. Guarded by mutex_.
+    bool isCheckNeeded_ = false;
+    std::condition_variable checkNeeded_;
+};
+
+}  // namespace ProcMgr

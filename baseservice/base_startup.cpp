@@ -1,0 +1,216 @@
+#include "baseservice/base_startup.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "main/boot_trace.h"
+#include "main/constants.h"
+#include "main/log.h"
+#include "main/system.h"
+#include "platform/heartbeat.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr std::chrono::milliseconds SETTLE_TIME{30};
+
+// One parser for the life of the process: it knows the dependencies of what it has parsed.
+ParseAndDepend& Parser() {
+    static ParseAndDepend parser;
+    return parser;
+}
+
+}  // namespace
+
+BaseStartup::BaseStartup(BaseServices& services, ReportedState& reportedState, OwnerPipes& pipes,
+                         const OwnerReports& reports, std::function<bool()> isStopping)
+    : services_(services),
+      reportedState_(reportedState),
+      pipes_(pipes),
+      reports_(reports),
+      isStopping_(std::move(isStopping)) {}
+
+bool BaseStartup::ParseYamlFile(const std::string& path,
+                                std::vector<ApplicationManifest>& manifests) {
+    std::set<std::string> scratch;
+    if (Parser().ParseYaml(0, path, manifests, scratch) != 0) {
+        return false;
+    }
+    for (const ApplicationManifest& manifest : manifests) {
+        const std::string name = manifest.GetAppName();
+        if (name.empty()) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : ParseYamlFile : appName is NULL");
+            return false;
+        }
+        if (manifest.GetManifestList() == ManifestList::SERVICES) {
+            enabledNames_.push_back(name);
+        }
+    }
+    return true;
+}
+
+void BaseStartup::InitBaseApplication(const std::string& path) {
+    ProcMgrLog(LOG_INFO, "%s InitBaseApplication begin, yaml path=%s",
+               BootStrace(BOOT_TRACE_TAG).c_str(), path.c_str());
+    if (!ParseYamlFile(path, manifests_)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : ParseYamlFile failed, ProcMgr return");
+        return;
+    }
+    DependGraph graph;
+    Parser().GetStartGraph(enabledNames_, graph);
+    const Outcome outcome = StartInOrder(graph);
+    if (outcome == Outcome::ABANDONED) {
+        return;
+    }
+    manifests_ = {};
+    ProcMgrLog(LOG_INFO, "%s InitBaseApplication end", BootStrace(BOOT_TRACE_TAG).c_str());
+    SleepFor(SETTLE_TIME);
+    if (EnableWatchDog(outcome == Outcome::ALL_STARTED)) {
+        WriteBootTracePoint(POINT_ALL_STARTED);
+    }
+}
+
+BaseStartup::Outcome BaseStartup::StartInOrder(DependGraph& graph) {
+    Outcome result = Outcome::ALL_STARTED;
+    std::set<std::string> worked;
+    while (!graph.IsEmpty()) {
+        const std::vector<std::string> free = graph.GetNoDependVertices();
+        if (free.empty()) {
+            LogBlocked(worked);
+            return Outcome::SOME_FAILED;
+        }
+        const std::set<std::string> batch(free.begin(), free.end());
+        const Outcome outcome = StartBatch(batch);
+        if (outcome == Outcome::ABANDONED) {
+            return outcome;
+        }
+        if (outcome == Outcome::SOME_FAILED) {
+            result = outcome;
+        }
+        // Also those that failed: what depends on them fails at its own check.
+        for (const std::string& name : batch) {
+            graph.Pop(name);
+        }
+        worked.insert(batch.begin(), batch.end());
+    }
+    return result;
+}
+
+BaseStartup::Outcome BaseStartup::StartBatch(const std::set<std::string>& batch) {
+    Outcome result = Outcome::ALL_STARTED;
+    for (const std::string& name : batch) {
+        if (isStopping_()) {
+            return Outcome::ABANDONED;
+        }
+        const auto manifest = std::find_if(
+            manifests_.begin(), manifests_.end(),
+            [&](const ApplicationManifest& candidate) { return candidate.GetAppName() == name; });
+        if (manifest == manifests_.end()) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : can't find %s", name.c_str());
+            return Outcome::ABANDONED;
+        }
+        App::BaseAppInfo record(*manifest);
+        if (!InitOneBaseApplication(record)) {
+            ProcMgrLog(LOG_ERR, "process-manager cur time:%s, start baseApp=%s failed",
+                       BootStrace(BOOT_TRACE_TAG).c_str(), name.c_str());
+            result = Outcome::SOME_FAILED;
+        }
+    }
+    return result;
+}
+
+bool BaseStartup::InitOneBaseApplication(App::BaseAppInfo& record) {
+    const std::string& name = record.appName_;
+    if (record.IsAlive()) {
+        ProcMgrLog(LOG_WARNING, "PROCMGR=%s is already running", name.c_str());
+        return true;
+    }
+    if (!CheckDepends(record.dependList_, name) || !services_.Start(record)) {
+        return false;
+    }
+    reports_.ReportAppStateToZorn(record, RUNNING_NORMAL_START, 0);
+    if (!record.isReporting_) {
+        return true;
+    }
+    if (!pipes_.RegServiceCallBack(name, record.gid_)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : procname=%s RegisterService failed", name.c_str());
+        return false;
+    }
+    RegisterHeartBeat(record);
+    WaitBaseAppReport(name);
+    return true;
+}
+
+bool BaseStartup::CheckDepends(const std::set<std::string>& depends, const std::string& name) {
+    return services_.CheckDepends(depends, name);
+}
+
+void BaseStartup::RegisterHeartBeat(const App::BaseAppInfo& record) {
+    const std::string& name = record.appName_;
+    ProcMgrLog(LOG_INFO, "Register heart beat checker for %s.", name.c_str());
+    const int ret = RegisterCheckHeartBeat(
+        name.c_str(), name.size(), record.pid_,
+        [this](const char* app, size_t length, int32_t pid, uint32_t status) {
+            return services_.HeartBeatNotify(app, length, pid, status);
+        });
+    if (ret != 0) {
+        ProcMgrLog(LOG_ERR, "Register heart beat for %s failed. (ret=%d)", name.c_str(), ret);
+    }
+}
+
+bool BaseStartup::WaitBaseAppReport(const std::string& name) {
+    constexpr bool RETRY = false;
+    while (!isStopping_()) {
+        const uint64_t seen = reportedState_.GetChanges();
+        // The list moves while we sleep: a service that has left it will not report any more.
+        const ProcessState state = services_.GetState(name).value_or(TERMINATED);
+        if (state == RUNNING || state == TERMINATING || state == TERMINATED) {
+            LogReport(name, state);
+            return RETRY;
+        }
+        ProcMgrLog(LOG_INFO,
+                   "PROCMGR: waiting for baseApp=%s reported state, RUNNING OR TERMINATING.",
+                   name.c_str());
+        reportedState_.WaitForChangeSince(seen);
+    }
+    return RETRY;
+}
+
+void BaseStartup::LogReport(const std::string& name, ProcessState state) const {
+    if (state == RUNNING && name == PROC_ZORNMGR) {
+        WriteBootTracePoint(POINT_ZORNMGR_READY);
+    }
+    if (state == RUNNING && name == PROC_VINTOR) {
+        WriteBootTracePoint(POINT_VINTOR_READY);
+    }
+    const std::string stamp = BootStrace(BOOT_TRACE_TAG);
+    if (state == RUNNING) {
+        ProcMgrLog(LOG_INFO, "%s InitBaseApp:%s success, report RUNNING!", stamp.c_str(),
+                   name.c_str());
+    } else if (state == TERMINATING) {
+        ProcMgrLog(LOG_WARNING, "%s InitBaseApp:%s report TERMINATING!", stamp.c_str(),
+                   name.c_str());
+    } else {
+        ProcMgrLog(LOG_WARNING, "%s InitBaseApp:%s has been %u!", stamp.c_str(), name.c_str(),
+                   static_cast<unsigned>(state));
+    }
+}
+
+void BaseStartup::LogBlocked(const std::set<std::string>& started) const {
+    std::string names;
+    for (const std::string& name : enabledNames_) {
+        if (!started.contains(name)) {
+            names += names.empty() ? name : ", " + name;
+        }
+    }
+    ProcMgrLog(LOG_ERR, "PROCMGR : these services wait for each other and are not started: %s",
+               names.c_str());
+}
+
+bool BaseStartup::EnableWatchDog(bool flag) {
+    ProcMgrLog(LOG_DEBUG, "PROCMGR : EnableWatchDog flag=%d", flag);
+    return flag;
+}
+
+}  // namespace ProcMgr

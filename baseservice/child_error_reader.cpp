@@ -1,0 +1,77 @@
+#include "baseservice/child_error_reader.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+
+#include "main/log.h"
+#include "main/proc_mgr_env.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr size_t BUFFER_SIZE = 900;
+constexpr int PAUSE_MILLISECONDS = 500;
+constexpr int FOR_EVER = -1;
+
+}  // namespace
+
+ChildErrorReader::ChildErrorReader(const std::atomic<bool>& running)
+    : running_(running), stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+ChildErrorReader::~ChildErrorReader() {
+    close(stopFd_);
+}
+
+void ChildErrorReader::Stop() {
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(stopFd_, &one, sizeof(one));
+}
+
+void ChildErrorReader::Run() {
+    while (running_ && WaitForMessage()) {
+        ReadChildErrInfo();
+        if (!Pause(PAUSE_MILLISECONDS)) {
+            break;
+        }
+    }
+    ProcMgrLog(LOG_WARNING, "PROCMGR: ReceiveChildProcessMsgThread exit now.");
+}
+
+bool ChildErrorReader::WaitForMessage() const {
+    std::array<pollfd, 2> fds = {
+        pollfd{stopFd_, POLLIN, 0},
+        // A negative descriptor is never ready: without a pipe there is nothing to read.
+        pollfd{ProcMgrEnv::GetInstance().GetChildErrorReadFd(), POLLIN, 0},
+    };
+    while (poll(fds.data(), fds.size(), FOR_EVER) < 0 && errno == EINTR) {
+    }
+    return fds[0].revents == 0;
+}
+
+bool ChildErrorReader::Pause(int milliseconds) const {
+    pollfd stop{stopFd_, POLLIN, 0};
+    // SIGCHLD may cut it short; then the next message is read that much sooner.
+    return poll(&stop, 1, milliseconds) <= 0;
+}
+
+void ChildErrorReader::ReadChildErrInfo() {
+    const int fd = ProcMgrEnv::GetInstance().GetChildErrorReadFd();
+    if (fd == -1) {
+        return;
+    }
+    std::array<char, BUFFER_SIZE> text{};
+    const ssize_t size = read(fd, text.data(), text.size() - 1);
+    if (size == -1) {
+        ProcMgrLog(LOG_WARNING, "PROCMGR: pm read anonymous pipe failed, errno=%d", errno);
+    } else if (size > 0) {
+        ProcMgrLog(LOG_WARNING, "pm receive child process errinfo size=%d, err: %s",
+                   static_cast<int>(size), text.data());
+    }
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,51 @@
+#include "channel/muxa_retry.h"
+
+#include <chrono>
+
+#include "main/system.h"
+
+namespace ProcMgr {
+namespace {
+
+struct RetryRule {
+    int result;  // that is tried again
+    int attempts;
+    std::chrono::milliseconds pause;
+};
+
+constexpr RetryRule SEND_RULE{MUXA_TRY_AGAIN, 401, std::chrono::milliseconds(5)};
+constexpr RetryRule CLOSE_RULE{MUXA_BUSY, 10, std::chrono::milliseconds(100)};
+
+template <typename Call>
+int Retry(const RetryRule& rule, Call call) {
+    int result = call();
+    for (int attempt = 1; attempt < rule.attempts && result == rule.result; ++attempt) {
+        SleepFor(rule.pause);
+        result = call();
+    }
+    return result;
+}
+
+}  // namespace
+
+int ProcMgrMuxaSendRequest(int fd, const MuxaRequest* request) {
+    return Retry(SEND_RULE, [=] { return MuxaSendRequest(fd, request); });
+}
+
+int ProcMgrMuxaSendResponse(int fd, const MuxaResponse* response) {
+    return Retry(SEND_RULE, [=] { return MuxaSendResponse(fd, response); });
+}
+
+int ProcMgrMuxaRPCSync(int fd, MuxaRequest* request, MuxaResponse* response) {
+    return Retry(SEND_RULE, [=] { return MuxaRPCSync(fd, request, response); });
+}
+
+int ProcMgrMuxaTimedRPCSync(int fd, MuxaRequest* request, MuxaResponse* response, int timeout) {
+    return Retry(SEND_RULE, [=] { return MuxaTimedRPCSync(fd, request, response, timeout); });
+}
+
+int ProcMgrMuxaClosePipe(int fd) {
+    return Retry(CLOSE_RULE, [=] { return MuxaClosePipe(fd); });
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,19 @@
+// The messaging library's calls with the daemon's fixed retries. Callable from any thread; each
+// blocks while it retries, for 2 s at most, and returns the last result of the wrapped call.
+#pragma once
+
+#include "platform/messaging.h"
+
+namespace ProcMgr {
+
+// Results of the library that are worth another attempt.
+inline constexpr int MUXA_TRY_AGAIN = -11;
+inline constexpr int MUXA_BUSY = -16;
+
+int ProcMgrMuxaSendRequest(int fd, const MuxaRequest* request);
+int ProcMgrMuxaSendResponse(int fd, const MuxaResponse* response);
+int ProcMgrMuxaRPCSync(int fd, MuxaRequest* request, MuxaResponse* response);
+int ProcMgrMuxaTimedRPCSync(int fd, MuxaRequest* request, MuxaResponse* response, int timeout);
+int ProcMgrMuxaClosePipe(int fd);
+
+}  // namespace ProcMgr

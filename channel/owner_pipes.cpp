@@ -1,0 +1,110 @@
+#include "channel/owner_pipes.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <mutex>
+#include <utility>
+
+#include "channel/muxa_retry.h"
+#include "main/constants.h"
+#include "main/log.h"
+#include "main/system.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr int CLOSE_ATTEMPTS = 20;
+constexpr std::chrono::milliseconds CLOSE_PAUSE{100};
+constexpr int NOT_OPEN = -1;
+
+}  // namespace
+
+OwnerPipes::OwnerPipes(MuxaCallback handler) : handler_(std::move(handler)) {}
+
+void OwnerPipes::CloseAll() {
+    std::map<std::string, int> fds;
+    {
+        const std::unique_lock lock(mutex_);
+        fds.swap(fds_);
+    }
+    for (const auto& [owner, fd] : fds) {
+        if (fd > 0) {
+            ProcMgrMuxaClosePipe(fd);
+        }
+    }
+}
+
+bool OwnerPipes::RegServiceCallBack(const std::string& owner, uint32_t gid) {
+    if (std::getenv(ENV_PROC_NAME) == nullptr) {
+        ProcMgrLog(LOG_ERR,
+                   "********* PROCMGR : RegServiceCallBack begin :pmProcName is null, "
+                   "targetProcName=%s",
+                   owner.c_str());
+    }
+    if (owner.empty()) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : RegServiceCallBack failed: procName is null");
+        return false;
+    }
+    if (GetServiceFd(owner) > 0) {
+        UnRegServiceCallBack(owner);
+    }
+    TakeFd(owner);
+
+    MuxaOpenAttributes attributes;
+    attributes.name = owner;
+    attributes.value = gid;
+    attributes.callback = handler_;
+    int fd = NOT_OPEN;
+    {
+        const std::unique_lock lock(mutex_);
+        fd = MuxaOpen(attributes);
+        if (fd == MUXA_TRY_AGAIN) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : MuxaOpen failed, try again");
+            fd = MuxaOpen(attributes);
+        }
+        if (fd < 1) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : RegServiceCallBack failed!! ret=%d, errno=%d", fd,
+                       errno);
+            return false;
+        }
+        fds_[owner] = fd;
+    }
+    ProcMgrLog(LOG_INFO, "********* PROCMGR : RegServiceCallBack success fd=%d, targetProcName=%s",
+               fd, owner.c_str());
+    return true;
+}
+
+void OwnerPipes::UnRegServiceCallBack(const std::string& owner) {
+    const int fd = TakeFd(owner);
+    int result = MUXA_BUSY;
+    for (int attempt = 0; attempt < CLOSE_ATTEMPTS && result == MUXA_BUSY; ++attempt) {
+        result = MuxaClosePipe(fd);
+        if (result >= 0) {
+            ProcMgrLog(LOG_INFO, "PROCMGR : Master UnRegServiceCallBack success proName: %s fd: %d",
+                       owner.c_str(), fd);
+            return;
+        }
+        if (result == MUXA_BUSY) {
+            SleepFor(CLOSE_PAUSE);
+        }
+    }
+    ProcMgrLog(LOG_ERR,
+               "PROCMGR : Master UnRegServiceCallBack failed: MuxaClosePipe failed err code: %d",
+               result);
+}
+
+int OwnerPipes::GetServiceFd(const std::string& owner) const {
+    // std::shared_mutex retries while the system is out of read locks and throws on a deadlock.
+    const std::shared_lock lock(mutex_);
+    const auto entry = fds_.find(owner);
+    return entry == fds_.end() ? NOT_OPEN : entry->second;
+}
+
+int OwnerPipes::TakeFd(const std::string& owner) {
+    const std::unique_lock lock(mutex_);
+    const auto [entry, isNew] = fds_.try_emplace(owner, NOT_OPEN);
+    return std::exchange(entry->second, NOT_OPEN);
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,45 @@
+// The pipes to the services that own applications: one entry for each owner name, guarded by one
+// reader/writer lock. Base start-up and supervision register, every report sender looks up.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <shared_mutex>
+#include <string>
+
+#include "platform/messaging.h"
+
+namespace ProcMgr {
+
+class OwnerPipes {
+public:
+    // `handler` receives every request of every pipe, on threads of the messaging library.
+    explicit OwnerPipes(MuxaCallback handler);
+    ~OwnerPipes() { CloseAll(); }
+    OwnerPipes(const OwnerPipes&) = delete;
+    OwnerPipes& operator=(const OwnerPipes&) = delete;
+
+    // Opens the pipe to `owner`, whose peer must have `gid` or be root. A pipe of that name that is
+    // still open is closed first. False, with a log line, on failure.
+    bool RegServiceCallBack(const std::string& owner, uint32_t gid);
+
+    // Marks the owner not open and closes its pipe, waiting up to 2 s for a request that is being
+    // handled.
+    void UnRegServiceCallBack(const std::string& owner);
+
+    // Closes every pipe: no request arrives afterwards.
+    void CloseAll();
+
+    // The pipe's descriptor; -1 for an owner that is unknown or not open.
+    int GetServiceFd(const std::string& owner) const;
+
+private:
+    // Takes the owner's descriptor out of the table, leaving -1.
+    int TakeFd(const std::string& owner);
+
+    const MuxaCallback handler_;
+    mutable std::shared_mutex mutex_;
+    std::map<std::string, int> fds_;  // guarded by mutex_; entries are never erased
+};
+
+}  // namespace ProcMgr

@@ -1,0 +1,95 @@
+#include "channel/owner_reports.h"
+
+#include <utility>
+
+#include "channel/muxa_retry.h"
+#include "main/boot_trace.h"
+#include "main/constants.h"
+#include "main/log.h"
+#include "message/serialization.h"
+
+namespace ProcMgr {
+
+using Message::AppStateInfo;
+using Message::RequestMsg;
+
+bool OwnerReports::SendRequestMsg(int fd, const std::vector<RequestMsg>& records) {
+    if (records.empty()) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : Master SendRequestMsg failed: RequestPieceMsg is empty");
+        return false;
+    }
+    for (const RequestMsg& record : records) {
+        MuxaRequest request;
+        request.data = &record;
+        request.length = sizeof(record);
+        const int result = ProcMgrMuxaSendRequest(fd, &request);
+        if (result < 0) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : Master SendRequestMsg failed, err code=%d, fd=%d",
+                       result, fd);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool OwnerReports::ReportAppState(const std::vector<AppStateInfo>& infos,
+                                  const std::string& owner) const {
+    if (infos.empty()) {
+        return true;
+    }
+    std::vector<std::pair<uint32_t, std::string>> pieces;
+    if (!Serialization::ProcMgrPackAppStateRequest(infos, pieces)) {
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : Master ReportAppState failed: PackAppStateRequest failed, owner=%s",
+                   owner.c_str());
+        return false;
+    }
+    std::vector<RequestMsg> records;
+    if (!Serialization::ProcMgrCombinePiecesMsg(Message::APP_STATE_REPORT, pieces, records)) {
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : Master ReportAppState failed: CombinePiecesMsg failed, owner=%s",
+                   owner.c_str());
+        return false;
+    }
+    const int fd = pipes_.GetServiceFd(owner);
+    if (fd < 1) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : Master ReportAppState failed: invalid fd, owner=%s",
+                   owner.c_str());
+        return false;
+    }
+    if (!SendRequestMsg(fd, records)) {
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : Master ReportAppState failed: SendRequestMsg %s failed, fd:%d",
+                   owner.c_str(), fd);
+        return false;
+    }
+    for (const AppStateInfo& info : infos) {
+        ProcMgrLog(LOG_INFO, "%s PM report appState to %s, appState=%s, appName=%s, pid=%u",
+                   BootStrace(BOOT_TRACE_TAG).c_str(), owner.c_str(),
+                   GetReportAppStateTypeStr(info.reportType).c_str(), info.appName.c_str(),
+                   info.pid);
+    }
+    return true;
+}
+
+void OwnerReports::ReportAppStateToZorn(const App::AppInfo& app, uint32_t reportType,
+                                        uint32_t result) const {
+    if (app.appName_ == PROC_ZORNMGR) {
+        return;
+    }
+    AppStateInfo info;
+    info.appName = app.appName_;
+    info.pid = static_cast<uint32_t>(app.pid_);
+    info.gid = app.gid_;
+    info.reportType = reportType;
+    info.result = result;
+    if (ReportAppState({info}, PROC_ZORNMGR)) {
+        ProcMgrLog(LOG_INFO, "PROCMGR : report %s's state: %d to zornmgr successfully",
+                   app.appName_.c_str(), static_cast<int>(reportType));
+        return;
+    }
+    ProcMgrLog(LOG_ERR, "PROCMGR : report %s's state: %d to zornmgr failed", app.appName_.c_str(),
+               static_cast<int>(reportType));
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,48 @@
+#include "main/proc_mgr_env.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "main/boot_trace.h"
+#include "main/constants.h"
+#include "main/log.h"
+
+namespace ProcMgr {
+
+ProcMgrEnv& ProcMgrEnv::GetInstance() {
+    static ProcMgrEnv instance;
+    return instance;
+}
+
+void ProcMgrEnv::StorePid() {
+    pid_ = getpid();
+}
+
+void ProcMgrEnv::CreateChildErrorPipe() {
+    int ends[2] = {-1, -1};
+    if (pipe(ends) != 0) {
+        ProcMgrLog(LOG_WARNING, "PROCMGR: creat anonymous pipe failed, errno=%d", errno);
+        return;
+    }
+    fcntl(ends[0], F_SETFD, FD_CLOEXEC);
+    fcntl(ends[1], F_SETFD, FD_CLOEXEC);
+    fcntl(ends[1], F_SETFL, O_NONBLOCK);
+    childErrorReadFd_ = ends[0];
+    childErrorWriteFd_ = ends[1];
+    ProcMgrLog(LOG_WARNING,
+               "%s PROCMGR: creat anonymous pipe success, read pipe fd=%d, write pipe fd=%d",
+               BootStrace(BOOT_TRACE_TAG).c_str(), ends[0], ends[1]);
+}
+
+void ProcMgrEnv::CloseChildErrorPipe() {
+    for (std::atomic<int>* fd : {&childErrorReadFd_, &childErrorWriteFd_}) {
+        if (*fd >= 0) {
+            close(*fd);
+        }
+        *fd = -1;
+    }
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,80 @@
+// The one daemon object: constructs the parts, hands each what it needs, runs the start-up sequence
+// and the long-lived threads, and takes everything down again.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "app/process_launcher.h"
+#include "baseservice/base_services.h"
+#include "baseservice/base_startup.h"
+#include "baseservice/child_error_reader.h"
+#include "baseservice/reported_state.h"
+#include "channel/owner_pipes.h"
+#include "channel/owner_reports.h"
+#include "channel/request_dispatch.h"
+#include "generalapp/reaper.h"
+
+namespace ProcMgr {
+
+// Runs the daemon with the base services of the file at `path`, a normalised path. Returns when it
+// was told to stop: 0, or 1 when it failed.
+uint32_t ProcMgrRun(const std::string& path);
+
+class ProcessManager {
+public:
+    explicit ProcessManager(const std::string& baseServiceCfgPath);
+    // The orderly shutdown: wakes and joins every thread. Leaves the children alone.
+    ~ProcessManager();
+    ProcessManager(const ProcessManager&) = delete;
+    ProcessManager& operator=(const ProcessManager&) = delete;
+
+    // The first half of the initialisation. Its steps report their own failures: always true.
+    bool Init();
+
+    // Starts the threads and the base services; returns after the applications have been stopped.
+    void Run();
+
+private:
+    // Quick start: waits until the platform says that start-up may go on, 10 s at most.
+    void WaitContinueSignal();
+    bool IsContinued();
+    void ContinueProcMgrInit();
+
+    // Thread bodies.
+    void CheckThread();
+    void WaitThread();
+    void ReceiveChildProcessMsgThread();
+
+    // Passes a stop signal on to whoever waits for it. Called by WaitThread.
+    void ForwardStop();
+    void WaitForStop();
+    void StopApplications();
+    void JoinThreads();
+
+    std::mutex mutex_;
+    std::condition_variable condition_;  // the stop flag has changed
+    std::string baseServiceCfgPath;
+    std::atomic<bool> running_{true};      // every thread loop ends when it is false
+    std::atomic<bool> isStopping_{false};  // an orderly stop has begun
+
+    App::ProcessLauncher launcher_;
+    ReportedState reportedState_;
+    BaseServices baseServices_;
+    RequestDispatch dispatch_;
+    OwnerPipes pipes_;  // after what its callbacks use: it is destroyed, and they end, first
+    OwnerReports reports_;
+    BaseStartup baseStartup_;
+    Reaper reaper_;
+    ChildErrorReader childErrorReader_;
+
+    std::thread checkThread_;
+    std::thread receiveChildProcessMsgThread_;
+    std::thread waitThread_;
+};
+
+}  // namespace ProcMgr

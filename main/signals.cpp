@@ -1,0 +1,84 @@
+#include "main/signals.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "main/boot_trace.h"
+
+namespace ProcMgr {
+namespace {
+
+// Exit status of a process that a signal ended, as shells print it.
+constexpr int EXIT_SIGNALED = 128;
+
+std::atomic<bool> g_continueReceived{false};
+std::atomic<uint64_t> g_continueCounter{0};
+std::atomic<bool> g_stopRequested{false};
+std::atomic<int> g_eventFd{-1};
+static_assert(std::atomic<uint64_t>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+
+void OnChildSignal(int /*signal*/) {
+    WakeSignalEvent();
+}
+
+void OnStopSignal(int signal) {
+    if (g_stopRequested.exchange(true)) {
+        _exit(EXIT_SIGNALED + signal);
+    }
+    WakeSignalEvent();
+}
+
+void Install(int signal, void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigemptyset(&action.sa_mask);
+    sigaction(signal, &action, nullptr);
+}
+
+}  // namespace
+
+void InstallContinueSignal() {
+    Install(SIGCONT, OnContinueSignal, SA_RESTART);
+}
+
+void OnContinueSignal(int /*signal*/) {
+    g_continueCounter = ReadBootCounter();
+    g_continueReceived = true;
+}
+
+bool IsContinueReceived() {
+    return g_continueReceived;
+}
+
+uint64_t GetContinueCounter() {
+    return g_continueCounter;
+}
+
+void InstallSignals() {
+    g_eventFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    Install(SIGPIPE, SIG_IGN, 0);
+    Install(SIGTERM, OnStopSignal, SA_RESTART);
+    Install(SIGINT, OnStopSignal, SA_RESTART);
+    Install(SIGCHLD, OnChildSignal, SA_RESTART | SA_NOCLDSTOP);
+}
+
+bool IsStopRequested() {
+    return g_stopRequested;
+}
+
+int GetSignalEventFd() {
+    return g_eventFd;
+}
+
+void WakeSignalEvent() {
+    const int saved = errno;
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(g_eventFd, &one, sizeof(one));
+    errno = saved;
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,353 @@
+// Launches of real programs, looked at from outside through /proc.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "app/process_launcher.h"
+#include "main/log.h"
+#include "main/proc_mgr_env.h"
+#include "main/signals.h"
+#include "tests/app/app_test_support.h"
+#include "tests/fakes/fake_access_manager.h"
+#include "tests/fakes/log_capture.h"
+#include "tests/main/isolated.h"
+
+namespace ProcMgr::App {
+namespace {
+
+using Fakes::LogCapture;
+using Environment = std::map<std::string, std::string>;
+
+Environment OwnEnvironment() {
+    Environment result;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string text = *entry;
+        const size_t equals = text.find('=');
+        result[text.substr(0, equals)] = text.substr(equals + 1);
+    }
+    return result;
+}
+
+Environment EnvironmentOf(pid_t pid) {
+    Environment result;
+    std::istringstream in(ReadFile("/proc/" + std::to_string(pid) + "/environ"));
+    for (std::string entry; std::getline(in, entry, '\0');) {
+        const size_t equals = entry.find('=');
+        result[entry.substr(0, equals)] = entry.substr(equals + 1);
+    }
+    return result;
+}
+
+// Descriptors above 2 that a program would get, by what they are.
+std::multiset<std::string> DescriptorsOf(const std::string& pid, bool inheritedOnly) {
+    std::multiset<std::string> result;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/" + pid + "/fd")) {
+        const int fd = std::stoi(entry.path().filename());
+        std::error_code error;
+        const std::string target = std::filesystem::read_symlink(entry.path(), error);
+        const bool isClosed = inheritedOnly && (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0;
+        if (fd > 2 && !isClosed && !error) {
+            result.insert(target);
+        }
+    }
+    return result;
+}
+
+ManifestData SleepingService() {
+    ManifestData data = SomeService();
+    data.bin = "/bin/sleep";
+    data.args = {"60"};
+    return data;
+}
+
+class LaunchTest : public IsolatedTest {
+protected:
+    void SetUp() override {
+        IsolatedTest::SetUp();
+        LogCapture::Clear();
+        ProcMgrEnv::GetInstance().SetHome("/home/default");
+        ProcMgrEnv::GetInstance().CreateChildErrorPipe();
+    }
+    void TearDown() override {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        ProcMgrEnv::GetInstance().CloseChildErrorPipe();
+        Fakes::FakeAccessManager::Get().Reset();
+    }
+
+    // Starts a program that sleeps and waits until it is the one that runs.
+    template <typename App>
+    void StartSleeping(App& app) {
+        ASSERT_TRUE(app.StartProcess(launcher_));
+        pid_ = app.pid_;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (StatusValue(pid_, "Name") != "sleep" && std::chrono::steady_clock::now() < end) {
+            usleep(1000);
+        }
+        ASSERT_EQ(StatusValue(pid_, "Name"), "sleep");
+    }
+
+    // What children have reported so far.
+    static std::string Reports() {
+        const int fd = ProcMgrEnv::GetInstance().GetChildErrorReadFd();
+        fcntl(fd, F_SETFL, O_NONBLOCK);
+        char buffer[4096];
+        const ssize_t length = read(fd, buffer, sizeof buffer);
+        return length < 0 ? std::string() : std::string(buffer, static_cast<size_t>(length));
+    }
+
+    ProcessLauncher launcher_;
+    pid_t pid_ = -1;
+};
+
+TEST_F(LaunchTest, GeneralApplicationGetsItsEnvironment) {
+    ManifestData data = SleepingService();
+    data.env = {
+        {"ALPHA", "1"}, {"HOME", "/from/manifest"}, {"OWNER_NAME", "nobody"}, {"EMPTY", ""}};
+    data.heartbeat = true;
+    GeneralAppInfo app("app", Manifest(data), "vintor");
+    app.tids_ = {1};
+    app.exitStatusSet_ = true;
+    const SteadyTime before = std::chrono::steady_clock::now();
+    StartSleeping(app);
+    EXPECT_FALSE(app.exitStatusSet_);
+    EXPECT_TRUE(app.tids_.empty());
+    EXPECT_GE(app.startTime_, before);
+    EXPECT_LE(app.startTime_, std::chrono::steady_clock::now());
+    EXPECT_EQ(app.state_, INITSTATE);
+    Environment expected = OwnEnvironment();
+    // The manifest's entries come after HOME and before the owner.
+    expected.insert_or_assign("HOME", "/from/manifest");
+    expected.insert_or_assign("ALPHA", "1");
+    expected.insert_or_assign("EMPTY", "");
+    expected.insert_or_assign("OWNER_NAME", "vintor");
+    expected.insert_or_assign("PROC_PLANE", "PLANE_DATA");
+    expected.insert_or_assign("GRP_HB", "1");
+    EXPECT_EQ(EnvironmentOf(pid_), expected);
+    EXPECT_TRUE(LogCapture::ContainsPart(
+        6, "s][BOOT_TRACE][PM] Start generalApp success appName=app, child_pid=" +
+               std::to_string(pid_) + ", isDelayCoreAffinity_=0"));
+    EXPECT_EQ(Reports(), "");
+}
+
+TEST_F(LaunchTest, BaseServiceGetsItsEnvironment) {
+    ManifestData data = SleepingService();
+    data.env = {{"HOME", "/from/manifest"}, {"IS_RESTART", "7"}};
+    data.startupEntry = "/entry";
+    data.coreAffinity = {0};
+    data.delayCoreAffinity = true;
+    BaseAppInfo app(Manifest(data));
+    app.reportType_ = TERMINATED_ABNORMAL_EXIT;
+    StartSleeping(app);
+    EXPECT_EQ(app.state_, STARTING);
+    Environment expected = OwnEnvironment();
+    expected.insert_or_assign("HOME", "/home/default");
+    expected.insert_or_assign("IS_RESTART", "1");
+    expected.insert_or_assign("STARTUP_ENTRY_PATH", "/entry");
+    EXPECT_EQ(EnvironmentOf(pid_), expected);
+    EXPECT_TRUE(LogCapture::ContainsPart(
+        6, "s][BOOT_TRACE][PM] Start baseApp success appName=svc, binPath=/bin/sleep, pid=" +
+               std::to_string(pid_) + ", isDelayCoreAffinity_=1"));
+}
+
+// Runs as a child's body, over a user database of its own.
+void CheckIdentity() {
+    BindFile("root:x:0:0::/root:/bin/sh\nsvc:x:4242:4300::/:/bin/sh\n", "/etc/passwd");
+    BindFile("root:x:0:\nmain:x:4300:\nfirst:x:4301:svc\nsecond:x:4302:svc\n", "/etc/group");
+    ManifestData data = SleepingService();
+    data.uid = 4242;
+    data.gid = 4299;
+    ProcessLauncher launcher;
+    GeneralAppInfo app("app", Manifest(data), "EM");
+    ASSERT_TRUE(app.StartProcess(launcher));
+    while (StatusValue(app.pid_, "Name") != "sleep") {
+        usleep(1000);
+    }
+    EXPECT_EQ(StatusValue(app.pid_, "Uid"), "4242\t4242\t4242\t4242");
+    EXPECT_EQ(StatusValue(app.pid_, "Gid"), "4299\t4299\t4299\t4299");
+    std::istringstream in(StatusValue(app.pid_, "Groups"));
+    const std::set<int> groups{std::istream_iterator<int>(in), {}};
+    EXPECT_EQ(groups, (std::set<int>{4300, 4301, 4302}));
+    kill(app.pid_, SIGKILL);
+
+    data.uid = 4243;  // not in the database
+    BaseAppInfo unknown(Manifest(data));
+    ASSERT_TRUE(unknown.StartProcess(launcher));
+    int status = 0;
+    waitpid(unknown.pid_, &status, 0);
+    EXPECT_EQ(status, 1 << 8);
+}
+
+TEST_F(LaunchTest, IdentityIsTheManifestsWithTheUsersGroups) {
+    const int status = RunIsolated([] {
+        alarm(20);
+        CheckIdentity();
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(Reports(), testing::MatchesRegex("app=svc,pid=[0-9]+,getpwuid is null;"));
+}
+
+TEST_F(LaunchTest, SchedulingAndLimitsAreApplied) {
+    ManifestData data = SleepingService();
+    data.nice = 5;
+    data.setRtPrio = "true";
+    GeneralAppInfo app("app", Manifest(data), "EM");
+    StartSleeping(app);
+    errno = 0;
+    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(pid_)), getpriority(PRIO_PROCESS, 0) + 5);
+    EXPECT_EQ(sched_getscheduler(pid_), sched_getscheduler(0));
+    struct rlimit limit {};
+    ASSERT_EQ(prlimit(pid_, RLIMIT_RTPRIO, nullptr, &limit), 0);
+    const std::string reports = Reports();
+    if (reports.empty()) {
+        EXPECT_EQ(limit.rlim_cur, 99U);
+        EXPECT_EQ(limit.rlim_max, 99U);
+    } else {  // not every place lets root raise a limit
+        EXPECT_EQ(reports, "app=app,pid=" + std::to_string(pid_) + ",prlimit failed,errno=1;");
+    }
+}
+
+TEST_F(LaunchTest, RealTimePolicyIsSetOrReportedBeforeTheProgramRuns) {
+    ManifestData data = SleepingService();
+    data.coreAffinity = {255};
+    BaseAppInfo app(Manifest(data));
+    StartSleeping(app);
+    const std::string reports = Reports();
+    if (sched_getscheduler(pid_) == SCHED_FIFO) {
+        struct sched_param param {};
+        sched_getparam(pid_, &param);
+        EXPECT_EQ(param.sched_priority, 99);
+        EXPECT_EQ(reports, "");
+    } else {
+        EXPECT_EQ(reports, "app=svc,pid=" + std::to_string(pid_) +
+                               ",sched_setscheduler failed errno=1,type=1,priority=99;");
+    }
+}
+
+TEST_F(LaunchTest, SignalsAndDescriptorsOfTheDaemonStayBehind) {
+    InstallContinueSignal();
+    InstallSignals();
+    sigset_t mask;
+    sigset_t before;
+    sigemptyset(&mask);
+    sigaddset(&mask, SIGUSR2);
+    sigaddset(&mask, SIGTERM);
+    pthread_sigmask(SIG_SETMASK, &mask, &before);
+    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    BaseAppInfo app(Manifest(SleepingService()));
+    StartSleeping(app);
+    sigset_t after;
+    pthread_sigmask(SIG_SETMASK, &before, &after);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        EXPECT_EQ(sigismember(&after, signal), sigismember(&mask, signal)) << signal;
+    }
+    EXPECT_EQ(StatusValue(pid_, "SigBlk"), "0000000000000000");
+    EXPECT_EQ(StatusValue(pid_, "SigCgt"), "0000000000000000");
+    const uint64_t ignored = std::stoull(StatusValue(pid_, "SigIgn"), nullptr, 16);
+    for (const int signal : CHANGED_SIGNALS) {
+        EXPECT_EQ(ignored >> (signal - 1) & 1, 0U) << signal;
+    }
+    // Whoever runs the test may have left it descriptors; the daemon's own are not among them. For
+    // a moment the program may still have its libraries open.
+    const auto inherited = DescriptorsOf("self", true);
+    auto found = DescriptorsOf(std::to_string(pid_), false);
+    for (int i = 0; i < 500 && found != inherited; ++i) {
+        usleep(10000);
+        found = DescriptorsOf(std::to_string(pid_), false);
+    }
+    EXPECT_EQ(found, inherited);
+    close(fd);
+}
+
+TEST_F(LaunchTest, WhatCannotBeExecutedIsReportedAndExitsWith1) {
+    for (const char* path : {"/no/such/program", "/etc/passwd", "/"}) {
+        ManifestData data = SomeService();
+        data.bin = path;
+        Fakes::FakeAccessManager::Get().Reset();
+        BaseAppInfo app(Manifest(data));
+        ASSERT_TRUE(app.StartProcess(launcher_));
+        int status = 0;
+        waitpid(app.pid_, &status, 0);
+        EXPECT_EQ(status, 1 << 8);
+        const int error = std::string(path) == "/no/such/program" ? ENOENT : EACCES;
+        EXPECT_EQ(Reports(), "app=svc,pid=" + std::to_string(app.pid_) +
+                                 ",execv failed, execPath_=" + path +
+                                 ", errno=" + std::to_string(error) + ";");
+    }
+}
+
+TEST_F(LaunchTest, AFullErrorPipeDoesNotStopAChild) {
+    const int fd = ProcMgrEnv::GetInstance().GetChildErrorWriteFd();
+    while (write(fd, "x", 1) == 1) {
+    }
+    Fakes::FakeAccessManager::Get().PushInit(-1, EIO);
+    BaseAppInfo app(Manifest(SleepingService()));
+    StartSleeping(app);
+}
+
+// Reaps the child; false, and it is killed, when it has not ended after that time.
+bool ReapWithin(pid_t pid, std::chrono::seconds timeout, int& status) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < end) {
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            return true;
+        }
+        usleep(200);
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return false;
+}
+
+TEST_F(LaunchTest, OtherThreadsNeverHoldAChildUp) {
+    // A library that logs in the child is what could find the log's lock taken.
+    Fakes::FakeAccessManager::Get().SetHook(
+        [](const AppConfig&) { ProcMgrLog(LOG_DEBUG, "child"); });
+    std::atomic<bool> isRunning{true};
+    std::thread logger([&] {
+        while (isRunning) {
+            ProcMgrLog(LOG_DEBUG, "noise %d", 1);
+        }
+    });
+    std::thread allocator([&] {
+        for (size_t size = 1; isRunning; size = size % 5000 + 1) {
+            const std::string text(size, 'x');
+            EXPECT_EQ(text.size(), size);
+        }
+    });
+    ManifestData data = SomeService();
+    data.env = {{"A", std::string(500, 'a')}};
+    for (int i = 0; i < 300; ++i) {
+        GeneralAppInfo app("app", Manifest(data), "EM");
+        if (!app.StartProcess(launcher_)) {
+            ADD_FAILURE() << "no start";
+            break;
+        }
+        int status = -1;
+        if (!ReapWithin(app.pid_, std::chrono::seconds(10), status)) {
+            ADD_FAILURE() << "launch " << i << " hangs";
+            break;
+        }
+        EXPECT_EQ(status, 0);
+    }
+    isRunning = false;
+    logger.join();
+    allocator.join();
+}
+
+}  // namespace
+}  // namespace ProcMgr::App

@@ -1,0 +1,366 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <optional>
+
+#include "app/app_info.h"
+#include "app/process_launcher.h"
+#include "tests/app/app_test_support.h"
+#include "tests/fakes/log_capture.h"
+
+namespace ProcMgr::App {
+namespace {
+
+using Fakes::LogCapture;
+using Fakes::LogLine;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+
+const SteadyTime START = SteadyTime{} + std::chrono::hours(1);
+constexpr int32_t EXIT_1 = 1 << 8;
+
+struct Row {
+    ProcessState from;
+    std::optional<int32_t> exit;
+    ProcessState to;
+    ReportAppStateType report;
+    std::vector<LogLine> lines;
+    bool isReporting = false;
+    bool isNewProcess = false;  // restartStarted_
+};
+
+const LogLine SELF_1 = {4,
+                        "PROCMGR : Process=svc, pid=12 was self terminated, the exit status is 1."};
+const LogLine SELF_0 = {4,
+                        "PROCMGR : Process=svc, pid=12 was self terminated, the exit status is 0."};
+
+LogLine Moves(const std::string& fromTo) {
+    return {6, "PROCMGR : " + fromTo + " appName=svc, pid=12"};
+}
+
+const std::vector<Row> COMMON_ROWS = {
+    {STARTING, {}, RUNNING, RUNNING_NORMAL_START, {Moves("STARTING to RUNNING")}},
+    {STARTING,
+     EXIT_1,
+     TERMINATED,
+     TERMINATED_ABNORMAL_EXIT,
+     {Moves("STARTING to TERMINATED"), SELF_1}},
+    {STARTING, 0, TERMINATED, TERMINATED_ABNORMAL_EXIT, {Moves("STARTING to TERMINATED"), SELF_0}},
+    {RUNNING, {}, RUNNING, INVALID_INTERMEDIATE_STATE, {}},
+    {RUNNING,
+     EXIT_1,
+     TERMINATED,
+     TERMINATED_ABNORMAL_EXIT,
+     {Moves("RUNNING to TERMINATED"), SELF_1}},
+    {INITSTATE,
+     {},
+     INITSTATE,
+     INVALID_INTERMEDIATE_STATE,
+     {{3, "PROCMGR : Process svc got unexpected state=0"}}},
+    {static_cast<ProcessState>(6),
+     {},
+     static_cast<ProcessState>(6),
+     INVALID_INTERMEDIATE_STATE,
+     {{3, "PROCMGR : Process svc got unexpected state=6"}}},
+};
+
+const std::vector<Row> BASE_ROWS = {
+    {STARTING, {}, STARTING, INVALID_INTERMEDIATE_STATE, {}, true},
+    {STARTING,
+     EXIT_1,
+     TERMINATED,
+     TERMINATED_ABNORMAL_EXIT,
+     {Moves("STARTING to TERMINATED"), SELF_1},
+     true},
+    {TERMINATING, {}, TERMINATING, INVALID_INTERMEDIATE_STATE, {}},
+    {TERMINATING,
+     EXIT_1,
+     TERMINATED,
+     TERMINATED_NORMAL_EXIT,
+     {Moves("TERMINATING to TERMINATED"), SELF_1}},
+    {TERMINATED,
+     {},
+     TERMINATED,
+     TERMINATED_ABNORMAL_EXIT,
+     {{3, "PROCMGR : Process svc got unexpected TERMINATED state"}}},
+    {RESTARTING,
+     {},
+     RESTARTING,
+     INVALID_INTERMEDIATE_STATE,
+     {{3, "PROCMGR : Process svc got unexpected state=5"}}},
+};
+
+const std::vector<Row> GENERAL_ROWS = {
+    // What the last check found stays as it is.
+    {TERMINATED,
+     {},
+     TERMINATED,
+     RUNNING_NORMAL_RESTART,
+     {{3, "PROCMGR : Process svc got unexpected TERMINATED state"}}},
+    {RESTARTING, {}, RUNNING, RUNNING_NORMAL_RESTART, {}, false, true},
+    {RESTARTING,
+     EXIT_1,
+     TERMINATED,
+     TERMINATED_ABNORMAL_EXIT,
+     {Moves("RESTARTING to TERMINATED"), SELF_1},
+     false,
+     true},
+};
+
+void Prepare(AppInfo& app, const Row& row) {
+    app.pid_ = 12;
+    app.state_ = row.from;
+    app.reportType_ = RUNNING_NORMAL_RESTART;
+    app.exitedWith125_ = true;
+    app.isReporting_ = row.isReporting;
+    if (row.exit) {
+        app.SetExitStatus(*row.exit);
+    }
+    LogCapture::Clear();
+}
+
+void ExpectRow(const AppInfo& app, ProcessState result, const Row& row) {
+    const std::string what = GetProcessStateStr(row.from) + (row.exit ? " exited" : "");
+    EXPECT_EQ(result, row.to) << what;
+    EXPECT_EQ(app.state_, row.from) << what;
+    EXPECT_EQ(app.reportType_, row.report) << what;
+    EXPECT_FALSE(app.exitedWith125_) << what;
+    EXPECT_EQ(LogCapture::Lines(), row.lines) << what;
+}
+
+class StateMachineTest : public testing::Test {
+protected:
+    void SetUp() override { LogCapture::Clear(); }
+
+    // A general application whose terminate or restart has begun at START.
+    GeneralAppInfo Ending(pid_t pid, ProcessState state, uint32_t timeout, bool isForced) const {
+        ManifestData data = SomeService();
+        data.termTimeoutMs = timeout;
+        data.forceTerm = isForced;
+        GeneralAppInfo app("svc", Manifest(data), "EM");
+        app.pid_ = pid;
+        app.state_ = state;
+        app.SetTermStartTime(START);
+        return app;
+    }
+
+    ProcessLauncher launcher_;
+};
+
+TEST_F(StateMachineTest, BaseServiceRows) {
+    for (const auto& rows : {COMMON_ROWS, BASE_ROWS}) {
+        for (const Row& row : rows) {
+            BaseAppInfo app(Manifest(SomeService()));
+            Prepare(app, row);
+            ExpectRow(app, app.CheckState(), row);
+        }
+    }
+}
+
+TEST_F(StateMachineTest, GeneralApplicationRows) {
+    for (const auto& rows : {COMMON_ROWS, GENERAL_ROWS}) {
+        for (const Row& row : rows) {
+            GeneralAppInfo app("svc", Manifest(SomeService()), "EM");
+            app.restartStarted_ = row.isNewProcess;
+            Prepare(app, row);
+            ExpectRow(app, app.CheckState(START, launcher_), row);
+        }
+    }
+}
+
+TEST_F(StateMachineTest, WithoutAProcessNothingMoves) {
+    for (const pid_t pid : {0, -1}) {
+        for (const ProcessState state : {INITSTATE, STARTING, RUNNING, TERMINATING, RESTARTING}) {
+            Row row{state, 0, state, INVALID_INTERMEDIATE_STATE, {}};
+            row.lines = {{3, "CheckState : pid <= 0, don't call waitpid(), currentState=" +
+                                 std::to_string(state)}};
+            BaseAppInfo base(Manifest(SomeService()));
+            Prepare(base, row);
+            base.pid_ = pid;
+            ExpectRow(base, base.CheckState(), row);
+
+            GeneralAppInfo general("svc", Manifest(SomeService()), "EM");
+            Prepare(general, row);
+            general.pid_ = pid;
+            EXPECT_EQ(general.CheckState(START, launcher_), state);
+            EXPECT_EQ(LogCapture::Lines(), row.lines);
+            EXPECT_FALSE(general.killSent_);
+        }
+    }
+}
+
+TEST_F(StateMachineTest, OnlyAZornmgrJobMayExitNormally) {
+    struct Case {
+        const char* policy;
+        const char* owner;
+        int32_t status;
+        ReportAppStateType report;
+        bool is125 = false;
+    };
+    const Case cases[] = {
+        {"on-until-succeed", "zornmgr", 0, TERMINATED_NORMAL_EXIT},
+        {"on-until-succeed", "zornmgr", EXIT_1, TERMINATED_ABNORMAL_EXIT},
+        {"on-until-succeed", "zornmgr", SIGTERM, TERMINATED_ABNORMAL_EXIT},
+        {"on-until-succeed", "zornmgr", 125 << 8, TERMINATED_ABNORMAL_EXIT, true},
+        {"on-until-succeed", "vintor", 0, TERMINATED_ABNORMAL_EXIT},
+        {"on-until-succeed", "zornmgr2", 0, TERMINATED_ABNORMAL_EXIT},
+        {"on-failure", "zornmgr", 0, TERMINATED_ABNORMAL_EXIT},
+        {"no", "EM", 125 << 8, TERMINATED_ABNORMAL_EXIT, true},
+        {"no", "EM", 125, TERMINATED_ABNORMAL_EXIT},
+    };
+    for (const Case& test : cases) {
+        for (const ProcessState state : {STARTING, RUNNING, RESTARTING}) {
+            ManifestData data = SomeService();
+            data.restart = test.policy;
+            GeneralAppInfo app("svc", Manifest(data), test.owner);
+            app.pid_ = 12;
+            app.state_ = state;
+            app.restartStarted_ = true;
+            app.SetExitStatus(test.status);
+            LogCapture::Clear();
+            EXPECT_EQ(app.CheckState(START, launcher_), TERMINATED);
+            EXPECT_EQ(app.reportType_, test.report) << test.policy << test.owner << test.status;
+            EXPECT_EQ(app.exitedWith125_, test.is125) << test.status;
+            EXPECT_EQ(LogCapture::Count(6, "PROCMGR : non resident app=svc normal exit"),
+                      test.report == TERMINATED_NORMAL_EXIT ? 1U : 0U);
+        }
+    }
+}
+
+TEST_F(StateMachineTest, ATerminateCompletesWithTheExit) {
+    for (const bool isKilled : {false, true}) {
+        GeneralAppInfo app = Ending(12, TERMINATING, 0, true);
+        app.killSent_ = isKilled;
+        app.SetExitStatus(125 << 8);
+        LogCapture::Clear();
+        EXPECT_EQ(app.CheckState(START + nanoseconds(7'999'999), launcher_), TERMINATED);
+        EXPECT_EQ(app.reportType_, TERMINATED_NORMAL_EXIT);
+        EXPECT_FALSE(app.killSent_);
+        EXPECT_FALSE(app.exitedWith125_);
+        const std::vector<LogLine> lines = {
+            {6, "PROCMGR : TERMINATING to TERMINATED. (appName=svc,pid=12,cost=7 ms)"},
+            {4, "PROCMGR : Process=svc, pid=12 was self terminated, the exit status is 125."},
+        };
+        EXPECT_EQ(LogCapture::Lines(), lines);
+    }
+}
+
+TEST_F(StateMachineTest, ATerminateThatTimesOutKillsExactlyOnce) {
+    WaitingChild child;
+    const std::string id = std::to_string(child.Pid());
+    GeneralAppInfo app = Ending(child.Pid(), TERMINATING, 20, true);
+    for (const auto elapsed : {nanoseconds(0), nanoseconds(19'999'999)}) {
+        EXPECT_EQ(app.CheckState(START + elapsed, launcher_), TERMINATING);
+        EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
+        EXPECT_FALSE(app.killSent_);
+    }
+    EXPECT_TRUE(LogCapture::Lines().empty());
+    EXPECT_TRUE(child.IsUntouched());
+    for (const int elapsed : {20, 21, 500}) {
+        EXPECT_EQ(app.CheckState(START + milliseconds(elapsed), launcher_), TERMINATING);
+        EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
+        EXPECT_TRUE(app.killSent_);
+    }
+    const std::vector<LogLine> lines = {
+        {6, "PROCMGR : term timeout and forceTerm is true, so kill appName=svc, pid=" + id +
+                ",TERMINATING to TERMINATED"},
+        {6, "PROCMGR : SendSignal: 9 to app=svc, pid=" + id},
+        {6, "PROCMGR : SendSignal: Successfully kill appName=svc, pid=" + id},
+    };
+    EXPECT_EQ(LogCapture::Lines(), lines);
+    EXPECT_EQ(child.Reap(), SIGKILL);
+}
+
+TEST_F(StateMachineTest, ATerminateWithoutForceGivesUp) {
+    WaitingChild child;
+    GeneralAppInfo app = Ending(child.Pid(), TERMINATING, 0, false);
+    EXPECT_EQ(app.CheckState(START, launcher_), RUNNING);
+    EXPECT_EQ(app.reportType_, RUNNING_ABNORMAL_TERM_TIMEOUT);
+    EXPECT_FALSE(app.killSent_);
+    EXPECT_EQ(
+        LogCapture::Lines(),
+        (std::vector{LogLine{
+            6, "PROCMGR : term timeout and forceTerm is false, so not kill appName=svc, pid=" +
+                   std::to_string(child.Pid()) + "TERMINATING to RUNNING"}}));
+    EXPECT_TRUE(child.IsUntouched());
+}
+
+TEST_F(StateMachineTest, ARestartKillsWhateverForceTermSaysAndStartsAgain) {
+    WaitingChild child;
+    const pid_t oldPid = child.Pid();
+    GeneralAppInfo app = Ending(oldPid, RESTARTING, 20, false);
+    app.savedForceTerm_ = true;
+    app.tids_ = {1, 2};
+    EXPECT_EQ(app.CheckState(START + nanoseconds(19'999'999), launcher_), RESTARTING);
+    EXPECT_FALSE(app.killSent_);
+    EXPECT_TRUE(LogCapture::Lines().empty());
+    for (const int elapsed : {20, 40}) {
+        EXPECT_EQ(app.CheckState(START + milliseconds(elapsed), launcher_), RESTARTING);
+        EXPECT_TRUE(app.killSent_);
+        EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
+    }
+    EXPECT_EQ(LogCapture::Count(6, "PROCMGR : SendSignal: Successfully kill appName=svc, pid=" +
+                                       std::to_string(oldPid)),
+              1U);
+    app.SetExitStatus(child.Reap());
+
+    const SteadyTime before = std::chrono::steady_clock::now();
+    EXPECT_EQ(app.CheckState(START + milliseconds(50), launcher_), RESTARTING);
+    EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
+    EXPECT_FALSE(app.killSent_);
+    EXPECT_TRUE(app.restartStarted_);
+    EXPECT_TRUE(app.forceTerm_);
+    EXPECT_FALSE(app.exitStatusSet_);
+    EXPECT_TRUE(app.tids_.empty());
+    EXPECT_GE(app.startTime_, before);
+    ASSERT_GT(app.pid_, 0);
+    EXPECT_NE(app.pid_, oldPid);
+
+    EXPECT_EQ(app.CheckState(START + milliseconds(60), launcher_), RUNNING);
+    EXPECT_EQ(app.reportType_, RUNNING_NORMAL_RESTART);
+    EXPECT_EQ(waitpid(app.pid_, nullptr, 0), app.pid_);
+}
+
+TEST_F(StateMachineTest, RestartLimiter) {
+    BaseAppInfo app(Manifest(SomeService()));
+    app.restartPolicy_ = "on-failure";
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_TRUE(app.NeedRestart(START + std::chrono::seconds(i)));
+    }
+    // Just past the period the oldest makes room...
+    const SteadyTime sixth = START + nanoseconds(60'001'000'000);
+    EXPECT_TRUE(app.NeedRestart(sixth));
+    ASSERT_EQ(app.restartTimes_.size(), 5U);
+    EXPECT_EQ(app.restartTimes_.front(), START + std::chrono::seconds(1));
+    EXPECT_EQ(app.restartTimes_.back(), sixth);
+    EXPECT_TRUE(LogCapture::Lines().empty());
+    // ...and at its very end it does not.
+    EXPECT_FALSE(app.NeedRestart(START + std::chrono::seconds(1) + nanoseconds(60'000'999'999)));
+    EXPECT_EQ(app.restartPolicy_, "no");
+    EXPECT_EQ(
+        LogCapture::Lines(),
+        (std::vector{LogLine{3, "PROCMGR : Process=svc has restart 5 times in recent 60000 ms."}}));
+    EXPECT_FALSE(app.NeedRestart(START + std::chrono::hours(10)));
+    EXPECT_EQ(LogCapture::Lines().size(), 1U);
+}
+
+TEST_F(StateMachineTest, OtherPoliciesAreNotLimited) {
+    const std::pair<const char*, bool> cases[] = {{"on-forever", true},
+                                                  {"on-until-succeed", false},
+                                                  {"no", false},
+                                                  {"", false},
+                                                  {"On-Failure", false}};
+    for (const auto& [policy, isRestarted] : cases) {
+        BaseAppInfo app(Manifest(SomeService()));
+        app.restartPolicy_ = policy;
+        for (int i = 0; i < 10; ++i) {
+            EXPECT_EQ(app.NeedRestart(START), isRestarted) << policy;
+        }
+        EXPECT_TRUE(app.restartTimes_.empty());
+        EXPECT_EQ(app.restartPolicy_, policy);
+    }
+    EXPECT_TRUE(LogCapture::Lines().empty());
+}
+
+}  // namespace
+}  // namespace ProcMgr::App

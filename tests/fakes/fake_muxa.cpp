@@ -1,0 +1,277 @@
+#include "tests/fakes/fake_muxa.h"
+
+#include <utility>
+
+namespace ProcMgr::Fakes {
+
+namespace {
+
+std::vector<uint8_t> Bytes(const MuxaRequest* request) {
+    if (request == nullptr || request->data == nullptr) {
+        return {};
+    }
+    const auto* begin = static_cast<const uint8_t*>(request->data);
+    return {begin, begin + request->length};
+}
+
+}  // namespace
+
+FakeMuxa& FakeMuxa::Get() {
+    static FakeMuxa fake;
+    return fake;
+}
+
+void FakeMuxa::Reset() {
+    const std::lock_guard lock(mutex_);
+    nextFd_ = 100;
+    results_.clear();
+    defaults_.clear();
+    hooks_.clear();
+    counts_.clear();
+    endpoints_.clear();
+    rpcAnswers_ = Scripted<std::vector<uint8_t>>({});
+    opens_.clear();
+    servers_.clear();
+    sends_.clear();
+    responses_.clear();
+    rpcs_.clear();
+    closes_.clear();
+}
+
+void FakeMuxa::Push(Call call, int32_t result, int count) {
+    const std::lock_guard lock(mutex_);
+    results_[call].insert(results_[call].end(), static_cast<size_t>(count), result);
+}
+
+void FakeMuxa::SetDefault(Call call, int32_t result) {
+    const std::lock_guard lock(mutex_);
+    defaults_[call] = result;
+}
+
+void FakeMuxa::PushRpcAnswer(std::vector<uint8_t> data) {
+    const std::lock_guard lock(mutex_);
+    rpcAnswers_.Push(std::move(data));
+}
+
+void FakeMuxa::SetHook(Call call, std::function<void(int32_t)> hook) {
+    const std::lock_guard lock(mutex_);
+    hooks_[call] = std::move(hook);
+}
+
+std::vector<FakeMuxa::Opened> FakeMuxa::Opens() const {
+    const std::lock_guard lock(mutex_);
+    return opens_;
+}
+
+std::vector<FakeMuxa::Server> FakeMuxa::Servers() const {
+    const std::lock_guard lock(mutex_);
+    return servers_;
+}
+
+std::vector<FakeMuxa::Sent> FakeMuxa::Sends() const {
+    const std::lock_guard lock(mutex_);
+    return sends_;
+}
+
+std::vector<FakeMuxa::Sent> FakeMuxa::Delivered() const {
+    auto sends = Sends();
+    std::erase_if(sends, [](const Sent& sent) { return sent.result < 0; });
+    return sends;
+}
+
+std::vector<FakeMuxa::Response> FakeMuxa::Responses() const {
+    const std::lock_guard lock(mutex_);
+    return responses_;
+}
+
+std::vector<FakeMuxa::Rpc> FakeMuxa::Rpcs() const {
+    const std::lock_guard lock(mutex_);
+    return rpcs_;
+}
+
+std::vector<int32_t> FakeMuxa::Closes() const {
+    const std::lock_guard lock(mutex_);
+    return closes_;
+}
+
+size_t FakeMuxa::Count(Call call) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = counts_.find(call);
+    return found == counts_.end() ? 0 : found->second;
+}
+
+std::vector<int32_t> FakeMuxa::OpenFds() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<int32_t> fds;
+    for (const auto& [fd, endpoint] : endpoints_) {
+        fds.push_back(fd);
+    }
+    return fds;
+}
+
+int32_t FakeMuxa::FdOf(const std::string& name) const {
+    const std::lock_guard lock(mutex_);
+    for (const auto& [fd, endpoint] : endpoints_) {
+        if (endpoint.name == name) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
+bool FakeMuxa::Receive(int32_t fd, const void* data, uint32_t length) {
+    MuxaRequest request;
+    request.data = data;
+    request.length = length;
+    return Receive(fd, request);
+}
+
+bool FakeMuxa::Receive(int32_t fd, const MuxaRequest& request) {
+    return ReceiveAs(fd, fd, &request);
+}
+
+bool FakeMuxa::PeerGone(int32_t fd) {
+    return ReceiveAs(fd, fd, nullptr);
+}
+
+bool FakeMuxa::ReceiveAs(int32_t fd, int32_t peerFd, const MuxaRequest* request) {
+    Endpoint endpoint;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = endpoints_.find(fd);
+        if (found == endpoints_.end()) {
+            return false;
+        }
+        endpoint = found->second;
+    }
+    endpoint.callback(peerFd, request, endpoint.name);
+    return true;
+}
+
+bool FakeMuxa::WaitFor(Call call, size_t count, std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    return called_.wait_for(lock, timeout, [&] { return counts_[call] >= count; });
+}
+
+int32_t FakeMuxa::OnOpen(const MuxaOpenAttributes& attributes) {
+    RunHook(Call::OPEN, -1);
+    const std::lock_guard lock(mutex_);
+    const int32_t result = Next(Call::OPEN, nextFd_++);
+    if (result > 0) {
+        endpoints_[result] = {attributes.name, attributes.callback};
+    }
+    opens_.push_back({result, attributes});
+    return result;
+}
+
+int32_t FakeMuxa::OnCreateServer(const MuxaServerAttributes& attributes, uint32_t maxPeers,
+                                 uint32_t flags) {
+    RunHook(Call::CREATE_SERVER, -1);
+    const std::lock_guard lock(mutex_);
+    const int32_t result = Next(Call::CREATE_SERVER, nextFd_++);
+    if (result > 0) {
+        endpoints_[result] = {attributes.name, attributes.callback};
+    }
+    servers_.push_back({result, attributes, maxPeers, flags});
+    return result;
+}
+
+int32_t FakeMuxa::OnSend(int32_t fd, const MuxaRequest* request) {
+    RunHook(Call::SEND, fd);
+    const std::lock_guard lock(mutex_);
+    const int32_t result = Next(Call::SEND, 0);
+    sends_.push_back({fd, Bytes(request), result});
+    return result;
+}
+
+int32_t FakeMuxa::OnRespond(int32_t fd, const MuxaResponse* response) {
+    RunHook(Call::RESPOND, fd);
+    const std::lock_guard lock(mutex_);
+    const int32_t result = Next(Call::RESPOND, 0);
+    responses_.push_back({fd, response == nullptr ? MuxaResponse{} : *response, result});
+    return result;
+}
+
+int32_t FakeMuxa::OnRpc(Call call, int32_t fd, const MuxaRequest* request, MuxaResponse* response,
+                        int32_t timeout) {
+    RunHook(call, fd);
+    const std::lock_guard lock(mutex_);
+    const int32_t result = Next(call, 0);
+    rpcs_.push_back({fd, Bytes(request), timeout, result});
+    if (result >= 0 && response != nullptr) {
+        response->data = rpcAnswers_.Next();
+    }
+    return result;
+}
+
+int32_t FakeMuxa::OnClose(int32_t fd) {
+    RunHook(Call::CLOSE, fd);
+    const std::lock_guard lock(mutex_);
+    const int32_t result = Next(Call::CLOSE, 0);
+    closes_.push_back(fd);
+    if (result >= 0) {
+        endpoints_.erase(fd);
+    }
+    return result;
+}
+
+void FakeMuxa::RunHook(Call call, int32_t fd) {
+    std::function<void(int32_t)> hook;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = hooks_.find(call);
+        if (found != hooks_.end()) {
+            hook = found->second;
+        }
+    }
+    if (hook) {
+        hook(fd);
+    }
+}
+
+int32_t FakeMuxa::Next(Call call, int32_t fallback) {
+    ++counts_[call];
+    called_.notify_all();
+    auto& queue = results_[call];
+    if (!queue.empty()) {
+        const int32_t result = queue.front();
+        queue.pop_front();
+        return result;
+    }
+    const auto found = defaults_.find(call);
+    return found == defaults_.end() ? fallback : found->second;
+}
+
+}  // namespace ProcMgr::Fakes
+
+using ProcMgr::Fakes::FakeMuxa;
+
+int32_t MuxaOpen(const MuxaOpenAttributes& attributes) {
+    return FakeMuxa::Get().OnOpen(attributes);
+}
+
+int32_t MuxaCreateServer(const MuxaServerAttributes& attributes, uint32_t maxPeers,
+                         uint32_t flags) {
+    return FakeMuxa::Get().OnCreateServer(attributes, maxPeers, flags);
+}
+
+int32_t MuxaSendRequest(int32_t fd, const MuxaRequest* request) {
+    return FakeMuxa::Get().OnSend(fd, request);
+}
+
+int32_t MuxaSendResponse(int32_t fd, const MuxaResponse* response) {
+    return FakeMuxa::Get().OnRespond(fd, response);
+}
+
+int32_t MuxaRPCSync(int32_t fd, MuxaRequest* request, MuxaResponse* response) {
+    return FakeMuxa::Get().OnRpc(FakeMuxa::Call::RPC, fd, request, response, -1);
+}
+
+int32_t MuxaTimedRPCSync(int32_t fd, MuxaRequest* request, MuxaResponse* response,
+                         int32_t timeout) {
+    return FakeMuxa::Get().OnRpc(FakeMuxa::Call::TIMED_RPC, fd, request, response, timeout);
+}
+
+int32_t MuxaClosePipe(int32_t fd) {
+    return FakeMuxa::Get().OnClose(fd);
+}

@@ -1,0 +1,141 @@
+#include "tests/fakes/log_capture.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdarg>
+#include <cstdio>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <ostream>
+
+namespace ProcMgr::Fakes {
+
+namespace {
+
+constexpr size_t LINES_MAX = 20000;
+
+struct Store {
+    std::mutex mutex;
+    std::condition_variable added;
+    std::deque<LogLine> lines;  // guarded by mutex
+};
+
+Store& GetStore() {
+    static Store store;
+    return store;
+}
+
+using Predicate = std::function<bool(const LogLine&)>;
+
+Predicate IsLine(int level, const std::string& text) {
+    return [=](const LogLine& line) { return line == LogLine{level, text}; };
+}
+
+Predicate HasPart(int level, const std::string& part) {
+    return [=](const LogLine& line) {
+        return line.level == level && line.text.find(part) != std::string::npos;
+    };
+}
+
+size_t CountIf(const Predicate& predicate) {
+    Store& store = GetStore();
+    const std::lock_guard lock(store.mutex);
+    return static_cast<size_t>(std::count_if(store.lines.begin(), store.lines.end(), predicate));
+}
+
+bool Wait(const Predicate& predicate, std::chrono::milliseconds timeout) {
+    Store& store = GetStore();
+    std::unique_lock lock(store.mutex);
+    return store.added.wait_for(lock, timeout, [&] {
+        return std::any_of(store.lines.begin(), store.lines.end(), predicate);
+    });
+}
+
+void Add(int priority, const char* format, va_list arguments) {
+    va_list copy;
+    va_copy(copy, arguments);
+    const int length = vsnprintf(nullptr, 0, format, copy);
+    va_end(copy);
+    std::string text(static_cast<size_t>(std::max(length, 0)), '\0');
+    vsnprintf(text.data(), text.size() + 1, format, arguments);
+    Store& store = GetStore();
+    {
+        const std::lock_guard lock(store.mutex);
+        store.lines.push_back({LOG_PRI(priority), std::move(text)});
+        if (store.lines.size() > LINES_MAX) {
+            store.lines.pop_front();
+        }
+    }
+    store.added.notify_all();
+}
+
+}  // namespace
+
+std::vector<LogLine> LogCapture::Lines() {
+    Store& store = GetStore();
+    const std::lock_guard lock(store.mutex);
+    return {store.lines.begin(), store.lines.end()};
+}
+
+void LogCapture::Clear() {
+    Store& store = GetStore();
+    const std::lock_guard lock(store.mutex);
+    store.lines.clear();
+}
+
+bool LogCapture::Contains(int level, const std::string& text) {
+    return Count(level, text) > 0;
+}
+
+size_t LogCapture::Count(int level, const std::string& text) {
+    return CountIf(IsLine(level, text));
+}
+
+bool LogCapture::ContainsPart(int level, const std::string& part) {
+    return CountIf(HasPart(level, part)) > 0;
+}
+
+bool LogCapture::WaitFor(int level, const std::string& text, std::chrono::milliseconds timeout) {
+    return Wait(IsLine(level, text), timeout);
+}
+
+bool LogCapture::WaitForPart(int level, const std::string& part,
+                             std::chrono::milliseconds timeout) {
+    return Wait(HasPart(level, part), timeout);
+}
+
+void PrintTo(const LogLine& line, std::ostream* out) {
+    *out << line.level << ": " << line.text;
+}
+
+}  // namespace ProcMgr::Fakes
+
+// These take the place of the C library's functions in the program they are linked into; the _chk
+// ones are what a build with checked library calls uses.
+extern "C" {
+
+void vsyslog(int priority, const char* format, va_list arguments) {
+    ProcMgr::Fakes::Add(priority, format, arguments);
+}
+
+void syslog(int priority, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    ProcMgr::Fakes::Add(priority, format, arguments);
+    va_end(arguments);
+}
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+void __vsyslog_chk(int priority, int /*flag*/, const char* format, va_list arguments) {
+    ProcMgr::Fakes::Add(priority, format, arguments);
+}
+
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    ProcMgr::Fakes::Add(priority, format, arguments);
+    va_end(arguments);
+}
+}

@@ -1,0 +1,122 @@
+#include "main/boot_trace.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/fakes/log_capture.h"
+#include "tests/main/isolated.h"
+
+namespace ProcMgr {
+namespace {
+
+using BootTracePoints = IsolatedTest;
+
+using Fakes::LogCapture;
+
+double SecondsOf(const std::string& stamp) {
+    return std::stod(stamp.substr(1));
+}
+
+TEST(BootTrace, StampHasSecondsAndTag) {
+    EXPECT_THAT(BootStrace("PM"),
+                testing::MatchesRegex("\\[[0-9]+\\.[0-9]{6}s\\]\\[BOOT_TRACE\\]\\[PM\\]"));
+    EXPECT_TRUE(BootStrace("").ends_with("s][BOOT_TRACE][]"));
+}
+
+TEST(BootTrace, StampsNeverGoBack) {
+    double last = 0;
+    for (int i = 0; i < 1000; ++i) {
+        const uint64_t counter = ReadBootCounter();
+        const double now = SecondsOf(BootStrace("PM"));
+        EXPECT_LE(last, now);
+        EXPECT_LE(SecondsOf(BootStraceAt(counter, "PM")), now);
+        last = now;
+    }
+    const uint64_t counter = ReadBootCounter();
+    EXPECT_EQ(BootStraceAt(counter, "PM"), BootStraceAt(counter, "PM"));
+}
+
+struct Point {
+    uint32_t code;
+    const char* decimal;
+    const char* hexadecimal;  // null: not for the console
+};
+
+constexpr Point POINTS[] = {
+    {0, "0", "0"},
+    {0x10000001, "268435457", nullptr},
+    {0x20000001, "536870913", "20000001"},
+    {0x30000001, "805306369", nullptr},
+    {0x40000001, "1073741825", nullptr},
+    {0xFFFFFFFF, "4294967295", "ffffffff"},
+};
+
+// Lays empty directories over /proc and /dev.
+void HideProcAndDev() {
+    MountTmpfs("/proc");
+    MountTmpfs("/dev");
+    LogCapture::Clear();
+}
+
+TEST_F(BootTracePoints, PointsGoToTheKernelAndTheImportantOnesToTheConsole) {
+    const int status = RunIsolated([] {
+        HideProcAndDev();
+        std::filesystem::create_directory("/proc/bootdot");
+        for (const Point& point : POINTS) {
+            std::ofstream("/proc/bootdot/initblk").flush();
+            std::ofstream("/proc/bootdot/setblk", std::ios::trunc).flush();
+            std::ofstream("/dev/ttyAMA0", std::ios::trunc).flush();
+            WriteBootTracePoint(point.code);
+            const std::string record = ReadFile("/proc/bootdot/setblk");
+            const size_t comma = record.rfind(',');
+            ASSERT_NE(comma, std::string::npos) << point.decimal;
+            EXPECT_EQ(record.substr(comma + 1), point.decimal);
+            const std::string console = ReadFile("/dev/ttyAMA0");
+            if (point.hexadecimal == nullptr) {
+                EXPECT_EQ(console, "");
+                continue;
+            }
+            EXPECT_THAT(console, testing::MatchesRegex(
+                                     std::string("\\[[0-9.]+s\\]\\[BOOT_TRACE\\]\\[PM\\].*pm=0x") +
+                                     point.hexadecimal + "[\r\n]*"));
+        }
+        EXPECT_TRUE(LogCapture::Lines().empty());
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(BootTracePoints, AMissingInterfaceIsSkippedAndAMissingConsoleIsLogged) {
+    const int status = RunIsolated([] {
+        HideProcAndDev();
+        for (const Point& point : POINTS) {
+            LogCapture::Clear();
+            WriteBootTracePoint(point.code);
+            std::vector<std::string> texts;
+            for (const auto& line : LogCapture::Lines()) {
+                texts.push_back(line.text);
+            }
+            if (point.hexadecimal == nullptr) {
+                EXPECT_TRUE(texts.empty());
+            } else {
+                EXPECT_THAT(texts, testing::ElementsAre("procmgr open file=/dev/ttyAMA0 fail"));
+            }
+        }
+        EXPECT_FALSE(std::filesystem::exists("/dev/ttyAMA0"));
+        EXPECT_FALSE(std::filesystem::exists("/proc/bootdot"));
+
+        // The console works without the kernel interface.
+        std::ofstream("/dev/ttyAMA0").flush();
+        WriteBootTracePoint(0);
+        EXPECT_THAT(ReadFile("/dev/ttyAMA0"), testing::HasSubstr("pm=0x0"));
+    });
+    EXPECT_EQ(status, 0);
+}
+
+}  // namespace
+}  // namespace ProcMgr
