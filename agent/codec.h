@@ -1,0 +1,63 @@
+// The bytes that owners and the daemon exchange, to values and back: packet headers, records and
+// what the records carry. Called by OwnerChannel. Pure functions that may be called from any
+// thread; none reads past what it is given, and what they allocate is bounded by the input's
+// length.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "message/enum_names.h"
+#include "message/request_msg.h"
+
+namespace ProcMgr::Agent {
+
+inline constexpr size_t PACKET_HEADER_SIZE = 16;
+inline constexpr size_t PACKET_BODY_MAX = 65536;
+inline constexpr size_t PACKET_MAX = PACKET_HEADER_SIZE + PACKET_BODY_MAX;
+
+enum class PacketKind : uint32_t {
+    REQUEST = 1,
+    CALL = 2,  // a request that wants a response
+    RESPONSE = 3,
+};
+
+// One packet as received. `body` points into the bytes that it was decoded from.
+struct Packet {
+    PacketKind kind = PacketKind::REQUEST;
+    uint64_t sequence = 0;
+    std::span<const uint8_t> body;
+};
+
+// A packet that carries one record.
+using RecordPacket = std::array<uint8_t, PACKET_HEADER_SIZE + sizeof(Message::RequestMsg)>;
+
+// The path of the pipe of a service; empty when the name cannot be a service's or its path is too
+// long for a socket address.
+std::string PipePath(std::string_view serviceName);
+
+RecordPacket EncodeRecordPacket(PacketKind kind, uint64_t sequence,
+                                const Message::RequestMsg& record);
+
+// Nothing when the packet is shorter than its header, longer than PACKET_MAX, of another magic or
+// of an unknown kind: the connection is then to be ended.
+std::optional<Packet> DecodePacket(std::span<const uint8_t> bytes);
+
+// Nothing when the body is not one whole record or claims more payload than a record holds.
+std::optional<Message::RequestMsg> DecodeRecord(std::span<const uint8_t> body);
+
+// The record by which a base service reports its own state.
+Message::RequestMsg MakeStateReport(BaseServiceStateType state);
+
+// What an APP_STATE_REPORT carries. Nothing when the record is of another type or when any item is
+// missing, cut short or holds no number where one belongs; bytes after the last item are ignored.
+std::optional<std::vector<Message::AppStateInfo>> DecodeAppStates(
+    const Message::RequestMsg& record);
+
+}  // namespace ProcMgr::Agent

@@ -1,0 +1,96 @@
+// The channel between a service and the daemon that started it: attaches to the service's pipe,
+// reports the service's state, sends its heartbeats and receives what the daemon reports. This is
+// what an owner service includes and keeps one object of.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/heartbeat_sender.h"
+#include "agent/unique_fd.h"
+#include "message/enum_names.h"
+#include "message/request_msg.h"
+
+namespace ProcMgr::Agent {
+
+// How often StartHeartbeat beats by default. The daemon calls a service lost after 3000 ms.
+inline constexpr std::chrono::milliseconds HEARTBEAT_PERIOD{1000};
+
+// A channel is detached until the daemon's pipe is there, attached while it is connected, and
+// detached again when the daemon has gone; from the first Attach on, a thread of the channel tries
+// again until the channel is destroyed. The last state reported is reported anew whenever the
+// channel has become attached, so a restarted daemon learns it.
+//
+// All operations may be called from any thread at any time, from callbacks as well; only the
+// destructor must not be called from a callback. No signal is handled on the channel's threads.
+class OwnerChannel {
+public:
+    using AppStateCallback = std::function<void(const std::vector<Message::AppStateInfo>&)>;
+
+    // `serviceName` is the name under which the daemon's manifest lists the service. Nothing is
+    // opened yet.
+    explicit OwnerChannel(std::string serviceName);
+    // Waits for a callback that is running, for nothing else.
+    ~OwnerChannel();
+    OwnerChannel(const OwnerChannel&) = delete;
+    OwnerChannel& operator=(const OwnerChannel&) = delete;
+
+    // Starts to attach and waits up to `timeout` for it. False when the channel is not attached by
+    // then, and it goes on trying; false at once when no service can have the name, or there is no
+    // descriptor or thread to be had.
+    bool Attach(std::chrono::milliseconds timeout);
+    bool IsAttached() const;
+
+    // Reports the state of the service. True when the report is with the daemon; false when it will
+    // be sent as soon as the channel is attached and the daemon reads. Neither waits.
+    bool ReportRunning();
+    bool ReportTerminating();
+
+    // Sets what is called, on the channel's thread, for each record of state reports, in the order
+    // sent; reports that come while nothing is set are dropped, so set it before Attach. The
+    // callback it replaces may still be running when this returns. A callback that takes long holds
+    // up the next one, not the heartbeat; it must not throw.
+    void OnAppState(AppStateCallback callback);
+
+    // Sends a heartbeat now and each `period`, attached or not; see HeartbeatSender.
+    bool StartHeartbeat(std::chrono::milliseconds period = HEARTBEAT_PERIOD);
+    void StopHeartbeat();
+
+private:
+    bool StartThread();
+    void Run();
+    // Serves one connection until it ends or the channel is stopped.
+    void Serve(int fd);
+    bool ReceiveOne(int fd, std::span<uint8_t> buffer);
+    void HandleRecord(const Message::RequestMsg& record);
+    // Waits for `fd` (-1: none), a wake-up or the time-out; false when the channel is stopped.
+    bool Wait(int fd, std::chrono::milliseconds timeout, short& events);
+    bool Report(BaseServiceStateType state);
+    // Both for callers that hold mutex_.
+    bool FlushState();
+    void Wake() const;
+
+    const std::string serviceName_;
+    const std::string path_;  // empty: no service can have the name
+    HeartbeatSender heartbeat_;
+
+    mutable std::mutex mutex_;  // guards all that follows
+    std::condition_variable attached_;
+    UniqueFd wake_;  // set before the thread starts, then constant
+    std::thread thread_;
+    bool isStopping_ = false;
+    int fd_ = -1;  // the connection, open for as long as this is not -1; owned by the thread
+    std::optional<BaseServiceStateType> state_;  // the last one reported
+    bool isStateUnsent_ = false;
+    std::shared_ptr<const AppStateCallback> onAppState_;
+};
+
+}  // namespace ProcMgr::Agent

@@ -1,0 +1,396 @@
+// An owner's channel against a daemon's end made of plain sockets, under a /run of its own.
+#include "agent/owner_channel.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+#include "agent/codec.h"
+#include "tests/support/private_mounts.h"
+
+namespace ProcMgr::Agent {
+namespace {
+
+using namespace std::chrono_literals;
+using Message::AppStateInfo;
+using Message::RequestMsg;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+
+constexpr const char* NAME = "owner";
+constexpr const char* PIPE = "/run/muxa/pipe/owner";
+constexpr const char* HEARTBEAT = "/run/heartbeat.sock";
+constexpr auto PATIENCE = 10s;
+
+UniqueFd Bind(int type, const char* path) {
+    UniqueFd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
+    unlink(path);
+    EXPECT_EQ(bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0) << path;
+    return fd;
+}
+
+bool IsReadable(int fd, std::chrono::milliseconds timeout = PATIENCE) {
+    pollfd waited{fd, POLLIN, 0};
+    return poll(&waited, 1, static_cast<int>(timeout.count())) == 1;
+}
+
+// The daemon's end of the pipe, one peer at a time.
+class Daemon {
+public:
+    Daemon() : listener_(Bind(SOCK_SEQPACKET, PIPE)) { EXPECT_EQ(listen(listener_.Get(), 4), 0); }
+
+    void Accept() {
+        ASSERT_TRUE(IsReadable(listener_.Get()));
+        peer_ = UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        ASSERT_TRUE(peer_.IsValid());
+    }
+    // The next packet; empty when there is none or the peer has gone.
+    std::vector<uint8_t> Receive(std::chrono::milliseconds timeout = PATIENCE) {
+        std::vector<uint8_t> bytes(PACKET_MAX + 1);
+        const ssize_t length =
+            IsReadable(peer_.Get(), timeout) ? recv(peer_.Get(), bytes.data(), bytes.size(), 0) : 0;
+        bytes.resize(length > 0 ? static_cast<size_t>(length) : 0);
+        return bytes;
+    }
+    void Send(std::span<const uint8_t> bytes) {
+        ASSERT_EQ(send(peer_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    void SendText(Message::RequestType type, std::string_view text,
+                  PacketKind kind = PacketKind::REQUEST) {
+        RequestMsg record;
+        record.type = type;
+        record.size = text.size();
+        std::memcpy(record.data, text.data(), text.size());
+        Send(EncodeRecordPacket(kind, 0, record));
+    }
+
+private:
+    UniqueFd listener_;
+    UniqueFd peer_;
+};
+
+std::vector<uint8_t> StateReport(char state) {
+    std::vector<uint8_t> bytes = {'M', 'U', 'X', 'A', 1,   0,   0,
+                                  0,   0,   0,   0,   0,   0,   0,
+                                  0,   0,   3,   0,   0,   0,   0,
+                                  0,   0,   0,   4,   0,   0,   0,
+                                  0,   0,   0,   0,   '1', '#', static_cast<uint8_t>(state),
+                                  '#'};
+    bytes.resize(4000);
+    return bytes;
+}
+
+// Names of the reports that came, and the thread that they came on.
+class Inbox {
+public:
+    OwnerChannel::AppStateCallback Callback() {
+        return [this](const std::vector<AppStateInfo>& infos) {
+            const std::lock_guard lock(mutex_);
+            for (const AppStateInfo& info : infos) {
+                names_.push_back(info.appName);
+            }
+            thread_ = std::this_thread::get_id();
+            changed_.notify_all();
+        };
+    }
+    std::vector<std::string> WaitFor(size_t count) {
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, PATIENCE, [&] { return names_.size() >= count; });
+        EXPECT_NE(thread_, std::this_thread::get_id());
+        return names_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> names_;
+    std::thread::id thread_;
+};
+
+std::set<int> Descriptors() {
+    constexpr int HIGHEST = 1024;
+    std::set<int> fds;
+    for (int fd = 0; fd < HIGHEST; ++fd) {
+        if (fcntl(fd, F_GETFD) >= 0) {
+            fds.insert(fd);
+        }
+    }
+    return fds;
+}
+
+std::set<int> Tasks() {
+    std::set<int> tasks;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        tasks.insert(std::stoi(entry.path().filename()));
+    }
+    return tasks;
+}
+
+std::set<int> Without(const std::set<int>& all, const std::set<int>& some) {
+    std::set<int> rest;
+    std::set_difference(all.begin(), all.end(), some.begin(), some.end(),
+                        std::inserter(rest, rest.end()));
+    return rest;
+}
+
+uint64_t BlockedSignals(int task) {
+    std::ifstream status("/proc/self/task/" + std::to_string(task) + "/status");
+    for (std::string word; status >> word;) {
+        if (word == "SigBlk:") {
+            status >> word;
+            return std::stoull(word, nullptr, 16);
+        }
+    }
+    return 0;
+}
+
+class OwnerChannelTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!EnterPrivateMountNamespace()) {
+            GTEST_SKIP() << "no private mount namespace here";
+        }
+        MountTmpfs("/run");
+        std::filesystem::create_directories("/run/muxa/pipe");
+    }
+};
+
+TEST_F(OwnerChannelTest, ReportsWhenTheDaemonComesAndAgainWhenItComesBack) {
+    OwnerChannel channel(NAME);
+    EXPECT_FALSE(channel.ReportRunning());
+    EXPECT_FALSE(channel.Attach(50ms));
+    {
+        Daemon daemon;
+        ASSERT_TRUE(channel.Attach(PATIENCE));
+        EXPECT_TRUE(channel.IsAttached());
+        daemon.Accept();
+        EXPECT_EQ(daemon.Receive(), StateReport('2'));
+        EXPECT_TRUE(channel.ReportTerminating());
+        EXPECT_EQ(daemon.Receive(), StateReport('3'));
+    }
+    Daemon restarted;
+    restarted.Accept();
+    EXPECT_EQ(restarted.Receive(), StateReport('3'));
+    EXPECT_TRUE(restarted.Receive(50ms).empty()) << "reported once a connection";
+}
+
+TEST_F(OwnerChannelTest, ReportsNothingBeforeTheServiceDid) {
+    Daemon daemon;
+    OwnerChannel channel(NAME);
+    ASSERT_TRUE(channel.Attach(PATIENCE));
+    daemon.Accept();
+    EXPECT_TRUE(daemon.Receive(50ms).empty());
+}
+
+TEST_F(OwnerChannelTest, AReportIsWithTheDaemonEvenWhenTheServiceEndsAtOnce) {
+    Daemon daemon;
+    {
+        OwnerChannel channel(NAME);
+        ASSERT_TRUE(channel.Attach(PATIENCE));
+        EXPECT_TRUE(channel.ReportTerminating());
+    }
+    daemon.Accept();
+    EXPECT_EQ(daemon.Receive(), StateReport('3'));
+}
+
+TEST_F(OwnerChannelTest, WhatAFullPipeKeepsBackIsSentLater) {
+    Daemon daemon;
+    OwnerChannel channel(NAME);
+    ASSERT_TRUE(channel.Attach(PATIENCE));
+    daemon.Accept();
+    int sent = 0;
+    while (channel.ReportRunning()) {
+        ASSERT_LT(++sent, 100000);
+    }
+    EXPECT_FALSE(channel.ReportTerminating());
+    for (int i = 0; i < sent; ++i) {
+        ASSERT_EQ(daemon.Receive(), StateReport('2'));
+    }
+    // The thread may have found room for the last RUNNING before it was replaced.
+    std::vector<uint8_t> last = daemon.Receive();
+    if (last == StateReport('2')) {
+        last = daemon.Receive();
+    }
+    EXPECT_EQ(last, StateReport('3'));
+}
+
+TEST_F(OwnerChannelTest, HandsReportsOnInOrderAndPassesOverTheRest) {
+    Daemon daemon;
+    Inbox inbox;
+    OwnerChannel channel(NAME);
+    channel.OnAppState(inbox.Callback());
+    ASSERT_TRUE(channel.Attach(PATIENCE));
+    daemon.Accept();
+
+    daemon.SendText(Message::APP_STATE_REPORT, "2#a#1#0#0#0#b#2#0#3#0#");
+    daemon.SendText(Message::APP_STATE_REPORT, "9#cut#1#");
+    daemon.SendText(Message::TERM_APP, "1#wrong-type#");
+    daemon.SendText(Message::APP_STATE_REPORT, "1#response#1#0#0#0#", PacketKind::RESPONSE);
+    const RecordPacket whole = EncodeRecordPacket(PacketKind::REQUEST, 0, RequestMsg{});
+    daemon.Send(std::span(whole).first(PACKET_HEADER_SIZE));
+    std::vector<uint8_t> largest(whole.begin(), whole.end());
+    largest.resize(PACKET_MAX);
+    daemon.Send(largest);
+    daemon.SendText(Message::APP_STATE_REPORT, "1#c#3#0#4#0#", PacketKind::CALL);
+    EXPECT_THAT(inbox.WaitFor(3), ElementsAre("a", "b", "c"));
+
+    channel.OnAppState(nullptr);
+    daemon.SendText(Message::APP_STATE_REPORT, "1#dropped#1#0#0#0#");
+    EXPECT_TRUE(channel.ReportRunning());
+    EXPECT_EQ(daemon.Receive(), StateReport('2')) << "the connection outlives all of it";
+}
+
+TEST_F(OwnerChannelTest, EndsTheConnectionOnWhatIsNoPacketAndComesBack) {
+    Daemon daemon;
+    OwnerChannel channel(NAME);
+    ASSERT_TRUE(channel.Attach(PATIENCE));
+    daemon.Accept();
+    std::vector<uint8_t> header(PACKET_HEADER_SIZE);
+    std::memcpy(header.data(), "MUXA\1", 5);
+    std::vector<std::vector<uint8_t>> bad = {
+        {header.begin(), header.end() - 1}, header, header, header};
+    bad[1][0] = 'X';
+    bad[2][4] = 4;
+    bad[3].resize(PACKET_MAX + 1);
+    for (const auto& packet : bad) {
+        daemon.Send(packet);
+        EXPECT_TRUE(daemon.Receive().empty());
+        daemon.Accept();
+    }
+    EXPECT_TRUE(channel.Attach(PATIENCE));
+}
+
+TEST_F(OwnerChannelTest, BeatsFromItsOwnProcessUntilStopped) {
+    OwnerChannel channel(NAME);
+    EXPECT_FALSE(channel.StartHeartbeat(0ms));
+    ASSERT_TRUE(channel.StartHeartbeat(std::chrono::hours(1)));
+    ASSERT_TRUE(channel.StartHeartbeat(10ms)) << "a new period takes effect at once";
+    for (int round = 0; round < 2; ++round) {  // the second one is a restarted daemon
+        UniqueFd daemon = Bind(SOCK_DGRAM, HEARTBEAT);
+        const int on = 1;
+        ASSERT_EQ(setsockopt(daemon.Get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof(on)), 0);
+        for (int beat = 0; beat < 3; ++beat) {
+            ASSERT_TRUE(IsReadable(daemon.Get()));
+            char name[64];
+            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+            iovec part{name, sizeof(name)};
+            msghdr message{};
+            message.msg_iov = &part;
+            message.msg_iovlen = 1;
+            message.msg_control = control;
+            message.msg_controllen = sizeof(control);
+            const ssize_t length = recvmsg(daemon.Get(), &message, 0);
+            ASSERT_EQ(std::string(name, static_cast<size_t>(std::max<ssize_t>(length, 0))), NAME);
+            ucred sender{};
+            ASSERT_NE(CMSG_FIRSTHDR(&message), nullptr);
+            std::memcpy(&sender, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof(sender));
+            EXPECT_EQ(sender.pid, getpid());
+        }
+    }
+    channel.StopHeartbeat();
+    const UniqueFd quiet = Bind(SOCK_DGRAM, HEARTBEAT);
+    EXPECT_FALSE(IsReadable(quiet.Get(), 50ms));
+    ASSERT_TRUE(channel.StartHeartbeat(std::chrono::hours(1)));
+    EXPECT_TRUE(IsReadable(quiet.Get())) << "the first beat is sent at once";
+}
+
+TEST_F(OwnerChannelTest, LeavesDescriptorsAndSignalsToTheService) {
+    Daemon daemon;
+    const std::set<int> ownFds = Descriptors();
+    const std::set<int> ownTasks = Tasks();
+    OwnerChannel channel(NAME);
+    ASSERT_TRUE(channel.Attach(PATIENCE));
+    ASSERT_TRUE(channel.StartHeartbeat());
+    const std::set<int> fds = Without(Descriptors(), ownFds);
+    EXPECT_EQ(fds.size(), 3U);
+    for (const int fd : fds) {
+        EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << fd;
+    }
+    const std::set<int> tasks = Without(Tasks(), ownTasks);
+    EXPECT_EQ(tasks.size(), 2U);
+    for (const int task : tasks) {
+        EXPECT_NE(BlockedSignals(task) & (uint64_t{1} << (SIGTERM - 1)), 0U);
+    }
+    EXPECT_EQ(BlockedSignals(getpid()) & (uint64_t{1} << (SIGTERM - 1)), 0U);
+}
+
+TEST_F(OwnerChannelTest, EndsPromptlyInEveryState) {
+    for (const bool isDaemonThere : {false, true}) {
+        std::optional<Daemon> daemon;
+        if (isDaemonThere) {
+            daemon.emplace();
+        }
+        auto channel = std::make_unique<OwnerChannel>(NAME);
+        EXPECT_EQ(channel->Attach(100ms), isDaemonThere);
+        ASSERT_TRUE(channel->StartHeartbeat(std::chrono::hours(1)));
+        const auto start = steady_clock::now();
+        channel.reset();
+        EXPECT_LT(steady_clock::now() - start, 2s);
+    }
+    const auto start = steady_clock::now();
+    OwnerChannel nobody("");
+    EXPECT_FALSE(nobody.Attach(PATIENCE));
+    EXPECT_FALSE(nobody.StartHeartbeat());
+    EXPECT_LT(steady_clock::now() - start, 2s);
+}
+
+// Calls everything there is, from callbacks as well, until told to end.
+void UseChannel(OwnerChannel& channel, std::atomic<int>& received,
+                const std::atomic<bool>& isDone) {
+    while (!isDone) {
+        channel.OnAppState([&](const std::vector<AppStateInfo>& infos) {
+            received += static_cast<int>(infos.size());
+            channel.ReportRunning();
+        });
+        channel.ReportRunning();
+        channel.Attach(1ms);
+        channel.StartHeartbeat(1ms);
+        channel.StopHeartbeat();
+    }
+}
+
+TEST_F(OwnerChannelTest, ManyThreadsAndAFlappingDaemon) {
+    std::atomic<int> received{0};
+    std::atomic<bool> isDone{false};
+    OwnerChannel channel(NAME);
+    channel.Attach(0ms);
+    std::array<std::thread, 3> users;
+    for (std::thread& user : users) {
+        user = std::thread([&] { UseChannel(channel, received, isDone); });
+    }
+    for (int i = 0; i < 20; ++i) {
+        Daemon daemon;
+        daemon.Accept();
+        EXPECT_EQ(daemon.Receive(), StateReport('2'));
+        daemon.SendText(Message::APP_STATE_REPORT, "1#a#1#0#0#0#");
+    }
+    const auto deadline = steady_clock::now() + PATIENCE;
+    while (received == 0 && steady_clock::now() < deadline) {
+        std::this_thread::yield();
+    }
+    isDone = true;
+    for (std::thread& user : users) {
+        user.join();
+    }
+    EXPECT_GT(received, 0);
+}
+
+}  // namespace
+}  // namespace ProcMgr::Agent
