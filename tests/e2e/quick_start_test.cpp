@@ -1,0 +1,95 @@
+#include "tests/e2e/e2e_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+
+class QuickStart : public E2e {
+protected:
+    void SetUp() override {
+        E2e::SetUp();
+        if (!IsSkipped()) {
+            WriteFile(BASE_YAML, "services:\n" + Entry("svc", "touch, " + In("svc") + ", stay"));
+        }
+    }
+
+    static bool HasServiceStarted() { return std::filesystem::exists(In("svc")); }
+    // The lines of the kernel log, of which none ends with a newline.
+    static std::vector<std::string> KernelLines() {
+        const std::string text = MaskLog(ReadFile("/dev/kmsg"));
+        constexpr size_t LEVEL = 3;  // "<6>"
+        const std::string head = " PROCMGR[PID] ";
+        std::vector<std::string> lines;
+        for (size_t at = text.find(head); at != std::string::npos;) {
+            const size_t next = text.find(head, at + 1);
+            lines.push_back(text.substr(at - LEVEL, next - at));
+            at = next;
+        }
+        return lines;
+    }
+    static bool IsInKernelLog(const std::string& part) {
+        return ReadFile("/dev/kmsg").find(part) != std::string::npos;
+    }
+    // What the kernel log holds in the end; `wait` is how the pause ended.
+    void ExpectKernelLog(const std::string& wait) {
+        EXPECT_THAT(
+            KernelLines(),
+            ElementsAre("<6> PROCMGR[PID] ProcMgr: main begin: baseServiceCfgPath: "
+                        "/run/e2e/base.yaml",
+                        "<6> PROCMGR[PID] STAMP, PM main begin",
+                        "<4> PROCMGR[PID] STAMP PROCMGR: creat anonymous pipe success, read pipe "
+                        "fd=N, write pipe fd=N",
+                        "<6> PROCMGR[PID] PROCMGR: InquireHomeEnvVariable finished home "
+                        "env=/home/svc",
+                        "<6> PROCMGR[PID] STAMP, init success", "<6> PROCMGR[PID] " + wait));
+        const auto lines = MaskedLines();
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines[0], "6 STAMP, ContinueProcMgrInit success") << "from here on it is syslog";
+    }
+};
+
+TEST_F(QuickStart, WaitsForTheContinueSignal) {
+    Start({BASE_YAML, "true"});
+    ASSERT_TRUE(WaitUntil([] { return IsInKernelLog("init success"); }));
+    std::this_thread::sleep_for(200ms);
+    EXPECT_FALSE(HasServiceStarted());
+    EXPECT_TRUE(MaskedLines().empty());
+    harness_.Signal(SIGCONT);
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    EXPECT_TRUE(WaitUntil(HasServiceStarted));
+    ExpectKernelLog("STAMP wait success for continue startup, catch continue signal time=STAMP");
+}
+
+TEST_F(QuickStart, TheMarkerFileEndsTheWaitAndIsRemoved) {
+    WriteFile(MARKER, "");
+    Start({BASE_YAML, "true"});
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    EXPECT_TRUE(WaitUntil([] { return !std::filesystem::exists(MARKER); }));
+    ExpectKernelLog("STAMP wait success for continue startup, catch continue signal time=");
+}
+
+TEST_F(QuickStart, StartUpGoesOnAfterTenSeconds) {
+    const auto begin = steady_clock::now();
+    Start({BASE_YAML, "true"});
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    EXPECT_GE(steady_clock::now() - begin, 10s);
+    ExpectKernelLog("STAMP wait for continue startup timeout!!");
+}
+
+TEST_F(QuickStart, AnyOtherWordIsNoQuickStart) {
+    Start({BASE_YAML, "True", "true"});
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    EXPECT_EQ(harness_.Log().Count("is not quickstart, so not wait for continue signal"), 1U);
+    EXPECT_EQ(ReadFile("/dev/kmsg"), "");
+}
+
+TEST_F(QuickStart, AStopEndsTheWait) {
+    Start({BASE_YAML, "true"});
+    ASSERT_TRUE(WaitUntil([] { return IsInKernelLog("init success"); }));
+    ExpectOrderlyStop();
+    EXPECT_FALSE(HasServiceStarted());
+}
+
+}  // namespace

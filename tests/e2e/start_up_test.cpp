@@ -1,0 +1,162 @@
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <sstream>
+
+#include "tests/e2e/e2e_fixture.h"
+
+namespace {
+
+using testing::Contains;
+
+using StartUp = E2e;
+
+// Without the lines that other threads log at their own time.
+std::vector<std::string> MainThreadLines(std::vector<std::string> lines) {
+    std::erase_if(lines, [](const std::string& line) {
+        return line.find("STARTING to RUNNING") != std::string::npos;
+    });
+    // Each change of any service makes the waiting thread look again, and say so.
+    lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
+    return lines;
+}
+
+std::vector<std::string> Split(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+// What the start of a service adds to the log.
+void AddStart(std::vector<std::string>& lines, const std::string& name,
+              const std::vector<std::string>& depends) {
+    const auto add = [&](std::string line, const std::string& other = "") {
+        for (const auto& [word, value] : {std::pair{"NAME", name}, std::pair{"DEPEND", other}}) {
+            for (size_t at = 0; (at = line.find(word)) != std::string::npos;) {
+                line.replace(at, std::strlen(word), value);
+            }
+        }
+        lines.push_back(std::move(line));
+    };
+    for (const std::string& other : depends) {
+        add("6 PROCMGR : NAME depends on DEPEND [NAME => DEPEND]", other);
+        add("6 PROCMGR : NAME's dependcy DEPEND has been started", other);
+    }
+    add("6 STAMP Start baseApp success appName=NAME, binPath=/run/e2e/test_service, pid=PID, "
+        "isDelayCoreAffinity_=0");
+    add("6 STAMP PM report appState to zornmgr, appState=RUNNING_NORMAL_START, appName=NAME, "
+        "pid=PID");
+    add("6 PROCMGR : report NAME's state: 0 to zornmgr successfully");
+}
+
+TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
+    Boot(Entry("svc_b", "stay", "depends: [zornmgr]") +
+         Entry("svc_c", "stay", "depends: [svc_a, svc_b]") +
+         Entry("zornmgr",
+               "attach, zornmgr, " + In("reports") + ", await, " + In("go") +
+                   ", report, running, stay",
+               "reporting: true") +
+         Entry("svc_a", "stay", "depends: [zornmgr]"));
+    ASSERT_TRUE(WaitForLine("waiting for baseApp=zornmgr"));
+    WriteFile(In("go"), "");
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+
+    constexpr const char* ZORNMGR_STARTED =
+        "6 STAMP Start baseApp success appName=zornmgr, binPath=/run/e2e/test_service, pid=PID, "
+        "isDelayCoreAffinity_=0";
+    std::vector<std::string> expected = {
+        "6 ProcMgr: main begin: baseServiceCfgPath: /run/e2e/base.yaml",
+        "6 STAMP, PM main begin",
+        "4 STAMP PROCMGR: creat anonymous pipe success, read pipe fd=N, write pipe fd=N",
+        "6 PROCMGR: InquireHomeEnvVariable finished home env=/home/svc",
+        "6 STAMP, init success",
+        "6 is not quickstart, so not wait for continue signal",
+        "6 STAMP, ContinueProcMgrInit success",
+        "6 STAMP InitBaseApplication begin, yaml path=/run/e2e/base.yaml",
+        ZORNMGR_STARTED,
+        "6 ********* PROCMGR : RegServiceCallBack success fd=1, targetProcName=zornmgr",
+        "6 Register heart beat checker for zornmgr.",
+        "6 PROCMGR: waiting for baseApp=zornmgr reported state, RUNNING OR TERMINATING.",
+        "6 STAMP PM receive BASESERVICE_STATE_REPORT msg from zornmgr report state=RUNNING",
+        "6 STAMP InitBaseApp:zornmgr success, report RUNNING!",
+    };
+    AddStart(expected, "svc_a", {"zornmgr"});
+    AddStart(expected, "svc_b", {"zornmgr"});
+    AddStart(expected, "svc_c", {"svc_a", "svc_b"});
+    expected.push_back("6 STAMP InitBaseApplication end");
+    expected.push_back("7 PROCMGR : EnableWatchDog flag=1");
+    EXPECT_EQ(MainThreadLines(MaskedLines()), expected);
+
+    for (const std::string name : {"svc_a", "svc_b", "svc_c"}) {
+        EXPECT_TRUE(WaitForLine("PROCMGR : STARTING to RUNNING appName=" + name));
+    }
+    EXPECT_EQ(harness_.Log().Count("STARTING to RUNNING appName=zornmgr"), 0U);
+    const std::vector<std::string> reports = {
+        "svc_a RUNNING_NORMAL_START", "svc_b RUNNING_NORMAL_START", "svc_c RUNNING_NORMAL_START"};
+    EXPECT_TRUE(WaitUntil([&] { return Split(ReadFile(In("reports"))) == reports; }))
+        << ReadFile(In("reports"));
+    for (const auto& message : harness_.Log().Messages()) {
+        EXPECT_EQ(message.ident, "PROCMGR");
+        EXPECT_EQ(message.facility, LOG_USER);
+        EXPECT_GT(message.pid, 0);
+    }
+}
+
+TEST_F(StartUp, AServiceGetsItsIdentityAndNothingOfTheDaemon) {
+    Boot(Entry("svc", "dump, " + In("dump") + ", 'stay'",
+               "uid: 1000, gid: 1000, startup_entry: /entry, env: {A: 'b c', B: ''}"));
+    ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists(In("dump")); }));
+    const auto lines = Split(ReadFile(In("dump")));
+    for (const char* line :
+         {"uid=1000", "gid=1000", "groups=1000 2000 ", "fds=0 1 2 ", "SigBlk=0000000000000000",
+          "SigIgn=0000000000000000", "arg=dump", "arg=stay", "A=b c", "B=", "HOME=/home/svc",
+          "IS_RESTART=0", "STARTUP_ENTRY_PATH=/entry"}) {
+        EXPECT_THAT(lines, Contains(line));
+    }
+    for (const char* variable : {"LD_PRELOAD=", "OWNER_NAME=", "PROC_PLANE=", "GRP_HB="}) {
+        EXPECT_THAT(lines, testing::Not(Contains(testing::StartsWith(variable))));
+    }
+}
+
+TEST_F(StartUp, AReporterThatDiesDoesNotHoldUpTheOthers) {
+    Boot(Entry("a_dies", "exit, 3", "reporting: true") + Entry("b_next", "touch, " + In("b_next")) +
+         Entry("c_leaves", "attach, c_leaves, " + In("none") + ", report, terminating, stay",
+               "reporting: true"));
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    const auto lines = MaskedLines();
+    EXPECT_THAT(lines, Contains("4 STAMP InitBaseApp:a_dies has been 4!"));
+    EXPECT_THAT(lines, Contains("4 STAMP InitBaseApp:c_leaves report TERMINATING!"));
+    EXPECT_THAT(lines, Contains("4 PROCMGR : Process=a_dies, pid=PID was self terminated, the exit "
+                                "status is 3."));
+    EXPECT_THAT(lines, Contains("7 PROCMGR : EnableWatchDog flag=1"));
+    EXPECT_TRUE(WaitUntil([] { return std::filesystem::exists(In("b_next")); }));
+}
+
+TEST_F(StartUp, EveryExitOfManyServicesIsSeen) {
+    constexpr size_t COUNT = 200;
+    std::string entries;
+    std::set<std::string> names;
+    for (size_t i = 0; i < COUNT; ++i) {
+        names.insert("s" + std::to_string(1000 + i));
+    }
+    for (const std::string& name : names) {
+        entries += "  - {name: " + name + ", bin: /bin/true}\n";
+    }
+    Boot(entries);
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    const std::string word = "to TERMINATED appName=";
+    EXPECT_TRUE(WaitUntil([&] { return harness_.Log().Count(word) == COUNT; }));
+    std::set<std::string> ended;
+    for (const std::string& line : harness_.Log().Lines()) {
+        if (const size_t at = line.find(word); at != std::string::npos) {
+            ended.insert(line.substr(at + word.size(), 5));
+        }
+    }
+    EXPECT_EQ(ended, names);
+    EXPECT_EQ(harness_.Log().Count("can not find app"), 0U);
+}
+
+}  // namespace
