@@ -1,0 +1,57 @@
+// What the benchmarks share: the stamp file of their services, the daemon under measurement in a
+// mount namespace of its own, and a few statistics.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Bench {
+
+// CLOCK_MONOTONIC in nanoseconds.
+uint64_t Now();
+
+// A file with one slot for each service; a service writes the time of its start into its slot.
+class StampFile {
+public:
+    explicit StampFile(size_t slots);
+    ~StampFile();
+    StampFile(const StampFile&) = delete;
+    StampFile& operator=(const StampFile&) = delete;
+
+    const std::string& GetPath() const { return path_; }
+    void Clear();
+    // Waits until every slot is written and returns the stamps; ends the program after 60 s.
+    std::vector<uint64_t> WaitForAll() const;
+
+private:
+    std::vector<uint64_t> Read() const;
+
+    size_t slots_;
+    std::string path_;
+    int fd_;
+};
+
+// Makes /run, /var/log and /dev/log private to this process and its children. With `withLogger`
+// something reads /dev/log, as a system logger does; without, there is none, as in early boot.
+void EnterPrivateSystem(bool withLogger);
+
+// Starts a program with its arguments; returns its pid.
+pid_t Spawn(const std::vector<std::string>& command);
+// SIGTERM, then waits for the exit. Returns the wait status.
+int Stop(pid_t pid);
+
+// The directory for manifests and stamps, inside the private /run.
+std::string WriteFile(const std::string& name, const std::string& text);
+
+double Median(std::vector<double> values);
+double Percentile(std::vector<double> values, double percent);
+
+// Proportional set size in KiB, and processor time of all its threads in nanoseconds.
+long PssOf(pid_t pid);
+uint64_t CpuTimeOf(pid_t pid);
+
+}  // namespace Bench
