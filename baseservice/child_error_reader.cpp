@@ -10,12 +10,13 @@
 
 #include "main/log.h"
 #include "main/proc_mgr_env.h"
+#include "main/system.h"
 
 namespace ProcMgr {
 namespace {
 
 constexpr size_t BUFFER_SIZE = 900;
-constexpr int PAUSE_MILLISECONDS = 500;
+constexpr std::chrono::milliseconds PAUSE{500};
 constexpr int FOR_EVER = -1;
 
 }  // namespace
@@ -35,7 +36,7 @@ void ChildErrorReader::Stop() {
 void ChildErrorReader::Run() {
     while (running_ && WaitForMessage()) {
         ReadChildErrInfo();
-        if (!Pause(PAUSE_MILLISECONDS)) {
+        if (!Pause(PAUSE)) {
             break;
         }
     }
@@ -53,10 +54,17 @@ bool ChildErrorReader::WaitForMessage() const {
     return fds[0].revents == 0;
 }
 
-bool ChildErrorReader::Pause(int milliseconds) const {
+bool ChildErrorReader::Pause(std::chrono::milliseconds duration) const {
+    const SteadyTime end = std::chrono::steady_clock::now() + duration;
     pollfd stop{stopFd_, POLLIN, 0};
-    // SIGCHLD may cut it short; then the next message is read that much sooner.
-    return poll(&stop, 1, milliseconds) <= 0;
+    for (;;) {
+        const auto rest =
+            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        const int result = rest.count() > 0 ? poll(&stop, 1, static_cast<int>(rest.count())) : 0;
+        if (result >= 0) {
+            return result == 0;
+        }
+    }
 }
 
 void ChildErrorReader::ReadChildErrInfo() {

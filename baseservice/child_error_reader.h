@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 
 namespace ProcMgr {
 
@@ -24,9 +25,9 @@ public:
     static void ReadChildErrInfo();
 
 private:
-    // Waits until the pipe is readable, or only for the time in milliseconds. False after Stop().
+    // Waits until the pipe is readable, or only for the time. False after Stop().
     bool WaitForMessage() const;
-    bool Pause(int milliseconds) const;
+    bool Pause(std::chrono::milliseconds duration) const;
 
     const std::atomic<bool>& running_;
     const int stopFd_;

@@ -31,22 +31,22 @@ TEST_F(LaunchDefaults, HomeOfTheDefaultAccount) {
         {root + "svc:x:1000:100::/home/svc:/bin/sh\n", ""},
         {"", ""},
     };
-    for (const auto& [passwd, home] : cases) {
+    for (const Case& test : cases) {
         const int status = RunIsolated([&] {
-            BindFile(passwd, "/etc/passwd");
+            BindFile(test.passwd, "/etc/passwd");
             LogCapture::Clear();
             InquireHomeEnvVariable();
-            EXPECT_EQ(ProcMgrEnv::GetInstance().GetHome(), home) << passwd;
+            EXPECT_EQ(ProcMgrEnv::GetInstance().GetHome(), test.home) << test.passwd;
             bool isLogged = false;
             for (const auto& line : LogCapture::Lines()) {
-                isLogged |=
-                    line.text == (home.empty() ? "PROCMGR: InquireHomeEnvVariable not find "
-                                                 "1000:1000 env"
-                                               : "PROCMGR: InquireHomeEnvVariable finished home "
-                                                 "env=" +
-                                                     home);
+                isLogged |= line.text == (test.home.empty()
+                                              ? "PROCMGR: InquireHomeEnvVariable not find "
+                                                "1000:1000 env"
+                                              : "PROCMGR: InquireHomeEnvVariable finished home "
+                                                "env=" +
+                                                    test.home);
             }
-            EXPECT_TRUE(isLogged) << passwd;
+            EXPECT_TRUE(isLogged) << test.passwd;
         });
         EXPECT_EQ(status, 0);
     }

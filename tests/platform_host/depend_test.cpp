@@ -17,7 +17,6 @@ namespace ProcMgr {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 // Names in the order in which rounds of free vertices come out; "|" between rounds.
