@@ -3,6 +3,7 @@
 #include <sched.h>
 
 #include <array>
+#include <utility>
 
 #include "app/exit_status.h"
 #include "app/signals.h"
@@ -133,9 +134,9 @@ void AppInfo::ApplyRealTime(const ApplicationManifest& manifest) {
                manifest.GetSetRtType().c_str());
 }
 
-void AppInfo::PrepareStart() {
+bool AppInfo::PrepareStart() {
     tids_.clear();
-    exitStatusSet_ = false;
+    return std::exchange(exitStatusSet_, false);
 }
 
 ProcessState AppInfo::CheckStarting() {

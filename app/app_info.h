@@ -117,8 +117,9 @@ protected:
     // Applies the real-time settings and the core-affinity marker of a manifest.
     void ApplyScheduling(const ApplicationManifest& manifest);
 
-    // What both kinds of record do before each fork.
-    void PrepareStart();
+    // What both kinds of record do before each fork. Returns whether an exit was stored: if there
+    // is no fork it stands again, or the freed pid would look alive.
+    bool PrepareStart();
 
     // The checks that both kinds share. `exited` names the transition in the log.
     ProcessState CheckStarting();

@@ -27,9 +27,10 @@ BaseAppInfo::BaseAppInfo(const ApplicationManifest& manifest)
 }
 
 bool BaseAppInfo::StartProcess(ProcessLauncher& launcher) {
-    PrepareStart();
+    const bool hadExit = PrepareStart();
     const pid_t child = launcher.Launch(*this);
     if (child < 0) {
+        exitStatusSet_ = hadExit;
         return false;
     }
     state_ = STARTING;

@@ -41,8 +41,13 @@ void GeneralAppInfo::Refresh(const ApplicationManifest& manifest, const std::str
 }
 
 bool GeneralAppInfo::StartProcess(ProcessLauncher& launcher) {
-    PrepareStart();
-    return launcher.Launch(*this) > 0;
+    const bool hadExit = PrepareStart();
+    const pid_t child = launcher.Launch(*this);
+    if (child < 0) {
+        exitStatusSet_ = hadExit;
+        return false;
+    }
+    return true;
 }
 
 void GeneralAppInfo::DetectDynamicParameters(const ApplicationManifest& manifest) {

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
+#include <exception>
 
 #include "app/child_setup.h"
 #include "app/sys.h"
@@ -61,7 +63,12 @@ pid_t ProcessLauncher::Fork(const LaunchPlan& plan) {
         error = errno;
     }
     if (child == 0) {
-        RunChild(context);
+        // Nothing may unwind from here into the daemon's code, which is the parent's to run.
+        try {
+            RunChild(context);
+        } catch (const std::exception&) {
+            Sys::_exit(EXIT_FAILURE);
+        }
     }
     Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     errno = error;

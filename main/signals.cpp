@@ -64,6 +64,13 @@ void InstallSignals() {
     Install(SIGTERM, OnStopSignal, SA_RESTART);
     Install(SIGINT, OnStopSignal, SA_RESTART);
     Install(SIGCHLD, OnChildSignal, SA_RESTART | SA_NOCLDSTOP);
+    // Whoever started the daemon may have left them blocked.
+    sigset_t changed;
+    sigemptyset(&changed);
+    for (const int signal : CHANGED_SIGNALS) {
+        sigaddset(&changed, signal);
+    }
+    pthread_sigmask(SIG_UNBLOCK, &changed, nullptr);
 }
 
 bool IsStopRequested() {
