@@ -25,12 +25,17 @@ BaseServices::Record* BaseServices::Find(const std::string& name) {
 
 bool BaseServices::Start(Record& record) {
     const std::lock_guard lock(mutex_);
-    if (!record.StartProcess(launcher_) || record.state_ != STARTING) {
+    // In the list before there is a child: nothing that fails after the fork can lose it.
+    executedBaseApp_.push_back(record);
+    Record& entry = executedBaseApp_.back();
+    const bool isStarted = entry.StartProcess(launcher_) && entry.state_ == STARTING;
+    record = entry;
+    if (!isStarted) {
+        executedBaseApp_.pop_back();
         ProcMgrLog(LOG_ERR, "Start %s failed, state:%s", record.appName_.c_str(),
                    GetProcessStateStr(record.state_).c_str());
         return false;
     }
-    executedBaseApp_.push_back(record);
     RequestCheck();
     if (Find(record.appName_) == nullptr) {
         ProcMgrLog(LOG_ERR, "PROCMGR : InitOneBaseApplication, not find ownerName=%s",
@@ -156,6 +161,10 @@ void BaseServices::HandleStateReport(const std::string& name,
     reportedState_.Update([&] {
         // The last word of a process that is gone must not bring its record back to life.
         if (record->state_ == TERMINATED || record->exitStatusSet_) {
+            return false;
+        }
+        // Sent while it was coming up, before it saw that it is to end.
+        if (isStopping_ && reported == BaseServiceStateType::RUNNING) {
             return false;
         }
         record->state_ = reported == BaseServiceStateType::RUNNING ? RUNNING : TERMINATING;

@@ -92,6 +92,7 @@ private:
     // False while a pass over all records would find nothing new: nearly always. Guarded by mutex_.
     bool isCheckNeeded_ = false;
     std::condition_variable checkNeeded_;
+    bool isStopping_ = false;  // StopAll has begun; guarded by mutex_
 };
 
 }  // namespace ProcMgr

@@ -58,8 +58,11 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
         return;
     }
     DependGraph graph;
-    Parser().GetStartGraph(enabledNames_, graph);
-    const Outcome outcome = StartInOrder(graph);
+    const bool hasGraph = Parser().GetStartGraph(enabledNames_, graph) == 0;
+    if (!hasGraph) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : no start order for the services of %s", path.c_str());
+    }
+    const Outcome outcome = hasGraph ? StartInOrder(graph) : Outcome::SOME_FAILED;
     if (outcome == Outcome::ABANDONED) {
         return;
     }

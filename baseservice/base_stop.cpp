@@ -17,6 +17,7 @@ constexpr std::chrono::seconds KILL_PATIENCE{5};
 
 void BaseServices::StopAll() {
     std::unique_lock lock(mutex_);
+    isStopping_ = true;
     std::vector<std::string> names;
     for (auto record = executedBaseApp_.rbegin(); record != executedBaseApp_.rend(); ++record) {
         names.push_back(record->appName_);

@@ -59,7 +59,8 @@ std::string Format(std::string_view line) {
     constexpr size_t LEVEL_WIDTH = 7;
     const size_t close = line.find('>');
     unsigned priority = 0;
-    if (close == std::string_view::npos || line.size() < close + 1 + STAMP_LENGTH ||
+    if (line.empty() || line.front() != '<' || close == std::string_view::npos ||
+        line.size() < close + 1 + STAMP_LENGTH ||
         std::from_chars(line.data() + 1, line.data() + close, priority).ec != std::errc()) {
         return std::string(line) + '\n';
     }
