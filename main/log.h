@@ -8,7 +8,7 @@
 namespace ProcMgr {
 
 // Logs one line at LOG_ERR, LOG_WARNING, LOG_INFO or LOG_DEBUG. A line that the sink does not take
-// is dropped.
+// is dropped; one that does not read costs a line 50 ms at most.
 void ProcMgrLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // As above, but to syslog whatever the mode: for lines that must not fill the kernel log.
@@ -18,8 +18,8 @@ void ProcMgrSysLog(int level, const char* format, ...) __attribute__((format(pri
 void OpenLog();
 void CloseLog();
 
-// Holds the log's lock across a fork, so that no other thread can own it, or libc's own syslog and
-// time-zone locks, at that moment. Destroyed on both sides.
+// Holds the log's lock across a fork, so that no other thread can own it, or libc's time-zone lock
+// on its behalf, at that moment. Destroyed on both sides.
 class LogForkGuard {
 public:
     LogForkGuard();

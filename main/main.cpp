@@ -2,7 +2,9 @@
 //
 // The resident daemon that starts, supervises and stops the service processes of the platform. The
 // first argument names the file of the base services; "true" as the second selects quick start.
+#include <fcntl.h>
 #include <malloc.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +23,18 @@ namespace {
 
 constexpr int EXIT_STATUS_ERROR = -1;
 
+// A daemon that was started with its standard streams closed must not get them as descriptors of
+// its own, which its children would then write to.
+void OpenStandardStreams() {
+    int fd = -1;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
 int Fail() {
     ProcMgr::CloseLog();
     return EXIT_STATUS_ERROR;
@@ -35,6 +49,7 @@ int main(int argc, char** argv) {
     // every fork copy more.
     mallopt(M_ARENA_MAX, 1);
     InstallContinueSignal();
+    OpenStandardStreams();
     ProcMgrEnv& env = ProcMgrEnv::GetInstance();
     env.StorePid();
     OpenLog();

@@ -10,6 +10,11 @@
 #include "main/log.h"
 
 namespace ProcMgr {
+namespace {
+
+constexpr int CHILD_ERROR_PIPE_SIZE = 1 << 20;
+
+}  // namespace
 
 ProcMgrEnv& ProcMgrEnv::GetInstance() {
     static ProcMgrEnv instance;
@@ -29,6 +34,8 @@ void ProcMgrEnv::CreateChildErrorPipe() {
     fcntl(ends[0], F_SETFD, FD_CLOEXEC);
     fcntl(ends[1], F_SETFD, FD_CLOEXEC);
     fcntl(ends[1], F_SETFL, O_NONBLOCK);
+    // Takes what a burst of failing children says; where it may not be so large it stays smaller.
+    fcntl(ends[1], F_SETPIPE_SZ, CHILD_ERROR_PIPE_SIZE);
     childErrorReadFd_ = ends[0];
     childErrorWriteFd_ = ends[1];
     ProcMgrLog(LOG_WARNING,

@@ -28,7 +28,8 @@ void FakeSys::SetFork(pid_t result, int error) {
 std::vector<std::string> FakeSys::StepCalls() const {
     auto calls = calls_;
     std::erase_if(calls, [](const std::string& call) {
-        return call.starts_with("sigaction") || call.starts_with("pthread_sigmask");
+        return call.starts_with("sigaction") || call.starts_with("pthread_sigmask") ||
+               call.starts_with("close_range");
     });
     return calls;
 }
@@ -103,6 +104,10 @@ pid_t getpid() {
 int getrlimit(int resource, struct rlimit* limit) {
     *limit = {};
     return Result("getrlimit" + Number(resource));
+}
+
+int close_range(unsigned first, unsigned last, int flags) {
+    return Result("close_range" + Number(first) + Number(last) + Number(flags));
 }
 
 int nice(int increment) {

@@ -33,7 +33,7 @@ public:
     // PATH", "write FD TEXT", "execv PATH|ARGV0|ARGV1", "_exit 1", "fork", "sigaction 13 default",
     // "pthread_sigmask 2 EMPTY".
     std::vector<std::string> Calls() const { return calls_; }
-    // Without the calls that deal with signals.
+    // Without the calls that deal with signals and descriptors.
     std::vector<std::string> StepCalls() const;
 
     // Writes a call down. Returns false, with errno set, when it is to fail.

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstdarg>
-#include <cstdio>
 #include <deque>
 #include <functional>
 #include <mutex>
 #include <ostream>
+#include <string_view>
+#include <utility>
+
+#include "main/system_logger.h"
 
 namespace ProcMgr::Fakes {
 
@@ -52,17 +54,11 @@ bool Wait(const Predicate& predicate, std::chrono::milliseconds timeout) {
     });
 }
 
-void Add(int priority, const char* format, va_list arguments) {
-    va_list copy;
-    va_copy(copy, arguments);
-    const int length = vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    std::string text(static_cast<size_t>(std::max(length, 0)), '\0');
-    vsnprintf(text.data(), text.size() + 1, format, arguments);
+void Add(int level, std::string text) {
     Store& store = GetStore();
     {
         const std::lock_guard lock(store.mutex);
-        store.lines.push_back({LOG_PRI(priority), std::move(text)});
+        store.lines.push_back({level, std::move(text)});
         if (store.lines.size() > LINES_MAX) {
             store.lines.pop_front();
         }
@@ -111,31 +107,13 @@ void PrintTo(const LogLine& line, std::ostream* out) {
 
 }  // namespace ProcMgr::Fakes
 
-// These take the place of the C library's functions in the program they are linked into; the _chk
-// ones are what a build with checked library calls uses.
-extern "C" {
+// In place of the daemon's own.
+namespace ProcMgr {
 
-void vsyslog(int priority, const char* format, va_list arguments) {
-    ProcMgr::Fakes::Add(priority, format, arguments);
-}
-
-void syslog(int priority, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    ProcMgr::Fakes::Add(priority, format, arguments);
-    va_end(arguments);
+void SystemLogger::Write(int level, std::string_view text) {
+    Fakes::Add(level, std::string(text));
 }
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-void __vsyslog_chk(int priority, int /*flag*/, const char* format, va_list arguments) {
-    ProcMgr::Fakes::Add(priority, format, arguments);
-}
+void SystemLogger::Close() {}
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    ProcMgr::Fakes::Add(priority, format, arguments);
-    va_end(arguments);
-}
-}
+}  // namespace ProcMgr

@@ -1,4 +1,4 @@
-// Keeps what the program logs through syslog in place of handing it to the system. Any thread may
+// Keeps what the daemon's code logs in place of handing it to the system logger. Any thread may
 // use it. The most recent lines only: a test that logs without end does not fill the memory.
 #pragma once
 

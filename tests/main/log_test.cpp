@@ -102,6 +102,42 @@ TEST_F(Log, ALineWithoutASinkIsDropped) {
     EXPECT_EQ(status, 0);
 }
 
+TEST_F(Log, ALoggerThatDoesNotReadHoldsNobodyUp) {
+    const int status = RunIsolated([] {
+        constexpr int LINES = 5000;
+        const int fd = MakeLogSocket();
+        alarm(30);
+        for (int line = 0; line < LINES; ++line) {
+            ProcMgrLog(LOG_INFO, "line %d", line);
+        }
+        int read = 0;
+        while (!Receive(fd).empty()) {
+            ++read;
+        }
+        EXPECT_GT(read, 0);
+        EXPECT_LT(read, LINES);
+        ProcMgrLog(LOG_INFO, "after");
+        EXPECT_THAT(Receive(fd), IsSyslogLine(LOG_INFO, "after"));
+        EXPECT_THAT(Receive(fd),
+                    IsSyslogLine(LOG_WARNING, "PROCMGR: the system logger did not take " +
+                                                  std::to_string(LINES - read) + " lines"));
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Log, ALoggerThatIsStartedAnewGetsTheNextLine) {
+    const int status = RunIsolated([] {
+        const int first = MakeLogSocket();
+        ProcMgrLog(LOG_INFO, "one");
+        EXPECT_THAT(Receive(first), IsSyslogLine(LOG_INFO, "one"));
+        close(first);
+        const int second = MakeLogSocket();
+        ProcMgrLog(LOG_INFO, "two");
+        EXPECT_THAT(Receive(second), IsSyslogLine(LOG_INFO, "two"));
+    });
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(Log, AChildForkedUnderTheGuardCanLogWhileOthersDo) {
     const int status = RunIsolated([] {
         const int fd = MakeLogSocket();

@@ -13,6 +13,7 @@ struct sched_param;
 namespace ProcMgr::Sys {
 
 [[noreturn]] void _exit(int status);
+int close_range(unsigned first, unsigned last, int flags);
 int execv(const char* path, char* const* arguments);
 pid_t fork();
 pid_t getpid();

@@ -1,0 +1,24 @@
+#include "main/line_reader.h"
+
+namespace ProcMgr {
+
+LineReader::LineReader(const std::string& path, size_t lengthMax)
+    : file_(std::fopen(path.c_str(), "re")) {
+    if (file_ != nullptr) {
+        buffer_.resize(lengthMax + 1);
+    }
+}
+
+std::optional<std::string_view> LineReader::Next() {
+    if (file_ == nullptr ||
+        std::fgets(buffer_.data(), static_cast<int>(buffer_.size()), file_.get()) == nullptr) {
+        return std::nullopt;
+    }
+    std::string_view line(buffer_.c_str());
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
+        line.remove_suffix(1);
+    }
+    return line;
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,37 @@
+// A text file, read line by line through a buffer of fixed size: however long its lines are, it
+// costs no more memory. For files that the daemon does not write itself.
+#pragma once
+
+#include <cstddef>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ProcMgr {
+
+class LineReader {
+public:
+    static constexpr size_t DEFAULT_LENGTH_MAX = 1023;
+
+    // Opens the file, close-on-exec. A line of more than `lengthMax` characters comes in pieces.
+    explicit LineReader(const std::string& path, size_t lengthMax = DEFAULT_LENGTH_MAX);
+
+    // False, with errno of the open right after construction, when there is nothing to read.
+    bool IsOpen() const { return file_ != nullptr; }
+
+    // The next line without its line end, valid until the next call; nothing at the end of the
+    // file. A line is cut at its first null character.
+    std::optional<std::string_view> Next();
+
+private:
+    struct Close {
+        void operator()(FILE* file) const { std::fclose(file); }
+    };
+
+    std::unique_ptr<FILE, Close> file_;
+    std::string buffer_;
+};
+
+}  // namespace ProcMgr

@@ -1,0 +1,116 @@
+#include "main/system_logger.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "main/constants.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr char LOG_SOCKET[] = "/dev/log";
+// What a logger takes as one line is not more than this.
+constexpr size_t LINE_MAX_LENGTH = 8192;
+constexpr size_t HEADER_MAX_LENGTH = 64;
+// For a logger that works this is long: its queue is a few lines short, not its reading.
+constexpr int PATIENCE_MILLISECONDS = 50;
+
+// "<PRI>Mmm dd hh:mm:ss IDENT[PID]: ", as syslog() has it.
+size_t WriteHeader(int level, std::array<char, HEADER_MAX_LENGTH>& header) {
+    const time_t now = time(nullptr);
+    tm local{};
+    localtime_r(&now, &local);
+    std::array<char, 20> stamp{};
+    strftime(stamp.data(), stamp.size(), "%h %e %T", &local);
+    const int length =
+        std::snprintf(header.data(), header.size(), "<%d>%s %s[%d]: ", LOG_USER | level,
+                      stamp.data(), PROCMGR_NAME, getpid());
+    return std::min(static_cast<size_t>(std::max(length, 0)), header.size() - 1);
+}
+
+}  // namespace
+
+void SystemLogger::Write(int level, std::string_view text) {
+    std::array<char, HEADER_MAX_LENGTH> header{};
+    const size_t headerLength = WriteHeader(level, header);
+    std::array<char, LINE_MAX_LENGTH> line;  // NOLINT: all that is sent is written first
+    std::memcpy(line.data(), header.data(), headerLength);
+    const size_t textLength = std::min(text.size(), line.size() - headerLength);
+    std::memcpy(line.data() + headerLength, text.data(), textLength);
+    if (SendPatiently({line.data(), headerLength + textLength}) != Sent::YES) {
+        ++dropped_;
+    } else if (dropped_ > 0) {
+        ReportDropped();
+    }
+}
+
+void SystemLogger::Close() {
+    if (fd_ >= 0) {
+        close(fd_);
+        fd_ = -1;
+    }
+}
+
+bool SystemLogger::Connect() {
+    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd_ < 0) {
+        return false;
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    static_assert(sizeof(LOG_SOCKET) <= sizeof(address.sun_path));
+    std::memcpy(address.sun_path, LOG_SOCKET, sizeof(LOG_SOCKET));
+    if (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        Close();
+        return false;
+    }
+    return true;
+}
+
+SystemLogger::Sent SystemLogger::Send(std::string_view line) {
+    // The second attempt is for a logger that was started anew.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (fd_ < 0 && !Connect()) {
+            return Sent::NO_LOGGER;
+        }
+        if (send(fd_, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+            return Sent::YES;
+        }
+        if (errno == EAGAIN || errno == ENOBUFS || errno == EINTR) {
+            return Sent::QUEUE_FULL;
+        }
+        Close();
+    }
+    return Sent::NO_LOGGER;
+}
+
+SystemLogger::Sent SystemLogger::SendPatiently(std::string_view line) {
+    Sent sent = Send(line);
+    if (sent == Sent::QUEUE_FULL && !isStuck_) {
+        pollfd room{fd_, POLLOUT, 0};
+        poll(&room, 1, PATIENCE_MILLISECONDS);
+        sent = Send(line);
+    }
+    isStuck_ = sent == Sent::QUEUE_FULL;
+    return sent;
+}
+
+void SystemLogger::ReportDropped() {
+    const std::string text =
+        "PROCMGR: the system logger did not take " + std::to_string(dropped_) + " lines";
+    dropped_ = 0;
+    Write(LOG_WARNING, text);
+}
+
+}  // namespace ProcMgr
