@@ -1,5 +1,7 @@
 #include "app/child_setup.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -29,6 +31,13 @@ StepResult ResetSignals(ChildContext& /*child*/) {
     sigset_t none;
     sigemptyset(&none);
     Sys::pthread_sigmask(SIG_SETMASK, &none, nullptr);
+    return StepResult::GO_ON;
+}
+
+// The daemon opens everything close-on-exec; a library in it may not. Kernels before 5.11 cannot.
+StepResult SealDescriptors(ChildContext& /*child*/) {
+    constexpr unsigned FIRST = STDERR_FILENO + 1;
+    [[maybe_unused]] const int result = Sys::close_range(FIRST, ~0U, CLOSE_RANGE_CLOEXEC);
     return StepResult::GO_ON;
 }
 
@@ -191,6 +200,7 @@ StepResult SetStartupEntry(ChildContext& child) {
 
 constexpr std::array GENERAL_STEPS = {
     ChildStep{"signals", ResetSignals},
+    ChildStep{"descriptors", SealDescriptors},
     ChildStep{"pid", StorePid},
     ChildStep{"real-time limit", RaiseRealTimeLimit},
     ChildStep{"scheduler", SetScheduler},
@@ -206,6 +216,7 @@ constexpr std::array GENERAL_STEPS = {
 
 constexpr std::array BASE_STEPS = {
     ChildStep{"signals", ResetSignals},
+    ChildStep{"descriptors", SealDescriptors},
     ChildStep{"pid", StorePid},
     ChildStep{"real-time limit", RaiseRealTimeLimit},
     ChildStep{"scheduler", SetScheduler},

@@ -2,16 +2,13 @@
 
 #include <sys/resource.h>
 
-#include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
-#include <fstream>
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include "main/constants.h"
+#include "main/line_reader.h"
 #include "main/log.h"
 #include "main/proc_mgr_env.h"
 
@@ -20,7 +17,6 @@ namespace {
 
 constexpr std::string_view LOCKED_MEMORY_KEY = "MAX_LOCKED_MEMORY_LIMIT=";
 constexpr std::string_view UNLIMITED = "unlimited";
-constexpr size_t LINE_MAX_LENGTH = 1024;
 constexpr int HOME_FIELD = 5;  // fields before the sixth
 
 bool ParseLimit(std::string_view text, rlim_t& limit) {
@@ -64,28 +60,25 @@ std::string HomeOf(std::string_view line) {
 }  // namespace
 
 void SetLockedMemoryLimit() {
-    std::ifstream file(COMMON_ENV_FILE);
-    std::string line;
-    while (std::getline(file, line)) {
-        const size_t key = line.find(LOCKED_MEMORY_KEY);
-        if (key != std::string::npos) {
-            ApplyLockedMemoryLimit(std::string_view(line).substr(key + LOCKED_MEMORY_KEY.size()));
+    LineReader file(COMMON_ENV_FILE);
+    while (const auto line = file.Next()) {
+        const size_t key = line->find(LOCKED_MEMORY_KEY);
+        if (key != std::string_view::npos) {
+            ApplyLockedMemoryLimit(line->substr(key + LOCKED_MEMORY_KEY.size()));
             return;
         }
     }
 }
 
 void InquireHomeEnvVariable() {
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(PASSWD_FILE, "re"), std::fclose);
-    if (file == nullptr) {
+    LineReader file(PASSWD_FILE);
+    if (!file.IsOpen()) {
         ProcMgrLog(LOG_ERR, "fopen %s fail, errno=%d", PASSWD_FILE, errno);
         return;
     }
-    std::array<char, LINE_MAX_LENGTH> line{};
-    while (std::fgets(line.data(), line.size(), file.get()) != nullptr) {
-        const std::string_view text(line.data());
-        if (text.find(DEFAULT_OWNER) != std::string_view::npos) {
-            ProcMgrEnv::GetInstance().SetHome(HomeOf(text));
+    while (const auto line = file.Next()) {
+        if (line->find(DEFAULT_OWNER) != std::string_view::npos) {
+            ProcMgrEnv::GetInstance().SetHome(HomeOf(*line));
             ProcMgrLog(LOG_INFO, "PROCMGR: InquireHomeEnvVariable finished home env=%s",
                        ProcMgrEnv::GetInstance().GetHome().c_str());
             return;

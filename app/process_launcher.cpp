@@ -49,6 +49,11 @@ pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
     return child;
 }
 
+void ProcessLauncher::LookUpUser(uint32_t uid) {
+    const std::lock_guard lock(launchMutex_);
+    userGroups_.LookUp(uid);
+}
+
 pid_t ProcessLauncher::Fork(const LaunchPlan& plan) {
     ChildContext context(plan);
     sigset_t all;

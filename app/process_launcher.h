@@ -21,6 +21,10 @@ public:
     pid_t Launch(GeneralAppInfo& app);
     pid_t Launch(BaseAppInfo& app);
 
+    // Looks the user's groups up ahead of a launch. The user database may be slow: call it before
+    // taking the lock of the record's container.
+    void LookUpUser(uint32_t uid);
+
 private:
     // Forks with every signal blocked and the log's lock held: no handler of the daemon's runs in
     // the child and no other thread owns a lock that the child needs.

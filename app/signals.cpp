@@ -2,15 +2,17 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <map>
+#include <string_view>
 
 #include "main/boot_trace.h"
 #include "main/constants.h"
+#include "main/line_reader.h"
 #include "main/log.h"
 
 namespace ProcMgr::App {
@@ -47,15 +49,14 @@ using StatusMap = std::map<std::string, std::string>;
 // The lines "key:<white space>value" of a process's status file; empty when it is gone.
 StatusMap ReadStatus(const std::string& pid) {
     StatusMap status;
-    std::ifstream file(PROC_DIR + pid + "/status");
-    std::string line;
-    while (std::getline(file, line)) {
-        const size_t colon = line.find(':');
-        if (colon == std::string::npos) {
+    LineReader file(PROC_DIR + pid + "/status");
+    while (const auto line = file.Next()) {
+        const size_t colon = line->find(':');
+        if (colon == std::string_view::npos) {
             continue;
         }
-        const size_t value = line.find_first_not_of(" \t", colon + 1);
-        status[line.substr(0, colon)] = value == std::string::npos ? "" : line.substr(value);
+        const size_t value = std::min(line->find_first_not_of(" \t", colon + 1), line->size());
+        status.insert_or_assign(std::string(line->substr(0, colon)), line->substr(value));
     }
     return status;
 }

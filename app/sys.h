@@ -14,6 +14,7 @@
 namespace ProcMgr::Sys {
 
 using ::_exit;
+using ::close_range;
 using ::execv;
 using ::fork;
 using ::getpid;

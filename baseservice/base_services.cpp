@@ -24,6 +24,7 @@ BaseServices::Record* BaseServices::Find(const std::string& name) {
 }
 
 bool BaseServices::Start(Record& record) {
+    launcher_.LookUpUser(record.uid_);
     const std::lock_guard lock(mutex_);
     // In the list before there is a child: nothing that fails after the fork can lose it.
     executedBaseApp_.push_back(record);
@@ -94,6 +95,13 @@ bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
 }
 
 bool BaseServices::NeedsCheck(const Record& record) {
+    // A service that is coming up to report itself, or going down, is moved by its word or its
+    // exit.
+    const bool isWaiting =
+        record.state_ == TERMINATING || (record.state_ == STARTING && record.isReporting_);
+    if (isWaiting && record.IsAlive()) {
+        return false;
+    }
     return record.state_ != TERMINATED && !record.IsSettled();
 }
 

@@ -25,7 +25,9 @@ ChildErrorReader::ChildErrorReader(const std::atomic<bool>& running)
     : running_(running), stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 ChildErrorReader::~ChildErrorReader() {
-    close(stopFd_);
+    if (stopFd_ >= 0) {
+        close(stopFd_);
+    }
 }
 
 void ChildErrorReader::Stop() {
@@ -34,11 +36,11 @@ void ChildErrorReader::Stop() {
 }
 
 void ChildErrorReader::Run() {
-    while (running_ && WaitForMessage()) {
-        ReadChildErrInfo();
-        if (!Pause(PAUSE)) {
-            break;
+    while (running_) {
+        if (WaitForMessage()) {
+            ReadChildErrInfo();
         }
+        Pause(PAUSE);
     }
     ProcMgrLog(LOG_WARNING, "PROCMGR: ReceiveChildProcessMsgThread exit now.");
 }
@@ -49,12 +51,12 @@ bool ChildErrorReader::WaitForMessage() const {
         // A negative descriptor is never ready: without a pipe there is nothing to read.
         pollfd{ProcMgrEnv::GetInstance().GetChildErrorReadFd(), POLLIN, 0},
     };
-    while (poll(fds.data(), fds.size(), FOR_EVER) < 0 && errno == EINTR) {
-    }
-    return fds[0].revents == 0;
+    // What nothing can wake looks now and then.
+    const int timeout = stopFd_ < 0 ? static_cast<int>(PAUSE.count()) : FOR_EVER;
+    return poll(fds.data(), fds.size(), timeout) > 0 && fds[0].revents == 0;
 }
 
-bool ChildErrorReader::Pause(std::chrono::milliseconds duration) const {
+void ChildErrorReader::Pause(std::chrono::milliseconds duration) const {
     const SteadyTime end = std::chrono::steady_clock::now() + duration;
     pollfd stop{stopFd_, POLLIN, 0};
     for (;;) {
@@ -62,7 +64,7 @@ bool ChildErrorReader::Pause(std::chrono::milliseconds duration) const {
             std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
         const int result = rest.count() > 0 ? poll(&stop, 1, static_cast<int>(rest.count())) : 0;
         if (result >= 0) {
-            return result == 0;
+            return;
         }
     }
 }

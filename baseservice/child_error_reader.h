@@ -25,12 +25,13 @@ public:
     static void ReadChildErrInfo();
 
 private:
-    // Waits until the pipe is readable, or only for the time. False after Stop().
+    // Waits until the pipe is readable. False when something else ended the wait.
     bool WaitForMessage() const;
-    bool Pause(std::chrono::milliseconds duration) const;
+    // Waits for the time, or for Stop().
+    void Pause(std::chrono::milliseconds duration) const;
 
     const std::atomic<bool>& running_;
-    const int stopFd_;
+    const int stopFd_;  // readable after Stop(); -1 when the system has none left
 };
 
 }  // namespace ProcMgr

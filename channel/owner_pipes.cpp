@@ -23,16 +23,26 @@ constexpr int NOT_OPEN = -1;
 OwnerPipes::OwnerPipes(MuxaCallback handler) : handler_(std::move(handler)) {}
 
 void OwnerPipes::CloseAll() {
-    std::map<std::string, int> fds;
+    std::vector<int> fds;
     {
         const std::unique_lock lock(mutex_);
-        fds.swap(fds_);
+        fds.swap(leftOver_);
+        for (const auto& [owner, fd] : fds_) {
+            fds.push_back(fd);
+        }
+        fds_.clear();
     }
-    for (const auto& [owner, fd] : fds) {
-        if (fd > 0) {
-            ProcMgrMuxaClosePipe(fd);
+    std::erase(fds, NOT_OPEN);
+    for (const int fd : fds) {
+        // A handler uses what is destroyed next: there is no giving up.
+        while (ProcMgrMuxaClosePipe(fd) == MUXA_BUSY) {
         }
     }
+}
+
+void OwnerPipes::CloseLeftOver() {
+    const std::unique_lock lock(mutex_);
+    std::erase_if(leftOver_, [](int fd) { return MuxaClosePipe(fd) != MUXA_BUSY; });
 }
 
 bool OwnerPipes::RegServiceCallBack(const std::string& owner, uint32_t gid) {
@@ -76,6 +86,7 @@ bool OwnerPipes::RegServiceCallBack(const std::string& owner, uint32_t gid) {
 }
 
 void OwnerPipes::UnRegServiceCallBack(const std::string& owner) {
+    CloseLeftOver();
     const int fd = TakeFd(owner);
     int result = MUXA_BUSY;
     for (int attempt = 0; attempt < CLOSE_ATTEMPTS && result == MUXA_BUSY; ++attempt) {
@@ -88,6 +99,10 @@ void OwnerPipes::UnRegServiceCallBack(const std::string& owner) {
         if (result == MUXA_BUSY) {
             SleepFor(CLOSE_PAUSE);
         }
+    }
+    if (result == MUXA_BUSY) {
+        const std::unique_lock lock(mutex_);
+        leftOver_.push_back(fd);
     }
     ProcMgrLog(LOG_ERR,
                "PROCMGR : Master UnRegServiceCallBack failed: MuxaClosePipe failed err code: %d",

@@ -6,6 +6,7 @@
 #include <map>
 #include <shared_mutex>
 #include <string>
+#include <vector>
 
 #include "platform/messaging.h"
 
@@ -24,22 +25,26 @@ public:
     bool RegServiceCallBack(const std::string& owner, uint32_t gid);
 
     // Marks the owner not open and closes its pipe, waiting up to 2 s for a request that is being
-    // handled.
+    // handled. A pipe that stays busy is closed with the next one, or by CloseAll.
     void UnRegServiceCallBack(const std::string& owner);
 
-    // Closes every pipe: no request arrives afterwards.
+    // Closes every pipe, waiting for every request that is being handled: none is, and none
+    // arrives, afterwards.
     void CloseAll();
 
     // The pipe's descriptor; -1 for an owner that is unknown or not open.
     int GetServiceFd(const std::string& owner) const;
 
 private:
+    // Tries once more to close the pipes that were busy.
+    void CloseLeftOver();
     // Takes the owner's descriptor out of the table, leaving -1.
     int TakeFd(const std::string& owner);
 
     const MuxaCallback handler_;
     mutable std::shared_mutex mutex_;
     std::map<std::string, int> fds_;  // guarded by mutex_; entries are never erased
+    std::vector<int> leftOver_;       // busy when they were to be closed; guarded by mutex_
 };
 
 }  // namespace ProcMgr

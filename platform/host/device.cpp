@@ -20,8 +20,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -38,13 +38,15 @@ constexpr uint32_t DONE = 0;
 constexpr uint32_t REFUSED = 1;
 
 uint32_t ConfiguredDevices() {
-    std::ifstream config(CONFIG_PATH);
-    std::string line;
-    while (std::getline(config, line)) {
-        if (!line.starts_with(DEVICES_KEY)) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> config(std::fopen(CONFIG_PATH, "re"), std::fclose);
+    std::array<char, MAX_LINE> line{};
+    while (config != nullptr && std::fgets(line.data(), line.size(), config.get()) != nullptr) {
+        std::string_view text(line.data());
+        text = text.substr(0, text.find('\n'));
+        if (!text.starts_with(DEVICES_KEY)) {
             continue;
         }
-        const std::string_view text = std::string_view(line).substr(DEVICES_KEY.size());
+        text.remove_prefix(DEVICES_KEY.size());
         uint32_t count = 0;
         const char* end = text.data() + text.size();
         const auto parsed = std::from_chars(text.data(), end, count);

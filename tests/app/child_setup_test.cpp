@@ -364,6 +364,16 @@ TEST_F(ChildSetupTest, ARestartWhoseStartFailsIsTerminated) {
     EXPECT_FALSE(app.killSent_);
     EXPECT_FALSE(app.restartStarted_);
     EXPECT_TRUE(LogCapture::Contains(6, "PROCMGR : RESTARTING to TERMINATED appName=svc, pid=12"));
+    EXPECT_FALSE(app.IsAlive()) << "its pid is free";
+}
+
+TEST_F(ChildSetupTest, AnExceptionEndsTheChild) {
+    FakeSys::Get().SetFork(0);
+    FakeAccessManager::Get().SetHook([](const AppConfig&) { throw std::bad_alloc(); });
+    ProcessLauncher launcher;
+    BaseAppInfo app(Manifest(SomeService()));
+    EXPECT_THROW(app.StartProcess(launcher), Fakes::ChildExited);
+    EXPECT_EQ(CountCalls("execv"), 0U);
 }
 
 TEST_F(ChildSetupTest, AForkedChildGetsWhatItsRecordSays) {

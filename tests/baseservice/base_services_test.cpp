@@ -212,6 +212,20 @@ TEST_F(BaseServicesTest, StopKillsWhatIgnoresItsTerm) {
     EXPECT_EQ(Between("PROCMGR : SetExitStatus ", ",").size(), 2U);
 }
 
+TEST_F(BaseServicesTest, ALateReadinessDoesNotUndoTheStop) {
+    ManifestData data = Service("svc", "trap '' TERM; touch " + directory_ + "/up; exec sleep 60");
+    data.termTimeoutMs = 60000;
+    const pid_t pid = Start(data);
+    ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(directory_ + "/up"); }));
+    std::thread stop([this] { services_.StopAll(); });
+    EXPECT_TRUE(WaitUntil([&] { return services_.GetState("svc") == TERMINATING; }));
+    Report("svc", BaseServiceStateType::RUNNING);
+    EXPECT_EQ(services_.GetState("svc"), TERMINATING);
+    StartReaper();
+    kill(pid, SIGKILL);
+    stop.join();
+}
+
 TEST_F(BaseServicesTest, APidWhoseExitIsStoredIsNotSignalled) {
     const pid_t pid = Start(Service("gone", STAYS));
     // To the list the process has ended; that it has not shows whether it is signalled.

@@ -40,6 +40,20 @@ TEST_F(Signals, AContinueThatComesEarlyIsRemembered) {
     EXPECT_EQ(status, 0);
 }
 
+TEST_F(Signals, AMaskThatWasInheritedDoesNotHideThem) {
+    const int status = RunIsolated([] {
+        sigset_t all;
+        sigfillset(&all);
+        sigprocmask(SIG_SETMASK, &all, nullptr);
+        InstallSignals();
+        raise(SIGCHLD);
+        EXPECT_TRUE(IsReadable(GetSignalEventFd()));
+        raise(SIGTERM);
+        EXPECT_TRUE(IsStopRequested());
+    });
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(Signals, StopRequestAndChildExitWakeTheEvent) {
     for (const int signal : {SIGTERM, SIGINT}) {
         const int status = RunIsolated([signal] {
