@@ -8,7 +8,7 @@
 namespace ProcMgr {
 
 // Logs one line at LOG_ERR, LOG_WARNING, LOG_INFO or LOG_DEBUG. A line that the sink does not take
-// is dropped; one that does not read costs a line 50 ms at most.
+// is dropped; one that does not read holds a line up once, for half a second.
 void ProcMgrLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // As above, but to syslog whatever the mode: for lines that must not fill the kernel log.

@@ -9,12 +9,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <string>
 
 #include "main/constants.h"
+#include "main/system.h"
 
 namespace ProcMgr {
 namespace {
@@ -23,8 +25,9 @@ constexpr char LOG_SOCKET[] = "/dev/log";
 // What a logger takes as one line is not more than this.
 constexpr size_t LINE_MAX_LENGTH = 8192;
 constexpr size_t HEADER_MAX_LENGTH = 64;
-// For a logger that works this is long: its queue is a few lines short, not its reading.
-constexpr int PATIENCE_MILLISECONDS = 50;
+// For a logger that works this is long, even at the busiest moment of boot. One that does not costs
+// it once: no line waits again before one has gone through.
+constexpr std::chrono::milliseconds PATIENCE{500};
 
 // "<PRI>Mmm dd hh:mm:ss IDENT[PID]: ", as syslog() has it.
 size_t WriteHeader(int level, std::array<char, HEADER_MAX_LENGTH>& header) {
@@ -96,10 +99,14 @@ SystemLogger::Sent SystemLogger::Send(std::string_view line) {
 }
 
 SystemLogger::Sent SystemLogger::SendPatiently(std::string_view line) {
+    const SteadyTime begin = std::chrono::steady_clock::now();
     Sent sent = Send(line);
-    if (sent == Sent::QUEUE_FULL && !isStuck_) {
+    while (sent == Sent::QUEUE_FULL && !isStuck_) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            begin + PATIENCE - std::chrono::steady_clock::now());
         pollfd room{fd_, POLLOUT, 0};
-        poll(&room, 1, PATIENCE_MILLISECONDS);
+        // Room that others were quicker to take is waited for again.
+        isStuck_ = left.count() <= 0 || poll(&room, 1, static_cast<int>(left.count())) == 0;
         sent = Send(line);
     }
     isStuck_ = sent == Sent::QUEUE_FULL;
