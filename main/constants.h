@@ -23,6 +23,8 @@ inline constexpr const char* RESTART_ON_FOREVER = "on-forever";
 inline constexpr const char* RESTART_ON_UNTIL_SUCCEED = "on-until-succeed";
 inline constexpr const char* RESTART_NO = "no";
 
+inline constexpr const char* SETTINGS_FILE = "/etc/vela/base-plat/process-manager/procmgr_cfg.yaml";
+inline constexpr const char* HASH_FILE = "/etc/vela/base-plat/process-manager/bin_hash.cfg";
 inline constexpr const char* PROC_DIR = "/proc/";
 inline constexpr const char* PASSWD_FILE = "/etc/passwd";
 inline constexpr const char* DEFAULT_OWNER = "1000:1000";
