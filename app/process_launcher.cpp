@@ -6,15 +6,24 @@
 #include <exception>
 
 #include "app/child_setup.h"
+#include "app/launch_checks.h"
 #include "app/sys.h"
 #include "main/boot_trace.h"
 #include "main/constants.h"
 #include "main/log.h"
 
 namespace ProcMgr::App {
+namespace {
+
+constexpr pid_t NO_PROCESS = -1;
+
+}  // namespace
 
 pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
     const std::lock_guard lock(launchMutex_);
+    if (!PreStartCheck(app)) {
+        return NO_PROCESS;
+    }
     LaunchPlan plan = MakeLaunchPlan(app);
     plan.userGroups = userGroups_.LookUp(app.uid_);
     app.startTime_ = std::chrono::steady_clock::now();
@@ -32,6 +41,9 @@ pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
 
 pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
     const std::lock_guard lock(launchMutex_);
+    if (!PreStartCheck(app)) {
+        return NO_PROCESS;
+    }
     LaunchPlan plan = MakeLaunchPlan(app);
     plan.userGroups = userGroups_.LookUp(app.uid_);
     app.startTime_ = std::chrono::steady_clock::now();
@@ -47,6 +59,18 @@ pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
                BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), app.execPath_.c_str(),
                child, app.isDelayCoreAffinity_);
     return child;
+}
+
+bool ProcessLauncher::PreStartCheck(const AppInfo& app) {
+    if (!CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_, userGroups_)) {
+        return false;
+    }
+    if (!integrity_.IntegrityProtect(app.execPath_)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : IntegrityProtect app=%s or sha256sum has been modified",
+                   app.execPath_.c_str());
+        return false;
+    }
+    return true;
 }
 
 void ProcessLauncher::LookUpUser(uint32_t uid) {

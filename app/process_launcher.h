@@ -5,8 +5,10 @@
 #include <sys/types.h>
 
 #include <mutex>
+#include <string>
 
 #include "app/app_info.h"
+#include "app/integrity.h"
 #include "app/launch_plan.h"
 #include "app/user_groups.h"
 
@@ -14,10 +16,13 @@ namespace ProcMgr::App {
 
 class ProcessLauncher {
 public:
-    // Starts the record's program and stores the child's pid in the record. Returns the pid, or -1,
-    // with a log line, when there is no child. What fails in the child shows in its error text and
-    // its exit status. The caller holds the lock of the record's container until the record can be
-    // found by pid there, so that the reaper cannot miss it.
+    // Reads which executables are protected, by what digest. Once, before the first launch.
+    void LoadIntegrityTable(const std::string& path) { integrity_.Load(path); }
+
+    // Checks that the record's program may be started, starts it, and stores the child's pid in the
+    // record. Returns the pid, or -1, with a log line, when there is no child. What fails in the
+    // child shows in its error text and its exit status. The caller holds the lock of the record's
+    // container until the record can be found by pid there, so that the reaper cannot miss it.
     pid_t Launch(GeneralAppInfo& app);
     pid_t Launch(BaseAppInfo& app);
 
@@ -26,6 +31,9 @@ public:
     void LookUpUser(uint32_t uid);
 
 private:
+    // The checks before every fork. Runs an external program when the executable is protected.
+    bool PreStartCheck(const AppInfo& app);
+
     // Forks with every signal blocked and the log's lock held: no handler of the daemon's runs in
     // the child and no other thread owns a lock that the child needs.
     static pid_t Fork(const LaunchPlan& plan);
@@ -33,6 +41,7 @@ private:
     // Held over everything that uses the user database or the environment, and over the fork.
     std::mutex launchMutex_;
     UserGroupsCache userGroups_;  // guarded by launchMutex_
+    IntegrityTable integrity_;    // constant once it is loaded
 };
 
 }  // namespace ProcMgr::App

@@ -4,6 +4,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <utility>
@@ -13,7 +14,6 @@
 namespace ProcMgr::App {
 namespace {
 
-constexpr int GROUPS_MAX = 128;
 constexpr std::chrono::seconds CACHE_LIFE{1};
 constexpr const char* DATABASE_FILES[] = {"/etc/passwd", "/etc/group", "/etc/nsswitch.conf"};
 
@@ -27,8 +27,8 @@ UserGroups LookUpUserGroups(uint32_t uid) {
         found.error = errno;
         return found;
     }
-    int count = GROUPS_MAX;
-    found.groups.resize(GROUPS_MAX);
+    int count = USER_GROUPS_MAX;
+    found.groups.resize(USER_GROUPS_MAX);
     const int listed = getgrouplist(user->pw_name, user->pw_gid, found.groups.data(), &count);
     // The record must not be left in memory that every child inherits.
     if (memset_s(user, sizeof(*user), 0, sizeof(*user)) != 0) {
@@ -43,6 +43,16 @@ UserGroups LookUpUserGroups(uint32_t uid) {
     found.groups.resize(static_cast<size_t>(count));
     found.result = UserGroups::Result::FOUND;
     return found;
+}
+
+bool IsGroupMember(const UserGroups& user, gid_t gid) {
+    if (user.result != UserGroups::Result::FOUND) {
+        return false;
+    }
+    if (gid == 0 && user.groups.size() < USER_GROUPS_MAX) {
+        return true;
+    }
+    return std::find(user.groups.begin(), user.groups.end(), gid) != user.groups.end();
 }
 
 std::string UserGroupsCache::ReadStamp() {

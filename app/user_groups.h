@@ -20,8 +20,14 @@ struct UserGroups {
     std::vector<gid_t> groups;  // supplementary groups, the user's own group among them
 };
 
-// A user may have at most 128 groups.
+// A user may have at most so many groups.
+inline constexpr int USER_GROUPS_MAX = 128;
+
 UserGroups LookUpUserGroups(uint32_t uid);
+
+// Whether `gid` is among the groups that were found. A user with less than 128 groups counts as a
+// member of group 0.
+bool IsGroupMember(const UserGroups& user, gid_t gid);
 
 // Look-ups that were made a moment ago: at boot many services of few users start in one burst. An
 // entry is used for a second at most, and only while the files of the user database are the same.

@@ -2,20 +2,23 @@
 
 #include <algorithm>
 
+#include "app/sensor_node_event_reporter.h"
 #include "main/boot_trace.h"
 #include "main/constants.h"
 #include "main/log.h"
 
 namespace ProcMgr {
-namespace {
 
-constexpr uint32_t HEARTBEAT_BACK = 0;
-constexpr uint32_t HEARTBEAT_LOST = 1;
+using App::SensorNodeEventReporter;
 
-}  // namespace
-
-BaseServices::BaseServices(App::ProcessLauncher& launcher, ReportedState& reportedState)
-    : launcher_(launcher), reportedState_(reportedState) {}
+BaseServices::BaseServices(App::ProcessLauncher& launcher, ReportedState& reportedState,
+                           CheckRequests& checks, App::OwnerRegistry& owners,
+                           const App::StateReports& reports)
+    : launcher_(launcher),
+      reportedState_(reportedState),
+      checks_(checks),
+      owners_(owners),
+      reports_(reports) {}
 
 BaseServices::Record* BaseServices::Find(const std::string& name) {
     const auto found = std::find_if(executedBaseApp_.begin(), executedBaseApp_.end(),
@@ -35,9 +38,11 @@ bool BaseServices::Start(Record& record) {
         executedBaseApp_.pop_back();
         ProcMgrLog(LOG_ERR, "Start %s failed, state:%s", record.appName_.c_str(),
                    GetProcessStateStr(record.state_).c_str());
+        SensorNodeEventReporter::GetInstance().Raise(App::BASE_SERVICE_NODE, record.appName_,
+                                                     App::EVENT_START_FAILED, record.nodeType_);
         return false;
     }
-    RequestCheck();
+    checks_.Request();
     if (Find(record.appName_) == nullptr) {
         ProcMgrLog(LOG_ERR, "PROCMGR : InitOneBaseApplication, not find ownerName=%s",
                    record.appName_.c_str());
@@ -89,62 +94,10 @@ bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
         return false;
     }
     found->SetExitStatus(status);
-    RequestCheck();
+    const bool isYoung = std::chrono::steady_clock::now() - found->startTime_ <= CHECK_PERIOD;
+    isYoung ? checks_.Request() : checks_.RequestNow();
     exited_.notify_all();
     return true;
-}
-
-bool BaseServices::NeedsCheck(const Record& record) {
-    // A service that is coming up to report itself, or going down, is moved by its word or its
-    // exit.
-    const bool isWaiting =
-        record.state_ == TERMINATING || (record.state_ == STARTING && record.isReporting_);
-    if (isWaiting && record.IsAlive()) {
-        return false;
-    }
-    return record.state_ != TERMINATED && !record.IsSettled();
-}
-
-void BaseServices::RequestCheck() {
-    isCheckNeeded_ = true;
-    checkNeeded_.notify_one();
-}
-
-void BaseServices::WaitForWork(const std::atomic<bool>& running) {
-    std::unique_lock lock(mutex_);
-    checkNeeded_.wait(lock, [&] { return isCheckNeeded_ || !running; });
-}
-
-void BaseServices::WakeWaiter() {
-    const std::lock_guard lock(mutex_);
-    checkNeeded_.notify_one();
-}
-
-void BaseServices::CheckBaseApps() {
-    const std::lock_guard lock(mutex_);
-    if (!isCheckNeeded_) {
-        return;
-    }
-    isCheckNeeded_ = false;
-    for (Record& record : executedBaseApp_) {
-        if (NeedsCheck(record)) {
-            CheckOne(record);
-            isCheckNeeded_ = isCheckNeeded_ || NeedsCheck(record);
-        }
-    }
-}
-
-void BaseServices::CheckOne(Record& record) {
-    reportedState_.Update([&] {
-        const ProcessState before = record.state_;
-        record.state_ = record.CheckState();
-        return record.state_ != before;
-    });
-    if (record.reportType_ == TERMINATED_ABNORMAL_EXIT) {
-        ProcMgrLog(LOG_WARNING,
-                   "PROCMGR: CheckThread : owner=%s, pid=%d, state=%s unexpectedly terminated.",
-                   record.appName_.c_str(), record.pid_, GetProcessStateStr(record.state_).c_str());
-    }
 }
 
 void BaseServices::HandleStateReport(const std::string& name,
@@ -165,7 +118,11 @@ void BaseServices::HandleStateReport(const std::string& name,
                    name.c_str());
         return;
     }
-    RequestCheck();
+    checks_.Request();
+    if (reported == BaseServiceStateType::RUNNING) {
+        SensorNodeEventReporter::GetInstance().Withdraw(App::BASE_SERVICE_NODE, name,
+                                                        App::EVENT_START_FAILED);
+    }
     reportedState_.Update([&] {
         // The last word of a process that is gone must not bring its record back to life.
         if (record->state_ == TERMINATED || record->exitStatusSet_) {
@@ -178,31 +135,6 @@ void BaseServices::HandleStateReport(const std::string& name,
         record->state_ = reported == BaseServiceStateType::RUNNING ? RUNNING : TERMINATING;
         return true;
     });
-}
-
-int BaseServices::HeartBeatNotify(const char* name, size_t nameLength, int32_t pid,
-                                  uint32_t status) {
-    if (name == nullptr || nameLength == 0) {
-        ProcMgrLog(LOG_ERR, "Process heart beat notify, app name is invalid. (nameLen=%zu)",
-                   nameLength);
-        return 0;
-    }
-    const std::string app(name, nameLength);
-    const std::lock_guard lock(mutex_);
-    if (Find(app) == nullptr) {
-        ProcMgrLog(LOG_ERR, "Process heart beat notify, not find base app=%s", app.c_str());
-        return 0;
-    }
-    if (status != HEARTBEAT_BACK && status != HEARTBEAT_LOST) {
-        ProcMgrLog(LOG_WARNING, "App status is invalid. (status=%u)", status);
-        return 0;
-    }
-    ProcMgrLog(LOG_INFO,
-               status == HEARTBEAT_LOST
-                   ? "Process heart beat notify. (app=%s,pid=%d,status=lost)"
-                   : "Process heart beat notify. (app=%s,pid=%d,status=recovery)",
-               app.c_str(), pid);
-    return 1;
 }
 
 }  // namespace ProcMgr

@@ -1,9 +1,9 @@
 // The base services that have been started: the list of their records, in start order, and its
 // lock. Base start-up adds to it, the reaper stores exits in it, CheckThread moves its records from
-// state to state, the request handlers set what services report about themselves.
+// state to state and restarts what died, the request handlers set what services report about
+// themselves. What is due to the message channel is done after the lock has been released.
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -16,16 +16,20 @@
 #include <vector>
 
 #include "app/app_info.h"
+#include "app/owner_link.h"
 #include "app/process_launcher.h"
 #include "baseservice/reported_state.h"
+#include "main/check_requests.h"
 #include "message/request_msg.h"
 
 namespace ProcMgr {
 
 class BaseServices {
 public:
-    // Both must outlive this object.
-    BaseServices(App::ProcessLauncher& launcher, ReportedState& reportedState);
+    // All must outlive this object.
+    BaseServices(App::ProcessLauncher& launcher, ReportedState& reportedState,
+                 CheckRequests& checks, App::OwnerRegistry& owners,
+                 const App::StateReports& reports);
 
     // Forks the record's program and adds a copy of the record. The lock is held from before the
     // fork until the record is in the list, so the reaper finds it however soon the child dies.
@@ -41,13 +45,15 @@ public:
     // Stores the exit of the process `pid`; false when no service has it.
     bool SetExitStatus(int32_t pid, int32_t status);
 
-    // One pass of CheckThread over all records.
-    void CheckBaseApps();
+    // One pass of CheckThread over all records: moves them from state to state, and deals with the
+    // services that have died: reports, fault event, restart by their policy.
+    void CheckBaseApps(CheckPass pass);
 
-    // Waits while a pass would find nothing new and `running` is true.
-    void WaitForWork(const std::atomic<bool>& running);
-    // Makes it look at `running` again.
-    void WakeWaiter();
+    // Takes the services that have ended for good out of the list, with their pipe and heartbeat.
+    void RemoveTerminatedApps();
+
+    // Watches the heartbeat of the service's present process. The caller has logged why.
+    void RegisterHeartBeat(const std::string& name);
 
     // What a service says about itself.
     void HandleStateReport(const std::string& name, const Message::BaseServiceStateInfo& info);
@@ -69,12 +75,22 @@ private:
     };
     using Endings = std::map<std::string, Ending>;
 
+    // The steps of a pass. Those with the lock take it themselves; the others wait for nobody's
+    // lock, and may wait for an owner.
+    std::vector<App::AppInfo> CheckStates(CheckPass pass);
+    void GiveUp(const App::AppInfo& app) const;
+    std::vector<App::AppInfo> RestartTerminated(const std::vector<App::AppInfo>& ended);
+    void Reconnect(const App::AppInfo& app) const;
+
     // The callers of all that follow hold mutex_.
-    // Whether the next pass of CheckThread has something to find out about the record.
-    static bool NeedsCheck(const Record& record);
-    void RequestCheck();
+    // Whether a pass has something to find out about the record.
+    bool NeedsCheck(const Record& record, CheckPass pass, SteadyTime now) const;
     Record* Find(const std::string& name);
     void CheckOne(Record& record);
+    // The record's restart, decided and done. True when there is a new process.
+    bool RestartByPolicy(Record& record);
+    bool RestartBaseApp(const std::string& name);
+    void RegisterHeartBeat(const Record& record);
     // Whether a service that is alive depends on `name`.
     bool IsNeeded(const std::string& name) const;
     void Terminate(const std::string& name, Endings& endings);
@@ -86,13 +102,13 @@ private:
 
     App::ProcessLauncher& launcher_;
     ReportedState& reportedState_;
+    CheckRequests& checks_;
+    App::OwnerRegistry& owners_;
+    const App::StateReports& reports_;
     std::mutex mutex_;
     std::condition_variable exited_;       // an exit has been stored
     std::vector<Record> executedBaseApp_;  // guarded by mutex_, its states also by reportedState_
-    // False while a pass over all records would find nothing new: nearly always. Guarded by mutex_.
-    bool isCheckNeeded_ = false;
-    std::condition_variable checkNeeded_;
-    bool isStopping_ = false;  // StopAll has begun; guarded by mutex_
+    bool isStopping_ = false;              // StopAll has begun; guarded by mutex_
 };
 
 }  // namespace ProcMgr

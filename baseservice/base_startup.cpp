@@ -8,7 +8,6 @@
 #include "main/constants.h"
 #include "main/log.h"
 #include "main/system.h"
-#include "platform/heartbeat.h"
 
 namespace ProcMgr {
 namespace {
@@ -23,11 +22,13 @@ ParseAndDepend& Parser() {
 
 }  // namespace
 
-BaseStartup::BaseStartup(BaseServices& services, ReportedState& reportedState, OwnerPipes& pipes,
-                         const OwnerReports& reports, std::function<bool()> isStopping)
+BaseStartup::BaseStartup(BaseServices& services, ReportedState& reportedState,
+                         BootCommandLine& commandLine, App::OwnerRegistry& owners,
+                         const App::StateReports& reports, std::function<bool()> isStopping)
     : services_(services),
       reportedState_(reportedState),
-      pipes_(pipes),
+      commandLine_(commandLine),
+      owners_(owners),
       reports_(reports),
       isStopping_(std::move(isStopping)) {}
 
@@ -43,10 +44,12 @@ bool BaseStartup::ParseYamlFile(const std::string& path,
             ProcMgrLog(LOG_ERR, "PROCMGR : ParseYamlFile : appName is NULL");
             return false;
         }
-        if (manifest.GetManifestList() == ManifestList::SERVICES) {
+        if (manifest.GetManifestList() == ManifestList::SERVICES &&
+            commandLine_.IsEnabled(manifest.GetCfgPath())) {
             enabledNames_.push_back(name);
         }
     }
+    commandLine_.ReportNotConfigured();
     return true;
 }
 
@@ -136,30 +139,18 @@ bool BaseStartup::InitOneBaseApplication(App::BaseAppInfo& record) {
     if (!record.isReporting_) {
         return true;
     }
-    if (!pipes_.RegServiceCallBack(name, record.gid_)) {
+    if (!owners_.RegServiceCallBack(name, record.gid_)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : procname=%s RegisterService failed", name.c_str());
         return false;
     }
-    RegisterHeartBeat(record);
+    ProcMgrLog(LOG_INFO, "Register heart beat checker for %s.", name.c_str());
+    services_.RegisterHeartBeat(name);
     WaitBaseAppReport(name);
     return true;
 }
 
 bool BaseStartup::CheckDepends(const std::set<std::string>& depends, const std::string& name) {
     return services_.CheckDepends(depends, name);
-}
-
-void BaseStartup::RegisterHeartBeat(const App::BaseAppInfo& record) {
-    const std::string& name = record.appName_;
-    ProcMgrLog(LOG_INFO, "Register heart beat checker for %s.", name.c_str());
-    const int ret = RegisterCheckHeartBeat(
-        name.c_str(), name.size(), record.pid_,
-        [this](const char* app, size_t length, int32_t pid, uint32_t status) {
-            return services_.HeartBeatNotify(app, length, pid, status);
-        });
-    if (ret != 0) {
-        ProcMgrLog(LOG_ERR, "Register heart beat for %s failed. (ret=%d)", name.c_str(), ret);
-    }
 }
 
 bool BaseStartup::WaitBaseAppReport(const std::string& name) {

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "app/owner_link.h"
 #include "baseservice/base_services.h"
 #include "baseservice/reported_state.h"
-#include "channel/owner_pipes.h"
-#include "channel/owner_reports.h"
+#include "config/boot_command_line.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr {
@@ -20,14 +20,16 @@ class BaseStartup {
 public:
     // `isStopping` ends start-up between two services and any wait for a report; whoever makes it
     // true notifies `reportedState`. All references must outlive this object.
-    BaseStartup(BaseServices& services, ReportedState& reportedState, OwnerPipes& pipes,
-                const OwnerReports& reports, std::function<bool()> isStopping);
+    BaseStartup(BaseServices& services, ReportedState& reportedState, BootCommandLine& commandLine,
+                App::OwnerRegistry& owners, const App::StateReports& reports,
+                std::function<bool()> isStopping);
 
     // Starts every service of the file at `path`. Logs its outcome.
     void InitBaseApplication(const std::string& path);
 
-    // Appends the manifests of the file to `manifests` and the names of its services to the list of
-    // what is to be started. False when the file is unusable or a name is empty.
+    // Appends the manifests of the file to `manifests` and the names of its services, but of those
+    // that the boot command line would have to ask for and does not, to the list of what is to be
+    // started. False when the file is unusable or a name is empty.
     bool ParseYamlFile(const std::string& path, std::vector<ApplicationManifest>& manifests);
 
     // Starts one service and waits for its report. True when it is running or was already.
@@ -48,14 +50,14 @@ private:
     Outcome StartInOrder(DependGraph& graph);
     // Starts the names of one batch. ABANDONED when one of them has no manifest.
     Outcome StartBatch(const std::set<std::string>& batch);
-    void RegisterHeartBeat(const App::BaseAppInfo& record);
     void LogReport(const std::string& name, ProcessState state) const;
     void LogBlocked(const std::set<std::string>& started) const;
 
     BaseServices& services_;
     ReportedState& reportedState_;
-    OwnerPipes& pipes_;
-    const OwnerReports& reports_;
+    BootCommandLine& commandLine_;
+    App::OwnerRegistry& owners_;
+    const App::StateReports& reports_;
     const std::function<bool()> isStopping_;
     std::vector<ApplicationManifest> manifests_;  // emptied once all have been worked through
     std::vector<std::string> enabledNames_;

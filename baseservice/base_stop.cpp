@@ -42,7 +42,7 @@ void BaseServices::Terminate(const std::string& name, Endings& endings) {
         return;
     }
     record->TermProcess();
-    RequestCheck();
+    checks_.Request();
     reportedState_.Update([&] {
         record->state_ = TERMINATING;
         return true;
@@ -79,6 +79,7 @@ std::optional<SteadyTime> BaseServices::KillLate(Endings& endings) {
             continue;
         }
         if (isLate) {
+            App::TermRqdSubProc(name, record->pid_);
             App::SendSignal(SIGKILL, name, record->pid_);
             ending = {now + KILL_PATIENCE, true};
         }

@@ -8,32 +8,30 @@
 #include <string>
 #include <vector>
 
+#include "app/owner_link.h"
 #include "platform/messaging.h"
 
 namespace ProcMgr {
 
-class OwnerPipes {
+class OwnerPipes final : public App::OwnerRegistry {
 public:
     // `handler` receives every request of every pipe, on threads of the messaging library.
     explicit OwnerPipes(MuxaCallback handler);
-    ~OwnerPipes() { CloseAll(); }
+    ~OwnerPipes() override { CloseAll(); }
     OwnerPipes(const OwnerPipes&) = delete;
     OwnerPipes& operator=(const OwnerPipes&) = delete;
 
-    // Opens the pipe to `owner`, whose peer must have `gid` or be root. A pipe of that name that is
-    // still open is closed first. False, with a log line, on failure.
-    bool RegServiceCallBack(const std::string& owner, uint32_t gid);
+    bool RegServiceCallBack(const std::string& owner, uint32_t gid) override;
 
-    // Marks the owner not open and closes its pipe, waiting up to 2 s for a request that is being
-    // handled. A pipe that stays busy is closed with the next one, or by CloseAll.
-    void UnRegServiceCallBack(const std::string& owner);
+    // Waits up to 2 s for a request that is being handled. A pipe that stays busy is closed with
+    // the next one, or by CloseAll.
+    void UnRegServiceCallBack(const std::string& owner) override;
+
+    int GetServiceFd(const std::string& owner) const override;
 
     // Closes every pipe, waiting for every request that is being handled: none is, and none
     // arrives, afterwards.
     void CloseAll();
-
-    // The pipe's descriptor; -1 for an owner that is unknown or not open.
-    int GetServiceFd(const std::string& owner) const;
 
 private:
     // Tries once more to close the pipes that were busy.

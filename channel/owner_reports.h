@@ -7,27 +7,26 @@
 #include <vector>
 
 #include "app/app_info.h"
-#include "channel/owner_pipes.h"
+#include "app/owner_link.h"
 #include "message/request_msg.h"
 
 namespace ProcMgr {
 
-class OwnerReports {
+class OwnerReports final : public App::StateReports {
 public:
-    explicit OwnerReports(const OwnerPipes& pipes) : pipes_(pipes) {}
+    explicit OwnerReports(const App::OwnerRegistry& pipes) : pipes_(pipes) {}
 
-    // Reports `infos` to `owner`. True when all were sent, or when there are none.
     bool ReportAppState(const std::vector<Message::AppStateInfo>& infos,
-                        const std::string& owner) const;
+                        const std::string& owner) const override;
 
-    // Reports one application to the access manager, unless it is the access manager.
-    void ReportAppStateToZorn(const App::AppInfo& app, uint32_t reportType, uint32_t result) const;
+    void ReportAppStateToZorn(const App::AppInfo& app, uint32_t reportType,
+                              uint32_t result) const override;
 
     // Sends every record in order; what was sent before a failure stays sent.
     static bool SendRequestMsg(int fd, const std::vector<Message::RequestMsg>& records);
 
 private:
-    const OwnerPipes& pipes_;
+    const App::OwnerRegistry& pipes_;
 };
 
 }  // namespace ProcMgr

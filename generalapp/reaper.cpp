@@ -61,7 +61,9 @@ void Reaper::Collect(const siginfo_t& exit) {
     if (!isStored) {
         ProcMgrLog(LOG_WARNING, "PROCMGR: can not find app, pid=%d", pid);
     }
-    waitpid(pid, nullptr, 0);
+    // Not for longer: who runs a command may collect its end, and the pid be another child's by
+    // now.
+    waitpid(pid, nullptr, WNOHANG);
 }
 
 }  // namespace ProcMgr

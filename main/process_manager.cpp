@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "app/launch_defaults.h"
+#include "app/sensor_node_event_reporter.h"
 #include "main/boot_trace.h"
 #include "main/constants.h"
 #include "main/log.h"
@@ -18,7 +19,6 @@
 namespace ProcMgr {
 namespace {
 
-constexpr std::chrono::milliseconds CHECK_PERIOD{30};
 constexpr std::chrono::milliseconds CONTINUE_LOOK{5};
 constexpr int CONTINUE_LOOKS_MAX = 2000;
 constexpr int MARKER_LOOKS = 20;  // the marker file is looked for at every so many-th look
@@ -43,7 +43,6 @@ uint32_t ProcMgrRun(const std::string& path) {
 
 ProcessManager::ProcessManager(const std::string& path)
     : baseServiceCfgPath(path),
-      baseServices_(launcher_, reportedState_),
       dispatch_({.baseServiceState =
                      [this](const std::string& owner, const Message::BaseServiceStateInfo& info) {
                          baseServices_.HandleStateReport(owner, info);
@@ -52,7 +51,8 @@ ProcessManager::ProcessManager(const std::string& path)
           dispatch_.RequestMsgHandler(fd, request, owner);
       }),
       reports_(pipes_),
-      baseStartup_(baseServices_, reportedState_, pipes_, reports_,
+      baseServices_(launcher_, reportedState_, checks_, pipes_, reports_),
+      baseStartup_(baseServices_, reportedState_, bootCommandLine_, pipes_, reports_,
                    [this] { return isStopping_.load(); }),
       reaper_({[this](int32_t pid, int32_t status) {
                   return baseServices_.SetExitStatus(pid, status);
@@ -63,26 +63,42 @@ ProcessManager::ProcessManager(const std::string& path)
 ProcessManager::~ProcessManager() {
     condition_.notify_all();
     reportedState_.Notify();
+    App::SensorNodeEventReporter::GetInstance().UnregisterAll();
     DisableAllCheckHeartBeat();
     running_ = false;
     childErrorReader_.Stop();
-    baseServices_.WakeWaiter();
+    checks_.Stop();
     WakeSignalEvent();
     unlink(QUICK_START_MARKER);
     JoinThreads();
+    // A restart may have registered one in between.
+    DisableAllCheckHeartBeat();
     pipes_.CloseAll();
     ProcMgrEnv::GetInstance().CloseChildErrorPipe();
     CloseLog();
 }
 
 bool ProcessManager::Init() {
+    LoadProcMgrCfg(SETTINGS_FILE, settings_);
     ProcMgrEnv& env = ProcMgrEnv::GetInstance();
     env.StorePid();
+    bootCommandLine_.Read();
     env.CreateChildErrorPipe();
+    launcher_.LoadIntegrityTable(HASH_FILE);
+    UpdateStartupYaml();
     App::SetLockedMemoryLimit();
     App::InquireHomeEnvVariable();
     ProcMgrLog(LOG_INFO, "%s, init success", BootStrace(BOOT_TRACE_TAG).c_str());
     return true;
+}
+
+void ProcessManager::UpdateStartupYaml() {
+    const std::string& path = ProcMgrEnv::GetInstance().GetStartupYaml();
+    if (!path.empty()) {
+        baseServiceCfgPath = path;
+        ProcMgrLog(LOG_INFO, "ProcMgr: update pm startup yaml from cmdline, new path: %s",
+                   path.c_str());
+    }
 }
 
 void ProcessManager::Run() {
@@ -136,20 +152,35 @@ void ProcessManager::WaitContinueSignal() {
 
 void ProcessManager::ContinueProcMgrInit() {
     WriteBootTracePoint(POINT_CONTINUE_INIT);
+    ProcMgrEnv& env = ProcMgrEnv::GetInstance();
+    env.SetSlotId(ReadSlotId());
+    ProcMgrLog(LOG_INFO, "pm Get board info success slotId_=%d", env.GetSlotId());
+    App::SensorNodeEventReporter::GetInstance().RegisterNodes();
     ProcMgrSysLog(LOG_INFO, "%s, ContinueProcMgrInit success", BootStrace(BOOT_TRACE_TAG).c_str());
 }
 
 void ProcessManager::CheckThread() {
     SteadyTime cycle = std::chrono::steady_clock::now();
     while (running_) {
-        baseServices_.CheckBaseApps();
+        CheckApplications(CheckPass::PERIODIC);
         // A cycle that would find nothing is left out; the next one keeps to the period's grid.
-        baseServices_.WaitForWork(running_);
-        const SteadyTime now = std::chrono::steady_clock::now();
-        cycle += ((now - cycle) / CHECK_PERIOD + 1) * CHECK_PERIOD;
-        SleepFor(cycle - now);
+        checks_.WaitForAny();
+        cycle += ((std::chrono::steady_clock::now() - cycle) / CHECK_PERIOD + 1) * CHECK_PERIOD;
+        while (checks_.WaitForNow(cycle)) {
+            CheckApplications(CheckPass::EXTRA);
+        }
     }
     ProcMgrLog(LOG_WARNING, "PROCMGR: CheckThread exit now.");
+}
+
+void ProcessManager::CheckApplications(CheckPass pass) {
+    checks_.Begin(pass);
+    baseServices_.CheckBaseApps(pass);
+    RemoveTerminatedApps();
+}
+
+void ProcessManager::RemoveTerminatedApps() {
+    baseServices_.RemoveTerminatedApps();
 }
 
 void ProcessManager::WaitThread() {

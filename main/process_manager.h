@@ -14,10 +14,14 @@
 #include "baseservice/base_startup.h"
 #include "baseservice/child_error_reader.h"
 #include "baseservice/reported_state.h"
+#include "baseservice/watchdog.h"
 #include "channel/owner_pipes.h"
 #include "channel/owner_reports.h"
 #include "channel/request_dispatch.h"
+#include "config/boot_command_line.h"
+#include "config/settings.h"
 #include "generalapp/reaper.h"
+#include "main/check_requests.h"
 
 namespace ProcMgr {
 
@@ -39,16 +43,34 @@ public:
     // Starts the threads and the base services; returns after the applications have been stopped.
     void Run();
 
+    // The hardware watchdog; see baseservice/watchdog.h. Ready for a start-up sequence that wants
+    // it.
+    static bool InsertWatchDogKo(const ProcMgrSettings& settings) {
+        return ProcMgr::InsertWatchDogKo(settings);
+    }
+    static bool IsWatchDogKoInserted(const std::string& module) {
+        return ProcMgr::IsWatchDogKoInserted(module);
+    }
+    static bool InsmodKo(const ProcMgrSettings& settings) { return ProcMgr::InsmodKo(settings); }
+    static bool EnableFeedDog(const std::string& timeout) {
+        return ProcMgr::EnableFeedDog(timeout);
+    }
+
 private:
     // Quick start: waits until the platform says that start-up may go on, 10 s at most.
     void WaitContinueSignal();
     bool IsContinued();
     void ContinueProcMgrInit();
+    // A base-service file that the boot command line names takes the place of the argument's.
+    void UpdateStartupYaml();
 
     // Thread bodies.
     void CheckThread();
     void WaitThread();
     void ReceiveChildProcessMsgThread();
+
+    void CheckApplications(CheckPass pass);
+    void RemoveTerminatedApps();
 
     // Passes a stop signal on to whoever waits for it. Called by WaitThread.
     void ForwardStop();
@@ -62,12 +84,16 @@ private:
     std::atomic<bool> running_{true};      // every thread loop ends when it is false
     std::atomic<bool> isStopping_{false};  // an orderly stop has begun
 
+    ProcMgrSettings settings_;         // constant after Init
+    BootCommandLine bootCommandLine_;  // the main thread's
+
     App::ProcessLauncher launcher_;
     ReportedState reportedState_;
-    BaseServices baseServices_;
-    RequestDispatch dispatch_;
-    OwnerPipes pipes_;  // after what its callbacks use: it is destroyed, and they end, first
+    CheckRequests checks_;
+    RequestDispatch dispatch_;  // its handlers run only between the opening and CloseAll of pipes_
+    OwnerPipes pipes_;
     OwnerReports reports_;
+    BaseServices baseServices_;
     BaseStartup baseStartup_;
     Reaper reaper_;
     ChildErrorReader childErrorReader_;

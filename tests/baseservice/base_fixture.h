@@ -22,6 +22,8 @@
 
 #include "baseservice/base_services.h"
 #include "baseservice/base_startup.h"
+#include "channel/owner_pipes.h"
+#include "channel/owner_reports.h"
 #include "generalapp/reaper.h"
 #include "platform/host/manifest_data.h"
 #include "tests/fakes/fake_heartbeat.h"
@@ -79,15 +81,23 @@ protected:
         Repeat(reaper_, [this] { collector_.CollectExits(); });
     }
     void StartChecker() {
-        Repeat(checker_, [this] { services_.CheckBaseApps(); });
+        Repeat(checker_, [this] { Check(); });
     }
 
-    static ManifestData Service(const std::string& name, const std::string& script,
-                                const std::set<std::string>& depends = {}) {
+    // One cycle of CheckThread.
+    void Check(CheckPass pass = CheckPass::PERIODIC) {
+        checks_.Begin(pass);
+        services_.CheckBaseApps(pass);
+        services_.RemoveTerminatedApps();
+    }
+
+    ManifestData Service(const std::string& name, const std::string& script,
+                         const std::set<std::string>& depends = {}) const {
         ManifestData data;
         data.name = name;
         data.bin = "/bin/sh";
-        data.args = {"-c", script};
+        data.args = {directory_ + "/" + name + ".sh"};
+        std::ofstream(data.args[0]) << script << "\n";
         data.depends = depends;
         return data;
     }
@@ -148,11 +158,13 @@ protected:
     std::atomic<bool> isStopping_{false};
     App::ProcessLauncher launcher_;
     ReportedState reportedState_;
-    BaseServices services_{launcher_, reportedState_};
+    CheckRequests checks_;
     OwnerPipes pipes_{[](int32_t, const MuxaRequest*, const std::string&) {}};
     OwnerReports reports_{pipes_};
-    BaseStartup startup_{services_, reportedState_, pipes_, reports_,
-                         [this] { return isStopping_.load(); }};
+    BaseServices services_{launcher_, reportedState_, checks_, pipes_, reports_};
+    BootCommandLine commandLine_;
+    BaseStartup startup_{services_, reportedState_, commandLine_,
+                         pipes_,    reports_,       [this] { return isStopping_.load(); }};
     Reaper collector_{{[this](int32_t pid, int32_t status) {
                           reaped_.insert(pid);
                           return services_.SetExitStatus(pid, status);

@@ -81,7 +81,7 @@ TEST_F(BaseServicesTest, ChecksMoveServicesOn) {
     EXPECT_FALSE(services_.SetExitStatus(1, 0));
     ASSERT_TRUE(WaitForExitOf("fails"));
 
-    services_.CheckBaseApps();
+    Check();
     EXPECT_EQ(services_.GetState("reporting"), STARTING);
     EXPECT_EQ(services_.GetState("plain"), RUNNING);
     EXPECT_EQ(services_.GetState("dies"), RUNNING);
@@ -93,7 +93,7 @@ TEST_F(BaseServicesTest, ChecksMoveServicesOn) {
 
     kill(dies, SIGKILL);
     ASSERT_TRUE(WaitForExitOf("dies"));
-    services_.CheckBaseApps();
+    Check();
     EXPECT_TRUE(HasLine(LOG_INFO, "PROCMGR : RUNNING to TERMINATED appName=dies, pid=PID"));
     EXPECT_TRUE(HasLine(LOG_WARNING,
                         "PROCMGR : Process=dies, pid=PID terminated by calling Kill(), signal=9"));
@@ -124,7 +124,7 @@ TEST_F(BaseServicesTest, ServicesSpeakForThemselves) {
     StartReaper();
     kill(pid, SIGTERM);
     ASSERT_TRUE(WaitForExitOf("svc"));
-    services_.CheckBaseApps();
+    Check();
     Report("svc", BaseServiceStateType::TERMINATING);
     const auto state = services_.GetState("svc");
     EXPECT_TRUE(!state || state == TERMINATED);

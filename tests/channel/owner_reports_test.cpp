@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "channel/owner_pipes.h"
 #include "platform/host/manifest_data.h"
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"

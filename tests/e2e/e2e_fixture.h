@@ -20,8 +20,9 @@
 
 #include "tests/support/daemon_harness.h"
 #include "tests/support/log_mask.h"
+#include "tests/support/private_mounts.h"
 
-inline constexpr std::chrono::seconds PATIENCE{60};
+inline constexpr std::chrono::seconds PATIENCE{30};
 inline constexpr const char* DIRECTORY = "/run/e2e";
 inline constexpr const char* BASE_YAML = "/run/e2e/base.yaml";
 inline constexpr const char* SERVICE = "/run/e2e/test_service";

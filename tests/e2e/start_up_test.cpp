@@ -70,10 +70,26 @@ TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
     std::vector<std::string> expected = {
         "6 ProcMgr: main begin: baseServiceCfgPath: /run/e2e/base.yaml",
         "6 STAMP, PM main begin",
+        "3 LoadProcMgrCfg file=/etc/vela/base-plat/process-manager/procmgr_cfg.yaml failed. "
+        "errno=2",
+        "6 pm UpdateSelinuxEnable success: enable=0",
+        "6 key=procmgr not found in cmdline.",
+        "6 ProcMgr: cmdline disableWatchDog_=0",
+        "6 key=veskmode not found in cmdline.",
+        "6 ProcMgr: cmdline veskcoreEnable=0",
+        "6 key=reboot_reason not found in cmdline.",
         "4 STAMP PROCMGR: creat anonymous pipe success, read pipe fd=N, write pipe fd=N",
+        "4 PROCMGR: IntegrityProtect hash config "
+        "file=/etc/vela/base-plat/process-manager/bin_hash.cfg is not exist",
         "6 PROCMGR: InquireHomeEnvVariable finished home env=/home/svc",
         "6 STAMP, init success",
         "6 is not quickstart, so not wait for continue signal",
+        "6 pm Get board info success slotId_=0",
+        "6 SensorNodeEventReporter GetDeviceNum success. devNum=1",
+        "6 SensorNodeEventReporter RegisterSensorNode for pm_base_service success, "
+        "nodeType=0x602, sensorType=0x27, reportIds size=1",
+        "6 SensorNodeEventReporter RegisterSensorNode for pm_general_app success, "
+        "nodeType=0x603, sensorType=0x27, reportIds size=1",
         "6 STAMP, ContinueProcMgrInit success",
         "6 STAMP InitBaseApplication begin, yaml path=/run/e2e/base.yaml",
         ZORNMGR_STARTED,

@@ -18,6 +18,8 @@
 
 #include "app/exit_status.h"
 #include "baseservice/base_services.h"
+#include "channel/owner_pipes.h"
+#include "channel/owner_reports.h"
 #include "main/signals.h"
 #include "platform/host/manifest_data.h"
 #include "tests/fakes/log_capture.h"
@@ -195,7 +197,10 @@ TEST_F(ReaperTest, NoExitIsLost) {
     LogCapture::Clear();
     App::ProcessLauncher launcher;
     ReportedState reportedState;
-    BaseServices services(launcher, reportedState);
+    CheckRequests checks;
+    OwnerPipes pipes([](int32_t, const MuxaRequest*, const std::string&) {});
+    OwnerReports reports(pipes);
+    BaseServices services(launcher, reportedState, checks, pipes, reports);
     std::atomic<int> stored{0};
     ReaperThread reaper({[&](int32_t pid, int32_t status) {
                             const bool isStored = services.SetExitStatus(pid, status);

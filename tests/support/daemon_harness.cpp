@@ -22,6 +22,7 @@ namespace {
 
 constexpr int EXIT_NO_NAMESPACE = 98;
 constexpr int EXIT_NO_PROGRAM = 99;
+constexpr const char* COMMAND_LINE = "/run/kernel-command-line";
 
 // Process 1 takes over orphans. It must not outlive the test, however that ends.
 [[noreturn]] void RunInit() {
@@ -35,7 +36,8 @@ constexpr int EXIT_NO_PROGRAM = 99;
 // Between fork and exec: system calls only, the test has threads.
 [[noreturn]] void RunProgram(char* const* argv) {
     if (unshare(CLONE_NEWNS) != 0 ||
-        mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
+        mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0 ||
+        mount(COMMAND_LINE, "/proc/cmdline", nullptr, MS_BIND, nullptr) != 0) {
         _exit(EXIT_NO_NAMESPACE);
     }
     syscall(SYS_close_range, 3, ~0U, 0);
@@ -69,9 +71,14 @@ void DaemonHarness::LayOut() {
     }
     std::ofstream("/dev/kmsg", std::ios::trunc).flush();
     MountTmpfs("/run");
+    SetCommandLine("console=ttyAMA0 quiet");
     MountTmpfs("/sys/fs/cgroup");
     BindFile("root:x:0:0:root:/root:/bin/sh\nsvc:x:1000:1000::/home/svc:/bin/sh\n", "/etc/passwd");
     BindFile("root:x:0:\nsvc:x:1000:\nextra:x:2000:svc\n", "/etc/group");
+}
+
+void DaemonHarness::SetCommandLine(const std::string& text) {
+    std::ofstream(COMMAND_LINE) << text << "\n";
 }
 
 DaemonHarness::~DaemonHarness() {

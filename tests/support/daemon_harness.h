@@ -26,10 +26,15 @@ public:
     bool IsReady() const { return error_.empty(); }
     const std::string& Error() const { return error_; }
 
+    // What the kernel says it was booted with; by default nothing that concerns the daemon.
+    static void SetCommandLine(const std::string& text);
+
     // Executes the daemon. False, with Error() set, when there is no process.
     bool Start(const std::vector<std::string>& arguments);
     void Signal(int signal) const;
     bool IsRunning();
+    // As the test sees it, from outside the namespace.
+    pid_t GetPid() const { return daemon_; }
     // The raw wait status; nothing when the daemon has not ended in time.
     std::optional<int> WaitForExit(std::chrono::milliseconds timeout);
     // Kills every process of the namespace and returns when all are gone.

@@ -1,0 +1,102 @@
+#include "app/launch_checks.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "main/log.h"
+#include "main/system.h"
+
+namespace ProcMgr::App {
+namespace {
+
+constexpr std::array ILLEGAL_STRINGS = {"|",  ";",  ">", "<", ">>", "`",
+                                        "||", "&&", "&", "(", ")",  "$"};
+constexpr mode_t ANY_EXECUTE = S_IXUSR | S_IXGRP | S_IXOTH;
+
+bool IsIllegal(const std::string& argument) {
+    return std::any_of(ILLEGAL_STRINGS.begin(), ILLEGAL_STRINGS.end(), [&](const char* illegal) {
+        return argument.find(illegal) != std::string::npos;
+    });
+}
+
+bool MayRootExecute(const char* app, const char* path, const struct stat& file) {
+    if ((file.st_mode & ANY_EXECUTE) != 0) {
+        return true;
+    }
+    ProcMgrLog(LOG_ERR,
+               "PROCMGR : Start App=%s failed, cfg uid is root, but binPath=%s uid=%u not have x "
+               "permission !!",
+               app, path, file.st_uid);
+    return false;
+}
+
+bool MayOwnerExecute(const char* app, const char* path, uint32_t uid, const struct stat& file) {
+    if ((file.st_mode & S_IXUSR) != 0) {
+        return true;
+    }
+    ProcMgrLog(LOG_ERR,
+               "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s uid=%u not have x "
+               "permission !!",
+               app, uid, path, uid);
+    return false;
+}
+
+// The execute bit for others is never enough.
+bool MayMemberExecute(const char* app, const char* path, uint32_t uid, const struct stat& file,
+                      UserGroupsCache& users) {
+    if (!IsGroupMember(users.LookUp(uid), file.st_gid)) {
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s uid=%u, gid=%u not "
+                   "have x permission !!",
+                   app, uid, path, file.st_uid, file.st_gid);
+        return false;
+    }
+    if ((file.st_mode & S_IXGRP) == 0) {
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s gid=%u not have x "
+                   "permission !!",
+                   app, uid, path, file.st_gid);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool CheckChildProParas(const std::string& appName, const std::string& execPath, uint32_t uid,
+                        const std::vector<std::string>& arguments, UserGroupsCache& users) {
+    const char* app = appName.c_str();
+    const char* path = execPath.c_str();
+    if (std::any_of(arguments.begin(), arguments.end(), IsIllegal)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : CheckChildProParas App=%s arguments include illegal str",
+                   app);
+        return false;
+    }
+    if (access(path, F_OK) != 0) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : Start App=%s failed, binPath=%s is not existed !!!", app,
+                   path);
+        return false;
+    }
+    std::string resolved;
+    if (!StandardizationPath(execPath, resolved)) {
+        ProcMgrLog(LOG_ERR, "ProcMgr: StandardizationPath failed, path: %s", path);
+        return false;
+    }
+    struct stat file {};
+    if (stat(resolved.c_str(), &file) != 0) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : Start App=%s failed, stat binPath=%s failed, error=%d", app,
+                   path, errno);
+        return false;
+    }
+    if (uid == 0) {
+        return MayRootExecute(app, path, file);
+    }
+    return uid == file.st_uid ? MayOwnerExecute(app, path, uid, file)
+                              : MayMemberExecute(app, path, uid, file, users);
+}
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,166 @@
+#include "baseservice/watchdog.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "baseservice/watchdog_sys.h"
+#include "main/proc_mgr_env.h"
+#include "tests/fakes/log_capture.h"
+#include "tests/main/isolated.h"
+
+namespace ProcMgr {
+namespace {
+
+using Fakes::LogCapture;
+using Fakes::LogLine;
+using WatchDogSys::Recorder;
+using Strings = std::vector<std::string>;
+
+const std::string KO = "/var/sbsa_gwdt.ko";
+const std::string DEVICE = "/local/dev/veskutil_watchdog";
+const std::string PARAMETERS = "timeout=60 action=2 disable_on_poweroff=1";
+const LogLine DISABLED{LOG_WARNING, "Watchdog is disabled by cmdline parameter. Do not insert ko"};
+const LogLine NOT_LOADED{LOG_INFO, "Watchdog ko checking, ko=sbsa_gwdt has not been inserted"};
+const LogLine OPENED{LOG_INFO, "Open watchdog ko successfully, watchdog ko=" + KO + ", fd=12"};
+const LogLine LOADED{LOG_INFO, "Insmod " + KO + " success !!!, param=" + PARAMETERS};
+const LogLine FEED_OPENED{LOG_INFO,
+                          "Enable feeding dog, open device=" + DEVICE + " successfully, fd=12"};
+
+ProcMgrSettings Enabled() {
+    ProcMgrSettings settings;
+    settings.watchDogEnable = true;
+    return settings;
+}
+
+void Reset() {
+    Recorder::Get() = {};
+    LogCapture::Clear();
+    ProcMgrEnv::GetInstance().SetDisableWatchDog(false);
+}
+
+class WatchDog : public testing::Test {
+protected:
+    void SetUp() override { Reset(); }
+    void TearDown() override { Reset(); }
+};
+
+void Expect(const Strings& calls, const std::vector<LogLine>& lines) {
+    EXPECT_EQ(Recorder::Get().calls, calls);
+    EXPECT_EQ(LogCapture::Lines(), lines);
+}
+
+// Also by InsmodKo itself, for callers that come past InsertWatchDogKo.
+TEST_F(WatchDog, NothingIsLoadedWhenTheBootLineForbidsIt) {
+    ProcMgrEnv::GetInstance().SetDisableWatchDog(true);
+    EXPECT_FALSE(InsertWatchDogKo(Enabled()));
+    Expect({}, {DISABLED});
+    EXPECT_FALSE(InsmodKo(Enabled()));
+    EXPECT_FALSE(InsertWatchDogKo(ProcMgrSettings{}));
+    Expect({}, {DISABLED, DISABLED, DISABLED});
+}
+
+TEST_F(WatchDog, NothingIsLoadedWhenTheSettingsForbidItOrWithoutAFile) {
+    EXPECT_FALSE(InsertWatchDogKo(ProcMgrSettings{}));
+    Expect({}, {{LOG_WARNING, "sbsa_gwdt is disable, so not need insert"}});
+    Reset();
+    Recorder::Get().failures["access"] = ENOENT;
+    EXPECT_FALSE(InsertWatchDogKo(Enabled()));
+    Expect({"access " + KO + " 0"}, {{LOG_ERR, KO + " is not existed errno=2"}});
+}
+
+using WatchDogModules = IsolatedTest;
+
+TEST_F(WatchDogModules, ALoadedModuleIsNotLoadedAgain) {
+    struct Case {
+        std::string modules;
+        bool isLoaded;
+    };
+    const std::string rest = " 16384 0 - Live 0x0000000000000000\n";
+    const Case cases[] = {
+        {"ext4" + rest + "sbsa_gwdt 16384 1 other, Live 0x0\n" + "loop" + rest, true},
+        {"ext4" + rest + "sbsa_gwdt 1 0 - Live 0x0", true},
+        {"", false},
+        {"sbsa_gwdt2" + rest + "my_sbsa_gwdt" + rest + "sbsa" + rest, false},
+        {"watchdog_core 40960 1 sbsa_gwdt_v2, Live 0x0\n", false},
+    };
+    for (const Case& test : cases) {
+        const int status = RunIsolated([&] {
+            Reset();
+            MountTmpfs("/proc");
+            BindFile(test.modules, "/proc/modules");
+            EXPECT_TRUE(InsertWatchDogKo(Enabled()));
+            if (test.isLoaded) {
+                Expect({"access " + KO + " 0"},
+                       {{LOG_INFO, "Watchdog ko=sbsa_gwdt is already insert"}});
+            } else {
+                Expect({"access " + KO + " 0", "open " + KO,
+                        "finit_module 12 [" + PARAMETERS + "] 0", "close 12"},
+                       {NOT_LOADED, OPENED, LOADED});
+            }
+        });
+        EXPECT_EQ(status, 0) << test.modules;
+    }
+}
+
+TEST_F(WatchDog, LoadingTheModule) {
+    ProcMgrSettings settings = Enabled();
+    settings.watchDogTimeout = "30";
+    settings.watchDogAction = "0";
+    EXPECT_TRUE(InsmodKo(settings));
+    const std::string parameters = "timeout=30 action=0 disable_on_poweroff=1";
+    Expect({"open " + KO, "finit_module 12 [" + parameters + "] 0", "close 12"},
+           {OPENED, {LOG_INFO, "Insmod " + KO + " success !!!, param=" + parameters}});
+    Reset();
+    Recorder::Get().failures["open"] = EACCES;
+    EXPECT_FALSE(InsmodKo(settings));
+    Expect({"open " + KO}, {{LOG_ERR, "InsmodKo failed. open ko=" + KO + " failed errno=13"}});
+    Reset();
+    Recorder::Get().failures["finit_module"] = ENOEXEC;
+    EXPECT_FALSE(InsmodKo(settings));
+    Expect({"open " + KO, "finit_module 12 [" + parameters + "] 0", "close 12"},
+           {OPENED,
+            {LOG_ERR,
+             "InsmodKo failed. finit_module ko=" + KO + " failed errno=8, params=" + parameters}});
+}
+
+TEST_F(WatchDog, Feeding) {
+    ProcMgrEnv::GetInstance().SetDisableWatchDog(true);  // forbids loading, not feeding
+    EXPECT_TRUE(EnableFeedDog("60"));
+    const Strings calls = {"open " + DEVICE, "ioctl 12 0xc0085701 60000", "close 12"};
+    Expect(calls, {FEED_OPENED,
+                   {LOG_INFO, "Enable feeding watchdog ioctl successfully, device=" + DEVICE +
+                                  ", timeout=60000ms"}});
+    Reset();
+    Recorder::Get().failures["ioctl"] = ENOTTY;
+    EXPECT_FALSE(EnableFeedDog("60"));
+    Expect(calls, {FEED_OPENED,
+                   {LOG_ERR, "EnableFeedDog failed. ioctl failed. device=" + DEVICE +
+                                 ", errno=25, timeout=60000 ms"}});
+    Reset();
+    Recorder::Get().failures["open"] = ENOENT;
+    EXPECT_FALSE(EnableFeedDog("60"));
+    Expect({"open " + DEVICE},
+           {{LOG_ERR, "EnableFeedDog failed. open device=" + DEVICE + " failed errno=2"}});
+}
+
+TEST_F(WatchDog, ATimeoutThatIsNoNumberThrowsAndLeavesNoDescriptor) {
+    for (const std::string timeout : {"", "x", "99999999999", "2147484", "-2147484"}) {
+        Reset();
+        try {
+            EnableFeedDog(timeout);
+            ADD_FAILURE() << timeout;
+        } catch (const std::logic_error& error) {
+            EXPECT_STREQ(error.what(), "stoi") << timeout;
+        }
+        Expect({"open " + DEVICE, "close 12"}, {FEED_OPENED});
+    }
+    Reset();
+    EXPECT_TRUE(EnableFeedDog("2147483"));
+    EXPECT_EQ(Recorder::Get().calls[1], "ioctl 12 0xc0085701 2147483000");
+}
+
+}  // namespace
+}  // namespace ProcMgr

@@ -1,0 +1,100 @@
+#include "tests/e2e/e2e_fixture.h"
+
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+
+constexpr const char* HASH_FILE = "/etc/vela/base-plat/process-manager/bin_hash.cfg";
+// Beside the manifest: what the device library was told.
+constexpr const char* DEVICE_LOG = "/run/device-sim.log";
+
+class Supervision : public E2e {
+protected:
+    static std::string Zornmgr() {
+        return Entry("zornmgr", "attach, zornmgr, " + In("reports") + ", report, running, stay",
+                     "reporting: true");
+    }
+    // What zornmgr was told about the service: "RTRT" and so on, for RUNNING... and TERMINATED...
+    static std::string ReportsOf(const std::string& name) {
+        std::ifstream file(In("reports"));
+        std::string reports;
+        std::string app;
+        for (std::string type; file >> app >> type;) {
+            reports += app == name ? type.substr(0, 1) : "";
+        }
+        return reports;
+    }
+    size_t CountDescriptors() const {
+        const std::filesystem::directory_iterator fds("/proc/" + std::to_string(harness_.GetPid()) +
+                                                      "/fd");
+        return static_cast<size_t>(std::distance(begin(fds), end(fds)));
+    }
+};
+
+TEST_F(Supervision, EachOfManyDeathsIsReportedOnceAndLeaksNothing) {
+    constexpr size_t WARM_UP = 20;
+    constexpr size_t REPORTS = 200;
+    Boot(Zornmgr() +
+         "  - {name: svc, bin: /bin/sleep, args: [\"0.04\"], restart: on-forever, "
+         "depends: [zornmgr]}\n");
+    ASSERT_TRUE(WaitUntil([] { return ReportsOf("svc").size() >= WARM_UP; }));
+    const size_t descriptors = CountDescriptors();
+    ASSERT_TRUE(WaitUntil([] { return ReportsOf("svc").size() >= WARM_UP + REPORTS; }));
+    const std::string reports = ReportsOf("svc");
+    for (size_t i = 0; i < reports.size(); ++i) {
+        ASSERT_EQ(reports[i], i % 2 == 0 ? 'R' : 'T') << "report " << i << " of " << reports;
+    }
+    // Between the death and the new pipe there is one less.
+    EXPECT_NEAR(static_cast<double>(CountDescriptors()), static_cast<double>(descriptors), 2);
+    EXPECT_EQ(harness_.Log().Count("can not find app"), 0U);
+}
+
+TEST_F(Supervision, AServiceThatKeepsDyingIsGivenUpAndStaysAFault) {
+    Boot(Zornmgr() + Entry("svc", "exit, 3", "restart: on-failure, depends: [zornmgr]") +
+         Entry("zz", "stay"));
+    ASSERT_TRUE(WaitForLine("PROCMGR : Process svc removed from the list of executedBaseApp_"));
+    EXPECT_EQ(harness_.Log().Count("Start baseApp success appName=svc"), 6U);
+    EXPECT_TRUE(WaitUntil([] { return ReportsOf("svc") == "RTRTRTRTRTRT"; })) << ReportsOf("svc");
+    std::ifstream file(DEVICE_LOG);
+    std::string last;
+    for (std::string line; std::getline(file, line);) {
+        last = line;
+    }
+    EXPECT_THAT(last, HasSubstr("update device=0"));
+    EXPECT_THAT(last, HasSubstr("event=208"));
+    ExpectOrderlyStop();
+    EXPECT_THAT(ReadFile(DEVICE_LOG), HasSubstr("unregister device=0"));
+}
+
+TEST_F(Supervision, AModifiedProgramIsNotStarted) {
+    BindFile("test_service=" + std::string(64, '0') + "\n", HASH_FILE);
+    Boot(Entry("svc", "touch, " + In("svc")) + "  - {name: other, bin: /bin/sleep, args: [9]}\n");
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    EXPECT_THAT(MaskedLines(), Contains("3 PROCMGR : IntegrityProtect app=/run/e2e/test_service or "
+                                        "sha256sum has been modified"));
+    EXPECT_FALSE(std::filesystem::exists(In("svc")));
+    EXPECT_EQ(harness_.Log().Count("Start baseApp success appName=other"), 1U);
+}
+
+TEST_F(Supervision, TheBootCommandLineChoosesWhatIsStarted) {
+    std::filesystem::create_directory(In("debug"));
+    WriteFile(In("debug/shell.yaml"), "services:\n" + Entry("shell"));
+    WriteFile(In("trace.yaml"), "services:\n" + Entry("tracer"));
+    WriteFile(In("other.yaml"),
+              "include: [debug/shell.yaml, trace.yaml]\nservices:\n" + Entry("other"));
+    DaemonHarness::SetCommandLine("quiet procmgr=boot:" + In("other.yaml") + ",debug,diag ro");
+    Boot(Entry("unused"));
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    const auto lines = MaskedLines();
+    EXPECT_THAT(lines, Contains("6 ProcMgr: update pm startup yaml from cmdline, new path: " +
+                                In("other.yaml")));
+    EXPECT_THAT(lines, Contains("6 diag need enable, but not rightly configured"));
+    for (const auto& [name, count] :
+         {std::pair{"other", 1U}, {"shell", 1U}, {"tracer", 0U}, {"unused", 0U}}) {
+        EXPECT_EQ(harness_.Log().Count(std::string("Start baseApp success appName=") + name), count)
+            << name;
+    }
+}
+
+}  // namespace
