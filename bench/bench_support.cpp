@@ -26,6 +26,7 @@ namespace Bench {
 namespace {
 
 constexpr const char* WORK_DIR = "/run/bench";
+constexpr double MILLISECOND = 1e6;
 constexpr uint64_t NANOSECONDS = 1'000'000'000;
 
 [[noreturn]] void Fail(const char* what) {
@@ -70,26 +71,27 @@ StampFile::~StampFile() {
 }
 
 void StampFile::Clear() {
-    const auto size = static_cast<off_t>(slots_ * sizeof(uint64_t));
+    const auto size = static_cast<off_t>(slots_ * sizeof(Stamp));
     if (ftruncate(fd_, 0) != 0 || ftruncate(fd_, size) != 0) {
         Fail("ftruncate");
     }
 }
 
-std::vector<uint64_t> StampFile::Read() const {
-    std::vector<uint64_t> stamps(slots_);
-    const size_t size = slots_ * sizeof(uint64_t);
+std::vector<Stamp> StampFile::Read() const {
+    std::vector<Stamp> stamps(slots_);
+    const size_t size = slots_ * sizeof(Stamp);
     if (pread(fd_, stamps.data(), size, 0) != static_cast<ssize_t>(size)) {
         Fail("pread");
     }
     return stamps;
 }
 
-std::vector<uint64_t> StampFile::WaitForAll() const {
+std::vector<Stamp> StampFile::WaitForAll(uint64_t since) const {
     const uint64_t deadline = Now() + 60 * NANOSECONDS;
     for (;;) {
-        std::vector<uint64_t> stamps = Read();
-        if (std::find(stamps.begin(), stamps.end(), 0U) == stamps.end()) {
+        std::vector<Stamp> stamps = Read();
+        if (std::all_of(stamps.begin(), stamps.end(),
+                        [since](const Stamp& stamp) { return stamp.time > since; })) {
             return stamps;
         }
         if (Now() > deadline) {
@@ -147,6 +149,13 @@ std::string WriteFile(const std::string& name, const std::string& text) {
     std::string path = std::string(WORK_DIR) + "/" + name;
     std::ofstream(path) << text;
     return path;
+}
+
+double SinceStart(uint64_t start, const std::vector<Stamp>& stamps) {
+    const auto last = std::max_element(
+        stamps.begin(), stamps.end(),
+        [](const Stamp& one, const Stamp& other) { return one.time < other.time; });
+    return static_cast<double>(last->time - start) / MILLISECOND;
 }
 
 double Percentile(std::vector<double> values, double percent) {

@@ -14,7 +14,13 @@ namespace Bench {
 // CLOCK_MONOTONIC in nanoseconds.
 uint64_t Now();
 
-// A file with one slot for each service; a service writes the time of its start into its slot.
+// What a service writes into its slot when it starts.
+struct Stamp {
+    uint64_t time = 0;  // CLOCK_MONOTONIC in nanoseconds
+    int64_t pid = 0;
+};
+
+// A file with one slot for each service.
 class StampFile {
 public:
     explicit StampFile(size_t slots);
@@ -24,11 +30,12 @@ public:
 
     const std::string& GetPath() const { return path_; }
     void Clear();
-    // Waits until every slot is written and returns the stamps; ends the program after 60 s.
-    std::vector<uint64_t> WaitForAll() const;
+    // Waits until every slot has been written after `since` and returns the stamps; ends the
+    // program after 60 s.
+    std::vector<Stamp> WaitForAll(uint64_t since = 0) const;
 
 private:
-    std::vector<uint64_t> Read() const;
+    std::vector<Stamp> Read() const;
 
     size_t slots_;
     std::string path_;
@@ -46,6 +53,9 @@ int Stop(pid_t pid);
 
 // The directory for manifests and stamps, inside the private /run.
 std::string WriteFile(const std::string& name, const std::string& text);
+
+// Milliseconds from `start` to the last of the stamps.
+double SinceStart(uint64_t start, const std::vector<Stamp>& stamps);
 
 double Median(std::vector<double> values);
 double Percentile(std::vector<double> values, double percent);

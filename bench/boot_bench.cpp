@@ -41,16 +41,11 @@ std::string MakeManifest(const Platform& platform, const std::string& stamps) {
     return Bench::WriteFile("platform.yaml", yaml.str());
 }
 
-double SinceStart(uint64_t start, const std::vector<uint64_t>& stamps) {
-    const uint64_t last = *std::max_element(stamps.begin(), stamps.end());
-    return static_cast<double>(last - start) / MILLISECOND;
-}
-
 double BootDaemon(const std::string& manifest, Bench::StampFile& stamps) {
     stamps.Clear();
     const uint64_t start = Bench::Now();
     const pid_t daemon = Bench::Spawn({PROCESS_MANAGER, manifest});
-    const double time = SinceStart(start, stamps.WaitForAll());
+    const double time = Bench::SinceStart(start, stamps.WaitForAll());
     Bench::Stop(daemon);
     return time;
 }
@@ -62,7 +57,7 @@ double BootBare(size_t services, Bench::StampFile& stamps) {
     for (size_t i = 0; i < services; ++i) {
         children.push_back(Bench::Spawn({STAMP_SERVICE, stamps.GetPath(), std::to_string(i)}));
     }
-    const double time = SinceStart(start, stamps.WaitForAll());
+    const double time = Bench::SinceStart(start, stamps.WaitForAll());
     for (const pid_t child : children) {
         kill(child, SIGKILL);
     }

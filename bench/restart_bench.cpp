@@ -1,0 +1,153 @@
+// restart_bench [--kills N] [--runs N]
+//
+// How fast the daemon restarts what dies: from the kill to the first instruction of the restarted
+// service's main, beside a process that only waits and respawns, in the same run; and 200 services
+// killed at once until all run again, beside a bare posix_spawn loop of 200.
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/bench_support.h"
+
+namespace {
+
+constexpr double MILLISECOND = 1e6;
+// Longer than the period in which the daemon takes a death for a crash loop.
+constexpr std::chrono::milliseconds LIFE{60};
+
+pid_t StartDaemon(size_t services, const Bench::StampFile& stamps) {
+    std::ostringstream yaml;
+    yaml << "services:\n";
+    for (size_t i = 0; i < services; ++i) {
+        yaml << "  - {name: service" << i << ", bin: " << STAMP_SERVICE << ", args: [\""
+             << stamps.GetPath() << "\", \"" << i << "\"], restart: on-forever}\n";
+    }
+    return Bench::Spawn({PROCESS_MANAGER, Bench::WriteFile("platform.yaml", yaml.str())});
+}
+
+pid_t SpawnService(size_t slot, const Bench::StampFile& stamps) {
+    return Bench::Spawn({STAMP_SERVICE, stamps.GetPath(), std::to_string(slot)});
+}
+
+// The least that a supervisor can be.
+pid_t StartRespawner(const Bench::StampFile& stamps) {
+    const pid_t child = fork();
+    if (child != 0) {
+        return child;
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    SpawnService(0, stamps);
+    while (waitpid(-1, nullptr, 0) > 0) {
+        SpawnService(0, stamps);
+    }
+    _exit(0);
+}
+
+// Milliseconds from each kill to the new start.
+std::vector<double> KillAgainAndAgain(int kills, Bench::StampFile& stamps) {
+    std::vector<double> times;
+    pid_t pid = static_cast<pid_t>(stamps.WaitForAll().front().pid);
+    for (int i = 0; i < kills; ++i) {
+        std::this_thread::sleep_for(LIFE);
+        const uint64_t start = Bench::Now();
+        kill(pid, SIGKILL);
+        const Bench::Stamp stamp = stamps.WaitForAll(start).front();
+        times.push_back(static_cast<double>(stamp.time - start) / MILLISECOND);
+        pid = static_cast<pid_t>(stamp.pid);
+    }
+    return times;
+}
+
+void Print(const char* who, const std::vector<double>& times) {
+    std::printf("| %s | %.2f ms | %.2f ms |\n", who, Bench::Median(times),
+                Bench::Percentile(times, 95));
+}
+
+void MeasureOne(int kills) {
+    Bench::StampFile stamps(1);
+    const pid_t daemon = StartDaemon(1, stamps);
+    const std::vector<double> byDaemon = KillAgainAndAgain(kills, stamps);
+    Bench::Stop(daemon);
+
+    stamps.Clear();
+    const pid_t respawner = StartRespawner(stamps);
+    const std::vector<double> byRespawner = KillAgainAndAgain(kills, stamps);
+    kill(respawner, SIGKILL);
+    waitpid(respawner, nullptr, 0);
+    kill(static_cast<pid_t>(stamps.WaitForAll().front().pid), SIGKILL);
+
+    std::printf("| kill to restart, %d kills | median | 95th percentile |\n|---|---|---|\n", kills);
+    Print("daemon", byDaemon);
+    Print("bare waitpid and respawn", byRespawner);
+    std::printf("\nratio of the medians: %.2f\n\n",
+                Bench::Median(byDaemon) / Bench::Median(byRespawner));
+    std::fflush(stdout);
+}
+
+double SpawnAll(size_t services, Bench::StampFile& stamps) {
+    stamps.Clear();
+    std::vector<pid_t> children;
+    const uint64_t start = Bench::Now();
+    for (size_t i = 0; i < services; ++i) {
+        children.push_back(SpawnService(i, stamps));
+    }
+    const double time = Bench::SinceStart(start, stamps.WaitForAll());
+    for (const pid_t child : children) {
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+    }
+    return time;
+}
+
+void MeasureAll(size_t services, int runs) {
+    Bench::StampFile stamps(services);
+    std::vector<double> byDaemon;
+    std::vector<double> bare;
+    for (int run = 0; run < runs; ++run) {
+        stamps.Clear();
+        const pid_t daemon = StartDaemon(services, stamps);
+        const std::vector<Bench::Stamp> running = stamps.WaitForAll();
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        const uint64_t start = Bench::Now();
+        for (const Bench::Stamp& stamp : running) {
+            kill(static_cast<pid_t>(stamp.pid), SIGKILL);
+        }
+        byDaemon.push_back(Bench::SinceStart(start, stamps.WaitForAll(start)));
+        Bench::Stop(daemon);
+        bare.push_back(SpawnAll(services, stamps));
+    }
+    std::printf(
+        "%zu killed at once: all run again after %.1f ms; bare posix_spawn loop %.1f ms; "
+        "ratio %.2f\n",
+        services, Bench::Median(byDaemon), Bench::Median(bare),
+        Bench::Median(byDaemon) / Bench::Median(bare));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int kills = 100;
+    int runs = 7;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        const int number = static_cast<int>(std::strtol(argv[i + 1], nullptr, 10));
+        if (std::strcmp(argv[i], "--kills") == 0) {
+            kills = number;
+        } else if (std::strcmp(argv[i], "--runs") == 0) {
+            runs = number;
+        }
+    }
+    Bench::EnterPrivateSystem(true);
+    MeasureOne(kills);
+    MeasureAll(200, runs);
+    return 0;
+}
