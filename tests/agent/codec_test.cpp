@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <numeric>
 
 #include "message/serialization.h"
 
@@ -29,38 +28,21 @@ RequestMsg StateRecord(std::string_view text) {
     return record;
 }
 
-// In memory of exactly its length, so that the address sanitizer sees a read past the end.
-struct Exact {
-    std::unique_ptr<uint8_t[]> bytes;
-    size_t size;
-    Exact(const uint8_t* from, size_t length) : bytes(new uint8_t[length]), size(length) {
-        std::copy_n(from, length, bytes.get());
-    }
-    std::span<const uint8_t> Span() const { return {bytes.get(), size}; }
-};
-
 bool Equal(const AppStateInfo& a, const AppStateInfo& b) {
     return a.appName == b.appName && a.pid == b.pid && a.gid == b.gid &&
            a.reportType == b.reportType && a.result == b.result;
 }
 
 TEST(AgentCodec, PipePath) {
-    const std::string longest = std::string("/run/muxa/pipe/") + std::string(92, 'a');
-    const struct {
-        std::string name;
-        std::string path;
-    } cases[] = {
-        {"zornmgr", "/run/muxa/pipe/zornmgr"},
+    const std::pair<std::string, std::string> cases[] = {
         {"a.B-c_9", "/run/muxa/pipe/a.B-c_9"},
         {"../x", "/run/muxa/pipe/..%2Fx"},
         {"a b%\xC3\xBC", "/run/muxa/pipe/a%20b%25%C3%BC"},
         {std::string("a\0b", 3), "/run/muxa/pipe/a%00b"},
         {"", ""},
-        {".", ""},
         {"..", ""},
-        {std::string(92, 'a'), longest},
+        {std::string(92, 'a'), "/run/muxa/pipe/" + std::string(92, 'a')},
         {std::string(93, 'a'), ""},  // 108 characters leave no room for the terminator
-        {std::string(128, 'a'), ""},
     };
     for (const auto& [name, path] : cases) {
         EXPECT_EQ(PipePath(name), path) << name;
@@ -78,57 +60,36 @@ TEST(AgentCodec, StateReportHasTheseBytes) {
                                      '1',  '#',  '2',  '#'};
     expected.resize(packet.size());
     EXPECT_THAT(packet, ElementsAreArray(expected));
-}
 
-TEST(AgentCodec, TheDaemonReadsStateReports) {
-    for (const auto state : {BaseServiceStateType::INIT, BaseServiceStateType::RESTARTING,
-                             BaseServiceStateType::RUNNING, BaseServiceStateType::TERMINATING}) {
-        const RequestMsg record = MakeStateReport(state);
-        Message::BaseServiceStateInfo info{.state = 77};
-        Serialization::ProcMgrUnpackedBaseServiceStateRequest(&record, info);
-        EXPECT_EQ(info.state, static_cast<uint32_t>(state));
-    }
-}
-
-TEST(AgentCodec, RecordsComeBackWhole) {
-    RequestMsg record;
-    record.type = 0xFEDCBA98;
-    record.size = Message::PM_PIPE_BUF_MAX;
-    std::iota(std::begin(record.data), std::end(record.data), uint8_t{1});
-
-    const RecordPacket bytes = EncodeRecordPacket(PacketKind::RESPONSE, UINT64_MAX, record);
-    const auto packet = DecodePacket(bytes);
-    ASSERT_TRUE(packet);
-    EXPECT_EQ(packet->kind, PacketKind::RESPONSE);
-    EXPECT_EQ(packet->sequence, UINT64_MAX);
-    const auto decoded = DecodeRecord(packet->body);
+    const auto decoded = DecodePacket(packet);
     ASSERT_TRUE(decoded);
-    EXPECT_EQ(decoded->type, record.type);
-    EXPECT_EQ(decoded->size, record.size);
-    EXPECT_THAT(decoded->data, ElementsAreArray(record.data));
+    EXPECT_EQ(decoded->kind, PacketKind::CALL);
+    EXPECT_EQ(decoded->sequence, 0x1122334455667788U);
+    const auto record = DecodeRecord(decoded->body);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->type, 3U);
+    Message::BaseServiceStateInfo info;
+    Serialization::ProcMgrUnpackedBaseServiceStateRequest(&*record, info);
+    EXPECT_EQ(info.state, 2U);
 }
 
 TEST(AgentCodec, RefusesPacketsThatAreNone) {
     const RecordPacket good = EncodeRecordPacket(PacketKind::REQUEST, 1, RequestMsg{});
     for (size_t length = 0; length < good.size(); ++length) {
-        const Exact cut(good.data(), length);
-        const auto packet = DecodePacket(cut.Span());
+        // In memory of exactly its length, so that the address sanitizer sees a read past the end.
+        const auto cut = std::make_unique<uint8_t[]>(length);
+        std::copy_n(good.begin(), length, cut.get());
+        const auto packet = DecodePacket({cut.get(), length});
         EXPECT_EQ(packet.has_value(), length >= PACKET_HEADER_SIZE) << length;
         EXPECT_FALSE(packet && DecodeRecord(packet->body)) << length;
     }
-    const struct {
-        size_t offset;
-        uint8_t value;
-        bool isGood;
-    } changes[] = {
-        {0, 'm', false}, {1, 'u', false}, {2, 'x', false},  {3, 'a', false},
-        {4, 0, false},   {4, 1, true},    {4, 2, true},     {4, 3, true},
-        {4, 4, false},   {5, 1, false},   {7, 0x80, false},
+    const std::pair<size_t, uint8_t> changes[] = {
+        {0, 'm'}, {1, 'u'}, {2, 'x'}, {3, 'a'}, {4, 0}, {4, 4}, {5, 1}, {7, 0x80},
     };
-    for (const auto& [offset, value, isGood] : changes) {
+    for (const auto& [offset, value] : changes) {
         RecordPacket changed = good;
         changed[offset] = value;
-        EXPECT_EQ(DecodePacket(changed).has_value(), isGood) << offset << ": " << int{value};
+        EXPECT_FALSE(DecodePacket(changed)) << offset << ": " << int{value};
     }
     std::vector<uint8_t> large(good.begin(), good.end());
     large.resize(PACKET_MAX);
@@ -145,18 +106,16 @@ TEST(AgentCodec, RefusesRecordsThatAreNotOneRecord) {
     body[8] = 0x7D;
     EXPECT_FALSE(DecodeRecord(body));
     body[8] = 0;
-    body[9] = 0;
     body[15] = 1;
     EXPECT_FALSE(DecodeRecord(body));
     body[15] = 0;
+    EXPECT_TRUE(DecodeRecord(body));
     body.push_back(0);
     EXPECT_FALSE(DecodeRecord(body));
 }
 
 TEST(AgentCodec, StatesThatTheDaemonEncoded) {
     std::vector<AppStateInfo> infos = {
-        {"vintor", 42, 7, TERMINATED_ABNORMAL_EXIT, 2},
-        {"", 0, 0, 0, 0},
         {std::string(127, 'n'), UINT32_MAX, UINT32_MAX, UINT32_MAX, UINT32_MAX}};
     for (uint32_t i = 0; i < 500; ++i) {
         infos.push_back({"app" + std::to_string(i), i, i + 1, i % 5, i + 2});
@@ -193,9 +152,8 @@ TEST(AgentCodec, StatesThatAreNone) {
     EXPECT_TRUE(DecodeAppStates(StateRecord("0#")));
     EXPECT_TRUE(DecodeAppStates(StateRecord("1#a#1#2#3#4#later#")));
     for (const char* text :
-         {"", "#", "1", "x#", "-1#a#1#2#3#4#", "1#a#x#2#3#4#", "1#a#1#2#3#-4#", "1#a##2#3#4#",
-          "1#a#1 #2#3#4#", "1#a#4294967296#2#3#4#", "2#a#1#2#3#4#", "4294967295#a#1#2#3#4#",
-          "18446744073709551617#a#1#2#3#4#"}) {
+         {"#", "x#", "-1#a#1#2#3#4#", "1#a#x#2#3#4#", "1#a#1#2#3#-4#", "1#a##2#3#4#",
+          "1#a#4294967296#2#3#4#", "4294967295#a#1#2#3#4#", "18446744073709551617#a#1#2#3#4#"}) {
         EXPECT_FALSE(DecodeAppStates(StateRecord(text))) << text;
     }
     RequestMsg otherType = StateRecord("1#a#1#2#3#4#");

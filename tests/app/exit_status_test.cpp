@@ -25,12 +25,8 @@ TEST(ExitStatus, EveryEndHasItsLine) {
     const std::pair<int32_t, LogLine> cases[] = {
         {0, warning("was self terminated, the exit status is 0.")},
         {125 << 8, warning("was self terminated, the exit status is 125.")},
-        {255 << 8, warning("was self terminated, the exit status is 255.")},
         {SIGSTOP << 8 | 0x7f, warning("was unexpectedly terminated")},
-        {0xffff, warning("was unexpectedly terminated")},
-        {SIGABRT | CORE, coreDump},
         {SIGSEGV | CORE, coreDump},
-        {SIGKILL | CORE, coreDump},
         {SIGABRT, warning("terminated by calling abort(), signal=6")},
         {SIGILL, warning("terminated by illegal instruction by signal=4")},
         {SIGTRAP, warning("terminated by trap signal=5")},
@@ -38,9 +34,7 @@ TEST(ExitStatus, EveryEndHasItsLine) {
         {SIGTERM, warning("terminated by calling Term(), signal=15")},
         {19, warning("stopped by signal=19")},
         {SIGKILL, warning("terminated by calling Kill(), signal=9")},
-        {SIGHUP, unexpected(1)},
         {SIGSEGV, unexpected(11)},
-        {SIGALRM, unexpected(14)},
         {SIGRTMAX, unexpected(64)},
     };
     for (const auto& [status, line] : cases) {
@@ -51,19 +45,16 @@ TEST(ExitStatus, EveryEndHasItsLine) {
 }
 
 TEST(ExitStatus, WhatWaitidFoundBecomesAWaitStatus) {
-    struct Case {
+    const struct {
         int code;
         int value;
         int32_t status;
-    };
-    const Case cases[] = {
-        {CLD_EXITED, 0, 0},
+    } cases[] = {
         {CLD_EXITED, 125, 125 << 8},
-        {CLD_EXITED, 255, 255 << 8},
         {CLD_KILLED, SIGKILL, SIGKILL},
         {CLD_DUMPED, SIGSEGV, SIGSEGV | CORE},
     };
-    for (const Case& test : cases) {
+    for (const auto& test : cases) {
         siginfo_t info{};
         info.si_code = test.code;
         info.si_status = test.value;

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <type_traits>
-
 #include "app/app_info.h"
 #include "main/proc_mgr_env.h"
 #include "tests/app/app_test_support.h"
@@ -46,37 +44,37 @@ ManifestData FullManifest() {
     return data;
 }
 
-void ExpectCommonFields(const AppInfo& app, const ManifestData& data) {
-    EXPECT_EQ(app.pid_, 0);
+// What a record takes over from its manifest, and again from a later one.
+void ExpectTaken(const AppInfo& app, const ManifestData& data) {
     EXPECT_EQ(app.uid_, data.uid);
     EXPECT_EQ(app.gid_, data.gid);
     EXPECT_EQ(app.coreAffinity_, data.coreAffinity);
     EXPECT_EQ(app.resGroupName_, data.resourceGroup);
-    EXPECT_EQ(app.state_, INITSTATE);
-    EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
     EXPECT_EQ(app.execPath_, data.bin);
     EXPECT_EQ(app.arguments_, data.args);
     EXPECT_EQ(app.envs_, data.env);
     EXPECT_EQ(app.termTimeout_, data.termTimeoutMs);
-    EXPECT_FALSE(app.exitedWith125_);
-    EXPECT_EQ(app.home_, "/home/everyone");
     EXPECT_EQ(app.securityCon_, data.securityContext);
     EXPECT_EQ(app.cpuset_, data.cpuset);
-    EXPECT_EQ(app.restartPolicy_, data.restart);
-    EXPECT_EQ(app.nodeType_, data.nodeType);
-    EXPECT_EQ(app.startupPriority_, data.startupPriority);
-    EXPECT_EQ(app.isDelayCoreAffinity_, data.delayCoreAffinity);
-    EXPECT_TRUE(app.tids_.empty());
-    EXPECT_FALSE(app.exitStatusSet_);
     EXPECT_EQ(app.vfId_, data.vfId);
-    EXPECT_EQ(app.isDynamicPara_, data.dynamic);
     EXPECT_EQ(app.blkioGroupName_, data.blkioGroup);
     EXPECT_EQ(app.cgroupPath_, data.cgroups);
+}
+
+// What only the first one decides.
+void ExpectTakenAtFirst(const AppInfo& app, const ManifestData& data) {
+    EXPECT_EQ(app.restartPolicy_, data.restart);
+    EXPECT_EQ(app.nodeType_, data.nodeType);
     EXPECT_EQ(app.numaType_, data.numaType);
-    EXPECT_FALSE(app.dynamicExecPath_);
-    EXPECT_EQ(app.schedPolicy_, SchedPolicyType::NOT_SET);
-    EXPECT_FALSE(app.rtEnable_);
-    EXPECT_EQ(app.rtPriority_, -1);
+    EXPECT_EQ(app.startupPriority_, data.startupPriority);
+}
+
+void ExpectTakenByGeneral(const GeneralAppInfo& app, const ManifestData& data) {
+    ExpectTaken(app, data);
+    EXPECT_EQ(app.nice_, data.nice);
+    EXPECT_EQ(app.forceTerm_, data.forceTerm);
+    EXPECT_EQ(app.sharepoolGroups_, data.sharepoolGroups);
+    EXPECT_EQ(app.heartBeatSwitch_, data.heartbeat);
 }
 
 class RecordsTest : public testing::Test {
@@ -87,47 +85,51 @@ protected:
     }
 };
 
-TEST_F(RecordsTest, BaseServiceTakesItsManifest) {
-    for (const ManifestData& data : {FullManifest(), SomeService()}) {
-        const BaseAppInfo app(Manifest(data));
-        ExpectCommonFields(app, data);
-        EXPECT_EQ(app.appName_, data.name);
-        EXPECT_EQ(app.owner_, "");
-        EXPECT_EQ(app.isReporting_, data.reporting);
-        EXPECT_EQ(app.dependList_, data.depends);
-        EXPECT_EQ(app.forceTerm_, data.forceTerm);
-        EXPECT_EQ(app.startupEntryPath_, data.startupEntry);
-        EXPECT_TRUE(app.restartTimes_.empty());
-        EXPECT_EQ(app.execPathPattern_, "");
-    }
+TEST_F(RecordsTest, ARecordTakesItsManifest) {
+    const ManifestData data = FullManifest();
+    const BaseAppInfo base(Manifest(data));
+    ExpectTaken(base, data);
+    ExpectTakenAtFirst(base, data);
+    EXPECT_EQ(base.appName_, data.name);
+    EXPECT_EQ(base.home_, "/home/everyone");
+    EXPECT_EQ(base.isReporting_, data.reporting);
+    EXPECT_EQ(base.dependList_, data.depends);
+    EXPECT_EQ(base.forceTerm_, data.forceTerm);
+    EXPECT_EQ(base.startupEntryPath_, data.startupEntry);
+
+    const GeneralAppInfo general("given", Manifest(data), "vintor");
+    ExpectTakenByGeneral(general, data);
+    ExpectTakenAtFirst(general, data);
+    EXPECT_EQ(general.appName_, "given");
+    EXPECT_EQ(general.owner_, "vintor");
+    EXPECT_FALSE(general.isReporting_);
 }
 
-TEST_F(RecordsTest, GeneralApplicationTakesItsManifest) {
-    for (const ManifestData& data : {FullManifest(), SomeService()}) {
-        const GeneralAppInfo app("given", Manifest(data), "vintor");
-        ExpectCommonFields(app, data);
-        EXPECT_EQ(app.appName_, "given");
-        EXPECT_EQ(app.owner_, "vintor");
-        EXPECT_FALSE(app.isReporting_);
-        EXPECT_EQ(app.termStartTime_, SteadyTime{});
-        EXPECT_EQ(app.nice_, data.nice);
-        EXPECT_EQ(app.forceTerm_, data.forceTerm);
-        EXPECT_FALSE(app.savedForceTerm_);
-        EXPECT_FALSE(app.killSent_);
-        EXPECT_EQ(app.sharepoolGroups_, data.sharepoolGroups);
-        EXPECT_EQ(app.heartBeatSwitch_, data.heartbeat);
-        EXPECT_FALSE(app.restartStarted_);
-    }
+TEST_F(RecordsTest, RefreshTakesOverWhatTheManifestSaysAndLeavesWhatRuns) {
+    ManifestData before = SomeService();
+    before.setRtPrio = "12";
+    before.setRtType = "SCHED_RR";
+    GeneralAppInfo app("old", Manifest(before), "zornmgr");
+    app.pid_ = 99;
+    app.state_ = RUNNING;
+    app.reportType_ = RUNNING_NORMAL_START;
+
+    const ManifestData after = FullManifest();
+    app.Refresh(Manifest(after), "new");
+    ExpectTakenByGeneral(app, after);
+    EXPECT_EQ(app.appName_, "new");
+    EXPECT_FALSE(app.rtEnable_) << "the real-time settings are worked out anew";
+    EXPECT_EQ(app.schedPolicy_, SchedPolicyType::NOT_SET);
+    EXPECT_EQ(app.rtPriority_, -1);
+    ExpectTakenAtFirst(app, before);
+    EXPECT_EQ(app.owner_, "zornmgr");
+    EXPECT_EQ(app.pid_, 99);
+    EXPECT_EQ(app.state_, RUNNING);
+    EXPECT_EQ(app.reportType_, RUNNING_NORMAL_START);
 }
 
 TEST_F(RecordsTest, PatternsOfAGeneralApplicationAreFound) {
     ManifestData data = SomeService();
-    const GeneralAppInfo fixed("app", Manifest(data), "EM");
-    EXPECT_FALSE(fixed.dynamicExecPath_);
-    EXPECT_FALSE(fixed.dynamicArguments_);
-    EXPECT_FALSE(fixed.dynamicVfId_);
-    EXPECT_TRUE(fixed.envPatterns_.empty());
-
     data.bin = "match(/opt/.*)";
     data.args = {"-v", "match([0-9]+)"};
     data.env = {{"FIXED", "1"}, {"OPEN", "match(a|b)"}};
@@ -139,63 +141,6 @@ TEST_F(RecordsTest, PatternsOfAGeneralApplicationAreFound) {
     EXPECT_EQ(dynamic.envPatterns_, data.env);
     EXPECT_TRUE(dynamic.dynamicVfId_);
     EXPECT_EQ(dynamic.vfIdPattern_, data.vfIdPattern);
-}
-
-TEST_F(RecordsTest, RefreshTakesOverWhatTheManifestSaysAndLeavesWhatRuns) {
-    ManifestData before = SomeService();
-    before.coreAffinity = {1};
-    before.setRtPrio = "12";
-    before.setRtType = "SCHED_RR";
-    before.restart = "on-failure";
-    before.nodeType = 77;
-    before.numaType = 78;
-    before.startupPriority = 79;
-    GeneralAppInfo app("old", Manifest(before), "zornmgr");
-    app.pid_ = 99;
-    app.state_ = RUNNING;
-    app.reportType_ = RUNNING_NORMAL_START;
-
-    const ManifestData after = FullManifest();
-    app.Refresh(Manifest(after), "new");
-    EXPECT_EQ(app.appName_, "new");
-    EXPECT_EQ(app.coreAffinity_, after.coreAffinity);
-    EXPECT_EQ(app.resGroupName_, after.resourceGroup);
-    EXPECT_EQ(app.execPath_, after.bin);
-    EXPECT_EQ(app.arguments_, after.args);
-    EXPECT_EQ(app.uid_, after.uid);
-    EXPECT_EQ(app.gid_, after.gid);
-    EXPECT_EQ(app.nice_, after.nice);
-    EXPECT_EQ(app.envs_, after.env);
-    EXPECT_EQ(app.forceTerm_, after.forceTerm);
-    EXPECT_EQ(app.termTimeout_, after.termTimeoutMs);
-    EXPECT_EQ(app.sharepoolGroups_, after.sharepoolGroups);
-    EXPECT_EQ(app.securityCon_, after.securityContext);
-    EXPECT_EQ(app.cpuset_, after.cpuset);
-    EXPECT_EQ(app.heartBeatSwitch_, after.heartbeat);
-    EXPECT_EQ(app.vfId_, after.vfId);
-    EXPECT_EQ(app.blkioGroupName_, after.blkioGroup);
-    EXPECT_EQ(app.cgroupPath_, after.cgroups);
-    // The real-time settings are worked out anew.
-    EXPECT_FALSE(app.rtEnable_);
-    EXPECT_EQ(app.schedPolicy_, SchedPolicyType::NOT_SET);
-    EXPECT_EQ(app.rtPriority_, -1);
-    // The rest stays.
-    EXPECT_EQ(app.owner_, "zornmgr");
-    EXPECT_EQ(app.pid_, 99);
-    EXPECT_EQ(app.state_, RUNNING);
-    EXPECT_EQ(app.reportType_, RUNNING_NORMAL_START);
-    EXPECT_EQ(app.restartPolicy_, "on-failure");
-    EXPECT_EQ(app.nodeType_, 77U);
-    EXPECT_EQ(app.numaType_, 78U);
-    EXPECT_EQ(app.startupPriority_, 79);
-
-    ManifestData marked = FullManifest();
-    marked.coreAffinity = {255};
-    app.Refresh(Manifest(marked), "new");
-    EXPECT_TRUE(app.coreAffinity_.empty());
-    EXPECT_EQ(app.schedPolicy_, SchedPolicyType::FIFO);
-    EXPECT_EQ(app.rtPriority_, 99);
-    EXPECT_FALSE(app.isDelayCoreAffinity_);
 }
 
 TEST_F(RecordsTest, RealTimeSettings) {
@@ -214,25 +159,15 @@ TEST_F(RecordsTest, RealTimeSettings) {
         {"", "SCHED_FIFO", false, NONE, -1, nullptr},
         {"false", "SCHED_FIFO", false, NONE, -1, nullptr},
         {"true", "SCHED_FIFO", true, NONE, -1, nullptr},
-        {"true", "", true, NONE, -1, nullptr},
         {"05", "SCHED_FIFO", true, FIFO, 5, "rtPrio=5, rtPolicy=SCHED_FIFO"},
-        {"1", "SCHED_RR", true, ROUND_ROBIN, 1, "rtPrio=1, rtPolicy=SCHED_RR"},
         {"99", "SCHED_RR", true, ROUND_ROBIN, 99, "rtPrio=99, rtPolicy=SCHED_RR"},
-        {"00099", "SCHED_FIFO", true, FIFO, 99, "rtPrio=99, rtPolicy=SCHED_FIFO"},
         {"0", "SCHED_FIFO", false, NONE, -1, nullptr},
-        {"00", "SCHED_FIFO", false, NONE, -1, nullptr},
         {"100", "SCHED_FIFO", false, NONE, -1, nullptr},
         {"99999999999999999999999999", "SCHED_FIFO", false, NONE, -1, nullptr},
         {"12a", "SCHED_FIFO", false, NONE, -1, "set_rt_prio has invalid char=12a"},
-        {"x", "SCHED_FIFO", false, NONE, -1, "set_rt_prio has invalid char=x"},
         {"-5", "SCHED_FIFO", false, NONE, -1, "set_rt_prio has invalid char=-5"},
-        {" 5", "SCHED_FIFO", false, NONE, -1, "set_rt_prio has invalid char= 5"},
-        {"5 ", "SCHED_FIFO", false, NONE, -1, "set_rt_prio has invalid char=5 "},
         {"TRUE", "SCHED_FIFO", false, NONE, -1, "set_rt_prio has invalid char=TRUE"},
-        {"5", "", false, NONE, -1, nullptr},
         {"5", "SCHED_OTHER", false, NONE, -1, nullptr},
-        {"5", "sched_fifo", false, NONE, -1, nullptr},
-        {"5", "SCHED_FIFO ", false, NONE, -1, nullptr},
     };
     for (const Case& test : cases) {
         ManifestData data = SomeService();
@@ -284,28 +219,6 @@ TEST_F(RecordsTest, CoreAffinityMarker) {
         EXPECT_EQ(LogCapture::Count(6, "PROCMGR : app, update schedPolicy to SCHED_FIFO"),
                   test.policy == SchedPolicyType::FIFO ? 1U : 0U);
     }
-}
-
-TEST_F(RecordsTest, PoliciesOfTheOperatingSystem) {
-    const std::pair<uint32_t, int> cases[] = {
-        {0, SCHED_OTHER}, {1, SCHED_BATCH}, {2, SCHED_IDLE},   {3, SCHED_FIFO},
-        {4, SCHED_RR},    {5, SCHED_OTHER}, {77, SCHED_OTHER}, {UINT32_MAX, SCHED_OTHER},
-    };
-    for (const auto& [code, policy] : cases) {
-        EXPECT_EQ(ToSystemPolicy(static_cast<SchedPolicyType>(code)), policy) << code;
-    }
-}
-
-TEST_F(RecordsTest, ExitIsStored) {
-    BaseAppInfo app(Manifest(SomeService()));
-    app.pid_ = 12;
-    EXPECT_TRUE(app.IsAlive());
-    app.SetExitStatus(SIGKILL);
-    EXPECT_TRUE(app.exitStatusSet_);
-    EXPECT_EQ(app.exitStatus_, SIGKILL);
-    EXPECT_FALSE(app.IsAlive());
-    EXPECT_EQ(LogCapture::Lines(),
-              (std::vector{LogLine{6, "PROCMGR : SetExitStatus svc, pid=12"}}));
 }
 
 }  // namespace

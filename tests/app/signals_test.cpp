@@ -4,7 +4,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 
-#include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -48,19 +48,17 @@ TEST_F(AppSignalsTest, EachSignalHasItsLine) {
 }
 
 TEST_F(AppSignalsTest, APidThatIsNoneIsRefused) {
-    for (const int32_t pid : {0, -1, INT32_MIN}) {
+    for (const int32_t pid : {0, -1}) {
+        const std::string id = std::to_string(pid);
         LogCapture::Clear();
         EXPECT_FALSE(SendSignal(SIGTERM, "svc", pid));
-        EXPECT_EQ(LogCapture::Lines(),
-                  (std::vector{LogLine{3, "PROCMGR : SendSignal failed: appName svc's pid=" +
-                                              std::to_string(pid) + " is invalid"}}));
         BaseAppInfo app(Manifest(SomeService()));
         app.pid_ = pid;
-        LogCapture::Clear();
         EXPECT_FALSE(app.TermProcess());
         EXPECT_EQ(LogCapture::Lines(),
-                  (std::vector{LogLine{3, "PROCMGR : TermProcess failed: the pid=" +
-                                              std::to_string(pid) + " is invalid"}}));
+                  (std::vector<LogLine>{
+                      {3, "PROCMGR : SendSignal failed: appName svc's pid=" + id + " is invalid"},
+                      {3, "PROCMGR : TermProcess failed: the pid=" + id + " is invalid"}}));
     }
 }
 
@@ -97,34 +95,27 @@ TEST_F(AppSignalsTest, OnlyTheTaskSchedulerHasWorkersToKill) {
     }
     EXPECT_TRUE(LogCapture::Lines().empty());
     EXPECT_TRUE(child.IsUntouched());
+    // A process of another name is not the task scheduler.
+    TermRqdSubProc("RqDaemon", getpid());
+    EXPECT_TRUE(LogCapture::Contains(3, "PROCMGR : TermRqdSubProc failed: appName RqDaemon's pid=" +
+                                            std::to_string(getpid()) + " is invalid"));
 }
 
-TEST_F(AppSignalsTest, AProcessOfAnotherNameIsNotTheTaskScheduler) {
-    for (const pid_t pid : {getpid(), FreePid()}) {
-        LogCapture::Clear();
-        TermRqdSubProc("RqDaemon", pid);
-        const std::string id = std::to_string(pid);
-        ASSERT_EQ(LogCapture::Lines().size(), 2U);
-        EXPECT_TRUE(LogCapture::ContainsPart(
-            6, "[BOOT_TRACE][PM], PROCMGR: TermRqdSubProc begin, rqdPid=" + id));
-        EXPECT_TRUE(LogCapture::Contains(
-            3, "PROCMGR : TermRqdSubProc failed: appName RqDaemon's pid=" + id + " is invalid"));
-    }
-}
+enum Role { DAEMON, WORKER, OTHER_NAME, FATHER, STRANGER, ORPHAN };
 
-pid_t ReadPid(int fd) {
-    pid_t pid = -1;
-    return read(fd, &pid, sizeof pid) == sizeof pid ? pid : -1;
-}
+struct Spawned {
+    Role role;
+    pid_t pid;
+};
 
-// Forks a process of that name that writes its pid, runs `body` and waits.
+// Forks a process of that name that runs `body`, tells its role and pid, and waits.
 template <typename Body>
-pid_t Spawn(const char* name, int fd, Body body) {
+pid_t Spawn(int fd, Role role, const char* name, Body body) {
     const pid_t child = fork();
     if (child == 0) {
         prctl(PR_SET_NAME, name);
         body();
-        const pid_t own = getpid();
+        const Spawned own{role, getpid()};
         [[maybe_unused]] const ssize_t written = write(fd, &own, sizeof own);
         while (true) {
             pause();
@@ -152,55 +143,35 @@ void CheckWorkers() {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
     const auto nothing = [] {};
-    pid_t orphan = -1;
-    if (const pid_t middle = fork(); middle == 0) {
-        Spawn("rqdaemon", ends[1], nothing);
-        _exit(0);
-    } else {
-        waitpid(middle, nullptr, 0);
-        orphan = ReadPid(ends[0]);
-    }
-    // The workers' pids come first, each after its fork.
-    const pid_t daemon = Spawn("rqdaemon", ends[1], [&] {
-        Spawn("rqdaemon", ends[1], nothing);
-        Spawn("rqdaemon", ends[1], nothing);
-        Spawn("rqdaemon2", ends[1], nothing);
+    Spawn(ends[1], DAEMON, "rqdaemon", [&] {
+        Spawn(ends[1], WORKER, "rqdaemon", nothing);
+        Spawn(ends[1], OTHER_NAME, "rqdaemon2", nothing);
     });
-    std::vector<pid_t> family;
-    for (int i = 0; i < 4; ++i) {
-        family.push_back(ReadPid(ends[0]));
+    Spawn(ends[1], FATHER, "other", [&] { Spawn(ends[1], STRANGER, "rqdaemon", nothing); });
+    const pid_t middle = Spawn(ends[1], FATHER, "other", [&] {
+        Spawn(ends[1], ORPHAN, "rqdaemon", nothing);
+        _exit(0);
+    });
+    waitpid(middle, nullptr, 0);
+    std::map<Role, pid_t> pids;
+    for (int i = 0; i < 6; ++i) {
+        Spawned spawned{};
+        ASSERT_EQ(read(ends[0], &spawned, sizeof spawned), ssize_t{sizeof spawned});
+        pids[spawned.role] = spawned.pid;
     }
-    // Process 1 is the parent of this one too, and of the daemon: a stranger needs another.
-    pid_t stranger = -1;
-    Spawn("other", ends[1], [&] { Spawn("rqdaemon", ends[1], nothing); });
-    for (int i = 0; i < 2; ++i) {
-        const pid_t pid = ReadPid(ends[0]);
-        stranger = StatusValue(pid, "Name") == "rqdaemon" ? pid : stranger;
-    }
-    const pid_t bystander = Spawn("svc", ends[1], nothing);
-    ReadPid(ends[0]);
 
     LogCapture::Clear();
-    TermRqdSubProc("RqDaemon", daemon);
-    const auto contains = [](const std::string& part) { return LogCapture::ContainsPart(6, part); };
-    for (const pid_t pid : family) {
-        const std::string name = StatusValue(pid, "Name");
-        if (pid == daemon) {
-            continue;
-        }
-        EXPECT_EQ(name == "rqdaemon" ? WaitUntilKilled(pid) : IsKilled(pid), name == "rqdaemon")
-            << name;
-        const std::string line =
-            "PROCMGR : TermRqdSubProc kill process rqdaemon(ppid=" + std::to_string(daemon) +
-            ", pid=" + std::to_string(pid) + ")";
-        EXPECT_EQ(LogCapture::Contains(6, line), name == "rqdaemon");
+    TermRqdSubProc("RqDaemon", pids[DAEMON]);
+    const std::string id = std::to_string(pids[DAEMON]);
+    for (const auto& [role, parent] : {std::pair(WORKER, id), {ORPHAN, std::string("1")}}) {
+        EXPECT_TRUE(WaitUntilKilled(pids[role])) << role;
+        EXPECT_TRUE(LogCapture::Contains(
+            6, "PROCMGR : TermRqdSubProc kill process rqdaemon(ppid=" + parent +
+                   ", pid=" + std::to_string(pids[role]) + ")"));
     }
-    EXPECT_TRUE(WaitUntilKilled(orphan));
-    EXPECT_TRUE(contains("PROCMGR : TermRqdSubProc kill process rqdaemon(ppid=1, pid=" +
-                         std::to_string(orphan) + ")"));
-    EXPECT_FALSE(IsKilled(stranger));
-    EXPECT_FALSE(IsKilled(bystander));
-    const std::string id = std::to_string(daemon);
+    for (const Role role : {OTHER_NAME, FATHER, STRANGER}) {
+        EXPECT_FALSE(IsKilled(pids[role])) << role;
+    }
     EXPECT_TRUE(LogCapture::Lines().front().text.ends_with(
         "s][BOOT_TRACE][PM], PROCMGR: TermRqdSubProc begin, rqdPid=" + id));
     EXPECT_TRUE(LogCapture::Lines().back().text.ends_with(

@@ -29,12 +29,8 @@ void FakeMuxa::Reset() {
     hooks_.clear();
     counts_.clear();
     endpoints_.clear();
-    rpcAnswers_ = Scripted<std::vector<uint8_t>>({});
     opens_.clear();
-    servers_.clear();
     sends_.clear();
-    responses_.clear();
-    rpcs_.clear();
     closes_.clear();
 }
 
@@ -48,11 +44,6 @@ void FakeMuxa::SetDefault(Call call, int32_t result) {
     defaults_[call] = result;
 }
 
-void FakeMuxa::PushRpcAnswer(std::vector<uint8_t> data) {
-    const std::lock_guard lock(mutex_);
-    rpcAnswers_.Push(std::move(data));
-}
-
 void FakeMuxa::SetHook(Call call, std::function<void(int32_t)> hook) {
     const std::lock_guard lock(mutex_);
     hooks_[call] = std::move(hook);
@@ -61,11 +52,6 @@ void FakeMuxa::SetHook(Call call, std::function<void(int32_t)> hook) {
 std::vector<FakeMuxa::Opened> FakeMuxa::Opens() const {
     const std::lock_guard lock(mutex_);
     return opens_;
-}
-
-std::vector<FakeMuxa::Server> FakeMuxa::Servers() const {
-    const std::lock_guard lock(mutex_);
-    return servers_;
 }
 
 std::vector<FakeMuxa::Sent> FakeMuxa::Sends() const {
@@ -77,16 +63,6 @@ std::vector<FakeMuxa::Sent> FakeMuxa::Delivered() const {
     auto sends = Sends();
     std::erase_if(sends, [](const Sent& sent) { return sent.result < 0; });
     return sends;
-}
-
-std::vector<FakeMuxa::Response> FakeMuxa::Responses() const {
-    const std::lock_guard lock(mutex_);
-    return responses_;
-}
-
-std::vector<FakeMuxa::Rpc> FakeMuxa::Rpcs() const {
-    const std::lock_guard lock(mutex_);
-    return rpcs_;
 }
 
 std::vector<int32_t> FakeMuxa::Closes() const {
@@ -123,18 +99,14 @@ bool FakeMuxa::Receive(int32_t fd, const void* data, uint32_t length) {
     MuxaRequest request;
     request.data = data;
     request.length = length;
-    return Receive(fd, request);
-}
-
-bool FakeMuxa::Receive(int32_t fd, const MuxaRequest& request) {
-    return ReceiveAs(fd, fd, &request);
+    return CallBack(fd, &request);
 }
 
 bool FakeMuxa::PeerGone(int32_t fd) {
-    return ReceiveAs(fd, fd, nullptr);
+    return CallBack(fd, nullptr);
 }
 
-bool FakeMuxa::ReceiveAs(int32_t fd, int32_t peerFd, const MuxaRequest* request) {
+bool FakeMuxa::CallBack(int32_t fd, const MuxaRequest* request) {
     Endpoint endpoint;
     {
         const std::lock_guard lock(mutex_);
@@ -144,13 +116,8 @@ bool FakeMuxa::ReceiveAs(int32_t fd, int32_t peerFd, const MuxaRequest* request)
         }
         endpoint = found->second;
     }
-    endpoint.callback(peerFd, request, endpoint.name);
+    endpoint.callback(fd, request, endpoint.name);
     return true;
-}
-
-bool FakeMuxa::WaitFor(Call call, size_t count, std::chrono::milliseconds timeout) {
-    std::unique_lock lock(mutex_);
-    return called_.wait_for(lock, timeout, [&] { return counts_[call] >= count; });
 }
 
 int32_t FakeMuxa::OnOpen(const MuxaOpenAttributes& attributes) {
@@ -164,18 +131,6 @@ int32_t FakeMuxa::OnOpen(const MuxaOpenAttributes& attributes) {
     return result;
 }
 
-int32_t FakeMuxa::OnCreateServer(const MuxaServerAttributes& attributes, uint32_t maxPeers,
-                                 uint32_t flags) {
-    RunHook(Call::CREATE_SERVER, -1);
-    const std::lock_guard lock(mutex_);
-    const int32_t result = Next(Call::CREATE_SERVER, nextFd_++);
-    if (result > 0) {
-        endpoints_[result] = {attributes.name, attributes.callback};
-    }
-    servers_.push_back({result, attributes, maxPeers, flags});
-    return result;
-}
-
 int32_t FakeMuxa::OnSend(int32_t fd, const MuxaRequest* request) {
     RunHook(Call::SEND, fd);
     const std::lock_guard lock(mutex_);
@@ -184,24 +139,10 @@ int32_t FakeMuxa::OnSend(int32_t fd, const MuxaRequest* request) {
     return result;
 }
 
-int32_t FakeMuxa::OnRespond(int32_t fd, const MuxaResponse* response) {
-    RunHook(Call::RESPOND, fd);
-    const std::lock_guard lock(mutex_);
-    const int32_t result = Next(Call::RESPOND, 0);
-    responses_.push_back({fd, response == nullptr ? MuxaResponse{} : *response, result});
-    return result;
-}
-
-int32_t FakeMuxa::OnRpc(Call call, int32_t fd, const MuxaRequest* request, MuxaResponse* response,
-                        int32_t timeout) {
+int32_t FakeMuxa::OnOther(Call call, int32_t fd) {
     RunHook(call, fd);
     const std::lock_guard lock(mutex_);
-    const int32_t result = Next(call, 0);
-    rpcs_.push_back({fd, Bytes(request), timeout, result});
-    if (result >= 0 && response != nullptr) {
-        response->data = rpcAnswers_.Next();
-    }
-    return result;
+    return Next(call, 0);
 }
 
 int32_t FakeMuxa::OnClose(int32_t fd) {
@@ -231,7 +172,6 @@ void FakeMuxa::RunHook(Call call, int32_t fd) {
 
 int32_t FakeMuxa::Next(Call call, int32_t fallback) {
     ++counts_[call];
-    called_.notify_all();
     auto& queue = results_[call];
     if (!queue.empty()) {
         const int32_t result = queue.front();
@@ -250,26 +190,21 @@ int32_t MuxaOpen(const MuxaOpenAttributes& attributes) {
     return FakeMuxa::Get().OnOpen(attributes);
 }
 
-int32_t MuxaCreateServer(const MuxaServerAttributes& attributes, uint32_t maxPeers,
-                         uint32_t flags) {
-    return FakeMuxa::Get().OnCreateServer(attributes, maxPeers, flags);
-}
-
 int32_t MuxaSendRequest(int32_t fd, const MuxaRequest* request) {
     return FakeMuxa::Get().OnSend(fd, request);
 }
 
-int32_t MuxaSendResponse(int32_t fd, const MuxaResponse* response) {
-    return FakeMuxa::Get().OnRespond(fd, response);
+int32_t MuxaSendResponse(int32_t fd, const MuxaResponse* /*response*/) {
+    return FakeMuxa::Get().OnOther(FakeMuxa::Call::RESPOND, fd);
 }
 
-int32_t MuxaRPCSync(int32_t fd, MuxaRequest* request, MuxaResponse* response) {
-    return FakeMuxa::Get().OnRpc(FakeMuxa::Call::RPC, fd, request, response, -1);
+int32_t MuxaRPCSync(int32_t fd, MuxaRequest* /*request*/, MuxaResponse* /*response*/) {
+    return FakeMuxa::Get().OnOther(FakeMuxa::Call::RPC, fd);
 }
 
-int32_t MuxaTimedRPCSync(int32_t fd, MuxaRequest* request, MuxaResponse* response,
-                         int32_t timeout) {
-    return FakeMuxa::Get().OnRpc(FakeMuxa::Call::TIMED_RPC, fd, request, response, timeout);
+int32_t MuxaTimedRPCSync(int32_t fd, MuxaRequest* /*request*/, MuxaResponse* /*response*/,
+                         int32_t /*timeout*/) {
+    return FakeMuxa::Get().OnOther(FakeMuxa::Call::TIMED_RPC, fd);
 }
 
 int32_t MuxaClosePipe(int32_t fd) {

@@ -2,9 +2,8 @@
 // a test play the peer by calling the registered callback. Any thread may use it.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -12,39 +11,21 @@
 #include <vector>
 
 #include "platform/messaging.h"
-#include "tests/fakes/scripted.h"
 
 namespace ProcMgr::Fakes {
 
 class FakeMuxa {
 public:
     // What scripted results belong to.
-    enum class Call { OPEN, CREATE_SERVER, SEND, RESPOND, RPC, TIMED_RPC, CLOSE };
+    enum class Call { OPEN, SEND, RESPOND, RPC, TIMED_RPC, CLOSE };
 
     struct Opened {
         int32_t result = 0;  // the descriptor, or the scripted failure
         MuxaOpenAttributes attributes;
     };
-    struct Server {
-        int32_t result = 0;
-        MuxaServerAttributes attributes;
-        uint32_t maxPeers = 0;
-        uint32_t flags = 0;
-    };
     struct Sent {
         int32_t fd = 0;
         std::vector<uint8_t> data;
-        int32_t result = 0;
-    };
-    struct Response {
-        int32_t fd = 0;
-        MuxaResponse response;
-        int32_t result = 0;
-    };
-    struct Rpc {
-        int32_t fd = 0;
-        std::vector<uint8_t> data;
-        int32_t timeout = -1;  // milliseconds; -1 for MuxaRPCSync
         int32_t result = 0;
     };
 
@@ -53,49 +34,33 @@ public:
     // Forgets everything: descriptors, records, scripts, hooks.
     void Reset();
 
-    // The next result of `call`, behind those queued before. An OPEN or CREATE_SERVER without a
-    // script returns a fresh descriptor (100, 101, ...), anything else 0.
+    // The next result of `call`, behind those queued before. An OPEN without a script returns a
+    // fresh descriptor (100, 101, ...), anything else 0.
     void Push(Call call, int32_t result, int count = 1);
     // What follows when the queue is empty.
     void SetDefault(Call call, int32_t result);
-    // The body that the next successful RPC puts into its response.
-    void PushRpcAnswer(std::vector<uint8_t> data);
     // Called, without any lock, at the begin of each call of that kind.
     void SetHook(Call call, std::function<void(int32_t fd)> hook);
 
     std::vector<Opened> Opens() const;
-    std::vector<Server> Servers() const;
     std::vector<Sent> Sends() const;      // every attempt, failed ones too
     std::vector<Sent> Delivered() const;  // only those with a result of 0 or more
-    std::vector<Response> Responses() const;
-    std::vector<Rpc> Rpcs() const;
     std::vector<int32_t> Closes() const;  // every attempt
     size_t Count(Call call) const;
     // Descriptors opened and not closed with success.
     std::vector<int32_t> OpenFds() const;
-    // The descriptor of the open pipe or server of that name; -1 without one.
+    // The descriptor of the open pipe of that name; -1 without one.
     int32_t FdOf(const std::string& name) const;
 
     // Plays the peer of `fd`: calls its callback on this thread. False when `fd` is not open.
     bool Receive(int32_t fd, const void* data, uint32_t length);
-    bool Receive(int32_t fd, const MuxaRequest& request);
     // The peer's connection ends: the callback gets no request.
     bool PeerGone(int32_t fd);
-    // The same with a descriptor that a server's callback gets for one peer.
-    bool ReceiveAs(int32_t fd, int32_t peerFd, const MuxaRequest* request);
-
-    // Waits until there were at least `count` calls of that kind.
-    bool WaitFor(Call call, size_t count,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
     // For the library's functions only.
     int32_t OnOpen(const MuxaOpenAttributes& attributes);
-    int32_t OnCreateServer(const MuxaServerAttributes& attributes, uint32_t maxPeers,
-                           uint32_t flags);
     int32_t OnSend(int32_t fd, const MuxaRequest* request);
-    int32_t OnRespond(int32_t fd, const MuxaResponse* response);
-    int32_t OnRpc(Call call, int32_t fd, const MuxaRequest* request, MuxaResponse* response,
-                  int32_t timeout);
+    int32_t OnOther(Call call, int32_t fd);  // what is counted and no more
     int32_t OnClose(int32_t fd);
 
 private:
@@ -106,11 +71,11 @@ private:
 
     FakeMuxa() = default;
     void RunHook(Call call, int32_t fd);
+    bool CallBack(int32_t fd, const MuxaRequest* request);
     // The callers hold mutex_.
     int32_t Next(Call call, int32_t fallback);
 
     mutable std::mutex mutex_;
-    std::condition_variable called_;  // counts_ has changed
     // All guarded by mutex_.
     int32_t nextFd_ = 100;
     std::map<Call, std::deque<int32_t>> results_;
@@ -118,12 +83,8 @@ private:
     std::map<Call, std::function<void(int32_t)>> hooks_;
     std::map<Call, size_t> counts_;
     std::map<int32_t, Endpoint> endpoints_;
-    Scripted<std::vector<uint8_t>> rpcAnswers_{{}};
     std::vector<Opened> opens_;
-    std::vector<Server> servers_;
     std::vector<Sent> sends_;
-    std::vector<Response> responses_;
-    std::vector<Rpc> rpcs_;
     std::vector<int32_t> closes_;
 };
 

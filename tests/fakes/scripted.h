@@ -14,9 +14,6 @@ public:
 
     void Push(Result result) { results_.push_back(std::move(result)); }
 
-    // From now on what is given out once the pushed results are used up.
-    void SetDefault(Result fallback) { fallback_ = std::move(fallback); }
-
     Result Next() {
         if (results_.empty()) {
             return fallback_;

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -19,27 +18,16 @@ using BootTracePoints = IsolatedTest;
 
 using Fakes::LogCapture;
 
-double SecondsOf(const std::string& stamp) {
-    return std::stod(stamp.substr(1));
-}
-
-TEST(BootTrace, StampHasSecondsAndTag) {
-    EXPECT_THAT(BootStrace("PM"),
-                testing::MatchesRegex("\\[[0-9]+\\.[0-9]{6}s\\]\\[BOOT_TRACE\\]\\[PM\\]"));
-    EXPECT_TRUE(BootStrace("").ends_with("s][BOOT_TRACE][]"));
-}
-
-TEST(BootTrace, StampsNeverGoBack) {
+TEST(BootTrace, StampsHaveTheirFormAndNeverGoBack) {
     double last = 0;
     for (int i = 0; i < 1000; ++i) {
-        const uint64_t counter = ReadBootCounter();
-        const double now = SecondsOf(BootStrace("PM"));
+        const std::string stamp = BootStrace("PM");
+        EXPECT_THAT(stamp,
+                    testing::MatchesRegex("\\[[0-9]+\\.[0-9]{6}s\\]\\[BOOT_TRACE\\]\\[PM\\]"));
+        const double now = std::stod(stamp.substr(1));
         EXPECT_LE(last, now);
-        EXPECT_LE(SecondsOf(BootStraceAt(counter, "PM")), now);
         last = now;
     }
-    const uint64_t counter = ReadBootCounter();
-    EXPECT_EQ(BootStraceAt(counter, "PM"), BootStraceAt(counter, "PM"));
 }
 
 struct Point {
@@ -49,11 +37,8 @@ struct Point {
 };
 
 constexpr Point POINTS[] = {
-    {0, "0", "0"},
-    {0x10000001, "268435457", nullptr},
     {0x20000001, "536870913", "20000001"},
     {0x30000001, "805306369", nullptr},
-    {0x40000001, "1073741825", nullptr},
     {0xFFFFFFFF, "4294967295", "ffffffff"},
 };
 
@@ -94,19 +79,10 @@ TEST_F(BootTracePoints, PointsGoToTheKernelAndTheImportantOnesToTheConsole) {
 TEST_F(BootTracePoints, AMissingInterfaceIsSkippedAndAMissingConsoleIsLogged) {
     const int status = RunIsolated([] {
         HideProcAndDev();
-        for (const Point& point : POINTS) {
-            LogCapture::Clear();
-            WriteBootTracePoint(point.code);
-            std::vector<std::string> texts;
-            for (const auto& line : LogCapture::Lines()) {
-                texts.push_back(line.text);
-            }
-            if (point.hexadecimal == nullptr) {
-                EXPECT_TRUE(texts.empty());
-            } else {
-                EXPECT_THAT(texts, testing::ElementsAre("procmgr open file=/dev/ttyAMA0 fail"));
-            }
-        }
+        WriteBootTracePoint(0x30000001);
+        EXPECT_TRUE(LogCapture::Lines().empty());
+        WriteBootTracePoint(0x20000001);
+        EXPECT_TRUE(LogCapture::Contains(4, "procmgr open file=/dev/ttyAMA0 fail"));
         EXPECT_FALSE(std::filesystem::exists("/dev/ttyAMA0"));
         EXPECT_FALSE(std::filesystem::exists("/proc/bootdot"));
 

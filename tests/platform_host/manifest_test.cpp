@@ -12,6 +12,7 @@
 #include <limits>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/host/manifest_keys.h"
@@ -26,6 +27,20 @@ using testing::IsEmpty;
 using testing::Pair;
 using testing::SizeIs;
 using testing::StartsWith;
+
+// Names in the order in which rounds of free vertices come out; "|" between rounds.
+std::string Order(DependGraph graph) {
+    std::string order;
+    for (auto free = graph.GetNoDependVertices(); !free.empty();
+         free = graph.GetNoDependVertices()) {
+        order += order.empty() ? "" : "|";
+        for (const std::string& name : std::set<std::string>(free.begin(), free.end())) {
+            order += name;
+            graph.Pop(name);
+        }
+    }
+    return order + (graph.IsEmpty() ? "" : "!");
+}
 
 class ManifestTest : public testing::Test {
 protected:
@@ -68,6 +83,20 @@ protected:
         return names;
     }
 
+    // The graph of `names`, or of all the services, as Order() has it.
+    std::string OrderOf(const std::vector<std::pair<std::string, std::string>>& services,
+                        std::vector<std::string> names = {}) {
+        std::string text = "services:\n";
+        for (const auto& [name, depends] : services) {
+            text += "- {name: " + name + ", bin: /b, depends: [" + depends + "]}\n";
+        }
+        EXPECT_TRUE(Parse(Write("main.yaml", text)));
+        DependGraph graph;
+        graph.Add("left over", {"from before"});
+        EXPECT_EQ(parser_.GetStartGraph(names.empty() ? Names() : names, graph), 0);
+        return Order(graph);
+    }
+
     SyslogSink sink_;
     std::string directory_;
     ParseAndDepend parser_;
@@ -77,21 +106,17 @@ protected:
 
 TEST_F(ManifestTest, EntryWithoutOptionalKeysHasTheDefaults) {
     ASSERT_TRUE(ParseService(""));
-    ASSERT_THAT(manifests_, SizeIs(1));
+    ASSERT_THAT(Names(), ElementsAre("a"));
     const ApplicationManifest& manifest = manifests_[0];
     EXPECT_EQ(manifest.GetManifestList(), ManifestList::SERVICES);
     EXPECT_EQ(manifest.GetCfgPath(), directory_ + "/main.yaml");
-    EXPECT_EQ(manifest.GetAppName(), "a");
-    EXPECT_EQ(manifest.GetBinPath(), "/bin/a");
     EXPECT_EQ(manifest.GetRestart(), "no");
     EXPECT_EQ(manifest.GetTermTimeOut(), 5000U);
     EXPECT_TRUE(manifest.GetIsForceTerm());
     EXPECT_EQ(manifest.GetStartupPriority(), -1);
     EXPECT_EQ(manifest.GetVfId(), -1);
-    EXPECT_EQ(manifest.GetUid(), 0U);
     EXPECT_FALSE(manifest.GetIsReporting() || manifest.GetIsDelayCoreAffinity() ||
                  manifest.GetHeartBeatSwitch() || manifest.GetIsDynamicPara());
-    EXPECT_THAT(manifest.GetArguments(), IsEmpty());
     EXPECT_THAT(sink_.Lines(), IsEmpty());
 }
 
@@ -130,7 +155,7 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetter) {
   match: {slot: 1, mode: fast}
 )yaml")));
     ASSERT_THAT(sink_.Lines(), IsEmpty());
-    ASSERT_THAT(manifests_, SizeIs(1));
+    ASSERT_THAT(Names(), ElementsAre("app"));
     const ApplicationManifest& manifest = manifests_[0];
     EXPECT_EQ(manifest.GetManifestList(), ManifestList::APPLICATIONS);
     EXPECT_EQ(manifest.GetBinPath(), "match(/usr/bin/(x|y))");
@@ -178,119 +203,77 @@ TEST_F(ManifestTest, TableOfKeysIsWhole) {
     EXPECT_NE(FindManifestKey("match", ManifestList::APPLICATIONS), nullptr);
 }
 
-struct WrongEntry {
-    const char* lines;    // behind name (line 2) and bin (line 3)
-    const char* where;    // "LINE: key 'KEY': " or what stands in its place
-    const char* problem;  // part of the message
-};
-
 TEST_F(ManifestTest, WrongValuesAreOneErrorWithFileLineAndKey) {
-    const std::string longName(128, 'n');
-    const std::string withLongName = "- {name: " + longName + ", bin: /b}\n";
-    const std::vector<WrongEntry> cases{
+    const struct {
+        std::string lines;  // behind name (line 2) and bin (line 3)
+        std::string where;
+        std::string problem;
+    } cases[] = {
         {"  uid: -1\n", "4: key 'uid': ", "from 0 to 4294967294"},
-        {"  uid: 4294967295\n", "4: key 'uid': ", "from 0 to 4294967294"},
-        {"  gid: 99999999999999999999999\n", "4: key 'gid': ", "from 0 to 4294967294"},
         {"  uid: 010\n", "4: key 'uid': ", "whole number"},
-        {"  uid: 1.5\n", "4: key 'uid': ", "whole number"},
-        {"  uid: 0x\n", "4: key 'uid': ", "whole number"},
-        {"  uid: +-1\n", "4: key 'uid': ", "whole number"},
-        {"  uid: root\n", "4: key 'uid': ", "whole number"},
         {"  uid:\n  gid: 1\n", "4: key 'uid': ", "got nothing"},
         {"  uid: [0]\n", "4: key 'uid': ", "got a list"},
         {"  nice: 20\n", "4: key 'nice': ", "from -20 to 19"},
-        {"  nice: -21\n", "4: key 'nice': ", "from -20 to 19"},
         {"  term_timeout: 4294967296\n", "4: key 'term_timeout': ", "to 4294967295"},
-        {"  startup_priority: 2147483648\n", "4: key 'startup_priority': ", "to 2147483647"},
-        {"  vf_id: first\n", "4: key 'vf_id': ", "whole number"},
         {"  core_affinity: [1, 1024]\n", "4: key 'core_affinity': ", "element 2: "},
-        {"  core_affinity: 1\n", "4: key 'core_affinity': ", "expected a list, got text"},
         {"  reporting: maybe\n", "4: key 'reporting': ", "true or false"},
-        {"  reporting: 1\n", "4: key 'reporting': ", "true or false"},
         {"  restart: always\n", "4: key 'restart': ", "on-until-succeed"},
-        {"  args: --verbose\n", "4: key 'args': ", "expected a list"},
-        {"  args:\n  - ok\n  - [x]\n", "6: key 'args': ", "element 2: expected text"},
         {"  env: [A=1]\n", "4: key 'env': ", "expected a mapping"},
-        {"  env: {A: {B: c}}\n", "4: key 'env': ", "element 'A': expected text"},
         {"  env: {A=B: c}\n", "4: key 'env': ", "no '='"},
-        {"  env: {A: 'match([)'}\n", "4: key 'env': ", "unusable pattern"},
         {"  args: ['match(a)|(b)']\n", "4: key 'args': ", "unusable pattern"},
-        {"  vf_id: match([0-)\n", "4: key 'vf_id': ", "unusable pattern"},
         {"  args: ['match((((a{255}){255}){255}))']\n", "4: key 'args': ", "too much"},
         {"  depends: [ok, 'a b']\n", "4: key 'depends': ", "element 2: a name holds no"},
         {"  sharepool_groups: [{group: g}]\n", "4: key 'sharepool_groups': ", "'access'"},
-        {"  sharepool_groups: [g]\n", "4: key 'sharepool_groups': ", "expected a mapping"},
         {"  uid: 1\n  uid: 2\n", "5: near key 'uid': ", "stands twice"},
         {"- bin: /bin/b\n", "4: key 'name': ", "missing"},
-        {"- name: b\n", "4: key 'bin': ", "missing"},
         {"- name: b\n  bin: relative\n", "5: key 'bin': ", "absolute path"},
-        {"- name: b\n  bin: match(\n", "5: key 'bin': ", "absolute path"},
-        {"- name: ''\n  bin: /b\n", "4: key 'name': ", "1 to 127"},
-        {withLongName.c_str(), "4: key 'name': ", "1 to 127"},
+        {"- {name: " + std::string(128, 'n') + ", bin: /b}\n", "4: key 'name': ", "1 to 127"},
         {"- name: a/b\n  bin: /b\n", "4: key 'name': ", "holds no"},
-        {"- name: \"a\\x7fb\"\n  bin: /b\n", "4: key 'name': ", "holds no"},
-        {"- name: \"a\\x85b\"\n  bin: /b\n", "4: key 'name': ", "holds no"},
         {"- name: \"a\\nFORGED\"\n  bin: /b\n", "4: key 'name': ", "holds no"},
-        {"- name: a\n  bin: /b\n", "4: key 'name': ", "main.yaml:2"},
-        {"- text\n", "4: key 'services': ", "element 2: expected a mapping"},
         {"applications:\n- name: a\n  bin: /b\n", "5: key 'name': ", "main.yaml:2"},
     };
-    for (const WrongEntry& wrong : cases) {
-        SCOPED_TRACE(wrong.lines);
+    for (const auto& [lines, where, problem] : cases) {
+        SCOPED_TRACE(lines);
         sink_.Clear();
-        EXPECT_FALSE(ParseService(wrong.lines));
-        EXPECT_THAT(manifests_, IsEmpty());
-        EXPECT_THAT(sink_.Lines(), SizeIs(1));
-        EXPECT_THAT(sink_.LinesAt(LOG_ERR),
-                    ElementsAre(AllOf(StartsWith(directory_ + "/main.yaml:" + wrong.where),
-                                      HasSubstr(wrong.problem))));
+        EXPECT_FALSE(ParseService(lines));
+        EXPECT_THAT(sink_.Lines(), ElementsAre(AllOf(StartsWith(directory_ + "/main.yaml:" + where),
+                                                     HasSubstr(problem))));
     }
 }
 
 TEST_F(ManifestTest, BrokenFilesAreOneErrorAndNeverMore) {
     const std::string deep(20000, '[');
-    std::string bomb = "x:\n- &a0 [y, y, y, y, y, y, y, y, y, y]\n";
+    std::string bomb = "x:\n- &a0 y\n";
     for (int i = 1; i < 12; ++i) {
-        const std::string last = "*a" + std::to_string(i - 1);
-        bomb += "- &a" + std::to_string(i) + " [" + last;
-        for (int j = 1; j < 10; ++j) {
-            bomb += ", " + last;
+        bomb += "- &a" + std::to_string(i) + " [";
+        for (int j = 0; j < 10; ++j) {
+            bomb += "*a" + std::to_string(i - 1) + ", ";
         }
         bomb += "]\n";
     }
     const std::vector<std::pair<std::string, std::string>> cases{
         {"services: [", "invalid YAML"},
-        {"services:\n\t- x", "invalid YAML"},
         {"services: *nowhere", "invalid YAML"},
-        {"services: []\n]", "2: near key 'services': invalid YAML"},
         {"services: []\n---\nservices: []\n", "2: near key 'services': more than one document"},
         {deep, "nested too deeply"},
-        {std::string(20000, '{'), ""},
         {bomb, "too large"},
         {"services: &s [*s]", "inside its own anchor"},
         {"? [a]\n: b\n", "a key is not text"},
         {"services: []\nservices: []\n", "stands twice"},
         {std::string("services: []\n\0x", 15), "2: not a text file"},
-        {"services: []\n\x04- x", "2: not a text file"},
         {"services: [{name: \"a\\0b\", bin: /b}]", "NUL"},
-        {"- a\n", "1: expected a mapping"},
         {"text", "1: expected a mapping"},
-        {"services: text", "1: key 'services': expected a list"},
         {"services:\n", "1: key 'services': expected a list, got nothing"},
-        {"include: other.yaml", "1: key 'include': expected a list"},
         {"include: [{a: b}]", "1: key 'include': element 1: expected text"},
     };
     for (const auto& [text, problem] : cases) {
         SCOPED_TRACE(text.substr(0, 60));
         sink_.Clear();
         EXPECT_FALSE(Parse(Write("main.yaml", text)));
-        EXPECT_THAT(sink_.Lines(), SizeIs(1));
         EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem)));
     }
-    for (const char* empty : {"", "# nothing yet\n", "---\n...\n", "{}", "services: []"}) {
-        sink_.Clear();
+    for (const char* empty : {"", "# nothing yet\n", "services: []"}) {
         EXPECT_TRUE(Parse(Write("main.yaml", empty))) << empty;
-        EXPECT_THAT(sink_.Lines(), IsEmpty());
     }
 }
 
@@ -313,18 +296,6 @@ services:
                     file + ":6: key 'match': not a key of a service, ignored",
                     file + ":7: key 'sharepool_groups': element 1: element 'size': unknown key, "
                            "ignored"));
-    EXPECT_THAT(sink_.Lines(), SizeIs(4));
-}
-
-TEST_F(ManifestTest, AliasesStandForTheirAnchors) {
-    ASSERT_TRUE(Parse(Write("main.yaml", R"yaml(services:
-- name: a
-  bin: /bin/a
-  env: &common {PATH: /bin}
-- {name: b, bin: /bin/b, env: *common}
-)yaml")));
-    ASSERT_THAT(Names(), ElementsAre("a", "b"));
-    EXPECT_THAT(manifests_[1].GetEnvArgv(), ElementsAre(Pair("PATH", "/bin")));
 }
 
 TEST_F(ManifestTest, IncludesComeFirstAndOnce) {
@@ -340,14 +311,8 @@ TEST_F(ManifestTest, IncludesComeFirstAndOnce) {
     ASSERT_TRUE(Parse(main));
     EXPECT_THAT(Names(), ElementsAre("common", "one", "two", "last", "main"));
     EXPECT_EQ(manifests_[1].GetCfgPath(), directory_ + "/sub/one.yaml");
-    EXPECT_EQ(manifests_[2].GetCfgPath(), two);
-    EXPECT_EQ(manifests_[2].GetManifestList(), ManifestList::APPLICATIONS);
-    EXPECT_EQ(manifests_[3].GetCfgPath(), main);
-    EXPECT_THAT(scratch_, SizeIs(4));
-    EXPECT_TRUE(scratch_.contains(main));
-    // What the caller's set holds from before changes nothing.
-    ASSERT_TRUE(Parse(main));
-    EXPECT_THAT(manifests_, SizeIs(5));
+    EXPECT_EQ(manifests_[3].GetManifestList(), ManifestList::APPLICATIONS);
+    EXPECT_THAT(scratch_, testing::AllOf(SizeIs(4), testing::Contains(main)));
 }
 
 TEST_F(ManifestTest, BrokenIncludesNameWhereTheyAreAskedFor) {
@@ -355,31 +320,22 @@ TEST_F(ManifestTest, BrokenIncludesNameWhereTheyAreAskedFor) {
     Write("loop.yaml", "include: [main.yaml]\n");
     Write("bad.yaml", "services:\n- name: b\n");
     Write("same.yaml", "applications: [{name: a, bin: /b}]\n");
-    ASSERT_TRUE(std::filesystem::create_directory(directory_ + "/dir"));
-    struct Case {
-        const char* include;
-        std::string error;
-    };
-    const std::vector<Case> cases{
+    const std::vector<std::pair<std::string, std::string>> cases{
         {"loop.yaml", directory_ + "/loop.yaml:1: key 'include': " + directory_ +
                           "/main.yaml: the file includes itself"},
-        {"main.yaml", main + ":3: key 'include': " + main + ": the file includes itself"},
         {"none.yaml", main + ":3: key 'include': " + directory_ + "/none.yaml: cannot be opened"},
-        {"dir", main + ":3: key 'include': " + directory_ + "/dir: it is a directory"},
-        {"''", main + ":3: key 'include': element 1: expected text that is not empty"},
         {"bad.yaml", directory_ + "/bad.yaml:2: key 'bin': missing in the entry 'b'"},
         {"same.yaml", main + ":5: key 'name': 'a' is also the name of the entry at " + directory_ +
                           "/same.yaml:1"},
     };
-    for (const Case& wrong : cases) {
-        SCOPED_TRACE(wrong.include);
+    for (const auto& [include, error] : cases) {
         sink_.Clear();
-        Write("main.yaml", "# main\ninclude:\n- " + std::string(wrong.include) +
-                               "\nservices:\n- {name: a, bin: /b}\n");
+        Write("main.yaml",
+              "# main\ninclude:\n- " + include + "\nservices:\n- {name: a, bin: /b}\n");
         EXPECT_FALSE(Parse(main));
-        EXPECT_THAT(sink_.Lines(), ElementsAre(HasSubstr(wrong.error)));
+        EXPECT_THAT(sink_.Lines(), ElementsAre(HasSubstr(error)));
     }
-    for (int i = 0; i < 40; ++i) {
+    for (int i = 0; i < 20; ++i) {
         Write("chain" + std::to_string(i) + ".yaml",
               "include: [chain" + std::to_string(i + 1) + ".yaml]\n");
     }
@@ -389,46 +345,37 @@ TEST_F(ManifestTest, BrokenIncludesNameWhereTheyAreAskedFor) {
 }
 
 TEST_F(ManifestTest, OnlyRootMayDecideWhatRuns) {
-    const std::string file = Write("main.yaml", "services: [{name: a, bin: /b}]\n");
-    struct Case {
-        mode_t mode;
-        uid_t owner;
-        const char* problem;  // null: accepted
-    };
-    const std::vector<Case> cases{{0644, 0, nullptr},
-                                  {0600, 0, nullptr},
-                                  {0664, 0, "writable by group or others"},
-                                  {0646, 0, "writable by group or others"},
-                                  {0644, 1000, "belongs to uid 1000"}};
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root to give files away";
     }
-    for (const bool included : {false, true}) {
-        const std::string main = included ? Write("top.yaml", "include: [main.yaml]\n") : file;
-        for (const Case& wanted : cases) {
-            SCOPED_TRACE(testing::Message() << std::oct << wanted.mode << " " << wanted.owner);
+    const std::string file = Write("main.yaml", "services: [{name: a, bin: /b}]\n");
+    const std::string top = Write("top.yaml", "include: [main.yaml]\n");
+    const std::tuple<mode_t, uid_t, const char*> cases[] = {
+        {0664, 0, "writable by group or others"},
+        {0646, 0, "writable by group or others"},
+        {0644, 1000, "belongs to uid 1000"},
+    };
+    for (const auto& [mode, owner, problem] : cases) {
+        ASSERT_EQ(chmod(file.c_str(), mode), 0);
+        ASSERT_EQ(chown(file.c_str(), owner, 0), 0);
+        for (const std::string& main : {file, top}) {
             sink_.Clear();
-            ASSERT_EQ(chmod(file.c_str(), wanted.mode), 0);
-            ASSERT_EQ(chown(file.c_str(), wanted.owner, 0), 0);
-            EXPECT_EQ(Parse(main), wanted.problem == nullptr);
-            if (wanted.problem != nullptr) {
-                EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(wanted.problem)));
-            }
+            EXPECT_FALSE(Parse(main));
+            EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem)));
         }
-        ASSERT_EQ(chown(file.c_str(), 0, 0), 0);
     }
 }
 
 TEST_F(ManifestTest, UnreadableFilesAreErrors) {
     const std::string fifo = directory_ + "/fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    const std::string big = Write("big.yaml", std::string((size_t{1} << 20) + 1, '#'));
-    for (const auto& [path, problem] :
-         std::vector<std::pair<std::string, std::string>>{{directory_ + "/none", "No such file"},
-                                                          {"", "No such file"},
-                                                          {directory_, "it is a directory"},
-                                                          {fifo, "not a regular file"},
-                                                          {big, "larger than"}}) {
+    const std::pair<std::string, std::string> cases[] = {
+        {directory_ + "/none", "No such file"},
+        {directory_, "it is a directory"},
+        {fifo, "not a regular file"},
+        {Write("big.yaml", std::string((size_t{1} << 20) + 1, '#')), "larger than"},
+    };
+    for (const auto& [path, problem] : cases) {
         sink_.Clear();
         EXPECT_FALSE(Parse(path));
         EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem)));
@@ -442,17 +389,29 @@ TEST_F(ManifestTest, FailureLeavesEverythingAsItWas) {
     const std::string bad =
         Write("bad.yaml", "services: [{name: a, bin: /b}, {name: x, bin: /b, uid: x}]\n");
     ASSERT_EQ(parser_.ParseYaml(0, good, manifests_, scratch_), 0);
-    const std::set<std::string> files = scratch_;
     EXPECT_NE(parser_.ParseYaml(0, bad, manifests_, scratch_), 0);
     EXPECT_THAT(Names(), ElementsAre("a", "b"));
-    EXPECT_EQ(scratch_, files);
+    EXPECT_THAT(scratch_, ElementsAre(good));
     DependGraph graph;
     ASSERT_EQ(parser_.GetStartGraph({"a", "b"}, graph), 0);
     EXPECT_THAT(graph.GetNoDependVertices(), ElementsAre("b"));
-    // A second load appends.
-    const std::string more = Write("more.yaml", "services: [{name: c, bin: /b}]\n");
-    ASSERT_EQ(parser_.ParseYaml(0, more, manifests_, scratch_), 0);
-    EXPECT_THAT(Names(), ElementsAre("a", "b", "c"));
+}
+
+TEST_F(ManifestTest, EdgesAreDependenciesAmongTheGivenNames) {
+    const std::vector<std::pair<std::string, std::string>> services{
+        {"d", "b, c"}, {"c", "a"}, {"b", "a"}, {"a", ""}, {"e", "missing"}};
+    EXPECT_EQ(OrderOf(services), "ae|bc|d");
+    EXPECT_EQ(OrderOf(services, {"d", "b"}), "b|d");
+    EXPECT_EQ(OrderOf(services, {"d", "a", "a"}), "ad");
+    EXPECT_EQ(OrderOf({{"a", "b"}, {"b", "a"}}, {"a"}), "a") << "half a cycle is none";
+    EXPECT_THAT(sink_.Lines(), IsEmpty());
+}
+
+TEST_F(ManifestTest, CyclesAreReportedOnceAndNeverBecomeFree) {
+    // "o" is behind a cycle, and named before it, but not on it.
+    EXPECT_EQ(OrderOf({{"o", "p"}, {"p", "q"}, {"q", "p, x"}, {"s", "s"}, {"x", ""}}), "x!");
+    EXPECT_THAT(sink_.LinesAt(LOG_ERR),
+                ElementsAre(testing::EndsWith(": p -> q -> p"), testing::EndsWith(": s -> s")));
 }
 
 TEST_F(ManifestTest, MessagesCannotForgeLines) {

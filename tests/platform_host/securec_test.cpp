@@ -15,44 +15,24 @@ struct Guarded {
     std::string All() const { return std::string(bytes, 4) + std::string(guard, 4); }
 };
 
-const std::string ZEROS(4, '\0');
-
-TEST(SecurecTest, MemcpyCopiesOrZeroes) {
+TEST(SecurecTest, NothingIsWrittenBehindTheDestination) {
     Guarded to;
-    EXPECT_EQ(memcpy_s(to.bytes, 4, "abc", 3), 0);
-    EXPECT_EQ(to.All(), "abcdgggg");
     EXPECT_EQ(memcpy_s(to.bytes, 4, "wxyz", 4), 0);
     EXPECT_EQ(to.All(), "wxyzgggg");
-    EXPECT_EQ(memcpy_s(to.bytes, 4, nullptr, 0), 0);
+    EXPECT_NE(memcpy_s(to.bytes, SIZE_MAX, "abc", 3), 0);
+    EXPECT_NE(memcpy_s(nullptr, 4, "abc", 3), 0);
     EXPECT_EQ(to.All(), "wxyzgggg");
     EXPECT_NE(memcpy_s(to.bytes, 4, "abcde", 5), 0);
-    EXPECT_EQ(to.All(), ZEROS + "gggg");
-    to = Guarded{};
-    EXPECT_NE(memcpy_s(to.bytes, 4, nullptr, 1), 0);
-    EXPECT_EQ(to.All(), ZEROS + "gggg");
-    to = Guarded{};
-    EXPECT_NE(memcpy_s(to.bytes, 4, to.bytes + 1, 2), 0);
-    EXPECT_EQ(to.All(), ZEROS + "gggg");
-    to = Guarded{};
-    EXPECT_EQ(memcpy_s(to.bytes, 4, to.bytes + 2, 2), 0);
-    EXPECT_EQ(to.All(), "ddddgggg");
-    EXPECT_NE(memcpy_s(nullptr, 4, "abc", 3), 0);
-    EXPECT_NE(memcpy_s(to.bytes, SIZE_MAX, "abc", 3), 0);
-    EXPECT_EQ(to.All(), "ddddgggg");
-}
-
-TEST(SecurecTest, MemsetStaysInside) {
-    Guarded to;
+    EXPECT_EQ(to.All(), std::string(4, '\0') + "gggg");
     EXPECT_EQ(memset_s(to.bytes, 4, 'x', 2), 0);
-    EXPECT_EQ(to.All(), "xxddgggg");
-    EXPECT_NE(memset_s(to.bytes, 4, 'y', 5), 0);
-    EXPECT_EQ(to.All(), "yyyygggg");
     EXPECT_NE(memset_s(to.bytes, SIZE_MAX, 'z', 1), 0);
-    EXPECT_NE(memset_s(nullptr, 4, 'z', 1), 0);
+    EXPECT_EQ(to.All(), std::string("xx\0\0gggg", 8));
+    EXPECT_NE(memset_s(to.bytes, 4, 'y', 5), 0);
     EXPECT_EQ(to.All(), "yyyygggg");
 }
 
 TEST(SecurecTest, StrncpyEndsWithNulOrIsEmpty) {
+    const char open[3] = {'a', 'b', 'c'};  // without a NUL, so not to be read past what is asked
     struct Case {
         size_t size;
         const char* source;
@@ -61,29 +41,19 @@ TEST(SecurecTest, StrncpyEndsWithNulOrIsEmpty) {
         std::string result;  // of the 4 bytes; "d" is untouched
     };
     const Case cases[] = {
-        {4, "abc", 3, true, std::string("abc\0", 4)},
+        {4, open, 3, true, std::string("abc\0", 4)},
         {4, "abc", 10, true, std::string("abc\0", 4)},
         {4, "abcdef", 3, true, std::string("abc\0", 4)},
-        {4, "", 10, true, std::string("\0ddd", 4)},
-        {4, "abc", 0, true, std::string("\0ddd", 4)},
         {4, "abcd", 4, false, std::string("\0ddd", 4)},
-        {4, "abcdef", 10, false, std::string("\0ddd", 4)},
         {2, "ab", 2, false, std::string("\0ddd", 4)},
         {4, nullptr, 3, false, std::string("\0ddd", 4)},
         {0, "abc", 3, false, "dddd"},
-        {SIZE_MAX, "abc", 3, false, "dddd"},
     };
     for (const Case& wanted : cases) {
         Guarded to;
         EXPECT_EQ(strncpy_s(to.bytes, wanted.size, wanted.source, wanted.count) == 0, wanted.fits);
         EXPECT_EQ(to.All(), wanted.result + "gggg") << wanted.size << " " << wanted.count;
     }
-    EXPECT_NE(strncpy_s(nullptr, 4, "abc", 3), 0);
-    // A source without NUL is not read past what is asked for.
-    const char open[3] = {'a', 'b', 'c'};
-    Guarded to;
-    EXPECT_EQ(strncpy_s(to.bytes, 4, open, 3), 0);
-    EXPECT_STREQ(to.bytes, "abc");
 }
 
 }  // namespace
