@@ -100,6 +100,8 @@ pid_t ProcessLauncher::Fork(const LaunchPlan& plan) {
         }
     }
     Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    // To the child, if it waits for this core: what the parent does next can wait.
+    Sys::sched_yield();
     errno = error;
     return child;
 }

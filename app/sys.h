@@ -23,6 +23,7 @@ using ::nice;
 using ::prlimit;
 using ::pthread_sigmask;
 using ::sched_setscheduler;
+using ::sched_yield;
 using ::setenv;
 using ::setgid;
 using ::setgroups;

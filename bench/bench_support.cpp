@@ -61,8 +61,8 @@ uint64_t Now() {
     return static_cast<uint64_t>(now.tv_sec) * NANOSECONDS + static_cast<uint64_t>(now.tv_nsec);
 }
 
-StampFile::StampFile(size_t slots)
-    : slots_(slots), path_(WriteFile("stamps", "")), fd_(open(path_.c_str(), O_RDWR | O_CLOEXEC)) {
+StampFile::StampFile(size_t slots, const std::string& name)
+    : slots_(slots), path_(WriteFile(name, "")), fd_(open(path_.c_str(), O_RDWR | O_CLOEXEC)) {
     Clear();
 }
 

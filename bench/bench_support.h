@@ -23,7 +23,7 @@ struct Stamp {
 // A file with one slot for each service.
 class StampFile {
 public:
-    explicit StampFile(size_t slots);
+    explicit StampFile(size_t slots, const std::string& name = "stamps");
     ~StampFile();
     StampFile(const StampFile&) = delete;
     StampFile& operator=(const StampFile&) = delete;

@@ -21,7 +21,6 @@
 
 namespace {
 
-constexpr double MILLISECOND = 1e6;
 // Longer than the period in which the daemon takes a death for a crash loop.
 constexpr std::chrono::milliseconds LIFE{60};
 
@@ -53,19 +52,13 @@ pid_t StartRespawner(const Bench::StampFile& stamps) {
     _exit(0);
 }
 
-// Milliseconds from each kill to the new start.
-std::vector<double> KillAgainAndAgain(int kills, Bench::StampFile& stamps) {
-    std::vector<double> times;
-    pid_t pid = static_cast<pid_t>(stamps.WaitForAll().front().pid);
-    for (int i = 0; i < kills; ++i) {
-        std::this_thread::sleep_for(LIFE);
-        const uint64_t start = Bench::Now();
-        kill(pid, SIGKILL);
-        const Bench::Stamp stamp = stamps.WaitForAll(start).front();
-        times.push_back(static_cast<double>(stamp.time - start) / MILLISECOND);
-        pid = static_cast<pid_t>(stamp.pid);
-    }
-    return times;
+// Kills the service; milliseconds to its new start.
+double KillOnce(const Bench::StampFile& stamps) {
+    const auto pid = static_cast<pid_t>(stamps.WaitForAll().front().pid);
+    std::this_thread::sleep_for(LIFE);
+    const uint64_t start = Bench::Now();
+    kill(pid, SIGKILL);
+    return Bench::SinceStart(start, stamps.WaitForAll(start));
 }
 
 void Print(const char* who, const std::vector<double>& times) {
@@ -74,17 +67,21 @@ void Print(const char* who, const std::vector<double>& times) {
 }
 
 void MeasureOne(int kills) {
-    Bench::StampFile stamps(1);
-    const pid_t daemon = StartDaemon(1, stamps);
-    const std::vector<double> byDaemon = KillAgainAndAgain(kills, stamps);
+    Bench::StampFile daemonStamps(1, "daemon-stamps");
+    Bench::StampFile bareStamps(1, "bare-stamps");
+    const pid_t daemon = StartDaemon(1, daemonStamps);
+    const pid_t respawner = StartRespawner(bareStamps);
+    std::vector<double> byDaemon;
+    std::vector<double> byRespawner;
+    // In turn, so that both see the same machine.
+    for (int i = 0; i < kills; ++i) {
+        byDaemon.push_back(KillOnce(daemonStamps));
+        byRespawner.push_back(KillOnce(bareStamps));
+    }
     Bench::Stop(daemon);
-
-    stamps.Clear();
-    const pid_t respawner = StartRespawner(stamps);
-    const std::vector<double> byRespawner = KillAgainAndAgain(kills, stamps);
     kill(respawner, SIGKILL);
     waitpid(respawner, nullptr, 0);
-    kill(static_cast<pid_t>(stamps.WaitForAll().front().pid), SIGKILL);
+    kill(static_cast<pid_t>(bareStamps.WaitForAll().front().pid), SIGKILL);
 
     std::printf("| kill to restart, %d kills | median | 95th percentile |\n|---|---|---|\n", kills);
     Print("daemon", byDaemon);

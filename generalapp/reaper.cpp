@@ -32,6 +32,7 @@ Reaper::Reaper(std::vector<ExitSink> sinks, std::function<void()> onWake)
     : sinks_(std::move(sinks)), onWake_(std::move(onWake)) {}
 
 void Reaper::Run(const std::atomic<bool>& running) {
+    TakeChildSignals();
     while (running) {
         CollectExits();
         onWake_();

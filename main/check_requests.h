@@ -54,6 +54,9 @@ public:
 private:
     void Set(bool isUrgent) {
         const std::lock_guard lock(mutex_);
+        if (isAsked_ && (isUrgent_ || !isUrgent)) {
+            return;
+        }
         isAsked_ = true;
         isUrgent_ = isUrgent_ || isUrgent;
         changed_.notify_one();

@@ -39,6 +39,13 @@ void Install(int signal, void (*handler)(int), int flags) {
     sigaction(signal, &action, nullptr);
 }
 
+void MaskChildSignal(int how) {
+    sigset_t child;
+    sigemptyset(&child);
+    sigaddset(&child, SIGCHLD);
+    pthread_sigmask(how, &child, nullptr);
+}
+
 }  // namespace
 
 void InstallContinueSignal() {
@@ -71,6 +78,11 @@ void InstallSignals() {
         sigaddset(&changed, signal);
     }
     pthread_sigmask(SIG_UNBLOCK, &changed, nullptr);
+    MaskChildSignal(SIG_BLOCK);
+}
+
+void TakeChildSignals() {
+    MaskChildSignal(SIG_UNBLOCK);
 }
 
 bool IsStopRequested() {

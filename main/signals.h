@@ -19,8 +19,11 @@ bool IsContinueReceived();
 // The counter at the last SIGCONT; 0 when there was none.
 uint64_t GetContinueCounter();
 
-// Ignores SIGPIPE and installs the others. A second stop signal ends the process at once.
+// Ignores SIGPIPE and installs the others. A second stop signal ends the process at once. SIGCHLD
+// is blocked in the calling thread and those that it starts.
 void InstallSignals();
+// From now on the calling thread gets SIGCHLD: no other has to wake up to pass it on.
+void TakeChildSignals();
 bool IsStopRequested();
 
 // Becomes readable when a child has changed its state or a stop was asked for; -1 before

@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <string>
 
 #include "main/constants.h"
@@ -24,31 +23,15 @@ namespace {
 constexpr char LOG_SOCKET[] = "/dev/log";
 // What a logger takes as one line is not more than this.
 constexpr size_t LINE_MAX_LENGTH = 8192;
-constexpr size_t HEADER_MAX_LENGTH = 64;
 // For a logger that works this is long, even at the busiest moment of boot. One that does not costs
 // it once: no line waits again before one has gone through.
 constexpr std::chrono::milliseconds PATIENCE{500};
 
-// "<PRI>Mmm dd hh:mm:ss IDENT[PID]: ", as syslog() has it.
-size_t WriteHeader(int level, std::array<char, HEADER_MAX_LENGTH>& header) {
-    const time_t now = time(nullptr);
-    tm local{};
-    localtime_r(&now, &local);
-    std::array<char, 20> stamp{};
-    strftime(stamp.data(), stamp.size(), "%h %e %T", &local);
-    const int length =
-        std::snprintf(header.data(), header.size(), "<%d>%s %s[%d]: ", LOG_USER | level,
-                      stamp.data(), PROCMGR_NAME, getpid());
-    return std::min(static_cast<size_t>(std::max(length, 0)), header.size() - 1);
-}
-
 }  // namespace
 
 void SystemLogger::Write(int level, std::string_view text) {
-    std::array<char, HEADER_MAX_LENGTH> header{};
-    const size_t headerLength = WriteHeader(level, header);
     std::array<char, LINE_MAX_LENGTH> line;  // NOLINT: all that is sent is written first
-    std::memcpy(line.data(), header.data(), headerLength);
+    const size_t headerLength = WriteHeader(level, line.data(), line.size());
     const size_t textLength = std::min(text.size(), line.size() - headerLength);
     std::memcpy(line.data() + headerLength, text.data(), textLength);
     if (SendPatiently({line.data(), headerLength + textLength}) != Sent::YES) {
@@ -56,6 +39,19 @@ void SystemLogger::Write(int level, std::string_view text) {
     } else if (dropped_ > 0) {
         ReportDropped();
     }
+}
+
+size_t SystemLogger::WriteHeader(int level, char* header, size_t size) {
+    const time_t now = time(nullptr);
+    if (now != second_) {
+        tm local{};
+        localtime_r(&now, &local);
+        strftime(stamp_.data(), stamp_.size(), "%h %e %T", &local);
+        second_ = now;
+    }
+    const int length = std::snprintf(header, size, "<%d>%s %s[%d]: ", LOG_USER | level,
+                                     stamp_.data(), PROCMGR_NAME, getpid());
+    return static_cast<size_t>(std::max(length, 0));
 }
 
 void SystemLogger::Close() {

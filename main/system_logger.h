@@ -3,7 +3,10 @@
 // daemon that stands still.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <string_view>
 
 namespace ProcMgr {
@@ -25,7 +28,12 @@ private:
     Sent SendPatiently(std::string_view line);
     void ReportDropped();
 
+    // "<PRI>Mmm dd hh:mm:ss IDENT[PID]: ", as syslog() has it. Returns its length.
+    size_t WriteHeader(int level, char* header, size_t size);
+
     int fd_ = -1;
+    time_t second_ = -1;  // that stamp_ stands for
+    std::array<char, 20> stamp_{};
     bool isStuck_ = false;  // a line has waited in vain since the last that went through
     uint64_t dropped_ = 0;  // lines, since then
 };

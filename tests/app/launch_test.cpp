@@ -233,7 +233,8 @@ TEST_F(LaunchTest, WhatCannotBeExecutedIsReportedAndExitsWith1) {
     waitpid(app.pid_, &status, 0);
     EXPECT_EQ(status, 1 << 8);
     EXPECT_EQ(Reports(), "app=svc,pid=" + std::to_string(app.pid_) +
-                             ",execv failed, execPath_=/etc, errno=" + std::to_string(EACCES) + ";");
+                             ",execv failed, execPath_=/etc, errno=" + std::to_string(EACCES) +
+                             ";");
 }
 
 TEST_F(LaunchTest, AFullErrorPipeDoesNotStopAChild) {

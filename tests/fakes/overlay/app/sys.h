@@ -22,6 +22,7 @@ int nice(int increment);
 int prlimit(pid_t pid, int resource, const struct rlimit* newLimit, struct rlimit* oldLimit);
 int pthread_sigmask(int how, const sigset_t* set, sigset_t* old);
 int sched_setscheduler(pid_t pid, int policy, const struct sched_param* param);
+int sched_yield();
 int setenv(const char* name, const char* value, int overwrite);
 int setgid(gid_t gid);
 int setgroups(size_t count, const gid_t* groups);
