@@ -122,7 +122,8 @@ TEST_F(Integrity, APathIsNoShellText) {
 TEST_F(Integrity, WithoutADigestToolThereAreFiveAttempts) {
     const std::string app = Program("app");
     const IntegrityTable table = Table("app=" + DIGEST + "\n");
-    const std::string before = getenv("PATH");
+    const char* const path = getenv("PATH");
+    const std::string before = path == nullptr ? "" : path;
     setenv("PATH", directory_.c_str(), 1);
     EXPECT_FALSE(table.IntegrityProtect(app));
     // A tool that says nothing, and counts how often it is asked.
