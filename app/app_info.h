@@ -141,6 +141,16 @@ public:
     // Takes over what a changed manifest says; what runs goes on as it is.
     void Refresh(const ApplicationManifest& manifest, const std::string& appName);
 
+    // Applies what a start request supplies: arguments, and by index the executable path, the
+    // virtual function id and environment entries. Nothing when the manifest has no patterns to be
+    // filled. False, with a log line, when a value does not match its pattern; what came before it
+    // stays.
+    bool UpdateDynamicPara(const std::vector<std::string>& argv,
+                           const std::map<int, std::vector<std::string>>& dynamicPara);
+    bool UpdateExecvPath(const std::vector<std::string>& values);
+    bool UpdateVfId(const std::vector<std::string>& values);
+    bool UpdateEnv(const std::vector<std::string>& values);
+
     // Forks and executes; see ProcessLauncher. The caller sets the state.
     bool StartProcess(ProcessLauncher& launcher);
 
@@ -190,6 +200,7 @@ public:
     bool forceTerm_ = false;
     std::string startupEntryPath_;
     std::vector<SteadyTime> restartTimes_;  // of the last five restarts at most, oldest first
+    bool isReady_ = false;                  // its present process has said that it is ready
 };
 
 }  // namespace ProcMgr::App

@@ -4,7 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <vector>
 
 namespace ProcMgr::Message {
 
@@ -34,6 +36,39 @@ enum RequestType : uint32_t {
     RELOAD_STARTUP_CFG = 7,
     QUERY_APP_STATE = 9,
     APP_DETAIL_STATUS_REPORT = 10,
+};
+
+// What START_APP asks for. `dynamicPara`: by index, 0 executable path, 1 virtual function id, 2
+// environment entries KEY=VALUE.
+struct StartAppInfo {
+    std::string appName;
+    std::vector<std::string> argv;
+    std::map<int, std::vector<std::string>> dynamicPara;
+};
+
+// What RESTART_APP asks for: the same.
+struct RestartAppInfo {
+    std::string appName;
+    std::vector<std::string> argv;
+    std::map<int, std::vector<std::string>> dynamicPara;
+};
+
+struct TermAppInfo {
+    std::string appName;
+};
+
+// What `vintor` says about an application that it runs itself.
+struct AppExecInfo {
+    std::string appName;
+    uint32_t pid = 0;
+    uint32_t gid = 0;
+    uint32_t state = 0;  // an AppExecState
+};
+
+// A start-up configuration file, and the data that selects among its applications.
+struct StartupCfgInfo {
+    std::map<std::string, std::string> matchData;
+    std::string path;
 };
 
 // A base service's word about itself. The channel it came on says which service it is.

@@ -11,7 +11,6 @@ namespace ProcMgr::Serialization {
 namespace {
 
 using Message::AppStateInfo;
-using Message::BaseServiceStateInfo;
 using Message::PM_PIPE_BUF_MAX;
 using Message::RequestMsg;
 using Message::RequestType;
@@ -20,20 +19,6 @@ constexpr char SEPARATOR = '#';
 // The longest state-report piece, and the most that the pieces of one record may add up to.
 constexpr size_t PIECE_MAX = 3959;
 constexpr size_t GROUP_MAX = 3955;
-
-// The payload as text. `size` is the sender's word: it is never trusted beyond the record.
-std::istringstream PayloadOf(const RequestMsg& request) {
-    const size_t length = std::min<uint64_t>(request.size, PM_PIPE_BUF_MAX);
-    const auto* bytes = reinterpret_cast<const char*>(request.data);
-    return std::istringstream(std::string(bytes, length));
-}
-
-// Reads a number and the one character behind it, whatever that is.
-template <typename Number>
-void ReadNumber(std::istringstream& in, Number& number) {
-    in >> number;
-    in.get();
-}
 
 }  // namespace
 
@@ -98,13 +83,6 @@ void ProcMgrCombineMsg(RequestType type, uint32_t count, const std::string& body
                    static_cast<unsigned long>(payload.size()), ret);
     }
     record.size = payload.size();
-}
-
-void ProcMgrUnpackedBaseServiceStateRequest(const RequestMsg* request, BaseServiceStateInfo& out) {
-    std::istringstream in = PayloadOf(*request);
-    uint32_t count = 0;
-    ReadNumber(in, count);
-    ReadNumber(in, out.state);
 }
 
 }  // namespace ProcMgr::Serialization

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,5 +32,29 @@ void ProcMgrCombineMsg(Message::RequestType type, uint32_t count, const std::str
 // Decodes a base service's state report; what the payload lacks stays at its default.
 void ProcMgrUnpackedBaseServiceStateRequest(const Message::RequestMsg* request,
                                             Message::BaseServiceStateInfo& out);
+
+// Decode one request each. What the payload lacks stays at its default; what is beyond the limits
+// is logged and left out. A start or restart request of `zornmgr` has no dynamic parameters.
+void ProcMgrUnpackStartRequest(const Message::RequestMsg* request,
+                               std::vector<Message::StartAppInfo>& out, const std::string& sender);
+void ProcMgrUnpackRestartRequest(const Message::RequestMsg* request,
+                                 std::vector<Message::RestartAppInfo>& out,
+                                 const std::string& sender);
+void ProcMgrUnpackTermRequest(const Message::RequestMsg* request,
+                              std::vector<Message::TermAppInfo>& out);
+void ProcMgrUnpackedAppExecInfoRequest(const Message::RequestMsg* request,
+                                       Message::AppExecInfo& out);
+void ProcMgrUnpackMatchDataAndPathRequest(const Message::RequestMsg* request,
+                                          Message::StartupCfgInfo& out);
+// The dynamic block of one item. False, with a log line, when it is not to be used.
+bool UnPackDynamicPara(std::istringstream& in, std::map<int, std::vector<std::string>>& out);
+
+// The names of a QUERY_APP_STATE request. False, with `names` empty, when a count or a length runs
+// past the payload.
+bool DecodeQueryNames(const Message::RequestMsg& request, std::vector<std::string>& names);
+
+// One APP_DETAIL_STATUS_REPORT record. False when the entries do not fit.
+bool EncodeDetailStatus(const std::map<std::string, uint32_t>& statusByName,
+                        Message::RequestMsg& out);
 
 }  // namespace ProcMgr::Serialization
