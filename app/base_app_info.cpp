@@ -34,6 +34,7 @@ bool BaseAppInfo::StartProcess(ProcessLauncher& launcher) {
         return false;
     }
     state_ = STARTING;
+    isReady_ = false;
     return true;
 }
 

@@ -1,9 +1,9 @@
 #include "baseservice/base_services.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "app/sensor_node_event_reporter.h"
-#include "main/boot_trace.h"
 #include "main/constants.h"
 #include "main/log.h"
 
@@ -100,16 +100,7 @@ bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
     return true;
 }
 
-void BaseServices::HandleStateReport(const std::string& name,
-                                     const Message::BaseServiceStateInfo& info) {
-    ProcMgrLog(LOG_INFO, "%s PM receive BASESERVICE_STATE_REPORT msg from %s report state=%s",
-               BootStrace(BOOT_TRACE_TAG).c_str(), name.c_str(),
-               GetBaseServiceStateTypeStr(info.state).c_str());
-    const auto reported = static_cast<BaseServiceStateType>(info.state);
-    if (reported != BaseServiceStateType::RUNNING &&
-        reported != BaseServiceStateType::TERMINATING) {
-        return;
-    }
+void BaseServices::UpdateBaseAppState(const std::string& name, ProcessState reported) {
     const std::lock_guard lock(mutex_);
     Record* record = Find(name);
     if (record == nullptr) {
@@ -118,23 +109,58 @@ void BaseServices::HandleStateReport(const std::string& name,
                    name.c_str());
         return;
     }
-    checks_.Request();
-    if (reported == BaseServiceStateType::RUNNING) {
+    // The last word of a process that is gone must not bring its record back to life. A readiness
+    // that comes when the stop has begun was sent before the service saw that it is to end.
+    if (!record->IsAlive() || record->state_ == TERMINATED ||
+        (isStopping_ && reported == RUNNING)) {
+        return;
+    }
+    if (reported == RUNNING) {
         SensorNodeEventReporter::GetInstance().Withdraw(App::BASE_SERVICE_NODE, name,
                                                         App::EVENT_START_FAILED);
     }
+    checks_.Request();
     reportedState_.Update([&] {
-        // The last word of a process that is gone must not bring its record back to life.
-        if (record->state_ == TERMINATED || record->exitStatusSet_) {
-            return false;
-        }
-        // Sent while it was coming up, before it saw that it is to end.
-        if (isStopping_ && reported == BaseServiceStateType::RUNNING) {
-            return false;
-        }
-        record->state_ = reported == BaseServiceStateType::RUNNING ? RUNNING : TERMINATING;
+        record->state_ = reported;
         return true;
     });
+}
+
+bool BaseServices::UpdateBaseServerReadyInfo(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    Record* record = Find(name);
+    if (record == nullptr) {
+        ProcMgrLog(LOG_ERR, "PUpdateBaseServerReadyInfo failed, not find base app=%s",
+                   name.c_str());
+        return false;
+    }
+    return !std::exchange(record->isReady_, record->IsAlive()) && record->isReady_;
+}
+
+bool BaseServices::IsReady(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    const Record* record = Find(name);
+    return record != nullptr && record->isReady_;
+}
+
+std::vector<std::string> BaseServices::GetOwners() {
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> owners;
+    for (const Record& record : executedBaseApp_) {
+        if (owners_.GetServiceFd(record.appName_) > 0) {
+            owners.push_back(record.appName_);
+        }
+    }
+    return owners;
+}
+
+std::vector<Message::AppStateInfo> BaseServices::GetStates() {
+    const std::lock_guard lock(mutex_);
+    std::vector<Message::AppStateInfo> states;
+    for (const Record& record : executedBaseApp_) {
+        states.push_back(App::MakeStateInfo(record, App::PresentStateOf(record), 0));
+    }
+    return states;
 }
 
 }  // namespace ProcMgr

@@ -55,8 +55,19 @@ public:
     // Watches the heartbeat of the service's present process. The caller has logged why.
     void RegisterHeartBeat(const std::string& name);
 
-    // What a service says about itself.
-    void HandleStateReport(const std::string& name, const Message::BaseServiceStateInfo& info);
+    // What a service says about itself: RUNNING or TERMINATING.
+    void UpdateBaseAppState(const std::string& name, ProcessState reported);
+
+    // Marks the service's present process as ready. True when it was not before; false, with a log
+    // line, for a service that is not in the list.
+    bool UpdateBaseServerReadyInfo(const std::string& name);
+    bool IsReady(const std::string& name);
+
+    // Names of the services whose pipe is open, in start order.
+    std::vector<std::string> GetOwners();
+
+    // Every service with its present state.
+    std::vector<Message::AppStateInfo> GetStates();
 
     // The heartbeat library's word: `status` 1 lost, 0 back. Returns 1 when handled, else 0.
     int HeartBeatNotify(const char* name, size_t nameLength, int32_t pid, uint32_t status);

@@ -1,5 +1,7 @@
 #include "channel/owner_reports.h"
 
+#include <unistd.h>
+
 #include <utility>
 
 #include "channel/muxa_retry.h"
@@ -77,19 +79,67 @@ void OwnerReports::ReportAppStateToZorn(const App::AppInfo& app, uint32_t report
     if (app.appName_ == PROC_ZORNMGR) {
         return;
     }
-    AppStateInfo info;
-    info.appName = app.appName_;
-    info.pid = static_cast<uint32_t>(app.pid_);
-    info.gid = app.gid_;
-    info.reportType = reportType;
-    info.result = result;
-    if (ReportAppState({info}, PROC_ZORNMGR)) {
+    if (ReportAppState({App::MakeStateInfo(app, reportType, result)}, PROC_ZORNMGR)) {
         ProcMgrLog(LOG_INFO, "PROCMGR : report %s's state: %d to zornmgr successfully",
                    app.appName_.c_str(), static_cast<int>(reportType));
         return;
     }
     ProcMgrLog(LOG_ERR, "PROCMGR : report %s's state: %d to zornmgr failed", app.appName_.c_str(),
                static_cast<int>(reportType));
+}
+
+bool OwnerReports::ReportAppDetailStatus(const std::map<std::string, uint32_t>& statusByName,
+                                         const std::string& owner) const {
+    if (statusByName.empty()) {
+        return true;
+    }
+    std::vector<RequestMsg> records(1);
+    if (!Serialization::EncodeDetailStatus(statusByName, records.front())) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : ReportAppDetailStatus SerializeMessage failed");
+        return false;
+    }
+    const int fd = pipes_.GetServiceFd(owner);
+    if (fd < 1) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : Master ReportAppDetailStatus: invalid fd, owner=%s",
+                   owner.c_str());
+        return false;
+    }
+    if (!SendRequestMsg(fd, records)) {
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : Master ReportAppDetailStatus: SendRequestMsg %s failed, fd:%d",
+                   owner.c_str(), fd);
+        return false;
+    }
+    for (const auto& [name, status] : statusByName) {
+        ProcMgrLog(LOG_INFO, "%s PM ReportAppDetailStatus to %s, appName=%s, status=%u",
+                   BootStrace(BOOT_TRACE_TAG).c_str(), owner.c_str(), name.c_str(), status);
+    }
+    return true;
+}
+
+void OwnerReports::RegisterVfs() const {
+    AppStateInfo self;
+    self.appName = PROCMGR_NAME;
+    self.pid = static_cast<uint32_t>(getpid());
+    self.gid = getgid();
+    self.reportType = RUNNING_NORMAL_START;
+    if (!ReportAppState({self}, PROC_ZORNMGR)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR failed: RegisterVfs ReportAppState failed");
+    }
+}
+
+void OwnerReports::RelayAppExecution(const Message::AppExecInfo& info) const {
+    ProcMgrLog(LOG_INFO,
+               "%s PM receive APP_EXECUTION_REPORT msg from vintor report appName=%s, pid=%u, "
+               "gid=%u, state=%s",
+               BootStrace(BOOT_TRACE_TAG).c_str(), info.appName.c_str(), info.pid, info.gid,
+               GetAppExecStateStr(info.state).c_str());
+    AppStateInfo item;
+    item.appName = info.appName;
+    item.pid = info.pid;
+    item.gid = info.gid;
+    item.reportType = info.state != 0 ? TERMINATED_NORMAL_EXIT : RUNNING_NORMAL_START;
+    ReportAppState({item}, PROC_ZORNMGR);
 }
 
 }  // namespace ProcMgr

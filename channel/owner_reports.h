@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,15 @@ public:
 
     void ReportAppStateToZorn(const App::AppInfo& app, uint32_t reportType,
                               uint32_t result) const override;
+
+    bool ReportAppDetailStatus(const std::map<std::string, uint32_t>& statusByName,
+                               const std::string& owner) const override;
+
+    // Reports the daemon itself to the access manager.
+    void RegisterVfs() const;
+
+    // Passes on to the access manager what `vintor` says about an application that it runs.
+    void RelayAppExecution(const Message::AppExecInfo& info) const;
 
     // Sends every record in order; what was sent before a failure stays sent.
     static bool SendRequestMsg(int fd, const std::vector<Message::RequestMsg>& records);

@@ -34,14 +34,61 @@ void RequestDispatch::RequestMsgHandler(int32_t fd, const MuxaRequest* request,
     // The library's buffer has no alignment of its own.
     const auto record = std::make_unique<RequestMsg>();
     std::memcpy(record.get(), request->data, sizeof(*record));
-    Dispatch(*record, owner);
+    Dispatch(*record, owner, fd);
 }
 
-void RequestDispatch::Dispatch(const RequestMsg& record, const std::string& owner) const {
-    if (record.type == Message::BASESERVICE_STATE_REPORT) {
-        Message::BaseServiceStateInfo info;
-        Serialization::ProcMgrUnpackedBaseServiceStateRequest(&record, info);
-        handlers_.baseServiceState(owner, info);
+void RequestDispatch::Dispatch(const RequestMsg& record, const std::string& owner,
+                               int32_t fd) const {
+    using namespace Serialization;
+    switch (record.type) {
+        case Message::START_APP: {
+            std::vector<Message::StartAppInfo> items;
+            ProcMgrUnpackStartRequest(&record, items, owner);
+            handlers_.startApp(items, owner);
+            return;
+        }
+        case Message::RESTART_APP: {
+            std::vector<Message::RestartAppInfo> items;
+            ProcMgrUnpackRestartRequest(&record, items, owner);
+            handlers_.restartApp(items, owner);
+            return;
+        }
+        case Message::TERM_APP: {
+            std::vector<Message::TermAppInfo> items;
+            ProcMgrUnpackTermRequest(&record, items);
+            handlers_.termApp(items, owner);
+            return;
+        }
+        case Message::BASESERVICE_STATE_REPORT: {
+            Message::BaseServiceStateInfo info;
+            ProcMgrUnpackedBaseServiceStateRequest(&record, info);
+            handlers_.baseServiceState(info, owner);
+            return;
+        }
+        case Message::APP_EXECUTION_REPORT: {
+            Message::AppExecInfo info;
+            ProcMgrUnpackedAppExecInfoRequest(&record, info);
+            handlers_.appExecution(info, owner);
+            return;
+        }
+        case Message::LOAD_STARTUP_CFG:
+        case Message::RELOAD_STARTUP_CFG: {
+            Message::StartupCfgInfo info;
+            ProcMgrUnpackMatchDataAndPathRequest(&record, info);
+            const bool isLoad = record.type == Message::LOAD_STARTUP_CFG;
+            (isLoad ? handlers_.loadStartupCfg : handlers_.reloadStartupCfg)(info, owner, fd);
+            return;
+        }
+        case Message::QUERY_APP_STATE: {
+            std::vector<std::string> names;
+            if (!DecodeQueryNames(record, names)) {
+                ProcMgrLog(LOG_ERR, "PROCMGR: DeserializeMessage QUERY_APP_STATE fail.");
+            }
+            handlers_.queryAppState(names, owner);
+            return;
+        }
+        default:
+            return;
     }
 }
 

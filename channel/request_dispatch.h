@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "message/request_msg.h"
 #include "platform/messaging.h"
@@ -13,8 +14,19 @@ namespace ProcMgr {
 
 // Who serves what; each is called with the name of the owner whose pipe the request came on.
 struct RequestHandlers {
-    std::function<void(const std::string& owner, const Message::BaseServiceStateInfo& info)>
-        baseServiceState;
+    template <typename Decoded>
+    using Handler = std::function<void(const Decoded& decoded, const std::string& owner)>;
+    using CfgHandler = std::function<void(const Message::StartupCfgInfo& info,
+                                          const std::string& owner, int32_t fd)>;
+
+    Handler<std::vector<Message::StartAppInfo>> startApp;
+    Handler<std::vector<Message::RestartAppInfo>> restartApp;
+    Handler<std::vector<Message::TermAppInfo>> termApp;
+    Handler<Message::BaseServiceStateInfo> baseServiceState;
+    Handler<Message::AppExecInfo> appExecution;
+    CfgHandler loadStartupCfg;
+    CfgHandler reloadStartupCfg;
+    Handler<std::vector<std::string>> queryAppState;
 };
 
 class RequestDispatch {
@@ -25,7 +37,7 @@ public:
     void RequestMsgHandler(int32_t fd, const MuxaRequest* request, const std::string& owner) const;
 
 private:
-    void Dispatch(const Message::RequestMsg& record, const std::string& owner) const;
+    void Dispatch(const Message::RequestMsg& record, const std::string& owner, int32_t fd) const;
 
     const RequestHandlers handlers_;
 };

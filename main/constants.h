@@ -36,6 +36,7 @@ inline constexpr size_t PATH_LENGTH_MAX = 4096;
 
 // Boot-trace points.
 inline constexpr uint32_t POINT_MAIN = 0;
+inline constexpr uint32_t POINT_PRIORITY_APPS = 0x10000001;
 inline constexpr uint32_t POINT_CONTINUE_INIT = 0x20000001;
 inline constexpr uint32_t POINT_ZORNMGR_READY = 0x30000001;
 inline constexpr uint32_t POINT_VINTOR_READY = 0x40000001;

@@ -43,21 +43,21 @@ uint32_t ProcMgrRun(const std::string& path) {
 
 ProcessManager::ProcessManager(const std::string& path)
     : baseServiceCfgPath(path),
-      dispatch_({.baseServiceState =
-                     [this](const std::string& owner, const Message::BaseServiceStateInfo& info) {
-                         baseServices_.HandleStateReport(owner, info);
-                     }}),
+      dispatch_(MakeHandlers()),
       pipes_([this](int32_t fd, const MuxaRequest* request, const std::string& owner) {
           dispatch_.RequestMsgHandler(fd, request, owner);
       }),
       reports_(pipes_),
       baseServices_(launcher_, reportedState_, checks_, pipes_, reports_),
+      generalApps_(launcher_, checks_, reports_, startupConfig_,
+                   {.isZornReady = [this] { return baseServices_.IsReady(PROC_ZORNMGR); },
+                    .getOwners = [this] { return baseServices_.GetOwners(); }}),
       baseStartup_(baseServices_, reportedState_, bootCommandLine_, pipes_, reports_,
                    [this] { return isStopping_.load(); }),
-      reaper_({[this](int32_t pid, int32_t status) {
-                  return baseServices_.SetExitStatus(pid, status);
-              }},
-              [this] { ForwardStop(); }),
+      reaper_(
+          {[this](int32_t pid, int32_t status) { return baseServices_.SetExitStatus(pid, status); },
+           [this](int32_t pid, int32_t status) { return generalApps_.SetExitStatus(pid, status); }},
+          [this] { ForwardStop(); }),
       childErrorReader_(running_) {}
 
 ProcessManager::~ProcessManager() {
@@ -104,6 +104,7 @@ void ProcessManager::UpdateStartupYaml() {
 void ProcessManager::Run() {
     checkThread_ = std::thread(&ProcessManager::CheckThread, this);
     waitThread_ = std::thread(&ProcessManager::WaitThread, this);
+    InitPriorityApps(baseServiceCfgPath);
     WaitContinueSignal();
     ContinueProcMgrInit();
     receiveChildProcessMsgThread_ =
@@ -114,6 +115,19 @@ void ProcessManager::Run() {
     malloc_trim(0);
     WaitForStop();
     StopApplications();
+}
+
+void ProcessManager::InitPriorityApps(const std::string& path) {
+    if (startupConfig_.LoadStartCfgInfo(path) != StartupConfig::OK) {
+        ProcMgrLog(LOG_ERR, "process-manager InitPriorityApps failed LoadStartCfgInfo failed");
+        return;
+    }
+    ProcMgrLog(LOG_INFO, "%s InitPriorityApps load priority apps cfg finish",
+               BootStrace(BOOT_TRACE_TAG).c_str());
+    generalApps_.StartPriorityApps();
+    ProcMgrLog(LOG_INFO, "%s InitPriorityApps start priority apps finish",
+               BootStrace(BOOT_TRACE_TAG).c_str());
+    WriteBootTracePoint(POINT_PRIORITY_APPS);
 }
 
 bool ProcessManager::IsContinued() {
@@ -159,6 +173,105 @@ void ProcessManager::ContinueProcMgrInit() {
     ProcMgrSysLog(LOG_INFO, "%s, ContinueProcMgrInit success", BootStrace(BOOT_TRACE_TAG).c_str());
 }
 
+RequestHandlers ProcessManager::MakeHandlers() {
+    RequestHandlers handlers;
+    handlers.startApp = [this](const auto& items, const auto& owner) {
+        generalApps_.StartApp(items, owner);
+    };
+    handlers.restartApp = [this](const auto& items, const auto& owner) {
+        generalApps_.RestartApp(items, owner);
+    };
+    handlers.termApp = [this](const auto& items, const auto& owner) {
+        generalApps_.TermGeneralApp(items, owner);
+    };
+    handlers.queryAppState = [this](const auto& names, const auto& owner) {
+        generalApps_.QueryAppState(names, owner);
+    };
+    handlers.baseServiceState = [this](const auto& info, const auto& owner) {
+        HandleBaseServiceState(owner, static_cast<BaseServiceStateType>(info.state));
+    };
+    handlers.appExecution = [this](const auto& info, const auto& /*owner*/) {
+        reports_.RelayAppExecution(info);
+    };
+    handlers.loadStartupCfg = [this](const auto& info, const auto& /*owner*/, int32_t fd) {
+        LoadStartupCfg(info, fd);
+    };
+    handlers.reloadStartupCfg = [this](const auto& info, const auto& /*owner*/, int32_t fd) {
+        ReloadStartupCfg(info, fd);
+    };
+    return handlers;
+}
+
+void ProcessManager::HandleBaseServiceState(const std::string& owner, BaseServiceStateType state) {
+    ProcMgrLog(LOG_INFO, "%s PM receive BASESERVICE_STATE_REPORT msg from %s report state=%s",
+               BootStrace(BOOT_TRACE_TAG).c_str(), owner.c_str(),
+               GetBaseServiceStateTypeStr(static_cast<uint64_t>(state)).c_str());
+    const bool isZorn = owner == PROC_ZORNMGR;
+    switch (state) {
+        case BaseServiceStateType::INIT:
+            if (isZorn) {
+                ReportEverythingToZorn();
+                HandleReady(owner);
+            }
+            return;
+        case BaseServiceStateType::RESTARTING:
+            if (isZorn) {
+                ReportEverythingToZorn();
+            }
+            return;
+        case BaseServiceStateType::RUNNING:
+            HandleReady(owner);
+            baseServices_.UpdateBaseAppState(owner, RUNNING);
+            return;
+        case BaseServiceStateType::TERMINATING:
+            baseServices_.UpdateBaseAppState(owner, TERMINATING);
+            return;
+    }
+}
+
+void ProcessManager::HandleReady(const std::string& owner) {
+    const bool isNew = baseServices_.UpdateBaseServerReadyInfo(owner);
+    if (!isNew || owner != PROC_ZORNMGR) {
+        return;
+    }
+    // One that comes back has lost what it was told before.
+    if (wasZornReady_.exchange(true)) {
+        ReportEverythingToZorn();
+    }
+    generalApps_.ReportHeldBack();
+}
+
+void ProcessManager::ReportEverythingToZorn() {
+    reports_.RegisterVfs();
+    std::vector<Message::AppStateInfo> states = baseServices_.GetStates();
+    std::erase_if(states, [](const auto& state) { return state.appName == PROC_ZORNMGR; });
+    const std::vector<Message::AppStateInfo> apps = generalApps_.GetStates();
+    states.insert(states.end(), apps.begin(), apps.end());
+    reports_.ReportAppState(states, PROC_ZORNMGR);
+}
+
+void ProcessManager::LoadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd) {
+    ProcMgrLog(LOG_INFO, "%s PM receive LOAD_STARTUP_CFG msg load file=%s",
+               BootStrace(BOOT_TRACE_TAG).c_str(), info.path.c_str());
+    const uint32_t ret = startupConfig_.LoadStartCfgInfo(info.path, info.matchData);
+    if (ret != StartupConfig::OK) {
+        ProcMgrLog(LOG_ERR, "LoadStartCfgInfo failed, path=%s", info.path.c_str());
+    }
+    ProcMgrLog(LOG_INFO, "%s LoadStartCfgInfo finish ret=0x%X, fd=%d",
+               BootStrace(BOOT_TRACE_TAG).c_str(), ret, fd);
+}
+
+void ProcessManager::ReloadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd) {
+    ProcMgrLog(LOG_INFO, "%s PM receive RELOAD_STARTUP_CFG msg load file=%s",
+               BootStrace(BOOT_TRACE_TAG).c_str(), info.path.c_str());
+    const uint32_t ret = startupConfig_.ReLoadStartCfgInfo(info.path, info.matchData);
+    if (ret != StartupConfig::OK) {
+        ProcMgrLog(LOG_ERR, "ReLoadStartCfgInfo failed, path=%s", info.path.c_str());
+    }
+    ProcMgrLog(LOG_INFO, "%s ReLoadStartCfgInfo finish ret=0x%X, fd=%d",
+               BootStrace(BOOT_TRACE_TAG).c_str(), ret, fd);
+}
+
 void ProcessManager::CheckThread() {
     SteadyTime cycle = std::chrono::steady_clock::now();
     while (running_) {
@@ -176,11 +289,13 @@ void ProcessManager::CheckThread() {
 void ProcessManager::CheckApplications(CheckPass pass) {
     checks_.Begin(pass);
     baseServices_.CheckBaseApps(pass);
+    generalApps_.CheckGeneralApps(pass);
     RemoveTerminatedApps();
 }
 
 void ProcessManager::RemoveTerminatedApps() {
     baseServices_.RemoveTerminatedApps();
+    generalApps_.RemoveTerminatedApps();
 }
 
 void ProcessManager::WaitThread() {
@@ -210,6 +325,7 @@ void ProcessManager::WaitForStop() {
 
 void ProcessManager::StopApplications() {
     ProcMgrLog(LOG_INFO, "PROCMGR : stop requested, all services are ended now");
+    generalApps_.StopAll();
     baseServices_.StopAll();
     ProcMgrLog(LOG_INFO, "PROCMGR : all services have been ended");
 }

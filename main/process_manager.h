@@ -20,7 +20,9 @@
 #include "channel/request_dispatch.h"
 #include "config/boot_command_line.h"
 #include "config/settings.h"
+#include "generalapp/general_apps.h"
 #include "generalapp/reaper.h"
+#include "generalapp/startup_config.h"
 #include "main/check_requests.h"
 
 namespace ProcMgr {
@@ -61,6 +63,7 @@ private:
     void WaitContinueSignal();
     bool IsContinued();
     void ContinueProcMgrInit();
+    void InitPriorityApps(const std::string& path);
     // A base-service file that the boot command line names takes the place of the argument's.
     void UpdateStartupYaml();
 
@@ -68,6 +71,15 @@ private:
     void CheckThread();
     void WaitThread();
     void ReceiveChildProcessMsgThread();
+
+    // What the requests of owners lead to; on threads of the messaging library.
+    RequestHandlers MakeHandlers();
+    void HandleBaseServiceState(const std::string& owner, BaseServiceStateType state);
+    void HandleReady(const std::string& owner);
+    // Gives an access manager that knows nothing yet the whole picture.
+    void ReportEverythingToZorn();
+    void LoadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd);
+    void ReloadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd);
 
     void CheckApplications(CheckPass pass);
     void RemoveTerminatedApps();
@@ -81,8 +93,9 @@ private:
     std::mutex mutex_;
     std::condition_variable condition_;  // the stop flag has changed
     std::string baseServiceCfgPath;
-    std::atomic<bool> running_{true};      // every thread loop ends when it is false
-    std::atomic<bool> isStopping_{false};  // an orderly stop has begun
+    std::atomic<bool> running_{true};        // every thread loop ends when it is false
+    std::atomic<bool> isStopping_{false};    // an orderly stop has begun
+    std::atomic<bool> wasZornReady_{false};  // the access manager has been ready once
 
     ProcMgrSettings settings_;         // constant after Init
     BootCommandLine bootCommandLine_;  // the main thread's
@@ -94,6 +107,8 @@ private:
     OwnerPipes pipes_;
     OwnerReports reports_;
     BaseServices baseServices_;
+    StartupConfig startupConfig_;
+    GeneralApps generalApps_;
     BaseStartup baseStartup_;
     Reaper reaper_;
     ChildErrorReader childErrorReader_;

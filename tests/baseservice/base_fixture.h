@@ -115,7 +115,8 @@ protected:
         return WaitUntil([&] { return !Between("PROCMGR : SetExitStatus " + name, ",").empty(); });
     }
     void Report(const std::string& name, BaseServiceStateType state) {
-        services_.HandleStateReport(name, {static_cast<uint32_t>(state)});
+        services_.UpdateBaseAppState(
+            name, state == BaseServiceStateType::RUNNING ? RUNNING : TERMINATING);
     }
 
     std::string WriteYaml(const std::string& text) const {

@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "message/request_msg.h"
@@ -35,11 +34,46 @@ protected:
         Handle(&record, sizeof record);
     }
 
-    std::vector<std::pair<std::string, uint32_t>> reports_;
-    RequestDispatch dispatch_{
-        {[this](const std::string& owner, const Message::BaseServiceStateInfo& info) {
-            reports_.emplace_back(owner, info.state);
-        }}};
+    template <typename Item>
+    static std::string Names(const std::vector<Item>& items) {
+        std::string names;
+        for (const Item& item : items) {
+            names += " " + item.appName;
+        }
+        return names;
+    }
+    RequestHandlers MakeHandlers() {
+        RequestHandlers handlers;
+        handlers.startApp = [this](const auto& items, const auto& owner) {
+            calls_.push_back(owner + " start" + Names(items));
+        };
+        handlers.restartApp = [this](const auto& items, const auto& owner) {
+            calls_.push_back(owner + " restart" + Names(items));
+        };
+        handlers.termApp = [this](const auto& items, const auto& owner) {
+            calls_.push_back(owner + " term" + Names(items));
+        };
+        handlers.baseServiceState = [this](const auto& info, const auto& owner) {
+            calls_.push_back(owner + " state " + std::to_string(info.state));
+        };
+        handlers.appExecution = [this](const auto& info, const auto& owner) {
+            calls_.push_back(owner + " execution " + info.appName + " " +
+                             std::to_string(info.state));
+        };
+        handlers.loadStartupCfg = [this](const auto& info, const auto& owner, int32_t fd) {
+            calls_.push_back(owner + " load " + info.path + " " + std::to_string(fd));
+        };
+        handlers.reloadStartupCfg = [this](const auto& info, const auto& owner, int32_t fd) {
+            calls_.push_back(owner + " reload " + info.path + " " + std::to_string(fd));
+        };
+        handlers.queryAppState = [this](const auto& names, const auto& owner) {
+            calls_.push_back(owner + " query " + std::to_string(names.size()));
+        };
+        return handlers;
+    }
+
+    std::vector<std::string> calls_;
+    RequestDispatch dispatch_{MakeHandlers()};
 };
 
 TEST_F(RequestDispatchTest, WhatIsNotARecordIsDropped) {
@@ -66,7 +100,7 @@ TEST_F(RequestDispatchTest, WhatIsNotARecordIsDropped) {
                                     {LOG_ERR, badFd + "-1"},
                                     {LOG_ERR, badFd + "0"},
                                     {LOG_ERR, "PROCMGR : fd=5, owner=owner exit"}}));
-    EXPECT_TRUE(reports_.empty());
+    EXPECT_TRUE(calls_.empty());
 }
 
 TEST_F(RequestDispatchTest, TypesNobodyServesAreSilent) {
@@ -74,26 +108,36 @@ TEST_F(RequestDispatchTest, TypesNobodyServesAreSilent) {
         Handle(type, "1#2#", 4);
     }
     EXPECT_TRUE(LogCapture::Lines().empty());
-    EXPECT_TRUE(reports_.empty());
+    EXPECT_TRUE(calls_.empty());
 }
 
-TEST_F(RequestDispatchTest, StateReportsReachTheirHandler) {
+TEST_F(RequestDispatchTest, EachTypeReachesItsHandler) {
+    const std::string query("\1\0\0\0\2\0\0\0ab", 10);
     const struct {
+        uint32_t type;
         std::string payload;
-        uint64_t size;
-        uint32_t state;
+        std::string call;
     } cases[] = {
-        {"1#2#", 4, 2}, {"1#3#", 4, 3}, {"9#2#", 4, 2}, {"1#4294967295#", 13, 4294967295U},
-        {"", 0, 0},     {"1#2#", 2, 0},
+        {0, "2#a#0#0#b#0#0#", "start a b"},
+        {1, "1#a#0#0#", "restart a"},
+        {2, "2#a#b#", "term a b"},
+        {3, "1#3#", "state 3"},
+        {3, "", "state 0"},
+        {5, "1#app#12#34#1#", "execution app 1"},
+        {6, "1#/etc/x.yaml#0#", "load /etc/x.yaml 5"},
+        {7, "1#/etc/x.yaml#0#", "reload /etc/x.yaml 5"},
+        {9, query, "query 1"},
     };
-    for (const auto& [payload, size, state] : cases) {
-        Handle(3, payload, size);
-        ASSERT_FALSE(reports_.empty());
-        EXPECT_EQ(reports_.back(), std::make_pair(std::string("owner"), state)) << payload;
+    for (const auto& [type, payload, call] : cases) {
+        calls_.clear();
+        Handle(type, payload, payload.size());
+        EXPECT_EQ(calls_, std::vector<std::string>{"owner " + call});
     }
-    // A size past the record's end: nothing behind it is read, whatever the state comes out as.
-    Handle(3, std::string(3964, '1'), UINT64_MAX);
-    EXPECT_EQ(reports_.size(), std::size(cases) + 1);
+    EXPECT_TRUE(LogCapture::Lines().empty());
+    // One that cannot be read is answered all the same.
+    Handle(9, query, 9);
+    EXPECT_EQ(calls_.back(), "owner query 0");
+    EXPECT_TRUE(LogCapture::Contains(LOG_ERR, "PROCMGR: DeserializeMessage QUERY_APP_STATE fail."));
 }
 
 }  // namespace

@@ -57,10 +57,11 @@ TEST_P(UnusableFileTest, IsNamedAndTheDaemonStaysUp) {
             errors.push_back(line);
         }
     }
-    ASSERT_EQ(errors.size(), 1U) << "one error line names the file";
-    for (const std::string& part : parts) {
-        EXPECT_THAT(errors[0], HasSubstr(part));
-    }
+    EXPECT_TRUE(std::any_of(errors.begin(), errors.end(), [&](const std::string& error) {
+        return std::all_of(parts.begin(), parts.end(), [&](const std::string& part) {
+            return error.find(part) != std::string::npos;
+        });
+    })) << testing::PrintToString(errors);
     EXPECT_TRUE(harness_.IsRunning());
     EXPECT_EQ(harness_.Log().Count(START_UP_END), 0U);
     EXPECT_EQ(harness_.Log().Count("Start baseApp"), 0U);

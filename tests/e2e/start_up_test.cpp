@@ -83,6 +83,8 @@ TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
         "file=/etc/vela/base-plat/process-manager/bin_hash.cfg is not exist",
         "6 PROCMGR: InquireHomeEnvVariable finished home env=/home/svc",
         "6 STAMP, init success",
+        "6 STAMP InitPriorityApps load priority apps cfg finish",
+        "6 STAMP InitPriorityApps start priority apps finish",
         "6 is not quickstart, so not wait for continue signal",
         "6 pm Get board info success slotId_=0",
         "6 SensorNodeEventReporter GetDeviceNum success. devNum=1",

@@ -1,0 +1,391 @@
+// Requests of owners and what becomes of them, with real processes.
+#include "generalapp/general_apps.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "app/sensor_node_event_reporter.h"
+#include "generalapp/reaper.h"
+#include "tests/fakes/fake_device.h"
+#include "tests/fakes/log_capture.h"
+
+namespace ProcMgr {
+namespace {
+
+using Fakes::FakeDevice;
+using Fakes::LogCapture;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::chrono::seconds PATIENCE{30};
+
+bool WaitUntil(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// Writes down what is reported: "OWNER APP TYPE RESULT", and answers of queries "OWNER APP=STATUS".
+class RecordedReports final : public App::StateReports {
+public:
+    bool ReportAppState(const std::vector<Message::AppStateInfo>& infos,
+                        const std::string& owner) const override {
+        const std::lock_guard lock(mutex_);
+        for (const auto& info : infos) {
+            reports_.push_back(owner + " " + info.appName + " " + std::to_string(info.reportType) +
+                               " " + std::to_string(info.result));
+            lastPid_ = static_cast<pid_t>(info.pid);
+        }
+        return !isBroken_;
+    }
+    bool ReportAppDetailStatus(const std::map<std::string, uint32_t>& statusByName,
+                               const std::string& owner) const override {
+        const std::lock_guard lock(mutex_);
+        for (const auto& [name, status] : statusByName) {
+            reports_.push_back(owner + " " + name + "=" + std::to_string(status));
+        }
+        return true;
+    }
+    void ReportAppStateToZorn(const App::AppInfo&, uint32_t, uint32_t) const override {}
+
+    std::vector<std::string> Take() {
+        const std::lock_guard lock(mutex_);
+        return std::exchange(reports_, {});
+    }
+    size_t Count(const std::string& report) const {
+        const std::lock_guard lock(mutex_);
+        return static_cast<size_t>(std::count(reports_.begin(), reports_.end(), report));
+    }
+    pid_t LastPid() const {
+        const std::lock_guard lock(mutex_);
+        return lastPid_;
+    }
+    std::atomic<bool> isBroken_{false};
+
+private:
+    mutable std::mutex mutex_;
+    mutable std::vector<std::string> reports_;
+    mutable pid_t lastPid_ = 0;
+};
+
+class GeneralAppsTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "only root may start applications";
+        }
+        FakeDevice::Get().Reset();
+        App::SensorNodeEventReporter::GetInstance().RegisterNodes();
+        char directory[] = "/tmp/general-apps-XXXXXX";
+        ASSERT_NE(mkdtemp(directory), nullptr);
+        directory_ = directory;
+        Load(
+            "  - {name: a, bin: /bin/sleep, args: ['60']}\n"
+            "  - {name: b, bin: /bin/sleep, args: ['60']}\n"
+            "  - {name: stubborn, bin: /bin/sh, args: [" +
+            Script("stubborn",
+                   "trap '' TERM; touch " + directory_ + "/up; while :; do sleep 1; done") +
+            "], term_timeout: 100}\n"
+            "  - {name: patient, bin: /bin/sh, args: [" +
+            directory_ +
+            "/stubborn.sh], term_timeout: 100, force_term: false}\n"
+            "  - {name: fails, bin: /bin/sh, args: [" +
+            Script("fails", "exit 125") +
+            "]}\n"
+            "  - {name: absent, bin: /no/such/program}\n"
+            "  - {name: dynamic, dynamic: true, bin: 'match(/bin/s[a-z]+)', args: ['match(.*)']}\n"
+            "  - {name: late, startup_priority: 7, bin: /bin/sleep, args: ['60']}\n"
+            "  - {name: early, startup_priority: 3, bin: /bin/sleep, args: ['60']}\n");
+        LogCapture::Clear();
+        reaper_ = std::thread([this] {
+            while (isRunning_) {
+                collector_.CollectExits();
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+    }
+    void TearDown() override {
+        isRunning_ = false;
+        if (reaper_.joinable()) {
+            reaper_.join();
+        }
+        for (const auto& state : apps_.GetStates()) {
+            kill(static_cast<pid_t>(state.pid), SIGKILL);
+            waitpid(static_cast<pid_t>(state.pid), nullptr, 0);
+        }
+        App::SensorNodeEventReporter::GetInstance().UnregisterAll();
+        std::filesystem::remove_all(directory_);
+    }
+
+    std::string Script(const std::string& name, const std::string& text) const {
+        std::string path = directory_ + "/" + name + ".sh";
+        std::ofstream(path) << text << "\n";
+        return path;
+    }
+    uint32_t Load(const std::string& entries, const StartupConfig::MatchData& matchData = {},
+                  bool isReload = false) {
+        const std::string path = directory_ + "/apps.yaml";
+        std::ofstream(path) << "applications:\n" << entries;
+        chmod(path.c_str(), 0644);
+        return isReload ? config_.ReLoadStartCfgInfo(path, matchData)
+                        : config_.LoadStartCfgInfo(path, matchData);
+    }
+    void Check() {
+        checks_.Begin(CheckPass::PERIODIC);
+        apps_.CheckGeneralApps(CheckPass::PERIODIC);
+        apps_.RemoveTerminatedApps();
+    }
+    bool CheckUntil(const std::string& report) {
+        return WaitUntil([&] {
+            Check();
+            return reports_.Count(report) > 0;
+        });
+    }
+    void Start(const std::string& name) {
+        apps_.StartApp({{.appName = name, .argv = {}, .dynamicPara = {}}}, "vintor");
+        ASSERT_TRUE(CheckUntil("vintor " + name + " 0 0"));
+        reports_.Take();
+    }
+
+    std::string directory_;
+    App::ProcessLauncher launcher_;
+    CheckRequests checks_;
+    RecordedReports reports_;
+    StartupConfig config_;
+    std::atomic<bool> isZornReady_{true};
+    GeneralApps apps_{launcher_,
+                      checks_,
+                      reports_,
+                      config_,
+                      {.isZornReady = [this] { return isZornReady_.load(); },
+                       .getOwners =
+                           [] {
+                               return std::vector<std::string>{"zornmgr", "vintor", "other"};
+                           }}};
+    Reaper collector_{
+        {[this](int32_t pid, int32_t status) { return apps_.SetExitStatus(pid, status); }}, [] {}};
+    std::atomic<bool> isRunning_{true};
+    std::thread reaper_;
+};
+
+TEST_F(GeneralAppsTest, AStartIsReportedOnceItRunsAndItsEndToo) {
+    apps_.StartApp({{"a", {}, {}}}, "vintor");
+    EXPECT_THAT(reports_.Take(), IsEmpty());
+    Check();
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr a 0 0", "vintor a 0 0"));
+    apps_.StartApp({{"a", {}, {}}}, "other");
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr a 0 0", "other a 0 0"))
+        << "running already: who asks is told, and nothing is started";
+    EXPECT_EQ(apps_.GetStates().size(), 1U);
+    kill(reports_.LastPid(), SIGKILL);
+    ASSERT_TRUE(CheckUntil("vintor a 4 0"));
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr a 4 0", "vintor a 4 0"));
+    EXPECT_THAT(FakeDevice::Get().Calls(), Contains("halSensorNodeUpdateState 0 2 0 0xd0"));
+    EXPECT_THAT(apps_.GetStates(), IsEmpty());
+    Start("a");
+    EXPECT_EQ(FakeDevice::Get().Calls().back(), "halSensorNodeUpdateState 0 2 0 0x0");
+}
+
+TEST_F(GeneralAppsTest, AStartThatIsImpossible) {
+    apps_.StartApp({{"a", {}, {}}, {"ghost", {}, {}}, {"b", {}, {}}}, "vintor");
+    EXPECT_TRUE(LogCapture::Contains(LOG_ERR, "PROCMGR : GetGeneralApp failed: app=ghost"));
+    EXPECT_TRUE(LogCapture::Contains(LOG_ERR, "PROCMGR : StartApp: appName=ghost is null"));
+    EXPECT_EQ(apps_.GetStates().size(), 1U) << "what comes behind it is dropped";
+    apps_.StartApp({{"a", {}, {}}}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr a 5 0", "vintor a 5 0")) << "still starting";
+    apps_.StartApp({{"absent", {}, {}}, {"b", {}, {}}}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr absent 4 0", "vintor absent 4 0"));
+    EXPECT_EQ(apps_.GetStates().size(), 2U);
+}
+
+TEST_F(GeneralAppsTest, AnInputOutputErrorIsTheResult) {
+    apps_.StartApp({{"fails", {}, {}}}, "vintor");
+    ASSERT_TRUE(CheckUntil("vintor fails 4 1"));
+    EXPECT_TRUE(LogCapture::ContainsPart(LOG_ERR, "terminated as input/output error"));
+}
+
+TEST_F(GeneralAppsTest, Termination) {
+    apps_.TermGeneralApp({{"ghost"}, {"b"}}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr ghost 3 0", "zornmgr b 3 0",
+                                             "vintor ghost 3 0", "vintor b 3 0"));
+    EXPECT_TRUE(LogCapture::Contains(LOG_ERR, "PROCMGR : termApp failed: not find app=ghost"));
+    EXPECT_TRUE(LogCapture::Contains(
+        LOG_INFO, "PROCMGR : TermGeneralApp:app=b is already terminated and removed"));
+    Start("a");
+    apps_.TermGeneralApp({{"a"}, {"a"}}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr a 5 0", "vintor a 5 0")) << "the second";
+    ASSERT_TRUE(CheckUntil("vintor a 3 0"));
+    EXPECT_THAT(apps_.GetStates(), IsEmpty());
+}
+
+TEST_F(GeneralAppsTest, WhatIgnoresItsTermIsKilledOrRunsOn) {
+    Start("stubborn");
+    ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(directory_ + "/up"); }));
+    apps_.TermGeneralApp({{"stubborn"}}, "vintor");
+    ASSERT_TRUE(CheckUntil("vintor stubborn 3 0"));
+    EXPECT_EQ(LogCapture::Count(LOG_INFO, "PROCMGR : SendSignal: 9 to app=stubborn, pid=" +
+                                              std::to_string(reports_.LastPid())),
+              1U);
+    std::filesystem::remove(directory_ + "/up");
+    Start("patient");
+    ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(directory_ + "/up"); }));
+    apps_.TermGeneralApp({{"patient"}}, "vintor");
+    ASSERT_TRUE(CheckUntil("vintor patient 2 0"));
+    EXPECT_EQ(apps_.GetStates().size(), 1U);
+}
+
+TEST_F(GeneralAppsTest, Restarts) {
+    Start("a");
+    const pid_t first = reports_.LastPid();
+    apps_.RestartApp({{"a", {}, {}}, {"b", {}, {}}, {"ghost", {}, {}}}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr ghost 4 0", "vintor ghost 4 0"));
+    ASSERT_TRUE(CheckUntil("vintor a 1 0"));
+    EXPECT_NE(reports_.LastPid(), first);
+    EXPECT_EQ(kill(first, 0), -1) << "the old one is gone";
+    EXPECT_EQ(reports_.Count("vintor a 1 0"), 1U);
+    EXPECT_EQ(reports_.Count("vintor b 1 0"), 1U) << "one that did not run is started";
+    EXPECT_TRUE(LogCapture::ContainsPart(LOG_INFO, "isRemoved=1, isTermminated=0"));
+    EXPECT_EQ(apps_.GetStates().size(), 2U);
+}
+
+TEST_F(GeneralAppsTest, AQuerySeesWhatStops) {
+    Start("a");
+    const pid_t pid = reports_.LastPid();
+    apps_.QueryAppState({"a", "b", "a"}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("vintor a=0", "vintor b=1"));
+    kill(pid, SIGSTOP);
+    siginfo_t info{};
+    waitid(P_PID, static_cast<id_t>(pid), &info, WSTOPPED | WNOWAIT);
+    apps_.QueryAppState({"a"}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("vintor a=2"));
+    kill(pid, SIGKILL);
+    ASSERT_TRUE(CheckUntil("vintor a 4 0"));
+    reports_.Take();
+    apps_.QueryAppState({"a"}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("vintor a=1"));
+}
+
+TEST_F(GeneralAppsTest, AnExitThatAQueryFindsIsNotLost) {
+    isRunning_ = false;
+    reaper_.join();
+    Start("a");
+    const pid_t pid = reports_.LastPid();
+    kill(pid, SIGKILL);
+    siginfo_t info{};
+    waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+    apps_.QueryAppState({"a"}, "vintor");
+    reports_.Take();
+    Check();
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr a 4 0", "vintor a 4 0"));
+}
+
+TEST_F(GeneralAppsTest, PriorityAppsWaitForTheAccessManager) {
+    isZornReady_ = false;
+    apps_.StartPriorityApps();
+    std::vector<std::string> started;
+    for (const auto& line : LogCapture::Lines()) {
+        const size_t at = line.text.find("Start generalApp success appName=");
+        if (at != std::string::npos) {
+            started.push_back(line.text.substr(at + 33, line.text.find(',', at) - at - 33));
+        }
+    }
+    EXPECT_THAT(started, ElementsAre("early", "late"));
+    Check();
+    EXPECT_THAT(reports_.Take(), IsEmpty());
+    apps_.StartApp({{"early", {}, {}}}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr early 0 0", "vintor early 0 0"))
+        << "who asks is answered";
+    isZornReady_ = true;
+    apps_.ReportHeldBack();
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr early 0 0", "zornmgr late 0 0"));
+    apps_.ReportHeldBack();
+    EXPECT_THAT(reports_.Take(), IsEmpty());
+}
+
+TEST_F(GeneralAppsTest, ValuesThatDoNotMatchStartNothing) {
+    const std::map<int, std::vector<std::string>> good{{0, {"/bin/sleep"}}};
+    const std::map<int, std::vector<std::string>> bad{{0, {"/bin/cat"}}};
+    apps_.StartApp({{"dynamic", {"60"}, bad}}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr dynamic 4 0", "vintor dynamic 4 0"));
+    apps_.StartApp({{"dynamic", {"60; reboot"}, good}}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr dynamic 4 0", "vintor dynamic 4 0"));
+    EXPECT_THAT(apps_.GetStates(), IsEmpty());
+    apps_.StartApp({{"dynamic", {"60"}, good}}, "vintor");
+    ASSERT_TRUE(CheckUntil("vintor dynamic 0 0"));
+}
+
+TEST_F(GeneralAppsTest, OneOwnersFailureIsItsOwn) {
+    reports_.isBroken_ = true;
+    apps_.StartApp({{"a", {}, {}}}, "vintor");
+    apps_.StartApp({{"b", {}, {}}}, "other");
+    Check();
+    EXPECT_EQ(reports_.Count("other b 0 0"), 1U);
+    EXPECT_TRUE(LogCapture::Contains(
+        LOG_ERR, "PROCMGR : CheckThread : report general apps' changes to ZORN failed"));
+    EXPECT_TRUE(LogCapture::Contains(
+        LOG_ERR, "PROCMGR : CheckThread : report general apps' changes to owner vintor failed"));
+}
+
+TEST_F(GeneralAppsTest, ConfigurationFilesComeAndGo) {
+    EXPECT_EQ(Load("  - {name: red, bin: /bin/x, match: {color: red}}\n"
+                   "  - {name: blue, bin: /bin/x, match: {color: blue}}\n",
+                   {{"color", "red"}, {"size", "9"}}),
+              StartupConfig::OK);
+    EXPECT_TRUE(config_.Find("red"));
+    EXPECT_FALSE(config_.Find("blue"));
+    EXPECT_TRUE(config_.Find("a")) << "what was known stays";
+    EXPECT_EQ(Load("  - {name: new, bin: /bin/x}\n", {}, true), StartupConfig::OK);
+    EXPECT_TRUE(config_.Find("new"));
+    EXPECT_FALSE(config_.Find("a")) << "that file gave it before";
+    EXPECT_EQ(Load("  - {name: [broken\n", {}, true), StartupConfig::FILE_UNUSABLE);
+    const std::string path = directory_ + "/open.yaml";
+    std::ofstream(path) << "applications:\n  - {name: evil, bin: /bin/x}\n";
+    chmod(path.c_str(), 0666);
+    EXPECT_EQ(config_.LoadStartCfgInfo(path), StartupConfig::FILE_UNUSABLE);
+    EXPECT_EQ(config_.LoadStartCfgInfo("/no/such/file"), StartupConfig::FILE_UNUSABLE);
+    EXPECT_FALSE(config_.Find("evil"));
+    EXPECT_TRUE(config_.Find("new")) << "a file that cannot be used changes nothing";
+}
+
+TEST_F(GeneralAppsTest, TheStopEndsAllAndStartsNothingMore) {
+    Start("a");
+    Start("stubborn");
+    ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(directory_ + "/up"); }));
+    std::atomic<bool> isStopped{false};
+    std::thread checker([&] {
+        while (!isStopped) {
+            Check();
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    apps_.StopAll();
+    apps_.StartApp({{"b", {}, {}}}, "vintor");
+    isStopped = true;
+    checker.join();
+    Check();
+    EXPECT_THAT(apps_.GetStates(), IsEmpty());
+    EXPECT_EQ(reports_.Count("vintor a 3 0"), 1U);
+    EXPECT_EQ(reports_.Count("vintor stubborn 3 0"), 1U);
+    EXPECT_EQ(reports_.Count("vintor b 4 0"), 1U);
+}
+
+}  // namespace
+}  // namespace ProcMgr
