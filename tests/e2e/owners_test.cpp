@@ -1,0 +1,331 @@
+// Owners at work: the test plays the owner services, at the other end of their pipes.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "agent/codec.h"
+#include "tests/e2e/e2e_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using ProcMgr::Message::RequestMsg;
+using testing::ElementsAre;
+using testing::UnorderedElementsAre;
+
+// One connection to the pipe of a service. What it takes in one go is handed out report by report.
+class RawOwner {
+public:
+    explicit RawOwner(std::string name) : name_(std::move(name)) {}
+    ~RawOwner() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    RawOwner(const RawOwner&) = delete;
+    RawOwner& operator=(const RawOwner&) = delete;
+
+    // Waits for the pipe and says that the service runs.
+    bool Attach() {
+        const std::string path = ProcMgr::Agent::PipePath(name_);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, path.data(), path.size());
+        fd_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+        const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+        while (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+            std::this_thread::sleep_for(5ms);
+        }
+        return Send(3, "1#2#");
+    }
+    bool Send(uint32_t type, const std::string& payload) {
+        RequestMsg record;
+        record.type = type;
+        record.size = payload.size();
+        std::memcpy(record.data, payload.data(), std::min(payload.size(), sizeof(record.data)));
+        return Send(record);
+    }
+    bool Send(const RequestMsg& record) {
+        const auto packet =
+            ProcMgr::Agent::EncodeRecordPacket(ProcMgr::Agent::PacketKind::REQUEST, 0, record);
+        return SendBytes(packet.data(), packet.size());
+    }
+    bool SendBytes(const void* data, size_t size) {
+        return send(fd_, data, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
+    }
+
+    // The next report, "APP TYPE", or the answer of a query, "APP=STATUS,APP=STATUS"; empty when
+    // none comes.
+    std::string Next(std::chrono::milliseconds patience = PATIENCE) {
+        if (pending_.empty() && !Receive(patience)) {
+            return {};
+        }
+        std::string report = pending_.front();
+        pending_.erase(pending_.begin());
+        return report;
+    }
+    std::vector<std::string> Next(size_t count) {
+        std::vector<std::string> reports;
+        while (reports.size() < count) {
+            reports.push_back(Next());
+            if (reports.back().empty()) {
+                break;
+            }
+        }
+        return reports;
+    }
+    uint32_t LastPid() const { return lastPid_; }
+
+private:
+    bool Receive(std::chrono::milliseconds patience) {
+        std::vector<uint8_t> buffer(ProcMgr::Agent::PACKET_MAX);
+        pollfd readable{fd_, POLLIN, 0};
+        if (poll(&readable, 1, static_cast<int>(patience.count())) <= 0) {
+            return false;
+        }
+        const ssize_t length = recv(fd_, buffer.data(), buffer.size(), 0);
+        if (length <= 0) {
+            return false;
+        }
+        const auto packet =
+            ProcMgr::Agent::DecodePacket(std::span(buffer).first(static_cast<size_t>(length)));
+        const auto record = packet ? ProcMgr::Agent::DecodeRecord(packet->body) : std::nullopt;
+        if (!record) {
+            return false;
+        }
+        if (const auto states = ProcMgr::Agent::DecodeAppStates(*record)) {
+            for (const auto& state : *states) {
+                pending_.push_back(state.appName + " " + std::to_string(state.reportType));
+                lastPid_ = state.pid;
+            }
+        } else {
+            pending_.push_back(DecodeStatus(*record));
+        }
+        return true;
+    }
+    static std::string DecodeStatus(const RequestMsg& record) {
+        EXPECT_EQ(record.type, 10U);
+        const uint8_t* at = record.data;
+        const auto number = [&at] {
+            uint32_t value = 0;
+            std::memcpy(&value, at, sizeof(value));
+            at += sizeof(value);
+            return value;
+        };
+        std::string text;
+        for (uint32_t count = number(); count > 0; --count) {
+            const uint32_t length = number();
+            text += std::string(reinterpret_cast<const char*>(at), length) + "=";
+            at += length;
+            text += std::to_string(number()) + (count > 1 ? "," : "");
+        }
+        return text;
+    }
+
+    const std::string name_;
+    int fd_ = -1;
+    uint32_t lastPid_ = 0;
+    std::vector<std::string> pending_;
+};
+
+std::string Query(const std::vector<std::string>& names) {
+    std::string payload;
+    const auto append = [&payload](size_t number) {
+        const auto value = static_cast<uint32_t>(number);
+        payload.append(reinterpret_cast<const char*>(&value), sizeof(value));
+    };
+    append(names.size());
+    for (const std::string& name : names) {
+        append(name.size());
+        payload += name;
+    }
+    return payload;
+}
+
+class Owners : public E2e {
+protected:
+    static std::string Owner(const std::string& name) {
+        return Entry(name, "stay", "reporting: true");
+    }
+    static std::string App(const std::string& name, const std::string& more = "") {
+        return "  - {name: " + name + ", bin: /bin/sleep, args: ['1000']" + more + "}\n";
+    }
+};
+
+TEST_F(Owners, AnApplicationsLife) {
+    Boot(Owner("vintor") + Owner("zornmgr") + "applications:\n" + App("a") + App("b"));
+    RawOwner vintor("vintor");
+    RawOwner zornmgr("zornmgr");
+    ASSERT_TRUE(vintor.Attach());
+    ASSERT_TRUE(zornmgr.Attach());
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+
+    vintor.Send(0, "2#a#0#0#b#0#0#");
+    EXPECT_THAT(vintor.Next(2), UnorderedElementsAre("a 0", "b 0"));
+    vintor.Send(9, Query({"a", "b", "ghost"}));
+    EXPECT_EQ(vintor.Next(), "a=0,b=0,ghost=1");
+    vintor.Send(1, "1#a#0#0#");
+    EXPECT_EQ(vintor.Next(), "a 1");
+    vintor.Send(2, "1#b#");
+    EXPECT_EQ(vintor.Next(), "b 3");
+    vintor.Send(5, "1#guest#77#88#0#");
+    EXPECT_THAT(zornmgr.Next(5), ElementsAre("a 0", "b 0", "a 1", "b 3", "guest 0"));
+    EXPECT_EQ(zornmgr.Next(100ms), "") << "each once";
+}
+
+TEST_F(Owners, PriorityApplicationsAreHeldBackUntilTheAccessManagerIsReady) {
+    Boot(Owner("zornmgr") + "applications:\n" + App("late", ", startup_priority: 2") +
+         App("early", ", startup_priority: 1"));
+    ASSERT_TRUE(WaitForLine("PROCMGR : STARTING to RUNNING appName=late"));
+    RawOwner zornmgr("zornmgr");
+    ASSERT_TRUE(zornmgr.Attach());
+    EXPECT_THAT(zornmgr.Next(2), UnorderedElementsAre("early 0", "late 0"));
+    const auto lines = harness_.Log().Lines();
+    EXPECT_LT(std::find_if(lines.begin(), lines.end(),
+                           [](const auto& line) {
+                               return line.find("success appName=early") != std::string::npos;
+                           }),
+              std::find_if(lines.begin(), lines.end(), [](const auto& line) {
+                  return line.find("success appName=late") != std::string::npos;
+              }));
+    // Its picture is whole again after it has come back.
+    zornmgr.Send(3, "1#0#");
+    EXPECT_THAT(zornmgr.Next(3), UnorderedElementsAre("PROCMGR 0", "early 0", "late 0"));
+}
+
+TEST_F(Owners, NoRubbishStopsTheDaemon) {
+    Boot(Owner("vintor") + "applications:\n" + App("a"));
+    RawOwner vintor("vintor");
+    ASSERT_TRUE(vintor.Attach());
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    std::mt19937 random(4711);
+    for (uint32_t round = 0; round < 2000; ++round) {
+        RequestMsg record;
+        // Mostly types that are served; sizes beyond the record, too.
+        record.type = round % 5 == 0 ? static_cast<uint32_t>(random()) : round % 11;
+        record.size = round % 3 == 0 ? random() : random() % 4000;
+        const bool isText = round % 2 == 0;
+        for (auto& byte : record.data) {
+            byte = static_cast<uint8_t>(isText ? "0123456789##--a"[random() % 15] : random());
+        }
+        if (record.type == 3) {
+            continue;  // a state report is believed
+        }
+        ASSERT_TRUE(vintor.Send(record));
+    }
+    std::vector<uint8_t> bytes(5000, 7);
+    for (const size_t size : {1U, 15U, 16U, 100U, 3999U, 4001U, 5000U}) {
+        RawOwner other("vintor");
+        vintor.SendBytes(bytes.data(), size);
+    }
+    RawOwner again("vintor");
+    ASSERT_TRUE(again.Attach()) << "what is no packet ends the connection, not the pipe";
+    again.Send(0, "1#a#0#0#");
+    std::string report;
+    do {
+        report = again.Next();
+    } while (!report.empty() && report != "a 0");
+    EXPECT_EQ(report, "a 0");
+}
+
+// Starts, restarts, queries and terminates its applications again and again; counts what it was
+// told.
+void Work(const std::string& name, size_t apps, std::chrono::steady_clock::time_point end,
+          RawOwner& owner, std::map<std::string, int>& counts) {
+    std::vector<std::string> names;
+    std::string launch = std::to_string(apps) + "#";
+    std::string term = launch;
+    for (size_t i = 0; i < apps; ++i) {
+        names.push_back(name + "-" + std::to_string(i));
+        launch += names.back() + "#0#0#";
+        term += names.back() + "#";
+    }
+    const auto expect = [&](const std::string& type) {
+        for (size_t i = 0; i < apps; ++i) {
+            const std::string report = owner.Next();
+            ASSERT_FALSE(report.empty()) << name << " waits for " << type;
+            ASSERT_EQ(report.substr(report.find(' ')), " " + type) << report;
+            ++counts[report];
+        }
+    };
+    while (std::chrono::steady_clock::now() < end && !testing::Test::HasFatalFailure()) {
+        owner.Send(0, launch);
+        expect("0");
+        owner.Send(1, launch);
+        expect("1");
+        owner.Send(9, Query(names));
+        const std::string answer = owner.Next();
+        ASSERT_EQ(static_cast<size_t>(std::count(answer.begin(), answer.end(), '=')), apps);
+        ASSERT_EQ(answer.find("=1"), std::string::npos) << answer;
+        owner.Send(2, term);
+        expect("3");
+    }
+}
+
+TEST_F(Owners, FourAtATimeLoseNothing) {
+#ifdef __SANITIZE_THREAD__
+    constexpr auto DURATION = 30s;
+#else
+    constexpr auto DURATION = 3s;
+#endif
+    constexpr size_t APPS = 50;
+    const std::vector<std::string> names = {"own1", "own2", "own3", "own4"};
+    std::string services = Owner("zornmgr");
+    std::string applications = "applications:\n";
+    for (const std::string& name : names) {
+        services += Owner(name);
+        for (size_t i = 0; i < APPS; ++i) {
+            applications += App(name + "-" + std::to_string(i));
+        }
+    }
+    Boot(services + applications);
+    std::map<std::string, std::unique_ptr<RawOwner>> owners;
+    std::vector<std::string> all = names;
+    all.emplace_back("zornmgr");
+    for (const std::string& name : all) {
+        owners[name] = std::make_unique<RawOwner>(name);
+        ASSERT_TRUE(owners[name]->Attach());
+    }
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+
+    std::map<std::string, int> told;
+    std::atomic<bool> isOver{false};
+    std::thread zornmgr([&] {
+        for (std::string report; !isOver || !report.empty();) {
+            report = owners["zornmgr"]->Next(500ms);
+            if (report.find('-') != std::string::npos) {
+                ++told[report];
+            }
+        }
+    });
+    const auto end = std::chrono::steady_clock::now() + DURATION;
+    std::vector<std::map<std::string, int>> counts(names.size());
+    std::vector<std::thread> workers;
+    for (size_t i = 0; i < names.size(); ++i) {
+        workers.emplace_back([&, i] { Work(names[i], APPS, end, *owners[names[i]], counts[i]); });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    isOver = true;
+    zornmgr.join();
+    std::map<std::string, int> heard;
+    for (const auto& count : counts) {
+        heard.insert(count.begin(), count.end());
+    }
+    EXPECT_EQ(told, heard) << "the access manager hears of each change once";
+    EXPECT_EQ(heard.size(), names.size() * APPS * 3);
+    EXPECT_EQ(harness_.Log().Count("can not find app"), 0U);
+}
+
+}  // namespace
