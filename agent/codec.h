@@ -7,6 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -58,6 +59,26 @@ Message::RequestMsg MakeStateReport(BaseServiceStateType state);
 // What an APP_STATE_REPORT carries. Nothing when the record is of another type or when any item is
 // missing, cut short or holds no number where one belongs; bytes after the last item are ignored.
 std::optional<std::vector<Message::AppStateInfo>> DecodeAppStates(
+    const Message::RequestMsg& record);
+
+// Requests of an owner. A list takes as many records as it needs, in its order. Nothing when a text
+// holds a '#' or an item does not fit into a record. `hasDynamicPara`: false for requests of the
+// access manager, from which the daemon expects none.
+using Records = std::vector<Message::RequestMsg>;
+std::optional<Records> MakeStartRequests(const std::vector<Message::StartAppInfo>& items,
+                                         bool hasDynamicPara);
+std::optional<Records> MakeRestartRequests(const std::vector<Message::RestartAppInfo>& items,
+                                           bool hasDynamicPara);
+std::optional<Records> MakeTermRequests(const std::vector<Message::TermAppInfo>& items);
+std::optional<Records> MakeExecutionReport(const Message::AppExecInfo& info);
+// `type`: LOAD_STARTUP_CFG or RELOAD_STARTUP_CFG.
+std::optional<Records> MakeStartupCfgRequest(Message::RequestType type,
+                                             const Message::StartupCfgInfo& info);
+// Names may hold any byte. Nothing when they do not fit into one record.
+std::optional<Records> MakeQuery(const std::vector<std::string>& names);
+
+// What an APP_DETAIL_STATUS_REPORT carries; nothing when it is another record or is cut short.
+std::optional<std::map<std::string, uint32_t>> DecodeDetailStatus(
     const Message::RequestMsg& record);
 
 }  // namespace ProcMgr::Agent

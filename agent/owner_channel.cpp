@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
+#include <string_view>
 #include <utility>
 
 #include "agent/codec.h"
@@ -20,6 +22,11 @@ using std::chrono::milliseconds;
 
 // Between two attempts to connect.
 constexpr milliseconds RETRY_PAUSE{20};
+// How long a request waits for a daemon that does not read: 2 s.
+constexpr milliseconds SEND_PAUSE{5};
+constexpr int SEND_ATTEMPTS = 401;
+// From which the daemon expects no dynamic parameters.
+constexpr std::string_view ACCESS_MANAGER = "zornmgr";
 constexpr milliseconds FOR_EVER{-1};
 // Keeps the sum of a time-out and the clock in range.
 constexpr milliseconds LONGEST_WAIT = std::chrono::hours(24 * 365);
@@ -84,11 +91,11 @@ bool OwnerChannel::IsAttached() const {
 }
 
 bool OwnerChannel::ReportRunning() {
-    return Report(BaseServiceStateType::RUNNING);
+    return ReportState(BaseServiceStateType::RUNNING);
 }
 
 bool OwnerChannel::ReportTerminating() {
-    return Report(BaseServiceStateType::TERMINATING);
+    return ReportState(BaseServiceStateType::TERMINATING);
 }
 
 void OwnerChannel::OnAppState(AppStateCallback callback) {
@@ -174,6 +181,14 @@ bool OwnerChannel::ReceiveOne(int fd, std::span<uint8_t> buffer) {
 }
 
 void OwnerChannel::HandleRecord(const Message::RequestMsg& record) {
+    if (auto answer = DecodeDetailStatus(record)) {
+        {
+            const std::lock_guard lock(mutex_);
+            answer_ = std::move(*answer);
+        }
+        answered_.notify_all();
+        return;
+    }
     const auto states = DecodeAppStates(record);
     std::shared_ptr<const AppStateCallback> callback;
     {
@@ -207,7 +222,93 @@ bool OwnerChannel::Wait(int fd, milliseconds timeout, short& events) {
     return !isStopping_;
 }
 
-bool OwnerChannel::Report(BaseServiceStateType state) {
+bool OwnerChannel::StartApps(const std::vector<Message::StartAppInfo>& items) {
+    return SendAll(MakeStartRequests(items, serviceName_ != ACCESS_MANAGER));
+}
+
+bool OwnerChannel::RestartApps(const std::vector<Message::RestartAppInfo>& items) {
+    return SendAll(MakeRestartRequests(items, serviceName_ != ACCESS_MANAGER));
+}
+
+bool OwnerChannel::TermApps(const std::vector<Message::TermAppInfo>& items) {
+    return SendAll(MakeTermRequests(items));
+}
+
+bool OwnerChannel::ReportExecution(const Message::AppExecInfo& info) {
+    return SendAll(MakeExecutionReport(info));
+}
+
+bool OwnerChannel::LoadStartupCfg(const Message::StartupCfgInfo& info) {
+    return SendAll(MakeStartupCfgRequest(Message::LOAD_STARTUP_CFG, info));
+}
+
+bool OwnerChannel::ReloadStartupCfg(const Message::StartupCfgInfo& info) {
+    return SendAll(MakeStartupCfgRequest(Message::RELOAD_STARTUP_CFG, info));
+}
+
+std::optional<OwnerChannel::StatusByName> OwnerChannel::QueryAppState(
+    const std::vector<std::string>& names, milliseconds timeout) {
+    if (names.empty()) {
+        return StatusByName();
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        if (thread_.get_id() == std::this_thread::get_id()) {
+            return std::nullopt;
+        }
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::min(timeout, LONGEST_WAIT);
+    const std::set<std::string> wanted(names.begin(), names.end());
+    const std::lock_guard query(queryMutex_);
+    {
+        const std::lock_guard lock(mutex_);
+        answer_.reset();
+    }
+    if (!SendAll(MakeQuery(names))) {
+        return std::nullopt;
+    }
+    std::unique_lock lock(mutex_);
+    // One that answers another query came too late for that.
+    const auto isAnswered = [&] {
+        return answer_ && answer_->size() == wanted.size() &&
+               std::all_of(answer_->begin(), answer_->end(),
+                           [&](const auto& entry) { return wanted.contains(entry.first); });
+    };
+    return answered_.wait_until(lock, deadline, isAnswered) ? std::move(answer_) : std::nullopt;
+}
+
+bool OwnerChannel::SendAll(const std::optional<std::vector<Message::RequestMsg>>& records) {
+    if (!records) {
+        return false;
+    }
+    const std::lock_guard order(sendMutex_);
+    return std::all_of(records->begin(), records->end(),
+                       [this](const auto& record) { return SendOne(record); });
+}
+
+// Tries again while the daemon's queue is full. The lock is not held in between: the thread goes on
+// to receive.
+bool OwnerChannel::SendOne(const Message::RequestMsg& record) {
+    const RecordPacket packet = EncodeRecordPacket(PacketKind::REQUEST, 0, record);
+    for (int attempt = 0; attempt < SEND_ATTEMPTS; ++attempt) {
+        {
+            const std::lock_guard lock(mutex_);
+            if (fd_ < 0 || isStopping_) {
+                return false;
+            }
+            if (send(fd_, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) {
+                return true;
+            }
+            if (errno != EAGAIN && errno != EINTR) {
+                return false;
+            }
+        }
+        std::this_thread::sleep_for(SEND_PAUSE);
+    }
+    return false;
+}
+
+bool OwnerChannel::ReportState(BaseServiceStateType state) {
     const std::lock_guard lock(mutex_);
     state_ = state;
     isStateUnsent_ = true;

@@ -1,11 +1,12 @@
 // The channel between a service and the daemon that started it: attaches to the service's pipe,
-// reports the service's state, sends its heartbeats and receives what the daemon reports. This is
-// what an owner service includes and keeps one object of.
+// reports the service's state, sends its heartbeats and its requests for applications, and receives
+// what the daemon reports. This is what an owner service includes and keeps one object of.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -54,6 +55,33 @@ public:
     bool ReportRunning();
     bool ReportTerminating();
 
+    // Likewise any other state. Only from the access manager do INIT and RESTARTING mean anything.
+    bool ReportState(BaseServiceStateType state);
+
+    // Ask the daemon to start, restart or end applications. True when all of it is with the daemon;
+    // what becomes of each application is told to the OnAppState callback. False when the channel
+    // is not attached, when the daemon does not read for 2 s, or when a text holds a '#' or an item
+    // is too long for a record: in the last two cases nothing was sent. May wait; not in callbacks.
+    bool StartApps(const std::vector<Message::StartAppInfo>& items);
+    bool RestartApps(const std::vector<Message::RestartAppInfo>& items);
+    bool TermApps(const std::vector<Message::TermAppInfo>& items);
+
+    // Tells the daemon about an application that this service runs itself.
+    bool ReportExecution(const Message::AppExecInfo& info);
+
+    // Makes the applications of a file known to the daemon; Reload also forgets those that it gave
+    // before. Whether the file is usable shows in the daemon's log.
+    bool LoadStartupCfg(const Message::StartupCfgInfo& info);
+    bool ReloadStartupCfg(const Message::StartupCfgInfo& info);
+
+    // Asks for the state of applications and waits for the answer: by name 0 alive, 1 gone or
+    // unknown, 2 stopped. Nothing when it does not come within `timeout`, or when the names do not
+    // fit into one record. One query at a time: further callers wait. Not in callbacks, where it
+    // returns nothing at once.
+    using StatusByName = std::map<std::string, uint32_t>;
+    std::optional<StatusByName> QueryAppState(const std::vector<std::string>& names,
+                                              std::chrono::milliseconds timeout);
+
     // Sets what is called, on the channel's thread, for each record of state reports, in the order
     // sent; reports that come while nothing is set are dropped, so set it before Attach. The
     // callback it replaces may still be running when this returns. A callback that takes long holds
@@ -73,7 +101,9 @@ private:
     void HandleRecord(const Message::RequestMsg& record);
     // Waits for `fd` (-1: none), a wake-up or the time-out; false when the channel is stopped.
     bool Wait(int fd, std::chrono::milliseconds timeout, short& events);
-    bool Report(BaseServiceStateType state);
+    // Sends all in one go, apart from those of other callers.
+    bool SendAll(const std::optional<std::vector<Message::RequestMsg>>& records);
+    bool SendOne(const Message::RequestMsg& record);
     // Both for callers that hold mutex_.
     bool FlushState();
     void Wake() const;
@@ -81,6 +111,9 @@ private:
     const std::string serviceName_;
     const std::string path_;  // empty: no service can have the name
     HeartbeatSender heartbeat_;
+
+    std::mutex sendMutex_;   // held while a request's records are sent; before mutex_
+    std::mutex queryMutex_;  // held from a query to its answer; before the others
 
     mutable std::mutex mutex_;  // guards all that follows
     std::condition_variable attached_;
@@ -91,6 +124,8 @@ private:
     std::optional<BaseServiceStateType> state_;  // the last one reported
     bool isStateUnsent_ = false;
     std::shared_ptr<const AppStateCallback> onAppState_;
+    std::condition_variable answered_;
+    std::optional<StatusByName> answer_;  // of the query under way
 };
 
 }  // namespace ProcMgr::Agent

@@ -164,5 +164,76 @@ TEST(AgentCodec, StatesThatAreNone) {
     EXPECT_FALSE(DecodeAppStates(liar));
 }
 
+std::string TextOf(const RequestMsg& record) {
+    return {reinterpret_cast<const char*>(record.data), static_cast<size_t>(record.size)};
+}
+
+TEST(AgentCodec, RequestsHaveTheseBytes) {
+    const std::vector<Message::StartAppInfo> start = {
+        {"a", {"-v", "x y"}, {{0, {"/bin/a"}}, {2, {"K=V", "L=W"}}}}, {"b", {}, {}}};
+    const std::vector<Message::TermAppInfo> term = {{"app_a"}, {"app_b"}};
+    const struct {
+        std::optional<Records> records;
+        uint32_t type;
+        std::string text;
+    } cases[] = {
+        {MakeStartRequests(start, true), 0, "2#a#2#-v#x y#2#0#1#/bin/a#2#2#K=V#L=W#b#0#0#"},
+        {MakeStartRequests(start, false), 0, "2#a#2#-v#x y#b#0#"},
+        {MakeTermRequests(term), 2, "2#app_a#app_b#"},
+        {MakeExecutionReport({"app", 12, 34, 1}), 5, "1#app#12#34#1#"},
+        {MakeStartupCfgRequest(Message::RELOAD_STARTUP_CFG, {{{"k", "v"}}, "/etc/x"}), 7,
+         "1#/etc/x#1#k#v#"},
+        {MakeQuery({"ab", ""}), 9, std::string("\2\0\0\0\2\0\0\0ab\0\0\0\0", 14)},
+    };
+    for (const auto& [records, type, text] : cases) {
+        ASSERT_TRUE(records);
+        ASSERT_EQ(records->size(), 1U);
+        EXPECT_EQ(records->front().type, type);
+        EXPECT_EQ(TextOf(records->front()), text);
+    }
+    EXPECT_TRUE(MakeTermRequests({})->empty());
+    EXPECT_FALSE(MakeTermRequests({{"a#b"}}));
+    EXPECT_FALSE(MakeTermRequests({{std::string(3955, 'x')}}));
+    EXPECT_FALSE(MakeQuery({std::string(3957, 'x')}));
+}
+
+TEST(AgentCodec, TheDaemonReadsLongListsWholeAndInOrder) {
+    std::vector<Message::RestartAppInfo> items(5000);
+    for (size_t i = 0; i < items.size(); ++i) {
+        items[i].appName = "application" + std::to_string(i);
+        items[i].argv.assign(i % 4, "argument");
+        items[i].dynamicPara = {{1, {"7"}}};
+    }
+    const auto records = MakeRestartRequests(items, true);
+    ASSERT_TRUE(records);
+    size_t at = 0;
+    for (const RequestMsg& record : *records) {
+        std::vector<Message::RestartAppInfo> read;
+        Serialization::ProcMgrUnpackRestartRequest(&record, read, "owner");
+        for (const auto& item : read) {
+            ASSERT_LT(at, items.size());
+            EXPECT_EQ(item.appName, items[at].appName);
+            EXPECT_EQ(item.argv, items[at].argv);
+            EXPECT_EQ(item.dynamicPara, items[at].dynamicPara);
+            ++at;
+        }
+    }
+    EXPECT_EQ(at, items.size());
+}
+
+TEST(AgentCodec, AnswersOfQueries) {
+    const std::map<std::string, uint32_t> answer = {{"a", 0}, {"bcd", 1}, {"stopped", 2}};
+    RequestMsg record;
+    ASSERT_TRUE(Serialization::EncodeDetailStatus(answer, record));
+    EXPECT_EQ(DecodeDetailStatus(record), answer);
+    for (uint64_t size = 0; size < record.size; ++size) {
+        RequestMsg cut = record;
+        cut.size = size;
+        EXPECT_FALSE(DecodeDetailStatus(cut)) << size;
+    }
+    record.type = Message::APP_STATE_REPORT;
+    EXPECT_FALSE(DecodeDetailStatus(record));
+}
+
 }  // namespace
 }  // namespace ProcMgr::Agent

@@ -7,15 +7,19 @@
 #include <atomic>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <random>
+#include <set>
 #include <thread>
 
 #include "agent/codec.h"
+#include "agent/owner_channel.h"
 #include "tests/e2e/e2e_fixture.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using OwnerStates = std::map<std::string, uint32_t>;
 using ProcMgr::Message::RequestMsg;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
@@ -181,6 +185,44 @@ TEST_F(Owners, AnApplicationsLife) {
     vintor.Send(5, "1#guest#77#88#0#");
     EXPECT_THAT(zornmgr.Next(5), ElementsAre("a 0", "b 0", "a 1", "b 3", "guest 0"));
     EXPECT_EQ(zornmgr.Next(100ms), "") << "each once";
+}
+
+TEST_F(Owners, TheClientLibraryDoesTheSame) {
+    Boot(Owner("vintor") + "applications:\n" + App("a") + App("b"));
+    ProcMgr::Agent::OwnerChannel vintor("vintor");
+    std::mutex mutex;
+    std::set<std::string> told;
+    vintor.OnAppState([&](const auto& infos) {
+        const std::lock_guard lock(mutex);
+        for (const auto& info : infos) {
+            told.insert(info.appName + " " + std::to_string(info.reportType));
+        }
+    });
+    const auto isTold = [&](const std::string& report) {
+        return WaitUntil([&] {
+            const std::lock_guard lock(mutex);
+            return told.contains(report);
+        });
+    };
+    EXPECT_FALSE(vintor.StartApps({{"a", {}, {}}})) << "not attached yet";
+    ASSERT_TRUE(vintor.Attach(PATIENCE));
+    vintor.ReportRunning();
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    ASSERT_TRUE(vintor.StartApps({{"a", {}, {}}, {"b", {}, {}}}));
+    EXPECT_TRUE(isTold("a 0") && isTold("b 0"));
+    const auto answer = vintor.QueryAppState({"a", "ghost"}, PATIENCE);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(*answer, (OwnerStates{{"a", 0}, {"ghost", 1}}));
+    EXPECT_FALSE(vintor.QueryAppState({std::string(4000, 'x')}, PATIENCE));
+    EXPECT_FALSE(vintor.TermApps({{"a#b"}}));
+    ASSERT_TRUE(vintor.RestartApps({{"a", {}, {}}}));
+    EXPECT_TRUE(isTold("a 1"));
+    ASSERT_TRUE(vintor.TermApps({{"a"}, {"b"}}));
+    EXPECT_TRUE(isTold("a 3") && isTold("b 3"));
+    WriteFile(In("more.yaml"), "applications:\n" + App("late"));
+    ASSERT_TRUE(vintor.LoadStartupCfg({{}, In("more.yaml")}));
+    ASSERT_TRUE(vintor.StartApps({{"late", {}, {}}}));
+    EXPECT_TRUE(isTold("late 0"));
 }
 
 TEST_F(Owners, PriorityApplicationsAreHeldBackUntilTheAccessManagerIsReady) {
