@@ -1,0 +1,325 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "message/serialization.h"
+#include "tests/fakes/log_capture.h"
+
+namespace ProcMgr::Serialization {
+namespace {
+
+using namespace std::string_literals;
+using Fakes::LogCapture;
+using Fakes::LogLine;
+using Message::PM_PIPE_BUF_MAX;
+using Message::RequestMsg;
+using Texts = std::vector<std::string>;
+
+constexpr const char* UNPACK = "ProcMgr : ProcMgrMaster unpack request failed, ";
+constexpr const char* START_REQUEST =
+    "2#app_a#2#-v#--x=1#2#0#1#/bin/a#2#2#K=V#L=#app_b#0#0#";  // both items whole
+
+// On the heap, so that the address sanitizer sees a read behind it.
+std::unique_ptr<RequestMsg> Record(const std::string& payload) {
+    auto record = std::make_unique<RequestMsg>();
+    record->size = payload.size();
+    memcpy(record->data, payload.data(), std::min(payload.size(), PM_PIPE_BUF_MAX));
+    return record;
+}
+
+std::vector<Message::StartAppInfo> Start(const std::string& payload,
+                                         const std::string& sender = "owner") {
+    std::vector<Message::StartAppInfo> items{{"old", {"old"}, {}}};
+    ProcMgrUnpackStartRequest(Record(payload).get(), items, sender);
+    return items;
+}
+
+std::string Repeat(const std::string& text, size_t times) {
+    std::string all;
+    for (size_t i = 0; i < times; ++i) {
+        all += text;
+    }
+    return all;
+}
+
+std::string Number(uint32_t number) {
+    return {reinterpret_cast<const char*>(&number), sizeof(number)};
+}
+
+// "[name argv... {index: values...}]" of each item, without the default items at the end.
+template <typename Item>
+std::string Show(const std::vector<Item>& items) {
+    std::string shown;
+    std::string defaults;
+    for (const Item& item : items) {
+        std::string text = "[" + item.appName;
+        for (const std::string& argument : item.argv) {
+            text += " '" + argument + "'";
+        }
+        for (const auto& [index, values] : item.dynamicPara) {
+            text += " " + std::to_string(index) + ":";
+            for (const std::string& value : values) {
+                text += "'" + value + "'";
+            }
+        }
+        text += "]";
+        defaults += text == "[]" ? text : "";
+        shown += text == "[]" ? "" : std::exchange(defaults, "") + text;
+    }
+    return std::to_string(items.size()) + shown;
+}
+
+class UnpackTest : public testing::Test {
+protected:
+    void SetUp() override { LogCapture::Clear(); }
+};
+
+TEST_F(UnpackTest, ReadsStartAndRestartRequests) {
+    struct Case {
+        std::string payload;
+        std::string shown;
+        std::string log;  // of a start request, at level 3; empty for no line
+        const char* sender = "owner";
+    };
+    const std::string big = "ProcMgr : ProcMgrMaster : UnpackStartRequest err, argvSize=";
+    const std::string value = UNPACK + "dynamicPara index=0, valueNum="s;
+    const Case cases[] = {
+        {START_REQUEST, "2[app_a '-v' '--x=1' 0:'/bin/a' 2:'K=V''L='][app_b]", ""},
+        {"2#a#1#x#b#0#", "2[a 'x'][b]", "", "zornmgr"},
+        {"2#a#1#x#b#0#", "2[a 'x']", "", "zornmgr2"},  // "b" is no dynamicParaSize
+        {"1#a#0#2#1#1#x#1#2#y##", "1[a 1:'x''y''']", ""},
+        {"1#a#0#2#-1#1#x#-2147483648#1#y#", "1[a -2147483648:'y' -1:'x']", ""},
+        {"1#a#0#3#0#1#x#1#0#2#1#z#", "1[a 0:'x' 2:'z']", ""},
+        {"2#a#0#4#b#0#0#", "2[a]", UNPACK + "dynamicParaSize=4 invalid"s},
+        {"2#a#0#-1#b#0#0#", "2[a]", UNPACK + "dynamicParaSize=18446744073709551615 invalid"s},
+        {"2#a#0#2#2#1#x#3#0#b#0#0#", "2[a 2:'x']", UNPACK + "dynamicPara index=3 invalid"s},
+        {"1#a#0#1#99999999999#", "1[a]", UNPACK + "dynamicPara index=2147483647 invalid"s},
+        {"1#a#0#1#-99999999999#1#x#", "1[a]", ""},
+        {"1#a#0#1#0#1025#", "1[a]", value + "1025 invalid"},
+        {"1#a#0#1#0#-2#", "1[a]", value + "18446744073709551614 invalid"},
+        // The next item is read from where the stream stands.
+        {"3#a#1025#b#0#0#c#0#0#", "3[a][b][c]", big + "1025"},
+        {"2#a#-1#b#0#0#", "2[a][b]", big + "4294967295"},
+        {"2#a#4294967296#b#0#0#", "2[a]", big + "4294967295"},
+        // Numbers are what a stream takes for them; one character behind them goes.
+        {" \t+1xa#\n01#v#0#", "1[a 'v']", ""},
+        {"1##a#0#0#", "1", ""},
+        {"1#a#3#x#y", "1[a 'x' 'y' '']", ""},
+        {"x#a#0#0#", "0", ""},
+        {"", "0", ""},
+    };
+    for (const Case& test : cases) {
+        LogCapture::Clear();
+        EXPECT_EQ(Show(Start(test.payload, test.sender)), test.shown) << test.payload;
+        const std::vector<LogLine> lines =
+            test.log.empty() ? std::vector<LogLine>() : std::vector<LogLine>{{3, test.log}};
+        EXPECT_EQ(LogCapture::Lines(), lines) << test.payload;
+        std::vector<Message::RestartAppInfo> items;
+        ProcMgrUnpackRestartRequest(Record(test.payload).get(), items, test.sender);
+        EXPECT_EQ(Show(items), test.shown) << test.payload;
+    }
+    EXPECT_TRUE(LogCapture::Lines().empty());
+    std::vector<Message::RestartAppInfo> items;
+    ProcMgrUnpackRestartRequest(Record("1#a#1025#").get(), items, "owner");
+    EXPECT_TRUE(LogCapture::Contains(
+        3, "ProcMgr : ProcMgrMaster : UnpackRestartRequest err, argvSize=1025"));
+}
+
+TEST_F(UnpackTest, TakesListsUpToTheirLimits) {
+    EXPECT_EQ(Start("1#a#1024#" + Repeat("v#", 1024) + "0#").at(0).argv, Texts(1024, "v"));
+    EXPECT_EQ(Start("1#a#0#1#2#1024#" + Repeat("v#", 1024)).at(0).dynamicPara.at(2),
+              Texts(1024, "v"));
+    EXPECT_EQ(Start("1999#a#0#0#").size(), 1999U);
+    std::vector<Message::TermAppInfo> terms;
+    ProcMgrUnpackTermRequest(Record("1999#" + Repeat("a#", 1979)).get(), terms);
+    ASSERT_EQ(terms.size(), 1999U);
+    EXPECT_EQ(terms[1978].appName, "a");
+    EXPECT_EQ(terms[1979].appName, "");
+    EXPECT_TRUE(LogCapture::Lines().empty());
+
+    const std::pair<const char*, const char*> counts[] = {{"2000#a#0#0#", "2000"},
+                                                          {"-1#a#0#0#", "4294967295"},
+                                                          {"99999999999999999999#", "4294967295"}};
+    for (const auto& [payload, count] : counts) {
+        LogCapture::Clear();
+        EXPECT_EQ(Show(Start(payload)), "1[old 'old']");
+        ProcMgrUnpackTermRequest(Record(payload).get(), terms);
+        EXPECT_EQ(terms.size(), 1999U);
+        std::vector<Message::RestartAppInfo> restarts;
+        ProcMgrUnpackRestartRequest(Record(payload).get(), restarts, "owner");
+        const std::string start = "ProcMgr : ProcMgrMaster ";
+        const std::vector<LogLine> lines = {
+            {3, start + "UnpackStartRequest err: big startAppListSize=" + count},
+            {3, start + "UnpackTermRequest err: big AppListSize=" + count},
+            {3, start + "UnpackRestartRequest err: big restartAppListSize=" + count}};
+        EXPECT_EQ(LogCapture::Lines(), lines);
+    }
+}
+
+TEST_F(UnpackTest, ReadsADynamicBlockOutOfAStream) {
+    struct Case {
+        const char* payload;
+        bool isUsable;
+        const char* rest;  // what the next line-read finds
+    };
+    const Case cases[] = {{"skip#1#0#1#x#next#", true, "next"},
+                          {"skip#0#next#", true, "next"},
+                          {"skip#4#next#", false, "next"},
+                          {"skip#1#3#next#", false, "next"},
+                          {"skip#x#next#", true, ""},
+                          {"skip#", true, ""},
+                          {"", true, ""}};
+    for (const Case& test : cases) {
+        std::istringstream in(test.payload);
+        std::string rest;
+        std::getline(in, rest, '#');
+        std::map<int, Texts> block{{7, {"old"}}};
+        EXPECT_EQ(UnPackDynamicPara(in, block), test.isUsable) << test.payload;
+        EXPECT_EQ(block.count(7), 0U);
+        rest.clear();
+        std::getline(in, rest, '#');
+        EXPECT_EQ(rest, test.rest) << test.payload;
+    }
+}
+
+// What is cut off is missing, and nothing else changes.
+TEST_F(UnpackTest, ReadsARequestThatEndsAnywhere) {
+    const std::string whole = START_REQUEST;
+    for (size_t length = 2; length <= whole.size(); ++length) {
+        const auto items = Start(whole.substr(0, length));
+        ASSERT_EQ(items.size(), 2U) << length;
+        EXPECT_EQ(items[0].appName, whole.substr(2, std::min<size_t>(length - 2, 5)));
+        EXPECT_EQ(items[0].argv.size(), length > 8 ? 2U : 0U) << length;
+        EXPECT_EQ(items[0].dynamicPara.count(0), length > whole.find("1#/bin") ? 1U : 0U) << length;
+        EXPECT_EQ(items[1].appName.empty(), length <= whole.find("app_b")) << length;
+    }
+    EXPECT_TRUE(LogCapture::Lines().empty());
+}
+
+TEST_F(UnpackTest, ReadsAnExecutionReport) {
+    Message::AppExecInfo info;
+    ProcMgrUnpackedAppExecInfoRequest(Record("9#app#12#34#1#").get(), info);
+    EXPECT_EQ(info.appName, "app");
+    EXPECT_EQ((std::vector{info.pid, info.gid, info.state}), (std::vector{12U, 34U, 1U}));
+    // A name with a separator moves what follows: no number is found where one belongs.
+    info = {};
+    ProcMgrUnpackedAppExecInfoRequest(Record("1#a#b#12#34#1#").get(), info);
+    EXPECT_EQ(info.appName, "a");
+    EXPECT_EQ((std::vector{info.pid, info.gid, info.state}), (std::vector{0U, 0U, 0U}));
+}
+
+TEST_F(UnpackTest, ReadsAStartupConfigurationRequest) {
+    using Pairs = std::map<std::string, std::string>;
+    const std::pair<const char*, Pairs> cases[] = {
+        {"1#/cfg#2#k#v#l#w#", {{"k", "v"}, {"l", "w"}}},
+        {"1#/cfg#3#k#first#k#second#l##", {{"k", "first"}, {"l", ""}}},
+        {"1#/cfg#0#k#v#", {}},
+        {"1#/cfg#102399#k#v#", {{"k", "v"}}},
+        {"1#/cfg#102400#k#v#", {}},
+        {"1#/cfg#-1#k#v#", {}},
+        {"1#/cfg#2#k#v#l", {{"k", "v"}, {"l", ""}}},
+        {"1#/cfg", {}},
+    };
+    for (const auto& [payload, pairs] : cases) {
+        Message::StartupCfgInfo info{{{"old", "old"}}, ""};
+        ProcMgrUnpackMatchDataAndPathRequest(Record(payload).get(), info);
+        EXPECT_EQ(info.path, "/cfg") << payload;
+        EXPECT_EQ(info.matchData, pairs) << payload;
+    }
+    EXPECT_TRUE(LogCapture::Lines().empty());
+}
+
+TEST_F(UnpackTest, ReadsTheNamesOfAQuery) {
+    struct Case {
+        std::string payload;
+        bool isWhole;
+        Texts names;
+    };
+    const std::string two = Number(2) + Number(1) + "a" + Number(0);
+    const Case cases[] = {
+        {two, true, {"a", ""}},
+        {two + "more", true, {"a", ""}},
+        {Number(1) + Number(4) + "a#\0z"s, true, {"a#\0z"s}},
+        {Number(0), true, {}},
+        {Number(990) + Repeat(Number(0), 990), true, Texts(990)},
+        {Number(991) + Repeat(Number(0), 990), false, {}},
+        {Number(5) + Number(0), false, {}},  // more names than bytes
+        {Number(UINT32_MAX) + Number(0), false, {}},
+        {Number(1) + Number(2) + "a", false, {}},
+        {Number(1) + Number(UINT32_MAX) + "a", false, {}},
+    };
+    const auto decode = [](const RequestMsg& record, Texts& names) {
+        names = {"old"};
+        return DecodeQueryNames(record, names);
+    };
+    Texts names;
+    for (const Case& test : cases) {
+        EXPECT_EQ(decode(*Record(test.payload), names), test.isWhole);
+        EXPECT_EQ(names, test.names);
+    }
+    for (size_t length = 0; length < two.size(); ++length) {
+        EXPECT_FALSE(decode(*Record(two.substr(0, length)), names)) << length;
+        EXPECT_TRUE(names.empty());
+    }
+    EXPECT_TRUE(LogCapture::Lines().empty());
+}
+
+TEST_F(UnpackTest, AStatusReportIsOneRecord) {
+    RequestMsg record;
+    std::fill(std::begin(record.data), std::end(record.data), uint8_t{0xff});
+    ASSERT_TRUE(EncodeDetailStatus({{"b", 4}, {"B2", 5}}, record));
+    const std::string expected =
+        Number(2) + Number(2) + "B2" + Number(5) + Number(1) + "b" + Number(4);
+    EXPECT_EQ(record.type, 10U);
+    ASSERT_EQ(record.size, expected.size());
+    EXPECT_EQ(memcmp(record.data, expected.data(), expected.size()), 0);
+    EXPECT_EQ(std::count(record.data + record.size, std::end(record.data), 0),
+              std::end(record.data) - record.data - static_cast<long>(record.size));
+
+    const size_t room = PM_PIPE_BUF_MAX - 4 - 8;
+    EXPECT_TRUE(EncodeDetailStatus({{std::string(room, 'n'), 1}}, record));
+    EXPECT_EQ(record.size, PM_PIPE_BUF_MAX);
+    EXPECT_FALSE(EncodeDetailStatus({{std::string(room + 1, 'n'), 1}}, record));
+    EXPECT_FALSE(EncodeDetailStatus({{std::string(room - 8, 'n'), 1}, {"x", 1}}, record));
+}
+
+TEST_F(UnpackTest, NeitherSizeNorCountsCostMoreThanTheLimits) {
+    const std::string full = "1999#a#1024#" + Repeat("v", PM_PIPE_BUF_MAX - 12);
+    for (const uint64_t size : {uint64_t{3965}, uint64_t{1} << 40, UINT64_MAX}) {
+        const auto record = Record(full);
+        record->size = size;
+        std::vector<Message::StartAppInfo> items;
+        ProcMgrUnpackStartRequest(record.get(), items, "owner");
+        ASSERT_EQ(items.size(), 1999U);
+        EXPECT_EQ(items[0].argv.at(0).size(), PM_PIPE_BUF_MAX - 12);
+        EXPECT_EQ(items[0].argv.size(), 1024U);
+        // Where the bytes end, announced lists do too.
+        EXPECT_TRUE(std::all_of(items.begin() + 1, items.end(), [](const auto& item) {
+            return item.argv.empty() && item.dynamicPara.empty();
+        }));
+        Texts names;
+        EXPECT_FALSE(DecodeQueryNames(*record, names));
+    }
+    // The least of many, so that a busy machine does not count.
+    const auto record = Record("1#/cfg#102399#k#");
+    auto least = std::chrono::steady_clock::duration::max();
+    for (int i = 0; i < 50; ++i) {
+        const auto begin = std::chrono::steady_clock::now();
+        Message::StartupCfgInfo info;
+        ProcMgrUnpackMatchDataAndPathRequest(record.get(), info);
+        least = std::min(least, std::chrono::steady_clock::now() - begin);
+        EXPECT_EQ(info.matchData.size(), 1U);
+    }
+    EXPECT_LT(least, std::chrono::microseconds(100));
+}
+
+}  // namespace
+}  // namespace ProcMgr::Serialization
