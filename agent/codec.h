@@ -62,8 +62,9 @@ std::optional<std::vector<Message::AppStateInfo>> DecodeAppStates(
     const Message::RequestMsg& record);
 
 // Requests of an owner. A list takes as many records as it needs, in its order. Nothing when a text
-// holds a '#' or an item does not fit into a record. `hasDynamicPara`: false for requests of the
-// access manager, from which the daemon expects none.
+// holds a '#', or an item does not fit into a record or has more arguments or dynamic parameters
+// than the daemon takes. `hasDynamicPara`: false for requests of the access manager, from which the
+// daemon expects none.
 using Records = std::vector<Message::RequestMsg>;
 std::optional<Records> MakeStartRequests(const std::vector<Message::StartAppInfo>& items,
                                          bool hasDynamicPara);
@@ -74,7 +75,7 @@ std::optional<Records> MakeExecutionReport(const Message::AppExecInfo& info);
 // `type`: LOAD_STARTUP_CFG or RELOAD_STARTUP_CFG.
 std::optional<Records> MakeStartupCfgRequest(Message::RequestType type,
                                              const Message::StartupCfgInfo& info);
-// Names may hold any byte. Nothing when they do not fit into one record.
+// Names may hold any byte. Nothing when they, or the answer, do not fit into one record.
 std::optional<Records> MakeQuery(const std::vector<std::string>& names);
 
 // What an APP_DETAIL_STATUS_REPORT carries; nothing when it is another record or is cut short.

@@ -19,12 +19,13 @@ namespace ProcMgr::Agent {
 namespace {
 
 using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 // Between two attempts to connect.
 constexpr milliseconds RETRY_PAUSE{20};
-// How long a request waits for a daemon that does not read: 2 s.
+// How long a request waits for a daemon that does not read, and how often it looks.
+constexpr milliseconds SEND_PATIENCE{2000};
 constexpr milliseconds SEND_PAUSE{5};
-constexpr int SEND_ATTEMPTS = 401;
 // From which the daemon expects no dynamic parameters.
 constexpr std::string_view ACCESS_MANAGER = "zornmgr";
 constexpr milliseconds FOR_EVER{-1};
@@ -251,30 +252,34 @@ std::optional<OwnerChannel::StatusByName> OwnerChannel::QueryAppState(
     if (names.empty()) {
         return StatusByName();
     }
-    {
-        const std::lock_guard lock(mutex_);
-        if (thread_.get_id() == std::this_thread::get_id()) {
-            return std::nullopt;
-        }
-    }
-    const auto deadline = std::chrono::steady_clock::now() + std::min(timeout, LONGEST_WAIT);
+    const auto query = MakeQuery(names);
     const std::set<std::string> wanted(names.begin(), names.end());
-    const std::lock_guard query(queryMutex_);
-    {
-        const std::lock_guard lock(mutex_);
-        answer_.reset();
-    }
-    if (!SendAll(MakeQuery(names))) {
+    const auto deadline = steady_clock::now() + std::clamp(timeout, milliseconds(0), LONGEST_WAIT);
+    std::unique_lock lock(mutex_);
+    if (!query || thread_.get_id() == std::this_thread::get_id() ||
+        !answered_.wait_until(lock, deadline, [this] { return !isQuerying_; })) {
         return std::nullopt;
     }
-    std::unique_lock lock(mutex_);
+    isQuerying_ = true;
+    answer_.reset();
+    lock.unlock();
+    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+    // Alone: it need not wait for the whole list of another caller.
+    const bool isSent = SendOne(query->front(), std::min(left, SEND_PATIENCE));
+    lock.lock();
     // One that answers another query came too late for that.
     const auto isAnswered = [&] {
         return answer_ && answer_->size() == wanted.size() &&
                std::all_of(answer_->begin(), answer_->end(),
                            [&](const auto& entry) { return wanted.contains(entry.first); });
     };
-    return answered_.wait_until(lock, deadline, isAnswered) ? std::move(answer_) : std::nullopt;
+    std::optional<StatusByName> answer;
+    if (isSent && answered_.wait_until(lock, deadline, isAnswered)) {
+        answer.swap(answer_);
+    }
+    isQuerying_ = false;
+    answered_.notify_all();
+    return answer;
 }
 
 bool OwnerChannel::SendAll(const std::optional<std::vector<Message::RequestMsg>>& records) {
@@ -283,14 +288,15 @@ bool OwnerChannel::SendAll(const std::optional<std::vector<Message::RequestMsg>>
     }
     const std::lock_guard order(sendMutex_);
     return std::all_of(records->begin(), records->end(),
-                       [this](const auto& record) { return SendOne(record); });
+                       [this](const auto& record) { return SendOne(record, SEND_PATIENCE); });
 }
 
 // Tries again while the daemon's queue is full. The lock is not held in between: the thread goes on
 // to receive.
-bool OwnerChannel::SendOne(const Message::RequestMsg& record) {
+bool OwnerChannel::SendOne(const Message::RequestMsg& record, milliseconds patience) {
     const RecordPacket packet = EncodeRecordPacket(PacketKind::REQUEST, 0, record);
-    for (int attempt = 0; attempt < SEND_ATTEMPTS; ++attempt) {
+    const auto deadline = steady_clock::now() + patience;
+    while (true) {
         {
             const std::lock_guard lock(mutex_);
             if (fd_ < 0 || isStopping_) {
@@ -303,9 +309,11 @@ bool OwnerChannel::SendOne(const Message::RequestMsg& record) {
                 return false;
             }
         }
+        if (steady_clock::now() >= deadline) {
+            return false;
+        }
         std::this_thread::sleep_for(SEND_PAUSE);
     }
-    return false;
 }
 
 bool OwnerChannel::ReportState(BaseServiceStateType state) {

@@ -61,7 +61,8 @@ public:
     // Ask the daemon to start, restart or end applications. True when all of it is with the daemon;
     // what becomes of each application is told to the OnAppState callback. False when the channel
     // is not attached, when the daemon does not read for 2 s, or when a text holds a '#' or an item
-    // is too long for a record: in the last two cases nothing was sent. May wait; not in callbacks.
+    // is too long for a record or beyond the daemon's limits: in the last three cases nothing was
+    // sent. While the daemon does not read they wait, which in a callback holds up the reports.
     bool StartApps(const std::vector<Message::StartAppInfo>& items);
     bool RestartApps(const std::vector<Message::RestartAppInfo>& items);
     bool TermApps(const std::vector<Message::TermAppInfo>& items);
@@ -75,9 +76,9 @@ public:
     bool ReloadStartupCfg(const Message::StartupCfgInfo& info);
 
     // Asks for the state of applications and waits for the answer: by name 0 alive, 1 gone or
-    // unknown, 2 stopped. Nothing when it does not come within `timeout`, or when the names do not
-    // fit into one record. One query at a time: further callers wait. Not in callbacks, where it
-    // returns nothing at once.
+    // unknown, 2 stopped. Nothing when it does not come within `timeout`, or when the names or
+    // their answer do not fit into one record. One query at a time: further callers wait, up to
+    // their time-outs. Not in callbacks, where it returns nothing at once.
     using StatusByName = std::map<std::string, uint32_t>;
     std::optional<StatusByName> QueryAppState(const std::vector<std::string>& names,
                                               std::chrono::milliseconds timeout);
@@ -101,9 +102,10 @@ private:
     void HandleRecord(const Message::RequestMsg& record);
     // Waits for `fd` (-1: none), a wake-up or the time-out; false when the channel is stopped.
     bool Wait(int fd, std::chrono::milliseconds timeout, short& events);
-    // Sends all in one go, apart from those of other callers.
+    // Sends all in one go, apart from the lists of other callers.
     bool SendAll(const std::optional<std::vector<Message::RequestMsg>>& records);
-    bool SendOne(const Message::RequestMsg& record);
+    // Waits up to `patience` for room in the daemon's queue.
+    bool SendOne(const Message::RequestMsg& record, std::chrono::milliseconds patience);
     // Both for callers that hold mutex_.
     bool FlushState();
     void Wake() const;
@@ -112,8 +114,7 @@ private:
     const std::string path_;  // empty: no service can have the name
     HeartbeatSender heartbeat_;
 
-    std::mutex sendMutex_;   // held while a request's records are sent; before mutex_
-    std::mutex queryMutex_;  // held from a query to its answer; before the others
+    std::mutex sendMutex_;  // held while a list's records are sent; before mutex_
 
     mutable std::mutex mutex_;  // guards all that follows
     std::condition_variable attached_;
@@ -124,7 +125,8 @@ private:
     std::optional<BaseServiceStateType> state_;  // the last one reported
     bool isStateUnsent_ = false;
     std::shared_ptr<const AppStateCallback> onAppState_;
-    std::condition_variable answered_;
+    std::condition_variable answered_;  // an answer has come, or the next query may begin
+    bool isQuerying_ = false;
     std::optional<StatusByName> answer_;  // of the query under way
 };
 

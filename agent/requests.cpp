@@ -1,6 +1,7 @@
 // The requests of an owner, as bytes, and the answer of a query.
 #include <algorithm>
 #include <cstring>
+#include <set>
 
 #include "agent/codec.h"
 
@@ -15,6 +16,11 @@ constexpr char SEPARATOR = '#';
 // daemon takes.
 constexpr size_t ITEMS_LENGTH_MAX = 3955;
 constexpr size_t ITEMS_MAX = 1999;
+// What the daemon takes of one item to launch. Beyond it misreads the items that follow.
+constexpr size_t ARGUMENTS_MAX = 1024;
+constexpr size_t DYNAMIC_PARAMETERS_MAX = 3;
+constexpr int DYNAMIC_INDEX_MAX = 2;
+constexpr size_t DYNAMIC_VALUES_MAX = 1024;
 
 // Joins fields; remembers whether one of them could not be one.
 class FieldWriter {
@@ -54,6 +60,19 @@ RequestMsg MakeListRecord(Message::RequestType type, size_t count, const std::st
     return MakeRecord(type, std::to_string(count) + SEPARATOR + body);
 }
 
+template <typename Item>
+bool IsLaunchable(const Item& item, bool hasDynamicPara) {
+    if (item.argv.size() > ARGUMENTS_MAX) {
+        return false;
+    }
+    return !hasDynamicPara ||
+           (item.dynamicPara.size() <= DYNAMIC_PARAMETERS_MAX &&
+            std::all_of(item.dynamicPara.begin(), item.dynamicPara.end(), [](const auto& entry) {
+                return entry.first <= DYNAMIC_INDEX_MAX &&
+                       entry.second.size() <= DYNAMIC_VALUES_MAX;
+            }));
+}
+
 template <typename Item, typename Write>
 std::optional<Records> MakeListRequests(Message::RequestType type, const std::vector<Item>& items,
                                         Write write) {
@@ -84,6 +103,10 @@ std::optional<Records> MakeListRequests(Message::RequestType type, const std::ve
 template <typename Item>
 std::optional<Records> MakeLaunchRequests(Message::RequestType type, const std::vector<Item>& items,
                                           bool hasDynamicPara) {
+    if (!std::all_of(items.begin(), items.end(),
+                     [=](const Item& item) { return IsLaunchable(item, hasDynamicPara); })) {
+        return std::nullopt;
+    }
     return MakeListRequests(type, items, [=](FieldWriter& fields, const Item& item) {
         fields << item.appName << item.argv;
         if (!hasDynamicPara) {
@@ -107,6 +130,15 @@ void AppendNumber(std::string& bytes, size_t number) {
     for (size_t i = 0; i < sizeof(uint32_t); ++i) {
         bytes += static_cast<char>(number >> (8 * i) & 0xFF);
     }
+}
+
+// The answer, too, is one record: one that does not fit is never sent.
+bool IsAnswerable(const std::vector<std::string>& names) {
+    size_t length = sizeof(uint32_t);
+    for (const std::string& name : std::set<std::string>(names.begin(), names.end())) {
+        length += 2 * sizeof(uint32_t) + name.size();
+    }
+    return length <= PM_PIPE_BUF_MAX;
 }
 
 // Takes a number from the begin of `bytes`; false when they hold none.
@@ -157,17 +189,17 @@ std::optional<Records> MakeStartupCfgRequest(Message::RequestType type,
 }
 
 std::optional<Records> MakeQuery(const std::vector<std::string>& names) {
+    if (!IsAnswerable(names)) {
+        return std::nullopt;
+    }
     std::string bytes;
     AppendNumber(bytes, names.size());
     for (const std::string& name : names) {
-        if (name.size() > PM_PIPE_BUF_MAX) {
-            return std::nullopt;
-        }
         AppendNumber(bytes, name.size());
         bytes += name;
-        if (bytes.size() > PM_PIPE_BUF_MAX) {
-            return std::nullopt;
-        }
+    }
+    if (bytes.size() > PM_PIPE_BUF_MAX) {
+        return std::nullopt;
     }
     return Records{MakeRecord(Message::QUERY_APP_STATE, bytes)};
 }

@@ -19,6 +19,7 @@ using Message::RequestMsg;
 using testing::ElementsAreArray;
 
 constexpr size_t RECORD_SIZE = 3984;
+constexpr size_t PAYLOAD = 3964;
 
 RequestMsg StateRecord(std::string_view text) {
     RequestMsg record;
@@ -193,8 +194,49 @@ TEST(AgentCodec, RequestsHaveTheseBytes) {
     }
     EXPECT_TRUE(MakeTermRequests({})->empty());
     EXPECT_FALSE(MakeTermRequests({{"a#b"}}));
+}
+
+TEST(AgentCodec, RefusesWhatTheDaemonWouldMisread) {
+    const std::vector<std::string> most(1024);
+    const std::vector<std::string> tooMany(1025);
+    const struct {
+        const char* what;
+        Message::StartAppInfo item;
+        bool isGood;
+        bool isGoodForAccessManager;
+    } cases[] = {
+        {"1024 arguments", {"a", most, {}}, true, true},
+        {"1025 arguments", {"a", tooMany, {}}, false, false},
+        {"an argument with a separator", {"a", {"x#y"}, {}}, false, false},
+        {"index 2", {"a", {}, {{2, {"K=V"}}}}, true, true},
+        {"index 3", {"a", {}, {{3, {"x"}}}}, false, true},
+        {"three parameters", {"a", {}, {{-1, {}}, {0, {}}, {1, {}}}}, true, true},
+        {"four parameters", {"a", {}, {{-1, {}}, {0, {}}, {1, {}}, {2, {}}}}, false, true},
+        {"1024 values", {"a", {}, {{2, most}}}, true, true},
+        {"1025 values", {"a", {}, {{2, tooMany}}}, false, true},
+        {"3955 bytes", {std::string(3950, 'x'), {}, {}}, true, true},
+        {"3956 bytes", {std::string(3951, 'x'), {}, {}}, false, true},
+    };
+    for (const auto& [what, item, isGood, isGoodForAccessManager] : cases) {
+        // A good one beside it does not help.
+        EXPECT_EQ(MakeStartRequests({{"good", {}, {}}, item}, true).has_value(), isGood) << what;
+        const Message::RestartAppInfo restart{item.appName, item.argv, item.dynamicPara};
+        EXPECT_EQ(MakeRestartRequests({restart}, false).has_value(), isGoodForAccessManager)
+            << what;
+    }
+    EXPECT_TRUE(MakeTermRequests({{std::string(3954, 'x')}}));
     EXPECT_FALSE(MakeTermRequests({{std::string(3955, 'x')}}));
-    EXPECT_FALSE(MakeQuery({std::string(3957, 'x')}));
+    EXPECT_FALSE(MakeExecutionReport({"a#b", 1, 2, 0}));
+    EXPECT_FALSE(MakeStartupCfgRequest(Message::LOAD_STARTUP_CFG, {{{"k", "#"}}, "/etc/x"}));
+    EXPECT_FALSE(
+        MakeStartupCfgRequest(Message::LOAD_STARTUP_CFG, {{}, std::string(PAYLOAD - 4, 'x')}));
+}
+
+TEST(AgentCodec, RefusesQueriesThatCannotBeAskedOrAnswered) {
+    EXPECT_TRUE(MakeQuery({std::string(PAYLOAD - 12, 'x')}));
+    EXPECT_FALSE(MakeQuery({std::string(PAYLOAD - 11, 'x')})) << "its answer is a byte too long";
+    EXPECT_TRUE(MakeQuery(std::vector<std::string>(PAYLOAD / 5 - 1, "x"))) << "one entry answers";
+    EXPECT_FALSE(MakeQuery(std::vector<std::string>(PAYLOAD / 5 + 1, "x")));
 }
 
 TEST(AgentCodec, TheDaemonReadsLongListsWholeAndInOrder) {

@@ -15,7 +15,7 @@ END
 cat >"$work/CMakeLists.txt" <<'END'
 cmake_minimum_required(VERSION 3.22)
 project(client LANGUAGES CXX)
-find_package(procmgr-agent REQUIRED)
+find_package(procmgr-agent 1.0 REQUIRED)
 add_executable(client client.cpp)
 target_link_libraries(client PRIVATE procmgr::agent)
 END

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <future>
 
 #include "agent/codec.h"
@@ -28,7 +29,7 @@ using std::chrono::steady_clock;
 using testing::ElementsAre;
 
 constexpr const char* NAME = "owner";
-constexpr const char* PIPE = "/run/muxa/pipe/owner";
+const std::string DIRECTORY = "/run/muxa/pipe/";
 constexpr const char* HEARTBEAT = "/run/heartbeat.sock";
 constexpr auto PATIENCE = 10s;
 
@@ -50,7 +51,10 @@ bool IsReadable(int fd, std::chrono::milliseconds timeout = PATIENCE) {
 // The daemon's end of the pipe, one peer at a time.
 class Daemon {
 public:
-    Daemon() : listener_(Bind(SOCK_SEQPACKET, PIPE)) { EXPECT_EQ(listen(listener_.Get(), 4), 0); }
+    explicit Daemon(const std::string& name = NAME)
+        : listener_(Bind(SOCK_SEQPACKET, (DIRECTORY + name).c_str())) {
+        EXPECT_EQ(listen(listener_.Get(), 4), 0);
+    }
 
     void Accept() {
         ASSERT_TRUE(IsReadable(listener_.Get()));
@@ -89,6 +93,25 @@ std::vector<uint8_t> StateReport(char state) {
     return {packet.begin(), packet.end()};
 }
 
+// Type and payload of a packet that carries one record, as "type:payload".
+std::string Told(const std::vector<uint8_t>& bytes) {
+    const auto packet = DecodePacket(bytes);
+    const auto record = packet ? DecodeRecord(packet->body) : std::nullopt;
+    return record ? std::to_string(record->type) + ':' +
+                        std::string(reinterpret_cast<const char*>(record->data),
+                                    static_cast<size_t>(record->size))
+                  : "none";
+}
+
+// A query for one name of one letter, and its answer.
+std::string Asked(char name) {
+    return std::string("9:\1\0\0\0\1\0\0\0", 10) + name;
+}
+
+std::string Answer(char name, char status) {
+    return std::string("\1\0\0\0\1\0\0\0", 8) + name + status + std::string(3, '\0');
+}
+
 size_t CountCloseOnExec() {
     size_t count = 0;
     for (int fd = 3; fd < 100; ++fd) {
@@ -103,7 +126,7 @@ protected:
     void SetUp() override {
         PrivateRunTest::SetUp();
         if (!IsSkipped()) {
-            std::filesystem::create_directories("/run/muxa/pipe");
+            std::filesystem::create_directories(DIRECTORY);
         }
     }
 };
@@ -213,6 +236,109 @@ TEST_F(OwnerChannelTest, EndsTheConnectionOnWhatIsNoPacketAndComesBack) {
         daemon.Accept();
     }
     EXPECT_TRUE(channel.Attach(PATIENCE));
+}
+
+TEST_F(OwnerChannelTest, AsksForApplications) {
+    const std::vector<Message::StartAppInfo> start = {{"a", {"-v"}, {{1, {"7"}}}}};
+    const std::vector<Message::RestartAppInfo> restart = {{"b", {}, {}}};
+    using Ask = std::function<bool(OwnerChannel&)>;
+    const struct {
+        Ask ask;
+        const char* told;
+        const char* toldByAccessManager;
+    } cases[] = {
+        {[&](auto& c) { return c.StartApps(start); }, "0:1#a#1#-v#1#1#1#7#", "0:1#a#1#-v#"},
+        {[&](auto& c) { return c.RestartApps(restart); }, "1:1#b#0#0#", "1:1#b#0#"},
+        {[](auto& c) { return c.TermApps({{"b"}}); }, "2:1#b#", "2:1#b#"},
+        {[](auto& c) { return c.ReportState(BaseServiceStateType::INIT); }, "3:1#0#", "3:1#0#"},
+        {[](auto& c) { return c.ReportState(BaseServiceStateType::RESTARTING); }, "3:1#1#",
+         "3:1#1#"},
+        {[](auto& c) {
+             return c.ReportExecution({"b", 1, 2, 0});
+         },
+         "5:1#b#1#2#0#", "5:1#b#1#2#0#"},
+        {[](auto& c) {
+             return c.LoadStartupCfg({{}, "/x"});
+         },
+         "6:1#/x#0#", "6:1#/x#0#"},
+        {[](auto& c) {
+             return c.ReloadStartupCfg({{}, "/x"});
+         },
+         "7:1#/x#0#", "7:1#/x#0#"},
+    };
+    for (const char* name : {NAME, "zornmgr"}) {
+        Daemon daemon(name);
+        OwnerChannel channel(name);
+        EXPECT_FALSE(channel.TermApps({{"b"}})) << "nothing is kept for later";
+        ASSERT_TRUE(channel.Attach(PATIENCE));
+        daemon.Accept();
+        EXPECT_FALSE(channel.TermApps({{"b"}, {"#"}}));
+        for (const auto& [ask, told, toldByAccessManager] : cases) {
+            EXPECT_TRUE(ask(channel)) << told;
+            EXPECT_EQ(Told(daemon.Receive()),
+                      std::string(name) == NAME ? told : toldByAccessManager);
+        }
+    }
+}
+
+TEST_F(OwnerChannelTest, GivesUpOnADaemonThatDoesNotReadAndHearsItMeanwhile) {
+    Daemon daemon;
+    std::promise<bool> isAsked;
+    OwnerChannel channel(NAME);
+    channel.OnAppState([&](const std::vector<AppStateInfo>& infos) {
+        EXPECT_FALSE(channel.QueryAppState({"a"}, PATIENCE)) << "its answer could not be received";
+        isAsked.set_value(channel.TermApps({{infos.front().appName}}));
+    });
+    ASSERT_TRUE(channel.Attach(PATIENCE));
+    daemon.Accept();
+    daemon.SendText(Message::APP_STATE_REPORT, "1#first#1#0#0#0#");
+    EXPECT_TRUE(isAsked.get_future().get());
+    EXPECT_EQ(Told(daemon.Receive()), "2:1#first#");
+
+    isAsked = {};
+    const std::future<void> sender = std::async(std::launch::async, [&] {
+        while (channel.TermApps({{"many"}})) {
+        }
+    });
+    EXPECT_EQ(sender.wait_for(500ms), std::future_status::timeout);
+    EXPECT_FALSE(channel.QueryAppState({"a"}, 0ms));
+    EXPECT_EQ(sender.wait_for(0ms), std::future_status::timeout) << "the query gave up before";
+    EXPECT_EQ(sender.wait_for(PATIENCE), std::future_status::ready);
+    EXPECT_TRUE(channel.IsAttached());
+    EXPECT_EQ(Told(daemon.Receive()), "2:1#many#");
+    daemon.SendText(Message::APP_STATE_REPORT, "1#second#1#0#0#0#");
+    EXPECT_TRUE(isAsked.get_future().get()) << "there is room again";
+}
+
+TEST_F(OwnerChannelTest, QueriesOneAtATimeAndTakesOnlyTheirAnswers) {
+    using Answered = std::optional<OwnerChannel::StatusByName>;
+    Daemon daemon;
+    OwnerChannel channel(NAME);
+    EXPECT_EQ(channel.QueryAppState({}, 0ms), OwnerChannel::StatusByName()) << "nothing to ask";
+    EXPECT_FALSE(channel.QueryAppState({"a"}, PATIENCE)) << "not attached";
+    ASSERT_TRUE(channel.Attach(PATIENCE));
+    daemon.Accept();
+    EXPECT_FALSE(channel.QueryAppState({std::string(4000, 'x')}, PATIENCE));
+    EXPECT_FALSE(channel.QueryAppState({"l"}, 20ms));
+    EXPECT_EQ(Told(daemon.Receive()), Asked('l'));
+
+    const auto ask = [&](const char* name) {
+        return std::async(std::launch::async,
+                          [&channel, name] { return channel.QueryAppState({name}, PATIENCE); });
+    };
+    std::future<Answered> first = ask("a");
+    EXPECT_EQ(Told(daemon.Receive()), Asked('a'));
+    std::future<Answered> second = ask("b");
+    EXPECT_FALSE(channel.QueryAppState({"c"}, 20ms)) << "its turn does not come in time";
+    EXPECT_TRUE(daemon.Receive(20ms).empty()) << "the second query waits for the first answer";
+    daemon.SendText(Message::APP_DETAIL_STATUS_REPORT, Answer('l', 0));
+    daemon.SendText(Message::APP_DETAIL_STATUS_REPORT, "cut");
+    EXPECT_EQ(first.wait_for(50ms), std::future_status::timeout) << "neither is its answer";
+    daemon.SendText(Message::APP_DETAIL_STATUS_REPORT, Answer('a', 2));
+    EXPECT_EQ(first.get(), (OwnerChannel::StatusByName{{"a", 2}}));
+    EXPECT_EQ(Told(daemon.Receive()), Asked('b'));
+    daemon.SendText(Message::APP_DETAIL_STATUS_REPORT, Answer('b', 1));
+    EXPECT_EQ(second.get(), (OwnerChannel::StatusByName{{"b", 1}}));
 }
 
 TEST_F(OwnerChannelTest, BeatsUntilStopped) {
