@@ -3,7 +3,6 @@
 #include <sched.h>
 
 #include <array>
-#include <utility>
 
 #include "app/exit_status.h"
 #include "app/signals.h"
@@ -132,11 +131,6 @@ void AppInfo::ApplyRealTime(const ApplicationManifest& manifest) {
     rtPriority_ = priority;
     ProcMgrLog(LOG_INFO, "PROCMGR : %s, rtPrio=%d, rtPolicy=%s", appName_.c_str(), priority,
                manifest.GetSetRtType().c_str());
-}
-
-bool AppInfo::PrepareStart() {
-    tids_.clear();
-    return std::exchange(exitStatusSet_, false);
 }
 
 ProcessState AppInfo::CheckStarting() {

@@ -58,6 +58,14 @@ public:
     // Stores the raw wait status of the record's process.
     void SetExitStatus(int32_t status);
 
+    // Makes a process that has just been forked the record's. Until then the exit of the one before
+    // it stands, or its freed pid would look alive. Does not throw.
+    void SetStarted(int32_t pid) {
+        pid_ = pid;
+        exitStatusSet_ = false;
+        tids_.clear();
+    }
+
     // True while there is a process that may be signalled: started, its exit not collected.
     bool IsAlive() const { return pid_ > 0 && !exitStatusSet_; }
 
@@ -116,10 +124,6 @@ public:
 protected:
     // Applies the real-time settings and the core-affinity marker of a manifest.
     void ApplyScheduling(const ApplicationManifest& manifest);
-
-    // What both kinds of record do before each fork. Returns whether an exit was stored: if there
-    // is no fork it stands again, or the freed pid would look alive.
-    bool PrepareStart();
 
     // The checks that both kinds share. `exited` names the transition in the log.
     ProcessState CheckStarting();

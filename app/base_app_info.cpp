@@ -27,10 +27,7 @@ BaseAppInfo::BaseAppInfo(const ApplicationManifest& manifest)
 }
 
 bool BaseAppInfo::StartProcess(ProcessLauncher& launcher) {
-    const bool hadExit = PrepareStart();
-    const pid_t child = launcher.Launch(*this);
-    if (child < 0) {
-        exitStatusSet_ = hadExit;
+    if (launcher.Launch(*this) < 0) {
         return false;
     }
     state_ = STARTING;

@@ -41,13 +41,7 @@ void GeneralAppInfo::Refresh(const ApplicationManifest& manifest, const std::str
 }
 
 bool GeneralAppInfo::StartProcess(ProcessLauncher& launcher) {
-    const bool hadExit = PrepareStart();
-    const pid_t child = launcher.Launch(*this);
-    if (child < 0) {
-        exitStatusSet_ = hadExit;
-        return false;
-    }
-    return true;
+    return launcher.Launch(*this) >= 0;
 }
 
 void GeneralAppInfo::DetectDynamicParameters(const ApplicationManifest& manifest) {

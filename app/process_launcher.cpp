@@ -20,10 +20,10 @@ constexpr pid_t NO_PROCESS = -1;
 }  // namespace
 
 pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
-    const std::lock_guard lock(launchMutex_);
     if (!PreStartCheck(app)) {
         return NO_PROCESS;
     }
+    const std::lock_guard lock(launchMutex_);
     LaunchPlan plan = MakeLaunchPlan(app);
     plan.userGroups = userGroups_.LookUp(app.uid_);
     app.startTime_ = std::chrono::steady_clock::now();
@@ -32,7 +32,7 @@ pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
         ProcMgrLog(LOG_ERR, "PROCMGR: Start generalApp failed. fork failed: errno=%d", errno);
         return child;
     }
-    app.pid_ = child;
+    app.SetStarted(child);
     ProcMgrLog(
         LOG_INFO, "%s Start generalApp success appName=%s, child_pid=%d, isDelayCoreAffinity_=%d",
         BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), child, app.isDelayCoreAffinity_);
@@ -40,10 +40,10 @@ pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
 }
 
 pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
-    const std::lock_guard lock(launchMutex_);
     if (!PreStartCheck(app)) {
         return NO_PROCESS;
     }
+    const std::lock_guard lock(launchMutex_);
     LaunchPlan plan = MakeLaunchPlan(app);
     plan.userGroups = userGroups_.LookUp(app.uid_);
     app.startTime_ = std::chrono::steady_clock::now();
@@ -53,7 +53,7 @@ pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
                    errno);
         return child;
     }
-    app.pid_ = child;
+    app.SetStarted(child);
     ProcMgrLog(LOG_INFO,
                "%s Start baseApp success appName=%s, binPath=%s, pid=%d, isDelayCoreAffinity_=%d",
                BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), app.execPath_.c_str(),
@@ -62,9 +62,14 @@ pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
 }
 
 bool ProcessLauncher::PreStartCheck(const AppInfo& app) {
-    if (!CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_, userGroups_)) {
-        return false;
+    {
+        const std::lock_guard lock(launchMutex_);
+        if (!CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_,
+                                userGroups_)) {
+            return false;
+        }
     }
+    // May take long: other launches go on.
     if (!integrity_.IntegrityProtect(app.execPath_)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : IntegrityProtect app=%s or sha256sum has been modified",
                    app.execPath_.c_str());

@@ -64,7 +64,8 @@ std::vector<uint32_t> SensorNodeEventReporter::DevicesOf(const SensorNodeConfig&
 bool SensorNodeEventReporter::RegisterSensorNode(const SensorNodeConfig& config) {
     const std::lock_guard lock(mutex_);
     const char* name = config.name.c_str();
-    if (nodes_.contains(config.name)) {
+    if (const auto known = nodes_.find(config.name);
+        known != nodes_.end() && known->second.isRegistered) {
         return true;
     }
     HalSensorNodeConfig halConfig{};
@@ -77,7 +78,8 @@ bool SensorNodeEventReporter::RegisterSensorNode(const SensorNodeConfig& config)
                    name);
         return false;
     }
-    Node node;
+    Node& node = nodes_[config.name];
+    node.isRegistered = true;
     node.nodeType = config.nodeType;
     node.sensorType = config.sensorType;
     for (const uint32_t device : DevicesOf(config)) {
@@ -95,16 +97,28 @@ bool SensorNodeEventReporter::RegisterSensorNode(const SensorNodeConfig& config)
                "SensorNodeEventReporter RegisterSensorNode for %s success, nodeType=0x%x, "
                "sensorType=0x%x, reportIds size=%zu",
                name, node.nodeType, node.sensorType, node.handles.size());
-    nodes_.emplace(config.name, std::move(node));
+    Show(config.name, node);
     return true;
 }
 
 void SensorNodeEventReporter::ReportEvent(const std::string& name, int32_t event, int32_t fault) {
     const std::lock_guard lock(mutex_);
     const auto node = nodes_.find(name);
-    if (node != nodes_.end()) {
+    if (node != nodes_.end() && node->second.isRegistered) {
         Send(name, node->second, event, fault);
     }
+}
+
+void SensorNodeEventReporter::Show(const std::string& name, Node& node) {
+    if (!node.isRegistered) {
+        return;
+    }
+    if (node.standing.empty()) {
+        Send(name, node, EVENT_NONE, 0);
+        return;
+    }
+    const Standing& last = node.standing.back();
+    Send(name, node, last.event, FaultFlag(static_cast<uint16_t>(last.nodeType), node.sensorType));
 }
 
 void SensorNodeEventReporter::Send(const std::string& name, Node& node, int32_t event,
@@ -132,20 +146,15 @@ void SensorNodeEventReporter::Send(const std::string& name, Node& node, int32_t 
 void SensorNodeEventReporter::Raise(const std::string& name, const std::string& app, int32_t event,
                                     uint32_t nodeType) {
     const std::lock_guard lock(mutex_);
-    const auto found = nodes_.find(name);
-    if (found == nodes_.end()) {
-        return;
-    }
-    Node& node = found->second;
+    Node& node = nodes_[name];
     const bool isStanding = std::any_of(
         node.standing.begin(), node.standing.end(),
         [&](const Standing& standing) { return standing.app == app && standing.event == event; });
     if (isStanding) {
         return;
     }
-    const int32_t fault = FaultFlag(static_cast<uint16_t>(nodeType), node.sensorType);
-    node.standing.push_back({app, event, fault});
-    Send(name, node, event, fault);
+    node.standing.push_back({app, event, nodeType});
+    Show(name, node);
 }
 
 void SensorNodeEventReporter::Withdraw(const std::string& name, const std::string& app,
@@ -159,13 +168,8 @@ void SensorNodeEventReporter::Withdraw(const std::string& name, const std::strin
     const size_t withdrawn = std::erase_if(node.standing, [&](const Standing& standing) {
         return standing.app == app && standing.event == event;
     });
-    if (withdrawn == 0) {
-        return;
-    }
-    if (node.standing.empty()) {
-        Send(name, node, EVENT_NONE, 0);
-    } else {
-        Send(name, node, node.standing.back().event, node.standing.back().fault);
+    if (withdrawn > 0) {
+        Show(name, node);
     }
 }
 

@@ -48,9 +48,9 @@ public:
     void UnregisterSensorNode(const std::string& name);
     void UnregisterAll();
 
-    // A fault of one application. A node shows an event while any application has it; it is cleared
-    // when the last one has withdrawn it. Raising or withdrawing twice is raising or withdrawing
-    // once.
+    // A fault of one application, which stands also before the node is registered. A node shows an
+    // event while any application has it; it is cleared when the last one has withdrawn it. Raising
+    // or withdrawing twice is raising or withdrawing once.
     void Raise(const std::string& node, const std::string& app, int32_t event, uint32_t nodeType);
     void Withdraw(const std::string& node, const std::string& app, int32_t event);
 
@@ -61,9 +61,10 @@ private:
     struct Standing {
         std::string app;
         int32_t event;
-        int32_t fault;
+        uint32_t nodeType;
     };
     struct Node {
+        bool isRegistered = false;
         uint16_t nodeType = 0;
         uint8_t sensorType = 0;
         int32_t lastEvent = EVENT_NONE;
@@ -76,7 +77,9 @@ private:
     // The callers hold mutex_.
     uint32_t DeviceCount();
     std::vector<uint32_t> DevicesOf(const SensorNodeConfig& config);
-    void Send(const std::string& name, Node& node, int32_t event, int32_t fault);
+    static void Send(const std::string& name, Node& node, int32_t event, int32_t fault);
+    // Shows the last fault that was raised and stands, or none.
+    static void Show(const std::string& name, Node& node);
     static void Unregister(const std::string& name, const Node& node);
 
     std::mutex mutex_;

@@ -36,6 +36,11 @@ public:
     // False, with a log line, when there is no process.
     bool Start(App::BaseAppInfo& record);
 
+    // Reports a service that has just been started and, when it reports itself, opens its pipe.
+    // True without either when supervision has dealt with its end already. False, with a log line,
+    // when there is no pipe.
+    bool Announce(const App::BaseAppInfo& record);
+
     // Whether every service of `depends` has been started and is alive. Logs what it finds.
     bool CheckDepends(const std::set<std::string>& depends, const std::string& name);
 
@@ -116,6 +121,10 @@ private:
     CheckRequests& checks_;
     App::OwnerRegistry& owners_;
     const App::StateReports& reports_;
+    // Held while starts and ends are reported and pipes opened and closed for them, so that what
+    // came first is told first. Taken before mutex_; never in a callback of a pipe, which those who
+    // hold it may wait for.
+    std::mutex reportOrder_;
     std::mutex mutex_;
     std::condition_variable exited_;       // an exit has been stored
     std::vector<Record> executedBaseApp_;  // guarded by mutex_, its states also by reportedState_

@@ -23,13 +23,10 @@ ParseAndDepend& Parser() {
 }  // namespace
 
 BaseStartup::BaseStartup(BaseServices& services, ReportedState& reportedState,
-                         BootCommandLine& commandLine, App::OwnerRegistry& owners,
-                         const App::StateReports& reports, std::function<bool()> isStopping)
+                         BootCommandLine& commandLine, std::function<bool()> isStopping)
     : services_(services),
       reportedState_(reportedState),
       commandLine_(commandLine),
-      owners_(owners),
-      reports_(reports),
       isStopping_(std::move(isStopping)) {}
 
 bool BaseStartup::ParseYamlFile(const std::string& path,
@@ -135,13 +132,11 @@ bool BaseStartup::InitOneBaseApplication(App::BaseAppInfo& record) {
     if (!CheckDepends(record.dependList_, name) || !services_.Start(record)) {
         return false;
     }
-    reports_.ReportAppStateToZorn(record, RUNNING_NORMAL_START, 0);
+    if (!services_.Announce(record)) {
+        return false;
+    }
     if (!record.isReporting_) {
         return true;
-    }
-    if (!owners_.RegServiceCallBack(name, record.gid_)) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : procname=%s RegisterService failed", name.c_str());
-        return false;
     }
     ProcMgrLog(LOG_INFO, "Register heart beat checker for %s.", name.c_str());
     services_.RegisterHeartBeat(name);
@@ -155,8 +150,12 @@ bool BaseStartup::CheckDepends(const std::set<std::string>& depends, const std::
 
 bool BaseStartup::WaitBaseAppReport(const std::string& name) {
     constexpr bool RETRY = false;
-    while (!isStopping_()) {
+    for (;;) {
+        // Counted before anything is looked at: what changes from here on ends the wait.
         const uint64_t seen = reportedState_.GetChanges();
+        if (isStopping_()) {
+            return RETRY;
+        }
         // The list moves while we sleep: a service that has left it will not report any more.
         const ProcessState state = services_.GetState(name).value_or(TERMINATED);
         if (state == RUNNING || state == TERMINATING || state == TERMINATED) {
@@ -168,7 +167,6 @@ bool BaseStartup::WaitBaseAppReport(const std::string& name) {
                    name.c_str());
         reportedState_.WaitForChangeSince(seen);
     }
-    return RETRY;
 }
 
 void BaseStartup::LogReport(const std::string& name, ProcessState state) const {

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "app/owner_link.h"
 #include "baseservice/base_services.h"
 #include "baseservice/reported_state.h"
 #include "config/boot_command_line.h"
@@ -21,7 +20,6 @@ public:
     // `isStopping` ends start-up between two services and any wait for a report; whoever makes it
     // true notifies `reportedState`. All references must outlive this object.
     BaseStartup(BaseServices& services, ReportedState& reportedState, BootCommandLine& commandLine,
-                App::OwnerRegistry& owners, const App::StateReports& reports,
                 std::function<bool()> isStopping);
 
     // Starts every service of the file at `path`. Logs its outcome.
@@ -56,8 +54,6 @@ private:
     BaseServices& services_;
     ReportedState& reportedState_;
     BootCommandLine& commandLine_;
-    App::OwnerRegistry& owners_;
-    const App::StateReports& reports_;
     const std::function<bool()> isStopping_;
     std::vector<ApplicationManifest> manifests_;  // emptied once all have been worked through
     std::vector<std::string> enabledNames_;

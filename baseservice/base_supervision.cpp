@@ -56,6 +56,7 @@ void LogSupervised(int level, const char* format, const App::AppInfo& app) {
 }  // namespace
 
 void BaseServices::CheckBaseApps(CheckPass pass) {
+    const std::lock_guard order(reportOrder_);
     const std::vector<App::AppInfo> ended = CheckStates(pass);
     for (const App::AppInfo& app : ended) {
         GiveUp(app);
@@ -119,13 +120,16 @@ void BaseServices::CheckOne(Record& record) {
 void BaseServices::GiveUp(const App::AppInfo& app) const {
     if (app.reportType_ == TERMINATED_NORMAL_EXIT) {
         reports_.ReportAppStateToZorn(app, TERMINATED_NORMAL_EXIT, RESULT_NONE);
+        EndHeartBeat(app.appName_);
         return;
     }
     LogSupervised(LOG_WARNING, DIED, app);
     reports_.ReportAppStateToZorn(app, TERMINATED_ABNORMAL_EXIT,
                                   app.exitedWith125_ ? RESULT_INPUT_OUTPUT_ERROR : RESULT_NONE);
     Raise(app, App::EVENT_START_FAILED);
-    if (app.isReporting_) {
+    // Also that of one which has not promised to report: its successor must not attach to a pipe
+    // that is about to be closed.
+    if (app.isReporting_ || owners_.GetServiceFd(app.appName_) > 0) {
         owners_.UnRegServiceCallBack(app.appName_);
     }
     EndHeartBeat(app.appName_);
@@ -198,7 +202,26 @@ void BaseServices::Reconnect(const App::AppInfo& app) const {
     LogSupervised(LOG_INFO, RESTARTED, app);
 }
 
+bool BaseServices::Announce(const Record& started) {
+    const std::lock_guard order(reportOrder_);
+    {
+        const std::lock_guard lock(mutex_);
+        const Record* record = Find(started.appName_);
+        if (record == nullptr || record->pid_ != started.pid_ || record->state_ == TERMINATED) {
+            return true;
+        }
+    }
+    reports_.ReportAppStateToZorn(started, RUNNING_NORMAL_START, RESULT_NONE);
+    if (started.isReporting_ && !owners_.RegServiceCallBack(started.appName_, started.gid_)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : procname=%s RegisterService failed",
+                   started.appName_.c_str());
+        return false;
+    }
+    return true;
+}
+
 void BaseServices::RemoveTerminatedApps() {
+    const std::lock_guard order(reportOrder_);
     std::vector<std::string> removed;
     {
         const std::lock_guard lock(mutex_);
@@ -260,7 +283,10 @@ int BaseServices::HeartBeatNotify(const char* name, size_t nameLength, int32_t p
         case HEARTBEAT_LOST:
             ProcMgrLog(LOG_INFO, "Process heart beat notify. (app=%s,pid=%d,status=lost)",
                        app.c_str(), pid);
-            Raise(*record, App::EVENT_HEARTBEAT_LOST);
+            // Not for a process that has ended meanwhile: its watch, and the fault, ended with it.
+            if (record->IsAlive() && record->pid_ == pid) {
+                Raise(*record, App::EVENT_HEARTBEAT_LOST);
+            }
             return 1;
         case HEARTBEAT_BACK:
             ProcMgrLog(LOG_INFO, "Process heart beat notify. (app=%s,pid=%d,status=recovery)",

@@ -26,11 +26,12 @@ void OwnerPipes::CloseAll() {
     std::vector<int> fds;
     {
         const std::unique_lock lock(mutex_);
-        fds.swap(leftOver_);
-        for (const auto& [owner, fd] : fds_) {
-            fds.push_back(fd);
+        for (std::map<std::string, int>* table : {&fds_, &leftOver_}) {
+            for (const auto& [owner, fd] : *table) {
+                fds.push_back(fd);
+            }
+            table->clear();
         }
-        fds_.clear();
     }
     std::erase(fds, NOT_OPEN);
     for (const int fd : fds) {
@@ -42,7 +43,19 @@ void OwnerPipes::CloseAll() {
 
 void OwnerPipes::CloseLeftOver() {
     const std::unique_lock lock(mutex_);
-    std::erase_if(leftOver_, [](int fd) { return MuxaClosePipe(fd) != MUXA_BUSY; });
+    std::erase_if(leftOver_,
+                  [](const auto& pipe) { return MuxaClosePipe(pipe.second) != MUXA_BUSY; });
+}
+
+bool OwnerPipes::TakeBackLeftOver(const std::string& owner) {
+    const std::unique_lock lock(mutex_);
+    const auto pipe = leftOver_.find(owner);
+    if (pipe == leftOver_.end()) {
+        return false;
+    }
+    fds_[owner] = pipe->second;
+    leftOver_.erase(pipe);
+    return true;
 }
 
 bool OwnerPipes::RegServiceCallBack(const std::string& owner, uint32_t gid) {
@@ -60,6 +73,13 @@ bool OwnerPipes::RegServiceCallBack(const std::string& owner, uint32_t gid) {
         UnRegServiceCallBack(owner);
     }
     TakeFd(owner);
+    CloseLeftOver();
+    if (TakeBackLeftOver(owner)) {
+        ProcMgrLog(LOG_INFO,
+                   "********* PROCMGR : RegServiceCallBack success fd=%d, targetProcName=%s",
+                   GetServiceFd(owner), owner.c_str());
+        return true;
+    }
 
     MuxaOpenAttributes attributes;
     attributes.name = owner;
@@ -102,7 +122,7 @@ void OwnerPipes::UnRegServiceCallBack(const std::string& owner) {
     }
     if (result == MUXA_BUSY) {
         const std::unique_lock lock(mutex_);
-        leftOver_.push_back(fd);
+        leftOver_[owner] = fd;
     }
     ProcMgrLog(LOG_ERR,
                "PROCMGR : Master UnRegServiceCallBack failed: MuxaClosePipe failed err code: %d",

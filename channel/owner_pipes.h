@@ -6,7 +6,6 @@
 #include <map>
 #include <shared_mutex>
 #include <string>
-#include <vector>
 
 #include "app/owner_link.h"
 #include "platform/messaging.h"
@@ -36,13 +35,16 @@ public:
 private:
     // Tries once more to close the pipes that were busy.
     void CloseLeftOver();
+    // Makes a left-over pipe of the owner, which still holds the name, its pipe again. False when
+    // there is none.
+    bool TakeBackLeftOver(const std::string& owner);
     // Takes the owner's descriptor out of the table, leaving -1.
     int TakeFd(const std::string& owner);
 
     const MuxaCallback handler_;
     mutable std::shared_mutex mutex_;
-    std::map<std::string, int> fds_;  // guarded by mutex_; entries are never erased
-    std::vector<int> leftOver_;       // busy when they were to be closed; guarded by mutex_
+    std::map<std::string, int> fds_;       // guarded by mutex_; entries are never erased
+    std::map<std::string, int> leftOver_;  // busy when they were to be closed; guarded by mutex_
 };
 
 }  // namespace ProcMgr

@@ -15,7 +15,24 @@ namespace ProcMgr {
 using Message::AppStateInfo;
 using Message::RequestMsg;
 
-bool OwnerReports::SendRequestMsg(int fd, const std::vector<RequestMsg>& records) {
+int OwnerReports::SendOne(int fd, const MuxaRequest& request) const {
+    bool isStuck = false;
+    {
+        const std::lock_guard lock(mutex_);
+        isStuck = stuck_.contains(fd);
+    }
+    const int result =
+        isStuck ? MuxaSendRequest(fd, &request) : ProcMgrMuxaSendRequest(fd, &request);
+    const std::lock_guard lock(mutex_);
+    if (result == MUXA_TRY_AGAIN) {
+        stuck_.insert(fd);
+    } else {
+        stuck_.erase(fd);
+    }
+    return result;
+}
+
+bool OwnerReports::SendRequestMsg(int fd, const std::vector<RequestMsg>& records) const {
     if (records.empty()) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Master SendRequestMsg failed: RequestPieceMsg is empty");
         return false;
@@ -24,7 +41,7 @@ bool OwnerReports::SendRequestMsg(int fd, const std::vector<RequestMsg>& records
         MuxaRequest request;
         request.data = &record;
         request.length = sizeof(record);
-        const int result = ProcMgrMuxaSendRequest(fd, &request);
+        const int result = SendOne(fd, request);
         if (result < 0) {
             ProcMgrLog(LOG_ERR, "PROCMGR : Master SendRequestMsg failed, err code=%d, fd=%d",
                        result, fd);

@@ -4,12 +4,15 @@
 
 #include <cstdint>
 #include <map>
+#include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "app/app_info.h"
 #include "app/owner_link.h"
 #include "message/request_msg.h"
+#include "platform/messaging.h"
 
 namespace ProcMgr {
 
@@ -32,11 +35,17 @@ public:
     // Passes on to the access manager what `vintor` says about an application that it runs.
     void RelayAppExecution(const Message::AppExecInfo& info) const;
 
-    // Sends every record in order; what was sent before a failure stays sent.
-    static bool SendRequestMsg(int fd, const std::vector<Message::RequestMsg>& records);
+    // Sends every record in order; what was sent before a failure stays sent. A peer that has once
+    // been waited for in vain is not waited for again before it has taken a record: it must not
+    // hold up what is due to the others.
+    bool SendRequestMsg(int fd, const std::vector<Message::RequestMsg>& records) const;
 
 private:
+    int SendOne(int fd, const MuxaRequest& request) const;
+
     const App::OwnerRegistry& pipes_;
+    mutable std::mutex mutex_;
+    mutable std::set<int> stuck_;  // pipes whose peer does not read; guarded by mutex_
 };
 
 }  // namespace ProcMgr

@@ -154,7 +154,7 @@ bool GeneralApps::Start(const Message::StartAppInfo& item, const std::string& ow
 // Starts what is not running. The report that it runs follows from the next pass.
 void GeneralApps::StartStopped(const Record& record, const std::string& owner,
                                ChangeList& pending) {
-    if (isStopping_ || !record->StartProcess(launcher_)) {
+    if (!StartInMap(record)) {
         pending.emplace_back(owner, MakeStateInfo(*record, TERMINATED_ABNORMAL_EXIT, 0));
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : StartApp : StartProcess failed : appName=%s, pid=%d, state=%s, %s",
@@ -164,8 +164,18 @@ void GeneralApps::StartStopped(const Record& record, const std::string& owner,
         return;
     }
     record->state_ = STARTING;
-    generalAppMap_[record->appName_] = record;
     checks_.Request();
+}
+
+bool GeneralApps::StartInMap(const Record& record) {
+    const bool isNew = generalAppMap_.try_emplace(record->appName_, record).second;
+    if (!isStopping_ && record->StartProcess(launcher_)) {
+        return true;
+    }
+    if (isNew) {
+        generalAppMap_.erase(record->appName_);
+    }
+    return false;
 }
 
 void GeneralApps::HandlePriorityApps(const Record& record, const std::string& owner,
@@ -275,7 +285,7 @@ void GeneralApps::Restart(const Message::RestartAppInfo& item, const std::string
     const bool isRemoved = !IsInMap(record);
     const bool isTerminated = record->state_ == TERMINATED;
     if (isRemoved || isTerminated) {
-        if (isStopping_ || !record->StartProcess(launcher_)) {
+        if (!StartInMap(record)) {
             pending.emplace_back(owner, MakeStateInfo(*record, TERMINATED_ABNORMAL_EXIT, 0));
             ProcMgrLog(LOG_ERR,
                        "PROCMGR : RestartApp failed: StartProcess failed appName=%s, pid=%d",
@@ -285,7 +295,6 @@ void GeneralApps::Restart(const Message::RestartAppInfo& item, const std::string
         }
         record->state_ = RESTARTING;
         record->restartStarted_ = true;
-        generalAppMap_[name] = record;
         checks_.Request();
         ProcMgrLog(LOG_INFO,
                    "PROCMGR : RestartApp=%s, pid=%d success, isRemoved=%d, isTermminated=%d",

@@ -181,7 +181,8 @@ void GeneralApps::StopAll() {
     const SteadyTime now = std::chrono::steady_clock::now();
     SteadyTime end = now;
     for (const auto& [name, app] : generalAppMap_) {
-        if (!app->IsAlive()) {
+        // One whose old process has ended would be started again by the next pass.
+        if (!app->IsAlive() && app->state_ != RESTARTING) {
             continue;
         }
         app->TermProcess();

@@ -83,6 +83,8 @@ private:
     void RestartRunning(const Record& record);
     void HandlePriorityApps(const Record& record, const std::string& owner, ChangeList& pending);
     void StartStopped(const Record& record, const std::string& owner, ChangeList& pending);
+    // Forks with the record in the map already: nothing that fails after the fork can lose it.
+    bool StartInMap(const Record& record);
     uint32_t Probe(App::GeneralAppInfo& app);
     void CheckOne(App::GeneralAppInfo& app, SteadyTime now, ChangeList& changes);
     bool HasLive() const;
@@ -94,7 +96,7 @@ private:
     const OwnerView view_;
 
     // Held while changes are collected and sent, so that an earlier one is sent earlier. Taken
-    // before mutex_; never by a request's handler.
+    // before mutex_.
     std::mutex reportOrder_;
     std::mutex mutex_;
     std::condition_variable exited_;  // an exit has been stored

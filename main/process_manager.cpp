@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <exception>
+#include <new>
 
 #include "app/launch_defaults.h"
 #include "app/sensor_node_event_reporter.h"
@@ -52,7 +53,7 @@ ProcessManager::ProcessManager(const std::string& path)
       generalApps_(launcher_, checks_, reports_, startupConfig_,
                    {.isZornReady = [this] { return baseServices_.IsReady(PROC_ZORNMGR); },
                     .getOwners = [this] { return baseServices_.GetOwners(); }}),
-      baseStartup_(baseServices_, reportedState_, bootCommandLine_, pipes_, reports_,
+      baseStartup_(baseServices_, reportedState_, bootCommandLine_,
                    [this] { return isStopping_.load(); }),
       reaper_(
           {[this](int32_t pid, int32_t status) { return baseServices_.SetExitStatus(pid, status); },
@@ -288,9 +289,15 @@ void ProcessManager::CheckThread() {
 
 void ProcessManager::CheckApplications(CheckPass pass) {
     checks_.Begin(pass);
-    baseServices_.CheckBaseApps(pass);
-    generalApps_.CheckGeneralApps(pass);
-    RemoveTerminatedApps();
+    try {
+        baseServices_.CheckBaseApps(pass);
+        generalApps_.CheckGeneralApps(pass);
+        RemoveTerminatedApps();
+    } catch (const std::bad_alloc&) {
+        // The records say what there is still to do; the next cycle tries again.
+        ProcMgrLog(LOG_ERR, "PROCMGR: CheckThread : out of memory, try again");
+        checks_.Request();
+    }
 }
 
 void ProcessManager::RemoveTerminatedApps() {

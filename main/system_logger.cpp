@@ -26,6 +26,8 @@ constexpr size_t LINE_MAX_LENGTH = 8192;
 // For a logger that works this is long, even at the busiest moment of boot. One that does not costs
 // it once: no line waits again before one has gone through.
 constexpr std::chrono::milliseconds PATIENCE{500};
+// Between two attempts, where room is said to be and is not.
+constexpr std::chrono::milliseconds ROOM_PAUSE{1};
 
 }  // namespace
 
@@ -104,6 +106,9 @@ SystemLogger::Sent SystemLogger::SendPatiently(std::string_view line) {
         // Room that others were quicker to take is waited for again.
         isStuck_ = left.count() <= 0 || poll(&room, 1, static_cast<int>(left.count())) == 0;
         sent = Send(line);
+        if (sent == Sent::QUEUE_FULL) {
+            SleepFor(ROOM_PAUSE);
+        }
     }
     isStuck_ = sent == Sent::QUEUE_FULL;
     return sent;

@@ -224,6 +224,20 @@ TEST_F(SensorNode, StandingFaults) {
     }
 }
 
+TEST_F(SensorNode, AFaultBeforeTheNodeIsShownWhenItIsThere) {
+    WithDevices(1, [](SensorNodeEventReporter& reporter) {
+        reporter.Raise(GENERAL_APP_NODE, "early", EVENT_START_FAILED, 0);
+        reporter.Raise(GENERAL_APP_NODE, "over", EVENT_START_FAILED, 0);
+        reporter.Withdraw(GENERAL_APP_NODE, "over", EVENT_START_FAILED);
+        EXPECT_TRUE(FakeDevice::Get().Calls().empty());
+        reporter.RegisterNodes();
+        EXPECT_EQ(FakeDevice::Get().Calls().back(), "halSensorNodeUpdateState 0 2 0 0xd0");
+        EXPECT_EQ(
+            CallsOf([&] { reporter.Withdraw(GENERAL_APP_NODE, "early", EVENT_START_FAILED); }),
+            Strings{"halSensorNodeUpdateState 0 2 0 0x0"});
+    });
+}
+
 TEST(SensorNodeRule, FaultFlag) {
     EXPECT_EQ(SensorNodeEventReporter::FaultFlag(0x617, 0x28), 1);
     EXPECT_EQ(SensorNodeEventReporter::FaultFlag(0x617, 0x27), 0);

@@ -165,7 +165,7 @@ protected:
     BaseServices services_{launcher_, reportedState_, checks_, pipes_, reports_};
     BootCommandLine commandLine_;
     BaseStartup startup_{services_, reportedState_, commandLine_,
-                         pipes_,    reports_,       [this] { return isStopping_.load(); }};
+                         [this] { return isStopping_.load(); }};
     Reaper collector_{{[this](int32_t pid, int32_t status) {
                           reaped_.insert(pid);
                           return services_.SetExitStatus(pid, status);

@@ -143,6 +143,17 @@ TEST_F(OwnerPipesTest, APipeThatStaysBusyIsClosedLater) {
     EXPECT_TRUE(FakeMuxa::Get().OpenFds().empty()) << "its handler may run on";
 }
 
+TEST_F(OwnerPipesTest, APipeThatStaysBusyServesTheOwnersNextProcess) {
+    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 0));
+    const int fd = pipes_.GetServiceFd("owner");
+    FakeMuxa::Get().Push(Call::CLOSE, -16, 20 + 1);
+    pipes_.UnRegServiceCallBack("owner");
+    EXPECT_EQ(pipes_.GetServiceFd("owner"), -1);
+    EXPECT_TRUE(pipes_.RegServiceCallBack("owner", 0)) << "the name is still taken, by itself";
+    EXPECT_EQ(pipes_.GetServiceFd("owner"), fd);
+    EXPECT_EQ(FakeMuxa::Get().Opens().size(), 1U);
+}
+
 TEST_F(OwnerPipesTest, SendersWaitWhileAPipeIsBeingOpened) {
     std::future<int> lookup;
     FakeMuxa::Get().SetHook(Call::OPEN, [&](int32_t) {

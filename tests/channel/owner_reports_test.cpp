@@ -103,10 +103,24 @@ TEST_F(OwnerReportsTest, EveryFailureIsNamed) {
     EXPECT_TRUE(FakeMuxa::Get().Delivered().empty());
 }
 
+TEST_F(OwnerReportsTest, APeerThatDoesNotReadIsWaitedForOnce) {
+    const std::vector<RequestMsg> record(1);
+    FakeMuxa::Get().SetDefault(Call::SEND, -11);
+    EXPECT_FALSE(reports_.SendRequestMsg(7, record));
+    const size_t patient = FakeMuxa::Get().Count(Call::SEND);
+    EXPECT_FALSE(reports_.SendRequestMsg(7, record));
+    EXPECT_EQ(FakeMuxa::Get().Count(Call::SEND), patient + 1) << "it holds up nobody any more";
+    FakeMuxa::Get().Push(Call::SEND, 0);
+    EXPECT_TRUE(reports_.SendRequestMsg(7, record));
+    FakeMuxa::Get().Push(Call::SEND, -11);
+    FakeMuxa::Get().Push(Call::SEND, 0);
+    EXPECT_TRUE(reports_.SendRequestMsg(7, record)) << "one that reads again is waited for again";
+}
+
 TEST_F(OwnerReportsTest, RecordsBeforeAFailureStaySent) {
     FakeMuxa::Get().Push(Call::SEND, 0);
     FakeMuxa::Get().Push(Call::SEND, -104);
-    EXPECT_FALSE(OwnerReports::SendRequestMsg(7, std::vector<RequestMsg>(3)));
+    EXPECT_FALSE(reports_.SendRequestMsg(7, std::vector<RequestMsg>(3)));
     EXPECT_EQ(FakeMuxa::Get().Count(Call::SEND), 2U);
     EXPECT_EQ(FakeMuxa::Get().Delivered().size(), 1U);
 }

@@ -25,6 +25,15 @@ protected:
         }
         return reports;
     }
+    // Its part of the memory that is only its own.
+    long PrivatePages() const {
+        std::ifstream file("/proc/" + std::to_string(harness_.GetPid()) + "/statm");
+        long total = 0;
+        long resident = 0;
+        long shared = 0;
+        file >> total >> resident >> shared;
+        return resident - shared;
+    }
     size_t CountDescriptors() const {
         const std::filesystem::directory_iterator fds("/proc/" + std::to_string(harness_.GetPid()) +
                                                       "/fd");
@@ -40,11 +49,13 @@ TEST_F(Supervision, EachOfManyDeathsIsReportedOnceAndLeaksNothing) {
          "depends: [zornmgr]}\n");
     ASSERT_TRUE(WaitUntil([] { return ReportsOf("svc").size() >= WARM_UP; }));
     const size_t descriptors = CountDescriptors();
+    const long pages = PrivatePages();
     ASSERT_TRUE(WaitUntil([] { return ReportsOf("svc").size() >= WARM_UP + REPORTS; }));
     const std::string reports = ReportsOf("svc");
     for (size_t i = 0; i < reports.size(); ++i) {
         ASSERT_EQ(reports[i], i % 2 == 0 ? 'R' : 'T') << "report " << i << " of " << reports;
     }
+    EXPECT_LE(PrivatePages(), pages + 64);
     // Between the death and the new pipe there is one less.
     EXPECT_NEAR(static_cast<double>(CountDescriptors()), static_cast<double>(descriptors), 2);
     EXPECT_EQ(harness_.Log().Count("can not find app"), 0U);

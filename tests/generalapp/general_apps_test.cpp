@@ -387,5 +387,16 @@ TEST_F(GeneralAppsTest, TheStopEndsAllAndStartsNothingMore) {
     EXPECT_EQ(reports_.Count("vintor b 4 0"), 1U);
 }
 
+TEST_F(GeneralAppsTest, ARestartUnderWayEndsWithTheStop) {
+    Start("a");
+    const pid_t pid = reports_.LastPid();
+    apps_.RestartApp({{"a", {}, {}}}, "vintor");
+    ASSERT_TRUE(WaitUntil([&] { return kill(pid, 0) != 0; }));
+    apps_.StopAll();
+    Check();
+    EXPECT_THAT(apps_.GetStates(), IsEmpty());
+    EXPECT_EQ(reports_.Count("vintor a 3 0"), 1U);
+}
+
 }  // namespace
 }  // namespace ProcMgr
