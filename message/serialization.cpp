@@ -11,7 +11,6 @@ namespace ProcMgr::Serialization {
 namespace {
 
 using Message::AppStateInfo;
-using Message::PM_PIPE_BUF_MAX;
 using Message::RequestMsg;
 using Message::RequestType;
 
