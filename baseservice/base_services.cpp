@@ -95,7 +95,8 @@ bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
     }
     found->SetExitStatus(status);
     const bool isYoung = std::chrono::steady_clock::now() - found->startTime_ <= CHECK_PERIOD;
-    isYoung ? checks_.Request() : checks_.RequestNow();
+    // At the stop there is no crash loop, but somebody who may still be told.
+    isYoung && !isStopping_ ? checks_.Request() : checks_.RequestNow();
     exited_.notify_all();
     return true;
 }

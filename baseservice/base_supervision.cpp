@@ -92,8 +92,8 @@ std::vector<App::AppInfo> BaseServices::CheckStates(CheckPass pass) {
 
 bool BaseServices::NeedsCheck(const Record& record, CheckPass pass, SteadyTime now) const {
     if (pass == CheckPass::EXTRA) {
-        const bool hadLived = now - record.startTime_ > CHECK_PERIOD;
-        return record.exitStatusSet_ && record.state_ != TERMINATED && hadLived;
+        const bool isOld = isStopping_ || now - record.startTime_ > CHECK_PERIOD;
+        return record.exitStatusSet_ && record.state_ != TERMINATED && isOld;
     }
     if (record.state_ == TERMINATED) {
         return IsRestartable(record) && !isStopping_;

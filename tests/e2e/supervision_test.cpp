@@ -55,7 +55,11 @@ TEST_F(Supervision, EachOfManyDeathsIsReportedOnceAndLeaksNothing) {
     for (size_t i = 0; i < reports.size(); ++i) {
         ASSERT_EQ(reports[i], i % 2 == 0 ? 'R' : 'T') << "report " << i << " of " << reports;
     }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_LE(PrivatePages(), pages + 64);
+#else
+    (void)pages;  // a sanitizer keeps what was freed
+#endif
     // Between the death and the new pipe there is one less.
     EXPECT_NEAR(static_cast<double>(CountDescriptors()), static_cast<double>(descriptors), 2);
     EXPECT_EQ(harness_.Log().Count("can not find app"), 0U);
