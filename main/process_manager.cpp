@@ -212,6 +212,7 @@ void ProcessManager::HandleBaseServiceState(const std::string& owner, BaseServic
         case BaseServiceStateType::INIT:
             if (isZorn) {
                 ReportEverythingToZorn();
+                wasZornReady_ = false;  // it need not be told again
                 HandleReady(owner);
             }
             return;

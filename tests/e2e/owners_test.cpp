@@ -245,6 +245,22 @@ TEST_F(Owners, PriorityApplicationsAreHeldBackUntilTheAccessManagerIsReady) {
     EXPECT_THAT(zornmgr.Next(3), UnorderedElementsAre("PROCMGR 0", "early 0", "late 0"));
 }
 
+TEST_F(Owners, AnAccessManagerThatComesBackIsToldEverything) {
+    Boot(
+        "  - {name: zornmgr, bin: /bin/sleep, args: ['0.3'], reporting: true, "
+        "restart: on-forever}\n" +
+        Entry("svc", "stay", "depends: [zornmgr]"));
+    {
+        RawOwner first("zornmgr");
+        ASSERT_TRUE(first.Attach());
+        EXPECT_EQ(first.Next(), "svc 0");
+        ASSERT_TRUE(WaitForLine("PROCMGR : Restarting process zornmgr"));
+    }
+    RawOwner second("zornmgr");
+    ASSERT_TRUE(second.Attach());
+    EXPECT_THAT(second.Next(2), UnorderedElementsAre("PROCMGR 0", "svc 0"));
+}
+
 TEST_F(Owners, NoRubbishStopsTheDaemon) {
     Boot(Owner("vintor") + "applications:\n" + App("a"));
     RawOwner vintor("vintor");
