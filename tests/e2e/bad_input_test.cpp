@@ -57,8 +57,9 @@ TEST_P(UnusableFileTest, IsNamedAndTheDaemonStaysUp) {
             errors.push_back(line);
         }
     }
+    const std::vector<std::string>& wanted = parts;
     EXPECT_TRUE(std::any_of(errors.begin(), errors.end(), [&](const std::string& error) {
-        return std::all_of(parts.begin(), parts.end(), [&](const std::string& part) {
+        return std::all_of(wanted.begin(), wanted.end(), [&](const std::string& part) {
             return error.find(part) != std::string::npos;
         });
     })) << testing::PrintToString(errors);

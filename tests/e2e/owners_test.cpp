@@ -274,7 +274,8 @@ TEST_F(Owners, NoRubbishStopsTheDaemon) {
         record.size = round % 3 == 0 ? random() : random() % 4000;
         const bool isText = round % 2 == 0;
         for (auto& byte : record.data) {
-            byte = static_cast<uint8_t>(isText ? "0123456789##--a"[random() % 15] : random());
+            byte = isText ? static_cast<uint8_t>("0123456789##--a"[random() % 15])
+                          : static_cast<uint8_t>(random());
         }
         if (record.type == 3) {
             continue;  // a state report is believed

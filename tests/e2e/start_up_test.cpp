@@ -67,6 +67,8 @@ TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
     constexpr const char* ZORNMGR_STARTED =
         "6 STAMP Start baseApp success appName=zornmgr, binPath=/run/e2e/test_service, pid=PID, "
         "isDelayCoreAffinity_=0";
+    // Some lines are longer than this file is wide.
+    // NOLINTBEGIN(bugprone-suspicious-missing-comma)
     std::vector<std::string> expected = {
         "6 ProcMgr: main begin: baseServiceCfgPath: /run/e2e/base.yaml",
         "6 STAMP, PM main begin",
@@ -101,6 +103,7 @@ TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
         "6 STAMP PM receive BASESERVICE_STATE_REPORT msg from zornmgr report state=RUNNING",
         "6 STAMP InitBaseApp:zornmgr success, report RUNNING!",
     };
+    // NOLINTEND(bugprone-suspicious-missing-comma)
     AddStart(expected, "svc_a", {"zornmgr"});
     AddStart(expected, "svc_b", {"zornmgr"});
     AddStart(expected, "svc_c", {"svc_a", "svc_b"});

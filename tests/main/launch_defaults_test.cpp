@@ -25,8 +25,9 @@ TEST_F(LaunchDefaults, HomeOfTheDefaultAccount) {
         {"# " + std::string(3000, '-') + "\nsvc:x:1000:1000::/home/svc:/bin/sh\n", "/home/svc"},
         {root + "svc:x:1000:100::/home/svc:/bin/sh\n", ""},
     };
-    for (const auto& [passwd, home] : cases) {
+    for (const auto& testCase : cases) {
         const int status = RunIsolated([&] {
+            const auto& [passwd, home] = testCase;
             BindFile(passwd, "/etc/passwd");
             LogCapture::Clear();
             InquireHomeEnvVariable();
