@@ -7,12 +7,16 @@
 #include <cstring>
 #include <system_error>
 
+#include "message/little_endian.h"
+
 namespace ProcMgr::Agent {
 namespace {
 
 using Message::AppStateInfo;
+using Message::LoadLittleEndian;
 using Message::PM_PIPE_BUF_MAX;
 using Message::RequestMsg;
+using Message::StoreLittleEndian;
 
 constexpr uint32_t MAGIC = 0x4158554D;
 constexpr size_t KIND_OFFSET = 4;
@@ -27,22 +31,7 @@ constexpr size_t ITEM_MIN = std::string_view("#0#0#0#0#").size();
 
 constexpr size_t NAME_MAX_LENGTH = 127;
 constexpr std::string_view PIPE_DIRECTORY = "/run/muxa/pipe/";
-
-template <typename Number>
-void Store(Number value, uint8_t* out) {
-    for (size_t i = 0; i < sizeof(value); ++i) {
-        out[i] = static_cast<uint8_t>(value >> (8 * i));
-    }
-}
-
-template <typename Number>
-Number Load(const uint8_t* in) {
-    Number value = 0;
-    for (size_t i = 0; i < sizeof(value); ++i) {
-        value |= static_cast<Number>(in[i]) << (8 * i);
-    }
-    return value;
-}
+constexpr std::string_view SERVER_DIRECTORY = "/run/muxa/server/";
 
 // Not by isalnum: the answer must not depend on the service's locale.
 bool IsPlain(char c) {
@@ -82,16 +71,13 @@ bool TakeItem(std::string_view& text, AppStateInfo& item) {
            TakeNumber(text, item.reportType) && TakeNumber(text, item.result);
 }
 
-}  // namespace
-
-std::string PipePath(std::string_view serviceName) {
+std::string SocketPath(std::string_view directory, std::string_view name) {
     constexpr std::string_view DIGITS = "0123456789ABCDEF";
-    if (serviceName.empty() || serviceName.size() > NAME_MAX_LENGTH || serviceName == "." ||
-        serviceName == "..") {
+    if (name.empty() || name.size() > NAME_MAX_LENGTH || name == "." || name == "..") {
         return {};
     }
-    std::string path(PIPE_DIRECTORY);
-    for (const char c : serviceName) {
+    std::string path(directory);
+    for (const char c : name) {
         if (IsPlain(c)) {
             path += c;
             continue;
@@ -102,28 +88,51 @@ std::string PipePath(std::string_view serviceName) {
     return path.size() < sizeof(sockaddr_un::sun_path) ? path : std::string();
 }
 
+void StoreHeader(PacketKind kind, uint64_t sequence, uint8_t* packet) {
+    StoreLittleEndian(MAGIC, packet);
+    StoreLittleEndian(static_cast<uint32_t>(kind), packet + KIND_OFFSET);
+    StoreLittleEndian(sequence, packet + SEQUENCE_OFFSET);
+}
+
+}  // namespace
+
+std::string PipePath(std::string_view serviceName) {
+    return SocketPath(PIPE_DIRECTORY, serviceName);
+}
+
+std::string ServerPath(std::string_view serverName) {
+    return SocketPath(SERVER_DIRECTORY, serverName);
+}
+
+std::vector<uint8_t> EncodePacket(PacketKind kind, uint64_t sequence,
+                                  std::span<const uint8_t> body) {
+    std::vector<uint8_t> packet(PACKET_HEADER_SIZE + body.size());
+    StoreHeader(kind, sequence, packet.data());
+    std::copy(body.begin(), body.end(), packet.begin() + PACKET_HEADER_SIZE);
+    return packet;
+}
+
 RecordPacket EncodeRecordPacket(PacketKind kind, uint64_t sequence, const RequestMsg& record) {
     RecordPacket packet{};
-    Store(MAGIC, packet.data());
-    Store(static_cast<uint32_t>(kind), packet.data() + KIND_OFFSET);
-    Store(sequence, packet.data() + SEQUENCE_OFFSET);
+    StoreHeader(kind, sequence, packet.data());
     uint8_t* const body = packet.data() + PACKET_HEADER_SIZE;
-    Store(record.type, body);
-    Store(record.size, body + RECORD_SIZE_OFFSET);
+    StoreLittleEndian(record.type, body);
+    StoreLittleEndian(record.size, body + RECORD_SIZE_OFFSET);
     std::memcpy(body + RECORD_DATA_OFFSET, record.data, PM_PIPE_BUF_MAX);
     return packet;
 }
 
 std::optional<Packet> DecodePacket(std::span<const uint8_t> bytes) {
     if (bytes.size() < PACKET_HEADER_SIZE || bytes.size() > PACKET_MAX ||
-        Load<uint32_t>(bytes.data()) != MAGIC) {
+        LoadLittleEndian<uint32_t>(bytes.data()) != MAGIC) {
         return std::nullopt;
     }
-    const auto kind = static_cast<PacketKind>(Load<uint32_t>(bytes.data() + KIND_OFFSET));
+    const auto kind =
+        static_cast<PacketKind>(LoadLittleEndian<uint32_t>(bytes.data() + KIND_OFFSET));
     if (kind < PacketKind::REQUEST || kind > PacketKind::RESPONSE) {
         return std::nullopt;
     }
-    return Packet{kind, Load<uint64_t>(bytes.data() + SEQUENCE_OFFSET),
+    return Packet{kind, LoadLittleEndian<uint64_t>(bytes.data() + SEQUENCE_OFFSET),
                   bytes.subspan(PACKET_HEADER_SIZE)};
 }
 
@@ -132,8 +141,8 @@ std::optional<RequestMsg> DecodeRecord(std::span<const uint8_t> body) {
         return std::nullopt;
     }
     RequestMsg record;
-    record.type = Load<uint32_t>(body.data());
-    record.size = Load<uint64_t>(body.data() + RECORD_SIZE_OFFSET);
+    record.type = LoadLittleEndian<uint32_t>(body.data());
+    record.size = LoadLittleEndian<uint64_t>(body.data() + RECORD_SIZE_OFFSET);
     if (record.size > PM_PIPE_BUF_MAX) {
         return std::nullopt;
     }

@@ -1,7 +1,7 @@
 // The bytes that owners and the daemon exchange, to values and back: packet headers, records and
-// what the records carry. Called by OwnerChannel. Pure functions that may be called from any
-// thread; none reads past what it is given, and what they allocate is bounded by the input's
-// length.
+// what the records carry. Called by OwnerChannel and RegisterUpload. Pure functions that may be
+// called from any thread; none reads past what it is given, and what they allocate is bounded by
+// the input's length.
 #pragma once
 
 #include <array>
@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "message/delay_core_affinity.h"
 #include "message/enum_names.h"
 #include "message/request_msg.h"
 
@@ -42,7 +43,12 @@ using RecordPacket = std::array<uint8_t, PACKET_HEADER_SIZE + sizeof(Message::Re
 // The path of the pipe of a service; empty when the name cannot be a service's or its path is too
 // long for a socket address.
 std::string PipePath(std::string_view serviceName);
+// Likewise of a server.
+std::string ServerPath(std::string_view serverName);
 
+// `body`: at most PACKET_BODY_MAX bytes.
+std::vector<uint8_t> EncodePacket(PacketKind kind, uint64_t sequence,
+                                  std::span<const uint8_t> body);
 RecordPacket EncodeRecordPacket(PacketKind kind, uint64_t sequence,
                                 const Message::RequestMsg& record);
 
@@ -75,8 +81,14 @@ std::optional<Records> MakeExecutionReport(const Message::AppExecInfo& info);
 // `type`: LOAD_STARTUP_CFG or RELOAD_STARTUP_CFG.
 std::optional<Records> MakeStartupCfgRequest(Message::RequestType type,
                                              const Message::StartupCfgInfo& info);
+// The body of the packet that asks for delayed core affinity.
+std::array<uint8_t, sizeof(Message::DelayCoreAffinityReq)> MakeDelayRequest(
+    const Message::DelayCoreAffinityReq& request);
 // Names may hold any byte. Nothing when they, or the answer, do not fit into one record.
 std::optional<Records> MakeQuery(const std::vector<std::string>& names);
+
+// The result that a response's body consists of; nothing when it has another length.
+std::optional<uint32_t> DecodeResult(std::span<const uint8_t> body);
 
 // What an APP_DETAIL_STATUS_REPORT carries; nothing when it is another record or is cut short.
 std::optional<std::map<std::string, uint32_t>> DecodeDetailStatus(

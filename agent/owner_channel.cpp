@@ -3,16 +3,15 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <set>
 #include <string_view>
 #include <utility>
 
 #include "agent/codec.h"
+#include "agent/packet_socket.h"
 #include "agent/signal_free_thread.h"
 
 namespace ProcMgr::Agent {
@@ -21,42 +20,12 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// Between two attempts to connect.
-constexpr milliseconds RETRY_PAUSE{20};
 // How long a request waits for a daemon that does not read, and how often it looks.
 constexpr milliseconds SEND_PATIENCE{2000};
 constexpr milliseconds SEND_PAUSE{5};
 // From which the daemon expects no dynamic parameters.
 constexpr std::string_view ACCESS_MANAGER = "zornmgr";
 constexpr milliseconds FOR_EVER{-1};
-// Keeps the sum of a time-out and the clock in range.
-constexpr milliseconds LONGEST_WAIT = std::chrono::hours(24 * 365);
-
-UniqueFd Connect(const std::string& path) {
-    UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof(address.sun_path) - 1));
-    if (!fd.IsValid() ||
-        connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
-        fd.Reset();
-    }
-    return fd;
-}
-
-// Blocks no longer than the kernel needs; nothing when there is no packet, 0 bytes at the end.
-std::optional<size_t> Receive(int fd, std::span<uint8_t> buffer) {
-    ssize_t length = 0;
-    do {
-        // A peer that went with our packets unread is told once as ECONNRESET, ahead of what it
-        // had sent before. MSG_TRUNC yields the full length of a packet that does not fit.
-        length = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
-    } while (length < 0 && (errno == EINTR || errno == ECONNRESET));
-    if (length < 0) {
-        return errno == EAGAIN ? std::nullopt : std::optional<size_t>(0);
-    }
-    return static_cast<size_t>(length);
-}
 
 }  // namespace
 
@@ -134,7 +103,7 @@ bool OwnerChannel::StartThread() {
 void OwnerChannel::Run() {
     short none = 0;
     do {
-        const UniqueFd connection = Connect(path_);
+        const UniqueFd connection = ConnectSocket(path_);
         if (connection.IsValid()) {
             Serve(connection.Get());
         }
@@ -155,14 +124,18 @@ void OwnerChannel::Serve(int fd) {
         const std::lock_guard lock(mutex_);
         FlushState();
     }
-    // Nobody sends on it from here on, so the caller may close it.
-    const std::lock_guard lock(mutex_);
-    fd_ = -1;
+    {
+        // Nobody sends on it from here on, so the caller may close it.
+        const std::lock_guard lock(mutex_);
+        fd_ = -1;
+        isCut_ = true;
+    }
+    answered_.notify_all();
 }
 
 // False when the connection is over: the daemon has gone, or sends what is no packet.
 bool OwnerChannel::ReceiveOne(int fd, std::span<uint8_t> buffer) {
-    const std::optional<size_t> length = Receive(fd, buffer);
+    const std::optional<size_t> length = ReceivePacket(fd, buffer);
     if (!length) {
         return true;
     }
@@ -173,12 +146,28 @@ bool OwnerChannel::ReceiveOne(int fd, std::span<uint8_t> buffer) {
     if (!packet) {
         return false;
     }
+    if (packet->kind == PacketKind::RESPONSE) {
+        HandleResponse(packet->sequence, DecodeResult(packet->body));
+        return true;
+    }
     // What is no record, or of a type that is not known, is of a later version's daemon.
     const std::optional<Message::RequestMsg> record = DecodeRecord(packet->body);
-    if (packet->kind != PacketKind::RESPONSE && record) {
+    if (record) {
         HandleRecord(*record);
     }
     return true;
+}
+
+// What is not for the call under way answers one that gave up.
+void OwnerChannel::HandleResponse(uint64_t sequence, std::optional<uint32_t> result) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (sequence != sequence_ || !result) {
+            return;
+        }
+        result_ = result;
+    }
+    answered_.notify_all();
 }
 
 void OwnerChannel::HandleRecord(const Message::RequestMsg& record) {
@@ -253,33 +242,60 @@ std::optional<OwnerChannel::StatusByName> OwnerChannel::QueryAppState(
         return StatusByName();
     }
     const auto query = MakeQuery(names);
-    const std::set<std::string> wanted(names.begin(), names.end());
-    const auto deadline = steady_clock::now() + std::clamp(timeout, milliseconds(0), LONGEST_WAIT);
-    std::unique_lock lock(mutex_);
-    if (!query || thread_.get_id() == std::this_thread::get_id() ||
-        !answered_.wait_until(lock, deadline, [this] { return !isQuerying_; })) {
+    if (!query) {
         return std::nullopt;
     }
-    isQuerying_ = true;
+    const std::set<std::string> wanted(names.begin(), names.end());
+    std::optional<StatusByName> answer;
+    const auto takeAnswer = [&] {
+        // One that answers another query came too late for that.
+        if (answer_ && answer_->size() == wanted.size() &&
+            std::all_of(answer_->begin(), answer_->end(),
+                        [&](const auto& entry) { return wanted.contains(entry.first); })) {
+            answer.swap(answer_);
+        }
+        return answer.has_value();
+    };
+    Ask(EncodeRecordPacket(PacketKind::REQUEST, 0, query->front()), 0, timeout, takeAnswer);
+    return answer;
+}
+
+std::optional<uint32_t> OwnerChannel::SetDelayCoreAffinity(
+    const Message::DelayCoreAffinityReq& request, milliseconds timeout) {
+    const uint64_t sequence = ++lastSequence_;
+    std::optional<uint32_t> result;
+    const auto takeResult = [&] {
+        result = result_;
+        return result.has_value();
+    };
+    Ask(EncodePacket(PacketKind::CALL, sequence, MakeDelayRequest(request)), sequence, timeout,
+        takeResult);
+    return result;
+}
+
+void OwnerChannel::Ask(std::span<const uint8_t> packet, uint64_t sequence, milliseconds timeout,
+                       const std::function<bool()>& take) {
+    const auto deadline = DeadlineIn(timeout);
+    std::unique_lock lock(mutex_);
+    if (thread_.get_id() == std::this_thread::get_id() ||
+        !answered_.wait_until(lock, deadline, [this] { return !isAsking_; })) {
+        return;
+    }
+    isAsking_ = true;
+    isCut_ = false;
+    sequence_ = sequence;
     answer_.reset();
+    result_.reset();
     lock.unlock();
     const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
     // Alone: it need not wait for the whole list of another caller.
-    const bool isSent = SendOne(query->front(), std::min(left, SEND_PATIENCE));
+    const bool isSent = SendOne(packet, std::min(left, SEND_PATIENCE));
     lock.lock();
-    // One that answers another query came too late for that.
-    const auto isAnswered = [&] {
-        return answer_ && answer_->size() == wanted.size() &&
-               std::all_of(answer_->begin(), answer_->end(),
-                           [&](const auto& entry) { return wanted.contains(entry.first); });
-    };
-    std::optional<StatusByName> answer;
-    if (isSent && answered_.wait_until(lock, deadline, isAnswered)) {
-        answer.swap(answer_);
+    if (isSent) {
+        answered_.wait_until(lock, deadline, [&] { return take() || isCut_; });
     }
-    isQuerying_ = false;
+    isAsking_ = false;
     answered_.notify_all();
-    return answer;
 }
 
 bool OwnerChannel::SendAll(const std::optional<std::vector<Message::RequestMsg>>& records) {
@@ -287,14 +303,14 @@ bool OwnerChannel::SendAll(const std::optional<std::vector<Message::RequestMsg>>
         return false;
     }
     const std::lock_guard order(sendMutex_);
-    return std::all_of(records->begin(), records->end(),
-                       [this](const auto& record) { return SendOne(record, SEND_PATIENCE); });
+    return std::all_of(records->begin(), records->end(), [this](const auto& record) {
+        return SendOne(EncodeRecordPacket(PacketKind::REQUEST, 0, record), SEND_PATIENCE);
+    });
 }
 
 // Tries again while the daemon's queue is full. The lock is not held in between: the thread goes on
 // to receive.
-bool OwnerChannel::SendOne(const Message::RequestMsg& record, milliseconds patience) {
-    const RecordPacket packet = EncodeRecordPacket(PacketKind::REQUEST, 0, record);
+bool OwnerChannel::SendOne(std::span<const uint8_t> packet, milliseconds patience) {
     const auto deadline = steady_clock::now() + patience;
     while (true) {
         {

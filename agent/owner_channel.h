@@ -3,6 +3,7 @@
 // what the daemon reports. This is what an owner service includes and keeps one object of.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -17,6 +18,7 @@
 
 #include "agent/heartbeat_sender.h"
 #include "agent/unique_fd.h"
+#include "message/delay_core_affinity.h"
 #include "message/enum_names.h"
 #include "message/request_msg.h"
 
@@ -76,12 +78,20 @@ public:
     bool ReloadStartupCfg(const Message::StartupCfgInfo& info);
 
     // Asks for the state of applications and waits for the answer: by name 0 alive, 1 gone or
-    // unknown, 2 stopped. Nothing when it does not come within `timeout`, or when the names or
-    // their answer do not fit into one record. One query at a time: further callers wait, up to
-    // their time-outs. Not in callbacks, where it returns nothing at once.
+    // unknown, 2 stopped. Nothing when it does not come within `timeout` or before the connection
+    // ends, or when the names or their answer do not fit into one record. One query or
+    // SetDelayCoreAffinity at a time: further callers wait, up to their time-outs. Not in
+    // callbacks, where it returns nothing at once.
     using StatusByName = std::map<std::string, uint32_t>;
     std::optional<StatusByName> QueryAppState(const std::vector<std::string>& names,
                                               std::chrono::milliseconds timeout);
+
+    // Binds the applications that are marked for delayed core affinity to their cores, or undoes
+    // that, and waits for the result: DELAY_OK, DELAY_BUSY or DELAY_FAILED. Nothing when it does
+    // not come within `timeout` or before the connection ends; the request may be carried out all
+    // the same. Takes turns with queries; not in callbacks either.
+    std::optional<uint32_t> SetDelayCoreAffinity(const Message::DelayCoreAffinityReq& request,
+                                                 std::chrono::milliseconds timeout);
 
     // Sets what is called, on the channel's thread, for each record of state reports, in the order
     // sent; reports that come while nothing is set are dropped, so set it before Attach. The
@@ -100,12 +110,17 @@ private:
     void Serve(int fd);
     bool ReceiveOne(int fd, std::span<uint8_t> buffer);
     void HandleRecord(const Message::RequestMsg& record);
+    void HandleResponse(uint64_t sequence, std::optional<uint32_t> result);
     // Waits for `fd` (-1: none), a wake-up or the time-out; false when the channel is stopped.
     bool Wait(int fd, std::chrono::milliseconds timeout, short& events);
     // Sends all in one go, apart from the lists of other callers.
     bool SendAll(const std::optional<std::vector<Message::RequestMsg>>& records);
     // Waits up to `patience` for room in the daemon's queue.
-    bool SendOne(const Message::RequestMsg& record, std::chrono::milliseconds patience);
+    bool SendOne(std::span<const uint8_t> packet, std::chrono::milliseconds patience);
+    // Sends a question when it is its turn and waits until `take`, called with mutex_ held, has got
+    // the answer. `sequence`: of the response to it, 0 when it is answered otherwise.
+    void Ask(std::span<const uint8_t> packet, uint64_t sequence, std::chrono::milliseconds timeout,
+             const std::function<bool()>& take);
     // Both for callers that hold mutex_.
     bool FlushState();
     void Wake() const;
@@ -113,6 +128,8 @@ private:
     const std::string serviceName_;
     const std::string path_;  // empty: no service can have the name
     HeartbeatSender heartbeat_;
+
+    std::atomic<uint64_t> lastSequence_{0};
 
     std::mutex sendMutex_;  // held while a list's records are sent; before mutex_
 
@@ -125,9 +142,12 @@ private:
     std::optional<BaseServiceStateType> state_;  // the last one reported
     bool isStateUnsent_ = false;
     std::shared_ptr<const AppStateCallback> onAppState_;
-    std::condition_variable answered_;  // an answer has come, or the next query may begin
-    bool isQuerying_ = false;
-    std::optional<StatusByName> answer_;  // of the query under way
+    std::condition_variable answered_;  // one of the following has changed
+    bool isAsking_ = false;             // a query or a call is under way
+    bool isCut_ = false;                // the connection has ended since that began
+    uint64_t sequence_ = 0;             // of the last call; 0: it was a query
+    std::optional<StatusByName> answer_;
+    std::optional<uint32_t> result_;
 };
 
 }  // namespace ProcMgr::Agent

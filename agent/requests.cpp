@@ -1,9 +1,10 @@
-// The requests of an owner, as bytes, and the answer of a query.
+// The requests of an owner, as bytes, and what they are answered with.
 #include <algorithm>
 #include <cstring>
 #include <set>
 
 #include "agent/codec.h"
+#include "message/little_endian.h"
 
 namespace ProcMgr::Agent {
 namespace {
@@ -202,6 +203,24 @@ std::optional<Records> MakeQuery(const std::vector<std::string>& names) {
         return std::nullopt;
     }
     return Records{MakeRecord(Message::QUERY_APP_STATE, bytes)};
+}
+
+std::array<uint8_t, sizeof(Message::DelayCoreAffinityReq)> MakeDelayRequest(
+    const Message::DelayCoreAffinityReq& request) {
+    using Message::DelayCoreAffinityReq;
+    std::array<uint8_t, sizeof(DelayCoreAffinityReq)> body{};
+    body[offsetof(DelayCoreAffinityReq, state)] = request.state;
+    body[offsetof(DelayCoreAffinityReq, checkNum)] = static_cast<uint8_t>(request.checkNum);
+    body[offsetof(DelayCoreAffinityReq, isWakeUpEnable)] = request.isWakeUpEnable;
+    Message::StoreLittleEndian(request.checkInterval,
+                               &body[offsetof(DelayCoreAffinityReq, checkInterval)]);
+    return body;
+}
+
+std::optional<uint32_t> DecodeResult(std::span<const uint8_t> body) {
+    return body.size() == sizeof(uint32_t)
+               ? std::optional(Message::LoadLittleEndian<uint32_t>(body.data()))
+               : std::nullopt;
 }
 
 std::optional<std::map<std::string, uint32_t>> DecodeDetailStatus(const RequestMsg& record) {

@@ -7,9 +7,14 @@ trap 'rm -rf "$work"' EXIT
 cmake --install "$1" --component agent --prefix "$work/prefix" >/dev/null
 cat >"$work/client.cpp" <<'END'
 #include "agent/owner_channel.h"
+#include "agent/upload.h"
+using namespace std::chrono_literals;
 int main() {
     ProcMgr::Agent::OwnerChannel channel("client");
-    return channel.StartApps({{"app", {}, {}}}) || channel.IsAttached() ? 1 : 0;
+    return channel.StartApps({{"app", {}, {}}}) || channel.IsAttached() ||
+                   ProcMgr::Agent::RegisterUpload("client", {}, 0ms)
+               ? 1
+               : 0;
 }
 END
 cat >"$work/CMakeLists.txt" <<'END'

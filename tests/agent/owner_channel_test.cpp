@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
@@ -287,6 +288,7 @@ TEST_F(OwnerChannelTest, GivesUpOnADaemonThatDoesNotReadAndHearsItMeanwhile) {
     OwnerChannel channel(NAME);
     channel.OnAppState([&](const std::vector<AppStateInfo>& infos) {
         EXPECT_FALSE(channel.QueryAppState({"a"}, PATIENCE)) << "its answer could not be received";
+        EXPECT_FALSE(channel.SetDelayCoreAffinity({}, PATIENCE)) << "nor its result";
         isAsked.set_value(channel.TermApps({{infos.front().appName}}));
     });
     ASSERT_TRUE(channel.Attach(PATIENCE));
@@ -339,6 +341,51 @@ TEST_F(OwnerChannelTest, QueriesOneAtATimeAndTakesOnlyTheirAnswers) {
     EXPECT_EQ(Told(daemon.Receive()), Asked('b'));
     daemon.SendText(Message::APP_DETAIL_STATUS_REPORT, Answer('b', 1));
     EXPECT_EQ(second.get(), (OwnerChannel::StatusByName{{"b", 1}}));
+}
+
+TEST_F(OwnerChannelTest, SetsDelayCoreAffinityAndTakesOnlyTheResultOfThatCall) {
+    std::optional<Daemon> daemon(std::in_place);
+    OwnerChannel channel(NAME);
+    EXPECT_FALSE(channel.SetDelayCoreAffinity({}, PATIENCE)) << "not attached";
+    ASSERT_TRUE(channel.Attach(PATIENCE));
+    daemon->Accept();
+    const auto set = [&] {
+        return std::async(std::launch::async, [&] {
+            return channel.SetDelayCoreAffinity({Message::DELAY_RESET, -1, 1, 9, 0x01020304},
+                                                PATIENCE * 2);
+        });
+    };
+    // The sequence number of the request; 0 when it is another one.
+    const auto receive = [&]() -> uint64_t {
+        const std::vector<uint8_t> bytes = daemon->Receive();
+        const auto packet = DecodePacket(bytes);
+        const std::vector<uint8_t> body = {1, 0xFF, 1, 0, 4, 3, 2, 1};
+        return packet && packet->kind == PacketKind::CALL && std::ranges::equal(packet->body, body)
+                   ? packet->sequence
+                   : 0;
+    };
+    const auto respond = [&](uint64_t sequence, std::vector<uint8_t> body) {
+        daemon->Send(EncodePacket(PacketKind::RESPONSE, sequence, body));
+    };
+    EXPECT_FALSE(channel.SetDelayCoreAffinity({}, 20ms));
+    EXPECT_FALSE(daemon->Receive().empty());
+
+    std::future<std::optional<uint32_t>> result = set();
+    const uint64_t sequence = receive();
+    ASSERT_NE(sequence, 0U);
+    EXPECT_FALSE(channel.QueryAppState({"a"}, 20ms)) << "its turn does not come in time";
+    respond(sequence - 1, {1, 0, 0, 0});
+    respond(sequence, {1, 0, 0});
+    respond(sequence, {1, 0, 0, 0, 0});
+    EXPECT_EQ(result.wait_for(50ms), std::future_status::timeout) << "none of them is its result";
+    respond(sequence, {0x0B, 0x03, 0xF1, 0});
+    EXPECT_EQ(result.get(), Message::DELAY_BUSY);
+
+    result = set();
+    EXPECT_GT(receive(), sequence) << "the connection has outlived all of it";
+    daemon.reset();
+    EXPECT_EQ(result.wait_for(PATIENCE), std::future_status::ready) << "the loss is told at once";
+    EXPECT_FALSE(result.get());
 }
 
 TEST_F(OwnerChannelTest, BeatsUntilStopped) {

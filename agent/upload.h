@@ -1,0 +1,26 @@
+// Upload registration: how a process that the daemon may not have started asks it for share-pool
+// groups. Such a process includes this; it needs no channel of its own.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "message/upload_record.h"
+
+namespace ProcMgr::Agent {
+
+// Registers the calling process under `name` and asks for `groups`, or, when there are none, for
+// all that name the process. Tries again while the daemon is not there.
+//
+// Returns what the daemon answered, which may be a refusal (see UploadResult). Nothing when there
+// is no answer within `timeout`, when the daemon ends the connection or its answer is malformed, or
+// when the name, a group or the path of the executable does not fit into the record.
+//
+// May be called from any thread, by several at a time; waits up to `timeout`.
+std::optional<Message::UploadResponse> RegisterUpload(const std::string& name,
+                                                      const std::vector<std::string>& groups,
+                                                      std::chrono::milliseconds timeout);
+
+}  // namespace ProcMgr::Agent
