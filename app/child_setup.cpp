@@ -10,6 +10,7 @@
 #include "app/sys.h"
 #include "main/constants.h"
 #include "main/signals.h"
+#include "resource/task_file.h"
 
 namespace ProcMgr::App {
 namespace {
@@ -85,6 +86,11 @@ StepResult SetNice(ChildContext& child) {
     return StepResult::GO_ON;
 }
 
+StepResult JoinControlGroups(ChildContext& child) {
+    AppendTidToAll(child.plan.taskFiles, child.pid, child.error);
+    return StepResult::GO_ON;
+}
+
 bool SetGroups(ChildContext& child) {
     const UserGroups& user = child.plan.userGroups;
     switch (user.result) {
@@ -132,6 +138,18 @@ bool SetConfiguredEnv(ChildContext& child) {
         }
     }
     return true;
+}
+
+StepResult SetSharePool(ChildContext& child) {
+    const SharePoolPlan& pool = child.plan.sharePool;
+    if (pool.groups.empty()) {
+        return StepResult::GO_ON;
+    }
+    if (!SetEnv("SHAREPOOL_GROUP_NAME", child.plan.sharePoolNames) ||
+        !SetEnv("SHAREGROUP_PRECONFIG", pool.isPreconfigured ? "1" : "0")) {
+        child.error += "Set share pool env failed, errno=" + std::to_string(errno) + ";";
+    }
+    return StepResult::GO_ON;
 }
 
 StepResult SetPlane(ChildContext& child) {
@@ -198,6 +216,21 @@ StepResult SetStartupEntry(ChildContext& child) {
     return StepResult::GO_ON;
 }
 
+StepResult BindCores(ChildContext& child) {
+    const std::optional<CoreMask>& mask = child.plan.coreMask;
+    if (!child.plan.bindsCores) {
+        return StepResult::GO_ON;
+    }
+    if (child.aiTasksFd < 0) {
+        CoreAffinityMgr::ApplyMask(child.pid, mask, child.error);
+        return StepResult::GO_ON;
+    }
+    const std::string line = std::to_string(child.pid) + '\n';
+    [[maybe_unused]] const ssize_t written = Sys::write(child.aiTasksFd, line.data(), line.size());
+    CoreAffinityMgr::ApplyMask(child.pid, CoreMask{mask->cores, 0}, child.error);
+    return StepResult::GO_ON;
+}
+
 constexpr std::array GENERAL_STEPS = {
     ChildStep{"signals", ResetSignals},
     ChildStep{"descriptors", SealDescriptors},
@@ -205,13 +238,16 @@ constexpr std::array GENERAL_STEPS = {
     ChildStep{"real-time limit", RaiseRealTimeLimit},
     ChildStep{"scheduler", SetScheduler},
     ChildStep{"nice", SetNice},
+    ChildStep{"control groups", JoinControlGroups},
     ChildStep{"identity", SetIdentity},
+    ChildStep{"share pool", SetSharePool},
     ChildStep{"plane", SetPlane},
     ChildStep{"home", SetHome},
     ChildStep{"environment, owner", SetEnvironmentAndOwner},
     ChildStep{"access registration", RegisterAccess},
     ChildStep{"heartbeat", SetHeartBeatSwitch},
     ChildStep{"address sanitiser", SetPreload},
+    ChildStep{"cores", BindCores},
 };
 
 constexpr std::array BASE_STEPS = {
@@ -220,13 +256,16 @@ constexpr std::array BASE_STEPS = {
     ChildStep{"pid", StorePid},
     ChildStep{"real-time limit", RaiseRealTimeLimit},
     ChildStep{"scheduler", SetScheduler},
+    ChildStep{"control groups", JoinControlGroups},
     ChildStep{"identity", SetIdentity},
+    ChildStep{"share pool", SetSharePool},
     ChildStep{"environment", SetEnvironment},
     ChildStep{"access registration", RegisterAccess},
     ChildStep{"home", SetHome},
     ChildStep{"address sanitiser", SetPreload},
     ChildStep{"restart marker", SetRestartMarker},
     ChildStep{"start entry", SetStartupEntry},
+    ChildStep{"cores", BindCores},
 };
 
 }  // namespace
@@ -239,6 +278,15 @@ ChildContext::ChildContext(const LaunchPlan& launchPlan) : plan(launchPlan) {
     }
     argv.push_back(nullptr);
     error.reserve(ERROR_RESERVE);
+    if (plan.bindsCores && plan.coreMask && plan.coreMask->aiCores > 0) {
+        aiTasksFd = CoreAffinityMgr::OpenAiCpuset();
+    }
+}
+
+ChildContext::~ChildContext() {
+    if (aiTasksFd >= 0) {
+        close(aiTasksFd);
+    }
 }
 
 std::span<const ChildStep> GetChildSteps(AppKind kind) {

@@ -13,9 +13,13 @@ namespace ProcMgr::App {
 // The child's own working state. Its memory is set aside before the fork.
 struct ChildContext {
     explicit ChildContext(const LaunchPlan& launchPlan);
+    ~ChildContext();
+    ChildContext(const ChildContext&) = delete;
+    ChildContext& operator=(const ChildContext&) = delete;
 
     const LaunchPlan& plan;
     std::vector<char*> argv;  // points into the plan, ends with null
+    int aiTasksFd = -1;       // opened by root: the child needs it when it has another identity
     pid_t pid = 0;
     std::string error;  // one entry, ending in ";", for each step that failed
 };

@@ -2,6 +2,7 @@
 
 #include "main/constants.h"
 #include "main/proc_mgr_env.h"
+#include "resource/cgroup_mgr.h"
 
 namespace ProcMgr::App {
 namespace {
@@ -20,6 +21,16 @@ std::string PreloadOf(const std::map<std::string, std::string>& envs) {
     return isSanitized ? SANITIZER_PRELOAD : std::string();
 }
 
+// In quick start there are no groups yet; the periodic check places such a process later.
+std::vector<std::string> TaskFilesOf(const AppInfo& app) {
+    if (ProcMgrEnv::GetInstance().IsQuickStart()) {
+        return {};
+    }
+    const CgroupTaskInfo task{
+        app.appName_, 0, app.resGroupName_, app.cpuset_, app.blkioGroupName_, app.cgroupPath_};
+    return CgroupMgr::GetInstance().GetTaskPaths(task);
+}
+
 LaunchPlan MakeCommonPlan(const AppInfo& app) {
     LaunchPlan plan;
     plan.appName = app.appName_;
@@ -32,6 +43,9 @@ LaunchPlan MakeCommonPlan(const AppInfo& app) {
         plan.schedPolicy = ToSystemPolicy(app.schedPolicy_);
     }
     plan.rtPriority = app.rtPriority_;
+    plan.taskFiles = TaskFilesOf(app);
+    plan.bindsCores = !app.isDelayCoreAffinity_;
+    plan.coreMask = CoreAffinityMgr::GetInstance().MakeMask(app.coreAffinity_);
     plan.envs.assign(app.envs_.begin(), app.envs_.end());
     plan.home = app.home_;
     plan.preload = PreloadOf(app.envs_);

@@ -13,6 +13,8 @@
 #include "app/app_info.h"
 #include "app/user_groups.h"
 #include "platform/access_manager.h"
+#include "resource/core_affinity_mgr.h"
+#include "resource/share_pool.h"
 
 namespace ProcMgr::App {
 
@@ -32,6 +34,12 @@ struct LaunchPlan {
     int rtPriority = -1;
     int nice = 0;
 
+    std::vector<std::string> taskFiles;  // of the control groups
+    bool bindsCores = true;              // false: they are bound on request, later
+    std::optional<CoreMask> coreMask;    // none: no cores are known
+
+    SharePoolPlan sharePool;
+    std::string sharePoolNames;
     std::vector<std::pair<std::string, std::string>> envs;  // the manifest's, by key
     std::string home;
     // Empty: the variable is not set.
@@ -46,7 +54,7 @@ struct LaunchPlan {
     int errorFd = -1;  // where the child writes what failed; -1: nowhere
 };
 
-// All but the user's groups, which the launcher looks up.
+// All but the user's groups and the share-pool groups, which the launcher looks up.
 LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app);
 LaunchPlan MakeLaunchPlan(const BaseAppInfo& app);
 

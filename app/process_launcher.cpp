@@ -11,6 +11,8 @@
 #include "main/boot_trace.h"
 #include "main/constants.h"
 #include "main/log.h"
+#include "main/proc_mgr_env.h"
+#include "resource/core_affinity_mgr.h"
 
 namespace ProcMgr::App {
 namespace {
@@ -23,16 +25,14 @@ pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
     if (!PreStartCheck(app)) {
         return NO_PROCESS;
     }
-    const std::lock_guard lock(launchMutex_);
     LaunchPlan plan = MakeLaunchPlan(app);
-    plan.userGroups = userGroups_.LookUp(app.uid_);
-    app.startTime_ = std::chrono::steady_clock::now();
-    const pid_t child = Fork(plan);
+    PlanSharePool(app.appName_, app.sharepoolGroups_, plan);
+    const pid_t child = ForkChild(app, plan);
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR: Start generalApp failed. fork failed: errno=%d", errno);
         return child;
     }
-    app.SetStarted(child);
+    JoinSharePool(app, plan);
     ProcMgrLog(
         LOG_INFO, "%s Start generalApp success appName=%s, child_pid=%d, isDelayCoreAffinity_=%d",
         BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), child, app.isDelayCoreAffinity_);
@@ -43,22 +43,58 @@ pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
     if (!PreStartCheck(app)) {
         return NO_PROCESS;
     }
-    const std::lock_guard lock(launchMutex_);
     LaunchPlan plan = MakeLaunchPlan(app);
-    plan.userGroups = userGroups_.LookUp(app.uid_);
-    app.startTime_ = std::chrono::steady_clock::now();
-    const pid_t child = Fork(plan);
+    PlanSharePool(app.appName_, {}, plan);
+    const pid_t child = ForkChild(app, plan);
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Start baseApp %s failed errno=%d", app.appName_.c_str(),
                    errno);
         return child;
     }
-    app.SetStarted(child);
     ProcMgrLog(LOG_INFO,
                "%s Start baseApp success appName=%s, binPath=%s, pid=%d, isDelayCoreAffinity_=%d",
                BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), app.execPath_.c_str(),
                child, app.isDelayCoreAffinity_);
+    JoinSharePool(app, plan);
     return child;
+}
+
+pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
+    // A restart may not have been told of the end of the process before.
+    Release(app);
+    const std::lock_guard lock(launchMutex_);
+    plan.userGroups = userGroups_.LookUp(app.uid_);
+    app.startTime_ = std::chrono::steady_clock::now();
+    const pid_t child = Fork(plan);
+    if (child >= 0) {
+        app.SetStarted(child);
+    }
+    return child;
+}
+
+void ProcessLauncher::Release(const AppInfo& app) {
+    if (app.pid_ <= 0) {
+        return;
+    }
+    CoreAffinityMgr::GetInstance().RecycleThreadCoreInfo(app.pid_, app.appName_);
+    if (sharePool_ != nullptr) {
+        sharePool_->Forget(app.pid_);
+    }
+}
+
+void ProcessLauncher::PlanSharePool(
+    const std::string& name, const std::vector<std::pair<std::string, std::string>>& manifestGroups,
+    LaunchPlan& plan) const {
+    if (sharePool_ != nullptr) {
+        plan.sharePool = sharePool_->MakePlan(name, manifestGroups);
+        plan.sharePoolNames = plan.sharePool.Names();
+    }
+}
+
+void ProcessLauncher::JoinSharePool(const AppInfo& app, const LaunchPlan& plan) {
+    if (sharePool_ != nullptr) {
+        sharePool_->Join(app.appName_, app.pid_, plan.sharePool);
+    }
 }
 
 bool ProcessLauncher::PreStartCheck(const AppInfo& app) {
@@ -75,7 +111,9 @@ bool ProcessLauncher::PreStartCheck(const AppInfo& app) {
                    app.execPath_.c_str());
         return false;
     }
-    return true;
+    const bool isUnchecked = app.startupPriority_ != -1 && ProcMgrEnv::GetInstance().IsQuickStart();
+    return isUnchecked ||
+           CoreAffinityMgr::GetInstance().CheckLaunch(app.appName_, app.coreAffinity_);
 }
 
 void ProcessLauncher::LookUpUser(uint32_t uid) {

@@ -16,6 +16,9 @@ namespace ProcMgr::App {
 
 class ProcessLauncher {
 public:
+    // `sharePool` must outlive this object; none: no process joins a group.
+    explicit ProcessLauncher(SharePool* sharePool = nullptr) : sharePool_(sharePool) {}
+
     // Reads which executables are protected, by what digest. Once, before the first launch.
     void LoadIntegrityTable(const std::string& path) { integrity_.Load(path); }
 
@@ -26,11 +29,21 @@ public:
     pid_t Launch(GeneralAppInfo& app);
     pid_t Launch(BaseAppInfo& app);
 
+    // Gives back what was kept for the record's process, which has ended.
+    void Release(const AppInfo& app);
+
     // Looks the user's groups up ahead of a launch. The user database may be slow: call it before
     // taking the lock of the record's container.
     void LookUpUser(uint32_t uid);
 
 private:
+    // The child of the record's plan; below 0, with errno, on failure.
+    pid_t ForkChild(AppInfo& app, LaunchPlan& plan);
+    void PlanSharePool(const std::string& name,
+                       const std::vector<std::pair<std::string, std::string>>& manifestGroups,
+                       LaunchPlan& plan) const;
+    void JoinSharePool(const AppInfo& app, const LaunchPlan& plan);
+
     // The checks before every fork. Runs an external program when the executable is protected.
     bool PreStartCheck(const AppInfo& app);
 
@@ -38,6 +51,7 @@ private:
     // the child and no other thread owns a lock that the child needs.
     static pid_t Fork(const LaunchPlan& plan);
 
+    SharePool* const sharePool_;
     // Held over everything that uses the user database or the environment, and over the fork.
     std::mutex launchMutex_;
     UserGroupsCache userGroups_;  // guarded by launchMutex_

@@ -155,6 +155,11 @@ std::vector<std::string> BaseServices::GetOwners() {
     return owners;
 }
 
+bool BaseServices::Visit(const App::RecordVisitor& visitor) {
+    const std::lock_guard lock(mutex_);
+    return std::any_of(executedBaseApp_.begin(), executedBaseApp_.end(), visitor);
+}
+
 std::vector<Message::AppStateInfo> BaseServices::GetStates() {
     const std::lock_guard lock(mutex_);
     std::vector<Message::AppStateInfo> states;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "app/app_info.h"
+#include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
 #include "baseservice/reported_state.h"
@@ -70,6 +71,9 @@ public:
 
     // Names of the services whose pipe is open, in start order.
     std::vector<std::string> GetOwners();
+
+    // Shows every record to the visitor; see RecordContainer.
+    bool Visit(const App::RecordVisitor& visitor);
 
     // Every service with its present state.
     std::vector<Message::AppStateInfo> GetStates();

@@ -9,6 +9,7 @@
 #include "main/constants.h"
 #include "main/log.h"
 #include "message/serialization.h"
+#include "resource/core_affinity_mgr.h"
 
 namespace ProcMgr {
 
@@ -156,6 +157,10 @@ void OwnerReports::RelayAppExecution(const Message::AppExecInfo& info) const {
     item.pid = info.pid;
     item.gid = info.gid;
     item.reportType = info.state != 0 ? TERMINATED_NORMAL_EXIT : RUNNING_NORMAL_START;
+    if (info.state != 0) {
+        CoreAffinityMgr::GetInstance().RecycleThreadCoreInfo(static_cast<int32_t>(info.pid),
+                                                             info.appName);
+    }
     ReportAppState({item}, PROC_ZORNMGR);
 }
 

@@ -1,5 +1,7 @@
 #include "channel/request_dispatch.h"
 
+#include <endian.h>
+
 #include <cstring>
 #include <memory>
 
@@ -8,6 +10,7 @@
 
 namespace ProcMgr {
 
+using Message::DelayCoreAffinityReq;
 using Message::RequestMsg;
 
 void RequestDispatch::RequestMsgHandler(int32_t fd, const MuxaRequest* request,
@@ -20,7 +23,8 @@ void RequestDispatch::RequestMsgHandler(int32_t fd, const MuxaRequest* request,
         ProcMgrLog(LOG_ERR, "PROCMGR : fd=%d, owner=%s exit", fd, owner.c_str());
         return;
     }
-    if (request->length != sizeof(RequestMsg)) {
+    const bool isDelayRequest = request->length == sizeof(DelayCoreAffinityReq);
+    if (!isDelayRequest && request->length != sizeof(RequestMsg)) {
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : RequestMsgHandler size=%u bytes is not illegal ,struct of message "
                    "size=%lu bytes",
@@ -31,10 +35,29 @@ void RequestDispatch::RequestMsgHandler(int32_t fd, const MuxaRequest* request,
         ProcMgrLog(LOG_ERR, "PROCMGR : RequestMsgHandler failed: request is null point");
         return;
     }
+    if (isDelayRequest) {
+        AnswerDelayRequest(fd, *request);
+        return;
+    }
     // The library's buffer has no alignment of its own.
     const auto record = std::make_unique<RequestMsg>();
     std::memcpy(record.get(), request->data, sizeof(*record));
     Dispatch(*record, owner, fd);
+}
+
+// Known by its length: it has no type of its own.
+void RequestDispatch::AnswerDelayRequest(int32_t fd, const MuxaRequest& request) const {
+    DelayCoreAffinityReq decoded;
+    std::memcpy(&decoded, request.data, sizeof(decoded));
+    decoded.checkInterval = le32toh(decoded.checkInterval);
+    const uint32_t result = htole32(handlers_.setDelayCoreAffinity(decoded));
+    if (request.wantsResponse) {
+        MuxaResponse response;
+        response.sequence = request.sequence;
+        response.data.resize(sizeof(result));
+        std::memcpy(response.data.data(), &result, sizeof(result));
+        MuxaSendResponse(fd, &response);
+    }
 }
 
 void RequestDispatch::Dispatch(const RequestMsg& record, const std::string& owner,

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "message/delay_core_affinity.h"
 #include "message/request_msg.h"
 #include "platform/messaging.h"
 
@@ -27,6 +28,8 @@ struct RequestHandlers {
     CfgHandler loadStartupCfg;
     CfgHandler reloadStartupCfg;
     Handler<std::vector<std::string>> queryAppState;
+    // Returns the result that the owner gets, if it wants one.
+    std::function<uint32_t(const Message::DelayCoreAffinityReq& request)> setDelayCoreAffinity;
 };
 
 class RequestDispatch {
@@ -37,6 +40,7 @@ public:
     void RequestMsgHandler(int32_t fd, const MuxaRequest* request, const std::string& owner) const;
 
 private:
+    void AnswerDelayRequest(int32_t fd, const MuxaRequest& request) const;
     void Dispatch(const Message::RequestMsg& record, const std::string& owner, int32_t fd) const;
 
     const RequestHandlers handlers_;

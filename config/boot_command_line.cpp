@@ -17,7 +17,6 @@
 namespace ProcMgr {
 namespace {
 
-constexpr const char* COMMAND_LINE = "/proc/cmdline";
 constexpr const char* SELINUX_ENFORCE = "/sys/fs/selinux/enforce";
 constexpr const char* DEVICE_TREE_SLOT = "/proc/device-tree/slot-id";
 constexpr const char* KEY_PROCMGR = "procmgr";
@@ -106,7 +105,7 @@ void BootCommandLine::Read() {
     ProcMgrEnv& env = ProcMgrEnv::GetInstance();
     env.SetSelinuxEnable(IsSelinuxEnforcing());
     ProcMgrLog(LOG_INFO, "pm UpdateSelinuxEnable success: enable=%d", env.IsSelinuxEnable());
-    text_ = ReadText(COMMAND_LINE);
+    text_ = ReadText(KERNEL_COMMAND_LINE);
     items_ = Extract(KEY_PROCMGR);
     ApplyOwnItems();
     env.SetVeskcoreEnable(Extract(KEY_VESKMODE).contains(ITEM_KERNEL_UTILS));
@@ -196,7 +195,7 @@ int32_t ReadSlotId() {
     if (const auto cell = ReadDeviceTreeCell(DEVICE_TREE_SLOT)) {
         return *cell;
     }
-    const std::string text = ReadText(COMMAND_LINE);
+    const std::string text = ReadText(KERNEL_COMMAND_LINE);
     const std::string_view key(KEY_SLOT);
     const size_t found = text.find(key);
     if (found == std::string::npos) {

@@ -101,6 +101,9 @@ void GeneralApps::CheckOne(GeneralAppInfo& app, SteadyTime now, ChangeList& chan
     } else {
         changes.emplace_back(isPriority ? PROC_ZORNMGR : app.owner_, item);
     }
+    if (app.reportType_ == TERMINATED_NORMAL_EXIT || app.reportType_ == TERMINATED_ABNORMAL_EXIT) {
+        launcher_.Release(app);
+    }
     SensorNodeEventReporter& faults = SensorNodeEventReporter::GetInstance();
     if (app.reportType_ == TERMINATED_ABNORMAL_EXIT) {
         faults.Raise(App::GENERAL_APP_NODE, app.appName_, App::EVENT_START_FAILED, app.nodeType_);
@@ -159,6 +162,12 @@ void GeneralApps::RemoveTerminatedApps() {
                    entry.first.c_str());
         return true;
     });
+}
+
+bool GeneralApps::Visit(const App::RecordVisitor& visitor) {
+    const std::lock_guard lock(mutex_);
+    return std::any_of(generalAppMap_.begin(), generalAppMap_.end(),
+                       [&](const auto& entry) { return visitor(*entry.second); });
 }
 
 std::vector<AppStateInfo> GeneralApps::GetStates() {

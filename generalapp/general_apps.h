@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "app/app_info.h"
+#include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
 #include "generalapp/startup_config.h"
@@ -54,6 +55,9 @@ public:
 
     // Reports what could not be told to the access manager while it was not ready.
     void ReportHeldBack();
+
+    // Shows every record to the visitor; see RecordContainer.
+    bool Visit(const App::RecordVisitor& visitor);
 
     // Every application with its present state.
     std::vector<Message::AppStateInfo> GetStates();

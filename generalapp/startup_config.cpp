@@ -1,22 +1,14 @@
 #include "generalapp/startup_config.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <set>
 #include <tuple>
 
 #include "main/log.h"
+#include "main/system.h"
 
 namespace ProcMgr {
 namespace {
-
-// What decides about programs that run as root must be root's to write, and nobody else's.
-bool IsTrusted(const std::string& path) {
-    struct stat file {};
-    return stat(path.c_str(), &file) == 0 && file.st_uid == 0 &&
-           (file.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-}
 
 bool IsSelected(const ApplicationManifest& manifest, const StartupConfig::MatchData& matchData) {
     const auto wanted = manifest.GetMatchData();
@@ -40,7 +32,7 @@ uint32_t StartupConfig::Load(const std::string& path, const MatchData& matchData
     std::vector<ApplicationManifest> manifests;
     std::set<std::string> scratch;
     // A parser of its own: those of the base services' keeps to their dependencies.
-    if (!IsTrusted(path) || ParseAndDepend().ParseYaml(0, path, manifests, scratch) != 0) {
+    if (!IsRootsAlone(path) || ParseAndDepend().ParseYaml(0, path, manifests, scratch) != 0) {
         ProcMgrLog(LOG_ERR, "process-manager LoadStartCfgInfo=%s failed", path.c_str());
         return FILE_UNUSABLE;
     }

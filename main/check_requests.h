@@ -32,10 +32,10 @@ public:
         changed_.notify_all();
     }
 
-    // Waits while nothing is asked for.
-    void WaitForAny() {
+    // Waits while nothing is asked for, until `end` at most: false then.
+    bool WaitForAny(SteadyTime end) {
         std::unique_lock lock(mutex_);
-        changed_.wait(lock, [this] { return isAsked_ || isStopped_; });
+        return changed_.wait_until(lock, end, [this] { return isAsked_ || isStopped_; });
     }
     // Waits until `cycle`, or for something that is wanted at once: true then.
     bool WaitForNow(SteadyTime cycle) {

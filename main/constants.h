@@ -29,6 +29,14 @@ inline constexpr const char* PROC_DIR = "/proc/";
 inline constexpr const char* PASSWD_FILE = "/etc/passwd";
 inline constexpr const char* DEFAULT_OWNER = "1000:1000";
 inline constexpr const char* COMMON_ENV_FILE = "/etc/korin_common_env.conf";
+inline constexpr const char* HOST_RESOURCE_FILE = "/usr/bin/vela/env.cfg";
+inline constexpr const char* KERNEL_COMMAND_LINE = "/proc/cmdline";
+inline constexpr const char* CGROUP_ROOT = "/sys/fs/cgroup/";
+inline constexpr const char* CGROUP_CPU_ROOT = "/sys/fs/cgroup/cpu/";
+inline constexpr const char* CGROUP_MEMORY_ROOT = "/sys/fs/cgroup/memory/";
+inline constexpr const char* CGROUP_CPUSET_ROOT = "/sys/fs/cgroup/cpuset/";
+inline constexpr const char* CGROUP_BLKIO_ROOT = "/sys/fs/cgroup/blkio/";
+inline constexpr const char* SHARE_POOL_DIRECTORY = "/etc/sharepool";
 inline constexpr const char* QUICK_START_MARKER = "/sys/fs/cgroup/notify_pm_done";
 
 // The longest path that is taken from outside.

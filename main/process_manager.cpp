@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <new>
@@ -16,6 +17,8 @@
 #include "main/signals.h"
 #include "main/system.h"
 #include "platform/heartbeat.h"
+#include "resource/cgroup_mgr.h"
+#include "resource/core_affinity_mgr.h"
 
 namespace ProcMgr {
 namespace {
@@ -44,6 +47,7 @@ uint32_t ProcMgrRun(const std::string& path) {
 
 ProcessManager::ProcessManager(const std::string& path)
     : baseServiceCfgPath(path),
+      launcher_(&sharePool_),
       dispatch_(MakeHandlers()),
       pipes_([this](int32_t fd, const MuxaRequest* request, const std::string& owner) {
           dispatch_.RequestMsgHandler(fd, request, owner);
@@ -53,6 +57,12 @@ ProcessManager::ProcessManager(const std::string& path)
       generalApps_(launcher_, checks_, reports_, startupConfig_,
                    {.isZornReady = [this] { return baseServices_.IsReady(PROC_ZORNMGR); },
                     .getOwners = [this] { return baseServices_.GetOwners(); }}),
+      managedRecords_(
+          {[this](const App::RecordVisitor& visitor) { return baseServices_.Visit(visitor); },
+           [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }}),
+      affinityCheck_(managedRecords_),
+      delayCoreAffinity_(managedRecords_),
+      uploadRegistry_(sharePool_, managedRecords_),
       baseStartup_(baseServices_, reportedState_, bootCommandLine_,
                    [this] { return isStopping_.load(); }),
       reaper_(
@@ -67,6 +77,7 @@ ProcessManager::~ProcessManager() {
     App::SensorNodeEventReporter::GetInstance().UnregisterAll();
     DisableAllCheckHeartBeat();
     running_ = false;
+    delayCoreAffinity_.Stop();
     childErrorReader_.Stop();
     checks_.Stop();
     WakeSignalEvent();
@@ -74,6 +85,7 @@ ProcessManager::~ProcessManager() {
     JoinThreads();
     // A restart may have registered one in between.
     DisableAllCheckHeartBeat();
+    uploadRegistry_.Close();
     pipes_.CloseAll();
     ProcMgrEnv::GetInstance().CloseChildErrorPipe();
     CloseLog();
@@ -85,10 +97,14 @@ bool ProcessManager::Init() {
     env.StorePid();
     bootCommandLine_.Read();
     env.CreateChildErrorPipe();
+    sharePool_.Load(SHARE_POOL_DIRECTORY);
     launcher_.LoadIntegrityTable(HASH_FILE);
     UpdateStartupYaml();
     App::SetLockedMemoryLimit();
     App::InquireHomeEnvVariable();
+    if (!env.IsQuickStart()) {
+        CoreAffinityMgr::GetInstance().LoadCoreLists();
+    }
     ProcMgrLog(LOG_INFO, "%s, init success", BootStrace(BOOT_TRACE_TAG).c_str());
     return true;
 }
@@ -170,6 +186,13 @@ void ProcessManager::ContinueProcMgrInit() {
     ProcMgrEnv& env = ProcMgrEnv::GetInstance();
     env.SetSlotId(ReadSlotId());
     ProcMgrLog(LOG_INFO, "pm Get board info success slotId_=%d", env.GetSlotId());
+    CoreAffinityMgr::GetInstance().LoadCoreLists();
+    CgroupMgr::GetInstance().ReadCfg();
+    affinityCheck_.Start();
+    if (settings_.pmuploadEnable && !uploadRegistry_.RegXCallBack()) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: pmuplaod RegXCallBack failed");
+        return;
+    }
     App::SensorNodeEventReporter::GetInstance().RegisterNodes();
     ProcMgrSysLog(LOG_INFO, "%s, ContinueProcMgrInit success", BootStrace(BOOT_TRACE_TAG).c_str());
 }
@@ -193,6 +216,9 @@ RequestHandlers ProcessManager::MakeHandlers() {
     };
     handlers.appExecution = [this](const auto& info, const auto& /*owner*/) {
         reports_.RelayAppExecution(info);
+    };
+    handlers.setDelayCoreAffinity = [this](const auto& request) {
+        return delayCoreAffinity_.SetDelayCoreAffinity(request);
     };
     handlers.loadStartupCfg = [this](const auto& info, const auto& /*owner*/, int32_t fd) {
         LoadStartupCfg(info, fd);
@@ -275,17 +301,47 @@ void ProcessManager::ReloadStartupCfg(const Message::StartupCfgInfo& info, int32
 }
 
 void ProcessManager::CheckThread() {
-    SteadyTime cycle = std::chrono::steady_clock::now();
+    const SteadyTime begin = std::chrono::steady_clock::now();
+    uint64_t cycle = 0;
     while (running_) {
         CheckApplications(CheckPass::PERIODIC);
-        // A cycle that would find nothing is left out; the next one keeps to the period's grid.
-        checks_.WaitForAny();
-        cycle += ((std::chrono::steady_clock::now() - cycle) / CHECK_PERIOD + 1) * CHECK_PERIOD;
-        while (checks_.WaitForNow(cycle)) {
+        const uint64_t due = RunPeriodicChecks(cycle);
+        // Cycles that would find nothing are left out; the next one keeps to the period's grid.
+        const bool isAsked = checks_.WaitForAny(begin + due * CHECK_PERIOD);
+        const auto passed = (std::chrono::steady_clock::now() - begin) / CHECK_PERIOD;
+        cycle = std::max(cycle, static_cast<uint64_t>(passed));
+        if (!isAsked) {
+            continue;
+        }
+        ++cycle;
+        while (checks_.WaitForNow(begin + cycle * CHECK_PERIOD)) {
             CheckApplications(CheckPass::EXTRA);
         }
     }
     ProcMgrLog(LOG_WARNING, "PROCMGR: CheckThread exit now.");
+}
+
+uint64_t ProcessManager::RunPeriodicChecks(uint64_t cycle) {
+    try {
+        if (uploadTimer_.TakeDue(cycle)) {
+            uploadRegistry_.DropGone();
+        }
+        if (affinityTimer_.TakeDue(cycle)) {
+            CheckCoreAffinity();
+        }
+    } catch (const std::bad_alloc&) {
+        ProcMgrLog(LOG_ERR, "PROCMGR: CheckThread : out of memory, try again");
+    }
+    // Nothing wakes up for registrations that are not there.
+    return uploadRegistry_.IsEmpty() ? affinityTimer_.GetNext()
+                                     : std::min(affinityTimer_.GetNext(), uploadTimer_.GetNext());
+}
+
+void ProcessManager::CheckCoreAffinity() {
+    affinityCheck_.Run();
+    if (wakeUpWatch_.HasWokenUp()) {
+        WakeUpRecover();
+    }
 }
 
 void ProcessManager::CheckApplications(CheckPass pass) {

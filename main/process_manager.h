@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "app/managed_records.h"
 #include "app/process_launcher.h"
 #include "baseservice/base_services.h"
 #include "baseservice/base_startup.h"
@@ -24,6 +25,12 @@
 #include "generalapp/reaper.h"
 #include "generalapp/startup_config.h"
 #include "main/check_requests.h"
+#include "main/cycle_timer.h"
+#include "resource/affinity_check.h"
+#include "resource/delay_core_affinity.h"
+#include "resource/share_pool.h"
+#include "resource/upload_registry.h"
+#include "resource/wake_up_watch.h"
 
 namespace ProcMgr {
 
@@ -44,6 +51,11 @@ public:
 
     // Starts the threads and the base services; returns after the applications have been stopped.
     void Run();
+
+    // For a platform that knows of a suspend before it comes, and of the resume; CheckThread
+    // notices a resume by itself. Callable from any thread.
+    void Suspend() { delayCoreAffinity_.Suspend(); }
+    void WakeUpRecover() { delayCoreAffinity_.WakeUpRecover(); }
 
     // The hardware watchdog; see baseservice/watchdog.h. Ready for a start-up sequence that wants
     // it.
@@ -81,6 +93,9 @@ private:
     void LoadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd);
     void ReloadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd);
 
+    // Runs what is due at a cycle; returns the cycle at which the next of it is.
+    uint64_t RunPeriodicChecks(uint64_t cycle);
+    void CheckCoreAffinity();
     void CheckApplications(CheckPass pass);
     void RemoveTerminatedApps();
 
@@ -100,6 +115,7 @@ private:
     ProcMgrSettings settings_;         // constant after Init
     BootCommandLine bootCommandLine_;  // the main thread's
 
+    SharePool sharePool_;
     App::ProcessLauncher launcher_;
     ReportedState reportedState_;
     CheckRequests checks_;
@@ -109,6 +125,14 @@ private:
     BaseServices baseServices_;
     StartupConfig startupConfig_;
     GeneralApps generalApps_;
+    App::ManagedRecords managedRecords_;
+    AffinityCheck affinityCheck_;
+    DelayCoreAffinity delayCoreAffinity_;
+    UploadRegistry uploadRegistry_;
+    // CheckThread's. The first time of each comes a cycle early.
+    CycleTimer uploadTimer_{10, 11};
+    CycleTimer affinityTimer_{20, 21};
+    WakeUpWatch wakeUpWatch_;
     BaseStartup baseStartup_;
     Reaper reaper_;
     ChildErrorReader childErrorReader_;

@@ -1,5 +1,7 @@
 #include "main/system.h"
 
+#include <sys/stat.h>
+
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -30,6 +32,12 @@ bool StandardizationPath(const std::string& in, std::string& out) {
     }
     out = resolved.data();
     return true;
+}
+
+bool IsRootsAlone(const std::string& path) {
+    struct stat file {};
+    return stat(path.c_str(), &file) == 0 && file.st_uid == 0 &&
+           (file.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 }  // namespace ProcMgr

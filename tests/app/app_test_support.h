@@ -25,6 +25,7 @@ inline ManifestData SomeService() {
     ManifestData data;
     data.name = "svc";
     data.bin = "/bin/true";
+    data.coreAffinity = {0};  // the machine need not have the default ones
     return data;
 }
 

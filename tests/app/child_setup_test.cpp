@@ -46,6 +46,12 @@ LaunchPlan FullPlan(AppKind kind) {
     plan.schedPolicy = SCHED_FIFO;
     plan.rtPriority = 50;
     plan.nice = kind == AppKind::GENERAL ? -5 : 0;
+    plan.taskFiles = {"/cpuset/tasks", "/cpu/tasks"};
+    plan.coreMask = CoreMask{};
+    CPU_SET(0, &plan.coreMask->cores);
+    plan.sharePool.groups = {{"video", "read"}, {"audio", "read"}};
+    plan.sharePool.isPreconfigured = true;
+    plan.sharePoolNames = "video,audio";
     plan.envs = {{"A", "1"}, {"B", ""}};
     plan.home = "/home/x";
     plan.preload = "libasan.so.4:libzorn.so.1";
@@ -101,9 +107,13 @@ TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
                                             "prlimit " + RTPRIO + " 99 99",
                                             "sched_setscheduler 4711 1 50"};
     const std::vector<std::string> general = {"nice -5",
+                                              "join /cpuset/tasks 4711",
+                                              "join /cpu/tasks 4711",
                                               "setgroups 7,30",
                                               "setgid 7",
                                               "setuid 8",
+                                              "setenv SHAREPOOL_GROUP_NAME=video,audio",
+                                              "setenv SHAREGROUP_PRECONFIG=1",
                                               "setenv PROC_PLANE=PLANE_MANAGE",
                                               "setenv HOME=/home/x",
                                               "setenv A=1",
@@ -112,10 +122,15 @@ TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
                                               "ZornInitProc svc /bin/svc",
                                               "setenv GRP_HB=1",
                                               "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
+                                              "sched_setaffinity 4711 1",
                                               "execv /bin/svc|/bin/svc|-a|two words|"};
-    const std::vector<std::string> base = {"setgroups 7,30",
+    const std::vector<std::string> base = {"join /cpuset/tasks 4711",
+                                           "join /cpu/tasks 4711",
+                                           "setgroups 7,30",
                                            "setgid 7",
                                            "setuid 8",
+                                           "setenv SHAREPOOL_GROUP_NAME=video,audio",
+                                           "setenv SHAREGROUP_PRECONFIG=1",
                                            "setenv A=1",
                                            "setenv B=",
                                            "ZornInitProc svc /bin/svc",
@@ -123,6 +138,7 @@ TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
                                            "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
                                            "setenv IS_RESTART=1",
                                            "setenv STARTUP_ENTRY_PATH=/entry",
+                                           "sched_setaffinity 4711 1",
                                            "execv /bin/svc|/bin/svc|-a|two words|"};
     for (const AppKind kind : {AppKind::GENERAL, AppKind::BASE}) {
         auto calls = start;
@@ -179,6 +195,7 @@ TEST_F(ChildSetupTest, WhatFailsIsReportedInOneWriteAndTheProgramStillRuns) {
     const std::string scheduler = "sched_setscheduler failed errno=1,type=1,priority=50;";
     const std::string home =
         "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=/home/x, errno=1;";
+    const std::string pool = "Set share pool env failed, errno=1;";
     const std::string variable = "setenv failed, errno=1;";  // the first ends the manifest's
     const std::string access = "ZornInitProc failed, errno=5;";
     const std::string preload = "SetAppAsanEnv preload failed errno=1;";
@@ -188,9 +205,11 @@ TEST_F(ChildSetupTest, WhatFailsIsReportedInOneWriteAndTheProgramStillRuns) {
         std::string text;
     } cases[] = {
         {AppKind::BASE,
-         {"prlimit", "sched_setscheduler", "setenv"},
-         "prlimit failed,errno=1;" + scheduler + variable + access + home + preload +
-             "Set restart env failed, errno=1;Set startup entry path env failed, errno=1;"},
+         {"prlimit", "sched_setscheduler", "join /cpu/", "setenv", "sched_setaffinity"},
+         "prlimit failed,errno=1;" + scheduler + "not joined /cpu/tasks;" + pool + variable +
+             access + home + preload +
+             "Set restart env failed, errno=1;Set startup entry path env failed, errno=1;" +
+             "SetCoreAffinity fail pid=4711, errno=1;"},
         {AppKind::GENERAL,
          {"getrlimit", "sched_setscheduler", "nice", "setenv PROC_PLANE", "setenv HOME",
           "setenv OWNER_NAME", "setenv GRP_HB", "setenv LD_PRELOAD"},
@@ -216,10 +235,10 @@ TEST_F(ChildSetupTest, WithoutItsIdentityNothingRuns) {
         std::string text;
         std::string lastCall;
     } cases[] = {
-        {Result::NO_USER, "nothing", "getpwuid is null;", "sched_setscheduler 4711 1 50"},
+        {Result::NO_USER, "nothing", "getpwuid is null;", "join /cpu/tasks 4711"},
         {Result::NOT_WIPED, "nothing", "SetGroups memset_s failed error=34;",
-         "sched_setscheduler 4711 1 50"},
-        {Result::TOO_MANY, "nothing", "", "sched_setscheduler 4711 1 50"},
+         "join /cpu/tasks 4711"},
+        {Result::TOO_MANY, "nothing", "", "join /cpu/tasks 4711"},
         {Result::FOUND, "setgroups", "", "setgroups 7,30"},
         {Result::FOUND, "setgid", "SetAppGid=7 failed error=1;", "setgid 7"},
         {Result::FOUND, "setuid", "SetAppUid=8,failed error=1;", "setuid 8"},

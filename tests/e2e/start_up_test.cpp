@@ -89,6 +89,7 @@ TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
         "6 STAMP InitPriorityApps start priority apps finish",
         "6 is not quickstart, so not wait for continue signal",
         "6 pm Get board info success slotId_=0",
+        "3 PROCMGR: CgroupMgr ReadCfg, access /usr/bin/vela/env.cfg fail, errno=2",
         "6 SensorNodeEventReporter GetDeviceNum success. devNum=1",
         "6 SensorNodeEventReporter RegisterSensorNode for pm_base_service success, "
         "nodeType=0x602, sensorType=0x27, reportIds size=1",

@@ -9,11 +9,14 @@
 //   attach NAME FILE     attaches to the pipe of the service NAME; the state reports that come on
 //                        it are added to FILE, one line "APP TYPE" each
 //   report STATE         reports "running" or "terminating" over it
+//   breed COUNT          starts so many threads, one each 20 ms; each lets itself run on every core
+//   upload NAME FILE     registers as NAME for all groups, adds the line "RESULT GROUP..." to FILE
 //   stay                 waits for a signal
 //   exit CODE            ends
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -31,6 +34,7 @@
 #include <vector>
 
 #include "agent/owner_channel.h"
+#include "agent/upload.h"
 
 namespace {
 
@@ -130,6 +134,31 @@ void Await(const std::string& file) {
     }
 }
 
+void Breed(int count) {
+    std::thread([count] {
+        for (int i = 0; i < count; ++i) {
+            std::this_thread::sleep_for(20ms);
+            std::thread([] {
+                cpu_set_t all;
+                std::memset(&all, 0xff, sizeof(all));
+                sched_setaffinity(0, sizeof(all), &all);
+                pause();
+            }).detach();
+        }
+        pause();
+    }).detach();
+}
+
+void Upload(const std::string& name, const std::string& file) {
+    const auto response = ProcMgr::Agent::RegisterUpload(name, {}, 10s);
+    std::ofstream out(file, std::ios::app);
+    out << (response ? static_cast<int>(response->result) : -1);
+    for (const std::string& group : response ? response->groups : std::vector<std::string>()) {
+        out << " " << group;
+    }
+    out << std::endl;
+}
+
 void Stay() {
     for (;;) {
         pause();
@@ -158,6 +187,12 @@ const std::map<std::string, Action>& Actions() {
          [](size_t& at) {
              TakeArgument(at) == "running" ? g_channel->ReportRunning()
                                            : g_channel->ReportTerminating();
+         }},
+        {"breed", [](size_t& at) { Breed(std::stoi(TakeArgument(at))); }},
+        {"upload",
+         [](size_t& at) {
+             const std::string name = TakeArgument(at);
+             Upload(name, TakeArgument(at));
          }},
         {"stay", [](size_t& /*at*/) { Stay(); }},
         {"exit", [](size_t& at) { _exit(std::stoi(TakeArgument(at))); }},

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "resource/task_file.h"
 #include "tests/fakes/overlay/app/sys.h"
 
 namespace ProcMgr::Fakes {
@@ -169,3 +170,29 @@ ssize_t write(int fd, const void* data, size_t count) {
 }
 
 }  // namespace ProcMgr::Sys
+
+namespace ProcMgr {
+
+bool AppendTid(const std::string& path, int32_t tid) {
+    return Fakes::FakeSys::Get().Record("join " + path + ' ' + std::to_string(tid));
+}
+
+bool AppendTidToAll(const std::vector<std::string>& paths, int32_t tid, std::string& error) {
+    bool isComplete = true;
+    for (const std::string& path : paths) {
+        if (!AppendTid(path, tid)) {
+            error += "not joined " + path + ";";
+            isComplete = false;
+        }
+    }
+    return isComplete;
+}
+
+}  // namespace ProcMgr
+
+// In the place of the C library's.
+extern "C" int sched_setaffinity(pid_t pid, size_t /*size*/, const cpu_set_t* cores) noexcept {
+    const std::string record =
+        "sched_setaffinity " + std::to_string(pid) + ' ' + std::to_string(CPU_COUNT(cores));
+    return ProcMgr::Fakes::FakeSys::Get().Record(record) ? 0 : -1;
+}

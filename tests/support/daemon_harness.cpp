@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <thread>
 #include <utility>
@@ -73,8 +74,22 @@ void DaemonHarness::LayOut() {
     MountTmpfs("/run");
     SetCommandLine("console=ttyAMA0 quiet");
     MountTmpfs("/sys/fs/cgroup");
+    LayOutCgroups();
     BindFile("root:x:0:0:root:/root:/bin/sh\nsvc:x:1000:1000::/home/svc:/bin/sh\n", "/etc/passwd");
     BindFile("root:x:0:\nsvc:x:1000:\nextra:x:2000:svc\n", "/etc/group");
+}
+
+// The groups that every device has, as plain files: what is written to them can be read.
+void DaemonHarness::LayOutCgroups() {
+    const std::filesystem::path root = "/sys/fs/cgroup";
+    for (const char* group : {"cpuset/CtrlCPU", "cpu/OTHER"}) {
+        std::filesystem::create_directories(root / group);
+        std::ofstream(root / group / "tasks").flush();
+    }
+    std::ofstream cores(root / "cpuset/CtrlCPU/cpuset.cpus");
+    for (unsigned core = 0; core < std::thread::hardware_concurrency(); ++core) {
+        cores << (core == 0 ? "" : ",") << core;
+    }
 }
 
 void DaemonHarness::SetCommandLine(const std::string& text) {

@@ -15,8 +15,8 @@
 // One thread uses it; one at a time in a program.
 class DaemonHarness {
 public:
-    // Lays out the machine: empty /run and /sys/fs/cgroup, a /etc/passwd with root and "svc"
-    // (1000:1000, home /home/svc), an empty /dev/kmsg.
+    // Lays out the machine: an empty /run, the control groups CtrlCPU and OTHER as plain files, a
+    // /etc/passwd with root and "svc" (1000:1000, home /home/svc), an empty /dev/kmsg.
     explicit DaemonHarness(std::string program);
     ~DaemonHarness();
     DaemonHarness(const DaemonHarness&) = delete;
@@ -44,6 +44,7 @@ public:
 
 private:
     void LayOut();
+    static void LayOutCgroups();
 
     const std::string program_;
     std::string error_;

@@ -1,0 +1,91 @@
+#include "app/managed_records.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace ProcMgr::App {
+namespace {
+
+bool IsWanted(const AppInfo& app, ManagedFilter filter) {
+    switch (filter) {
+        case ManagedFilter::ALL:
+            return true;
+        case ManagedFilter::DELAYED:
+            return app.isDelayCoreAffinity_;
+        case ManagedFilter::RUNNING_PRIORITY:
+            return app.startupPriority_ >= 0 && app.state_ == RUNNING;
+    }
+    return false;
+}
+
+bool IsSame(const AppInfo& record, const ManagedApp& app) {
+    return record.pid_ == app.pid && record.startTime_ == app.startTime && record.IsAlive();
+}
+
+ManagedApp MakeManagedApp(const AppInfo& app) {
+    ManagedApp managed;
+    managed.name = app.appName_;
+    managed.pid = app.pid_;
+    managed.startTime = app.startTime_;
+    managed.cores = app.coreAffinity_;
+    managed.cpuset = app.cpuset_;
+    managed.cpuGroup = app.resGroupName_;
+    managed.blkioGroup = app.blkioGroupName_;
+    managed.isDelayed = app.isDelayCoreAffinity_;
+    return managed;
+}
+
+}  // namespace
+
+bool ManagedRecords::Visit(const RecordVisitor& visitor) const {
+    return std::any_of(containers_.begin(), containers_.end(),
+                       [&](const RecordContainer& container) { return container(visitor); });
+}
+
+std::vector<ManagedApp> ManagedRecords::GetManagedApps(ManagedFilter filter) {
+    std::vector<ManagedApp> apps;
+    Visit([&](const AppInfo& app) {
+        if (app.IsAlive() && IsWanted(app, filter)) {
+            apps.push_back(MakeManagedApp(app));
+        }
+        return false;
+    });
+    return apps;
+}
+
+bool ManagedRecords::IsPresent(const ManagedApp& app) {
+    return Visit([&](const AppInfo& record) { return IsSame(record, app); });
+}
+
+std::set<int32_t> ManagedRecords::NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) {
+    std::set<int32_t> added;
+    Visit([&](AppInfo& record) {
+        if (!IsSame(record, app)) {
+            return false;
+        }
+        std::set_difference(tids.begin(), tids.end(), record.tids_.begin(), record.tids_.end(),
+                            std::inserter(added, added.end()));
+        record.tids_ = tids;
+        return true;
+    });
+    return added;
+}
+
+std::optional<std::string> ManagedRecords::GetNameOf(int32_t pid) {
+    std::optional<std::string> name;
+    Visit([&](const AppInfo& record) {
+        if (record.pid_ != pid || !record.IsAlive()) {
+            return false;
+        }
+        name = record.appName_;
+        return true;
+    });
+    return name;
+}
+
+bool ManagedRecords::HasProcess(const std::string& name) {
+    return Visit(
+        [&](const AppInfo& record) { return record.appName_ == name && record.IsAlive(); });
+}
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,110 @@
+#include "resource/affinity_check.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <iterator>
+#include <string>
+
+#include "main/constants.h"
+#include "main/log.h"
+#include "main/proc_mgr_env.h"
+#include "resource/cgroup_mgr.h"
+#include "resource/core_affinity_mgr.h"
+
+namespace ProcMgr {
+namespace {
+
+// Where everything is that has no group of its own.
+constexpr const char* DEFAULT_CPU_GROUP = "OTHER";
+constexpr const char* DEFAULT_CPUSET = "CtrlCPU";
+
+}  // namespace
+
+void AffinityCheck::Start() {
+    PlaceOwnThreads();
+    std::string error;
+    const CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
+    if (affinity.SetCoreAffinity(ProcMgrEnv::GetInstance().GetPid(), {}, error) != AFFINITY_OK) {
+        ProcMgrSysLog(LOG_WARNING, "PROCMGR: pm SetCoreAffinityToOs failed, err=%s", error.c_str());
+    }
+    isStarted_ = true;
+}
+
+void AffinityCheck::Run() {
+    if (!isStarted_) {
+        return;
+    }
+    PlaceOwnThreads();
+    for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::RUNNING_PRIORITY)) {
+        PlacePriorityApp(app);
+    }
+}
+
+void AffinityCheck::PlaceOwnThreads() {
+    std::set<int32_t> tids;
+    if (!CoreAffinityMgr::GetTids(ProcMgrEnv::GetInstance().GetPid(), tids)) {
+        return;
+    }
+    std::set<int32_t> added;
+    std::set_difference(tids.begin(), tids.end(), ownTids_.begin(), ownTids_.end(),
+                        std::inserter(added, added.end()));
+    AddOwnTids(added);
+    ownTids_.swap(tids);
+}
+
+void AffinityCheck::AddOwnTids(const std::set<int32_t>& tids) {
+    for (const int32_t tid : tids) {
+        std::string error;
+        const CgroupTaskInfo task{PROCMGR_NAME, tid, DEFAULT_CPU_GROUP, DEFAULT_CPUSET, "", {}};
+        if (!CgroupMgr::GetInstance().AddToCgroups(task, error)) {
+            ProcMgrSysLog(LOG_WARNING, "Add pm tids to cgroup tasks failed, errinfo=%s, tid=%u",
+                          error.c_str(), static_cast<unsigned>(tid));
+        }
+    }
+}
+
+void AffinityCheck::PlacePriorityApp(const ManagedApp& app) {
+    std::set<int32_t> tids;
+    if (!CoreAffinityMgr::GetTids(app.pid, tids)) {
+        return;
+    }
+    // Asked after the threads were listed: they are this process's, or nothing is done.
+    const std::set<int32_t> added = apps_.NoteTids(app, tids);
+    // With the main thread comes a process that has not been here before: it is told of once.
+    if (added.contains(app.pid) &&
+        !CoreAffinityMgr::GetInstance().CheckIsCtrlCpu(app.name, app.cores)) {
+        ProcMgrSysLog(LOG_ERR, "app=%s, pid=%d, core affinity is not in ctrlcpu", app.name.c_str(),
+                      app.pid);
+    }
+    for (const int32_t tid : added) {
+        PlacePriorityThread(app, tid);
+    }
+}
+
+void AffinityCheck::PlacePriorityThread(const ManagedApp& app, int32_t tid) {
+    std::string error;
+    const CgroupTaskInfo task{app.name,
+                              tid,
+                              app.cpuGroup.empty() ? DEFAULT_CPU_GROUP : app.cpuGroup,
+                              app.cpuset.empty() ? DEFAULT_CPUSET : app.cpuset,
+                              app.blkioGroup,
+                              {}};
+    if (!CgroupMgr::GetInstance().AddToCgroups(task, error)) {
+        ProcMgrSysLog(LOG_WARNING, "Add priority app to cgroup tasks failed, errinfo=%s, tid=%d",
+                      error.c_str(), tid);
+    }
+    if (app.isDelayed) {
+        return;
+    }
+    error.clear();
+    CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
+    if (affinity.SetCoreAffinity(tid, app.cores, error) != AFFINITY_OK) {
+        ProcMgrSysLog(LOG_WARNING, "priority app SetCoreAffinityToOs failed, errinfo=%s, app=%s",
+                      error.c_str(), app.name.c_str());
+        return;
+    }
+    affinity.Store(app.pid, tid, app.cores);
+}
+
+}  // namespace ProcMgr

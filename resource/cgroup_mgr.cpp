@@ -1,0 +1,203 @@
+#include "resource/cgroup_mgr.h"
+
+#include <dirent.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "main/constants.h"
+#include "main/line_reader.h"
+#include "main/log.h"
+#include "resource/task_file.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr const char* TASKS = "/tasks";
+constexpr const char* CPU_QUOTA = "/cpu.cfs_quota_us";
+constexpr const char* CPU_PERIOD = "/cpu.cfs_period_us";
+constexpr const char* MEMORY_SUFFIX = "_MEMORY";
+constexpr const char* HOST_CPU_SET = "HOST_CPU_SET";
+constexpr int32_t NO_QUOTA = -1;
+constexpr int32_t QUOTA_MIN = 1000;  // microseconds
+constexpr int64_t PERCENT = 100;
+
+bool FitsInt32(int64_t value) {
+    return value >= std::numeric_limits<int32_t>::min() &&
+           value <= std::numeric_limits<int32_t>::max();
+}
+
+bool IsUsableGroup(const std::string& group) {
+    return !group.empty() && group.find("..") == std::string::npos;
+}
+
+std::string NameOf(const CgroupPolicyInfo& policy) {
+    return {policy.groupName, strnlen(policy.groupName, sizeof(policy.groupName))};
+}
+
+// Which policy types there are, and who serves them.
+struct PolicyRow {
+    uint8_t type;
+    uint32_t (CgroupMgr::*update)(const CgroupPolicyInfo& policy) const;
+};
+constexpr std::array POLICIES = {PolicyRow{0, &CgroupMgr::UpdateCpuSet}};
+
+}  // namespace
+
+CgroupMgr& CgroupMgr::GetInstance() {
+    static CgroupMgr instance;
+    return instance;
+}
+
+uint32_t CgroupMgr::UpdateCgroup(const CgroupPolicyInfo& policy) {
+    const std::string name = NameOf(policy);
+    ProcMgrSysLog(LOG_INFO,
+                  "PROCMGR: CgroupMgr UpdateCgroup begin, groupName=%s, type=%d, isEnable=%d, "
+                  "isCfgOk_=%d",
+                  name.c_str(), policy.type, policy.isEnable, isCfgOk_);
+    if (!isCfgOk_) {
+        return CGROUP_FAILED;
+    }
+    if (!cgroupSets_.contains(name)) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr UpdateCgroup name=%s policy not found",
+                      name.c_str());
+        return CGROUP_FAILED;
+    }
+    for (const PolicyRow& row : POLICIES) {
+        if (row.type == policy.type) {
+            const uint32_t ret = (this->*row.update)(policy);
+            ProcMgrSysLog(LOG_INFO, "PROCMGR: CgroupMgr UpdateCgroup finish, ret=%d",
+                          static_cast<int>(ret));
+            return ret;
+        }
+    }
+    ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr UpdateCgroup name=%s policy type=%u invalid",
+                  name.c_str(), static_cast<unsigned>(policy.type));
+    return CGROUP_FAILED;
+}
+
+uint32_t CgroupMgr::UpdateCpuSet(const CgroupPolicyInfo& policy) const {
+    const auto set = cgroupSets_.find(NameOf(policy));
+    if (set == cgroupSets_.end()) {
+        return CGROUP_OK;
+    }
+    uint32_t ret = CGROUP_OK;
+    for (const auto& [group, percentage] : set->second) {
+        const int32_t quota = policy.isEnable == 1 ? ComputeQuota(group, percentage) : NO_QUOTA;
+        const std::string path = CGROUP_CPU_ROOT + group + CPU_QUOTA;
+        if (!WriteToCgroup(path, quota)) {
+            ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr UpdateCpuSet write file=%s fail",
+                          path.c_str());
+            ret = CGROUP_FAILED;
+        }
+    }
+    return ret;
+}
+
+int32_t CgroupMgr::ComputeQuota(const std::string& group, int32_t percentage) {
+    const std::string path = CGROUP_CPU_ROOT + group + CPU_PERIOD;
+    LineReader file(path);
+    if (!file.IsOpen()) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr open %s fail", path.c_str());
+    }
+    const std::string_view line = file.Next().value_or("");
+    int32_t period = 0;
+    std::from_chars(line.data(), line.data() + line.size(), period);
+    const int64_t share = int64_t{period} * percentage;
+    if (!FitsInt32(share)) {
+        return QUOTA_MIN;
+    }
+    const int64_t quota = static_cast<int64_t>(CPU_NUM) * (share / PERCENT);
+    return FitsInt32(quota) && quota > QUOTA_MIN ? static_cast<int32_t>(quota) : QUOTA_MIN;
+}
+
+void CgroupMgr::EnableDefaultCpuSet() const {
+    if (!hostCpuSwitch_) {
+        ProcMgrSysLog(LOG_INFO, "PROCMGR: CgroupMgr EnableDefaultCpuSet hostCpuSwitch_=%d",
+                      hostCpuSwitch_);
+        return;
+    }
+    CgroupPolicyInfo policy;
+    const int length =
+        std::snprintf(policy.groupName, sizeof(policy.groupName), "%s", HOST_CPU_SET);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof(policy.groupName)) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr EnableDefaultCpuSet copy name fail, errno=%d",
+                      errno);
+        return;
+    }
+    policy.isEnable = 1;
+    ProcMgrSysLog(LOG_INFO, "PROCMGR: CgroupMgr EnableDefaultCgroupCpu");
+    UpdateCpuSet(policy);
+}
+
+void CgroupMgr::DisableCgroupCpu() const {
+    if (!isCfgOk_) {
+        return;
+    }
+    DIR* directory = opendir(CGROUP_CPU_ROOT);
+    if (directory == nullptr) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr open dir=%s fail", CGROUP_CPU_ROOT);
+        return;
+    }
+    ProcMgrSysLog(LOG_INFO, "PROCMGR: CgroupMgr DisableCgroupCpu");
+    while (const dirent* entry = readdir(directory)) {
+        const std::string name = entry->d_name;
+        if (entry->d_type == DT_DIR && name != "." && name != "..") {
+            WriteToCgroup(CGROUP_CPU_ROOT + name + CPU_QUOTA, NO_QUOTA);
+        }
+    }
+    if (closedir(directory) != 0) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr close dir=%s fail", CGROUP_CPU_ROOT);
+    }
+}
+
+bool CgroupMgr::WriteToCgroup(const std::string& path, int32_t value) {
+    if (access(path.c_str(), W_OK) != 0) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr WriteToCgroup, access %s fail, errno=%d",
+                      path.c_str(), errno);
+        return false;
+    }
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "we"), std::fclose);
+    if (file == nullptr) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr WriteToCgroup, open %s fail", path.c_str());
+        return false;
+    }
+    // The kernel's answer comes with the flush.
+    return std::fprintf(file.get(), "%" PRId32, value) > 0 && std::fflush(file.get()) == 0;
+}
+
+std::vector<std::string> CgroupMgr::GetTaskPaths(const CgroupTaskInfo& task) const {
+    std::vector<std::string> paths;
+    if (IsUsableGroup(task.cpusetName)) {
+        paths.push_back(CGROUP_CPUSET_ROOT + task.cpusetName + TASKS);
+    }
+    if (IsUsableGroup(task.cgroupName)) {
+        paths.push_back(CGROUP_CPU_ROOT + task.cgroupName + TASKS);
+    }
+    for (const auto& [controller, group] : task.cgroupPaths) {
+        if (IsUsableGroup(group)) {
+            paths.push_back(CGROUP_ROOT + controller + "/" + group + TASKS);
+        }
+    }
+    if (blkIoSwitch_ && IsUsableGroup(task.blkioName)) {
+        paths.push_back(CGROUP_BLKIO_ROOT + task.blkioName + TASKS);
+        if (bufferIoSwitch_) {
+            paths.push_back(CGROUP_MEMORY_ROOT + task.blkioName + MEMORY_SUFFIX + TASKS);
+        }
+    }
+    return paths;
+}
+
+bool CgroupMgr::AddToCgroups(const CgroupTaskInfo& task, std::string& error) const {
+    return AppendTidToAll(GetTaskPaths(task), task.tid, error);
+}
+
+}  // namespace ProcMgr

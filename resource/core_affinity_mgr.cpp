@@ -1,0 +1,287 @@
+#include "resource/core_affinity_mgr.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+
+#include "main/constants.h"
+#include "main/line_reader.h"
+#include "main/log.h"
+#include "resource/cgroup_mgr.h"
+#include "resource/cpuset_file.h"
+#include "resource/task_file.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr const char* CTRL_CPUS = "/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus";
+constexpr const char* AI_CPUS = "/sys/fs/cgroup/cpuset/AICPU/cpuset.cpus";
+constexpr const char* AI_TASKS = "/sys/fs/cgroup/cpuset/AICPU/tasks";
+constexpr std::string_view NAME_KEY = "Name:";
+constexpr size_t THREAD_NAME_MAX = 16;
+
+using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
+
+bool Contains(const std::vector<uint32_t>& cores, uint32_t core) {
+    return std::find(cores.begin(), cores.end(), core) != cores.end();
+}
+
+std::string TaskDirectory(int32_t pid) {
+    return PROC_DIR + std::to_string(pid) + "/task/";
+}
+
+// As the kernel reports it; empty when the thread is gone.
+std::string GetThreadName(int32_t pid, int32_t tid) {
+    const std::string path = TaskDirectory(pid) + std::to_string(tid) + "/status";
+    LineReader file(path);
+    if (!file.IsOpen()) {
+        ProcMgrSysLog(LOG_ERR, "fopen %s fail, errno: %d", path.c_str(), errno);
+        return {};
+    }
+    while (auto line = file.Next()) {
+        if (line->starts_with(NAME_KEY)) {
+            line->remove_prefix(NAME_KEY.size());
+            line->remove_prefix(std::min(line->find_first_not_of(" \t"), line->size()));
+            return std::string(line->substr(0, THREAD_NAME_MAX));
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+CoreAffinityMgr& CoreAffinityMgr::GetInstance() {
+    static CoreAffinityMgr instance;
+    return instance;
+}
+
+void CoreAffinityMgr::LoadCoreLists() {
+    const std::lock_guard lock(coresMutex_);
+    if (ctrlCores_.empty()) {
+        ctrlCores_ = ReadCpusetFile(CTRL_CPUS);
+    }
+    if (aiCores_.empty()) {
+        aiCores_ = ReadCpusetFile(AI_CPUS);
+    }
+}
+
+bool CoreAffinityMgr::CheckLaunch(const std::string& appName,
+                                  const std::vector<uint32_t>& cores) const {
+    std::vector<uint32_t> ordinary;
+    {
+        const std::lock_guard lock(coresMutex_);
+        if (ctrlCores_.empty()) {
+            return true;
+        }
+        std::copy_if(cores.begin(), cores.end(), std::back_inserter(ordinary),
+                     [this](uint32_t core) { return !Contains(aiCores_, core); });
+    }
+    return CheckIsCtrlCpu(appName, ordinary);
+}
+
+bool CoreAffinityMgr::CheckIsCtrlCpu(const std::string& appName,
+                                     const std::vector<uint32_t>& cores) const {
+    const std::lock_guard lock(coresMutex_);
+    for (const uint32_t core : cores) {
+        if (!Contains(ctrlCores_, core)) {
+            ProcMgrSysLog(LOG_ERR, "CheckIsCtrlCpu app=%s, coreId=%u is not in CtrlCpu",
+                          appName.c_str(), core);
+            return false;
+        }
+    }
+    return true;
+}
+
+std::optional<CoreMask> CoreAffinityMgr::MakeMask(const std::vector<uint32_t>& cores) const {
+    const std::lock_guard lock(coresMutex_);
+    const std::vector<uint32_t>& wanted = cores.empty() ? ctrlCores_ : cores;
+    if (wanted.empty()) {
+        return std::nullopt;
+    }
+    CoreMask mask;
+    for (const uint32_t core : wanted) {
+        if (core >= CPU_NUM) {
+            continue;
+        }
+        if (Contains(aiCores_, core)) {
+            ++mask.aiCores;
+        }
+        if (core < CPU_SETSIZE) {
+            CPU_SET(core, &mask.cores);
+        }
+    }
+    return mask;
+}
+
+uint32_t CoreAffinityMgr::SetCoreAffinity(int32_t id, const std::vector<uint32_t>& cores,
+                                          std::string& error) const {
+    return ApplyMask(id, MakeMask(cores), error);
+}
+
+uint32_t CoreAffinityMgr::ApplyMask(int32_t id, const std::optional<CoreMask>& mask,
+                                    std::string& error) {
+    if (!mask) {
+        error += "default ctrl cpu is null;";
+        return AFFINITY_NO_CORES;
+    }
+    for (uint32_t core = 0; core < mask->aiCores; ++core) {
+        WriteTidToAIcpuSet(id);
+    }
+    if (sched_setaffinity(id, sizeof(mask->cores), &mask->cores) != 0) {
+        error += "SetCoreAffinity fail pid=" + std::to_string(id) +
+                 ", errno=" + std::to_string(errno) + ";";
+        return AFFINITY_REFUSED;
+    }
+    return AFFINITY_OK;
+}
+
+void CoreAffinityMgr::WriteTidToAIcpuSet(int32_t tid) {
+    if (!AppendTid(AI_TASKS, tid)) {
+        ProcMgrSysLog(LOG_ERR, "WriteTidToAIcpuSet failed tid: %d, aicpuSet: %s is not existed",
+                      tid, AI_TASKS);
+    }
+}
+
+int CoreAffinityMgr::OpenAiCpuset() {
+    return open(AI_TASKS, O_WRONLY | O_APPEND | O_CLOEXEC);
+}
+
+bool CoreAffinityMgr::Store(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores) {
+    std::string name = GetThreadName(pid, tid);
+    if (name.empty()) {
+        ProcMgrSysLog(LOG_ERR, "GetThreadName fail, pid:%d tid:%d, errno: %d", pid, tid, errno);
+        return false;
+    }
+    const std::lock_guard lock(mutex_);
+    threads_.insert_or_assign(static_cast<uint32_t>(tid),
+                              ThreadCoreInfo{pid, cores, std::move(name)});
+    return true;
+}
+
+uint32_t CoreAffinityMgr::StoreAndSetCoreAffinity(int32_t pid, int32_t tid,
+                                                  const std::vector<uint32_t>& cores) {
+    ProcMgrSysLog(LOG_INFO, "StoreAndSetCoreAffinity pid:%d tid:%d", pid, tid);
+    if (!Store(pid, tid, cores)) {
+        return AFFINITY_NO_THREAD_NAME;
+    }
+    std::string error;
+    const uint32_t ret = SetCoreAffinity(tid, cores, error);
+    if (ret != AFFINITY_OK) {
+        ProcMgrSysLog(LOG_ERR, "SetCoreAffinityToOs fail, pid:%d, tid:%d, errStr: %s", pid, tid,
+                      error.c_str());
+    }
+    return ret;
+}
+
+void CoreAffinityMgr::StoreStrays(int32_t pid, const std::vector<uint32_t>& cores) {
+    std::set<int32_t> tids;
+    if (!GetTids(pid, tids)) {
+        return;
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        std::erase_if(tids, [&](int32_t tid) {
+            const auto row = threads_.find(static_cast<uint32_t>(tid));
+            return row != threads_.end() && row->second.pid == pid;
+        });
+    }
+    for (const int32_t tid : tids) {
+        if (!IsPinned(tid, cores)) {
+            Store(pid, tid, cores);
+        }
+    }
+}
+
+void CoreAffinityMgr::RecycleThreadCoreInfo(int32_t pid, const std::string& appName) {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(threads_, [&](const auto& row) {
+        if (row.second.pid != pid) {
+            return false;
+        }
+        ProcMgrSysLog(LOG_INFO, "RecycleThreadCoreInfo finished app: %s, tid: %u, pid: %d",
+                      appName.c_str(), row.first, pid);
+        return true;
+    });
+}
+
+bool CoreAffinityMgr::IsPinned(int32_t tid, const std::vector<uint32_t>& cores) const {
+    const std::optional<CoreMask> wanted = MakeMask(cores);
+    cpu_set_t present{};
+    if (!wanted || sched_getaffinity(tid, sizeof(present), &present) != 0) {
+        return true;
+    }
+    cpu_set_t both{};
+    CPU_AND(&both, &present, &wanted->cores);
+    return CPU_EQUAL(&both, &present) != 0;
+}
+
+bool CoreAffinityMgr::GetTids(int32_t pid, std::set<int32_t>& tids) {
+    const std::string path = TaskDirectory(pid);
+    const Directory directory(opendir(path.c_str()), closedir);
+    if (directory == nullptr) {
+        ProcMgrSysLog(LOG_ERR, "opendir %s fail, errno: %d", path.c_str(), errno);
+        return false;
+    }
+    while (const dirent* entry = readdir(directory.get())) {
+        const char first = entry->d_name[0];
+        if (first >= '0' && first <= '9') {
+            constexpr int DECIMAL = 10;
+            const long tid = std::strtol(entry->d_name, nullptr, DECIMAL);
+            tids.insert(static_cast<int32_t>(tid));
+        }
+    }
+    return true;
+}
+
+bool CoreAffinityMgr::WakeUpRecover(const std::vector<int32_t>& pids) {
+    std::string restored;
+    for (const int32_t pid : pids) {
+        std::set<int32_t> tids;
+        if (!GetTids(pid, tids)) {
+            ProcMgrSysLog(LOG_ERR, "CoreAffinityMgr GetTids fail, pid:%d", pid);
+            continue;
+        }
+        const std::lock_guard lock(mutex_);
+        std::erase_if(threads_, [&](const auto& row) {
+            if (row.second.pid != pid) {
+                return false;
+            }
+            const bool isRestored =
+                tids.contains(static_cast<int32_t>(row.first)) && Recover(row.first, row.second);
+            if (isRestored) {
+                restored += (restored.empty() ? "" : ",") + std::to_string(row.first);
+                return false;
+            }
+            ProcMgrSysLog(LOG_WARNING,
+                          "CoreAffinityMgr WakeUpRecover CheckTidIsValid fail, pid:%d, tid:%u", pid,
+                          row.first);
+            return true;
+        });
+    }
+    ProcMgrSysLog(LOG_INFO, "CoreAffinityMgr WakeUpRecover tid:%s", restored.c_str());
+    return true;
+}
+
+bool CoreAffinityMgr::Recover(uint32_t tid, const ThreadCoreInfo& info) const {
+    const auto id = static_cast<int32_t>(tid);
+    if (GetThreadName(info.pid, id) != info.name) {
+        return false;
+    }
+    ProcMgrSysLog(LOG_INFO, "CoreAffinityMgr WakeUpRecover CheckTidIsValid success, pid:%d, tid:%u",
+                  info.pid, tid);
+    std::string error;
+    if (SetCoreAffinity(id, info.cores, error) != AFFINITY_OK) {
+        ProcMgrSysLog(LOG_WARNING,
+                      "RecoverCoreAffinity SetCoreAffinityToOs failed, pid:%d, tid:%u, err=%s",
+                      info.pid, tid, error.c_str());
+    }
+    return true;
+}
+
+}  // namespace ProcMgr

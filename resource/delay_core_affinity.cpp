@@ -1,0 +1,338 @@
+#include "resource/delay_core_affinity.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <exception>
+#include <set>
+#include <system_error>
+#include <vector>
+
+#include "main/boot_trace.h"
+#include "main/constants.h"
+#include "main/log.h"
+#include "main/proc_mgr_env.h"
+#include "resource/cgroup_mgr.h"
+#include "resource/core_affinity_mgr.h"
+#include "resource/cpuset_file.h"
+
+namespace ProcMgr {
+
+using Message::DELAY_BUSY;
+using Message::DELAY_FAILED;
+using Message::DELAY_OK;
+using Message::DelayCoreAffinityReq;
+
+namespace {
+
+constexpr uint32_t INTERVAL_MIN = 100;  // milliseconds
+constexpr uint32_t INTERVAL_MAX = 60000;
+constexpr uint32_t INTERVAL_DEFAULT = 1000;
+constexpr int CHECKS_MIN = -1;  // no limit
+constexpr int CHECKS_MAX = 100;
+constexpr int CHECKS_DEFAULT = 3;
+constexpr int COUNT_MAX = 127;
+constexpr const char* DEFAULT_CPUSET = "CtrlCPU";
+constexpr const char* CPUS = "/cpuset.cpus";
+
+// What cannot be used is replaced, not refused.
+void MakeValid(DelayCoreAffinityReq& request) {
+    if (request.checkInterval < INTERVAL_MIN || request.checkInterval > INTERVAL_MAX) {
+        ProcMgrSysLog(LOG_ERR,
+                      "SetDelayCoreAffinity checkInterval=%u not valid,use default value 1000",
+                      request.checkInterval);
+        request.checkInterval = INTERVAL_DEFAULT;
+    }
+    if (request.checkNum < CHECKS_MIN || request.checkNum > CHECKS_MAX) {
+        ProcMgrSysLog(LOG_ERR,
+                      "SetDelayCoreAffinity config checkNum=%d not valid,use default value 3",
+                      request.checkNum);
+        request.checkNum = CHECKS_DEFAULT;
+    }
+}
+
+}  // namespace
+
+uint32_t DelayCoreAffinity::SetDelayCoreAffinity(const DelayCoreAffinityReq& request) {
+    uint32_t ret = DELAY_FAILED;
+    if (request.state == Message::DELAY_BIND) {
+        ret = Bind(request);
+    } else if (request.state == Message::DELAY_RESET) {
+        const std::lock_guard lock(mutex_);
+        ret = delayState_ == BOUND ? DELAY_BUSY : DELAY_OK;
+        if (ret == DELAY_OK) {
+            delayState_ = IDLE;
+        } else {
+            ProcMgrSysLog(LOG_INFO, "SetDelayCoreAffinity return busy, not finish last check task");
+        }
+    }
+    ProcMgrSysLog(LOG_INFO,
+                  "SetDelayCoreAffinity state=%u, cfg checkInterval=%u, checkNum=%d, "
+                  "isWakeUpEnable=%d, ret=%d",
+                  static_cast<unsigned>(request.state), request.checkInterval, request.checkNum,
+                  request.isWakeUpEnable, static_cast<int>(ret));
+    return ret;
+}
+
+uint32_t DelayCoreAffinity::Bind(const DelayCoreAffinityReq& request) {
+    if (!Accept()) {
+        ProcMgrSysLog(LOG_INFO,
+                      "SetDelayCoreAffinity return directly as has recieved core affinity req "
+                      "before, will not update config or bind core");
+        return DELAY_OK;
+    }
+    const std::string begin = BootStrace(BOOT_TRACE_TAG);
+    const uint32_t ret = BindAll();
+    const std::string end = BootStrace(BOOT_TRACE_TAG);
+    ProcMgrSysLog(LOG_INFO, "SetDelayCoreAffinity beginTime=%s, endTime=%s", begin.c_str(),
+                  end.c_str());
+    return StoreRequest(request) && ret == AFFINITY_OK ? DELAY_OK : DELAY_FAILED;
+}
+
+bool DelayCoreAffinity::Accept() {
+    const std::lock_guard lock(mutex_);
+    if (delayState_ != IDLE) {
+        return false;
+    }
+    delayState_ = BOUND;
+    isPending_ = false;  // of a bind that a wake-up ended before the worker saw it
+    ++binds_;
+    return true;
+}
+
+bool DelayCoreAffinity::StoreRequest(const DelayCoreAffinityReq& request) {
+    const std::lock_guard lock(mutex_);
+    request_ = request;
+    MakeValid(request_);
+    isPending_ = true;
+    changed_.notify_all();
+    if (worker_.joinable() || isStopped_) {
+        return true;
+    }
+    try {
+        worker_ = std::thread(&DelayCoreAffinity::CheckCoreAffinityThread, this);
+        return true;
+    } catch (const std::system_error& error) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: CheckCoreAffinityThread cannot be started, errno=%d",
+                      error.code().value());
+        delayState_ = IDLE;
+        return false;
+    }
+}
+
+uint32_t DelayCoreAffinity::BindAll() {
+    uint32_t result = AFFINITY_OK;
+    for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::DELAYED)) {
+        const uint32_t ret = BindCoreForDelayApp(app);
+        result = result == AFFINITY_OK ? ret : result;
+    }
+    return result;
+}
+
+uint32_t DelayCoreAffinity::Pin(const ManagedApp& app, int32_t tid, std::string& error) {
+    CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
+    const uint32_t ret = affinity.SetCoreAffinity(tid, app.cores, error);
+    if (ret == AFFINITY_OK) {
+        affinity.Store(app.pid, tid, app.cores);
+    }
+    return ret;
+}
+
+uint32_t DelayCoreAffinity::BindCoreForDelayApp(const ManagedApp& app) {
+    if (!app.isDelayed || !apps_.IsPresent(app)) {
+        return AFFINITY_OK;
+    }
+    std::string error;
+    uint32_t result = Pin(app, app.pid, error);
+    std::set<int32_t> tids;
+    // Listed first, then the process is made sure of: the threads are its own.
+    if (CoreAffinityMgr::GetTids(app.pid, tids) && apps_.IsPresent(app)) {
+        tids.erase(app.pid);
+        for (const int32_t tid : tids) {
+            const uint32_t ret = Pin(app, tid, error);
+            result = result == AFFINITY_OK ? ret : result;
+        }
+    }
+    if (!error.empty()) {
+        ProcMgrSysLog(LOG_WARNING, "PROCMGR : BindCoreForDelayApp failed err=%s", error.c_str());
+    }
+    return result;
+}
+
+bool DelayCoreAffinity::CheckMissingTids(const ManagedApp& app) {
+    std::set<int32_t> tids;
+    if (!app.isDelayed || !apps_.IsPresent(app) || !CoreAffinityMgr::GetTids(app.pid, tids) ||
+        !apps_.IsPresent(app)) {
+        return true;
+    }
+    bool isComplete = true;
+    std::string error;
+    for (const int32_t tid : tids) {
+        if (!CoreAffinityMgr::GetInstance().IsPinned(tid, app.cores)) {
+            isComplete = false;
+            Pin(app, tid, error);
+        }
+    }
+    if (!error.empty()) {
+        ProcMgrSysLog(LOG_WARNING, "PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err=%s",
+                      error.c_str());
+    }
+    return isComplete;
+}
+
+bool DelayCoreAffinity::CheckAll() {
+    bool isComplete = true;
+    try {
+        for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::DELAYED)) {
+            isComplete = CheckMissingTids(app) && isComplete;
+        }
+    } catch (const std::exception& error) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: CheckCoreAffinityThread check failed, %s", error.what());
+        return false;
+    }
+    return isComplete;
+}
+
+void DelayCoreAffinity::CheckCoreAffinityThread() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        changed_.wait(lock, [this] { return isStopped_ || (isPending_ && delayState_ == BOUND); });
+        if (isStopped_) {
+            break;
+        }
+        isPending_ = false;
+        const DelayCoreAffinityReq request = request_;
+        const uint64_t bind = binds_;
+        lock.unlock();
+        Recheck(request, bind);
+        lock.lock();
+    }
+    lock.unlock();
+    ProcMgrSysLog(LOG_INFO, "PROCMGR: CheckCoreAffinityThread exit now.");
+}
+
+void DelayCoreAffinity::Recheck(const DelayCoreAffinityReq& request, uint64_t bind) {
+    ProcMgrSysLog(LOG_INFO,
+                  "CheckCoreAffinityThread wakeup,checkInterval=%u,checkNum=%d,isWakeUpEnable=%d",
+                  request.checkInterval, request.checkNum, request.isWakeUpEnable);
+    CheckAll();
+    int count = 0;
+    bool isOk = false;
+    while (count != request.checkNum && !isOk && IsCurrent(bind)) {
+        if (isSuspended_) {
+            ProcMgrSysLog(LOG_INFO, "CheckCoreAffinityThread suspend");
+            break;
+        }
+        isOk = CheckAll();
+        count = std::min(count + 1, COUNT_MAX);
+        WaitFor(std::chrono::milliseconds(request.checkInterval), bind);
+    }
+    Finish(bind);
+    ProcMgrSysLog(LOG_INFO,
+                  "CheckCoreAffinityThread finish check %d times,check interval %u "
+                  "ms,coreAffinityOk=%d, isWakeUpEnable=%d",
+                  count, request.checkInterval, isOk, request.isWakeUpEnable);
+}
+
+bool DelayCoreAffinity::IsCurrent(uint64_t bind) {
+    const std::lock_guard lock(mutex_);
+    return !isStopped_ && delayState_ == BOUND && binds_ == bind;
+}
+
+void DelayCoreAffinity::WaitFor(std::chrono::milliseconds interval, uint64_t bind) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, interval, [&] {
+        return isStopped_ || isSuspended_ || delayState_ != BOUND || binds_ != bind;
+    });
+}
+
+// A wake-up may have allowed a new bind meanwhile, or there is one already: those stand.
+void DelayCoreAffinity::Finish(uint64_t bind) {
+    const std::lock_guard lock(mutex_);
+    if (delayState_ == BOUND && binds_ == bind) {
+        delayState_ = FINISHED;
+    }
+}
+
+void DelayCoreAffinity::Suspend() {
+    const std::lock_guard lock(mutex_);
+    isSuspended_ = true;
+    changed_.notify_all();
+}
+
+bool DelayCoreAffinity::ReadWakeUpEnable() {
+    const std::lock_guard lock(mutex_);
+    const bool isEnabled = request_.isWakeUpEnable == 1;
+    delayState_ = isEnabled ? IDLE : FINISHED;
+    isPending_ = false;
+    ProcMgrSysLog(LOG_INFO, "WakeUpRecover wakeUpDelayCoreAffinity=%d", isEnabled);
+    isSuspended_ = false;
+    changed_.notify_all();
+    return isEnabled;
+}
+
+void DelayCoreAffinity::WakeUpRecover() {
+    const bool isReset = ReadWakeUpEnable();
+    CgroupMgr::GetInstance().EnableDefaultCpuSet();
+    CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
+    std::string error;
+    if (affinity.SetCoreAffinity(ProcMgrEnv::GetInstance().GetPid(), {}, error) != AFFINITY_OK) {
+        ProcMgrSysLog(LOG_WARNING, "WakeUpRecover pm SetCoreAffinityToOs failed, err=%s",
+                      error.c_str());
+    }
+    std::vector<int32_t> pids;
+    uint32_t ret = AFFINITY_OK;
+    for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::ALL)) {
+        if (!apps_.IsPresent(app)) {
+            continue;
+        }
+        if (app.isDelayed && isReset) {
+            ret = std::max(ret, ResetToCpuset(app));
+            continue;
+        }
+        if (!app.isDelayed) {
+            affinity.StoreStrays(app.pid, app.cores);
+        }
+        pids.push_back(app.pid);
+    }
+    if (isReset) {
+        ProcMgrSysLog(LOG_INFO, "Reset Core Affinity to CpuSet for delay apps, ret=%d",
+                      static_cast<int>(ret));
+    }
+    if (affinity.WakeUpRecover(pids)) {
+        ProcMgrSysLog(LOG_INFO, "WakeUpRecover success");
+    } else {
+        ProcMgrSysLog(LOG_ERR, "WakeUpRecover failed");
+    }
+}
+
+uint32_t DelayCoreAffinity::ResetToCpuset(const ManagedApp& app) {
+    CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
+    affinity.RecycleThreadCoreInfo(app.pid, app.name);
+    const bool isUsable = !app.cpuset.empty() && app.cpuset.find("..") == std::string::npos;
+    const std::vector<uint32_t> cores = ReadCpusetFile(
+        CGROUP_CPUSET_ROOT + (isUsable ? app.cpuset : std::string(DEFAULT_CPUSET)) + CPUS);
+    std::set<int32_t> tids;
+    if (!CoreAffinityMgr::GetTids(app.pid, tids) || !apps_.IsPresent(app)) {
+        return AFFINITY_OK;
+    }
+    uint32_t result = AFFINITY_OK;
+    for (const int32_t tid : tids) {
+        std::string error;
+        result = std::max(result, affinity.SetCoreAffinity(tid, cores, error));
+    }
+    return result;
+}
+
+void DelayCoreAffinity::Stop() {
+    {
+        const std::lock_guard lock(mutex_);
+        isStopped_ = true;
+        changed_.notify_all();
+    }
+    if (worker_.joinable()) {
+        worker_.join();
+    }
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,192 @@
+#include "resource/share_pool.h"
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+#include "main/log.h"
+#include "main/system.h"
+#include "platform/device.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr size_t NAME_LENGTH_MAX = 63;
+constexpr size_t GROUPS_MAX = 256;
+constexpr const char* ACCESS_READ = "read";
+constexpr const char* ACCESS_READ_WRITE = "read-write";
+constexpr uint32_t DONE = 0;
+
+// A name goes into an environment variable with commas between the names.
+bool IsUsableName(const std::string& name) {
+    return !name.empty() && name.size() <= NAME_LENGTH_MAX &&
+           std::all_of(name.begin(), name.end(),
+                       [](char c) { return c > ' ' && c < 0x7f && c != ',' && c != '/'; });
+}
+
+std::string TextOf(const KvsTypeYaml& node, const std::string& key) {
+    KvsTypeYaml value;
+    return node.GetSubKvs(key, value) ? value.GetString() : std::string();
+}
+
+// Bytes; 0 for what is no number of them.
+uint64_t ParseSize(const std::string& text) {
+    uint64_t size = 0;
+    const char* end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, size);
+    return parsed.ec == std::errc() && parsed.ptr == end ? size : 0;
+}
+
+// Nothing when an entry of the list is not a member.
+std::optional<std::map<std::string, std::string>> ReadMembers(const KvsTypeYaml& group) {
+    std::map<std::string, std::string> members;
+    KvsTypeYaml list;
+    if (!group.GetSubKvs("members", list)) {
+        return members;
+    }
+    KvsTypeYaml entry;
+    for (size_t index = 0; list.GetElement(index, entry); ++index) {
+        const std::string app = TextOf(entry, "app");
+        const std::string access = TextOf(entry, "access");
+        if (app.empty() || (access != ACCESS_READ && access != ACCESS_READ_WRITE)) {
+            return std::nullopt;
+        }
+        members.insert_or_assign(app, access);
+    }
+    return members;
+}
+
+std::vector<std::string> ListFiles(const std::string& directory) {
+    std::vector<std::string> files;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::filesystem::path& path = entry->path();
+        if (path.extension() == ".yaml" || path.extension() == ".yml") {
+            files.push_back(path.string());
+        }
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+}  // namespace
+
+std::string SharePoolPlan::Names() const {
+    std::string names;
+    for (const Group& group : groups) {
+        names += (names.empty() ? "" : ",") + group.name;
+    }
+    return names;
+}
+
+void SharePool::Load(const std::string& directory) {
+    std::error_code error;
+    if (!std::filesystem::exists(directory, error)) {
+        return;
+    }
+    if (!IsRootsAlone(directory)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : share pool %s is not root's alone to write, it is ignored",
+                   directory.c_str());
+        return;
+    }
+    for (const std::string& path : ListFiles(directory)) {
+        LoadFile(path);
+    }
+    for (const auto& [name, group] : groups_) {
+        const uint32_t ret = halGrpCreate(name.c_str(), group.size);
+        if (ret != DONE) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : halGrpCreate group=%s failed, ret=%u", name.c_str(),
+                       ret);
+        }
+    }
+}
+
+void SharePool::LoadFile(const std::string& path) {
+    KvsTypeYaml top;
+    KvsTypeYaml list;
+    if (!IsRootsAlone(path)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : share pool %s is not root's alone to write, it is ignored",
+                   path.c_str());
+        return;
+    }
+    if (!top.InitYamlNode(path) || !top.GetSubKvs("groups", list)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : share pool %s has no groups that can be read", path.c_str());
+        return;
+    }
+    KvsTypeYaml group;
+    for (size_t index = 0; list.GetElement(index, group); ++index) {
+        LoadGroup(group, path);
+    }
+}
+
+void SharePool::LoadGroup(const KvsTypeYaml& node, const std::string& path) {
+    const std::string name = TextOf(node, "name");
+    const uint64_t size = ParseSize(TextOf(node, "size"));
+    auto members = ReadMembers(node);
+    if (!IsUsableName(name) || size == 0 || !members || groups_.size() == GROUPS_MAX) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : share pool %s: group=%s is not usable", path.c_str(),
+                   name.c_str());
+        return;
+    }
+    if (!groups_.try_emplace(name, Group{size, std::move(*members)}).second) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : share pool %s: group=%s is there already", path.c_str(),
+                   name.c_str());
+    }
+}
+
+SharePoolPlan SharePool::MakePlan(
+    const std::string& appName,
+    const std::vector<std::pair<std::string, std::string>>& manifestGroups) const {
+    SharePoolPlan plan;
+    for (const auto& [name, group] : groups_) {
+        const auto member = group.members.find(appName);
+        if (member != group.members.end()) {
+            plan.groups.push_back({name, member->second});
+            plan.isPreconfigured = true;
+        }
+    }
+    for (const auto& [name, access] : manifestGroups) {
+        // The configured access stands.
+        const bool isThere = std::any_of(plan.groups.begin(), plan.groups.end(),
+                                         [&](const auto& group) { return group.name == name; });
+        if (!isThere) {
+            plan.groups.push_back({name, access});
+        }
+    }
+    return plan;
+}
+
+void SharePool::Join(const std::string& appName, int32_t pid, const SharePoolPlan& plan) {
+    for (const SharePoolPlan::Group& group : plan.groups) {
+        if (IsMember(pid, group.name)) {
+            continue;
+        }
+        const uint32_t ret = halGrpAddProc(group.name.c_str(), pid, group.access.c_str());
+        if (ret != DONE) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : halGrpAddProc app=%s, pid=%d, group=%s failed, ret=%u",
+                       appName.c_str(), pid, group.name.c_str(), ret);
+            continue;
+        }
+        const std::lock_guard lock(mutex_);
+        joined_[pid].insert(group.name);
+    }
+}
+
+bool SharePool::IsMember(int32_t pid, const std::string& group) {
+    const std::lock_guard lock(mutex_);
+    const auto process = joined_.find(pid);
+    return process != joined_.end() && process->second.contains(group);
+}
+
+void SharePool::Forget(int32_t pid) {
+    const std::lock_guard lock(mutex_);
+    joined_.erase(pid);
+}
+
+}  // namespace ProcMgr

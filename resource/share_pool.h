@@ -1,0 +1,67 @@
+// The share-pool memory groups of the accelerator: which there are, who belongs to them, and who
+// has joined. The table is read once at start-up and constant afterwards; joining may be done from
+// any thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/manifest.h"
+
+namespace ProcMgr {
+
+// The groups that one process is to join.
+struct SharePoolPlan {
+    struct Group {
+        std::string name;
+        std::string access;  // "read" or "read-write"
+    };
+    std::vector<Group> groups;
+    bool isPreconfigured = false;  // a configured group names the process
+
+    // The groups' names with "," between them.
+    std::string Names() const;
+};
+
+class SharePool {
+public:
+    // Reads the YAML files of the directory in the order of their names and creates each group that
+    // they configure. A file that is not root's alone to write, or that cannot be parsed, is left
+    // out, and so is a group that is not well-formed; each with a log line. Before the first
+    // launch.
+    void Load(const std::string& directory);
+
+    // The groups of the manifest, and those that name the application.
+    SharePoolPlan MakePlan(
+        const std::string& appName,
+        const std::vector<std::pair<std::string, std::string>>& manifestGroups) const;
+
+    // Adds a process to the groups of its plan, as far as it is not in them. A failure is logged.
+    void Join(const std::string& appName, int32_t pid, const SharePoolPlan& plan);
+
+    // Whether the process has joined the group.
+    bool IsMember(int32_t pid, const std::string& group);
+
+    // Forgets a process that is gone.
+    void Forget(int32_t pid);
+
+private:
+    struct Group {
+        uint64_t size = 0;                           // bytes
+        std::map<std::string, std::string> members;  // access by application
+    };
+
+    void LoadFile(const std::string& path);
+    void LoadGroup(const KvsTypeYaml& node, const std::string& path);
+
+    std::map<std::string, Group> groups_;  // constant once it is loaded
+    std::mutex mutex_;
+    std::map<int32_t, std::set<std::string>> joined_;  // groups by pid; guarded by mutex_
+};
+
+}  // namespace ProcMgr

@@ -1,0 +1,19 @@
+// The one way into a control group: writing a process or thread id into its tasks file. Also for
+// the child between fork and execv: nothing here takes a lock.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace ProcMgr {
+
+// Writes the id into the tasks file at `path`. False when there is no such file; what the kernel
+// says to the write is not reported.
+bool AppendTid(const std::string& path, int32_t tid);
+
+// Writes the id into each of the files. False when some are missing: each of them is named at the
+// end of `error`, the others are written all the same.
+bool AppendTidToAll(const std::vector<std::string>& paths, int32_t tid, std::string& error);
+
+}  // namespace ProcMgr

@@ -1,0 +1,217 @@
+#include "resource/upload_registry.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <csignal>
+#include <optional>
+#include <span>
+#include <string_view>
+
+#include "main/constants.h"
+#include "main/line_reader.h"
+#include "main/log.h"
+
+namespace ProcMgr {
+
+using Message::UploadRequest;
+using Message::UploadResponse;
+using Message::UploadResult;
+
+namespace {
+
+constexpr uint32_t PEERS_MAX = 128;
+constexpr size_t REGISTRATIONS_MAX = 1024;
+// How many processes one check looks at closely; all are asked for by pid.
+constexpr int VERIFIED_PER_CHECK = 16;
+constexpr int32_t RESULT_BUSY = -16;
+constexpr std::chrono::milliseconds BUSY_PAUSE{5};
+// Anyone can send records that are refused.
+constexpr std::chrono::seconds REFUSAL_LINE_PAUSE{1};
+
+std::string ProcPath(int32_t pid, const char* file) {
+    return PROC_DIR + std::to_string(pid) + file;
+}
+
+// When the process was started, in clock ticks since boot: field 22 of its stat line, counted from
+// the one behind the name, which is the 3rd. Nothing when it is gone.
+std::optional<uint64_t> ReadStartTicks(int32_t pid) {
+    constexpr int FIELDS_BEFORE = 22 - 3;
+    LineReader file(ProcPath(pid, "/stat"));
+    auto line = file.Next();
+    const size_t nameEnd = line ? line->rfind(')') : std::string_view::npos;
+    if (nameEnd == std::string_view::npos || nameEnd + 2 > line->size()) {
+        return std::nullopt;
+    }
+    line->remove_prefix(nameEnd + 2);
+    for (int field = 0; field < FIELDS_BEFORE; ++field) {
+        line->remove_prefix(std::min(line->find(' '), line->size() - 1) + 1);
+        if (line->empty()) {
+            return std::nullopt;
+        }
+    }
+    uint64_t ticks = 0;
+    const auto parsed = std::from_chars(line->data(), line->data() + line->size(), ticks);
+    return parsed.ec == std::errc() ? std::optional(ticks) : std::nullopt;
+}
+
+bool IsExecutableOf(int32_t pid, const std::string& path) {
+    std::array<char, PATH_MAX> target{};
+    const ssize_t length = readlink(ProcPath(pid, "/exe").c_str(), target.data(), target.size());
+    return length > 0 && std::string_view(target.data(), static_cast<size_t>(length)) == path;
+}
+
+bool IsGone(int32_t pid) {
+    return kill(pid, 0) != 0 && errno == ESRCH;
+}
+
+}  // namespace
+
+bool UploadRegistry::RegXCallBack() {
+    MuxaServerAttributes attributes;
+    attributes.name = Message::UPLOAD_SERVER;
+    attributes.callback = [this](int32_t fd, const MuxaRequest* request, const std::string&) {
+        // The end of a connection is not the end of its process.
+        if (request != nullptr) {
+            HandleRequest(fd, *request);
+        }
+    };
+    fd_ = MuxaCreateServer(attributes, PEERS_MAX, 0);
+    return fd_ > 0;
+}
+
+void UploadRegistry::Close() {
+    while (fd_ > 0 && MuxaClosePipe(fd_) == RESULT_BUSY) {
+        SleepFor(BUSY_PAUSE);
+    }
+    fd_ = -1;
+}
+
+void UploadRegistry::HandleRequest(int32_t fd, const MuxaRequest& request) {
+    const UploadResponse response = Register(request);
+    if (response.result != UploadResult::REGISTERED) {
+        LogRefused(request, response.result);
+    }
+    const auto record = Message::EncodeUploadResponse(response);
+    if (request.wantsResponse && record) {
+        const MuxaResponse answer{*record, request.sequence};
+        MuxaSendResponse(fd, &answer);
+    }
+}
+
+UploadResponse UploadRegistry::Register(const MuxaRequest& request) {
+    UploadRequest wanted;
+    const auto* bytes = static_cast<const uint8_t*>(request.data);
+    const size_t length = bytes == nullptr ? 0 : request.length;
+    UploadResponse response;
+    response.result = Message::DecodeUploadRequest({bytes, length}, wanted);
+    if (response.result != UploadResult::REGISTERED) {
+        return response;
+    }
+    // Read before anything is checked: what is found out is found out about this process.
+    const std::optional<uint64_t> startTicks = ReadStartTicks(wanted.pid);
+    response.result = startTicks ? Check(wanted, request) : UploadResult::NOT_THE_SENDER;
+    if (response.result != UploadResult::REGISTERED) {
+        return response;
+    }
+    if (!Keep(wanted, *startTicks)) {
+        response.result = UploadResult::TOO_MANY;
+        return response;
+    }
+    response.groups = JoinGroups(wanted);
+    return response;
+}
+
+UploadResult UploadRegistry::Check(const UploadRequest& wanted, const MuxaRequest& sender) {
+    if (wanted.pid != sender.peerPid || !IsExecutableOf(wanted.pid, wanted.path)) {
+        return UploadResult::NOT_THE_SENDER;
+    }
+    const std::optional<std::string> managedName = apps_.GetNameOf(wanted.pid);
+    if (managedName) {
+        return *managedName == wanted.name ? UploadResult::REGISTERED : UploadResult::NOT_ITS_NAME;
+    }
+    // Nobody vouches for a process that the daemon does not manage, unless it is root's.
+    const bool isFree = sender.peerUid == 0 && !apps_.HasProcess(wanted.name);
+    return isFree ? UploadResult::REGISTERED : UploadResult::NOT_ITS_NAME;
+}
+
+bool UploadRegistry::Keep(const UploadRequest& wanted, uint64_t startTicks) {
+    const std::lock_guard lock(mutex_);
+    const auto present = registrations_.find(wanted.pid);
+    if (present == registrations_.end() && registrations_.size() >= REGISTRATIONS_MAX) {
+        return false;
+    }
+    // What is known of an earlier process with this pid is not this one's.
+    if (present != registrations_.end() && present->second.startTicks != startTicks) {
+        sharePool_.Forget(wanted.pid);
+    }
+    registrations_.insert_or_assign(wanted.pid, Registration{wanted.name, startTicks});
+    return true;
+}
+
+std::vector<std::string> UploadRegistry::JoinGroups(const UploadRequest& wanted) {
+    SharePoolPlan plan = sharePool_.MakePlan(wanted.name, {});
+    std::erase_if(plan.groups, [&](const SharePoolPlan::Group& group) {
+        return !wanted.groups.empty() && std::find(wanted.groups.begin(), wanted.groups.end(),
+                                                   group.name) == wanted.groups.end();
+    });
+    sharePool_.Join(wanted.name, wanted.pid, plan);
+    std::vector<std::string> joined;
+    for (const SharePoolPlan::Group& group : plan.groups) {
+        if (joined.size() < Message::UPLOAD_GROUPS_MAX &&
+            sharePool_.IsMember(wanted.pid, group.name)) {
+            joined.push_back(group.name);
+        }
+    }
+    ProcMgrLog(LOG_INFO, "PROCMGR : pmupload app=%s, pid=%d registered, groups=%s",
+               wanted.name.c_str(), wanted.pid, plan.Names().c_str());
+    return joined;
+}
+
+void UploadRegistry::LogRefused(const MuxaRequest& sender, UploadResult result) {
+    {
+        const std::lock_guard lock(mutex_);
+        const SteadyTime now = std::chrono::steady_clock::now();
+        if (now < nextRefusalLine_) {
+            return;
+        }
+        nextRefusalLine_ = now + REFUSAL_LINE_PAUSE;
+    }
+    ProcMgrLog(LOG_WARNING, "PROCMGR : pmupload request of pid=%d, uid=%u refused, result=%u",
+               sender.peerPid, sender.peerUid, static_cast<unsigned>(result));
+}
+
+bool UploadRegistry::IsEmpty() {
+    const std::lock_guard lock(mutex_);
+    return registrations_.empty();
+}
+
+void UploadRegistry::DropGone() {
+    const std::lock_guard lock(mutex_);
+    int toVerify = VERIFIED_PER_CHECK;
+    int32_t verified = 0;
+    std::erase_if(registrations_, [&](const auto& entry) {
+        const auto& [pid, registration] = entry;
+        bool isGone = IsGone(pid);
+        // Its pid may have become another's: seen at the latest after all had their turn.
+        if (!isGone && pid > lastVerified_ && toVerify > 0) {
+            --toVerify;
+            verified = pid;
+            isGone = ReadStartTicks(pid) != registration.startTicks;
+        }
+        if (isGone) {
+            ProcMgrLog(LOG_INFO, "PROCMGR : pmupload app=%s, pid=%d is gone, its registration ends",
+                       registration.name.c_str(), pid);
+            sharePool_.Forget(pid);
+        }
+        return isGone;
+    });
+    lastVerified_ = toVerify > 0 ? 0 : verified;
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,30 @@
+#include "resource/wake_up_watch.h"
+
+#include <ctime>
+
+namespace ProcMgr {
+namespace {
+
+constexpr std::chrono::seconds SUSPEND_MIN{1};
+
+std::chrono::nanoseconds Read(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+}  // namespace
+
+std::chrono::nanoseconds WakeUpWatch::TimeSuspended() {
+    // In this order: to be stopped in between must not look like a suspend.
+    const std::chrono::nanoseconds boot = Read(CLOCK_BOOTTIME);
+    return boot - Read(CLOCK_MONOTONIC);
+}
+
+bool WakeUpWatch::HasWokenUp() {
+    const std::chrono::nanoseconds before = suspended_;
+    suspended_ = TimeSuspended();
+    return suspended_ - before > SUSPEND_MIN;
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,20 @@
+// Notices that the system has been suspended since the last look. Not thread-safe.
+#pragma once
+
+#include <chrono>
+
+namespace ProcMgr {
+
+class WakeUpWatch {
+public:
+    // True when the clock that goes on during a suspend has gained more than a second on the one
+    // that does not since the last look, or since this object was made.
+    bool HasWokenUp();
+
+private:
+    static std::chrono::nanoseconds TimeSuspended();
+
+    std::chrono::nanoseconds suspended_ = TimeSuspended();
+};
+
+}  // namespace ProcMgr

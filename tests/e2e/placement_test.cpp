@@ -1,0 +1,244 @@
+// Where processes and threads end up, read back from the kernel: control groups of the test's own,
+// with the fixed names that the daemon looks for.
+#include <sched.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "agent/owner_channel.h"
+#include "agent/upload.h"
+#include "tests/e2e/e2e_fixture.h"
+#include "tests/support/real_cgroups.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using ProcMgr::Agent::OwnerChannel;
+using ProcMgr::Message::DelayCoreAffinityReq;
+
+// The process of a service, by an argument that only it has; 0 while there is none.
+pid_t FindProcess(const std::string& argument) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        std::ifstream file(entry.path() / "cmdline", std::ios::binary);
+        const std::string line{std::istreambuf_iterator<char>(file), {}};
+        if (name.find_first_not_of("0123456789") == std::string::npos &&
+            line.starts_with(SERVICE) && line.find(argument) != std::string::npos) {
+            return std::stoi(name);
+        }
+    }
+    return 0;
+}
+
+std::set<pid_t> ThreadsOf(pid_t pid) {
+    std::set<pid_t> tids;
+    std::error_code gone;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", gone)) {
+        tids.insert(std::stoi(entry.path().filename()));
+    }
+    return tids;
+}
+
+std::string CoresOf(pid_t tid) {
+    cpu_set_t set;
+    std::string cores;
+    if (sched_getaffinity(tid, sizeof(set), &set) == 0) {
+        for (unsigned core = 0; core < CPU_SETSIZE; ++core) {
+            cores += CPU_ISSET(core, &set) ? std::to_string(core) + " " : "";
+        }
+    }
+    return cores;
+}
+
+class Placement : public E2e {
+protected:
+    void SetUp() override {
+        E2e::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        if (std::thread::hardware_concurrency() < 2) {
+            GTEST_SKIP() << "needs two cores";
+        }
+        groups_.emplace(std::vector<std::string>{"cpu", "cpuset", "memory", "blkio"});
+        if (!groups_->IsReady()) {
+            GTEST_SKIP() << groups_->Error();
+        }
+        groups_->Make("cpuset", "CtrlCPU", "0");
+        groups_->Make("cpuset", "AICPU", "1");
+        groups_->Make("cpuset", "both", "0-1");
+        for (const char* group : {"OTHER", "video"}) {
+            groups_->Make("cpu", group);
+        }
+        groups_->Make("memory", "video");
+        groups_->Make("memory", "disk_MEMORY");
+        groups_->Make("blkio", "disk");
+        RealCgroups::Write("cpu", "video/cpu.cfs_quota_us", "50000");
+    }
+    void TearDown() override {
+        E2e::TearDown();
+        harness_.KillAll();
+        groups_.reset();
+    }
+
+    // Waits for the service to run its program, and returns its process.
+    pid_t Await(const std::string& name) {
+        EXPECT_TRUE(WaitUntil([&] { return std::filesystem::exists(In(name + ".up")); })) << name;
+        return FindProcess(In(name + ".up"));
+    }
+    static std::string Service(const std::string& name, const std::string& more,
+                               const std::string& args = "stay") {
+        return Entry(name, "touch, " + In(name + ".up") + ", " + args, more);
+    }
+    // "CPUSET CPU MEMORY BLKIO CORES" of a thread.
+    std::string Where(pid_t pid, pid_t tid) {
+        std::string text;
+        for (const char* controller : {"cpuset", "cpu", "memory", "blkio"}) {
+            text += groups_->GroupOf(pid, tid, controller) + " ";
+        }
+        return text + CoresOf(tid);
+    }
+
+    std::optional<RealCgroups> groups_;
+};
+
+TEST_F(Placement, EveryProcessIsWhereItsManifestSays) {
+    DaemonHarness::SetCommandLine("quiet cgroup1_writeback");
+    BindFile("HOST_CPU_SET=video:40;OTHER:60\n", "/usr/bin/vela/env.cfg");
+    Boot(Service("plain", "") +
+         Service("video",
+                 "cpuset: both, resource_group: video, blkio_group: disk, "
+                 "cgroups: {memory: video}, core_affinity: [0]") +
+         // Not root any more when it is bound.
+         Service("ai", "uid: 1000, gid: 1000, core_affinity: [1]") +
+         Service("up", "cpuset: '../..', resource_group: '../../..', cgroups: {memory: 'a/../b'}") +
+         Service("absolute", "cpuset: '/AICPU', resource_group: '/video'") +
+         Service("missing", "cpuset: nowhere, resource_group: video") +
+         Service("foreign", "core_affinity: [0, 1000]"));
+    ASSERT_TRUE(WaitForLine(START_UP_END));
+    const std::map<std::string, std::string> expected = {
+        {"plain", "/CtrlCPU /OTHER / / 0 "},  {"video", "/both /video /disk_MEMORY /disk 0 "},
+        {"ai", "/AICPU /OTHER / / 1 "},       {"up", "/CtrlCPU /OTHER / / 0 "},
+        {"absolute", "/AICPU /video / / 1 "}, {"missing", "/CtrlCPU /video / / 0 "},
+    };
+    for (const auto& [name, where] : expected) {
+        const pid_t pid = Await(name);
+        ASSERT_GT(pid, 0) << name;
+        EXPECT_EQ(Where(pid, pid), where) << name;
+    }
+    EXPECT_EQ(RealCgroups::Read("cpu", "video/cpu.cfs_quota_us"), "50000");
+    EXPECT_TRUE(
+        WaitForLine("add to group failed, cgroup path=/sys/fs/cgroup/cpuset/nowhere/tasks "
+                    "is not existed;"));
+    EXPECT_TRUE(WaitForLine("CheckIsCtrlCpu app=foreign, coreId=1000 is not in CtrlCpu"));
+    EXPECT_EQ(FindProcess(In("foreign.up")), 0);
+    // The daemon's own threads, those that came last included.
+    const pid_t daemon = harness_.GetPid();
+    EXPECT_TRUE(WaitUntil([&] {
+        const std::set<pid_t> tids = ThreadsOf(daemon);
+        return std::all_of(tids.begin(), tids.end(), [&](pid_t tid) {
+            return groups_->GroupOf(daemon, tid, "cpuset") == "/CtrlCPU" &&
+                   groups_->GroupOf(daemon, tid, "cpu") == "/OTHER" && CoresOf(tid) == "0 ";
+        });
+    }));
+}
+
+TEST_F(Placement, PriorityApplicationsAndTheirThreadsArePlacedByTheCheck) {
+    WriteFile(BASE_YAML, "applications:\n" +
+                             Service("first",
+                                     "startup_priority: 1, cpuset: both, "
+                                     "core_affinity: [0], resource_group: video",
+                                     "breed, 3, stay") +
+                             Service("second", "startup_priority: 2", "breed, 3, stay"));
+    Start({BASE_YAML});
+    for (const auto& [name, where] :
+         {std::pair("first", "/both /video / / 0 "), {"second", "/CtrlCPU /OTHER / / 0 "}}) {
+        const pid_t pid = Await(name);
+        EXPECT_TRUE(WaitUntil([&pid, this, expected = std::string(where)] {
+            const std::set<pid_t> tids = ThreadsOf(pid);
+            return tids.size() == 5 && std::all_of(tids.begin(), tids.end(), [&](pid_t tid) {
+                       return Where(pid, tid) == expected;
+                   });
+        })) << name;
+    }
+}
+
+TEST_F(Placement, ADelayedServiceIsBoundOnRequestWithTheThreadsThatItMakesMeanwhile) {
+    Boot(Entry("owner", "stay", "reporting: true") +
+         Service("late", "cpuset: both, core_affinity: [1], delay_core_affinity: true",
+                 "await, " + In("go") + ", breed, 20, stay"));
+    OwnerChannel owner("owner");
+    ASSERT_TRUE(owner.Attach(PATIENCE));
+    owner.ReportRunning();
+    const pid_t pid = Await("late");
+    EXPECT_EQ(CoresOf(pid), "0 ") << "as it came from the daemon";
+    WriteFile(In("go"), "");
+    DelayCoreAffinityReq request;
+    request.checkInterval = 100;
+    request.checkNum = 100;
+    EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 0U);
+    EXPECT_EQ(CoresOf(pid), "1 ");
+    EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 0U) << "ignored";
+    // The threads that free themselves are caught as long as there are new ones.
+    EXPECT_TRUE(WaitUntil([&] {
+        const std::set<pid_t> tids = ThreadsOf(pid);
+        return tids.size() == 22 && std::all_of(tids.begin(), tids.end(),
+                                                [](pid_t tid) { return CoresOf(tid) == "1 "; });
+    }));
+    EXPECT_TRUE(WaitForLine("coreAffinityOk=1"));
+    request.state = 1;
+    EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 0U) << "finished, so it may be reset";
+    request.state = 2;
+    EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 15794956U);
+}
+
+class SharePoolE2e : public E2e {};
+
+TEST_F(SharePoolE2e, ProcessesJoinTheirGroupsAndRegisterUnderTheirOwnNameOnly) {
+    if (IsSkipped()) {
+        return;
+    }
+    MountTmpfs("/etc/sharepool");
+    WriteFile("/etc/sharepool/a.yaml",
+              "groups:\n"
+              "  - {name: frames, size: 1048576, members: [{app: camera, access: read-write},\n"
+              "                                            {app: viewer, access: read}]}\n"
+              "  - {name: other, size: 4096, members: [{app: somebody, access: read}]}\n");
+    WriteFile("/etc/sharepool/b.yaml", "groups: [{name: open, size: 1}]\n");
+    ASSERT_EQ(chmod("/etc/sharepool/b.yaml", 0666), 0);
+    WriteFile("/etc/sharepool/c.yaml", "groups: [{name: broken\n");
+    BindFile("pmupload:\n  enable: true\n", "/etc/vela/base-plat/process-manager/procmgr_cfg.yaml");
+    const auto upload = [](const std::string& answer) {
+        return "upload, camera, " + In(answer) + ", stay";
+    };
+    Boot(Entry("camera", "dump, " + In("camera") + ", " + upload("own")) +
+         // Neither of the two is the camera.
+         Entry("liar", upload("root"), "depends: [camera]") +
+         Entry("guest", upload("guest"), "uid: 1000, gid: 1000, depends: [camera]") +
+         Entry("plain", "dump, " + In("plain") + ", stay"));
+    for (const auto& [file, answer] :
+         {std::pair("own", "0 frames\n"), {"root", "4\n"}, {"guest", "4\n"}}) {
+        EXPECT_TRUE(WaitUntil([path = In(file)] { return !ReadFile(path).empty(); })) << file;
+        EXPECT_EQ(ReadFile(In(file)), answer) << file;
+    }
+    const std::string dump = ReadFile(In("camera"));
+    EXPECT_NE(dump.find("\nSHAREPOOL_GROUP_NAME=frames\n"), std::string::npos) << dump;
+    EXPECT_NE(dump.find("\nSHAREGROUP_PRECONFIG=1\n"), std::string::npos) << dump;
+    ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists(In("plain")); }));
+    EXPECT_EQ(ReadFile(In("plain")).find("SHARE"), std::string::npos);
+    const std::string device = ReadFile("/run/device-sim.log");
+    EXPECT_NE(device.find("group-create name=frames size=1048576\n"), std::string::npos);
+    EXPECT_EQ(device.find("name=open"), std::string::npos) << "others can write to its file";
+    const size_t added = device.find("group-add name=frames");
+    EXPECT_NE(added, std::string::npos);
+    EXPECT_EQ(device.find("group-add", added + 1), std::string::npos) << "once is enough";
+    // The test itself: root, not managed, and nobody else's name.
+    const auto own = ProcMgr::Agent::RegisterUpload("viewer", {"frames", "other"}, PATIENCE);
+    // Its pid is not the one that the daemon sees in its own namespace.
+    ASSERT_TRUE(own);
+    EXPECT_EQ(own->result, ProcMgr::Message::UploadResult::NOT_THE_SENDER);
+}
+
+}  // namespace
