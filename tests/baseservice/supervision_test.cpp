@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include "app/sensor_node_event_reporter.h"
+#include "resource/core_affinity_mgr.h"
 #include "tests/baseservice/base_fixture.h"
 #include "tests/fakes/fake_device.h"
 
@@ -232,10 +233,14 @@ TEST_F(SupervisionTest, ANormalEndIsNoFault) {
         const pid_t pid = Start(Restartable(name, policy));
         ASSERT_TRUE(pipes_.RegServiceCallBack(name, 0));
         services_.RegisterHeartBeat(name);
+        CoreAffinityMgr::GetInstance().Store(pid, pid, {0});
         Report(name, BaseServiceStateType::TERMINATING);
         Kill(pid);
         Check();
         EXPECT_THAT(Reported(name), ElementsAre("3"));
+        const std::string id = std::to_string(pid);
+        EXPECT_TRUE(LogCapture::Contains(LOG_INFO, "RecycleThreadCoreInfo finished app: " + name +
+                                                       ", tid: " + id + ", pid: " + id));
     }
     EXPECT_THAT(Events(), IsEmpty());
     EXPECT_EQ(services_.GetState("svc-no"), std::nullopt);

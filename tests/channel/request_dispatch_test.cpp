@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "message/request_msg.h"
+#include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
 
 namespace ProcMgr {
@@ -69,6 +70,13 @@ protected:
         handlers.queryAppState = [this](const auto& names, const auto& owner) {
             calls_.push_back(owner + " query " + std::to_string(names.size()));
         };
+        handlers.setDelayCoreAffinity = [this](const auto& request) {
+            calls_.push_back("delay " + std::to_string(request.state) + " " +
+                             std::to_string(request.checkNum) + " " +
+                             std::to_string(request.isWakeUpEnable) + " " +
+                             std::to_string(request.checkInterval));
+            return 0xF1030BU;
+        };
         return handlers;
     }
 
@@ -82,7 +90,7 @@ TEST_F(RequestDispatchTest, WhatIsNotARecordIsDropped) {
         return "PROCMGR : RequestMsgHandler size=" + std::to_string(size) +
                " bytes is not illegal ,struct of message size=3984 bytes";
     };
-    for (const uint32_t size : {0U, 3983U, 3985U}) {
+    for (const uint32_t size : {0U, 7U, 9U, 3983U, 3985U}) {
         Handle(bytes.data(), size);
     }
     Handle(nullptr, 3984);
@@ -92,6 +100,8 @@ TEST_F(RequestDispatchTest, WhatIsNotARecordIsDropped) {
     const std::string badFd = "PROCMGR : RequestMsgHandler failed: invalid fd=";
     EXPECT_EQ(LogCapture::Lines(),
               (std::vector<LogLine>{{LOG_ERR, sizeLine(0)},
+                                    {LOG_ERR, sizeLine(7)},
+                                    {LOG_ERR, sizeLine(9)},
                                     {LOG_ERR, sizeLine(3983)},
                                     {LOG_ERR, sizeLine(3985)},
                                     {LOG_ERR,
@@ -138,6 +148,24 @@ TEST_F(RequestDispatchTest, EachTypeReachesItsHandler) {
     Handle(9, query, 9);
     EXPECT_EQ(calls_.back(), "owner query 0");
     EXPECT_TRUE(LogCapture::Contains(LOG_ERR, "PROCMGR: DeserializeMessage QUERY_APP_STATE fail."));
+}
+
+TEST_F(RequestDispatchTest, EightBytesAreABindAndMayWantTheResult) {
+    Fakes::FakeMuxa::Get().Reset();
+    const uint8_t bytes[] = {1, 0xFF, 1, 0, 0x60, 0xEA, 0, 0};
+    MuxaRequest request;
+    request.data = bytes;
+    request.length = sizeof bytes;
+    for (const bool wantsResponse : {false, true}) {
+        request.wantsResponse = wantsResponse;
+        request.sequence = 0x123456789ABC;
+        dispatch_.RequestMsgHandler(5, &request, "owner");
+    }
+    EXPECT_EQ(calls_, (std::vector<std::string>(2, "delay 1 -1 1 60000")));
+    const std::vector<MuxaResponse> responses = Fakes::FakeMuxa::Get().Responses();
+    ASSERT_EQ(responses.size(), 1U);
+    EXPECT_EQ(responses[0].data, (std::vector<uint8_t>{0x0B, 0x03, 0xF1, 0}));
+    EXPECT_EQ(responses[0].sequence, request.sequence);
 }
 
 }  // namespace

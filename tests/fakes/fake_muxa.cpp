@@ -31,6 +31,7 @@ void FakeMuxa::Reset() {
     endpoints_.clear();
     opens_.clear();
     sends_.clear();
+    responses_.clear();
     closes_.clear();
 }
 
@@ -63,6 +64,11 @@ std::vector<FakeMuxa::Sent> FakeMuxa::Delivered() const {
     auto sends = Sends();
     std::erase_if(sends, [](const Sent& sent) { return sent.result < 0; });
     return sends;
+}
+
+std::vector<MuxaResponse> FakeMuxa::Responses() const {
+    const std::lock_guard lock(mutex_);
+    return responses_;
 }
 
 std::vector<int32_t> FakeMuxa::Closes() const {
@@ -102,6 +108,10 @@ bool FakeMuxa::Receive(int32_t fd, const void* data, uint32_t length) {
     return CallBack(fd, &request);
 }
 
+bool FakeMuxa::Receive(int32_t fd, const MuxaRequest& request) {
+    return CallBack(fd, &request);
+}
+
 bool FakeMuxa::PeerGone(int32_t fd) {
     return CallBack(fd, nullptr);
 }
@@ -137,6 +147,13 @@ int32_t FakeMuxa::OnSend(int32_t fd, const MuxaRequest* request) {
     const int32_t result = Next(Call::SEND, 0);
     sends_.push_back({fd, Bytes(request), result});
     return result;
+}
+
+int32_t FakeMuxa::OnRespond(int32_t fd, const MuxaResponse& response) {
+    RunHook(Call::RESPOND, fd);
+    const std::lock_guard lock(mutex_);
+    responses_.push_back(response);
+    return Next(Call::RESPOND, 0);
 }
 
 int32_t FakeMuxa::OnOther(Call call, int32_t fd) {
@@ -194,8 +211,16 @@ int32_t MuxaSendRequest(int32_t fd, const MuxaRequest* request) {
     return FakeMuxa::Get().OnSend(fd, request);
 }
 
-int32_t MuxaSendResponse(int32_t fd, const MuxaResponse* /*response*/) {
-    return FakeMuxa::Get().OnOther(FakeMuxa::Call::RESPOND, fd);
+int32_t MuxaCreateServer(const MuxaServerAttributes& attributes, uint32_t /*maxPeers*/,
+                         uint32_t /*flags*/) {
+    MuxaOpenAttributes server;
+    server.name = attributes.name;
+    server.callback = attributes.callback;
+    return FakeMuxa::Get().OnOpen(server);
+}
+
+int32_t MuxaSendResponse(int32_t fd, const MuxaResponse* response) {
+    return FakeMuxa::Get().OnRespond(fd, *response);
 }
 
 int32_t MuxaRPCSync(int32_t fd, MuxaRequest* /*request*/, MuxaResponse* /*response*/) {

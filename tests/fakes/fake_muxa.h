@@ -45,6 +45,7 @@ public:
     std::vector<Opened> Opens() const;
     std::vector<Sent> Sends() const;      // every attempt, failed ones too
     std::vector<Sent> Delivered() const;  // only those with a result of 0 or more
+    std::vector<MuxaResponse> Responses() const;
     std::vector<int32_t> Closes() const;  // every attempt
     size_t Count(Call call) const;
     // Descriptors opened and not closed with success.
@@ -54,12 +55,14 @@ public:
 
     // Plays the peer of `fd`: calls its callback on this thread. False when `fd` is not open.
     bool Receive(int32_t fd, const void* data, uint32_t length);
+    bool Receive(int32_t fd, const MuxaRequest& request);
     // The peer's connection ends: the callback gets no request.
     bool PeerGone(int32_t fd);
 
     // For the library's functions only.
-    int32_t OnOpen(const MuxaOpenAttributes& attributes);
+    int32_t OnOpen(const MuxaOpenAttributes& attributes);  // pipes and servers
     int32_t OnSend(int32_t fd, const MuxaRequest* request);
+    int32_t OnRespond(int32_t fd, const MuxaResponse& response);
     int32_t OnOther(Call call, int32_t fd);  // what is counted and no more
     int32_t OnClose(int32_t fd);
 
@@ -85,6 +88,7 @@ private:
     std::map<int32_t, Endpoint> endpoints_;
     std::vector<Opened> opens_;
     std::vector<Sent> sends_;
+    std::vector<MuxaResponse> responses_;
     std::vector<int32_t> closes_;
 };
 

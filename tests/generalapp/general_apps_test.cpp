@@ -18,6 +18,7 @@
 
 #include "app/sensor_node_event_reporter.h"
 #include "generalapp/reaper.h"
+#include "resource/core_affinity_mgr.h"
 #include "tests/fakes/fake_device.h"
 #include "tests/fakes/log_capture.h"
 
@@ -255,12 +256,16 @@ TEST_F(GeneralAppsTest, WhatIgnoresItsTermIsKilledOrRunsOn) {
 TEST_F(GeneralAppsTest, Restarts) {
     Start("a");
     const pid_t first = reports_.LastPid();
+    CoreAffinityMgr::GetInstance().Store(first, first, {0});
     apps_.RestartApp({{"a", {}, {}}, {"b", {}, {}}, {"ghost", {}, {}}}, "vintor");
     EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr ghost 4 0", "vintor ghost 4 0"));
     ASSERT_TRUE(CheckUntil("vintor a 1 0"));
     EXPECT_NE(reports_.LastPid(), first);
     EXPECT_EQ(kill(first, 0), -1) << "the old one is gone";
     EXPECT_EQ(reports_.Count("vintor a 1 0"), 1U);
+    const std::string pid = std::to_string(first);
+    EXPECT_TRUE(LogCapture::Contains(
+        LOG_INFO, "RecycleThreadCoreInfo finished app: a, tid: " + pid + ", pid: " + pid));
     EXPECT_EQ(reports_.Count("vintor b 1 0"), 1U) << "one that did not run is started";
     EXPECT_TRUE(LogCapture::ContainsPart(LOG_INFO, "isRemoved=1, isTermminated=0"));
     EXPECT_EQ(apps_.GetStates().size(), 2U);
