@@ -338,10 +338,16 @@ uint64_t ProcessManager::RunPeriodicChecks(uint64_t cycle) {
 }
 
 void ProcessManager::CheckCoreAffinity() {
-    affinityCheck_.Run();
-    if (wakeUpWatch_.HasWokenUp()) {
-        WakeUpRecover();
+    const bool hasWokenUp = wakeUpWatch_.HasWokenUp();
+    // Before the first check there is nothing to recover.
+    if (affinityCheck_.Run() && hasWokenUp) {
+        delayCoreAffinity_.WakeUpRecover();
     }
+}
+
+void ProcessManager::WakeUpRecover() {
+    wakeUpWatch_.HasWokenUp();
+    delayCoreAffinity_.WakeUpRecover();
 }
 
 void ProcessManager::CheckApplications(CheckPass pass) {

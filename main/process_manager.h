@@ -52,10 +52,11 @@ public:
     // Starts the threads and the base services; returns after the applications have been stopped.
     void Run();
 
-    // For a platform that knows of a suspend before it comes, and of the resume; CheckThread
-    // notices a resume by itself. Callable from any thread.
+    // For a platform that knows of a suspend before it comes, and of the resume: one that it tells
+    // of is not noticed once more by CheckThread. Callable from any thread, once start-up has come
+    // to the base services.
     void Suspend() { delayCoreAffinity_.Suspend(); }
-    void WakeUpRecover() { delayCoreAffinity_.WakeUpRecover(); }
+    void WakeUpRecover();
 
     // The hardware watchdog; see baseservice/watchdog.h. Ready for a start-up sequence that wants
     // it.
@@ -129,10 +130,10 @@ private:
     AffinityCheck affinityCheck_;
     DelayCoreAffinity delayCoreAffinity_;
     UploadRegistry uploadRegistry_;
+    WakeUpWatch wakeUpWatch_;
     // CheckThread's. The first time of each comes a cycle early.
     CycleTimer uploadTimer_{10, 11};
     CycleTimer affinityTimer_{20, 21};
-    WakeUpWatch wakeUpWatch_;
     BaseStartup baseStartup_;
     Reaper reaper_;
     ChildErrorReader childErrorReader_;

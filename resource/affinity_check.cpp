@@ -31,14 +31,15 @@ void AffinityCheck::Start() {
     isStarted_ = true;
 }
 
-void AffinityCheck::Run() {
+bool AffinityCheck::Run() {
     if (!isStarted_) {
-        return;
+        return false;
     }
     PlaceOwnThreads();
     for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::RUNNING_PRIORITY)) {
         PlacePriorityApp(app);
     }
+    return true;
 }
 
 void AffinityCheck::PlaceOwnThreads() {

@@ -19,8 +19,8 @@ public:
     // and the host resource file have been read.
     void Start();
 
-    // One check.
-    void Run();
+    // One check. False, with nothing done, before Start.
+    bool Run();
 
 private:
     void PlaceOwnThreads();

@@ -22,9 +22,8 @@ std::chrono::nanoseconds WakeUpWatch::TimeSuspended() {
 }
 
 bool WakeUpWatch::HasWokenUp() {
-    const std::chrono::nanoseconds before = suspended_;
-    suspended_ = TimeSuspended();
-    return suspended_ - before > SUSPEND_MIN;
+    const std::chrono::nanoseconds now = TimeSuspended();
+    return now - suspended_.exchange(now) > SUSPEND_MIN;
 }
 
 }  // namespace ProcMgr

@@ -1,6 +1,7 @@
-// Notices that the system has been suspended since the last look. Not thread-safe.
+// Notices that the system has been suspended since the last look. Any thread may look.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 
 namespace ProcMgr {
@@ -14,7 +15,7 @@ public:
 private:
     static std::chrono::nanoseconds TimeSuspended();
 
-    std::chrono::nanoseconds suspended_ = TimeSuspended();
+    std::atomic<std::chrono::nanoseconds> suspended_{TimeSuspended()};
 };
 
 }  // namespace ProcMgr
