@@ -151,12 +151,13 @@ SharePoolPlan SharePool::MakePlan(
             plan.isPreconfigured = true;
         }
     }
-    for (const auto& [name, access] : manifestGroups) {
+    for (const auto& wanted : manifestGroups) {
         // The configured access stands.
-        const bool isThere = std::any_of(plan.groups.begin(), plan.groups.end(),
-                                         [&](const auto& group) { return group.name == name; });
+        const bool isThere =
+            std::any_of(plan.groups.begin(), plan.groups.end(),
+                        [&](const auto& group) { return group.name == wanted.first; });
         if (!isThere) {
-            plan.groups.push_back({name, access});
+            plan.groups.push_back({wanted.first, wanted.second});
         }
     }
     return plan;

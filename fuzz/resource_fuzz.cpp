@@ -1,0 +1,76 @@
+// Fuzzes the files that resource control reads. The first input byte says which: a line of a cpuset
+// or, where a private mount namespace can be had, the host resource file; the rest is its contents.
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "main/constants.h"
+#include "main/log.h"
+#include "resource/cgroup_mgr.h"
+#include "resource/cpuset_file.h"
+#include "tests/support/private_mounts.h"
+
+namespace ProcMgr {
+
+// In place of the system logger; formats, so that a text which does not fit its format is found.
+void ProcMgrSysLog(int /*level*/, const char* format, ...) {
+    char line[256];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(line, sizeof(line), format, arguments);
+    va_end(arguments);
+}
+
+}  // namespace ProcMgr
+
+namespace {
+
+using namespace ProcMgr;
+
+bool HidesHostFile() {
+    try {
+        return EnterPrivateMountNamespace() && (BindFile("", HOST_RESOURCE_FILE), true);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "the host resource file is left out: %s\n", failure.what());
+        return false;
+    }
+}
+
+void FuzzCpusetLine(const std::string& line) {
+    const std::vector<uint32_t> cores = ParseCpusetLine(line, "cpuset.cpus");
+    // A range of two digits a bound has 100 cores at most, and takes a "-" for itself.
+    if (cores.size() > 100 * (line.size() + 1)) {
+        std::abort();
+    }
+}
+
+void FuzzHostFile(const std::string& text) {
+    std::ofstream(HOST_RESOURCE_FILE, std::ios::binary) << text;
+    CgroupMgr manager;
+    manager.ReadCfg();
+    CgroupPolicyInfo policy;
+    std::snprintf(policy.groupName, sizeof(policy.groupName), "HOST_CPU_SET");
+    manager.UpdateCgroup(policy);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const bool hasHostFile = HidesHostFile();
+    if (size == 0) {
+        return -1;
+    }
+    const std::string text(data + 1, data + size);
+    if (data[0] % 2 == 0) {
+        FuzzCpusetLine(text);
+    } else if (hasHostFile) {
+        FuzzHostFile(text);
+    }
+    return 0;
+}
