@@ -5,8 +5,8 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <exception>
 #include <optional>
-#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -23,7 +23,7 @@ std::optional<std::thread> StartSignalFreeThread(Function&& function) {
     std::optional<std::thread> thread;
     try {
         thread.emplace(std::forward<Function>(function));
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         thread.reset();
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);

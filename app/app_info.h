@@ -47,6 +47,9 @@ int ToSystemPolicy(SchedPolicyType policy);
 
 class AppInfo {
 public:
+    // A start-up priority that is none.
+    static constexpr int32_t NO_PRIORITY = -1;
+
     AppInfo(const ApplicationManifest& manifest, const std::string& appName,
             const std::string& owner);
     virtual ~AppInfo() = default;
@@ -68,6 +71,9 @@ public:
 
     // True while there is a process that may be signalled: started, its exit not collected.
     bool IsAlive() const { return pid_ > 0 && !exitStatusSet_; }
+
+    // Started by the daemon itself, and reported to the access manager.
+    bool IsPriority() const { return startupPriority_ != NO_PRIORITY; }
 
     // True when a state check would find nothing new and leave the record as it is: what nearly all
     // records are nearly all the time.
@@ -100,7 +106,7 @@ public:
     std::string restartPolicy_;
     std::string owner_;
     uint32_t nodeType_ = 0;
-    int32_t startupPriority_ = -1;
+    int32_t startupPriority_ = NO_PRIORITY;
     bool isDelayCoreAffinity_ = false;
     std::set<int32_t> tids_;
     bool exitStatusSet_ = false;

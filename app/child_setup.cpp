@@ -218,9 +218,6 @@ StepResult SetStartupEntry(ChildContext& child) {
 
 StepResult BindCores(ChildContext& child) {
     const std::optional<CoreMask>& mask = child.plan.coreMask;
-    if (!child.plan.bindsCores) {
-        return StepResult::GO_ON;
-    }
     if (child.aiTasksFd < 0) {
         CoreAffinityMgr::ApplyMask(child.pid, mask, child.error);
         return StepResult::GO_ON;
@@ -278,7 +275,7 @@ ChildContext::ChildContext(const LaunchPlan& launchPlan) : plan(launchPlan) {
     }
     argv.push_back(nullptr);
     error.reserve(ERROR_RESERVE);
-    if (plan.bindsCores && plan.coreMask && plan.coreMask->aiCores > 0) {
+    if (plan.coreMask && plan.coreMask->aiCores > 0) {
         aiTasksFd = CoreAffinityMgr::OpenAiCpuset();
     }
 }

@@ -35,7 +35,6 @@ struct LaunchPlan {
     int nice = 0;
 
     std::vector<std::string> taskFiles;  // of the control groups
-    bool bindsCores = true;              // false: they are bound on request, later
     std::optional<CoreMask> coreMask;    // none: no cores are known
 
     SharePoolPlan sharePool;

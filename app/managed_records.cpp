@@ -13,7 +13,7 @@ bool IsWanted(const AppInfo& app, ManagedFilter filter) {
         case ManagedFilter::DELAYED:
             return app.isDelayCoreAffinity_;
         case ManagedFilter::RUNNING_PRIORITY:
-            return app.startupPriority_ >= 0 && app.state_ == RUNNING;
+            return app.IsPriority() && app.state_ == RUNNING;
     }
     return false;
 }
@@ -57,18 +57,29 @@ bool ManagedRecords::IsPresent(const ManagedApp& app) {
     return Visit([&](const AppInfo& record) { return IsSame(record, app); });
 }
 
-std::set<int32_t> ManagedRecords::NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) {
+std::set<int32_t> ManagedRecords::FindNewTids(const ManagedApp& app,
+                                              const std::set<int32_t>& tids) {
     std::set<int32_t> added;
-    Visit([&](AppInfo& record) {
+    Visit([&](const AppInfo& record) {
         if (!IsSame(record, app)) {
             return false;
         }
         std::set_difference(tids.begin(), tids.end(), record.tids_.begin(), record.tids_.end(),
                             std::inserter(added, added.end()));
-        record.tids_ = tids;
         return true;
     });
     return added;
+}
+
+void ManagedRecords::NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) {
+    std::set<int32_t> noted = tids;
+    Visit([&](AppInfo& record) {
+        const bool isFound = IsSame(record, app);
+        if (isFound) {
+            record.tids_.swap(noted);
+        }
+        return isFound;
+    });
 }
 
 std::optional<std::string> ManagedRecords::GetNameOf(int32_t pid) {

@@ -23,7 +23,8 @@ public:
 
     std::vector<ManagedApp> GetManagedApps(ManagedFilter filter) override;
     bool IsPresent(const ManagedApp& app) override;
-    std::set<int32_t> NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) override;
+    std::set<int32_t> FindNewTids(const ManagedApp& app, const std::set<int32_t>& tids) override;
+    void NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) override;
     std::optional<std::string> GetNameOf(int32_t pid) override;
     bool HasProcess(const std::string& name) override;
 

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <exception>
+#include <new>
 
 #include "app/child_setup.h"
 #include "app/launch_checks.h"
@@ -19,6 +20,16 @@ namespace {
 
 constexpr pid_t NO_PROCESS = -1;
 
+// Does what is due once there is a child: nothing of that may keep the caller from learning of it.
+template <typename Action>
+void WithChild(const Action& action) {
+    try {
+        action();
+    } catch (const std::bad_alloc&) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : out of memory behind a start");
+    }
+}
+
 }  // namespace
 
 pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
@@ -32,10 +43,13 @@ pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
         ProcMgrLog(LOG_ERR, "PROCMGR: Start generalApp failed. fork failed: errno=%d", errno);
         return child;
     }
-    JoinSharePool(app, plan);
-    ProcMgrLog(
-        LOG_INFO, "%s Start generalApp success appName=%s, child_pid=%d, isDelayCoreAffinity_=%d",
-        BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), child, app.isDelayCoreAffinity_);
+    WithChild([&] {
+        JoinSharePool(app, plan);
+        ProcMgrLog(LOG_INFO,
+                   "%s Start generalApp success appName=%s, child_pid=%d, isDelayCoreAffinity_=%d",
+                   BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), child,
+                   app.isDelayCoreAffinity_);
+    });
     return child;
 }
 
@@ -51,17 +65,18 @@ pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
                    errno);
         return child;
     }
-    ProcMgrLog(LOG_INFO,
-               "%s Start baseApp success appName=%s, binPath=%s, pid=%d, isDelayCoreAffinity_=%d",
-               BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), app.execPath_.c_str(),
-               child, app.isDelayCoreAffinity_);
-    JoinSharePool(app, plan);
+    WithChild([&] {
+        ProcMgrLog(LOG_INFO,
+                   "%s Start baseApp success appName=%s, binPath=%s, pid=%d, "
+                   "isDelayCoreAffinity_=%d",
+                   BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), app.execPath_.c_str(),
+                   child, app.isDelayCoreAffinity_);
+        JoinSharePool(app, plan);
+    });
     return child;
 }
 
 pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
-    // A restart may not have been told of the end of the process before.
-    Release(app);
     const std::lock_guard lock(launchMutex_);
     plan.userGroups = userGroups_.LookUp(app.uid_);
     app.startTime_ = std::chrono::steady_clock::now();
@@ -73,9 +88,6 @@ pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
 }
 
 void ProcessLauncher::Release(const AppInfo& app) {
-    if (app.pid_ <= 0) {
-        return;
-    }
     CoreAffinityMgr::GetInstance().RecycleThreadCoreInfo(app.pid_, app.appName_);
     if (sharePool_ != nullptr) {
         sharePool_->Forget(app.pid_);
@@ -93,6 +105,8 @@ void ProcessLauncher::PlanSharePool(
 
 void ProcessLauncher::JoinSharePool(const AppInfo& app, const LaunchPlan& plan) {
     if (sharePool_ != nullptr) {
+        // What is known of an earlier process with this pid is not this one's.
+        sharePool_->Forget(app.pid_);
         sharePool_->Join(app.appName_, app.pid_, plan.sharePool);
     }
 }
@@ -111,7 +125,7 @@ bool ProcessLauncher::PreStartCheck(const AppInfo& app) {
                    app.execPath_.c_str());
         return false;
     }
-    const bool isUnchecked = app.startupPriority_ != -1 && ProcMgrEnv::GetInstance().IsQuickStart();
+    const bool isUnchecked = app.IsPriority() && ProcMgrEnv::GetInstance().IsQuickStart();
     return isUnchecked ||
            CoreAffinityMgr::GetInstance().CheckLaunch(app.appName_, app.coreAffinity_);
 }

@@ -23,13 +23,15 @@ public:
     void LoadIntegrityTable(const std::string& path) { integrity_.Load(path); }
 
     // Checks that the record's program may be started, starts it, and stores the child's pid in the
-    // record. Returns the pid, or -1, with a log line, when there is no child. What fails in the
-    // child shows in its error text and its exit status. The caller holds the lock of the record's
-    // container until the record can be found by pid there, so that the reaper cannot miss it.
+    // record. Returns the pid, or -1, with a log line, when there is no child, and throws nothing
+    // once there is one. What fails in the child shows in its error text and its exit status. The
+    // caller holds the lock of the record's container until the record can be found by pid there,
+    // so that the reaper cannot miss it.
     pid_t Launch(GeneralAppInfo& app);
     pid_t Launch(BaseAppInfo& app);
 
-    // Gives back what was kept for the record's process, which has ended.
+    // Gives back what is kept for the record's process. Called when its exit is stored, once and
+    // while its pid cannot be another's yet.
     void Release(const AppInfo& app);
 
     // Looks the user's groups up ahead of a launch. The user database may be slow: call it before

@@ -94,6 +94,7 @@ bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
         return false;
     }
     found->SetExitStatus(status);
+    launcher_.Release(*found);
     const bool isYoung = std::chrono::steady_clock::now() - found->startTime_ <= CHECK_PERIOD;
     // At the stop there is no crash loop, but somebody who may still be told.
     isYoung && !isStopping_ ? checks_.Request() : checks_.RequestNow();
@@ -148,7 +149,8 @@ std::vector<std::string> BaseServices::GetOwners() {
     const std::lock_guard lock(mutex_);
     std::vector<std::string> owners;
     for (const Record& record : executedBaseApp_) {
-        if (owners_.GetServiceFd(record.appName_) > 0) {
+        // One whose pipe is not open at the moment shows in the log as not reached.
+        if (record.isReporting_ || owners_.GetServiceFd(record.appName_) > 0) {
             owners.push_back(record.appName_);
         }
     }

@@ -69,7 +69,7 @@ public:
     bool UpdateBaseServerReadyInfo(const std::string& name);
     bool IsReady(const std::string& name);
 
-    // Names of the services whose pipe is open, in start order.
+    // Names of the services that have a pipe, or are to have one, in start order.
     std::vector<std::string> GetOwners();
 
     // Shows every record to the visitor; see RecordContainer.

@@ -119,13 +119,11 @@ void BaseServices::CheckOne(Record& record) {
 // What ends with a service's process. A normal end, one that was asked for, is only reported.
 void BaseServices::GiveUp(const App::AppInfo& app) const {
     if (app.reportType_ == TERMINATED_NORMAL_EXIT) {
-        launcher_.Release(app);
         reports_.ReportAppStateToZorn(app, TERMINATED_NORMAL_EXIT, RESULT_NONE);
         EndHeartBeat(app.appName_);
         return;
     }
     LogSupervised(LOG_WARNING, DIED, app);
-    launcher_.Release(app);
     reports_.ReportAppStateToZorn(app, TERMINATED_ABNORMAL_EXIT,
                                   app.exitedWith125_ ? RESULT_INPUT_OUTPUT_ERROR : RESULT_NONE);
     Raise(app, App::EVENT_START_FAILED);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "channel/muxa_retry.h"
 #include "main/log.h"
 #include "message/serialization.h"
 
@@ -56,7 +57,7 @@ void RequestDispatch::AnswerDelayRequest(int32_t fd, const MuxaRequest& request)
         response.sequence = request.sequence;
         response.data.resize(sizeof(result));
         std::memcpy(response.data.data(), &result, sizeof(result));
-        MuxaSendResponse(fd, &response);
+        ProcMgrMuxaSendResponse(fd, &response);
     }
 }
 

@@ -2,6 +2,7 @@
 #include <sys/wait.h>
 
 #include <chrono>
+#include <new>
 
 #include "app/sensor_node_event_reporter.h"
 #include "generalapp/general_apps.h"
@@ -90,7 +91,7 @@ GeneralApps::Record GeneralApps::GetGeneralApp(const std::string& name, const st
         return running;
     }
     if (const auto manifest = config_.Find(name)) {
-        const bool isPriority = manifest->GetStartupPriority() >= 0;
+        const bool isPriority = manifest->GetStartupPriority() != GeneralAppInfo::NO_PRIORITY;
         return std::make_shared<GeneralAppInfo>(name, *manifest, isPriority ? PROC_ZORNMGR : owner);
     }
     ProcMgrLog(LOG_ERR, "PROCMGR : GetGeneralApp failed: app=%s", name.c_str());
@@ -107,7 +108,7 @@ void GeneralApps::StartApp(const std::vector<Message::StartAppInfo>& items,
             return;
         }
     }
-    ReportGeneralAppChanges(pending);
+    ReportPending(std::move(pending));
 }
 
 bool GeneralApps::Start(const Message::StartAppInfo& item, const std::string& owner,
@@ -124,7 +125,7 @@ bool GeneralApps::Start(const Message::StartAppInfo& item, const std::string& ow
                    name.c_str());
         return true;
     }
-    if (record->startupPriority_ >= 0) {
+    if (record->IsPriority()) {
         HandlePriorityApps(record, owner, pending);
         return true;
     }
@@ -169,13 +170,17 @@ void GeneralApps::StartStopped(const Record& record, const std::string& owner,
 
 bool GeneralApps::StartInMap(const Record& record) {
     const bool isNew = generalAppMap_.try_emplace(record->appName_, record).second;
-    if (!isStopping_ && record->StartProcess(launcher_)) {
-        return true;
+    bool isStarted = false;
+    try {
+        isStarted = !isStopping_ && record->StartProcess(launcher_);
+    } catch (const std::bad_alloc&) {
+        // There is no child: a start throws nothing once it has one.
+        ProcMgrLog(LOG_ERR, "PROCMGR : out of memory before a start");
     }
-    if (isNew) {
+    if (!isStarted && isNew) {
         generalAppMap_.erase(record->appName_);
     }
-    return false;
+    return isStarted;
 }
 
 void GeneralApps::HandlePriorityApps(const Record& record, const std::string& owner,
@@ -196,8 +201,12 @@ void GeneralApps::StartPriorityApps() {
         const std::lock_guard lock(mutex_);
         // Nobody is there yet to hear of a failure: it waits like every other change.
         const Record record = GetGeneralApp(manifest.GetAppName(), PROC_ZORNMGR);
+        ChangeList failed;
         if (record != nullptr && !IsInMap(record)) {
-            StartStopped(record, PROC_ZORNMGR, heldBack_);
+            StartStopped(record, PROC_ZORNMGR, failed);
+        }
+        for (const auto& change : failed) {
+            HoldBack(change.second);
         }
     }
 }
@@ -209,6 +218,22 @@ void GeneralApps::TermGeneralApp(const std::vector<Message::TermAppInfo>& items,
     for (const Message::TermAppInfo& item : items) {
         const std::lock_guard lock(mutex_);
         Terminate(item.appName, owner, pending);
+    }
+    ReportPending(std::move(pending));
+}
+
+// An end that came while later items were handled has been told already, and is the last word.
+void GeneralApps::ReportPending(ChangeList pending) {
+    const std::lock_guard order(reportOrder_);
+    {
+        const std::lock_guard lock(mutex_);
+        std::erase_if(pending, [this](const auto& change) {
+            const AppStateInfo& item = change.second;
+            const Record record = Find(item.appName);
+            const bool isRunning = record != nullptr && record->state_ == RUNNING &&
+                                   static_cast<uint32_t>(record->pid_) == item.pid;
+            return item.reportType == RUNNING_NORMAL_START && !isRunning;
+        });
     }
     ReportGeneralAppChanges(pending);
 }
@@ -260,7 +285,7 @@ void GeneralApps::RestartApp(const std::vector<Message::RestartAppInfo>& items,
         const std::lock_guard lock(mutex_);
         Restart(item, owner, pending);
     }
-    ReportGeneralAppChanges(pending);
+    ReportPending(std::move(pending));
 }
 
 void GeneralApps::Restart(const Message::RestartAppInfo& item, const std::string& owner,
@@ -285,6 +310,9 @@ void GeneralApps::Restart(const Message::RestartAppInfo& item, const std::string
     const bool isRemoved = !IsInMap(record);
     const bool isTerminated = record->state_ == TERMINATED;
     if (isRemoved || isTerminated) {
+        if (!record->IsPriority()) {
+            record->owner_ = owner;
+        }
         if (!StartInMap(record)) {
             pending.emplace_back(owner, MakeStateInfo(*record, TERMINATED_ABNORMAL_EXIT, 0));
             ProcMgrLog(LOG_ERR,
@@ -350,27 +378,21 @@ void GeneralApps::QueryAppState(const std::vector<std::string>& names, const std
                BootStrace(BOOT_TRACE_TAG).c_str(), owner.c_str());
 }
 
-uint32_t GeneralApps::Probe(GeneralAppInfo& app) {
+uint32_t GeneralApps::Probe(const GeneralAppInfo& app) {
     // A pid whose exit has been collected may belong to another child by now.
     if (!app.IsAlive()) {
         return STATUS_GONE;
     }
-    int status = 0;
-    const pid_t result = waitpid(app.pid_, &status, WNOHANG | WUNTRACED | WCONTINUED);
-    if (result < 0) {
+    // Only looks: what it sees is left for the next query, and an exit for the reaper.
+    siginfo_t change{};
+    if (waitid(P_PID, static_cast<id_t>(app.pid_), &change,
+               WEXITED | WSTOPPED | WCONTINUED | WNOHANG | WNOWAIT) != 0) {
         return STATUS_GONE;
     }
-    if (result == 0 || WIFCONTINUED(status)) {
-        return STATUS_ALIVE;
-    }
-    if (WIFSTOPPED(status)) {
+    if (change.si_pid != 0 && change.si_code == CLD_STOPPED) {
         ProcMgrLog(LOG_INFO, "PROCMGR : app=%s, pid=%d, stopped", app.appName_.c_str(), app.pid_);
         return STATUS_STOPPED;
     }
-    // The probe was quicker than the reaper, which will not see this exit any more.
-    app.SetExitStatus(status);
-    checks_.Request();
-    exited_.notify_all();
     return STATUS_ALIVE;
 }
 

@@ -59,6 +59,7 @@ bool GeneralApps::SetExitStatus(int32_t pid, int32_t status) {
     }
     GeneralAppInfo& app = *found->second;
     app.SetExitStatus(status);
+    launcher_.Release(app);
     const bool isYoung = std::chrono::steady_clock::now() - app.startTime_ <= CHECK_PERIOD;
     isYoung ? checks_.Request() : checks_.RequestNow();
     exited_.notify_all();
@@ -67,26 +68,42 @@ bool GeneralApps::SetExitStatus(int32_t pid, int32_t status) {
 
 void GeneralApps::CheckGeneralApps(CheckPass pass) {
     const std::lock_guard order(reportOrder_);
-    ChangeList changes;
     {
         const std::lock_guard lock(mutex_);
-        if (!heldBack_.empty() && view_.isZornReady()) {
-            changes.swap(heldBack_);
+        if (outbox_.empty() && !heldBack_.empty() && view_.isZornReady()) {
+            outbox_.swap(heldBack_);
         }
         const SteadyTime now = std::chrono::steady_clock::now();
         for (const auto& [name, app] : generalAppMap_) {
             if (NeedsCheck(*app, pass, now)) {
-                CheckOne(*app, now, changes);
+                CheckOne(*app, now);
             }
             if (NeedsCheck(*app, CheckPass::PERIODIC, now)) {
                 checks_.Request();
             }
         }
     }
-    ReportGeneralAppChanges(changes);
+    SendOutbox();
 }
 
-void GeneralApps::CheckOne(GeneralAppInfo& app, SteadyTime now, ChangeList& changes) {
+void GeneralApps::SendOutbox() {
+    ReportGeneralAppChanges(outbox_);
+    outbox_.clear();
+}
+
+void GeneralApps::HoldBack(const AppStateInfo& item) {
+    std::erase_if(heldBack_,
+                  [&](const auto& change) { return change.second.appName == item.appName; });
+    heldBack_.emplace_back(PROC_ZORNMGR, item);
+}
+
+void GeneralApps::CheckOne(GeneralAppInfo& app, SteadyTime now) {
+    // What needs memory comes first: once the state has changed the report must not get lost.
+    const bool isPriority = app.IsPriority();
+    const bool isHeldBack = isPriority && !view_.isZornReady();
+    outbox_.reserve(outbox_.size() + 1);
+    std::string owner = isPriority ? PROC_ZORNMGR : app.owner_;
+    AppStateInfo item = App::MakeStateInfo(app, app.reportType_, RESULT_NONE);
     app.state_ = app.CheckState(now, launcher_);
     if (app.reportType_ == INVALID_INTERMEDIATE_STATE) {
         return;
@@ -94,15 +111,13 @@ void GeneralApps::CheckOne(GeneralAppInfo& app, SteadyTime now, ChangeList& chan
     ProcMgrLog(LOG_INFO,
                "PROCMGR: CheckThread : generalAppName=%s, pid=%d, state=%s get statechange",
                app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
-    const AppStateInfo item = App::MakeStateInfo(app, app.reportType_, ResultOf(app));
-    const bool isPriority = app.startupPriority_ >= 0;
-    if (isPriority && !view_.isZornReady()) {
-        heldBack_.emplace_back(PROC_ZORNMGR, item);
+    item.pid = static_cast<uint32_t>(app.pid_);
+    item.reportType = app.reportType_;
+    item.result = ResultOf(app);
+    if (isHeldBack) {
+        HoldBack(item);
     } else {
-        changes.emplace_back(isPriority ? PROC_ZORNMGR : app.owner_, item);
-    }
-    if (app.reportType_ == TERMINATED_NORMAL_EXIT || app.reportType_ == TERMINATED_ABNORMAL_EXIT) {
-        launcher_.Release(app);
+        outbox_.emplace_back(std::move(owner), std::move(item));
     }
     SensorNodeEventReporter& faults = SensorNodeEventReporter::GetInstance();
     if (app.reportType_ == TERMINATED_ABNORMAL_EXIT) {
@@ -144,12 +159,12 @@ void GeneralApps::ReportGeneralAppChanges(const ChangeList& changes) const {
 
 void GeneralApps::ReportHeldBack() {
     const std::lock_guard order(reportOrder_);
-    ChangeList changes;
     {
         const std::lock_guard lock(mutex_);
-        changes.swap(heldBack_);
+        outbox_.insert(outbox_.end(), heldBack_.begin(), heldBack_.end());
+        heldBack_.clear();
     }
-    ReportGeneralAppChanges(changes);
+    SendOutbox();
 }
 
 void GeneralApps::RemoveTerminatedApps() {

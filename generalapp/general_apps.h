@@ -72,6 +72,10 @@ private:
     using ChangeList = std::vector<std::pair<std::string, Message::AppStateInfo>>;
 
     void ReportGeneralAppChanges(const ChangeList& changes) const;
+    // What a request has collected, as far as it is still true.
+    void ReportPending(ChangeList pending);
+    // Sends what is in outbox_. The caller holds reportOrder_.
+    void SendOutbox();
 
     // The callers of all that follow hold mutex_.
     // The record in the map, or one made from what is known; null, with a log line, for neither.
@@ -89,8 +93,10 @@ private:
     void StartStopped(const Record& record, const std::string& owner, ChangeList& pending);
     // Forks with the record in the map already: nothing that fails after the fork can lose it.
     bool StartInMap(const Record& record);
-    uint32_t Probe(App::GeneralAppInfo& app);
-    void CheckOne(App::GeneralAppInfo& app, SteadyTime now, ChangeList& changes);
+    static uint32_t Probe(const App::GeneralAppInfo& app);
+    void CheckOne(App::GeneralAppInfo& app, SteadyTime now);
+    // Keeps what the access manager is to be told once it is ready: each application's last change.
+    void HoldBack(const Message::AppStateInfo& item);
     bool HasLive() const;
 
     App::ProcessLauncher& launcher_;
@@ -102,6 +108,9 @@ private:
     // Held while changes are collected and sent, so that an earlier one is sent earlier. Taken
     // before mutex_.
     std::mutex reportOrder_;
+    // Changes of CheckThread that are not told yet; guarded by reportOrder_. They stay until they
+    // have been sent: the records do not tell of them again.
+    ChangeList outbox_;
     std::mutex mutex_;
     std::condition_variable exited_;  // an exit has been stored
     // All guarded by mutex_.

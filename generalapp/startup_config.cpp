@@ -4,6 +4,7 @@
 #include <set>
 #include <tuple>
 
+#include "app/app_info.h"
 #include "main/log.h"
 #include "main/system.h"
 
@@ -60,7 +61,7 @@ std::vector<ApplicationManifest> StartupConfig::GetPriorityApps() const {
     {
         const std::lock_guard lock(mutex_);
         for (const auto& [name, entry] : entries_) {
-            if (entry.manifest.GetStartupPriority() >= 0) {
+            if (entry.manifest.GetStartupPriority() != App::AppInfo::NO_PRIORITY) {
                 apps.push_back(entry.manifest);
             }
         }

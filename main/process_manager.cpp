@@ -214,7 +214,12 @@ RequestHandlers ProcessManager::MakeHandlers() {
     handlers.baseServiceState = [this](const auto& info, const auto& owner) {
         HandleBaseServiceState(owner, static_cast<BaseServiceStateType>(info.state));
     };
-    handlers.appExecution = [this](const auto& info, const auto& /*owner*/) {
+    handlers.appExecution = [this](const auto& info, const auto& owner) {
+        if (owner != PROC_VINTOR) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : APP_EXECUTION_REPORT of owner=%s is not taken",
+                       owner.c_str());
+            return;
+        }
         reports_.RelayAppExecution(info);
     };
     handlers.setDelayCoreAffinity = [this](const auto& request) {
@@ -240,6 +245,7 @@ void ProcessManager::HandleBaseServiceState(const std::string& owner, BaseServic
                 ReportEverythingToZorn();
                 wasZornReady_ = false;  // it need not be told again
                 HandleReady(owner);
+                wasZornReady_ = true;
             }
             return;
         case BaseServiceStateType::RESTARTING:
@@ -270,12 +276,27 @@ void ProcessManager::HandleReady(const std::string& owner) {
 }
 
 void ProcessManager::ReportEverythingToZorn() {
+    constexpr int ATTEMPTS = 5;
     reports_.RegisterVfs();
+    // A change that is told while this is on its way would be overwritten by it: it is told again
+    // until nothing has changed meanwhile.
+    std::vector<Message::AppStateInfo> told;
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+        std::vector<Message::AppStateInfo> states = GetStates();
+        if (states == told) {
+            return;
+        }
+        reports_.ReportAppState(states, PROC_ZORNMGR);
+        told.swap(states);
+    }
+}
+
+std::vector<Message::AppStateInfo> ProcessManager::GetStates() {
     std::vector<Message::AppStateInfo> states = baseServices_.GetStates();
     std::erase_if(states, [](const auto& state) { return state.appName == PROC_ZORNMGR; });
     const std::vector<Message::AppStateInfo> apps = generalApps_.GetStates();
     states.insert(states.end(), apps.begin(), apps.end());
-    reports_.ReportAppState(states, PROC_ZORNMGR);
+    return states;
 }
 
 void ProcessManager::LoadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd) {
@@ -338,10 +359,11 @@ uint64_t ProcessManager::RunPeriodicChecks(uint64_t cycle) {
 }
 
 void ProcessManager::CheckCoreAffinity() {
-    const bool hasWokenUp = wakeUpWatch_.HasWokenUp();
-    // Before the first check there is nothing to recover.
-    if (affinityCheck_.Run() && hasWokenUp) {
+    isRecoveryDue_ = wakeUpWatch_.HasWokenUp() || isRecoveryDue_;
+    // Before the first check the files that a recovery needs may not have been read.
+    if (affinityCheck_.Run() && isRecoveryDue_) {
         delayCoreAffinity_.WakeUpRecover();
+        isRecoveryDue_ = false;
     }
 }
 

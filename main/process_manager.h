@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "app/managed_records.h"
 #include "app/process_launcher.h"
@@ -91,6 +92,7 @@ private:
     void HandleReady(const std::string& owner);
     // Gives an access manager that knows nothing yet the whole picture.
     void ReportEverythingToZorn();
+    std::vector<Message::AppStateInfo> GetStates();
     void LoadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd);
     void ReloadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd);
 
@@ -134,6 +136,7 @@ private:
     // CheckThread's. The first time of each comes a cycle early.
     CycleTimer uploadTimer_{10, 11};
     CycleTimer affinityTimer_{20, 21};
+    bool isRecoveryDue_ = false;
     BaseStartup baseStartup_;
     Reaper reaper_;
     ChildErrorReader childErrorReader_;

@@ -36,8 +36,9 @@ bool StandardizationPath(const std::string& in, std::string& out) {
 
 bool IsRootsAlone(const std::string& path) {
     struct stat file {};
-    return stat(path.c_str(), &file) == 0 && file.st_uid == 0 &&
-           (file.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    // Of a device, to be opened alone may have an effect.
+    return stat(path.c_str(), &file) == 0 && (S_ISREG(file.st_mode) || S_ISDIR(file.st_mode)) &&
+           file.st_uid == 0 && (file.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 }  // namespace ProcMgr

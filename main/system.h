@@ -15,8 +15,8 @@ void SleepFor(std::chrono::nanoseconds duration);
 // than 4096 characters or names nothing that exists.
 bool StandardizationPath(const std::string& in, std::string& out);
 
-// Whether the file or directory is root's, and nobody else may write to it: what decides about
-// processes that run as root must be.
+// Whether this is a regular file or a directory that is root's, and nobody else may write to it:
+// what decides about processes that run as root must be.
 bool IsRootsAlone(const std::string& path);
 
 }  // namespace ProcMgr

@@ -83,6 +83,8 @@ struct AppStateInfo {
     uint32_t gid = 0;
     uint32_t reportType = 0;  // a ReportAppStateType
     uint32_t result = 0;      // operation result, 0 where the reporter has none
+
+    bool operator==(const AppStateInfo&) const = default;
 };
 
 }  // namespace ProcMgr::Message

@@ -71,7 +71,7 @@ void AffinityCheck::PlacePriorityApp(const ManagedApp& app) {
         return;
     }
     // Asked after the threads were listed: they are this process's, or nothing is done.
-    const std::set<int32_t> added = apps_.NoteTids(app, tids);
+    const std::set<int32_t> added = apps_.FindNewTids(app, tids);
     // With the main thread comes a process that has not been here before: it is told of once.
     if (added.contains(app.pid) &&
         !CoreAffinityMgr::GetInstance().CheckIsCtrlCpu(app.name, app.cores)) {
@@ -80,6 +80,9 @@ void AffinityCheck::PlacePriorityApp(const ManagedApp& app) {
     }
     for (const int32_t tid : added) {
         PlacePriorityThread(app, tid);
+    }
+    if (!added.empty()) {
+        apps_.NoteTids(app, tids);
     }
 }
 
@@ -95,17 +98,16 @@ void AffinityCheck::PlacePriorityThread(const ManagedApp& app, int32_t tid) {
         ProcMgrSysLog(LOG_WARNING, "Add priority app to cgroup tasks failed, errinfo=%s, tid=%d",
                       error.c_str(), tid);
     }
-    if (app.isDelayed) {
+    CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
+    // Once it has been bound, what it makes belongs to its cores, too.
+    if (app.isDelayed && !affinity.IsStored(app.pid, app.pid)) {
         return;
     }
     error.clear();
-    CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
     if (affinity.SetCoreAffinity(tid, app.cores, error) != AFFINITY_OK) {
         ProcMgrSysLog(LOG_WARNING, "priority app SetCoreAffinityToOs failed, errinfo=%s, app=%s",
                       error.c_str(), app.name.c_str());
-        return;
     }
-    affinity.Store(app.pid, tid, app.cores);
 }
 
 }  // namespace ProcMgr

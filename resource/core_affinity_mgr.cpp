@@ -36,13 +36,13 @@ std::string TaskDirectory(int32_t pid) {
     return PROC_DIR + std::to_string(pid) + "/task/";
 }
 
-// As the kernel reports it; empty when the thread is gone.
-std::string GetThreadName(int32_t pid, int32_t tid) {
+// As the kernel reports it; nothing when the thread is gone.
+std::optional<std::string> GetThreadName(int32_t pid, int32_t tid) {
     const std::string path = TaskDirectory(pid) + std::to_string(tid) + "/status";
     LineReader file(path);
     if (!file.IsOpen()) {
         ProcMgrSysLog(LOG_ERR, "fopen %s fail, errno: %d", path.c_str(), errno);
-        return {};
+        return std::nullopt;
     }
     while (auto line = file.Next()) {
         if (line->starts_with(NAME_KEY)) {
@@ -51,7 +51,7 @@ std::string GetThreadName(int32_t pid, int32_t tid) {
             return std::string(line->substr(0, THREAD_NAME_MAX));
         }
     }
-    return {};
+    return std::nullopt;
 }
 
 }  // namespace
@@ -119,6 +119,14 @@ std::optional<CoreMask> CoreAffinityMgr::MakeMask(const std::vector<uint32_t>& c
     return mask;
 }
 
+CoreMask CoreAffinityMgr::AllCores() {
+    CoreMask mask;
+    for (uint32_t core = 0; core < std::min<uint32_t>(CPU_NUM, CPU_SETSIZE); ++core) {
+        CPU_SET(core, &mask.cores);
+    }
+    return mask;
+}
+
 uint32_t CoreAffinityMgr::SetCoreAffinity(int32_t id, const std::vector<uint32_t>& cores,
                                           std::string& error) const {
     return ApplyMask(id, MakeMask(cores), error);
@@ -153,14 +161,14 @@ int CoreAffinityMgr::OpenAiCpuset() {
 }
 
 bool CoreAffinityMgr::Store(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores) {
-    std::string name = GetThreadName(pid, tid);
-    if (name.empty()) {
+    std::optional<std::string> name = GetThreadName(pid, tid);
+    if (!name) {
         ProcMgrSysLog(LOG_ERR, "GetThreadName fail, pid:%d tid:%d, errno: %d", pid, tid, errno);
         return false;
     }
     const std::lock_guard lock(mutex_);
     threads_.insert_or_assign(static_cast<uint32_t>(tid),
-                              ThreadCoreInfo{pid, cores, std::move(name)});
+                              ThreadCoreInfo{pid, cores, std::move(*name)});
     return true;
 }
 
@@ -179,9 +187,23 @@ uint32_t CoreAffinityMgr::StoreAndSetCoreAffinity(int32_t pid, int32_t tid,
     return ret;
 }
 
+bool CoreAffinityMgr::IsStored(int32_t pid, int32_t tid) {
+    const std::lock_guard lock(mutex_);
+    const auto row = threads_.find(static_cast<uint32_t>(tid));
+    return row != threads_.end() && row->second.pid == pid;
+}
+
+void CoreAffinityMgr::Prune(int32_t pid, const std::set<int32_t>& tids) {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(threads_, [&](const auto& row) {
+        return row.second.pid == pid && !tids.contains(static_cast<int32_t>(row.first));
+    });
+}
+
 void CoreAffinityMgr::StoreStrays(int32_t pid, const std::vector<uint32_t>& cores) {
     std::set<int32_t> tids;
-    if (!GetTids(pid, tids)) {
+    // A thread that its program has moved on purpose stays where it is.
+    if (IsPinned(pid, cores) || !GetTids(pid, tids)) {
         return;
     }
     {

@@ -45,6 +45,9 @@ public:
     // known.
     std::optional<CoreMask> MakeMask(const std::vector<uint32_t>& cores) const;
 
+    // The mask of all cores: for what is not to keep the pinning of who started it.
+    static CoreMask AllCores();
+
     // Pins a thread, or the main thread of a process. On failure the reason is appended to `error`.
     uint32_t SetCoreAffinity(int32_t id, const std::vector<uint32_t>& cores,
                              std::string& error) const;
@@ -55,8 +58,13 @@ public:
     uint32_t StoreAndSetCoreAffinity(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores);
     // Remembers a pinning that was made. False, with a log line, when the thread is gone.
     bool Store(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores);
-    // Remembers as pinned to `cores` each thread of the process that is not known and has come to
-    // run elsewhere: the child pinned it before its program ran, and a suspend undid that.
+    // Whether a pinning of the thread is remembered.
+    bool IsStored(int32_t pid, int32_t tid);
+    // Forgets the threads of the process that are not among `tids`.
+    void Prune(int32_t pid, const std::set<int32_t>& tids);
+    // For a process that was pinned to `cores` by the child, before its program ran, and whose main
+    // thread a suspend has moved: remembers as pinned each thread that is not known and runs
+    // elsewhere.
     void StoreStrays(int32_t pid, const std::vector<uint32_t>& cores);
     // Forgets the pinnings of a process. `appName` is for the log.
     void RecycleThreadCoreInfo(int32_t pid, const std::string& appName);

@@ -1,11 +1,12 @@
 #include "resource/delay_core_affinity.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
+#include <optional>
 #include <set>
-#include <system_error>
 #include <vector>
 
 #include "main/boot_trace.h"
@@ -81,12 +82,22 @@ uint32_t DelayCoreAffinity::Bind(const DelayCoreAffinityReq& request) {
                       "before, will not update config or bind core");
         return DELAY_OK;
     }
-    const std::string begin = BootStrace(BOOT_TRACE_TAG);
-    const uint32_t ret = BindAll();
-    const std::string end = BootStrace(BOOT_TRACE_TAG);
-    ProcMgrSysLog(LOG_INFO, "SetDelayCoreAffinity beginTime=%s, endTime=%s", begin.c_str(),
-                  end.c_str());
-    return StoreRequest(request) && ret == AFFINITY_OK ? DELAY_OK : DELAY_FAILED;
+    try {
+        const std::string begin = BootStrace(BOOT_TRACE_TAG);
+        const uint32_t ret = BindAll();
+        const std::string end = BootStrace(BOOT_TRACE_TAG);
+        ProcMgrSysLog(LOG_INFO, "SetDelayCoreAffinity beginTime=%s, endTime=%s", begin.c_str(),
+                      end.c_str());
+        StoreRequest(request);
+        return ret == AFFINITY_OK ? DELAY_OK : DELAY_FAILED;
+    } catch (const std::exception& error) {
+        // No memory, or no thread: it may be asked for again.
+        ProcMgrSysLog(LOG_ERR, "PROCMGR : the bind of delayed applications failed, %s",
+                      error.what());
+        const std::lock_guard lock(mutex_);
+        delayState_ = IDLE;
+        return DELAY_FAILED;
+    }
 }
 
 bool DelayCoreAffinity::Accept() {
@@ -95,28 +106,20 @@ bool DelayCoreAffinity::Accept() {
         return false;
     }
     delayState_ = BOUND;
-    isPending_ = false;  // of a bind that a wake-up ended before the worker saw it
+    isPending_ = false;    // of a bind that a wake-up ended before the worker saw it
+    isSuspended_ = false;  // of a suspend that did not come
     ++binds_;
     return true;
 }
 
-bool DelayCoreAffinity::StoreRequest(const DelayCoreAffinityReq& request) {
+void DelayCoreAffinity::StoreRequest(const DelayCoreAffinityReq& request) {
     const std::lock_guard lock(mutex_);
     request_ = request;
     MakeValid(request_);
     isPending_ = true;
     changed_.notify_all();
-    if (worker_.joinable() || isStopped_) {
-        return true;
-    }
-    try {
+    if (!worker_.joinable() && !isStopped_) {
         worker_ = std::thread(&DelayCoreAffinity::CheckCoreAffinityThread, this);
-        return true;
-    } catch (const std::system_error& error) {
-        ProcMgrSysLog(LOG_ERR, "PROCMGR: CheckCoreAffinityThread cannot be started, errno=%d",
-                      error.code().value());
-        delayState_ = IDLE;
-        return false;
     }
 }
 
@@ -131,10 +134,17 @@ uint32_t DelayCoreAffinity::BindAll() {
 
 uint32_t DelayCoreAffinity::Pin(const ManagedApp& app, int32_t tid, std::string& error) {
     CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
-    const uint32_t ret = affinity.SetCoreAffinity(tid, app.cores, error);
+    std::string reason;
+    const uint32_t ret = affinity.SetCoreAffinity(tid, app.cores, reason);
     if (ret == AFFINITY_OK) {
         affinity.Store(app.pid, tid, app.cores);
+        return ret;
     }
+    const std::string thread = PROC_DIR + std::to_string(app.pid) + "/task/" + std::to_string(tid);
+    if (access(thread.c_str(), F_OK) != 0) {
+        return AFFINITY_OK;  // it has ended: nothing is left to pin
+    }
+    error += reason;
     return ret;
 }
 
@@ -147,6 +157,7 @@ uint32_t DelayCoreAffinity::BindCoreForDelayApp(const ManagedApp& app) {
     std::set<int32_t> tids;
     // Listed first, then the process is made sure of: the threads are its own.
     if (CoreAffinityMgr::GetTids(app.pid, tids) && apps_.IsPresent(app)) {
+        CoreAffinityMgr::GetInstance().Prune(app.pid, tids);
         tids.erase(app.pid);
         for (const int32_t tid : tids) {
             const uint32_t ret = Pin(app, tid, error);
@@ -165,6 +176,7 @@ bool DelayCoreAffinity::CheckMissingTids(const ManagedApp& app) {
         !apps_.IsPresent(app)) {
         return true;
     }
+    CoreAffinityMgr::GetInstance().Prune(app.pid, tids);
     bool isComplete = true;
     std::string error;
     for (const int32_t tid : tids) {
@@ -173,9 +185,11 @@ bool DelayCoreAffinity::CheckMissingTids(const ManagedApp& app) {
             Pin(app, tid, error);
         }
     }
-    if (!error.empty()) {
+    // What stays as it is need not be told at each check.
+    if (!error.empty() && error != lastError_) {
         ProcMgrSysLog(LOG_WARNING, "PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err=%s",
                       error.c_str());
+        lastError_ = error;
     }
     return isComplete;
 }
@@ -290,7 +304,7 @@ void DelayCoreAffinity::WakeUpRecover() {
             ret = std::max(ret, ResetToCpuset(app));
             continue;
         }
-        if (!app.isDelayed) {
+        if (!app.isDelayed || affinity.IsStored(app.pid, app.pid)) {
             affinity.StoreStrays(app.pid, app.cores);
         }
         pids.push_back(app.pid);
@@ -310,16 +324,26 @@ uint32_t DelayCoreAffinity::ResetToCpuset(const ManagedApp& app) {
     CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
     affinity.RecycleThreadCoreInfo(app.pid, app.name);
     const bool isUsable = !app.cpuset.empty() && app.cpuset.find("..") == std::string::npos;
-    const std::vector<uint32_t> cores = ReadCpusetFile(
-        CGROUP_CPUSET_ROOT + (isUsable ? app.cpuset : std::string(DEFAULT_CPUSET)) + CPUS);
+    const std::string cpuset = isUsable ? app.cpuset : DEFAULT_CPUSET;
+    // Some of its cores may be for accelerator work: that must not move it to their cpuset again.
+    std::optional<CoreMask> mask =
+        affinity.MakeMask(ReadCpusetFile(CGROUP_CPUSET_ROOT + cpuset + CPUS));
+    if (mask) {
+        mask->aiCores = 0;
+    }
     std::set<int32_t> tids;
     if (!CoreAffinityMgr::GetTids(app.pid, tids) || !apps_.IsPresent(app)) {
         return AFFINITY_OK;
     }
     uint32_t result = AFFINITY_OK;
+    std::string error;
     for (const int32_t tid : tids) {
-        std::string error;
-        result = std::max(result, affinity.SetCoreAffinity(tid, cores, error));
+        CgroupMgr::GetInstance().AddToCgroups({app.name, tid, "", cpuset, "", {}}, error);
+        result = std::max(result, CoreAffinityMgr::ApplyMask(tid, mask, error));
+    }
+    if (!error.empty()) {
+        ProcMgrSysLog(LOG_WARNING, "PROCMGR : reset of core affinity, app=%s failed err=%s",
+                      app.name.c_str(), error.c_str());
     }
     return result;
 }

@@ -33,8 +33,8 @@ public:
     // not there any more.
     uint32_t BindCoreForDelayApp(const ManagedApp& app);
 
-    // Pins the threads that are not pinned yet. True when there was none: only that shows that no
-    // other is being made by one that was not pinned.
+    // For the worker. Pins the threads that are not pinned yet. True when there was none: only that
+    // shows that no other is being made by one that was not pinned.
     bool CheckMissingTids(const ManagedApp& app);
 
     // Before the system is suspended: ends the re-checks.
@@ -51,8 +51,9 @@ private:
     uint32_t Bind(const Message::DelayCoreAffinityReq& request);
     uint32_t BindAll();
     bool CheckAll();
-    // Keeps the request, with valid values, and wakes the worker. False when there is no worker.
-    bool StoreRequest(const Message::DelayCoreAffinityReq& request);
+    // Keeps the request, with valid values, and wakes the worker, which it makes if need be. Throws
+    // when there is no thread to be had.
+    void StoreRequest(const Message::DelayCoreAffinityReq& request);
     // Both take the state from one value to another; false when it has not the first.
     bool Accept();
     void Finish(uint64_t bind);
@@ -75,6 +76,7 @@ private:
     bool isPending_ = false;                 // the worker has not seen it yet; guarded by mutex_
     bool isStopped_ = false;                 // guarded by mutex_
     std::thread worker_;                     // started under mutex_
+    std::string lastError_;                  // the worker's
     // Written under mutex_ only.
     std::atomic<int> delayState_{IDLE};
     std::atomic<bool> isSuspended_{false};

@@ -38,9 +38,11 @@ public:
     // afterwards, but its pid is not reused before that.
     virtual bool IsPresent(const ManagedApp& app) = 0;
 
-    // Notes the threads that the process has now and returns those that it did not have before;
-    // none when the process is not there any more.
-    virtual std::set<int32_t> NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) = 0;
+    // Those of the threads that the process was not noted to have; none when the process is not
+    // there any more.
+    virtual std::set<int32_t> FindNewTids(const ManagedApp& app, const std::set<int32_t>& tids) = 0;
+    // Notes which threads the process has.
+    virtual void NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) = 0;
 
     // The application whose process has this pid.
     virtual std::optional<std::string> GetNameOf(int32_t pid) = 0;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
+#include <iterator>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -156,7 +157,10 @@ SharePoolPlan SharePool::MakePlan(
         const bool isThere =
             std::any_of(plan.groups.begin(), plan.groups.end(),
                         [&](const auto& group) { return group.name == wanted.first; });
-        if (!isThere) {
+        if (!IsUsableName(wanted.first)) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : share pool group=%s of app=%s is not usable",
+                       wanted.first.c_str(), appName.c_str());
+        } else if (!isThere) {
             plan.groups.push_back({wanted.first, wanted.second});
         }
     }
@@ -165,24 +169,35 @@ SharePoolPlan SharePool::MakePlan(
 
 void SharePool::Join(const std::string& appName, int32_t pid, const SharePoolPlan& plan) {
     for (const SharePoolPlan::Group& group : plan.groups) {
-        if (IsMember(pid, group.name)) {
-            continue;
+        {
+            const std::lock_guard lock(mutex_);
+            if (!joined_[pid].insert(group.name).second) {
+                continue;
+            }
         }
         const uint32_t ret = halGrpAddProc(group.name.c_str(), pid, group.access.c_str());
-        if (ret != DONE) {
-            ProcMgrLog(LOG_ERR, "PROCMGR : halGrpAddProc app=%s, pid=%d, group=%s failed, ret=%u",
-                       appName.c_str(), pid, group.name.c_str(), ret);
+        if (ret == DONE) {
             continue;
         }
+        ProcMgrLog(LOG_ERR, "PROCMGR : halGrpAddProc app=%s, pid=%d, group=%s failed, ret=%u",
+                   appName.c_str(), pid, group.name.c_str(), ret);
         const std::lock_guard lock(mutex_);
-        joined_[pid].insert(group.name);
+        const auto joined = joined_.find(pid);
+        if (joined != joined_.end()) {
+            joined->second.erase(group.name);
+        }
     }
 }
 
-bool SharePool::IsMember(int32_t pid, const std::string& group) {
+std::vector<std::string> SharePool::GetGroupsOf(int32_t pid) {
+    std::vector<std::string> groups;
     const std::lock_guard lock(mutex_);
-    const auto process = joined_.find(pid);
-    return process != joined_.end() && process->second.contains(group);
+    const auto joined = joined_.find(pid);
+    if (joined != joined_.end()) {
+        std::copy_if(joined->second.begin(), joined->second.end(), std::back_inserter(groups),
+                     [this](const std::string& group) { return groups_.contains(group); });
+    }
+    return groups;
 }
 
 void SharePool::Forget(int32_t pid) {

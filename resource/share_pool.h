@@ -41,11 +41,12 @@ public:
         const std::string& appName,
         const std::vector<std::pair<std::string, std::string>>& manifestGroups) const;
 
-    // Adds a process to the groups of its plan, as far as it is not in them. A failure is logged.
+    // Adds a process to the groups of its plan, as far as it is not in them or being added to them.
+    // A failure is logged.
     void Join(const std::string& appName, int32_t pid, const SharePoolPlan& plan);
 
-    // Whether the process has joined the group.
-    bool IsMember(int32_t pid, const std::string& group);
+    // The configured groups that the process has joined.
+    std::vector<std::string> GetGroupsOf(int32_t pid);
 
     // Forgets a process that is gone.
     void Forget(int32_t pid);

@@ -150,6 +150,10 @@ bool UploadRegistry::Keep(const UploadRequest& wanted, uint64_t startTicks) {
     if (present != registrations_.end() && present->second.startTicks != startTicks) {
         sharePool_.Forget(wanted.pid);
     }
+    if (present == registrations_.end()) {
+        ProcMgrLog(LOG_INFO, "PROCMGR : pmupload app=%s, pid=%d registered", wanted.name.c_str(),
+                   wanted.pid);
+    }
     registrations_.insert_or_assign(wanted.pid, Registration{wanted.name, startTicks});
     return true;
 }
@@ -161,15 +165,12 @@ std::vector<std::string> UploadRegistry::JoinGroups(const UploadRequest& wanted)
                                                    group.name) == wanted.groups.end();
     });
     sharePool_.Join(wanted.name, wanted.pid, plan);
-    std::vector<std::string> joined;
-    for (const SharePoolPlan::Group& group : plan.groups) {
-        if (joined.size() < Message::UPLOAD_GROUPS_MAX &&
-            sharePool_.IsMember(wanted.pid, group.name)) {
-            joined.push_back(group.name);
-        }
+    std::vector<std::string> joined = sharePool_.GetGroupsOf(wanted.pid);
+    if (joined.size() > Message::UPLOAD_GROUPS_MAX) {
+        ProcMgrLog(LOG_WARNING, "PROCMGR : pmupload app=%s, pid=%d has more groups than it is told",
+                   wanted.name.c_str(), wanted.pid);
+        joined.resize(Message::UPLOAD_GROUPS_MAX);
     }
-    ProcMgrLog(LOG_INFO, "PROCMGR : pmupload app=%s, pid=%d registered, groups=%s",
-               wanted.name.c_str(), wanted.pid, plan.Names().c_str());
     return joined;
 }
 
@@ -192,11 +193,20 @@ bool UploadRegistry::IsEmpty() {
 }
 
 void UploadRegistry::DropGone() {
+    for (const int32_t pid : TakeGone()) {
+        // The daemon may have started another process with this pid, which keeps what it has.
+        if (!apps_.GetNameOf(pid)) {
+            sharePool_.Forget(pid);
+        }
+    }
+}
+
+std::vector<int32_t> UploadRegistry::TakeGone() {
     const std::lock_guard lock(mutex_);
+    std::vector<int32_t> gone;
     int toVerify = VERIFIED_PER_CHECK;
     int32_t verified = 0;
-    std::erase_if(registrations_, [&](const auto& entry) {
-        const auto& [pid, registration] = entry;
+    for (const auto& [pid, registration] : registrations_) {
         bool isGone = IsGone(pid);
         // Its pid may have become another's: seen at the latest after all had their turn.
         if (!isGone && pid > lastVerified_ && toVerify > 0) {
@@ -207,11 +217,14 @@ void UploadRegistry::DropGone() {
         if (isGone) {
             ProcMgrLog(LOG_INFO, "PROCMGR : pmupload app=%s, pid=%d is gone, its registration ends",
                        registration.name.c_str(), pid);
-            sharePool_.Forget(pid);
+            gone.push_back(pid);
         }
-        return isGone;
-    });
+    }
     lastVerified_ = toVerify > 0 ? 0 : verified;
+    for (const int32_t pid : gone) {
+        registrations_.erase(pid);
+    }
+    return gone;
 }
 
 }  // namespace ProcMgr

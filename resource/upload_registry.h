@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "message/upload_record.h"
 #include "platform/messaging.h"
@@ -47,6 +48,8 @@ private:
     // False when there is no room.
     bool Keep(const Message::UploadRequest& wanted, uint64_t startTicks);
     std::vector<std::string> JoinGroups(const Message::UploadRequest& wanted);
+    // Takes the registrations of processes that are gone out of the table.
+    std::vector<int32_t> TakeGone();
     void LogRefused(const MuxaRequest& sender, Message::UploadResult result);
 
     SharePool& sharePool_;

@@ -1,5 +1,6 @@
 #include "resource/wake_up_watch.h"
 
+#include <algorithm>
 #include <ctime>
 
 namespace ProcMgr {
@@ -22,8 +23,12 @@ std::chrono::nanoseconds WakeUpWatch::TimeSuspended() {
 }
 
 bool WakeUpWatch::HasWokenUp() {
-    const std::chrono::nanoseconds now = TimeSuspended();
-    return now - suspended_.exchange(now) > SUSPEND_MIN;
+    const std::lock_guard lock(mutex_);
+    const std::chrono::nanoseconds before = suspended_;
+    // Too little is found by a thread that is held up between the clocks: that must not look like a
+    // suspend to the next one.
+    suspended_ = std::max(before, TimeSuspended());
+    return suspended_ - before > SUSPEND_MIN;
 }
 
 }  // namespace ProcMgr

@@ -1,8 +1,8 @@
 // Notices that the system has been suspended since the last look. Any thread may look.
 #pragma once
 
-#include <atomic>
 #include <chrono>
+#include <mutex>
 
 namespace ProcMgr {
 
@@ -15,7 +15,8 @@ public:
 private:
     static std::chrono::nanoseconds TimeSuspended();
 
-    std::atomic<std::chrono::nanoseconds> suspended_{TimeSuspended()};
+    std::mutex mutex_;
+    std::chrono::nanoseconds suspended_ = TimeSuspended();  // guarded by mutex_
 };
 
 }  // namespace ProcMgr

@@ -1,8 +1,11 @@
 #include "platform/host/muxa_channel.h"
 
 #include <sys/epoll.h>
+#include <syslog.h>
 
 #include <cerrno>
+
+#include "platform/host/diagnostics.h"
 
 namespace PlatformHost {
 
@@ -27,6 +30,7 @@ void MuxaGate::Call(int32_t fd, const MuxaRequest* request) {
         callback_(fd, request, name_);
     } catch (...) {
         // A handler that fails on one record must not take the process down; the record is lost.
+        ProcMgr::WriteDiagnostic(LOG_ERR, "messaging: a handler has failed, its record is lost");
     }
     const std::lock_guard guard(lock_);
     --running_;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <limits>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -114,10 +115,14 @@ AcceptResult MuxaEndpoint::AcceptLocked() {
     }
     AcceptedPeer peer;
     const AcceptResult result = AcceptMuxaPeer(listener_.Fd(), settings_.gid, peer);
-    if (result == AcceptResult::ACCEPTED && !AdmitLocked(std::move(peer))) {
+    if (result != AcceptResult::ACCEPTED) {
+        return result;
+    }
+    try {
+        return AdmitLocked(std::move(peer)) ? AcceptResult::ACCEPTED : AcceptResult::REFUSED;
+    } catch (const std::bad_alloc&) {
         return AcceptResult::REFUSED;
     }
-    return result;
 }
 
 bool MuxaEndpoint::AdmitLocked(AcceptedPeer peer) {

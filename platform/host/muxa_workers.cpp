@@ -3,11 +3,13 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/epoll.h>
+#include <syslog.h>
 
 #include <cerrno>
-#include <system_error>
+#include <exception>
 #include <thread>
 
+#include "platform/host/diagnostics.h"
 #include "platform/host/muxa_socket.h"
 
 namespace PlatformHost {
@@ -43,7 +45,7 @@ bool MuxaWorkers::SpawnLocked() {
     try {
         std::thread([this] { Run(); }).detach();
         ++total_;
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
         started = false;
     }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
@@ -60,8 +62,14 @@ void MuxaWorkers::Run() {
     }();
     for (;;) {
         epoll_event event{};
-        if (epoll_wait(epoll, &event, 1, -1) == 1) {
+        if (epoll_wait(epoll, &event, 1, -1) != 1) {
+            continue;
+        }
+        try {
             handler_(event.data.u64, buffer);
+        } catch (const std::exception&) {
+            // The other lines go on.
+            ProcMgr::WriteDiagnostic(LOG_ERR, "messaging: out of memory, an event is lost");
         }
     }
 }

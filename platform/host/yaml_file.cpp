@@ -88,19 +88,25 @@ std::string RealPath(const std::string& path) {
 
 YamlFile ReadYamlFile(const std::string& path, FileTrust trust) {
     YamlFile file;
-    // O_NONBLOCK: opening a FIFO must not wait for its writer.
-    const Descriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    if (descriptor.Get() < 0) {
+    // Only found, not opened: of a device, to be opened alone may have an effect.
+    const Descriptor found(open(path.c_str(), O_PATH | O_CLOEXEC));
+    if (found.Get() < 0) {
         file.error = ErrorText("cannot be opened", errno);
         return file;
     }
     struct stat status {};
-    if (fstat(descriptor.Get(), &status) != 0) {
+    if (fstat(found.Get(), &status) != 0) {
         file.error = ErrorText("cannot be examined", errno);
         return file;
     }
     file.error = Refusal(status, trust);
     if (!file.error.empty()) {
+        return file;
+    }
+    const std::string same = "/proc/self/fd/" + std::to_string(found.Get());
+    const Descriptor descriptor(open(same.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (descriptor.Get() < 0) {
+        file.error = ErrorText("cannot be opened", errno);
         return file;
     }
     file.text.reserve(static_cast<size_t>(status.st_size) + 1);

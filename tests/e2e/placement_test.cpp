@@ -173,7 +173,7 @@ TEST_F(Placement, ADelayedServiceIsBoundOnRequestWithTheThreadsThatItMakesMeanwh
     ASSERT_TRUE(owner.Attach(PATIENCE));
     owner.ReportRunning();
     const pid_t pid = Await("late");
-    EXPECT_EQ(CoresOf(pid), "0 ") << "as it came from the daemon";
+    EXPECT_EQ(CoresOf(pid), "0 1 ") << "all of its cpuset";
     WriteFile(In("go"), "");
     DelayCoreAffinityReq request;
     request.checkInterval = 100;
