@@ -32,6 +32,7 @@ ManagedApp MakeManagedApp(const AppInfo& app) {
     managed.cpuGroup = app.resGroupName_;
     managed.blkioGroup = app.blkioGroupName_;
     managed.isDelayed = app.isDelayCoreAffinity_;
+    managed.notedTids = app.tids_.size();
     return managed;
 }
 

@@ -123,6 +123,21 @@ void EnterPrivateSystem(bool withLogger) {
     }
 }
 
+void LayOutGroups() {
+    const std::filesystem::path root = "/sys/fs/cgroup";
+    if (mount("tmpfs", root.c_str(), "tmpfs", 0, "mode=0755") != 0) {
+        Fail("mount /sys/fs/cgroup");
+    }
+    for (const char* group : {"cpuset/CtrlCPU", "cpu/OTHER"}) {
+        std::filesystem::create_directories(root / group);
+        std::ofstream(root / group / "tasks").flush();
+    }
+    std::ofstream cores(root / "cpuset/CtrlCPU/cpuset.cpus");
+    for (unsigned core = 0; core < std::thread::hardware_concurrency(); ++core) {
+        cores << (core == 0 ? "" : ",") << core;
+    }
+}
+
 pid_t Spawn(const std::vector<std::string>& command) {
     std::vector<char*> argv;
     argv.reserve(command.size() + 1);

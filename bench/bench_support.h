@@ -45,6 +45,8 @@ private:
 // Makes /run, /var/log and /dev/log private to this process and its children. With `withLogger`
 // something reads /dev/log, as a system logger does; without, there is none, as in early boot.
 void EnterPrivateSystem(bool withLogger);
+// Then: gives it the control groups that every device has, as plain files, all cores in CtrlCPU.
+void LayOutGroups();
 
 // Starts a program with its arguments; returns its pid.
 pid_t Spawn(const std::vector<std::string>& command);

@@ -113,6 +113,7 @@ int main(int argc, char** argv) {
         }
     }
     Bench::EnterPrivateSystem(withLogger);
+    Bench::LayOutGroups();
     std::printf("| services | daemon | bare loop | ratio |\n|---|---|---|---|\n");
     for (const Platform& platform :
          {Platform{10, false}, Platform{100, false}, Platform{500, false}, Platform{50, true}}) {

@@ -118,6 +118,7 @@ int main(int argc, char** argv) {
         runs = static_cast<int>(std::strtol(argv[2], nullptr, 10));
     }
     Bench::EnterPrivateSystem(true);
+    Bench::LayOutGroups();
     const Bench::StampFile stamps(1, "application-stamps");
     const Bench::StampFile bareStamps(1, "bare-stamps");
     const Bench::StampFile ownerStamps(1, "owner-stamps");

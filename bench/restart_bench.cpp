@@ -144,6 +144,7 @@ int main(int argc, char** argv) {
         }
     }
     Bench::EnterPrivateSystem(true);
+    Bench::LayOutGroups();
     MeasureOne(kills);
     MeasureAll(200, runs);
     return 0;

@@ -1,6 +1,8 @@
-// stamp_service FILE SLOT: the service of the benchmarks. The first thing it does is to write the
-// monotonic time and its pid into its slot of FILE; then it waits for its end.
+// stamp_service FILE SLOT [THREADS]: the service of the benchmarks. The first thing it does is to
+// write the monotonic time and its pid into its slot of FILE; then it makes its further threads,
+// and all of them wait for its end.
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -8,6 +10,16 @@
 #include <ctime>
 
 #include "bench/bench_support.h"
+
+namespace {
+
+void* Wait(void* /*none*/) {
+    for (;;) {
+        pause();
+    }
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     timespec now{};
@@ -24,7 +36,12 @@ int main(int argc, char** argv) {
         return 1;
     }
     close(fd);
-    for (;;) {
-        pause();
+    const long threads = argc > 3 ? std::strtol(argv[3], nullptr, 10) : 1;
+    for (long i = 1; i < threads; ++i) {
+        pthread_t thread{};
+        if (pthread_create(&thread, nullptr, Wait, nullptr) != 0) {
+            return 1;
+        }
     }
+    Wait(nullptr);
 }

@@ -25,11 +25,14 @@ public:
 private:
     void PlaceOwnThreads();
     static void AddOwnTids(const std::set<int32_t>& tids);
+    // Whether the process cannot have new threads, as far as their number tells.
+    static bool IsSettled(const ManagedApp& app);
     void PlacePriorityApp(const ManagedApp& app);
     static void PlacePriorityThread(const ManagedApp& app, int32_t tid);
 
     ManagedApps& apps_;
     std::atomic<bool> isStarted_{false};
+    uint32_t checks_ = 0;        // CheckThread's
     std::set<int32_t> ownTids_;  // placed before; the main thread's until isStarted_
 };
 

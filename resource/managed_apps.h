@@ -3,6 +3,7 @@
 // over both containers.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -23,6 +24,7 @@ struct ManagedApp {
     std::string cpuGroup;
     std::string blkioGroup;
     bool isDelayed = false;  // its cores are bound on request, not at its launch
+    size_t notedTids = 0;    // how many threads it is noted to have
 };
 
 enum class ManagedFilter { ALL, DELAYED, RUNNING_PRIORITY };
