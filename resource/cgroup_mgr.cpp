@@ -184,7 +184,9 @@ std::vector<std::string> CgroupMgr::GetTaskPaths(const CgroupTaskInfo& task) con
     }
     for (const auto& [controller, group] : task.cgroupPaths) {
         if (IsUsableGroup(group)) {
-            paths.push_back(CGROUP_ROOT + controller + "/" + group + TASKS);
+            std::string path = CGROUP_ROOT + controller;
+            path += "/" + group + TASKS;
+            paths.push_back(std::move(path));
         }
     }
     if (blkIoSwitch_ && IsUsableGroup(task.blkioName)) {
