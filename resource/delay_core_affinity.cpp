@@ -76,7 +76,8 @@ uint32_t DelayCoreAffinity::SetDelayCoreAffinity(const DelayCoreAffinityReq& req
 }
 
 uint32_t DelayCoreAffinity::Bind(const DelayCoreAffinityReq& request) {
-    if (!Accept()) {
+    const std::optional<uint64_t> bind = Accept();
+    if (!bind) {
         ProcMgrSysLog(LOG_INFO,
                       "SetDelayCoreAffinity return directly as has recieved core affinity req "
                       "before, will not update config or bind core");
@@ -84,36 +85,40 @@ uint32_t DelayCoreAffinity::Bind(const DelayCoreAffinityReq& request) {
     }
     try {
         const std::string begin = BootStrace(BOOT_TRACE_TAG);
-        const uint32_t ret = BindAll();
+        const uint32_t ret = BindAll(*bind);
         const std::string end = BootStrace(BOOT_TRACE_TAG);
         ProcMgrSysLog(LOG_INFO, "SetDelayCoreAffinity beginTime=%s, endTime=%s", begin.c_str(),
                       end.c_str());
-        StoreRequest(request);
+        StoreRequest(request, *bind);
         return ret == AFFINITY_OK ? DELAY_OK : DELAY_FAILED;
     } catch (const std::exception& error) {
         // No memory, or no thread: it may be asked for again.
         ProcMgrSysLog(LOG_ERR, "PROCMGR : the bind of delayed applications failed, %s",
                       error.what());
         const std::lock_guard lock(mutex_);
-        delayState_ = IDLE;
+        if (binds_ == *bind) {
+            delayState_ = IDLE;
+        }
         return DELAY_FAILED;
     }
 }
 
-bool DelayCoreAffinity::Accept() {
+std::optional<uint64_t> DelayCoreAffinity::Accept() {
     const std::lock_guard lock(mutex_);
     if (delayState_ != IDLE) {
-        return false;
+        return std::nullopt;
     }
     delayState_ = BOUND;
     isPending_ = false;    // of a bind that a wake-up ended before the worker saw it
     isSuspended_ = false;  // of a suspend that did not come
-    ++binds_;
-    return true;
+    return ++binds_;
 }
 
-void DelayCoreAffinity::StoreRequest(const DelayCoreAffinityReq& request) {
+void DelayCoreAffinity::StoreRequest(const DelayCoreAffinityReq& request, uint64_t bind) {
     const std::lock_guard lock(mutex_);
+    if (binds_ != bind) {
+        return;  // a wake-up has ended this one, and there is another
+    }
     request_ = request;
     MakeValid(request_);
     isPending_ = true;
@@ -123,9 +128,13 @@ void DelayCoreAffinity::StoreRequest(const DelayCoreAffinityReq& request) {
     }
 }
 
-uint32_t DelayCoreAffinity::BindAll() {
+uint32_t DelayCoreAffinity::BindAll(uint64_t bind) {
     uint32_t result = AFFINITY_OK;
     for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::DELAYED)) {
+        const std::lock_guard pass(passMutex_);
+        if (!IsCurrent(bind)) {
+            break;
+        }
         const uint32_t ret = BindCoreForDelayApp(app);
         result = result == AFFINITY_OK ? ret : result;
     }
@@ -194,10 +203,14 @@ bool DelayCoreAffinity::CheckMissingTids(const ManagedApp& app) {
     return isComplete;
 }
 
-bool DelayCoreAffinity::CheckAll() {
+bool DelayCoreAffinity::CheckAll(uint64_t bind) {
     bool isComplete = true;
     try {
         for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::DELAYED)) {
+            const std::lock_guard pass(passMutex_);
+            if (!IsCurrent(bind)) {
+                return false;
+            }
             isComplete = CheckMissingTids(app) && isComplete;
         }
     } catch (const std::exception& error) {
@@ -229,7 +242,7 @@ void DelayCoreAffinity::Recheck(const DelayCoreAffinityReq& request, uint64_t bi
     ProcMgrSysLog(LOG_INFO,
                   "CheckCoreAffinityThread wakeup,checkInterval=%u,checkNum=%d,isWakeUpEnable=%d",
                   request.checkInterval, request.checkNum, request.isWakeUpEnable);
-    CheckAll();
+    CheckAll(bind);
     int count = 0;
     bool isOk = false;
     while (count != request.checkNum && !isOk && IsCurrent(bind)) {
@@ -237,7 +250,7 @@ void DelayCoreAffinity::Recheck(const DelayCoreAffinityReq& request, uint64_t bi
             ProcMgrSysLog(LOG_INFO, "CheckCoreAffinityThread suspend");
             break;
         }
-        isOk = CheckAll();
+        isOk = CheckAll(bind);
         count = std::min(count + 1, COUNT_MAX);
         WaitFor(std::chrono::milliseconds(request.checkInterval), bind);
     }
@@ -287,6 +300,8 @@ bool DelayCoreAffinity::ReadWakeUpEnable() {
 
 void DelayCoreAffinity::WakeUpRecover() {
     const bool isReset = ReadWakeUpEnable();
+    // From here on no bind of before pins anything.
+    const std::lock_guard pass(passMutex_);
     CgroupMgr::GetInstance().EnableDefaultCpuSet();
     CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
     std::string error;

@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -49,13 +50,15 @@ private:
     enum DelayState { IDLE = 0, BOUND = 1, FINISHED = 2 };
 
     uint32_t Bind(const Message::DelayCoreAffinityReq& request);
-    uint32_t BindAll();
-    bool CheckAll();
+    // The passes over the applications. Both end when the bind is not the current one any more.
+    uint32_t BindAll(uint64_t bind);
+    bool CheckAll(uint64_t bind);
     // Keeps the request, with valid values, and wakes the worker, which it makes if need be. Throws
     // when there is no thread to be had.
-    void StoreRequest(const Message::DelayCoreAffinityReq& request);
-    // Both take the state from one value to another; false when it has not the first.
-    bool Accept();
+    void StoreRequest(const Message::DelayCoreAffinityReq& request, uint64_t bind);
+    // Takes the state from IDLE to BOUND, and returns the number of the bind; nothing when it is
+    // not IDLE.
+    std::optional<uint64_t> Accept();
     void Finish(uint64_t bind);
 
     void CheckCoreAffinityThread();
@@ -70,6 +73,9 @@ private:
     static uint32_t Pin(const ManagedApp& app, int32_t tid, std::string& error);
 
     ManagedApps& apps_;
+    // Held while one application is bound or checked, and during a recovery: what that puts back
+    // stays. Taken before mutex_ and the containers' locks.
+    std::mutex passMutex_;
     std::mutex mutex_;
     std::condition_variable changed_;        // of anything below
     Message::DelayCoreAffinityReq request_;  // the last one accepted; guarded by mutex_

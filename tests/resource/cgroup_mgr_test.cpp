@@ -1,0 +1,329 @@
+#include "resource/cgroup_mgr.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/fakes/log_capture.h"
+#include "tests/main/isolated.h"
+
+namespace ProcMgr {
+namespace {
+
+namespace fs = std::filesystem;
+using Fakes::LogCapture;
+using Texts = std::vector<std::string>;
+
+const std::string CFG = "/usr/bin/vela/env.cfg";
+const std::string ROOT = "/sys/fs/cgroup/";
+const std::string CPU = ROOT + "cpu/";
+const std::string QUOTA = "/cpu.cfs_quota_us";
+const std::string PERIOD = "/cpu.cfs_period_us";
+const std::string QUOTA_BEFORE = "18446744073709551615\n";     // longer than what is written
+const std::string HUNDRED = std::to_string(CPU_NUM * 100000);  // percent of every core
+
+void WriteFile(const std::string& path, const std::string& contents) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path) << contents;
+}
+
+void MakeGroup(const std::string& group, const std::string& period = "100000\n") {
+    WriteFile(CPU + group + PERIOD, period);
+    WriteFile(CPU + group + QUOTA, QUOTA_BEFORE);
+}
+
+std::string Quota(const std::string& group) {
+    return ReadFile(CPU + group + QUOTA);
+}
+
+// What was logged since the last call, each line as its level and its text behind the common
+// beginning.
+Texts Log() {
+    const std::string begin = "PROCMGR: CgroupMgr ";
+    Texts texts;
+    for (const auto& [level, text] : LogCapture::Lines()) {
+        EXPECT_EQ(text.substr(0, begin.size()), begin);
+        texts.push_back(std::to_string(level) + " " + text.substr(begin.size()));
+    }
+    LogCapture::Clear();
+    return texts;
+}
+
+// `switches`: of the host's CPU set, of block devices, of buffered writes, and whether the file is
+// good.
+Texts Summary(const std::string& switches, const Texts& policies = {}) {
+    Texts texts{"6 CPU_NUM=" + std::to_string(CPU_NUM) + ", hostCpuSwitch=" + switches[0] +
+                ", BlkIoSwitch=" + switches[1] + ", BufferIoSwitch=" + switches[2] +
+                ", isCfgOk=" + switches[3]};
+    for (const std::string& policy : policies) {
+        texts.push_back("6 cfg: policy " + policy);
+    }
+    return texts;
+}
+
+CgroupPolicyInfo Policy(const std::string& group, uint8_t type, uint8_t isEnable) {
+    CgroupPolicyInfo policy;
+    group.copy(policy.groupName, sizeof(policy.groupName) - 1);
+    policy.type = type;
+    policy.isEnable = isEnable;
+    return policy;
+}
+
+std::string Begin(const std::string& rest) {
+    return "6 UpdateCgroup begin, groupName=" + rest;
+}
+
+// A set of one group in a line of this length.
+std::string LongLine(size_t length) {
+    return "L=g:" + std::string(length - 5, '0') + "7";
+}
+
+class CgroupMgrTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!EnterPrivateMountNamespace()) {
+            GTEST_SKIP() << "no private mount namespace here";
+        }
+        MountTmpfs("/usr/bin/vela");
+        MountTmpfs("/sys/fs/cgroup");
+        LogCapture::Clear();
+    }
+    static void Read(CgroupMgr& mgr, const std::string& contents) {
+        WriteFile(CFG, contents);
+        mgr.ReadCfg();
+    }
+};
+
+TEST_F(CgroupMgrTest, LinesThatAreTaken) {
+    const std::pair<std::string, Texts> cases[] = {
+        {"", {}},
+        {"S=ctrl:40;user:20", {"S=ctrl:40;user:20;"}},
+        {"S=\"ctrl:40;user:20\"\n", {"S=ctrl:40;user:20;"}},
+        {"S='ctrl:40;user:20'\n", {"S=ctrl:40;user:20;"}},
+        {"S=\"'a:1'\"\nT=\"a:1'\n", {"S='a:1;", "T=\"a:1;"}},
+        {"S=\"\nS=''\nS=40\nS=:40\n", {}},
+        {"b=z:1;A:2;_:3\nB/b=x:2\na=x:3\n", {"B/b=x:2;", "a=x:3;", "b=A:2;_:3;z:1;"}},
+        {"S=a:1;b:1\nS=b:2;c:40;20\n", {"S=a:1;b:2;c:20;"}},
+        {"S=a:b:4x\nT=a:2147483647\nU=a=b:1=\n", {"S=b:4;", "T=a:2147483647;", "U=a=b:1;"}},
+        {"HOST_BLKIO_SWITCH=a:\nHOST_BLKIO_WRITE_BPS_SET=a:x\nHOST_BLKIO_READ_BPS_SET=;\n", {}},
+        {"S =a:1\nS= a:1\nS=a:40.5\nS=a:-1\n#S=a:1\nS=a:1\t\nS=a:1\r\nS=\xe4:1\nT=a:7\n",
+         {"T=a:7;"}},
+        {"\n=a:1\nS=\nSa:1\n=\n\x7f\x02=\xff\xfe:1\nT=a:7\n", {"T=a:7;"}},
+        {LongLine(511) + "\nT=a:7\n", {"L=g:7;", "T=a:7;"}},
+        {"T=a:7\n#" + LongLine(511) + "\nU=a:8\n", {"T=a:7;"}},
+        {"T=a:7\n#" + LongLine(5000) + "\nU=a:8\n", {"T=a:7;"}},
+    };
+    for (const auto& [contents, policies] : cases) {
+        CgroupMgr mgr;
+        Read(mgr, contents);
+        EXPECT_EQ(Log(), Summary("1001", policies)) << contents;
+    }
+}
+
+TEST_F(CgroupMgrTest, ARejectedValueEndsTheReading) {
+    const std::string cases[][3] = {
+        // the value, what is wrong with it, what is stored of it
+        {"ctrl:40;", "(ctrl) or value() is empty", "ctrl:40;"},
+        {"ctrl:40;;user:1", "(ctrl) or value() is empty", "ctrl:40;"},
+        {"\"ctrl:40;user:\"", "(user) or value() is empty", "ctrl:40;"},
+        {":40;a:1", "() or value(40) is empty", ""},
+        {";", "() or value() is empty", ""},
+        {"a:1;b:x;c:1", "=b, value=x", "a:1;b:0;"},
+        {"a:2147483648", "=a, value=2147483648", "a:0;"},
+        {"a:99999999999999999999", "=a, value=99999999999999999999", "a:0;"},
+    };
+    MakeGroup("a");
+    for (const auto& [value, error, stored] : cases) {
+        CgroupMgr mgr;
+        Read(mgr, "A=a:100\nS=" + value + "\nT=a:1\nHOST_CPU_SWITCH=0\n");
+        Texts expected =
+            Summary("1000", stored.empty() ? Texts{"A=a:100;"} : Texts{"A=a:100;", "S=" + stored});
+        expected.insert(expected.begin(), "3 cgroup set(S) config invalid, groupName" + error);
+        EXPECT_EQ(Log(), expected);
+
+        // What was stored before can still be set, but not through the guarded operations.
+        EXPECT_EQ(mgr.UpdateCgroup(Policy("A", 0, 0)), CGROUP_FAILED);
+        mgr.DisableCgroupCpu();
+        EXPECT_EQ(Log(), Texts{Begin("A, type=0, isEnable=0, isCfgOk_=0")});
+        EXPECT_EQ(mgr.UpdateCpuSet(Policy("A", 0, 1)), CGROUP_OK);
+        EXPECT_EQ(Quota("a"), HUNDRED);
+    }
+}
+
+TEST_F(CgroupMgrTest, FilesThatCannotBeRead) {
+    fs::create_directories(ROOT + "blkio");
+    BindFile("cgroup1_writeback", "/proc/cmdline");
+    CgroupMgr mgr;
+    mgr.ReadCfg();
+    EXPECT_EQ(Log(), Texts{"3 ReadCfg, access " + CFG + " fail, errno=2"});
+    EXPECT_EQ(mgr.UpdateCgroup(Policy("S", 0, 1)), CGROUP_FAILED);
+    mgr.DisableCgroupCpu();
+    mgr.EnableDefaultCpuSet();
+    EXPECT_EQ(Log(),
+              (Texts{Begin("S, type=0, isEnable=1, isCfgOk_=0"), "6 EnableDefaultCgroupCpu"}));
+    EXPECT_EQ(mgr.GetTaskPaths({"n", 1, "", "", "io", {}}), Texts{});
+    fs::create_symlink(CFG, CFG);
+    CgroupMgr().ReadCfg();
+    EXPECT_EQ(Log(), Texts{"3 ReadCfg, access " + CFG + " fail, errno=40"});
+    fs::remove(CFG);
+    fs::create_directories(CFG);
+    CgroupMgr().ReadCfg();
+    EXPECT_EQ(Log(), Summary("1111"));
+}
+
+TEST_F(CgroupMgrTest, HostCpuSwitch) {
+    const std::pair<std::string, bool> cases[] = {
+        {"0", false},   {"\"0\"", false}, {"'0'", false},
+        {"\"0'", true}, {"00", true},     {"off", true},
+        {"\"\"", true}, {"'", true},      {"0\nHOST_CPU_SWITCH=1", true}};
+    for (const auto& [value, isOn] : cases) {
+        CgroupMgr mgr;
+        Read(mgr, "HOST_CPU_SET=a:100\nHOST_CPU_SWITCH=" + value + "\n");
+        MakeGroup("a");
+        LogCapture::Clear();
+        mgr.EnableDefaultCpuSet();
+        EXPECT_EQ(Quota("a"), isOn ? HUNDRED : QUOTA_BEFORE) << value;
+        EXPECT_EQ(Log(), Texts{isOn ? "6 EnableDefaultCgroupCpu"
+                                    : "6 EnableDefaultCpuSet hostCpuSwitch_=0"});
+    }
+}
+
+TEST_F(CgroupMgrTest, ComputedQuota) {
+    struct Case {
+        std::string period;
+        int32_t percentage;
+        uint32_t perCore;  // 0: the least quota, whatever there is of hardware threads
+    };
+    const Case cases[] = {
+        {"100000\n", 40, 40000}, {"100000\n", 0, 0},          {"50999\n", 3, 1529},
+        {"99\n", 1, 0},          {"1000", 2147483, 21474830}, {"1000", 2147484, 0},
+        {"99999999999\n", 1, 0}, {"-100000\n", 40, 0},        {"abc\n", 40, 0},
+    };
+    for (const auto& [period, percentage, perCore] : cases) {
+        MakeGroup("g/h", period);
+        CgroupMgr mgr;
+        Read(mgr, "S=g/h:" + std::to_string(percentage) + "\n");
+        EXPECT_EQ(mgr.UpdateCpuSet(Policy("S", 0, 1)), CGROUP_OK);
+        const uint64_t quota = uint64_t{perCore} * CPU_NUM;
+        EXPECT_EQ(Quota("g/h"), std::to_string(quota > INT32_MAX || quota < 1000 ? 1000 : quota))
+            << period << percentage;
+        EXPECT_EQ(mgr.UpdateCpuSet(Policy("S", 0, 0)), CGROUP_OK);
+        EXPECT_EQ(Quota("g/h"), "-1");
+    }
+}
+
+TEST_F(CgroupMgrTest, UpdateCgroup) {
+    CgroupMgr mgr;
+    const std::string longest(63, 'S');
+    Read(mgr, longest + "=b:100\nT=a:100;b:100;c:0\n");
+    LogCapture::Clear();
+    MakeGroup("b");
+    fs::create_directories(CPU + "c" + QUOTA);
+    const auto of = [](const std::string& group, const std::string& file) {
+        return CPU + group + file + " fail";
+    };
+    EXPECT_EQ(mgr.UpdateCgroup(Policy("U", 1, 1)), CGROUP_FAILED);
+    EXPECT_EQ(Log(), (Texts{Begin("U, type=1, isEnable=1, isCfgOk_=1"),
+                            "3 UpdateCgroup name=U policy not found"}));
+    EXPECT_EQ(mgr.UpdateCpuSet(Policy("U", 0, 1)), CGROUP_OK);
+    EXPECT_EQ(mgr.UpdateCgroup(Policy("T", 255, 0)), CGROUP_FAILED);
+    EXPECT_EQ(Log(), (Texts{Begin("T, type=255, isEnable=0, isCfgOk_=1"),
+                            "3 UpdateCgroup name=T policy type=255 invalid"}));
+    EXPECT_EQ(Quota("b"), QUOTA_BEFORE);
+    EXPECT_EQ(mgr.UpdateCgroup(Policy("T", 0, 1)), CGROUP_FAILED);
+    EXPECT_EQ(Log(), (Texts{Begin("T, type=0, isEnable=1, isCfgOk_=1"), "3 open " + of("a", PERIOD),
+                            "3 WriteToCgroup, access " + of("a", QUOTA) + ", errno=2",
+                            "3 UpdateCpuSet write file=" + of("a", QUOTA),
+                            "3 open " + of("c", PERIOD), "3 WriteToCgroup, open " + of("c", QUOTA),
+                            "3 UpdateCpuSet write file=" + of("c", QUOTA),
+                            "6 UpdateCgroup finish, ret=15794959"}));
+    EXPECT_EQ(Quota("b"), HUNDRED);
+    EXPECT_EQ(mgr.UpdateCgroup(Policy(longest, 0, 0)), CGROUP_OK);
+    EXPECT_EQ(Log(), (Texts{Begin(longest + ", type=0, isEnable=0, isCfgOk_=1"),
+                            "6 UpdateCgroup finish, ret=0"}));
+    EXPECT_EQ(Quota("b"), "-1");
+}
+
+TEST_F(CgroupMgrTest, DisableCgroupCpuVisitsTheFirstLevelOnly) {
+    const CgroupMgr mgr;
+    mgr.DisableCgroupCpu();
+    EXPECT_EQ(Log(), Texts{"3 open dir=" + CPU + " fail"});
+    for (const std::string group : {"a", ".b", "a/sub", "../elsewhere", "."}) {
+        MakeGroup(group);
+    }
+    fs::create_directories(CPU + "bare");
+    fs::create_directory_symlink(ROOT + "elsewhere", CPU + "link");
+    mgr.DisableCgroupCpu();
+    EXPECT_EQ(Log(), (Texts{"6 DisableCgroupCpu",
+                            "3 WriteToCgroup, access " + CPU + "bare" + QUOTA + " fail, errno=2"}));
+    EXPECT_EQ(Quota("a") + Quota(".b"), "-1-1");
+    for (const std::string group : {"a/sub", "../elsewhere", "."}) {
+        EXPECT_EQ(Quota(group), QUOTA_BEFORE) << group;
+    }
+}
+
+TEST_F(CgroupMgrTest, AddToCgroups) {
+    BindFile("quiet\nro xcgroup1_writeback=1\n", "/proc/cmdline");
+    fs::create_directories(ROOT + "blkio");
+    CgroupMgr mgr;
+    Read(mgr, "");
+    const auto missing = [](const std::string& group) {
+        return "add to group failed, cgroup path=" + ROOT + group + "/tasks is not existed;";
+    };
+    const std::pair<CgroupTaskInfo, Texts> cases[] = {
+        {{"n", 1, "", "", "", {}}, {}},
+        {{"n", 1, "c", "s", "b", {{"pids", "p/q"}, {"devices", "d"}, {"memory", ""}}},
+         {"cpuset/s", "cpu/c", "devices/d", "pids/p/q", "blkio/b", "memory/b_MEMORY"}},
+        {{"n", 1, "c", "../s", "..", {{"..", "p"}, {"pids", "p/../q"}, {"x", "a..b"}}},
+         {"cpu/c", "../p"}},
+        {{"n", 1, "/c", "/", ".", {}}, {"cpuset//", "cpu//c", "blkio/.", "memory/._MEMORY"}},
+    };
+    for (const auto& [task, groups] : cases) {
+        std::string error = "before;";
+        std::string expected = error;
+        for (const std::string& group : groups) {
+            expected += missing(group);
+        }
+        EXPECT_EQ(mgr.AddToCgroups(task, error), groups.empty());
+        EXPECT_EQ(error, expected);
+    }
+
+    // Those that are there are joined, whatever is missing before or between them.
+    WriteFile(ROOT + "cpu/c/tasks", "7\n");
+    WriteFile(ROOT + "memory/b_MEMORY/tasks", "");
+    std::string error;
+    EXPECT_FALSE(mgr.AddToCgroups({"n", 4711, "c", "s", "b", {}}, error));
+    EXPECT_EQ(error, missing("cpuset/s") + missing("blkio/b"));
+    EXPECT_TRUE(mgr.AddToCgroups({"n", INT32_MAX, "c", "../s", "", {}}, error));
+    EXPECT_EQ(ReadFile(ROOT + "cpu/c/tasks"), "7\n4711\n2147483647\n");
+    EXPECT_EQ(ReadFile(ROOT + "memory/b_MEMORY/tasks"), "4711\n");
+}
+
+TEST_F(CgroupMgrTest, BlkIoSwitches) {
+    const Texts both{ROOT + "blkio/b/tasks", ROOT + "memory/b_MEMORY/tasks"};
+    const auto paths = [](const CgroupMgr& mgr) {
+        return mgr.GetTaskPaths({"n", 1, "", "", "b", {}});
+    };
+    EXPECT_EQ(paths(CgroupMgr()), Texts{});
+    CgroupMgr without;
+    BindFile("cgroup1_writeback", "/proc/cmdline");
+    Read(without, "");
+    EXPECT_EQ(Log(), Summary("1001"));
+    EXPECT_EQ(paths(without), Texts{});
+    fs::create_directories(ROOT + "blkio");
+    CgroupMgr paired;
+    Read(paired, "");
+    EXPECT_EQ(Log(), Summary("1111"));
+    EXPECT_EQ(paths(paired), both);
+    CgroupMgr single;
+    BindFile("cgroup1_writebac\nk\n", "/proc/cmdline");
+    Read(single, "");
+    EXPECT_EQ(Log(), Summary("1101"));
+    EXPECT_EQ(paths(single), Texts{both[0]});
+}
+
+}  // namespace
+}  // namespace ProcMgr
