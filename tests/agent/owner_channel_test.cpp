@@ -124,6 +124,10 @@ size_t CountCloseOnExec() {
 
 class OwnerChannelTest : public PrivateRunTest {
 protected:
+    static void Connect(OwnerChannel& channel, Daemon& daemon) {
+        ASSERT_TRUE(channel.Attach(PATIENCE));
+        daemon.Accept();
+    }
     void SetUp() override {
         PrivateRunTest::SetUp();
         if (!IsSkipped()) {
@@ -166,8 +170,7 @@ TEST_F(OwnerChannelTest, AReportIsWithTheDaemonEvenWhenTheServiceEndsAtOnce) {
 TEST_F(OwnerChannelTest, WhatAFullPipeKeepsBackIsSentLater) {
     Daemon daemon;
     OwnerChannel channel(NAME);
-    ASSERT_TRUE(channel.Attach(PATIENCE));
-    daemon.Accept();
+    Connect(channel, daemon);
     int sent = 0;
     while (channel.ReportRunning()) {
         ASSERT_LT(++sent, 100000);
@@ -197,8 +200,7 @@ TEST_F(OwnerChannelTest, HandsReportsOnInOrderAndPassesOverTheRest) {
             }
         }
     });
-    ASSERT_TRUE(channel.Attach(PATIENCE));
-    daemon.Accept();
+    Connect(channel, daemon);
 
     daemon.SendText(Message::APP_STATE_REPORT, "2#a#1#0#0#0#b#2#0#3#0#");
     daemon.SendText(Message::APP_STATE_REPORT, "9#cut#1#");
@@ -222,8 +224,7 @@ TEST_F(OwnerChannelTest, HandsReportsOnInOrderAndPassesOverTheRest) {
 TEST_F(OwnerChannelTest, EndsTheConnectionOnWhatIsNoPacketAndComesBack) {
     Daemon daemon;
     OwnerChannel channel(NAME);
-    ASSERT_TRUE(channel.Attach(PATIENCE));
-    daemon.Accept();
+    Connect(channel, daemon);
     std::vector<uint8_t> header(PACKET_HEADER_SIZE);
     std::memcpy(header.data(), "MUXA\1", 5);
     std::vector<std::vector<uint8_t>> bad = {
@@ -240,7 +241,8 @@ TEST_F(OwnerChannelTest, EndsTheConnectionOnWhatIsNoPacketAndComesBack) {
 }
 
 TEST_F(OwnerChannelTest, AsksForApplications) {
-    const std::vector<Message::StartAppInfo> start = {{"a", {"-v"}, {{1, {"7"}}}}};
+    const std::vector<Message::StartAppInfo> start = {
+        {"a", {"-v", "x y"}, {{0, {"/bin/a"}}, {2, {"K=V", "L=W"}}}}, {"b", {}, {}}};
     const std::vector<Message::RestartAppInfo> restart = {{"b", {}, {}}};
     using Ask = std::function<bool(OwnerChannel&)>;
     const struct {
@@ -248,7 +250,8 @@ TEST_F(OwnerChannelTest, AsksForApplications) {
         const char* told;
         const char* toldByAccessManager;
     } cases[] = {
-        {[&](auto& c) { return c.StartApps(start); }, "0:1#a#1#-v#1#1#1#7#", "0:1#a#1#-v#"},
+        {[&](auto& c) { return c.StartApps(start); },
+         "0:2#a#2#-v#x y#2#0#1#/bin/a#2#2#K=V#L=W#b#0#0#", "0:2#a#2#-v#x y#b#0#"},
         {[&](auto& c) { return c.RestartApps(restart); }, "1:1#b#0#0#", "1:1#b#0#"},
         {[](auto& c) { return c.TermApps({{"b"}}); }, "2:1#b#", "2:1#b#"},
         {[](auto& c) { return c.ReportState(BaseServiceStateType::INIT); }, "3:1#0#", "3:1#0#"},
@@ -259,9 +262,9 @@ TEST_F(OwnerChannelTest, AsksForApplications) {
          },
          "5:1#b#1#2#0#", "5:1#b#1#2#0#"},
         {[](auto& c) {
-             return c.LoadStartupCfg({{}, "/x"});
+             return c.LoadStartupCfg({{{"k", "v"}}, "/x"});
          },
-         "6:1#/x#0#", "6:1#/x#0#"},
+         "6:1#/x#1#k#v#", "6:1#/x#1#k#v#"},
         {[](auto& c) {
              return c.ReloadStartupCfg({{}, "/x"});
          },
@@ -291,8 +294,7 @@ TEST_F(OwnerChannelTest, GivesUpOnADaemonThatDoesNotReadAndHearsItMeanwhile) {
         EXPECT_FALSE(channel.SetDelayCoreAffinity({}, PATIENCE)) << "nor its result";
         isAsked.set_value(channel.TermApps({{infos.front().appName}}));
     });
-    ASSERT_TRUE(channel.Attach(PATIENCE));
-    daemon.Accept();
+    Connect(channel, daemon);
     daemon.SendText(Message::APP_STATE_REPORT, "1#first#1#0#0#0#");
     EXPECT_TRUE(isAsked.get_future().get());
     EXPECT_EQ(Told(daemon.Receive()), "2:1#first#");
@@ -318,8 +320,7 @@ TEST_F(OwnerChannelTest, QueriesOneAtATimeAndTakesOnlyTheirAnswers) {
     OwnerChannel channel(NAME);
     EXPECT_EQ(channel.QueryAppState({}, 0ms), OwnerChannel::StatusByName()) << "nothing to ask";
     EXPECT_FALSE(channel.QueryAppState({"a"}, PATIENCE)) << "not attached";
-    ASSERT_TRUE(channel.Attach(PATIENCE));
-    daemon.Accept();
+    Connect(channel, daemon);
     EXPECT_FALSE(channel.QueryAppState({std::string(4000, 'x')}, PATIENCE));
     EXPECT_FALSE(channel.QueryAppState({"l"}, 20ms));
     EXPECT_EQ(Told(daemon.Receive()), Asked('l'));
@@ -391,16 +392,16 @@ TEST_F(OwnerChannelTest, SetsDelayCoreAffinityAndTakesOnlyTheResultOfThatCall) {
 TEST_F(OwnerChannelTest, BeatsUntilStopped) {
     OwnerChannel channel(NAME);
     EXPECT_FALSE(channel.StartHeartbeat(0ms));
-    ASSERT_TRUE(channel.StartHeartbeat(std::chrono::hours(1)));
-    ASSERT_TRUE(channel.StartHeartbeat(10ms)) << "a new period takes effect at once";
     for (int round = 0; round < 2; ++round) {  // the second one is a restarted daemon
         UniqueFd daemon = Bind(SOCK_DGRAM, HEARTBEAT);
+        ASSERT_TRUE(channel.StartHeartbeat(round == 0 ? 3600000ms : 10ms));
         for (int beat = 0; beat < 3; ++beat) {
             ASSERT_TRUE(IsReadable(daemon.Get()));
             char name[64];
             const ssize_t length = recv(daemon.Get(), name, sizeof name, 0);
             ASSERT_GT(length, 0);
             EXPECT_EQ(std::string(name, static_cast<size_t>(length)), NAME);
+            ASSERT_TRUE(channel.StartHeartbeat(10ms)) << "a new period takes effect at once";
         }
     }
     channel.StopHeartbeat();

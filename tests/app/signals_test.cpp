@@ -47,33 +47,23 @@ TEST_F(AppSignalsTest, EachSignalHasItsLine) {
     }
 }
 
-TEST_F(AppSignalsTest, APidThatIsNoneIsRefused) {
-    for (const int32_t pid : {0, -1}) {
-        const std::string id = std::to_string(pid);
-        LogCapture::Clear();
-        EXPECT_FALSE(SendSignal(SIGTERM, "svc", pid));
-        BaseAppInfo app(Manifest(SomeService()));
-        app.pid_ = pid;
-        EXPECT_FALSE(app.TermProcess());
-        EXPECT_EQ(LogCapture::Lines(),
-                  (std::vector<LogLine>{
-                      {3, "PROCMGR : SendSignal failed: appName svc's pid=" + id + " is invalid"},
-                      {3, "PROCMGR : TermProcess failed: the pid=" + id + " is invalid"}}));
-    }
-}
-
-TEST_F(AppSignalsTest, AProcessThatIsGone) {
+TEST_F(AppSignalsTest, APidThatIsNoneOrGone) {
+    BaseAppInfo app(Manifest(SomeService()));
+    EXPECT_FALSE(SendSignal(SIGTERM, "svc", 0));
+    EXPECT_FALSE(SendSignal(SIGTERM, "svc", -1));
+    app.pid_ = -1;
+    EXPECT_FALSE(app.TermProcess());
     const pid_t pid = FreePid();
     const std::string id = std::to_string(pid);
     EXPECT_FALSE(SendSignal(SIGTERM, "svc", pid));
+    const std::string failed = "PROCMGR : SendSignal failed: ";
     EXPECT_EQ(
         LogCapture::Lines(),
-        (std::vector<LogLine>{
-            {6, "PROCMGR : SendSignal: 15 to app=svc, pid=" + id},
-            {3, "PROCMGR : SendSignal failed: kill failed appName=svc, pid=" + id + ", errno=3"}}));
-    BaseAppInfo app(Manifest(SomeService()));
-    app.pid_ = pid;
-    EXPECT_TRUE(app.TermProcess());
+        (std::vector<LogLine>{{3, failed + "appName svc's pid=0 is invalid"},
+                              {3, failed + "appName svc's pid=-1 is invalid"},
+                              {3, "PROCMGR : TermProcess failed: the pid=-1 is invalid"},
+                              {6, "PROCMGR : SendSignal: 15 to app=svc, pid=" + id},
+                              {3, failed + "kill failed appName=svc, pid=" + id + ", errno=3"}}));
 }
 
 TEST_F(AppSignalsTest, TermProcessTerminatesButNotAPidWhoseExitWasCollected) {
@@ -88,14 +78,7 @@ TEST_F(AppSignalsTest, TermProcessTerminatesButNotAPidWhoseExitWasCollected) {
     EXPECT_EQ(child.Reap(), SIGTERM);
 }
 
-TEST_F(AppSignalsTest, OnlyTheTaskSchedulerHasWorkersToKill) {
-    WaitingChild child("rqdaemon");
-    for (const char* name : {"rqdaemon", "RqDaemon2", "svc", ""}) {
-        TermRqdSubProc(name, child.Pid());
-    }
-    EXPECT_TRUE(LogCapture::Lines().empty());
-    EXPECT_TRUE(child.IsUntouched());
-    // A process of another name is not the task scheduler.
+TEST_F(AppSignalsTest, AProcessOfAnotherNameIsNotTheTaskScheduler) {
     TermRqdSubProc("RqDaemon", getpid());
     EXPECT_TRUE(LogCapture::Contains(3, "PROCMGR : TermRqdSubProc failed: appName RqDaemon's pid=" +
                                             std::to_string(getpid()) + " is invalid"));
@@ -161,6 +144,8 @@ void CheckWorkers() {
     }
 
     LogCapture::Clear();
+    TermRqdSubProc("rqdaemon", pids[DAEMON]);  // no application of that name has workers
+    EXPECT_TRUE(LogCapture::Lines().empty());
     TermRqdSubProc("RqDaemon", pids[DAEMON]);
     const std::string id = std::to_string(pids[DAEMON]);
     for (const auto& [role, parent] : {std::pair(WORKER, id), {ORPHAN, std::string("1")}}) {

@@ -35,49 +35,47 @@ protected:
         Handle(&record, sizeof record);
     }
 
+    static std::string Text(const Message::BaseServiceStateInfo& info) {
+        return std::to_string(info.state);
+    }
+    static std::string Text(const Message::AppExecInfo& info) {
+        return info.appName + " " + std::to_string(info.state);
+    }
+    static std::string Text(const Message::StartupCfgInfo& info) { return info.path; }
+    static std::string Text(const std::vector<std::string>& names) {
+        return std::to_string(names.size());
+    }
     template <typename Item>
-    static std::string Names(const std::vector<Item>& items) {
+    static std::string Text(const std::vector<Item>& items) {
         std::string names;
         for (const Item& item : items) {
-            names += " " + item.appName;
+            names += item.appName;
         }
         return names;
     }
+    // A handler that writes down what it is called with.
+    auto Record(const char* what) {
+        return [this, what](const auto& message, const auto& owner, auto... fd) {
+            calls_.push_back(owner + " " + what + " " + Text(message));
+            ((calls_.back() += " " + std::to_string(fd)), ...);
+        };
+    }
     RequestHandlers MakeHandlers() {
-        RequestHandlers handlers;
-        handlers.startApp = [this](const auto& items, const auto& owner) {
-            calls_.push_back(owner + " start" + Names(items));
-        };
-        handlers.restartApp = [this](const auto& items, const auto& owner) {
-            calls_.push_back(owner + " restart" + Names(items));
-        };
-        handlers.termApp = [this](const auto& items, const auto& owner) {
-            calls_.push_back(owner + " term" + Names(items));
-        };
-        handlers.baseServiceState = [this](const auto& info, const auto& owner) {
-            calls_.push_back(owner + " state " + std::to_string(info.state));
-        };
-        handlers.appExecution = [this](const auto& info, const auto& owner) {
-            calls_.push_back(owner + " execution " + info.appName + " " +
-                             std::to_string(info.state));
-        };
-        handlers.loadStartupCfg = [this](const auto& info, const auto& owner, int32_t fd) {
-            calls_.push_back(owner + " load " + info.path + " " + std::to_string(fd));
-        };
-        handlers.reloadStartupCfg = [this](const auto& info, const auto& owner, int32_t fd) {
-            calls_.push_back(owner + " reload " + info.path + " " + std::to_string(fd));
-        };
-        handlers.queryAppState = [this](const auto& names, const auto& owner) {
-            calls_.push_back(owner + " query " + std::to_string(names.size()));
-        };
-        handlers.setDelayCoreAffinity = [this](const auto& request) {
-            calls_.push_back("delay " + std::to_string(request.state) + " " +
-                             std::to_string(request.checkNum) + " " +
-                             std::to_string(request.isWakeUpEnable) + " " +
-                             std::to_string(request.checkInterval));
-            return 0xF1030BU;
-        };
-        return handlers;
+        return {.startApp = Record("start"),
+                .restartApp = Record("restart"),
+                .termApp = Record("term"),
+                .baseServiceState = Record("state"),
+                .appExecution = Record("execution"),
+                .loadStartupCfg = Record("load"),
+                .reloadStartupCfg = Record("reload"),
+                .queryAppState = Record("query"),
+                .setDelayCoreAffinity = [this](const auto& request) {
+                    calls_.push_back("delay " + std::to_string(request.state) + " " +
+                                     std::to_string(request.checkNum) + " " +
+                                     std::to_string(request.isWakeUpEnable) + " " +
+                                     std::to_string(request.checkInterval));
+                    return 0xF1030BU;
+                }};
     }
 
     std::vector<std::string> calls_;
@@ -86,38 +84,30 @@ protected:
 
 TEST_F(RequestDispatchTest, WhatIsNotARecordIsDropped) {
     const std::vector<uint8_t> bytes(4000, 3);
-    const auto sizeLine = [](int size) {
-        return "PROCMGR : RequestMsgHandler size=" + std::to_string(size) +
-               " bytes is not illegal ,struct of message size=3984 bytes";
-    };
-    for (const uint32_t size : {0U, 7U, 9U, 3983U, 3985U}) {
+    const uint32_t sizes[] = {0, 7, 9, 3983, 3985};
+    for (const uint32_t size : sizes) {
         Handle(bytes.data(), size);
     }
     Handle(nullptr, 3984);
     Handle(bytes.data(), 3984, -1);
     dispatch_.RequestMsgHandler(0, nullptr, "owner");
     dispatch_.RequestMsgHandler(5, nullptr, "owner");
-    const std::string badFd = "PROCMGR : RequestMsgHandler failed: invalid fd=";
-    EXPECT_EQ(LogCapture::Lines(),
-              (std::vector<LogLine>{{LOG_ERR, sizeLine(0)},
-                                    {LOG_ERR, sizeLine(7)},
-                                    {LOG_ERR, sizeLine(9)},
-                                    {LOG_ERR, sizeLine(3983)},
-                                    {LOG_ERR, sizeLine(3985)},
-                                    {LOG_ERR,
-                                     "PROCMGR : RequestMsgHandler failed: request is null "
-                                     "point"},
-                                    {LOG_ERR, badFd + "-1"},
-                                    {LOG_ERR, badFd + "0"},
-                                    {LOG_ERR, "PROCMGR : fd=5, owner=owner exit"}}));
-    EXPECT_TRUE(calls_.empty());
-}
-
-TEST_F(RequestDispatchTest, TypesNobodyServesAreSilent) {
-    for (const uint32_t type : {4U, 8U, 10U, 11U, 0x03000000U, 0xFFFFFFFFU}) {
+    const std::string failed = "PROCMGR : RequestMsgHandler failed: ";
+    std::vector<LogLine> lines;
+    for (const uint32_t size : sizes) {
+        lines.push_back({LOG_ERR, "PROCMGR : RequestMsgHandler size=" + std::to_string(size) +
+                                      " bytes is not illegal ,struct of message size=3984 bytes"});
+    }
+    for (const std::string& text :
+         {failed + "request is null point", failed + "invalid fd=-1", failed + "invalid fd=0",
+          std::string("PROCMGR : fd=5, owner=owner exit")}) {
+        lines.push_back({LOG_ERR, text});
+    }
+    // Types that nobody serves are silent.
+    for (const uint32_t type : {4U, 8U, 10U, 0x03000000U, 0xFFFFFFFFU}) {
         Handle(type, "1#2#", 4);
     }
-    EXPECT_TRUE(LogCapture::Lines().empty());
+    EXPECT_EQ(LogCapture::Lines(), lines);
     EXPECT_TRUE(calls_.empty());
 }
 
@@ -128,9 +118,9 @@ TEST_F(RequestDispatchTest, EachTypeReachesItsHandler) {
         std::string payload;
         std::string call;
     } cases[] = {
-        {0, "2#a#0#0#b#0#0#", "start a b"},
+        {0, "2#a#0#0#b#0#0#", "start ab"},
         {1, "1#a#0#0#", "restart a"},
-        {2, "2#a#b#", "term a b"},
+        {2, "2#a#b#", "term ab"},
         {3, "1#3#", "state 3"},
         {3, "", "state 0"},
         {5, "1#app#12#34#1#", "execution app 1"},

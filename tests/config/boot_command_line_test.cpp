@@ -13,7 +13,6 @@ namespace ProcMgr {
 namespace {
 
 using BootCommandLineTest = IsolatedTest;
-
 using Fakes::LogCapture;
 using Fakes::LogLine;
 
@@ -29,25 +28,15 @@ void OnBootLine(const std::string& text, Body body) {
     EXPECT_EQ(status, 0) << text;
 }
 
-// Every line is of level 6 but the one on a failed resume.
 std::vector<LogLine> Info(const std::vector<std::string>& texts) {
     std::vector<LogLine> lines;
     for (const std::string& text : texts) {
-        const bool isWarning = text == "ProcMgr: cmdline reboot_reason=RESUME_FAIL";
-        lines.push_back({isWarning ? LOG_WARNING : LOG_INFO, text});
+        lines.push_back({LOG_INFO, text});
     }
     return lines;
 }
 
 TEST_F(BootCommandLineTest, AllLines) {
-    OnBootLine("quiet console=ttyS0\n", [] {
-        BootCommandLine().Read();
-        EXPECT_EQ(
-            LogCapture::Lines(),
-            Info({"pm UpdateSelinuxEnable success: enable=0", "key=procmgr not found in cmdline.",
-                  "ProcMgr: cmdline disableWatchDog_=0", "key=veskmode not found in cmdline.",
-                  "ProcMgr: cmdline veskcoreEnable=0", "key=reboot_reason not found in cmdline."}));
-    });
     OnBootLine(
         "veskmode=a,kernel_utils procmgr=trace,nowatchdog,boot:/proc/./cmdline,debug ro "
         "reboot_reason=RESUME_FAIL\n",
@@ -55,17 +44,15 @@ TEST_F(BootCommandLineTest, AllLines) {
             MountTmpfs("/sys/fs");
             BindFile("1", "/sys/fs/selinux/enforce");
             BootCommandLine().Read();
-            EXPECT_EQ(
-                LogCapture::Lines(),
-                Info({"pm UpdateSelinuxEnable success: enable=1",
-                      "ProcMgr boot args, procmgr=trace,nowatchdog,boot:/proc/./cmdline,debug",
-                      "ProcMgr: cmdline disableWatchDog_=1", "ProcMgr: debug need enable",
-                      "ProcMgr: trace need enable",
-                      "ProcMgr: cmdline cfg startup yaml: /proc/./cmdline",
-                      "ProcMgr boot args, veskmode=a,kernel_utils",
-                      "ProcMgr: cmdline veskcoreEnable=1",
-                      "ProcMgr boot args, reboot_reason=RESUME_FAIL",
-                      "ProcMgr: cmdline reboot_reason=RESUME_FAIL"}));
+            auto lines = Info(
+                {"pm UpdateSelinuxEnable success: enable=1",
+                 "ProcMgr boot args, procmgr=trace,nowatchdog,boot:/proc/./cmdline,debug",
+                 "ProcMgr: cmdline disableWatchDog_=1", "ProcMgr: debug need enable",
+                 "ProcMgr: trace need enable", "ProcMgr: cmdline cfg startup yaml: /proc/./cmdline",
+                 "ProcMgr boot args, veskmode=a,kernel_utils", "ProcMgr: cmdline veskcoreEnable=1",
+                 "ProcMgr boot args, reboot_reason=RESUME_FAIL"});
+            lines.push_back({LOG_WARNING, "ProcMgr: cmdline reboot_reason=RESUME_FAIL"});
+            EXPECT_EQ(LogCapture::Lines(), lines);
             EXPECT_TRUE(ProcMgrEnv::GetInstance().IsSelinuxEnable());
             EXPECT_EQ(ProcMgrEnv::GetInstance().GetStartupYaml(), "/proc/cmdline");
         });
@@ -80,20 +67,20 @@ TEST_F(BootCommandLineTest, Switches) {
         std::string line;  // one that must be there
     };
     const Case cases[] = {
-        {"a procmgr=,,nowatchdog,, b", true, false, "",
-         "ProcMgr boot args, procmgr=,,nowatchdog,,"},
         {"procmgr=\"x,nowatchdog\" b", true, false, "", "ProcMgr: cmdline disableWatchDog_=1"},
         {"procmgr='nowatchdog'", true, false, "", "ProcMgr: cmdline disableWatchDog_=1"},
         {"procmgr=\"nowatchdog'", false, false, "", "ProcMgr: cmdline disableWatchDog_=0"},
-        {"my.procmgr=nowatchdog", true, false, "", "ProcMgr boot args, procmgr=nowatchdog"},
+        {"my.procmgr=,,nowatchdog,, b", true, false, "",
+         "ProcMgr boot args, procmgr=,,nowatchdog,,"},
         {"nowatchdog kernel_utils RESUME_FAIL", false, false, "",
          "key=procmgr not found in cmdline."},
         {"quiet procmgr", false, false, "", "ProcMgr boot args, procmgr="},
         {"procmgr= nowatchdog", false, false, "", "ProcMgr boot args, procmgr="},
-        {"veskmode=kernel_utils", false, true, "", "ProcMgr: cmdline veskcoreEnable=1"},
         {"reboot_reason=SUSPEND_FAIL x", false, false, "SUSPEND_FAIL",
          "ProcMgr boot args, reboot_reason=SUSPEND_FAIL"},
-        {"reboot_reason", false, false, "", "ProcMgr boot args, reboot_reason="},
+        {"procmgr=boot:/nowhere/x", false, false, "",
+         "ProcMgr: cmdline cfg startup yaml /nowhere/x standardizationPath failed,use default "
+         "path"},
     };
     for (const Case& test : cases) {
         OnBootLine(test.text, [&] {
@@ -102,21 +89,8 @@ TEST_F(BootCommandLineTest, Switches) {
             EXPECT_EQ(env.IsWatchDogDisabled(), test.isWatchDogDisabled) << test.text;
             EXPECT_EQ(env.IsVeskcoreEnable(), test.isVeskcore) << test.text;
             EXPECT_EQ(env.GetRebootReason(), test.rebootReason) << test.text;
+            EXPECT_EQ(env.GetStartupYaml(), "");
             EXPECT_TRUE(LogCapture::Contains(LOG_INFO, test.line)) << test.text;
-        });
-    }
-}
-
-TEST_F(BootCommandLineTest, AStartupYamlThatIsNotThereIsNotUsed) {
-    for (const std::string path : {"/nowhere/base.yaml", "", "/etc/hosts/x"}) {
-        OnBootLine("procmgr=boot:" + path, [&] {
-            BootCommandLine().Read();
-            EXPECT_EQ(ProcMgrEnv::GetInstance().GetStartupYaml(), "");
-            EXPECT_TRUE(
-                LogCapture::Contains(LOG_INFO, "ProcMgr: cmdline cfg startup yaml: " + path));
-            EXPECT_TRUE(
-                LogCapture::Contains(LOG_INFO, "ProcMgr: cmdline cfg startup yaml " + path +
-                                                   " standardizationPath failed,use default path"));
         });
     }
 }
@@ -128,15 +102,13 @@ TEST_F(BootCommandLineTest, OptionalServices) {
         bool isEnabled;
         std::vector<std::string> lines;  // of the question and the final report
     };
-    const std::string refused = " will not enable as not configured in cmdline";
     const std::string unmatched = " need enable, but not rightly configured";
     const Case cases[] = {
-        {"", "/etc/base/net.yaml", true, {}},
-        {"", "/etc/debug/net.yaml", false, {"ProcMgr: /etc/debug/net.yaml" + refused}},
-        {"procmgr=", "/etc/base/diag.yaml", false, {"ProcMgr: /etc/base/diag.yaml" + refused}},
-        {"procmgr=debug", "/etc/debug/net.yaml", true, {}},
+        {"",
+         "/etc/debug/net.yaml",
+         false,
+         {"ProcMgr: /etc/debug/net.yaml will not enable as not configured in cmdline"}},
         {"procmgr=x,diag", "/etc/base/diag.yaml", true, {}},
-        {"procmgr=nowatchdog", "/etc/base/diag.yaml", false, {}},
         {"procmgr=debug", "/etc/trace/net.yaml", false, {"debug" + unmatched}},
         {"procmgr=trace", "/etc/base/net.yaml", true, {"trace" + unmatched}},
         {"", "/etc/base/debugger.yaml", true, {}},
@@ -155,20 +127,16 @@ TEST_F(BootCommandLineTest, OptionalServices) {
 }
 
 TEST_F(BootCommandLineTest, SlotId) {
-    struct Case {
+    const struct {
         std::string text;
         std::string cell;
         int32_t slotId;
-    };
-    const Case cases[] = {
-        {"", "", 0},
-        {"quiet slotid=7 ro", "", 7},
-        {"slotid=7x", "", 0},
-        {"slotid=99999999999", "", 0},
-        {"slotid=7", std::string("\0\0\1\2", 4), 258},
+    } cases[] = {
+        {"quiet slotid=7 ro", "", 7},  {"slotid=7x", "", 0},
+        {"slotid=99999999999", "", 0}, {"slotid=7", std::string("\0\0\1\2", 4), 258},
         {"slotid=7", "\1\2", 7},
     };
-    for (const Case& test : cases) {
+    for (const auto& test : cases) {
         OnBootLine(test.text, [&] {
             if (!test.cell.empty()) {
                 BindFile(test.cell, "/proc/device-tree/slot-id");

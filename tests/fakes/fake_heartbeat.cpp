@@ -12,11 +12,8 @@ FakeHeartBeat& FakeHeartBeat::Get() {
 void FakeHeartBeat::Reset() {
     const std::lock_guard lock(mutex_);
     registerResults_ = Scripted<int>(0);
-    unregisterResults_ = Scripted<int>(0);
     watches_.clear();
     registrations_.clear();
-    unregistrations_.clear();
-    disableAllCalls_ = 0;
 }
 
 void FakeHeartBeat::PushRegister(int result) {
@@ -24,24 +21,9 @@ void FakeHeartBeat::PushRegister(int result) {
     registerResults_.Push(result);
 }
 
-void FakeHeartBeat::PushUnregister(int result) {
-    const std::lock_guard lock(mutex_);
-    unregisterResults_.Push(result);
-}
-
 std::vector<FakeHeartBeat::Registered> FakeHeartBeat::Registrations() const {
     const std::lock_guard lock(mutex_);
     return registrations_;
-}
-
-std::vector<std::string> FakeHeartBeat::Unregistrations() const {
-    const std::lock_guard lock(mutex_);
-    return unregistrations_;
-}
-
-int FakeHeartBeat::DisableAllCalls() const {
-    const std::lock_guard lock(mutex_);
-    return disableAllCalls_;
 }
 
 std::optional<int32_t> FakeHeartBeat::Watched(const std::string& name) const {
@@ -83,17 +65,12 @@ int FakeHeartBeat::OnRegister(const std::string& name, int32_t pid, HeartBeatCal
 
 int FakeHeartBeat::OnUnregister(const std::string& name) {
     const std::lock_guard lock(mutex_);
-    unregistrations_.push_back(name);
-    const int result = unregisterResults_.Next();
-    if (result == 0) {
-        watches_.erase(name);
-    }
-    return result;
+    watches_.erase(name);
+    return 0;
 }
 
 void FakeHeartBeat::OnDisableAll() {
     const std::lock_guard lock(mutex_);
-    ++disableAllCalls_;
     watches_.clear();
 }
 

@@ -26,13 +26,10 @@ public:
 
     void Reset();
 
-    // Results of the next calls; 0 when none is left.
+    // The result of the next registration; 0 when none is left.
     void PushRegister(int result);
-    void PushUnregister(int result);
 
-    std::vector<Registered> Registrations() const;     // every call
-    std::vector<std::string> Unregistrations() const;  // every call
-    int DisableAllCalls() const;
+    std::vector<Registered> Registrations() const;  // every call
     // The pid watched under `name`; nothing when it is not watched.
     std::optional<int32_t> Watched(const std::string& name) const;
 
@@ -57,11 +54,8 @@ private:
     mutable std::mutex mutex_;
     // All guarded by mutex_.
     Scripted<int> registerResults_{0};
-    Scripted<int> unregisterResults_{0};
     std::map<std::string, Watch> watches_;
     std::vector<Registered> registrations_;
-    std::vector<std::string> unregistrations_;
-    int disableAllCalls_ = 0;
 };
 
 }  // namespace ProcMgr::Fakes

@@ -16,7 +16,6 @@
 #include <thread>
 #include <vector>
 
-#include "app/exit_status.h"
 #include "baseservice/base_services.h"
 #include "channel/owner_pipes.h"
 #include "channel/owner_reports.h"
@@ -66,57 +65,26 @@ bool IsReaped(pid_t pid) {
     return waitpid(pid, nullptr, WNOHANG) == -1;
 }
 
-TEST_F(ReaperTest, StoresWhatWaitWouldSay) {
-    for (const char* script : {"exit 0", "exit 1", "exit 125", "exit 255", "kill -TERM $$",
-                               "kill -KILL $$", "kill -HUP $$", "kill -ABRT $$", "kill -SEGV $$"}) {
+TEST_F(ReaperTest, StoresWhatWaitWouldSayBeforeThePidIsFreed) {
+    for (const char* script : {"exit 0", "exit 125", "exit 255", "kill -TERM $$", "kill -KILL $$",
+                               "kill -ABRT $$", "kill -SEGV $$"}) {
         int expected = 0;
         const pid_t twin = Spawn(script);
         ASSERT_EQ(waitpid(twin, &expected, 0), twin);
         const pid_t pid = Spawn(script);
         AwaitZombie(pid);
         std::map<int32_t, int32_t> stored;
-        Reaper reaper(
-            {[&](int32_t of, int32_t status) { return stored.emplace(of, status).second; }}, [] {});
+        Reaper reaper({[&](int32_t of, int32_t status) {
+                          siginfo_t info{};
+                          waitid(P_PID, static_cast<id_t>(of), &info, WEXITED | WNOHANG | WNOWAIT);
+                          EXPECT_EQ(info.si_pid, of) << "already reaped";
+                          return stored.emplace(of, status).second;
+                      }},
+                      [] {});
         reaper.CollectExits();
         EXPECT_EQ(stored, (std::map<int32_t, int32_t>{{pid, expected}})) << script;
         EXPECT_TRUE(IsReaped(pid));
     }
-}
-
-TEST_F(ReaperTest, TheKernelsWordsBecomeAWaitStatus) {
-    struct Case {
-        int code;
-        int status;
-        int32_t waitStatus;
-    };
-    const Case cases[] = {{CLD_EXITED, 0, 0},
-                          {CLD_EXITED, 255, 0xFF00},
-                          {CLD_KILLED, SIGKILL, SIGKILL},
-                          {CLD_DUMPED, SIGSEGV, SIGSEGV | 0x80}};
-    for (const auto& [code, status, waitStatus] : cases) {
-        siginfo_t info{};
-        info.si_code = code;
-        info.si_status = status;
-        EXPECT_EQ(App::ToWaitStatus(info), waitStatus);
-    }
-}
-
-TEST_F(ReaperTest, ThePidIsFreedOnlyAfterTheExitIsStored) {
-    const pid_t pid = Spawn("exit 7");
-    AwaitZombie(pid);
-    bool isAsked = false;
-    Reaper reaper(
-        {[&](int32_t of, int32_t) {
-            siginfo_t info{};
-            isAsked = true;
-            EXPECT_EQ(waitid(P_PID, static_cast<id_t>(of), &info, WEXITED | WNOHANG | WNOWAIT), 0);
-            EXPECT_EQ(info.si_pid, of) << "already reaped";
-            return true;
-        }},
-        [] {});
-    reaper.CollectExits();
-    EXPECT_TRUE(isAsked);
-    EXPECT_TRUE(IsReaped(pid));
 }
 
 TEST_F(ReaperTest, AsksTheContainersInTheirOrder) {
@@ -126,16 +94,13 @@ TEST_F(ReaperTest, AsksTheContainersInTheirOrder) {
     AwaitZombie(mine);
     AwaitZombie(unknown);
     std::map<pid_t, std::string> asked;
-    Reaper reaper({[&](int32_t pid, int32_t) {
-                       asked[pid] += '1';
-                       return pid == mine;
-                   },
-                   [&](int32_t pid, int32_t) {
-                       asked[pid] += '2';
-                       return false;
-                   }},
-                  [] {});
-    reaper.CollectExits();
+    const auto ask = [&](char container) {
+        return [&asked, mine, container](int32_t pid, int32_t) {
+            asked[pid] += container;
+            return pid == mine;
+        };
+    };
+    Reaper({ask('1'), ask('2')}, [] {}).CollectExits();
     EXPECT_EQ(asked, (std::map<pid_t, std::string>{{mine, "1"}, {unknown, "12"}}));
     EXPECT_EQ(LogCapture::Lines(),
               (std::vector<Fakes::LogLine>{

@@ -12,59 +12,47 @@
 namespace ProcMgr::App {
 namespace {
 
+using Fakes::LogCapture;
 using LaunchDefaults = IsolatedTest;
 
-using Fakes::LogCapture;
-
 TEST_F(LaunchDefaults, HomeOfTheDefaultAccount) {
-    const std::string root = "root:x:0:0:root:/root:/bin/bash\n";
-    const std::pair<std::string, std::string> cases[] = {
-        {root + "svc:x:1000:1000:Some One,,,:/home/svc:/bin/sh\n", "/home/svc"},
-        {root + "svc:x:1000:1000::/home/svc", "/home/svc"},
-        {"a:x:1000:1000::/home/a:/bin/sh\nb:x:1000:1000::/home/b:/bin/sh\n", "/home/a"},
-        {"# " + std::string(3000, '-') + "\nsvc:x:1000:1000::/home/svc:/bin/sh\n", "/home/svc"},
-        {root + "svc:x:1000:100::/home/svc:/bin/sh\n", ""},
+    const std::string finished = "PROCMGR: InquireHomeEnvVariable finished home env=";
+    const struct {
+        std::string passwd;
+        std::string home;
+        int level;
+        std::string line;
+    } cases[] = {
+        {"a:x:1000:1000:A,,:/home/a\nb:x:1000:1000::/home/b:/bin/sh\n", "/home/a", 6,
+         finished + "/home/a"},
+        {"# " + std::string(3000, '-') + "\nsvc:x:1000:1000::/home/svc:/bin/sh\n", "/home/svc", 6,
+         finished + "/home/svc"},
+        {"svc:x:1000:100::/home/svc:/bin/sh\n", "", 4,
+         "PROCMGR: InquireHomeEnvVariable not find 1000:1000 env"},
+        {"", "", 3, "fopen /etc/passwd fail, errno=2"},
     };
-    for (const auto& testCase : cases) {
+    for (const auto& test : cases) {
         const int status = RunIsolated([&] {
-            const auto& [passwd, home] = testCase;
-            BindFile(passwd, "/etc/passwd");
+            MountTmpfs("/etc");
+            if (!test.passwd.empty()) {
+                BindFile(test.passwd, "/etc/passwd");
+            }
             LogCapture::Clear();
             InquireHomeEnvVariable();
-            EXPECT_EQ(ProcMgrEnv::GetInstance().GetHome(), home) << passwd;
-            const std::string line =
-                home.empty() ? "not find 1000:1000 env" : "finished home env=" + home;
-            EXPECT_TRUE(LogCapture::Contains(home.empty() ? 4 : 6,
-                                             "PROCMGR: InquireHomeEnvVariable " + line));
+            EXPECT_EQ(ProcMgrEnv::GetInstance().GetHome(), test.home) << test.passwd;
+            const std::vector<Fakes::LogLine> lines = {{test.level, test.line}};
+            EXPECT_EQ(LogCapture::Lines(), lines);
         });
         EXPECT_EQ(status, 0);
     }
 }
 
-TEST_F(LaunchDefaults, WithoutAUserDatabaseThereIsNoHome) {
-    const int status = RunIsolated([] {
-        MountTmpfs("/etc");
-        LogCapture::Clear();
-        InquireHomeEnvVariable();
-        EXPECT_EQ(ProcMgrEnv::GetInstance().GetHome(), "");
-        const auto lines = LogCapture::Lines();
-        ASSERT_EQ(lines.size(), 1U);
-        EXPECT_EQ(lines[0].text, "fopen /etc/passwd fail, errno=2");
-    });
-    EXPECT_EQ(status, 0);
-}
-
-struct LimitCase {
-    std::string contents;
-    rlim_t limit;
-};
-
 constexpr rlim_t LIMIT_BEFORE = 4096;
 
 // Runs as a child's body.
-void CheckLockedMemoryLimit(const LimitCase& test) {
+void CheckLockedMemoryLimit(const std::string& contents, rlim_t limit) {
     MountTmpfs("/etc");
-    BindFile(test.contents, "/etc/korin_common_env.conf");
+    BindFile(contents, "/etc/korin_common_env.conf");
     struct rlimit before {};
     ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &before), 0);
     before.rlim_cur = LIMIT_BEFORE;
@@ -73,26 +61,26 @@ void CheckLockedMemoryLimit(const LimitCase& test) {
     SetLockedMemoryLimit();
     struct rlimit after {};
     ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &after), 0);
-    if (test.limit > before.rlim_max && after.rlim_cur == LIMIT_BEFORE) {
+    if (limit > before.rlim_max && after.rlim_cur == LIMIT_BEFORE) {
         // Some places do not let even root raise a limit; that is said.
         EXPECT_FALSE(LogCapture::Lines().empty());
         return;
     }
-    EXPECT_EQ(after.rlim_cur, test.limit) << test.contents;
-    EXPECT_EQ(after.rlim_max, test.limit == LIMIT_BEFORE ? before.rlim_max : test.limit);
+    EXPECT_EQ(after.rlim_cur, limit);
+    EXPECT_EQ(after.rlim_max, limit == LIMIT_BEFORE ? before.rlim_max : limit);
 }
 
 TEST_F(LaunchDefaults, LockedMemoryLimit) {
-    const LimitCase cases[] = {
-        {"MAX_LOCKED_MEMORY_LIMIT=65536\n", 65536},
+    const std::pair<std::string, rlim_t> cases[] = {
         {"OTHER=1\nexport MAX_LOCKED_MEMORY_LIMIT=8192", 8192},
         {"MAX_LOCKED_MEMORY_LIMIT=unlimited\n", RLIM_INFINITY},
         {"MAX_LOCKED_MEMORY_LIMIT=-1\n", LIMIT_BEFORE},
         {"MAX_LOCKED_MEMORY_LIMIT=99999999999999999999999\n", LIMIT_BEFORE},
         {"OTHER=unlimited\n", LIMIT_BEFORE},
     };
-    for (const LimitCase& test : cases) {
-        EXPECT_EQ(RunIsolated([&] { CheckLockedMemoryLimit(test); }), 0) << test.contents;
+    for (const auto& test : cases) {
+        EXPECT_EQ(RunIsolated([&] { CheckLockedMemoryLimit(test.first, test.second); }), 0)
+            << test.first;
     }
 }
 

@@ -25,22 +25,16 @@ TEST_F(Signals, AContinueThatComesEarlyIsRemembered) {
     const int status = RunIsolated([] {
         InstallContinueSignal();
         EXPECT_FALSE(IsContinueReceived());
-        EXPECT_EQ(GetContinueCounter(), 0U);
         const uint64_t before = ReadBootCounter();
         raise(SIGCONT);
         EXPECT_TRUE(IsContinueReceived());
-        const uint64_t first = GetContinueCounter();
-        EXPECT_GE(first, before);
-        EXPECT_LE(first, ReadBootCounter());
-        usleep(2000);
-        raise(SIGCONT);
-        EXPECT_TRUE(IsContinueReceived());
-        EXPECT_GT(GetContinueCounter(), first);
+        EXPECT_GE(GetContinueCounter(), before);
+        EXPECT_LE(GetContinueCounter(), ReadBootCounter());
     });
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(Signals, StopRequestAndChildExitWakeTheEvent) {
+TEST_F(Signals, StopRequestAndChildExitWakeTheEventAndASecondStopEndsTheProcess) {
     for (const int signal : {SIGTERM, SIGINT}) {
         const int status = RunIsolated([signal] {
             sigset_t all;  // a mask that was inherited
@@ -64,19 +58,12 @@ TEST_F(Signals, StopRequestAndChildExitWakeTheEvent) {
             raise(signal);
             EXPECT_TRUE(IsStopRequested());
             EXPECT_TRUE(IsReadable(fd));
+            if (!testing::Test::HasFailure()) {
+                raise(signal);
+            }
         });
-        EXPECT_EQ(status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + signal) << status;
     }
-}
-
-TEST_F(Signals, TheSecondStopEndsTheProcess) {
-    const int status = RunIsolated([] {
-        InstallSignals();
-        raise(SIGTERM);
-        raise(SIGTERM);
-        _exit(3);
-    });
-    EXPECT_FALSE(WIFEXITED(status) && WEXITSTATUS(status) == 3) << status;
 }
 
 }  // namespace

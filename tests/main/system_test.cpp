@@ -1,44 +1,28 @@
 #include "main/system.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <string>
+
+#include "main/proc_mgr_env.h"
 
 namespace ProcMgr {
 namespace {
 
-namespace fs = std::filesystem;
-
-TEST(StandardizationPath, ResolvesLinksAndDots) {
-    const fs::path directory = fs::path(testing::TempDir()) / ("path" + std::to_string(getpid()));
-    fs::create_directories(directory / "real");
-    std::ofstream(directory / "real" / "file").flush();
-    fs::create_symlink("real", directory / "link");
-    const std::string expected = fs::canonical(directory / "real" / "file");
-
-    std::string out = "before";
-    EXPECT_TRUE(StandardizationPath(directory / "link/../link/./file", out));
-    EXPECT_EQ(out, expected);
-    fs::remove_all(directory);
-
-    out = "before";
-    for (const std::string& in : {expected, std::string(), std::string("no/such/file")}) {
-        EXPECT_FALSE(StandardizationPath(in, out)) << in;
-        EXPECT_EQ(out, "before");
-    }
-}
-
-TEST(StandardizationPath, TakesAtMost4096Characters) {
+TEST(StandardizationPath, TakesUpTo4096CharactersAndFailsWithoutAChange) {
     std::string out;
-    EXPECT_TRUE(StandardizationPath(std::string(4096, '/'), out));
-    EXPECT_EQ(out, "/");
-    EXPECT_FALSE(StandardizationPath(std::string(4097, '/'), out));
+    EXPECT_TRUE(StandardizationPath(std::string(4096 - 13, '/') + "proc/./../dev", out));
+    EXPECT_EQ(out, "/dev");
+    for (const std::string& in : {std::string(4097, '/'), std::string(), std::string("no/such")}) {
+        EXPECT_FALSE(StandardizationPath(in, out)) << in;
+        EXPECT_EQ(out, "/dev");
+    }
 }
 
 TEST(SleepFor, GoesOnAfterInterruptions) {
@@ -58,6 +42,23 @@ TEST(SleepFor, GoesOnAfterInterruptions) {
     sigaction(SIGALRM, &before, nullptr);
     EXPECT_GE(slept, std::chrono::milliseconds(60));
     EXPECT_LT(slept, std::chrono::seconds(5));
+}
+
+TEST(ProcMgrEnv, ChildErrorPipeNeverBlocksAWriterAndStaysOutOfPrograms) {
+    ProcMgrEnv& env = ProcMgrEnv::GetInstance();
+    env.CreateChildErrorPipe();
+    const int fds[] = {env.GetChildErrorReadFd(), env.GetChildErrorWriteFd()};
+    for (const int fd : fds) {
+        ASSERT_GE(fd, 0);
+        EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    }
+    ASSERT_NE(fcntl(fds[1], F_GETFL) & O_NONBLOCK, 0);
+    env.CloseChildErrorPipe();
+    EXPECT_EQ(env.GetChildErrorReadFd(), -1);
+    EXPECT_EQ(env.GetChildErrorWriteFd(), -1);
+    for (const int fd : fds) {
+        EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    }
 }
 
 }  // namespace

@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,24 +17,71 @@
 namespace ProcMgr::Serialization {
 namespace {
 
+using namespace std::string_literals;
 using Fakes::LogCapture;
+using Fakes::LogLine;
+using Message::PM_PIPE_BUF_MAX;
 using Message::RequestMsg;
 using Pieces = std::vector<std::pair<uint32_t, std::string>>;
+using Texts = std::vector<std::string>;
 
-RequestMsg Record(const std::string& payload) {
-    RequestMsg record;
-    record.size = payload.size();
-    memcpy(record.data, payload.data(), payload.size());
+constexpr const char* UNPACK = "ProcMgr : ProcMgrMaster unpack request failed, ";
+
+// On the heap, so that the address sanitizer sees a read behind it.
+std::unique_ptr<RequestMsg> Record(const std::string& payload) {
+    auto record = std::make_unique<RequestMsg>();
+    record->size = payload.size();
+    memcpy(record->data, payload.data(), std::min(payload.size(), PM_PIPE_BUF_MAX));
     return record;
 }
 
+// The payload; behind it there must be nothing but zeros.
 std::string Payload(const RequestMsg& record) {
+    EXPECT_TRUE(std::all_of(record.data + record.size, std::end(record.data),
+                            [](uint8_t byte) { return byte == 0; }));
     return {reinterpret_cast<const char*>(record.data), record.size};
 }
 
-// A piece of that many bytes; the letter tells it from others.
-std::pair<uint32_t, std::string> Piece(uint32_t length, char letter = 'a') {
-    return {length, std::string(length, letter)};
+std::vector<Message::StartAppInfo> Start(const std::string& payload,
+                                         const std::string& sender = "owner") {
+    std::vector<Message::StartAppInfo> items{{"old", {"old"}, {}}};
+    ProcMgrUnpackStartRequest(Record(payload).get(), items, sender);
+    return items;
+}
+
+std::string Repeat(const std::string& text, size_t times) {
+    std::string all;
+    for (size_t i = 0; i < times; ++i) {
+        all += text;
+    }
+    return all;
+}
+
+std::string Number(uint32_t number) {
+    return {reinterpret_cast<const char*>(&number), sizeof(number)};
+}
+
+// "[name argv... {index: values...}]" of each item, without the default items at the end.
+template <typename Item>
+std::string Show(const std::vector<Item>& items) {
+    std::string shown;
+    std::string defaults;
+    for (const Item& item : items) {
+        std::string text = "[" + item.appName;
+        for (const std::string& argument : item.argv) {
+            text += " '" + argument + "'";
+        }
+        for (const auto& [index, values] : item.dynamicPara) {
+            text += " " + std::to_string(index) + ":";
+            for (const std::string& value : values) {
+                text += "'" + value + "'";
+            }
+        }
+        text += "]";
+        defaults += text == "[]" ? text : "";
+        shown += text == "[]" ? "" : std::exchange(defaults, "") + text;
+    }
+    return std::to_string(items.size()) + shown;
 }
 
 class SerializationTest : public testing::Test {
@@ -39,77 +89,56 @@ protected:
     void SetUp() override { LogCapture::Clear(); }
 };
 
-TEST_F(SerializationTest, PacksEveryFieldOfAReport) {
+TEST_F(SerializationTest, PacksReportsOfAtMost3959Bytes) {
+    const std::string rest = "#1#2#3#4#";
+    const std::string longest(3959 - rest.size(), 'n');
     Pieces pieces{{3, "old"}};
     EXPECT_TRUE(ProcMgrPackAppStateRequest(
-        {{"app_a", 1, 2, 3, 4}, {"", UINT32_MAX, UINT32_MAX, UINT32_MAX, UINT32_MAX}}, pieces));
+        {{longest, 1, 2, 3, 4}, {"", UINT32_MAX, UINT32_MAX, UINT32_MAX, UINT32_MAX}}, pieces));
     const Pieces expected = {
-        {3, "old"},
-        {14, "app_a#1#2#3#4#"},
-        {45, "#4294967295#4294967295#4294967295#4294967295#"},
-    };
+        {3, "old"}, {3959, longest + rest}, {45, "#4294967295#4294967295#4294967295#4294967295#"}};
     EXPECT_EQ(pieces, expected);
-}
-
-TEST_F(SerializationTest, RefusesAReportOfMoreThan3959Bytes) {
-    const std::string rest = "#1#2#3#4#";
-    Pieces pieces;
-    EXPECT_TRUE(
-        ProcMgrPackAppStateRequest({{std::string(3959 - rest.size(), 'n'), 1, 2, 3, 4}}, pieces));
-    const std::string name(3960 - rest.size(), 'n');
-    EXPECT_FALSE(ProcMgrPackAppStateRequest({{"a", 1, 2, 3, 4}, {name, 1, 2, 3, 4}}, pieces));
-    EXPECT_TRUE(LogCapture::Contains(3, "ProcMgrAgent : PackAppStateRequest failed=" + name + rest +
+    EXPECT_FALSE(ProcMgrPackAppStateRequest({{longest + "n", 1, 2, 3, 4}}, pieces));
+    EXPECT_TRUE(LogCapture::Contains(3, "ProcMgrAgent : PackAppStateRequest failed=" + longest +
+                                            "n" + rest +
                                             ", size=3960 bytes beyond the PM_PIPE_BUF_MAX!!"));
 }
 
 TEST_F(SerializationTest, GathersPiecesInOrderOfLength) {
-    struct Case {
-        const char* name;
+    const auto piece = [](uint32_t length, char letter) {
+        return std::pair(length, std::string(length, letter));
+    };
+    const struct {
         Pieces pieces;
-        std::vector<std::string> payloads;
-        bool isDropping = false;
+        Texts payloads;
+        bool isDropping;
+    } cases[] = {
+        {{piece(2000, 'l'), piece(1955, 'm'), piece(2, 's'), piece(2, 'a')},
+         {"3#aass" + std::string(1955, 'm'), "1#" + std::string(2000, 'l')},
+         false},
+        {{piece(2000, 'l'), piece(1956, 'm')},
+         {"1#" + std::string(1956, 'm'), "1#" + std::string(2000, 'l')},
+         false},
+        {{piece(3956, 'x'), piece(3955, 'l')}, {"1#" + std::string(3955, 'l')}, true},
     };
-    const auto text = [](uint32_t length, char letter = 'a') {
-        return std::string(length, letter);
-    };
-    const Case cases[] = {
-        {"three lengths",
-         {Piece(2000), Piece(1955), Piece(10)},
-         {"2#" + text(10) + text(1955), "1#" + text(2000)}},
-        {"equal lengths go by text",
-         {Piece(2, 'c'), Piece(2, 'a'), Piece(1, 'z'), Piece(2, 'b')},
-         {"4#zaabbcc"}},
-        {"3956 in all do not", {Piece(2000), Piece(1956)}, {"1#" + text(1956), "1#" + text(2000)}},
-        {"the largest piece", {Piece(3955)}, {"1#" + text(3955)}},
-        {"one that is too large",
-         {Piece(3956), Piece(7, 'b'), Piece(3957)},
-         {"1#" + text(7, 'b')},
-         true},
-    };
+    for (const auto& [given, payloads, isDropping] : cases) {
+        LogCapture::Clear();
+        Pieces pieces = given;
+        std::vector<RequestMsg> records(1);
+        EXPECT_TRUE(ProcMgrCombinePiecesMsg(Message::APP_STATE_REPORT, pieces, records));
+        ASSERT_EQ(records.size(), payloads.size() + 1);
+        for (size_t i = 0; i < payloads.size(); ++i) {
+            EXPECT_EQ(records[i + 1].type, 4U);
+            EXPECT_EQ(Payload(records[i + 1]), payloads[i]);
+        }
+        const std::string line =
+            "ProcMgrAgent : packedRequest=3956 bytes beyond the PM_PIPE_BUF_MAX!";
+        EXPECT_EQ(LogCapture::Count(4, line), isDropping ? 1U : 0U);
+    }
     Pieces nothing;
     std::vector<RequestMsg> none;
     EXPECT_FALSE(ProcMgrCombinePiecesMsg(Message::APP_STATE_REPORT, nothing, none));
     EXPECT_TRUE(LogCapture::Contains(3, "CombinePiecesMsg failed: packedRequest is empty!!"));
-    for (const Case& test : cases) {
-        LogCapture::Clear();
-        Pieces pieces = test.pieces;
-        std::vector<RequestMsg> records(1);
-        EXPECT_TRUE(ProcMgrCombinePiecesMsg(Message::APP_STATE_REPORT, pieces, records));
-        EXPECT_TRUE(std::is_sorted(pieces.begin(), pieces.end())) << test.name;
-        ASSERT_EQ(records.size(), test.payloads.size() + 1) << test.name;
-        for (size_t i = 0; i < test.payloads.size(); ++i) {
-            const RequestMsg& record = records[i + 1];
-            EXPECT_EQ(record.type, 4U);
-            EXPECT_EQ(Payload(record), test.payloads[i]) << test.name;
-            EXPECT_TRUE(std::all_of(record.data + record.size, std::end(record.data),
-                                    [](uint8_t byte) { return byte == 0; }));
-        }
-        EXPECT_EQ(LogCapture::Count(4,
-                                    "ProcMgrAgent : packedRequest=3956 bytes beyond the "
-                                    "PM_PIPE_BUF_MAX!"),
-                  test.isDropping ? 1U : 0U);
-        EXPECT_EQ(LogCapture::Lines().size(), test.isDropping ? 1U : 0U) << test.name;
-    }
 }
 
 TEST_F(SerializationTest, ABodyThatDoesNotFitStillMakesARecord) {
@@ -125,28 +154,211 @@ TEST_F(SerializationTest, ABodyThatDoesNotFitStillMakesARecord) {
         3, "ProcMgrCombineMsg failed memcpy_s failed: strSize=3965 bytes, ret="));
 }
 
-TEST_F(SerializationTest, ReadsABaseServicesState) {
-    const std::pair<const char*, uint32_t> cases[] = {
-        {"1#2#", 2}, {"99#3#", 3}, {"", 7}, {"1#", 7}, {"x#2#", 7}, {"1#4294967295#", UINT32_MAX},
+TEST_F(SerializationTest, ReadsStartAndRestartRequests) {
+    struct Case {
+        std::string payload;
+        std::string shown;
+        std::string log;  // of a start request, at level 3; empty for no line
+        const char* sender = "owner";
     };
-    for (const auto& [payload, state] : cases) {
-        Message::BaseServiceStateInfo info{7};
-        const RequestMsg record = Record(payload);
-        ProcMgrUnpackedBaseServiceStateRequest(&record, info);
-        // What an extraction that fails stores is the stream's affair: 0 is as good as no change.
-        EXPECT_TRUE(info.state == state || (state == 7 && info.state == 0)) << payload;
+    const std::string big = "ProcMgr : ProcMgrMaster : UnpackStartRequest err, argvSize=";
+    const std::string value = UNPACK + "dynamicPara index=0, valueNum="s;
+    const Case cases[] = {
+        {"2#a#1#x#b#0#", "2[a 'x'][b]", "", "zornmgr"},
+        {"2#a#1#x#b#0#", "2[a 'x']", "", "zornmgr2"},  // "b" is no dynamicParaSize
+        {"1#a#0#2#-1#1#x#-2147483648#1#y#", "1[a -2147483648:'y' -1:'x']", ""},
+        {"1#a#0#3#0#1#x#1#0#2#1#z#", "1[a 0:'x' 2:'z']", ""},
+        {"2#a#0#4#b#0#0#", "2[a]", UNPACK + "dynamicParaSize=4 invalid"s},
+        {"2#a#0#2#2#1#x#3#0#b#0#0#", "2[a 2:'x']", UNPACK + "dynamicPara index=3 invalid"s},
+        {"1#a#0#1#99999999999#", "1[a]", UNPACK + "dynamicPara index=2147483647 invalid"s},
+        {"1#a#0#1#0#1025#", "1[a]", value + "1025 invalid"},
+        {"1#a#0#1#0#-2#", "1[a]", value + "18446744073709551614 invalid"},
+        // The next item is read from where the stream stands.
+        {"3#a#1025#b#0#0#c#0#0#", "3[a][b][c]", big + "1025"},
+        {"2#a#4294967296#b#0#0#", "2[a]", big + "4294967295"},
+        // Numbers are what a stream takes for them; one character behind them goes.
+        {" \t+1xa#\n01#v#0#", "1[a 'v']", ""},
+        {"1##a#0#0#", "1", ""},
+        {"1#a#3#x#y", "1[a 'x' 'y' '']", ""},
+        {"x#a#0#0#", "0", ""},
+        {"", "0", ""},
+    };
+    for (const Case& test : cases) {
+        LogCapture::Clear();
+        EXPECT_EQ(Show(Start(test.payload, test.sender)), test.shown) << test.payload;
+        const std::vector<LogLine> lines =
+            test.log.empty() ? std::vector<LogLine>() : std::vector<LogLine>{{3, test.log}};
+        EXPECT_EQ(LogCapture::Lines(), lines) << test.payload;
+        std::vector<Message::RestartAppInfo> items;
+        ProcMgrUnpackRestartRequest(Record(test.payload).get(), items, test.sender);
+        EXPECT_EQ(Show(items), test.shown) << test.payload;
+    }
+    std::vector<Message::RestartAppInfo> items;
+    ProcMgrUnpackRestartRequest(Record("1#a#1025#").get(), items, "owner");
+    EXPECT_TRUE(LogCapture::Contains(
+        3, "ProcMgr : ProcMgrMaster : UnpackRestartRequest err, argvSize=1025"));
+}
+
+TEST_F(SerializationTest, TakesListsUpToTheirLimits) {
+    EXPECT_EQ(Start("1#a#1024#" + Repeat("v#", 1024) + "0#").at(0).argv, Texts(1024, "v"));
+    EXPECT_EQ(Start("1#a#0#1#2#1024#" + Repeat("v#", 1024)).at(0).dynamicPara.at(2),
+              Texts(1024, "v"));
+    EXPECT_EQ(Start("1999#a#0#0#").size(), 1999U);
+    std::vector<Message::TermAppInfo> terms;
+    ProcMgrUnpackTermRequest(Record("1999#" + Repeat("a#", 1979)).get(), terms);
+    ASSERT_EQ(terms.size(), 1999U);
+    EXPECT_EQ(terms[1978].appName + terms[1979].appName, "a");
+
+    for (const auto& [written, count] :
+         {std::pair{"2000", "2000"}, {"-1", "4294967295"}, {"42949672961", "4294967295"}}) {
+        LogCapture::Clear();
+        const std::string payload = written + "#a#0#0#"s;
+        EXPECT_EQ(Show(Start(payload)), "1[old 'old']");
+        ProcMgrUnpackTermRequest(Record(payload).get(), terms);
+        EXPECT_EQ(terms.size(), 1999U);
+        std::vector<Message::RestartAppInfo> restarts;
+        ProcMgrUnpackRestartRequest(Record(payload).get(), restarts, "owner");
+        const std::string start = "ProcMgr : ProcMgrMaster ";
+        const std::vector<LogLine> lines = {
+            {3, start + "UnpackStartRequest err: big startAppListSize=" + count},
+            {3, start + "UnpackTermRequest err: big AppListSize=" + count},
+            {3, start + "UnpackRestartRequest err: big restartAppListSize=" + count}};
+        EXPECT_EQ(LogCapture::Lines(), lines);
     }
 }
 
-TEST_F(SerializationTest, ASizeBeyondTheRecordIsNotFollowed) {
-    for (const uint64_t size : {uint64_t{3965}, uint64_t{1} << 40, UINT64_MAX}) {
-        // On the heap, so that the address sanitizer sees a read behind it.
-        const auto record = std::make_unique<RequestMsg>(Record("1#2#"));
-        record->size = size;
-        Message::BaseServiceStateInfo info;
-        EXPECT_NO_THROW(ProcMgrUnpackedBaseServiceStateRequest(record.get(), info));
-        EXPECT_EQ(info.state, 2U);
+TEST_F(SerializationTest, ReadsADynamicBlockOutOfAStream) {
+    for (const auto& [payload, isUsable] :
+         {std::pair{"skip#1#0#1#x#next#", true}, {"skip#1#3#next#", false}}) {
+        std::istringstream in(payload);
+        std::string text;
+        std::getline(in, text, '#');
+        std::map<int, Texts> block{{7, {"old"}}};
+        EXPECT_EQ(UnPackDynamicPara(in, block), isUsable) << payload;
+        EXPECT_EQ(block.count(7), 0U);
+        std::getline(in, text, '#');
+        EXPECT_EQ(text, "next") << payload;
     }
+}
+
+// What is cut off is missing, and nothing else changes.
+TEST_F(SerializationTest, ReadsARequestThatEndsAnywhere) {
+    const std::string whole = "2#app_a#2#-v#--x=1#2#0#1#/bin/a#2#2#K=V#L=#app_b#0#0#";
+    EXPECT_EQ(Show(Start(whole)), "2[app_a '-v' '--x=1' 0:'/bin/a' 2:'K=V''L='][app_b]");
+    for (size_t length = 2; length <= whole.size(); ++length) {
+        const auto items = Start(whole.substr(0, length));
+        ASSERT_EQ(items.size(), 2U) << length;
+        EXPECT_EQ(items[0].appName, whole.substr(2, std::min<size_t>(length - 2, 5)));
+        EXPECT_EQ(items[0].argv.size(), length > 8 ? 2U : 0U) << length;
+        EXPECT_EQ(items[0].dynamicPara.count(0), length > whole.find("1#/bin") ? 1U : 0U) << length;
+        EXPECT_EQ(items[1].appName.empty(), length <= whole.find("app_b")) << length;
+    }
+    EXPECT_TRUE(LogCapture::Lines().empty());
+}
+
+TEST_F(SerializationTest, ReadsStatesAndExecutionReports) {
+    for (const auto& [payload, state] :
+         {std::pair{"99#3#", 3U}, {"1#", 7U}, {"1#4294967295#", UINT32_MAX}}) {
+        Message::BaseServiceStateInfo info{7};
+        ProcMgrUnpackedBaseServiceStateRequest(Record(payload).get(), info);
+        EXPECT_EQ(info.state, state) << payload;
+    }
+    Message::AppExecInfo info;
+    ProcMgrUnpackedAppExecInfoRequest(Record("9#app#12#34#1#").get(), info);
+    EXPECT_EQ(info.appName, "app");
+    EXPECT_EQ((std::vector{info.pid, info.gid, info.state}), (std::vector{12U, 34U, 1U}));
+}
+
+TEST_F(SerializationTest, ReadsAStartupConfigurationRequest) {
+    using Pairs = std::map<std::string, std::string>;
+    const std::pair<const char*, Pairs> cases[] = {
+        {"1#/cfg#3#k#first#k#second#l##", {{"k", "first"}, {"l", ""}}},
+        {"1#/cfg#0#k#v#", {}},
+        {"1#/cfg#102399#k#v#", {{"k", "v"}}},
+        {"1#/cfg#102400#k#v#", {}},
+        {"1#/cfg#2#k#v#l", {{"k", "v"}, {"l", ""}}},
+        {"1#/cfg", {}},
+    };
+    for (const auto& [payload, pairs] : cases) {
+        Message::StartupCfgInfo info{{{"old", "old"}}, ""};
+        ProcMgrUnpackMatchDataAndPathRequest(Record(payload).get(), info);
+        EXPECT_EQ(info.path, "/cfg") << payload;
+        EXPECT_EQ(info.matchData, pairs) << payload;
+    }
+    EXPECT_TRUE(LogCapture::Lines().empty());
+}
+
+TEST_F(SerializationTest, ReadsTheNamesOfAQuery) {
+    const std::string two = Number(2) + Number(1) + "a" + Number(0);
+    const struct {
+        std::string payload;
+        bool isWhole;
+        Texts names;
+    } cases[] = {
+        {two + "more", true, {"a", ""}},
+        {Number(1) + Number(4) + "a#\0z"s, true, {"a#\0z"s}},
+        {Number(0), true, {}},
+        {Number(990) + Repeat(Number(0), 990), true, Texts(990)},
+        {Number(991) + Repeat(Number(0), 990), false, {}},
+        {Number(UINT32_MAX) + Number(0), false, {}},
+        {Number(1) + Number(2) + "a", false, {}},
+        {Number(1) + Number(UINT32_MAX) + "a", false, {}},
+    };
+    Texts names = {"old"};
+    for (const auto& [payload, isWhole, expected] : cases) {
+        EXPECT_EQ(DecodeQueryNames(*Record(payload), names), isWhole);
+        EXPECT_EQ(names, expected);
+    }
+    for (size_t length = 0; length < two.size(); ++length) {
+        names = {"old"};
+        EXPECT_FALSE(DecodeQueryNames(*Record(two.substr(0, length)), names)) << length;
+        EXPECT_TRUE(names.empty());
+    }
+}
+
+TEST_F(SerializationTest, AStatusReportIsOneRecord) {
+    RequestMsg record;
+    std::fill(std::begin(record.data), std::end(record.data), uint8_t{0xff});
+    ASSERT_TRUE(EncodeDetailStatus({{"b", 4}, {"B2", 5}}, record));
+    EXPECT_EQ(record.type, 10U);
+    EXPECT_EQ(Payload(record),
+              Number(2) + Number(2) + "B2" + Number(5) + Number(1) + "b" + Number(4));
+
+    const size_t room = PM_PIPE_BUF_MAX - 4 - 8;
+    EXPECT_TRUE(EncodeDetailStatus({{std::string(room, 'n'), 1}}, record));
+    EXPECT_EQ(record.size, PM_PIPE_BUF_MAX);
+    EXPECT_FALSE(EncodeDetailStatus({{std::string(room + 1, 'n'), 1}}, record));
+    EXPECT_FALSE(EncodeDetailStatus({{std::string(room - 8, 'n'), 1}, {"x", 1}}, record));
+}
+
+TEST_F(SerializationTest, NeitherSizeNorCountsCostMoreThanTheLimits) {
+    const std::string full = "1999#a#1024#" + Repeat("v", PM_PIPE_BUF_MAX - 12);
+    for (const uint64_t size : {uint64_t{3965}, uint64_t{1} << 40, UINT64_MAX}) {
+        const auto record = Record(full);
+        record->size = size;
+        std::vector<Message::StartAppInfo> items;
+        ProcMgrUnpackStartRequest(record.get(), items, "owner");
+        ASSERT_EQ(items.size(), 1999U);
+        EXPECT_EQ(items[0].argv.at(0).size(), PM_PIPE_BUF_MAX - 12);
+        EXPECT_EQ(items[0].argv.size(), 1024U);
+        // Where the bytes end, announced lists do too.
+        EXPECT_TRUE(std::all_of(items.begin() + 1, items.end(), [](const auto& item) {
+            return item.argv.empty() && item.dynamicPara.empty();
+        }));
+        Texts names;
+        EXPECT_FALSE(DecodeQueryNames(*record, names));
+    }
+    // The least of many, so that a busy machine does not count.
+    const auto record = Record("1#/cfg#102399#k#");
+    auto least = std::chrono::steady_clock::duration::max();
+    for (int i = 0; i < 50; ++i) {
+        const auto begin = std::chrono::steady_clock::now();
+        Message::StartupCfgInfo info;
+        ProcMgrUnpackMatchDataAndPathRequest(record.get(), info);
+        least = std::min(least, std::chrono::steady_clock::now() - begin);
+        EXPECT_EQ(info.matchData.size(), 1U);
+    }
+    EXPECT_LT(least, std::chrono::microseconds(100));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #include "tests/support/syslog_sink.h"
 
+#include <fcntl.h>
 #include <poll.h>
-#include <stdlib.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,11 +12,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 #include "tests/support/private_mounts.h"
 
@@ -32,100 +33,61 @@ std::string ErrnoText(const std::string& what) {
     return what + ": " + strerror(errno);
 }
 
-void Require(bool isDone, const std::string& what) {
-    if (!isDone) {
-        throw std::runtime_error(ErrnoText(what));
-    }
-}
-
-// Device nodes are bound and not made anew, because a container may forbid mknod.
-void FillDevices(const fs::path& dev) {
-    for (const char* name : {"null", "zero", "full", "random", "urandom", "tty"}) {
-        const fs::path original = fs::path("/dev") / name;
-        if (fs::exists(original)) {
-            std::ofstream(dev / name).flush();
-            Require(mount(original.c_str(), (dev / name).c_str(), nullptr, MS_BIND, nullptr) == 0,
-                    "bind " + original.string());
-        }
-    }
-    for (const char* name : {"pts", "shm", "mqueue"}) {
-        const fs::path original = fs::path("/dev") / name;
-        if (fs::is_directory(original)) {
-            fs::create_directory(dev / name);
-            Require(mount(original.c_str(), (dev / name).c_str(), nullptr, MS_BIND | MS_REC,
-                          nullptr) == 0,
-                    "bind " + original.string());
-        }
-    }
-    fs::create_symlink("/proc/self/fd", dev / "fd");
-    fs::create_symlink("/proc/self/fd/0", dev / "stdin");
-    fs::create_symlink("/proc/self/fd/1", dev / "stdout");
-    fs::create_symlink("/proc/self/fd/2", dev / "stderr");
-    fs::create_symlink("pts/ptmx", dev / "ptmx");
-    std::ofstream(dev / fs::path(MARKER_PATH).filename()).flush();
-}
-
 // The real /dev may be shared with the machine, so a socket must not be put there: a small
-// directory in memory with the usual devices is moved over it.
+// directory in memory is laid over it. The devices that programs need are bound and not made anew,
+// because a container may forbid mknod.
 void LayPrivateDev() {
     if (fs::exists(MARKER_PATH)) {
         return;
     }
-    char staging[] = "/tmp/private-dev-XXXXXX";
-    Require(mkdtemp(staging) != nullptr, "mkdtemp");
-    Require(mount("tmpfs", staging, "tmpfs", 0, "mode=0755") == 0, "mount a tmpfs");
-    FillDevices(staging);
-    Require(mount(staging, "/dev", nullptr, MS_MOVE, nullptr) == 0, "move a tmpfs to /dev");
-    rmdir(staging);
+    std::vector<std::pair<std::string, int>> devices;
+    for (const char* path : {"/dev/null", "/dev/zero", "/dev/full", "/dev/urandom", "/dev/tty"}) {
+        devices.emplace_back(path, open(path, O_PATH | O_CLOEXEC));
+    }
+    MountTmpfs("/dev");
+    for (const auto& [path, original] : devices) {
+        std::ofstream(path).flush();
+        const std::string source = "/proc/self/fd/" + std::to_string(original);
+        if (original >= 0 && mount(source.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
+            throw std::runtime_error(ErrnoText("bind " + path));
+        }
+        close(original);
+    }
+    fs::create_directory("/dev/shm");
+    fs::create_symlink("/proc/self/fd", "/dev/fd");
+    std::ofstream(MARKER_PATH).flush();
 }
 
-template <typename Number>
-bool TakeNumber(std::string_view& line, Number& number) {
-    const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), number);
-    if (error != std::errc()) {
-        return false;
+// Splits "<PRI>Mmm dd hh:mm:ss ident[pid]: text"; some writers leave out the time or the pid.
+SyslogMessage ParseSyslogLine(std::string_view line) {
+    SyslogMessage message;
+    std::string& text = message.text;
+    text = line.substr(0, line.find_last_not_of(std::string_view("\n\0", 2)) + 1);
+    int priority = 0;
+    int length = 0;
+    if (sscanf(text.c_str(), "<%3d>%n", &priority, &length) != 1 || length == 0) {
+        return message;
     }
-    line.remove_prefix(static_cast<size_t>(end - line.data()));
-    return true;
+    text.erase(0, static_cast<size_t>(length));
+    message.level = LOG_PRI(priority);
+    message.facility = priority & LOG_FACMASK;
+    constexpr size_t STAMP = 16;
+    if (text.size() >= STAMP && text[6] == ' ' && text[9] == ':' && text[12] == ':') {
+        text.erase(0, STAMP);
+    }
+    char ident[64] = "";
+    length = 0;
+    if (sscanf(text.c_str(), "%63[^][: ][%d]:%n", ident, &message.pid, &length) < 2) {
+        sscanf(text.c_str(), "%63[^][: ]:%n", ident, &length);
+    }
+    if (length > 0) {
+        message.ident = ident;
+        text.erase(0, static_cast<size_t>(length) + 1);
+    }
+    return message;
 }
 
 }  // namespace
-
-SyslogMessage ParseSyslogLine(std::string_view line) {
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\0')) {
-        line.remove_suffix(1);
-    }
-    SyslogMessage message;
-    message.text = line;
-    int priority = 0;
-    if (!line.starts_with('<')) {
-        return message;
-    }
-    line.remove_prefix(1);
-    if (!TakeNumber(line, priority) || !line.starts_with('>')) {
-        return message;
-    }
-    line.remove_prefix(1);
-    message.level = LOG_PRI(priority);
-    message.facility = priority & LOG_FACMASK;
-    // "Mmm dd hh:mm:ss " of fixed width; other writers may leave it out.
-    constexpr size_t STAMP = 16;
-    if (line.size() >= STAMP && line[6] == ' ' && line[9] == ':' && line[12] == ':') {
-        line.remove_prefix(STAMP);
-    }
-    message.text = line;
-    const size_t colon = line.find(": ");
-    std::string_view tag = line.substr(0, std::min(colon, line.size()));
-    if (colon == std::string_view::npos || tag.find(' ') != std::string_view::npos) {
-        return message;
-    }
-    message.text = line.substr(colon + 2);
-    const size_t bracket = std::min(tag.find('['), tag.size());
-    message.ident = tag.substr(0, bracket);
-    tag.remove_prefix(std::min(bracket + 1, tag.size()));
-    TakeNumber(tag, message.pid);
-    return message;
-}
 
 SyslogSink::SyslogSink() {
     if (!EnterPrivateMountNamespace()) {
@@ -209,18 +171,10 @@ std::vector<SyslogMessage> SyslogSink::Messages() {
     return messages_;
 }
 
-std::vector<std::string> SyslogSink::Lines() {
-    std::vector<std::string> lines;
-    for (SyslogMessage& message : Messages()) {
-        lines.push_back(std::move(message.text));
-    }
-    return lines;
-}
-
 std::vector<std::string> SyslogSink::LinesAt(int level) {
     std::vector<std::string> lines;
     for (SyslogMessage& message : Messages()) {
-        if (message.level == level) {
+        if (level == ANY_LEVEL || message.level == level) {
             lines.push_back(std::move(message.text));
         }
     }

@@ -22,9 +22,6 @@ struct SyslogMessage {
     std::string text;
 };
 
-// Splits "<PRI>Mmm dd hh:mm:ss ident[pid]: text".
-SyslogMessage ParseSyslogLine(std::string_view line);
-
 // Construct it before other threads, and before the processes that are to log to it. Its functions
 // may be called from any thread; one sink at a time.
 class SyslogSink {
@@ -42,7 +39,7 @@ public:
 
     // Everything that was sent before the call, in order. Lines() has the texts only.
     std::vector<SyslogMessage> Messages();
-    std::vector<std::string> Lines();
+    std::vector<std::string> Lines() { return LinesAt(ANY_LEVEL); }
     // Texts of one level.
     std::vector<std::string> LinesAt(int level);
     // Messages whose text holds `part`.
@@ -54,6 +51,8 @@ public:
     void Clear();
 
 private:
+    static constexpr int ANY_LEVEL = -2;
+
     bool Listen();
     void Collect();
     void DrainLocked();
