@@ -101,10 +101,12 @@ TEST_F(LaunchTest, SignalsAndDescriptorsOfTheDaemonStayBehind) {
         EXPECT_EQ(ignored >> (signal - 1) & 1, 0U) << signal;
     }
     // For a moment the program may still have its libraries open.
-    for (int i = 0; i < 500 && CountDescriptors(pid_) > 3; ++i) {
+    size_t descriptors = CountDescriptors(pid_);
+    for (int i = 0; i < 500 && descriptors > 3; ++i) {
         usleep(10000);
+        descriptors = CountDescriptors(pid_);
     }
-    EXPECT_EQ(CountDescriptors(pid_), 3U) << "only its standard streams";
+    EXPECT_EQ(descriptors, 3U) << "only its standard streams";
     close(fd);
 }
 
