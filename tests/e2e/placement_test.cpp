@@ -22,7 +22,8 @@ pid_t FindProcess(const std::string& argument) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         const std::string name = entry.path().filename();
         std::ifstream file(entry.path() / "cmdline", std::ios::binary);
-        const std::string line{std::istreambuf_iterator<char>(file), {}};
+        std::string line;
+        std::getline(file, line);  // does not throw when the process has just ended
         if (name.find_first_not_of("0123456789") == std::string::npos &&
             line.starts_with(SERVICE) && line.find(argument) != std::string::npos) {
             return std::stoi(name);
