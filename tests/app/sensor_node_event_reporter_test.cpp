@@ -109,14 +109,23 @@ TEST_F(SensorNode, AFailingDeviceDoesNotStopTheOthers) {
     });
 }
 
-// What a node with sensor type 0x10 shows while applications raise (+) and withdraw (-) events.
+// An application raises (+) or withdraws (-) an event.
+struct Step {
+    char sign;
+    const char* app;
+    int32_t event;
+    uint32_t nodeType = 0;
+};
+
+void Take(const std::vector<Step>& steps, SensorNodeEventReporter& reporter) {
+    for (const Step& step : steps) {
+        step.sign == '+' ? reporter.Raise("n", step.app, step.event, step.nodeType)
+                         : reporter.Withdraw("n", step.app, step.event);
+    }
+}
+
+// What a node with sensor type 0x10 shows.
 TEST_F(SensorNode, StandingFaults) {
-    struct Step {
-        char sign;
-        const char* app;
-        int32_t event;
-        uint32_t nodeType = 0;
-    };
     const struct {
         const char* name;
         std::vector<Step> steps;
@@ -142,12 +151,7 @@ TEST_F(SensorNode, StandingFaults) {
         SCOPED_TRACE(test.name);
         WithDevices(1, [&](SensorNodeEventReporter& reporter) {
             reporter.RegisterSensorNode({"n", 1, 0x10});
-            const Strings calls = CallsOf([&] {
-                for (const Step& step : test.steps) {
-                    step.sign == '+' ? reporter.Raise("n", step.app, step.event, step.nodeType)
-                                     : reporter.Withdraw("n", step.app, step.event);
-                }
-            });
+            const Strings calls = CallsOf([&] { Take(test.steps, reporter); });
             Strings expected;
             for (const std::string& sent : test.sent) {
                 expected.push_back("halSensorNodeUpdateState 0 1 " + sent);

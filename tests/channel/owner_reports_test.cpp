@@ -17,7 +17,6 @@ namespace {
 using Fakes::FakeMuxa;
 using Fakes::LogCapture;
 using Call = FakeMuxa::Call;
-using Message::AppStateInfo;
 using Message::RequestMsg;
 
 class OwnerReportsTest : public testing::Test {
