@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -58,32 +59,50 @@ void LayPrivateDev() {
     std::ofstream(MARKER_PATH).flush();
 }
 
+template <typename Number>
+bool TakeNumber(std::string_view& line, Number& number) {
+    const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), number);
+    if (error != std::errc()) {
+        return false;
+    }
+    line.remove_prefix(static_cast<size_t>(end - line.data()));
+    return true;
+}
+
 // Splits "<PRI>Mmm dd hh:mm:ss ident[pid]: text"; some writers leave out the time or the pid.
 SyslogMessage ParseSyslogLine(std::string_view line) {
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\0')) {
+        line.remove_suffix(1);
+    }
     SyslogMessage message;
-    std::string& text = message.text;
-    text = line.substr(0, line.find_last_not_of(std::string_view("\n\0", 2)) + 1);
+    message.text = line;
     int priority = 0;
-    int length = 0;
-    if (sscanf(text.c_str(), "<%3d>%n", &priority, &length) != 1 || length == 0) {
+    if (!line.starts_with('<')) {
         return message;
     }
-    text.erase(0, static_cast<size_t>(length));
+    line.remove_prefix(1);
+    if (!TakeNumber(line, priority) || !line.starts_with('>')) {
+        return message;
+    }
+    line.remove_prefix(1);
     message.level = LOG_PRI(priority);
     message.facility = priority & LOG_FACMASK;
+    // "Mmm dd hh:mm:ss " of fixed width; other writers may leave it out.
     constexpr size_t STAMP = 16;
-    if (text.size() >= STAMP && text[6] == ' ' && text[9] == ':' && text[12] == ':') {
-        text.erase(0, STAMP);
+    if (line.size() >= STAMP && line[6] == ' ' && line[9] == ':' && line[12] == ':') {
+        line.remove_prefix(STAMP);
     }
-    char ident[64] = "";
-    length = 0;
-    if (sscanf(text.c_str(), "%63[^][: ][%d]:%n", ident, &message.pid, &length) < 2) {
-        sscanf(text.c_str(), "%63[^][: ]:%n", ident, &length);
+    message.text = line;
+    const size_t colon = line.find(": ");
+    std::string_view tag = line.substr(0, std::min(colon, line.size()));
+    if (colon == std::string_view::npos || tag.find(' ') != std::string_view::npos) {
+        return message;
     }
-    if (length > 0) {
-        message.ident = ident;
-        text.erase(0, static_cast<size_t>(length) + 1);
-    }
+    message.text = line.substr(colon + 2);
+    const size_t bracket = std::min(tag.find('['), tag.size());
+    message.ident = tag.substr(0, bracket);
+    tag.remove_prefix(std::min(bracket + 1, tag.size()));
+    TakeNumber(tag, message.pid);
     return message;
 }
 
