@@ -16,9 +16,8 @@
 namespace ProcMgr {
 namespace {
 
-// Where everything is that has no group of its own.
+// The cpu group of everything that has none of its own.
 constexpr const char* DEFAULT_CPU_GROUP = "OTHER";
-constexpr const char* DEFAULT_CPUSET = "CtrlCPU";
 // To list the threads of hundreds of processes takes the kernel long. The checks between two
 // thorough ones only count them: one that took the place of another has its maker's groups and
 // cores until then.

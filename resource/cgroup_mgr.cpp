@@ -35,10 +35,6 @@ bool FitsInt32(int64_t value) {
            value <= std::numeric_limits<int32_t>::max();
 }
 
-bool IsUsableGroup(const std::string& group) {
-    return !group.empty() && group.find("..") == std::string::npos;
-}
-
 std::string NameOf(const CgroupPolicyInfo& policy) {
     return {policy.groupName, strnlen(policy.groupName, sizeof(policy.groupName))};
 }
@@ -172,6 +168,10 @@ bool CgroupMgr::WriteToCgroup(const std::string& path, int32_t value) {
     }
     // The kernel's answer comes with the flush.
     return std::fprintf(file.get(), "%" PRId32, value) > 0 && std::fflush(file.get()) == 0;
+}
+
+bool CgroupMgr::IsUsableGroup(const std::string& group) {
+    return !group.empty() && group.find("..") == std::string::npos;
 }
 
 std::vector<std::string> CgroupMgr::GetTaskPaths(const CgroupTaskInfo& task) const {

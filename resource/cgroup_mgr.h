@@ -20,6 +20,9 @@ inline const uint32_t CPU_NUM = std::thread::hardware_concurrency();
 inline constexpr uint32_t CGROUP_OK = 0;
 inline constexpr uint32_t CGROUP_FAILED = 15794959;
 
+// The cpuset of everything that has none of its own.
+inline constexpr const char* DEFAULT_CPUSET = "CtrlCPU";
+
 struct CgroupPolicyInfo {
     char groupName[64] = {};  // of a set in the table, with its zero byte
     uint8_t type = 0;         // 0: CPU quotas, the only type there is
@@ -57,6 +60,8 @@ public:
     // Puts a process or thread into its groups. False when some do not exist: their paths are
     // appended to `error`, the others are joined all the same.
     bool AddToCgroups(const CgroupTaskInfo& task, std::string& error) const;
+    // Whether a group of this name is one that AddToCgroups joins.
+    static bool IsUsableGroup(const std::string& group);
     // The tasks files that AddToCgroups writes, in their order; `task.tid` is not looked at.
     std::vector<std::string> GetTaskPaths(const CgroupTaskInfo& task) const;
 

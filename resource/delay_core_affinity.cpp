@@ -33,7 +33,6 @@ constexpr int CHECKS_MIN = -1;  // no limit
 constexpr int CHECKS_MAX = 100;
 constexpr int CHECKS_DEFAULT = 3;
 constexpr int COUNT_MAX = 127;
-constexpr const char* DEFAULT_CPUSET = "CtrlCPU";
 constexpr const char* CPUS = "/cpuset.cpus";
 
 // What cannot be used is replaced, not refused.
@@ -338,8 +337,7 @@ void DelayCoreAffinity::WakeUpRecover() {
 uint32_t DelayCoreAffinity::ResetToCpuset(const ManagedApp& app) {
     CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
     affinity.RecycleThreadCoreInfo(app.pid, app.name);
-    const bool isUsable = !app.cpuset.empty() && app.cpuset.find("..") == std::string::npos;
-    const std::string cpuset = isUsable ? app.cpuset : DEFAULT_CPUSET;
+    const std::string cpuset = CgroupMgr::IsUsableGroup(app.cpuset) ? app.cpuset : DEFAULT_CPUSET;
     // Some of its cores may be for accelerator work: that must not move it to their cpuset again.
     std::optional<CoreMask> mask =
         affinity.MakeMask(ReadCpusetFile(CGROUP_CPUSET_ROOT + cpuset + CPUS));
