@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "agent/signal_free_thread.h"
-#include "agent/unique_fd.h"
+#include "wire/unique_fd.h"
 
 namespace ProcMgr::Agent {
 namespace {
@@ -48,7 +48,7 @@ bool HeartbeatSender::Start(std::chrono::milliseconds period) {
     if (thread_.joinable()) {
         return true;
     }
-    UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    Wire::UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!socket.IsValid()) {
         return false;
     }

@@ -109,7 +109,7 @@ int Monitor::Start() {
     }
     const int enabled = 1;
     wake_ = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!wake_.Valid() ||
+    if (!wake_.IsValid() ||
         setsockopt(socket_.Fd(), SOL_SOCKET, SO_PASSCRED, &enabled, sizeof(enabled)) != 0) {
         return -errno;
     }

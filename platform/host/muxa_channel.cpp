@@ -70,7 +70,7 @@ bool MuxaChannel::OnReady(std::span<uint8_t> buffer) {
     Step step = Step::NOTHING;
     {
         const std::lock_guard guard(lock_);
-        if (!socket_.Valid()) {
+        if (!socket_.IsValid()) {
             return false;
         }
         FlushLocked();
@@ -144,12 +144,12 @@ int32_t MuxaChannel::SendLocked(const MuxaHeader& header, std::span<const uint8_
 
 // A response is for the peer that asked. Other records of a pipe may wait for the next peer.
 bool MuxaChannel::CanQueueLocked(MuxaKind kind) const {
-    const bool hasPeer = socket_.Valid() && !isBroken_;
+    const bool hasPeer = socket_.IsValid() && !isBroken_;
     return hasPeer || (isPipe_ && kind != MuxaKind::RESPONSE);
 }
 
 bool MuxaChannel::TrySendLocked(const MuxaHeader& header, std::span<const uint8_t> body) {
-    if (!socket_.Valid() || isBroken_) {
+    if (!socket_.IsValid() || isBroken_) {
         return false;
     }
     const SendResult result = SendMuxaPacket(socket_.Get(), header, body);
@@ -171,7 +171,7 @@ void MuxaChannel::ArmLocked() {
     const uint32_t input = isDelivering_ ? 0U : uint32_t{EPOLLIN};
     const uint32_t output = queue_.empty() || isBroken_ ? 0U : uint32_t{EPOLLOUT};
     // Not with an empty set: a hang-up would be reported even so, again and again.
-    if (socket_.Valid() && (input | output) != 0) {
+    if (socket_.IsValid() && (input | output) != 0) {
         workers_.Rearm(socket_.Get(), input | output, Token());
     }
 }
@@ -207,7 +207,7 @@ void MuxaChannel::ShutLocked() {
     isShut_ = true;
     FailCallsLocked(-EBADF);
     queue_.clear();
-    if (socket_.Valid()) {
+    if (socket_.IsValid()) {
         DisconnectLocked();
     }
 }

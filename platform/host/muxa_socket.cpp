@@ -123,7 +123,7 @@ int32_t MakeMuxaDirectories() {
 
 AcceptResult AcceptMuxaPeer(int listener, std::optional<gid_t> gid, AcceptedPeer& peer) {
     UniqueFd socket(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!socket.Valid()) {
+    if (!socket.IsValid()) {
         return ClassifyAcceptError(errno);
     }
     ucred credentials{};

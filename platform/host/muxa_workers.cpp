@@ -24,9 +24,9 @@ constexpr uint32_t MAX_WORKERS = 16;
 
 int32_t MuxaWorkers::Start() {
     const std::lock_guard guard(lock_);
-    if (!epoll_.Valid()) {
+    if (!epoll_.IsValid()) {
         epoll_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
-        if (!epoll_.Valid()) {
+        if (!epoll_.IsValid()) {
             return -errno;
         }
     }

@@ -28,6 +28,7 @@ using Message::AppStateInfo;
 using Message::RequestMsg;
 using std::chrono::steady_clock;
 using testing::ElementsAre;
+using Wire::UniqueFd;
 
 constexpr const char* NAME = "owner";
 const std::string DIRECTORY = "/run/muxa/pipe/";
