@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "platform/host/manifest_keys.h"
-#include "tests/support/syslog_sink.h"
+#include "tests/platform_host/diagnostic_capture.h"
 
 namespace ProcMgr {
 namespace {
@@ -45,9 +45,6 @@ std::string Order(DependGraph graph) {
 class ManifestTest : public testing::Test {
 protected:
     void SetUp() override {
-        if (!sink_.IsReady()) {
-            GTEST_SKIP() << sink_.Error();
-        }
         char path[] = "/tmp/manifest-test-XXXXXX";
         ASSERT_NE(mkdtemp(path), nullptr);
         directory_ = path;
@@ -97,7 +94,7 @@ protected:
         return Order(graph);
     }
 
-    SyslogSink sink_;
+    DiagnosticCapture sink_;
     std::string directory_;
     ParseAndDepend parser_;
     std::vector<ApplicationManifest> manifests_;
