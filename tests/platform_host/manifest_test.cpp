@@ -2,10 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syslog.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -70,6 +73,12 @@ protected:
     // One service with name, bin and the given further lines.
     bool ParseService(const std::string& lines) {
         return Parse(Write("main.yaml", "services:\n- name: a\n  bin: /bin/a\n" + lines));
+    }
+
+    void ExpectRefused(const std::string& path, const std::string& problem) {
+        sink_.Clear();
+        EXPECT_FALSE(Parse(path));
+        EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem))) << path;
     }
 
     std::vector<std::string> Names() const {
@@ -346,19 +355,60 @@ TEST_F(ManifestTest, OnlyRootMayDecideWhatRuns) {
     const std::string file = Write("main.yaml", "services: [{name: a, bin: /b}]\n");
     const std::string top = Write("top.yaml", "include: [main.yaml]\n");
     const std::tuple<mode_t, uid_t, const char*> cases[] = {
-        {0664, 0, "writable by group or others"},
-        {0646, 0, "writable by group or others"},
-        {0644, 1000, "belongs to uid 1000"},
+        {0664, 0, "it is writable by group or others"},
+        {0646, 0, "it is writable by group or others"},
+        {0644, 1000, "it belongs to uid 1000"},
     };
     for (const auto& [mode, owner, problem] : cases) {
         ASSERT_EQ(chmod(file.c_str(), mode), 0);
         ASSERT_EQ(chown(file.c_str(), owner, 0), 0);
         for (const std::string& main : {file, top}) {
-            sink_.Clear();
-            EXPECT_FALSE(Parse(main));
-            EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem)));
+            ExpectRefused(main, problem);
         }
     }
+    ASSERT_EQ(chmod(file.c_str(), 0644), 0);
+    ASSERT_EQ(chown(file.c_str(), 0, 0), 0);
+    const std::string open = directory_ + "/open";
+    const std::string inOpen = Write("open/main.yaml", "services: []\n");
+    const std::string link = directory_ + "/link.yaml";
+    ASSERT_EQ(symlink(inOpen.c_str(), link.c_str()), 0);
+    ASSERT_EQ(chmod(open.c_str(), 0777), 0);
+    for (const std::string& main : {inOpen, link}) {
+        ExpectRefused(main, "directory " + open + " is writable by group or others");
+    }
+    ASSERT_EQ(chmod(open.c_str(), 01777), 0);
+    EXPECT_TRUE(Parse(link)) << "what is root's in a sticky directory is left to root";
+    ASSERT_EQ(chown(open.c_str(), 1000, 0), 0);
+    ExpectRefused(link, "directory " + open + " belongs to uid 1000");
+}
+
+// The memory of a process that must not be looked into is root's to look at, but says what the
+// process likes.
+TEST_F(ManifestTest, PseudoFilesAreNotRead) {
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t attacker = fork();
+    if (attacker == 0) {
+        if (setresuid(1000, 1000, 1000) != 0 || prctl(PR_SET_DUMPABLE, 0) != 0 ||
+            prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || write(ready[1], "", 1) != 1) {
+            _exit(1);
+        }
+        for (;;) {
+            pause();
+        }
+    }
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    const std::string its = "/proc/" + std::to_string(attacker);
+    ExpectRefused(its + "/cmdline", "directory " + its + " belongs to uid 1000");
+    // To read it is to wait for the kernel's next message.
+    ExpectRefused("/proc/kmsg", "it lies on a pseudo file system");
+    KvsTypeYaml top;
+    EXPECT_FALSE(top.InitYamlNode("/dev/tty"));
+    kill(attacker, SIGKILL);
+    EXPECT_EQ(waitpid(attacker, nullptr, 0), attacker);
+    close(ready[0]);
+    close(ready[1]);
 }
 
 TEST_F(ManifestTest, FailureLeavesEverythingAsItWas) {
