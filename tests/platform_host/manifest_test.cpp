@@ -20,6 +20,7 @@
 
 #include "platform/host/manifest_keys.h"
 #include "tests/platform_host/diagnostic_capture.h"
+#include "tests/support/private_mounts.h"
 
 namespace ProcMgr {
 namespace {
@@ -124,6 +125,24 @@ TEST_F(ManifestTest, EntryWithoutOptionalKeysHasTheDefaults) {
     EXPECT_FALSE(manifest.GetIsReporting() || manifest.GetIsDelayCoreAffinity() ||
                  manifest.GetHeartBeatSwitch() || manifest.GetIsDynamicPara());
     EXPECT_THAT(sink_.Lines(), IsEmpty());
+}
+
+TEST_F(ManifestTest, GroupIsThePrimaryOneOfTheUserUnlessGiven) {
+    if (!EnterPrivateMountNamespace()) {
+        GTEST_SKIP() << "no private mount namespace here";
+    }
+    // The record of the first user is longer than any buffer that one would start with.
+    BindFile("root:x:0:5::/:/bin/sh\nlong:x:1001:2002:" + std::string(9000, 'l') +
+                 ":/:/bin/sh\nother:x:1002:3003::/:/bin/sh\n",
+             "/etc/passwd");
+    const std::pair<const char*, uint32_t> cases[] = {
+        {"  uid: 1001\n", 2002},        {"  uid: 1002\n", 3003},
+        {"  uid: 1003\n", 0},           {"", 5},
+        {"  gid: 0\n  uid: 1001\n", 0}, {"  uid: 1001\n  gid: 7\n", 7}};
+    for (const auto& [lines, group] : cases) {
+        ASSERT_TRUE(ParseService(lines));
+        EXPECT_EQ(manifests_[0].GetGid(), group) << lines;
+    }
 }
 
 // Each value differs from its default and from its neighbours, so that a swapped key is seen.
