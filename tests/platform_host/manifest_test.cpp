@@ -287,6 +287,30 @@ TEST_F(ManifestTest, BrokenFilesAreOneErrorAndNeverMore) {
         EXPECT_FALSE(Parse(Write("main.yaml", text)));
         EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem)));
     }
+    // A quote that is never closed, with the line where it opens.
+    const std::pair<const char*, int> unclosed[] = {
+        {"a: \"", 1},
+        {"a: 1\nb: '\n", 2},
+        {"a: 1\nb: \"x\nc: d\n   ", 2},
+        {"a: 'it''\n", 1},
+        {"a: \"x\\\"\r\n", 1},
+        {"a: [1, \"b\nc: d\n", 1},
+        {"a: {b: 'c\nd: e\n", 1},
+        {"a: 1\n\"b\nc\n", 2},
+        {"# it's\na: |\n it's\n \"lone\nb: 'x # y\"\n", 5},
+        {"- a: it's\n  b: \"\"\n- ? 'k\n", 3},
+    };
+    for (const auto& [text, line] : unclosed) {
+        ExpectRefused(Write("main.yaml", text), "never closed");
+        EXPECT_THAT(sink_.LinesAt(LOG_ERR),
+                    ElementsAre(HasSubstr("main.yaml:" + std::to_string(line) + ": ")))
+            << text;
+    }
+    for (const char* end : {"args: ['it''s', \"\\\"\"] # don't\n", "env: {A: \"b\n  'c\"}",
+                            "restart: no # '", "args: []\n  ", "cpuset: |+\n   it's \"\n\n",
+                            "cpuset: >-\n   'x", "cpuset: a\"", "cpuset: it's\n", "cpuset: ''"}) {
+        EXPECT_TRUE(ParseService(std::string("  ") + end)) << end;
+    }
     for (const char* empty : {"", "# nothing yet\n", "services: []"}) {
         EXPECT_TRUE(Parse(Write("main.yaml", empty))) << empty;
     }
