@@ -3,6 +3,7 @@
 #include <sys/epoll.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/host/diagnostics.h"
@@ -12,6 +13,8 @@ namespace PlatformHost {
 namespace {
 
 constexpr size_t MAX_QUEUED = 256;
+// For one peer of a server.
+constexpr std::ptrdiff_t MAX_ANSWERS = 16;
 
 // The line whose callback runs on this thread, 0 outside of callbacks.
 thread_local int32_t deliveringId = 0;
@@ -21,7 +24,7 @@ thread_local int32_t deliveringId = 0;
 void MuxaGate::Call(int32_t fd, const MuxaRequest* request) {
     {
         const std::lock_guard guard(lock_);
-        if (isClosed_) {
+        if (isClosing_) {
             return;
         }
         ++running_;
@@ -41,11 +44,17 @@ int32_t MuxaGate::Close() {
     if (isClosed_) {
         return -EBADF;
     }
+    isClosing_ = true;
     if (running_ > 0) {
         return -EBUSY;
     }
     isClosed_ = true;
     return 0;
+}
+
+bool MuxaGate::IsClosing() {
+    const std::lock_guard guard(lock_);
+    return isClosing_;
 }
 
 uint64_t MuxaChannel::Token() const {
@@ -60,6 +69,7 @@ bool MuxaChannel::Attach(AcceptedPeer peer) {
     socket_ = std::move(peer.socket);
     credentials_ = peer.credentials;
     isBroken_ = false;
+    lastRequest_ = std::chrono::steady_clock::now();
     FlushLocked();
     ArmLocked();
     return true;
@@ -68,6 +78,7 @@ bool MuxaChannel::Attach(AcceptedPeer peer) {
 bool MuxaChannel::OnReady(std::span<uint8_t> buffer) {
     MuxaRequest request;
     Step step = Step::NOTHING;
+    bool isTold = false;
     {
         const std::lock_guard guard(lock_);
         if (!socket_.IsValid()) {
@@ -76,18 +87,22 @@ bool MuxaChannel::OnReady(std::span<uint8_t> buffer) {
         FlushLocked();
         step = isDelivering_ ? Step::NOTHING : ReadLocked(buffer, request);
         isDelivering_ = isDelivering_ || step != Step::NOTHING;
+        isTold = !isClosing_;
         ArmLocked();
     }
     if (step == Step::NOTHING) {
         return false;
     }
-    deliveringId = id_;
-    workers_.BeginBlocking();
-    gate_->Call(id_, step == Step::REQUEST ? &request : nullptr);
-    workers_.EndBlocking();
-    deliveringId = 0;
+    if (isTold) {
+        deliveringId = id_;
+        workers_.BeginBlocking();
+        gate_->Call(id_, step == Step::REQUEST ? &request : nullptr);
+        workers_.EndBlocking();
+        deliveringId = 0;
+    }
     const std::lock_guard guard(lock_);
     isDelivering_ = false;
+    lastRequest_ = std::chrono::steady_clock::now();
     ArmLocked();
     return step == Step::ENDED;
 }
@@ -134,7 +149,7 @@ int32_t MuxaChannel::SendLocked(const MuxaHeader& header, std::span<const uint8_
     if (!CanQueueLocked(header.kind)) {
         return -EPIPE;
     }
-    if (queue_.size() >= MAX_QUEUED) {
+    if (IsFullLocked(header.kind)) {
         return -EAGAIN;
     }
     queue_.push_back({header, {body.begin(), body.end()}});
@@ -146,6 +161,16 @@ int32_t MuxaChannel::SendLocked(const MuxaHeader& header, std::span<const uint8_
 bool MuxaChannel::CanQueueLocked(MuxaKind kind) const {
     const bool hasPeer = socket_.IsValid() && !isBroken_;
     return hasPeer || (isPipe_ && kind != MuxaKind::RESPONSE);
+}
+
+bool MuxaChannel::IsFullLocked(MuxaKind kind) const {
+    if (isPipe_ || kind != MuxaKind::RESPONSE) {
+        return queue_.size() >= MAX_QUEUED;
+    }
+    const auto isAnswer = [](const Packet& packet) {
+        return packet.header.kind == MuxaKind::RESPONSE;
+    };
+    return std::count_if(queue_.begin(), queue_.end(), isAnswer) >= MAX_ANSWERS;
 }
 
 bool MuxaChannel::TrySendLocked(const MuxaHeader& header, std::span<const uint8_t> body) {
@@ -196,11 +221,26 @@ int32_t MuxaChannel::ShutIfIdle() {
     if (isShut_) {
         return -EBADF;
     }
+    isClosing_ = true;
     if (isDelivering_) {
         return -EBUSY;
     }
     ShutLocked();
     return 0;
+}
+
+MuxaChannel::Deadline MuxaChannel::EndIfSilent(Deadline now) {
+    const std::lock_guard guard(lock_);
+    if (isDelivering_ || !socket_.IsValid()) {
+        return now + MAX_SILENCE;
+    }
+    if (now < lastRequest_ + MAX_SILENCE) {
+        return lastRequest_ + MAX_SILENCE;
+    }
+    // The reading side then comes to the end by itself.
+    isBroken_ = true;
+    shutdown(socket_.Get(), SHUT_RDWR);
+    return now + MAX_SILENCE;
 }
 
 void MuxaChannel::ShutLocked() {
