@@ -63,7 +63,7 @@ std::string DirectoryRefusal(const std::string& realPath) {
         }
         const std::string refusal = OwnerRefusal(status);
         if (!refusal.empty()) {
-            return "directory " + directory + " " + refusal;
+            return std::string("directory ").append(directory).append(" ").append(refusal);
         }
     }
     return {};

@@ -399,12 +399,12 @@ TEST_F(MuxaTest, APipeIsForItsServiceAndItsDescendants) {
     OpenPipe("others", answer, other);
     OpenPipe("roots", answer, 0);
     RawPeer root(PipePath("others"));  // holds its pipe, and only its own
-    for (const auto& [name, isServed] :
-         {std::pair{"own", true}, {"others", false}, {"roots", false}}) {
-        EXPECT_TRUE(SucceedsInAnotherProcess([name, isServed] {
+    for (const std::string name : {"own", "others", "roots"}) {
+        EXPECT_TRUE(SucceedsInAnotherProcess([name] {
             const RawPeer peer(PipePath(name));
             peer.TrySend(Packet(2, 7, "hello"));
-            return peer.Error() == 0 && peer.Receive() == (isServed ? Packet(3, 7, "yes") : "");
+            return peer.Error() == 0 &&
+                   peer.Receive() == (name == "own" ? Packet(3, 7, "yes") : "");
         })) << name;
     }
     EXPECT_EQ(recorder_.At(0).request.peerUid, 1000U);
@@ -431,6 +431,15 @@ TEST_F(MuxaTest, AFewFurtherPeersMayWaitForThePipe) {
     EXPECT_EQ(recorder_.At(2).body, "1");
 }
 
+void FloodUntil(const std::atomic<bool>& isOver) {
+    while (!isOver) {
+        const RawPeer peer(ServerPath("flooded"));
+        for (int i = 0; i < 10; ++i) {
+            peer.TrySend(Packet(1, 0, "x"));
+        }
+    }
+}
+
 TEST_F(MuxaTest, ClosingWinsAgainstAFlood) {
     const int32_t server = Keep(MuxaCreateServer(
         {"flooded",
@@ -439,14 +448,7 @@ TEST_F(MuxaTest, ClosingWinsAgainstAFlood) {
     std::atomic<bool> isOver = false;
     std::vector<std::thread> floods;
     for (int i = 0; i < 4; ++i) {
-        floods.emplace_back([&] {
-            while (!isOver) {
-                const RawPeer peer(ServerPath("flooded"));
-                for (int k = 0; k < 10; ++k) {
-                    peer.TrySend(Packet(1, 0, "x"));
-                }
-            }
-        });
+        floods.emplace_back([&isOver] { FloodUntil(isOver); });
     }
     std::this_thread::sleep_for(100ms);
     EXPECT_EQ(MuxaClosePipe(server), -EBUSY) << "the flood is no flood";
