@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "platform/host/heartbeat_peers.h"
+#include "wire/blocked_signals.h"
 
 namespace {
 
@@ -88,19 +89,13 @@ int Monitor::Start() {
     if (opened < 0) {
         return opened;
     }
-    // The program's signals are for its own threads; a new thread inherits the mask.
-    sigset_t all;
-    sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
-    int result = 0;
+    const Wire::BlockedSignals blocked;
     try {
         thread_ = std::thread([self = shared_from_this()] { self->Run(); });
     } catch (const std::system_error& error) {
-        result = -error.code().value();
+        return -error.code().value();
     }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    return result;
+    return 0;
 }
 
 int Monitor::Watch(std::string_view name, pid_t pid, HeartBeatCallback callback) {

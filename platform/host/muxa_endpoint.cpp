@@ -11,7 +11,7 @@
 #include <thread>
 #include <utility>
 
-#include "platform/host/peer_process.h"
+#include "wire/peer_process.h"
 
 namespace PlatformHost {
 
@@ -158,12 +158,16 @@ bool MuxaEndpoint::IsWelcomeLocked(const ucred& credentials) const {
         return true;
     }
     if (settings_.isPipe) {
-        return IsSameOrDescendant(credentials.pid, settings_.pid);
+        return Wire::IsSameOrDescendant(credentials.pid, settings_.pid);
     }
     const auto isSameUser = [&credentials](const auto& entry) {
         return entry.second.uid == credentials.uid;
     };
-    return std::count_if(peers_.begin(), peers_.end(), isSameUser) < MAX_PEERS_OF_USER;
+    const auto isOther = [](const auto& entry) { return entry.second.uid != 0; };
+    // A quarter of the places is root's: users together cannot take them all.
+    const auto places = static_cast<std::ptrdiff_t>(settings_.maxPeers - settings_.maxPeers / 4);
+    return std::count_if(peers_.begin(), peers_.end(), isSameUser) < MAX_PEERS_OF_USER &&
+           std::count_if(peers_.begin(), peers_.end(), isOther) < places;
 }
 
 bool MuxaEndpoint::AdmitLocked(AcceptedPeer peer) {

@@ -1,4 +1,4 @@
-#include "platform/host/peer_process.h"
+#include "wire/peer_process.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,21 +9,11 @@
 
 #include "wire/unique_fd.h"
 
-namespace PlatformHost {
-
+namespace Wire {
 namespace {
 
-constexpr int MAX_GENERATIONS = 64;
 // Pid, name, state and parent come first and are shorter than this.
 constexpr size_t STAT_HEAD = 256;
-
-std::optional<pid_t> ReadParent(pid_t pid) {
-    const std::string path = "/proc/" + std::to_string(pid) + "/stat";
-    const Wire::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::array<char, STAT_HEAD> text{};
-    const ssize_t length = file.IsValid() ? read(file.Get(), text.data(), text.size()) : 0;
-    return length > 0 ? ParentOf({text.data(), static_cast<size_t>(length)}) : std::nullopt;
-}
 
 }  // namespace
 
@@ -41,11 +31,19 @@ std::optional<pid_t> ParentOf(std::string_view stat) {
     return isWhole ? std::optional(parent) : std::nullopt;
 }
 
+std::optional<pid_t> ReadParent(pid_t pid) {
+    const std::string path = "/proc/" + std::to_string(pid) + "/stat";
+    const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::array<char, STAT_HEAD> text{};
+    const ssize_t length = file.IsValid() ? read(file.Get(), text.data(), text.size()) : 0;
+    return length > 0 ? ParentOf({text.data(), static_cast<size_t>(length)}) : std::nullopt;
+}
+
 bool IsSameOrDescendant(pid_t pid, pid_t ancestor) {
     if (ancestor <= 0) {
         return false;
     }
-    for (int i = 0; i <= MAX_GENERATIONS && pid > 0; ++i) {
+    for (int i = 0; i <= GENERATIONS_MAX && pid > 0; ++i) {
         if (pid == ancestor) {
             return true;
         }
@@ -54,4 +52,4 @@ bool IsSameOrDescendant(pid_t pid, pid_t ancestor) {
     return false;
 }
 
-}  // namespace PlatformHost
+}  // namespace Wire
