@@ -196,7 +196,7 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetter) {
   security_context: sc
   node_type: 1538
   numa_type: 2
-  startup_priority: -7
+  startup_priority: 7
   startup_entry: /entry
   heartbeat: TRUE
   sharepool_groups: [{group: g1, access: read}, {access: read-write, group: g2}]
@@ -231,7 +231,7 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetter) {
     EXPECT_EQ(manifest.GetSecurityCon(), "sc");
     EXPECT_EQ(manifest.GetNodeType(), 1538U);
     EXPECT_EQ(manifest.GetNumaType(), 2U);
-    EXPECT_EQ(manifest.GetStartupPriority(), -7);
+    EXPECT_EQ(manifest.GetStartupPriority(), 7);
     EXPECT_EQ(manifest.GetStartupEntryPath(), "/entry");
     EXPECT_TRUE(manifest.GetHeartBeatSwitch());
     EXPECT_THAT(manifest.GetSharepoolGroups(),
@@ -258,6 +258,7 @@ TEST_F(ManifestTest, WrongValuesAreOneErrorWithFileLineAndKey) {
         {"  uid: 010\n", "4: key 'uid': ", "whole number"},
         {"  uid: [0]\n", "4: key 'uid': ", "got a list"},
         {"  term_timeout: 4294967296\n", "4: key 'term_timeout': ", "to 4294967295"},
+        {"  startup_priority: -2\n", "4: key 'startup_priority': ", "from -1 to 2147483647"},
         {"  core_affinity: [1, 1024]\n", "4: key 'core_affinity': ", "element 2: "},
         // Messages cannot forge lines, nor fill the log.
         {"  restart: \"x\\n<0>PANIC\"\n", "4: key 'restart': ", "'x?<0>PANIC'"},
@@ -362,6 +363,13 @@ services:
                     file + ":6: key 'match': not a key of a service, ignored",
                     file + ":7: key 'sharepool_groups': element 1: element 'size': unknown key, "
                            "ignored"));
+
+    // Whoever takes a few lines only must get the error.
+    sink_.Clear();
+    EXPECT_FALSE(ParseService("  a: 1\n  b: 1\n  c: 1\n  d: 1\n  e: 1\n  f: 1\n  uid: x\n"));
+    ASSERT_THAT(sink_.Lines(), SizeIs(6));
+    EXPECT_THAT(sink_.Lines().front(), StartsWith(file + ":10: key 'uid': "));
+    EXPECT_EQ(sink_.Lines().back(), file + ": 2 further warnings");
 }
 
 TEST_F(ManifestTest, IncludesComeFirstAndOnce) {
