@@ -144,7 +144,6 @@ pid_t ProcessLauncher::Fork(const LaunchPlan& plan) {
     pid_t child = -1;
     int error = 0;
     {
-        const LogForkGuard logGuard;
         child = Sys::fork();
         error = errno;
     }

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <utility>
 
-#include "channel/muxa_retry.h"
+#include "main/muxa_retry.h"
 #include "main/constants.h"
 #include "main/log.h"
 #include "main/system.h"

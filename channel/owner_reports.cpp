@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "channel/muxa_retry.h"
+#include "main/muxa_retry.h"
 #include "main/boot_trace.h"
 #include "main/constants.h"
 #include "main/log.h"

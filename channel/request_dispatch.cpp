@@ -5,7 +5,7 @@
 #include <cstring>
 #include <memory>
 
-#include "channel/muxa_retry.h"
+#include "main/muxa_retry.h"
 #include "main/log.h"
 #include "message/serialization.h"
 
