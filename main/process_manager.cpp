@@ -59,7 +59,8 @@ ProcessManager::ProcessManager(const std::string& path)
                     .getOwners = [this] { return baseServices_.GetOwners(); }}),
       managedRecords_(
           {[this](const App::RecordVisitor& visitor) { return baseServices_.Visit(visitor); },
-           [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }}),
+           [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }},
+          [this](const std::string& name) { return startupConfig_.Find(name).has_value(); }),
       affinityCheck_(managedRecords_),
       delayCoreAffinity_(managedRecords_),
       uploadRegistry_(sharePool_, managedRecords_),
@@ -85,7 +86,7 @@ ProcessManager::~ProcessManager() {
     JoinThreads();
     // A restart may have registered one in between.
     DisableAllCheckHeartBeat();
-    uploadRegistry_.Close();
+    uploadRegistry_.Close(std::chrono::steady_clock::now() + std::chrono::milliseconds(500));
     pipes_.CloseAll();
     ProcMgrEnv::GetInstance().CloseChildErrorPipe();
     CloseLog();
