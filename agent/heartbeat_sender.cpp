@@ -1,30 +1,34 @@
 #include "agent/heartbeat_sender.h"
 
 #include <sys/socket.h>
-#include <sys/un.h>
 
-#include <cstring>
+#include <cerrno>
 #include <optional>
-#include <string_view>
 #include <utility>
 
+#include "agent/packet_socket.h"
 #include "agent/signal_free_thread.h"
-#include "agent/unique_fd.h"
 
 namespace ProcMgr::Agent {
 namespace {
 
-constexpr std::string_view SOCKET_PATH = "/run/heartbeat.sock";
+constexpr const char* SOCKET_PATH = "/run/heartbeat.sock";
 constexpr std::chrono::hours PERIOD_MAX{1};
 
-void SendBeat(int fd, const std::string& name) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    static_assert(SOCKET_PATH.size() < sizeof(address.sun_path));
-    std::memcpy(address.sun_path, SOCKET_PATH.data(), SOCKET_PATH.size());
-    // To the path each time: a restarted daemon has a new socket under it.
-    sendto(fd, name.data(), name.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-           reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+// Connects where there is no connection, or where the daemon has ended it: it closes those of
+// processes that it does not know yet, and may have been restarted.
+void SendBeat(UniqueFd& connection, const std::string& name) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (!connection.IsValid()) {
+            connection = ConnectSocket(SOCKET_PATH);
+        }
+        if (!connection.IsValid() ||
+            send(connection.Get(), name.data(), name.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 ||
+            errno == EAGAIN) {
+            return;
+        }
+        connection.Reset();
+    }
 }
 
 }  // namespace
@@ -48,12 +52,7 @@ bool HeartbeatSender::Start(std::chrono::milliseconds period) {
     if (thread_.joinable()) {
         return true;
     }
-    UniqueFd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!socket.IsValid()) {
-        return false;
-    }
-    std::optional<std::thread> thread =
-        StartSignalFreeThread([this, owned = std::move(socket)] { Run(owned.Get()); });
+    std::optional<std::thread> thread = StartSignalFreeThread([this] { Run(); });
     if (!thread) {
         return false;
     }
@@ -73,10 +72,11 @@ void HeartbeatSender::Stop() {
     }
 }
 
-void HeartbeatSender::Run(int fd) {
+void HeartbeatSender::Run() {
+    UniqueFd connection;
     std::unique_lock lock(mutex_);
     while (period_ > std::chrono::milliseconds::zero()) {
-        SendBeat(fd, serviceName_);
+        SendBeat(connection, serviceName_);
         const std::chrono::milliseconds period = period_;
         changed_.wait_for(lock, period, [&] { return period_ != period; });
     }

@@ -20,15 +20,14 @@ public:
 
     // Sends a beat now and one each `period` from then on; when beats are being sent already, only
     // their period changes. A daemon that is absent or busy misses beats, nothing else happens.
-    // False when the period is not positive or over an hour, or there is no socket or thread to be
-    // had.
+    // False when the period is not positive or over an hour, or there is no thread to be had.
     bool Start(std::chrono::milliseconds period);
 
     // No beat is sent once this returns. Returns at once.
     void Stop();
 
 private:
-    void Run(int fd);
+    void Run();
 
     const std::string serviceName_;
     std::mutex control_;  // held by Start and Stop as a whole, taken before mutex_

@@ -17,10 +17,10 @@
 #include <vector>
 
 #include "agent/heartbeat_sender.h"
-#include "agent/unique_fd.h"
 #include "message/delay_core_affinity.h"
 #include "message/enum_names.h"
 #include "message/request_msg.h"
+#include "wire/unique_fd.h"
 
 namespace ProcMgr::Agent {
 
@@ -135,7 +135,7 @@ private:
 
     mutable std::mutex mutex_;  // guards all that follows
     std::condition_variable attached_;
-    UniqueFd wake_;  // set before the thread starts, then constant
+    Wire::UniqueFd wake_;  // set before the thread starts, then constant
     std::thread thread_;
     bool isStopping_ = false;
     int fd_ = -1;  // the connection, open for as long as this is not -1; owned by the thread

@@ -9,9 +9,11 @@
 #include <span>
 #include <string>
 
-#include "agent/unique_fd.h"
+#include "wire/unique_fd.h"
 
 namespace ProcMgr::Agent {
+
+using Wire::UniqueFd;
 
 // Between two attempts to connect.
 inline constexpr std::chrono::milliseconds RETRY_PAUSE{20};

@@ -1,9 +1,5 @@
 #include "app/app_info.h"
 
-#include <sched.h>
-
-#include <array>
-
 #include "app/exit_status.h"
 #include "app/signals.h"
 #include "main/constants.h"
@@ -13,71 +9,14 @@
 namespace ProcMgr::App {
 namespace {
 
-constexpr int PRIORITY_MAX = 99;
-constexpr uint32_t AFFINITY_MARKER = 255;
 // Exit code of a child whose execv failed with an input/output error.
 constexpr int EXIT_INPUT_OUTPUT_ERROR = 125;
 
-constexpr std::array SYSTEM_POLICIES = {SCHED_OTHER, SCHED_BATCH, SCHED_IDLE, SCHED_FIFO, SCHED_RR};
-static_assert(SYSTEM_POLICIES.size() == static_cast<size_t>(SchedPolicyType::NOT_SET));
-
-// A real-time priority of 1 to 99; -1 for any other text. Only a non-digit is worth a log line.
-int ParsePriority(const std::string& appName, const std::string& text) {
-    int value = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9') {
-            ProcMgrLog(LOG_INFO, "PROCMGR : %s, set_rt_prio has invalid char=%s", appName.c_str(),
-                       text.c_str());
-            return -1;
-        }
-        value = value * 10 + (c - '0');
-        if (value > PRIORITY_MAX) {
-            return -1;
-        }
-    }
-    return value == 0 ? -1 : value;
-}
-
-SchedPolicyType ParsePolicy(const std::string& text) {
-    if (text == "SCHED_FIFO") {
-        return SchedPolicyType::FIFO;
-    }
-    return text == "SCHED_RR" ? SchedPolicyType::ROUND_ROBIN : SchedPolicyType::NOT_SET;
-}
-
 }  // namespace
-
-int ToSystemPolicy(SchedPolicyType policy) {
-    const auto code = static_cast<size_t>(policy);
-    return code < SYSTEM_POLICIES.size() ? SYSTEM_POLICIES[code] : SCHED_OTHER;
-}
 
 AppInfo::AppInfo(const ApplicationManifest& manifest, const std::string& appName,
                  const std::string& owner)
-    : appName_(appName),
-      uid_(manifest.GetUid()),
-      gid_(manifest.GetGid()),
-      coreAffinity_(manifest.GetCoreAffinity()),
-      resGroupName_(manifest.GetResGroupName()),
-      execPath_(manifest.GetBinPath()),
-      arguments_(manifest.GetArguments()),
-      envs_(manifest.GetEnvArgv()),
-      termTimeout_(manifest.GetTermTimeOut()),
-      home_(ProcMgrEnv::GetInstance().GetHome()),
-      securityCon_(manifest.GetSecurityCon()),
-      cpuset_(manifest.GetCpuset()),
-      restartPolicy_(manifest.GetRestart()),
-      owner_(owner),
-      nodeType_(manifest.GetNodeType()),
-      startupPriority_(manifest.GetStartupPriority()),
-      isDelayCoreAffinity_(manifest.GetIsDelayCoreAffinity()),
-      vfId_(manifest.GetVfId()),
-      isDynamicPara_(manifest.GetIsDynamicPara()),
-      blkioGroupName_(manifest.GetBlkioGroupName()),
-      cgroupPath_(manifest.GetCGroupPath()),
-      numaType_(manifest.GetNumaType()) {
-    ApplyScheduling(manifest);
-}
+    : AppSpec(manifest, appName), home_(ProcMgrEnv::GetInstance().GetHome()), owner_(owner) {}
 
 void AppInfo::SetExitStatus(int32_t status) {
     exitStatus_ = status;
@@ -94,43 +33,6 @@ bool AppInfo::TermProcess() const {
         SendSignal(SIGTERM, appName_, pid_);
     }
     return true;
-}
-
-void AppInfo::ApplyScheduling(const ApplicationManifest& manifest) {
-    ApplyRealTime(manifest);
-    if (!coreAffinity_.empty() && coreAffinity_.front() == AFFINITY_MARKER) {
-        coreAffinity_.clear();
-        schedPolicy_ = SchedPolicyType::FIFO;
-        rtPriority_ = PRIORITY_MAX;
-        ProcMgrLog(LOG_INFO, "PROCMGR : %s, update schedPolicy to SCHED_FIFO", appName_.c_str());
-    }
-    if (coreAffinity_.empty()) {
-        isDelayCoreAffinity_ = false;
-    }
-}
-
-void AppInfo::ApplyRealTime(const ApplicationManifest& manifest) {
-    rtEnable_ = false;
-    schedPolicy_ = SchedPolicyType::NOT_SET;
-    rtPriority_ = -1;
-    const std::string text = manifest.GetSetRtPrio();
-    if (text.empty() || text == "false") {
-        return;
-    }
-    if (text == "true") {
-        rtEnable_ = true;
-        return;
-    }
-    const int priority = ParsePriority(appName_, text);
-    const SchedPolicyType policy = ParsePolicy(manifest.GetSetRtType());
-    if (priority < 0 || policy == SchedPolicyType::NOT_SET) {
-        return;
-    }
-    rtEnable_ = true;
-    schedPolicy_ = policy;
-    rtPriority_ = priority;
-    ProcMgrLog(LOG_INFO, "PROCMGR : %s, rtPrio=%d, rtPolicy=%s", appName_.c_str(), priority,
-               manifest.GetSetRtType().c_str());
 }
 
 ProcessState AppInfo::CheckStarting() {

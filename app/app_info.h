@@ -1,4 +1,4 @@
-// The record of one managed process: what its manifest says, the process that runs for it, its
+// The record of one managed process: what it was started by, the process that runs for it, its
 // state and its exit. Records have no lock: the container that holds one guards it.
 //
 // States (ProcessState), and who moves a record between them:
@@ -18,12 +18,16 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <deque>
 #include <map>
+#include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "app/app_spec.h"
 #include "main/system.h"
 #include "message/enum_names.h"
 #include "platform/manifest.h"
@@ -31,25 +35,10 @@
 namespace ProcMgr::App {
 
 class ProcessLauncher;
+struct LaunchPlan;
 
-// A record's scheduling policy, translated to the operating system's only when it is applied.
-enum class SchedPolicyType : uint32_t {
-    OTHER = 0,
-    BATCH = 1,
-    IDLE = 2,
-    FIFO = 3,
-    ROUND_ROBIN = 4,
-    NOT_SET = 5,
-};
-
-// The operating system's policy; SCHED_OTHER for what is not in the table.
-int ToSystemPolicy(SchedPolicyType policy);
-
-class AppInfo {
+class AppInfo : public AppSpec {
 public:
-    // A start-up priority that is none.
-    static constexpr int32_t NO_PRIORITY = -1;
-
     AppInfo(const ApplicationManifest& manifest, const std::string& appName,
             const std::string& owner);
     virtual ~AppInfo() = default;
@@ -72,8 +61,14 @@ public:
     // True while there is a process that may be signalled: started, its exit not collected.
     bool IsAlive() const { return pid_ > 0 && !exitStatusSet_; }
 
-    // Started by the daemon itself, and reported to the access manager.
-    bool IsPriority() const { return startupPriority_ != NO_PRIORITY; }
+    // What the next process is started by. The record's own fields belong to the process.
+    void TakeSpec(AppSpec spec) { static_cast<AppSpec&>(*this) = std::move(spec); }
+
+    // True from the end of a process until it is decided whether its restart has come about: the
+    // record is neither alive nor gone, and whoever depends on it waits.
+    bool IsUndecided() const {
+        return (isLaunching_ && !IsAlive()) || (exitStatusSet_ && state_ != TERMINATED);
+    }
 
     // True when a state check would find nothing new and leave the record as it is: what nearly all
     // records are nearly all the time.
@@ -86,60 +81,27 @@ public:
     // signalled.
     bool TermProcess() const;
 
-    std::string appName_;
     int32_t pid_ = 0;
-    uint32_t uid_ = 0;
-    uint32_t gid_ = 0;
-    std::vector<uint32_t> coreAffinity_;
-    std::string resGroupName_;
     ProcessState state_ = INITSTATE;
     ReportAppStateType reportType_ = INVALID_INTERMEDIATE_STATE;
-    std::string execPath_;
-    std::vector<std::string> arguments_;
-    std::map<std::string, std::string> envs_;
-    uint32_t termTimeout_ = 0;  // milliseconds
     bool exitedWith125_ = false;
+    // A start of the record is under way: it belongs to the thread that does it, supervision leaves
+    // it alone until that thread gives it back.
+    bool isLaunching_ = false;
     std::string home_;
-    std::string securityCon_;
-    std::string cpuset_;
-    bool isReporting_ = false;
-    std::string restartPolicy_;
     std::string owner_;
-    uint32_t nodeType_ = 0;
-    int32_t startupPriority_ = NO_PRIORITY;
-    bool isDelayCoreAffinity_ = false;
     std::set<int32_t> tids_;
     bool exitStatusSet_ = false;
     int32_t exitStatus_ = 0;  // as waitpid gives it
     SteadyTime startTime_{};  // just before the fork
-    int32_t vfId_ = -1;
-    bool isDynamicPara_ = false;
-    std::string blkioGroupName_;
-    std::map<std::string, std::string> cgroupPath_;
-    uint32_t numaType_ = 0;
-    bool dynamicExecPath_ = false;
-    std::string execPathPattern_;
-    bool dynamicArguments_ = false;
-    std::map<std::string, std::string> envPatterns_;  // every configured entry
-    bool dynamicVfId_ = false;
-    std::string vfIdPattern_;
-    SchedPolicyType schedPolicy_ = SchedPolicyType::NOT_SET;
-    bool rtEnable_ = false;
-    int32_t rtPriority_ = -1;
 
 protected:
-    // Applies the real-time settings and the core-affinity marker of a manifest.
-    void ApplyScheduling(const ApplicationManifest& manifest);
-
     // The checks that both kinds share. `exited` names the transition in the log.
     ProcessState CheckStarting();
     ProcessState CheckRunning();
 
     // Logs the exit and decides whether it was a normal one.
     void ClassifyExit(int32_t status);
-
-private:
-    void ApplyRealTime(const ApplicationManifest& manifest);
 };
 
 // An application started on request. Owned through shared pointers.
@@ -148,47 +110,54 @@ public:
     GeneralAppInfo(const std::string& appName, const ApplicationManifest& manifest,
                    const std::string& owner);
 
-    // Takes over what a changed manifest says; what runs goes on as it is.
-    void Refresh(const ApplicationManifest& manifest, const std::string& appName);
+    // Takes note of what the configuration says now: it counts from the next start, its time-out
+    // from the next request to end.
+    void Refresh(const ApplicationManifest& manifest);
 
-    // Applies what a start request supplies: arguments, and by index the executable path, the
-    // virtual function id and environment entries. Nothing when the manifest has no patterns to be
-    // filled. False, with a log line, when a value does not match its pattern; what came before it
-    // stays.
-    bool UpdateDynamicPara(const std::vector<std::string>& argv,
-                           const std::map<int, std::vector<std::string>>& dynamicPara);
-    bool UpdateExecvPath(const std::vector<std::string>& values);
-    bool UpdateVfId(const std::vector<std::string>& values);
-    bool UpdateEnv(const std::vector<std::string>& values);
+    // What a start by the configuration's present entry would be, with what a request supplies.
+    // Nothing, with a log line, when a value is refused. Changes nothing.
+    std::optional<AppSpec> MakeStart(
+        const std::vector<std::string>& argv,
+        const std::map<int, std::vector<std::string>>& dynamicPara) const;
 
-    // Forks and executes; see ProcessLauncher. The caller sets the state.
-    bool StartProcess(ProcessLauncher& launcher);
+    // A terminate or restart begins at `now`.
+    void BeginTermination(SteadyTime now);
 
-    // Returns the state that follows, and does what is due at `now`: the kill after a time-out,
-    // the start after the exit of a restart.
-    ProcessState CheckState(SteadyTime now, ProcessLauncher& launcher);
+    // What the process that follows a restart is started by.
+    void SetNext(AppSpec spec) { next_ = std::move(spec); }
+    void TakeNext();
+
+    // Forks and executes; see ProcessLauncher::Fork. The caller sets the state.
+    bool StartProcess(ProcessLauncher& launcher, LaunchPlan& plan);
+
+    // Returns the state that follows, and does what is due at `now`: the kill after a time-out.
+    ProcessState CheckState(SteadyTime now);
+
+    // Whether the old process of a restart is gone and the new one has not been started.
+    bool IsRestartDue() const { return state_ == RESTARTING && !restartStarted_ && exitStatusSet_; }
+    // The outcome of the start that was due. Returns the state that follows.
+    ProcessState FinishRestart(bool isStarted);
 
     // The begin of a terminate or restart.
     void SetTermStartTime(SteadyTime now) { termStartTime_ = now; }
     SteadyTime GetTermStartTime() const { return termStartTime_; }
 
     SteadyTime termStartTime_{};
-    int32_t nice_ = 0;
-    bool forceTerm_ = false;
     bool savedForceTerm_ = false;
     bool killSent_ = false;
-    std::vector<std::pair<std::string, std::string>> sharepoolGroups_;
-    bool heartBeatSwitch_ = false;
     bool restartStarted_ = false;
+    std::string asker_;     // of a priority application's start: who else is told of it
+    uint64_t changes_ = 0;  // of state that supervision has told of
 
 private:
     int64_t MillisecondsSinceTerm(SteadyTime now) const;
     void Kill();
     ProcessState CheckTerminating(SteadyTime now);
-    ProcessState CheckRestarting(SteadyTime now, ProcessLauncher& launcher);
-    ProcessState CheckRestartWait(SteadyTime now, ProcessLauncher& launcher);
+    ProcessState CheckRestartWait(SteadyTime now);
     ProcessState CheckRestartDone();
-    void DetectDynamicParameters(const ApplicationManifest& manifest);
+
+    std::shared_ptr<const AppSpec> entry_;  // what the configuration says now, as it stands there
+    std::optional<AppSpec> next_;           // of a restart that has begun
 };
 
 // A service started at boot. Held by value.
@@ -196,21 +165,21 @@ class BaseAppInfo : public AppInfo {
 public:
     explicit BaseAppInfo(const ApplicationManifest& manifest);
 
-    // Forks and executes; see ProcessLauncher. STARTING afterwards.
-    bool StartProcess(ProcessLauncher& launcher);
+    // Forks and executes; see ProcessLauncher::Fork. STARTING afterwards.
+    bool StartProcess(ProcessLauncher& launcher, LaunchPlan& plan);
 
     // Returns the state that follows.
     ProcessState CheckState();
+
+    // Whether its policy restarts it at all.
+    bool IsRestartable() const;
 
     // Whether the policy allows a restart at `now`. Each restart that it allows under "on-failure"
     // counts; the sixth within a minute turns the policy into "no".
     bool NeedRestart(SteadyTime now);
 
-    std::set<std::string> dependList_;
-    bool forceTerm_ = false;
-    std::string startupEntryPath_;
-    std::vector<SteadyTime> restartTimes_;  // of the last five restarts at most, oldest first
-    bool isReady_ = false;                  // its present process has said that it is ready
+    std::deque<SteadyTime> restartTimes_;  // of the last five restarts at most, oldest first
+    bool isReady_ = false;                 // its present process has said that it is ready
 };
 
 }  // namespace ProcMgr::App

@@ -19,15 +19,12 @@ constexpr std::chrono::nanoseconds RESTART_LIMIT =
 }  // namespace
 
 BaseAppInfo::BaseAppInfo(const ApplicationManifest& manifest)
-    : AppInfo(manifest, manifest.GetAppName(), std::string()),
-      dependList_(manifest.GetDependList()),
-      forceTerm_(manifest.GetIsForceTerm()),
-      startupEntryPath_(manifest.GetStartupEntryPath()) {
+    : AppInfo(manifest, manifest.GetAppName(), std::string()) {
     isReporting_ = manifest.GetIsReporting();
 }
 
-bool BaseAppInfo::StartProcess(ProcessLauncher& launcher) {
-    if (launcher.Launch(*this) < 0) {
+bool BaseAppInfo::StartProcess(ProcessLauncher& launcher, LaunchPlan& plan) {
+    if (launcher.Fork(*this, plan) < 0) {
         return false;
     }
     state_ = STARTING;
@@ -69,6 +66,10 @@ ProcessState BaseAppInfo::CheckState() {
     }
 }
 
+bool BaseAppInfo::IsRestartable() const {
+    return restartPolicy_ == RESTART_ON_FAILURE || restartPolicy_ == RESTART_ON_FOREVER;
+}
+
 bool BaseAppInfo::NeedRestart(SteadyTime now) {
     if (restartPolicy_ == RESTART_ON_FOREVER) {
         return true;
@@ -83,7 +84,7 @@ bool BaseAppInfo::NeedRestart(SteadyTime now) {
             restartPolicy_ = RESTART_NO;
             return false;
         }
-        restartTimes_.erase(restartTimes_.begin());
+        restartTimes_.pop_front();
     }
     restartTimes_.push_back(now);
     return true;

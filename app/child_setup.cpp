@@ -35,6 +35,13 @@ StepResult ResetSignals(ChildContext& /*child*/) {
     return StepResult::GO_ON;
 }
 
+// A session of its own: a signal to its process group, or a terminal that hangs up, is for this
+// service alone.
+StepResult StartSession(ChildContext& /*child*/) {
+    [[maybe_unused]] const pid_t session = Sys::setsid();
+    return StepResult::GO_ON;
+}
+
 // The daemon opens everything close-on-exec; a library in it may not. Kernels before 5.11 cannot.
 StepResult SealDescriptors(ChildContext& /*child*/) {
     constexpr unsigned FIRST = STDERR_FILENO + 1;
@@ -216,20 +223,33 @@ StepResult SetStartupEntry(ChildContext& child) {
     return StepResult::GO_ON;
 }
 
+// The daemon's cores are not for an application that is bound later. A bind that comes between the
+// fork and here has been undone by this.
+bool IsBindAwaited(ChildContext& child) {
+    if (!child.plan.isDelayed) {
+        return false;
+    }
+    CoreAffinityMgr::PinTo(child.pid, CoreAffinityMgr::AllCores(), child.error);
+    return BindCount::GetInstance().Get() == child.bindCount;
+}
+
+// The parent has logged a missing tasks file of the accelerator's cores.
 StepResult BindCores(ChildContext& child) {
-    const std::optional<CoreMask>& mask = child.plan.coreMask;
-    if (child.aiTasksFd < 0) {
-        CoreAffinityMgr::ApplyMask(child.pid, mask, child.error);
+    if (IsBindAwaited(child)) {
         return StepResult::GO_ON;
     }
-    const std::string line = std::to_string(child.pid) + '\n';
-    [[maybe_unused]] const ssize_t written = Sys::write(child.aiTasksFd, line.data(), line.size());
-    CoreAffinityMgr::ApplyMask(child.pid, CoreMask{mask->cores, 0}, child.error);
+    if (child.aiTasksFd >= 0) {
+        const std::string line = std::to_string(child.pid) + '\n';
+        [[maybe_unused]] const ssize_t written =
+            Sys::write(child.aiTasksFd, line.data(), line.size());
+    }
+    CoreAffinityMgr::PinTo(child.pid, child.plan.coreMask, child.error);
     return StepResult::GO_ON;
 }
 
 constexpr std::array GENERAL_STEPS = {
     ChildStep{"signals", ResetSignals},
+    ChildStep{"session", StartSession},
     ChildStep{"descriptors", SealDescriptors},
     ChildStep{"pid", StorePid},
     ChildStep{"real-time limit", RaiseRealTimeLimit},
@@ -249,6 +269,7 @@ constexpr std::array GENERAL_STEPS = {
 
 constexpr std::array BASE_STEPS = {
     ChildStep{"signals", ResetSignals},
+    ChildStep{"session", StartSession},
     ChildStep{"descriptors", SealDescriptors},
     ChildStep{"pid", StorePid},
     ChildStep{"real-time limit", RaiseRealTimeLimit},
@@ -278,6 +299,7 @@ ChildContext::ChildContext(const LaunchPlan& launchPlan) : plan(launchPlan) {
     if (plan.coreMask && plan.coreMask->aiCores > 0) {
         aiTasksFd = CoreAffinityMgr::OpenAiCpuset();
     }
+    bindCount = BindCount::GetInstance().Get();
 }
 
 ChildContext::~ChildContext() {

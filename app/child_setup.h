@@ -1,7 +1,8 @@
 // What a child does between fork and execv: a list of named steps over the launch plan. The child
-// takes no lock but the log's, which the forking thread holds, and never returns into the daemon.
+// takes no lock of the daemon's, does not log, and never returns into the daemon.
 #pragma once
 
+#include <cstdint>
 #include <span>
 #include <string>
 #include <vector>
@@ -19,7 +20,10 @@ struct ChildContext {
 
     const LaunchPlan& plan;
     std::vector<char*> argv;  // points into the plan, ends with null
-    int aiTasksFd = -1;       // opened by root: the child needs it when it has another identity
+    // Opened by root: the child may have another identity. -1 without such cores or without the
+    // file.
+    int aiTasksFd = -1;
+    uint32_t bindCount = 0;  // as it was before the fork
     pid_t pid = 0;
     std::string error;  // one entry, ending in ";", for each step that failed
 };

@@ -1,7 +1,7 @@
 // The values that a start request supplies for the patterns of a manifest.
 #include <climits>
 
-#include "app/app_info.h"
+#include "app/app_spec.h"
 #include "main/log.h"
 
 namespace ProcMgr::App {
@@ -13,13 +13,13 @@ using Values = std::vector<std::string>;
 
 struct Parameter {
     Index index;
-    bool (GeneralAppInfo::*update)(const Values& values);
+    bool (AppSpec::*update)(const Values& values);
 };
 
 constexpr Parameter PARAMETERS[] = {
-    {EXEC_PATH, &GeneralAppInfo::UpdateExecvPath},
-    {VF_ID, &GeneralAppInfo::UpdateVfId},
-    {ENVIRONMENT, &GeneralAppInfo::UpdateEnv},
+    {EXEC_PATH, &AppSpec::UpdateExecvPath},
+    {VF_ID, &AppSpec::UpdateVfId},
+    {ENVIRONMENT, &AppSpec::UpdateEnv},
 };
 
 // Digits only; an empty text is 0, anything else and what is too large is -1.
@@ -39,8 +39,7 @@ int32_t ParseVfId(const std::string& text) {
 
 }  // namespace
 
-bool GeneralAppInfo::UpdateDynamicPara(const Values& argv,
-                                       const std::map<int, Values>& dynamicPara) {
+bool AppSpec::UpdateDynamicPara(const Values& argv, const std::map<int, Values>& dynamicPara) {
     if (!isDynamicPara_) {
         return true;
     }
@@ -56,7 +55,7 @@ bool GeneralAppInfo::UpdateDynamicPara(const Values& argv,
     return true;
 }
 
-bool GeneralAppInfo::UpdateExecvPath(const Values& values) {
+bool AppSpec::UpdateExecvPath(const Values& values) {
     if (!dynamicExecPath_) {
         return true;
     }
@@ -80,7 +79,7 @@ bool GeneralAppInfo::UpdateExecvPath(const Values& values) {
     return true;
 }
 
-bool GeneralAppInfo::UpdateVfId(const Values& values) {
+bool AppSpec::UpdateVfId(const Values& values) {
     if (!dynamicVfId_) {
         return true;
     }
@@ -101,7 +100,7 @@ bool GeneralAppInfo::UpdateVfId(const Values& values) {
     return true;
 }
 
-bool GeneralAppInfo::UpdateEnv(const Values& values) {
+bool AppSpec::UpdateEnv(const Values& values) {
     if (envPatterns_.empty()) {
         return true;
     }

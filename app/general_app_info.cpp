@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "app/app_info.h"
 #include "app/exit_status.h"
 #include "app/process_launcher.h"
@@ -10,51 +8,39 @@ namespace ProcMgr::App {
 
 GeneralAppInfo::GeneralAppInfo(const std::string& appName, const ApplicationManifest& manifest,
                                const std::string& owner)
-    : AppInfo(manifest, appName, owner),
-      nice_(manifest.GetNice()),
-      forceTerm_(manifest.GetIsForceTerm()),
-      sharepoolGroups_(manifest.GetSharepoolGroups()),
-      heartBeatSwitch_(manifest.GetHeartBeatSwitch()) {
-    DetectDynamicParameters(manifest);
+    : AppInfo(manifest, appName, owner), entry_(std::make_shared<const AppSpec>(*this)) {}
+
+void GeneralAppInfo::Refresh(const ApplicationManifest& manifest) {
+    entry_ = std::make_shared<const AppSpec>(manifest, appName_);
 }
 
-void GeneralAppInfo::Refresh(const ApplicationManifest& manifest, const std::string& appName) {
-    appName_ = appName;
-    coreAffinity_ = manifest.GetCoreAffinity();
-    resGroupName_ = manifest.GetResGroupName();
-    execPath_ = manifest.GetBinPath();
-    arguments_ = manifest.GetArguments();
-    uid_ = manifest.GetUid();
-    gid_ = manifest.GetGid();
-    nice_ = manifest.GetNice();
-    envs_ = manifest.GetEnvArgv();
-    forceTerm_ = manifest.GetIsForceTerm();
-    termTimeout_ = manifest.GetTermTimeOut();
-    sharepoolGroups_ = manifest.GetSharepoolGroups();
-    securityCon_ = manifest.GetSecurityCon();
-    cpuset_ = manifest.GetCpuset();
-    heartBeatSwitch_ = manifest.GetHeartBeatSwitch();
-    vfId_ = manifest.GetVfId();
-    blkioGroupName_ = manifest.GetBlkioGroupName();
-    cgroupPath_ = manifest.GetCGroupPath();
-    ApplyScheduling(manifest);
+std::optional<AppSpec> GeneralAppInfo::MakeStart(
+    const std::vector<std::string>& argv,
+    const std::map<int, std::vector<std::string>>& dynamicPara) const {
+    std::optional<AppSpec> spec = *entry_;
+    return spec->UpdateDynamicPara(argv, dynamicPara) ? spec : std::nullopt;
 }
 
-bool GeneralAppInfo::StartProcess(ProcessLauncher& launcher) {
-    return launcher.Launch(*this) >= 0;
+void GeneralAppInfo::BeginTermination(SteadyTime now) {
+    termStartTime_ = now;
+    killSent_ = false;
+    termTimeout_ = entry_->termTimeout_;
+    forceTerm_ = entry_->forceTerm_;
 }
 
-void GeneralAppInfo::DetectDynamicParameters(const ApplicationManifest& manifest) {
-    dynamicExecPath_ = ParseAndDepend::IsDynamicPara(execPath_);
-    execPathPattern_ = execPath_;
-    dynamicArguments_ =
-        std::any_of(arguments_.begin(), arguments_.end(), ParseAndDepend::IsDynamicPara);
-    envPatterns_ = envs_;
-    vfIdPattern_ = manifest.GetVfIdPattern();
-    dynamicVfId_ = ParseAndDepend::IsDynamicPara(vfIdPattern_);
+void GeneralAppInfo::TakeNext() {
+    if (next_) {
+        savedForceTerm_ = next_->forceTerm_;
+        TakeSpec(std::move(*next_));
+        next_.reset();
+    }
 }
 
-ProcessState GeneralAppInfo::CheckState(SteadyTime now, ProcessLauncher& launcher) {
+bool GeneralAppInfo::StartProcess(ProcessLauncher& launcher, LaunchPlan& plan) {
+    return launcher.Fork(*this, plan) >= 0;
+}
+
+ProcessState GeneralAppInfo::CheckState(SteadyTime now) {
     if (pid_ < 1) {
         ProcMgrLog(LOG_ERR, "CheckState : pid <= 0, don't call waitpid(), currentState=%d",
                    static_cast<int>(state_));
@@ -75,7 +61,7 @@ ProcessState GeneralAppInfo::CheckState(SteadyTime now, ProcessLauncher& launche
         case TERMINATING:
             return CheckTerminating(now);
         case RESTARTING:
-            return CheckRestarting(now, launcher);
+            return restartStarted_ ? CheckRestartDone() : CheckRestartWait(now);
         default:
             ProcMgrLog(LOG_ERR, "PROCMGR : Process %s got unexpected state=%d", appName_.c_str(),
                        static_cast<int>(state_));
@@ -122,20 +108,18 @@ ProcessState GeneralAppInfo::CheckTerminating(SteadyTime now) {
     return RUNNING;
 }
 
-ProcessState GeneralAppInfo::CheckRestarting(SteadyTime now, ProcessLauncher& launcher) {
-    return restartStarted_ ? CheckRestartDone() : CheckRestartWait(now, launcher);
+// The old process is being stopped. A restart always ends in a kill after the time-out. The
+// record's container starts the new process when it is due.
+ProcessState GeneralAppInfo::CheckRestartWait(SteadyTime now) {
+    if (!exitStatusSet_ && !killSent_ && MillisecondsSinceTerm(now) >= termTimeout_) {
+        Kill();
+    }
+    return RESTARTING;
 }
 
-// The old process is being stopped. A restart always ends in a kill after the time-out.
-ProcessState GeneralAppInfo::CheckRestartWait(SteadyTime now, ProcessLauncher& launcher) {
-    if (!exitStatusSet_) {
-        if (!killSent_ && MillisecondsSinceTerm(now) >= termTimeout_) {
-            Kill();
-        }
-        return RESTARTING;
-    }
+ProcessState GeneralAppInfo::FinishRestart(bool isStarted) {
     killSent_ = false;
-    if (StartProcess(launcher)) {
+    if (isStarted) {
         forceTerm_ = savedForceTerm_;
         restartStarted_ = true;
         return RESTARTING;

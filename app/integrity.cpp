@@ -1,28 +1,24 @@
 #include "app/integrity.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <memory>
 #include <optional>
-#include <string_view>
+#include <utility>
 
 #include "main/line_reader.h"
 #include "main/log.h"
 #include "main/system.h"
+#include "wire/root_file.h"
 
 namespace ProcMgr::App {
 namespace {
 
 constexpr size_t HASH_LINE_LENGTH = 255;
-constexpr size_t DIGEST_LENGTH = 64;
 constexpr int ATTEMPTS = 5;
 constexpr std::chrono::milliseconds ATTEMPT_PAUSE{1};
-constexpr std::string_view PLAIN_CHARACTERS =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._/+-@";
+constexpr std::chrono::seconds DIGEST_PATIENCE{60};
 
 // The last component, without the slashes behind it; nothing when there is no slash before it.
 std::optional<std::string> FileNameOf(const std::string& path) {
@@ -37,35 +33,10 @@ std::optional<std::string> FileNameOf(const std::string& path) {
     return path.substr(slash + 1, last - slash);
 }
 
-// The path as one word of a shell command.
-std::string ShellWord(const std::string& path) {
-    if (path.find_first_not_of(PLAIN_CHARACTERS) == std::string::npos) {
-        return path;
-    }
-    std::string word = "'";
-    for (const char c : path) {
-        word += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return word + "'";
-}
-
-using Line = std::array<char, DIGEST_LENGTH + 1>;
-
-// What the command prints first; nothing when it could not be run or printed nothing. Its exit
-// status says nothing: the reaper may have collected it.
-std::optional<Line> ReadDigest(const std::string& command, const std::string& appPath) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "re"), pclose);
-    if (pipe == nullptr) {
-        ProcMgrLog(LOG_ERR, "PROCMGR: IntegrityProtect popen for appPath=%s failed, errno=%d",
-                   appPath.c_str(), errno);
-        SleepFor(ATTEMPT_PAUSE);
-        return std::nullopt;
-    }
-    Line line{};
-    if (std::fgets(line.data(), line.size(), pipe.get()) == nullptr) {
-        return std::nullopt;
-    }
-    return line;
+// A device or a pipe can hold up whoever opens it.
+bool IsSpecialFile(const std::string& path) {
+    struct stat file {};
+    return stat(path.c_str(), &file) == 0 && !S_ISREG(file.st_mode);
 }
 
 }  // namespace
@@ -76,7 +47,12 @@ void IntegrityTable::Load(const std::string& path) {
                    path.c_str());
         return;
     }
-    LineReader file(path, HASH_LINE_LENGTH);
+    MayWait("the file system");
+    Wire::RootFile root = Wire::OpenRootFile(path);
+    if (!root.error.empty()) {
+        ProcMgrLog(LOG_ERR, "%s: %s, so it protects no program", path.c_str(), root.error.c_str());
+    }
+    LineReader file(std::move(root.fd), HASH_LINE_LENGTH);
     if (!file.IsOpen()) {
         ProcMgrLog(LOG_ERR, "PROCMGR: IntegrityProtect hash config file=%s open failed",
                    path.c_str());
@@ -95,10 +71,15 @@ void IntegrityTable::AddLine(const std::string& line) {
         ProcMgrLog(LOG_ERR, "PROCMGR: hash config string=%s format is false", line.c_str());
         return;
     }
-    digests_[line.substr(0, equals)] = line.substr(equals + 1);
+    expected_[line.substr(0, equals)] = line.substr(equals + 1);
 }
 
-bool IntegrityTable::IntegrityProtect(const std::string& appPath) const {
+bool IntegrityTable::IsProtected(const std::string& appPath) const {
+    const std::optional<std::string> name = FileNameOf(appPath);
+    return name && expected_.contains(*name);
+}
+
+bool IntegrityTable::IntegrityProtect(const std::string& appPath) {
     if (appPath.empty()) {
         ProcMgrLog(LOG_ERR, "PROCMGR: IntegrityProtect appName is empty");
         return false;
@@ -108,14 +89,44 @@ bool IntegrityTable::IntegrityProtect(const std::string& appPath) const {
         ProcMgrLog(LOG_ERR, "PROCMGR: IntegrityProtect appPath=%s is illegal", appPath.c_str());
         return false;
     }
-    const auto expected = digests_.find(*name);
-    if (expected == digests_.end()) {
+    const auto expected = expected_.find(*name);
+    if (expected == expected_.end()) {
         return true;
     }
-    const std::string command = "sha256sum " + ShellWord(appPath) + "|cut -d' ' -f1";
+    if (IsSpecialFile(appPath)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR: IntegrityProtect appPath=%s is no regular file",
+                   appPath.c_str());
+        return false;
+    }
+    return HasDigest(appPath, expected->second);
+}
+
+bool IntegrityTable::HasDigest(const std::string& appPath, const std::string& expected) {
+    const SteadyTime end = std::chrono::steady_clock::now() + DIGEST_PATIENCE;
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-        if (const std::optional<Line> digest = ReadDigest(command, appPath)) {
-            return expected->second == digest->data();
+        const DigestRunner::Result result = digests_.Run(appPath, end);
+        switch (result.outcome) {
+            case DigestRunner::Outcome::TAKEN:
+                return result.digest == expected;
+            case DigestRunner::Outcome::NOTHING:
+                break;
+            case DigestRunner::Outcome::NOT_STARTED:
+                ProcMgrLog(LOG_ERR,
+                           "PROCMGR: IntegrityProtect popen for appPath=%s failed, errno=%d",
+                           appPath.c_str(), result.error);
+                SleepFor(ATTEMPT_PAUSE);
+                break;
+            case DigestRunner::Outcome::TOO_LONG:
+                ProcMgrLog(LOG_ERR,
+                           "PROCMGR: IntegrityProtect sha256sum of app=%s is not done after %lld s "
+                           "and is killed",
+                           appPath.c_str(), static_cast<long long>(DIGEST_PATIENCE.count()));
+                return false;
+            case DigestRunner::Outcome::CANCELLED:
+                ProcMgrLog(LOG_WARNING,
+                           "PROCMGR: IntegrityProtect sha256sum of app=%s is ended by the stop",
+                           appPath.c_str());
+                return false;
         }
     }
     ProcMgrLog(LOG_ERR, "PROCMGR: IntegrityProtect sha256sum failed for app=%s", appPath.c_str());

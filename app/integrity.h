@@ -5,6 +5,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "app/digest.h"
+
 namespace ProcMgr::App {
 
 class IntegrityTable {
@@ -13,14 +15,24 @@ public:
     // is protected.
     void Load(const std::string& path);
 
+    // Whether IntegrityProtect() would take a digest.
+    bool IsProtected(const std::string& appPath) const;
+
     // True when the executable is not protected or its digest is the expected one. Runs an external
-    // sha256sum and waits for it. Any thread.
-    bool IntegrityProtect(const std::string& appPath) const;
+    // sha256sum and waits for it, 60 s at most. Any thread, without a lock.
+    bool IntegrityProtect(const std::string& appPath);
+
+    // Ends the digests that are being taken: their executables are refused.
+    void Cancel() { digests_.Cancel(); }
+    // True when the pid is that of a digest's process, which has ended.
+    bool TakeExit(int32_t pid) { return digests_.TakeExit(pid); }
 
 private:
     void AddLine(const std::string& line);
+    bool HasDigest(const std::string& appPath, const std::string& expected);
 
-    std::unordered_map<std::string, std::string> digests_;  // constant after Load
+    std::unordered_map<std::string, std::string> expected_;  // constant after Load
+    DigestRunner digests_;
 };
 
 }  // namespace ProcMgr::App

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "main/log.h"
+#include "main/mutex.h"
 #include "main/system.h"
 
 namespace ProcMgr::App {
@@ -48,7 +49,13 @@ bool MayOwnerExecute(const char* app, const char* path, uint32_t uid, const stru
 // The execute bit for others is never enough.
 bool MayMemberExecute(const char* app, const char* path, uint32_t uid, const struct stat& file,
                       UserGroupsCache& users) {
-    if (!IsGroupMember(users.LookUp(uid), file.st_gid)) {
+    const UserGroups user = users.LookUp(uid);
+    if (user.result == UserGroups::Result::NO_USER) {
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : Start App=%s failed, uid=%u is not in the user database, error=%d",
+                   app, uid, user.error);
+    }
+    if (!IsGroupMember(user, file.st_gid)) {
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s uid=%u, gid=%u not "
                    "have x permission !!",
@@ -69,6 +76,7 @@ bool MayMemberExecute(const char* app, const char* path, uint32_t uid, const str
 
 bool CheckChildProParas(const std::string& appName, const std::string& execPath, uint32_t uid,
                         const std::vector<std::string>& arguments, UserGroupsCache& users) {
+    MayWait("the program's file system");
     const char* app = appName.c_str();
     const char* path = execPath.c_str();
     if (std::any_of(arguments.begin(), arguments.end(), IsIllegal)) {

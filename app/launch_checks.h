@@ -11,7 +11,7 @@
 namespace ProcMgr::App {
 
 // True when the start may go on. `users` is asked for the groups of a user who does not own the
-// program: the caller holds the launch mutex.
+// program. Not with a lock held.
 bool CheckChildProParas(const std::string& appName, const std::string& execPath, uint32_t uid,
                         const std::vector<std::string>& arguments, UserGroupsCache& users);
 

@@ -44,10 +44,8 @@ LaunchPlan MakeCommonPlan(const AppInfo& app) {
     }
     plan.rtPriority = app.rtPriority_;
     plan.taskFiles = TaskFilesOf(app);
-    // Those of the daemon are not for one that is bound later.
-    plan.coreMask = app.isDelayCoreAffinity_
-                        ? CoreAffinityMgr::AllCores()
-                        : CoreAffinityMgr::GetInstance().MakeMask(app.coreAffinity_);
+    plan.coreMask = CoreAffinityMgr::GetInstance().MakeMask(app.coreAffinity_);
+    plan.isDelayed = app.isDelayCoreAffinity_;
     plan.envs.assign(app.envs_.begin(), app.envs_.end());
     plan.home = app.home_;
     plan.preload = PreloadOf(app.envs_);

@@ -36,6 +36,7 @@ struct LaunchPlan {
 
     std::vector<std::string> taskFiles;  // of the control groups
     std::optional<CoreMask> coreMask;    // none: no cores are known
+    bool isDelayed = false;  // it starts on every core, and on its own if it is bound meanwhile
 
     SharePoolPlan sharePool;
     std::string sharePoolNames;

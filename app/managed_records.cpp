@@ -1,7 +1,6 @@
 #include "app/managed_records.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace ProcMgr::App {
 namespace {
@@ -32,7 +31,7 @@ ManagedApp MakeManagedApp(const AppInfo& app) {
     managed.cpuGroup = app.resGroupName_;
     managed.blkioGroup = app.blkioGroupName_;
     managed.isDelayed = app.isDelayCoreAffinity_;
-    managed.notedTids = app.tids_.size();
+    managed.notedTids = app.tids_;
     return managed;
 }
 
@@ -56,20 +55,6 @@ std::vector<ManagedApp> ManagedRecords::GetManagedApps(ManagedFilter filter) {
 
 bool ManagedRecords::IsPresent(const ManagedApp& app) {
     return Visit([&](const AppInfo& record) { return IsSame(record, app); });
-}
-
-std::set<int32_t> ManagedRecords::FindNewTids(const ManagedApp& app,
-                                              const std::set<int32_t>& tids) {
-    std::set<int32_t> added;
-    Visit([&](const AppInfo& record) {
-        if (!IsSame(record, app)) {
-            return false;
-        }
-        std::set_difference(tids.begin(), tids.end(), record.tids_.begin(), record.tids_.end(),
-                            std::inserter(added, added.end()));
-        return true;
-    });
-    return added;
 }
 
 void ManagedRecords::NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) {
@@ -98,6 +83,11 @@ std::optional<std::string> ManagedRecords::GetNameOf(int32_t pid) {
 bool ManagedRecords::HasProcess(const std::string& name) {
     return Visit(
         [&](const AppInfo& record) { return record.appName_ == name && record.IsAlive(); });
+}
+
+bool ManagedRecords::IsKnown(const std::string& name) {
+    return Visit([&](const AppInfo& record) { return record.appName_ == name; }) ||
+           isConfigured_(name);
 }
 
 }  // namespace ProcMgr::App

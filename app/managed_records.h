@@ -18,20 +18,24 @@ using RecordContainer = std::function<bool(const RecordVisitor& visitor)>;
 
 class ManagedRecords final : public ManagedApps {
 public:
-    explicit ManagedRecords(std::vector<RecordContainer> containers)
-        : containers_(std::move(containers)) {}
+    // `isConfigured`: whether an application of this name is configured, with a record or without;
+    // called with no lock held.
+    ManagedRecords(std::vector<RecordContainer> containers,
+                   std::function<bool(const std::string& name)> isConfigured)
+        : containers_(std::move(containers)), isConfigured_(std::move(isConfigured)) {}
 
     std::vector<ManagedApp> GetManagedApps(ManagedFilter filter) override;
     bool IsPresent(const ManagedApp& app) override;
-    std::set<int32_t> FindNewTids(const ManagedApp& app, const std::set<int32_t>& tids) override;
     void NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) override;
     std::optional<std::string> GetNameOf(int32_t pid) override;
     bool HasProcess(const std::string& name) override;
+    bool IsKnown(const std::string& name) override;
 
 private:
     bool Visit(const RecordVisitor& visitor) const;
 
     const std::vector<RecordContainer> containers_;
+    const std::function<bool(const std::string& name)> isConfigured_;
 };
 
 }  // namespace ProcMgr::App

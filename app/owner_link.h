@@ -37,41 +37,49 @@ inline ReportAppStateType PresentStateOf(const AppInfo& app) {
     }
 }
 
-// Callable from any thread; may block while a request of the owner is being handled, so never
-// called with a container's lock held.
+// Callable from any thread, never with a container's lock held.
 class OwnerRegistry {
 public:
     virtual ~OwnerRegistry() = default;
 
-    // Opens the pipe to `owner`, whose peer must have `gid` or be root. A pipe of that name that is
-    // still open is closed first. False, with a log line, on failure.
-    virtual bool RegServiceCallBack(const std::string& owner, uint32_t gid) = 0;
+    // Opens the pipe to `owner`, whose process is `pid`; the pipe's file belongs to `gid`. A pipe
+    // of that name that is still open is closed first; while a request on it is being handled, the
+    // new pipe is opened later. False, with a log line, on failure.
+    virtual bool RegServiceCallBack(const std::string& owner, uint32_t gid, int32_t pid) = 0;
 
-    // Marks the owner not open and closes its pipe.
+    // Marks the owner not open and closes its pipe, at once or when its last request has been
+    // handled.
     virtual void UnRegServiceCallBack(const std::string& owner) = 0;
 
-    // The pipe's descriptor; -1 for an owner that is unknown or not open.
+    // The pipe's descriptor; -1 for an owner that is unknown or not open. Any lock may be held.
     virtual int GetServiceFd(const std::string& owner) const = 0;
 };
 
-// Callable from any thread; a report to an owner whose pipe is full blocks for 2 s at most, so
-// never called with a container's lock held.
+// Callable from any thread. A report is queued under whatever lock orders the changes that it tells
+// of, and sent by Flush() when that lock has been released; nobody waits for an owner.
 class StateReports {
 public:
     virtual ~StateReports() = default;
 
-    // Reports `infos` to `owner`. True when all were sent, or when there are none.
+    // Reports `infos` to `owner`. True when the report is queued, or when there are none. False,
+    // with a log line, when the owner has no open pipe; it is told the state when it has one again.
     virtual bool ReportAppState(const std::vector<Message::AppStateInfo>& infos,
-                                const std::string& owner) const = 0;
+                                const std::string& owner) = 0;
 
-    // Answers a query: 0 alive, 1 gone or unknown, 2 stopped. True when it was sent, or when there
-    // is nothing to send.
+    // The same for changes of general applications. `isAnswer`: to a request of the owner.
+    virtual bool ReportAppChanges(const std::vector<Message::AppStateInfo>& infos,
+                                  const std::string& owner, bool isAnswer) = 0;
+
+    // Answers a query: 0 alive, 1 gone or unknown, 2 stopped. True when the answer is queued, or
+    // when there is nothing to send.
     virtual bool ReportAppDetailStatus(const std::map<std::string, uint32_t>& statusByName,
-                                       const std::string& owner) const = 0;
+                                       const std::string& owner) = 0;
 
     // Reports one application to the access manager, unless it is the access manager.
-    virtual void ReportAppStateToZorn(const AppInfo& app, uint32_t reportType,
-                                      uint32_t result) const = 0;
+    virtual void ReportAppStateToZorn(const AppInfo& app, uint32_t reportType, uint32_t result) = 0;
+
+    // Sends what is queued, as far as the pipes take it at once. Not with a lock held.
+    virtual void Flush() = 0;
 };
 
 }  // namespace ProcMgr::App

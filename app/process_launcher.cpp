@@ -18,8 +18,6 @@
 namespace ProcMgr::App {
 namespace {
 
-constexpr pid_t NO_PROCESS = -1;
-
 // Does what is due once there is a child: nothing of that may keep the caller from learning of it.
 template <typename Action>
 void WithChild(const Action& action) {
@@ -32,12 +30,29 @@ void WithChild(const Action& action) {
 
 }  // namespace
 
-pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
+std::optional<LaunchPlan> ProcessLauncher::Prepare(const GeneralAppInfo& app) {
     if (!PreStartCheck(app)) {
-        return NO_PROCESS;
+        return std::nullopt;
     }
     LaunchPlan plan = MakeLaunchPlan(app);
-    PlanSharePool(app.appName_, app.sharepoolGroups_, plan);
+    FinishPlan(app, app.sharepoolGroups_, plan);
+    return plan;
+}
+
+std::optional<LaunchPlan> ProcessLauncher::Prepare(const BaseAppInfo& app) {
+    if (!PreStartCheck(app)) {
+        return std::nullopt;
+    }
+    LaunchPlan plan = MakeLaunchPlan(app);
+    FinishPlan(app, {}, plan);
+    return plan;
+}
+
+bool ProcessLauncher::IsQuick(const AppInfo& app) {
+    return !integrity_.IsProtected(app.execPath_) && userGroups_.Find(app.uid_).has_value();
+}
+
+pid_t ProcessLauncher::Fork(GeneralAppInfo& app, LaunchPlan& plan) {
     const pid_t child = ForkChild(app, plan);
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR: Start generalApp failed. fork failed: errno=%d", errno);
@@ -53,12 +68,7 @@ pid_t ProcessLauncher::Launch(GeneralAppInfo& app) {
     return child;
 }
 
-pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
-    if (!PreStartCheck(app)) {
-        return NO_PROCESS;
-    }
-    LaunchPlan plan = MakeLaunchPlan(app);
-    PlanSharePool(app.appName_, {}, plan);
+pid_t ProcessLauncher::Fork(BaseAppInfo& app, LaunchPlan& plan) {
     const pid_t child = ForkChild(app, plan);
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Start baseApp %s failed errno=%d", app.appName_.c_str(),
@@ -76,14 +86,34 @@ pid_t ProcessLauncher::Launch(BaseAppInfo& app) {
     return child;
 }
 
+// Every signal is blocked meanwhile: no handler of the daemon's runs in the child.
 pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
-    const std::lock_guard lock(launchMutex_);
-    plan.userGroups = userGroups_.LookUp(app.uid_);
+    ChildContext context(plan);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    Sys::pthread_sigmask(SIG_SETMASK, &all, &before);
     app.startTime_ = std::chrono::steady_clock::now();
-    const pid_t child = Fork(plan);
-    if (child >= 0) {
+    const pid_t child = Sys::fork();
+    const int error = errno;
+    if (child == 0) {
+        // Nothing may unwind from here into the daemon's code, which is the parent's to run.
+        try {
+            RunChild(context);
+        } catch (const std::exception&) {
+            Sys::_exit(EXIT_FAILURE);
+        }
+    }
+    if (child > 0) {
         app.SetStarted(child);
     }
+    Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    // When the child waits for this core, it goes first: its exec takes longest.
+    Sys::sched_yield();
+    if (child > 0 && !plan.isDelayed && plan.coreMask && context.aiTasksFd < 0) {
+        WithChild([&] { CoreAffinityMgr::LogMissingAiCpuset(child, *plan.coreMask); });
+    }
+    errno = error;
     return child;
 }
 
@@ -94,11 +124,12 @@ void ProcessLauncher::Release(const AppInfo& app) {
     }
 }
 
-void ProcessLauncher::PlanSharePool(
-    const std::string& name, const std::vector<std::pair<std::string, std::string>>& manifestGroups,
-    LaunchPlan& plan) const {
+void ProcessLauncher::FinishPlan(
+    const AppInfo& app, const std::vector<std::pair<std::string, std::string>>& manifestGroups,
+    LaunchPlan& plan) {
+    plan.userGroups = userGroups_.LookUp(app.uid_);
     if (sharePool_ != nullptr) {
-        plan.sharePool = sharePool_->MakePlan(name, manifestGroups);
+        plan.sharePool = sharePool_->MakePlan(app.appName_, manifestGroups);
         plan.sharePoolNames = plan.sharePool.Names();
     }
 }
@@ -112,14 +143,9 @@ void ProcessLauncher::JoinSharePool(const AppInfo& app, const LaunchPlan& plan) 
 }
 
 bool ProcessLauncher::PreStartCheck(const AppInfo& app) {
-    {
-        const std::lock_guard lock(launchMutex_);
-        if (!CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_,
-                                userGroups_)) {
-            return false;
-        }
+    if (!CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_, userGroups_)) {
+        return false;
     }
-    // May take long: other launches go on.
     if (!integrity_.IntegrityProtect(app.execPath_)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : IntegrityProtect app=%s or sha256sum has been modified",
                    app.execPath_.c_str());
@@ -128,39 +154,6 @@ bool ProcessLauncher::PreStartCheck(const AppInfo& app) {
     const bool isUnchecked = app.IsPriority() && ProcMgrEnv::GetInstance().IsQuickStart();
     return isUnchecked ||
            CoreAffinityMgr::GetInstance().CheckLaunch(app.appName_, app.coreAffinity_);
-}
-
-void ProcessLauncher::LookUpUser(uint32_t uid) {
-    const std::lock_guard lock(launchMutex_);
-    userGroups_.LookUp(uid);
-}
-
-pid_t ProcessLauncher::Fork(const LaunchPlan& plan) {
-    ChildContext context(plan);
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    Sys::pthread_sigmask(SIG_SETMASK, &all, &before);
-    pid_t child = -1;
-    int error = 0;
-    {
-        const LogForkGuard logGuard;
-        child = Sys::fork();
-        error = errno;
-    }
-    if (child == 0) {
-        // Nothing may unwind from here into the daemon's code, which is the parent's to run.
-        try {
-            RunChild(context);
-        } catch (const std::exception&) {
-            Sys::_exit(EXIT_FAILURE);
-        }
-    }
-    Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    // To the child, if it waits for this core: what the parent does next can wait.
-    Sys::sched_yield();
-    errno = error;
-    return child;
 }
 
 }  // namespace ProcMgr::App

@@ -1,16 +1,17 @@
-// Turns a record into a running process: plan, fork, child set-up, execv. One for the daemon; any
-// thread may launch.
+// Turns a record into a running process, in two stages: Prepare() finds out everything that a start
+// needs and may take long, Fork() makes the child. One for the daemon; any thread may launch.
 #pragma once
 
 #include <sys/types.h>
 
-#include <mutex>
+#include <optional>
 #include <string>
 
 #include "app/app_info.h"
 #include "app/integrity.h"
 #include "app/launch_plan.h"
 #include "app/user_groups.h"
+#include "main/worker_pool.h"
 
 namespace ProcMgr::App {
 
@@ -22,42 +23,53 @@ public:
     // Reads which executables are protected, by what digest. Once, before the first launch.
     void LoadIntegrityTable(const std::string& path) { integrity_.Load(path); }
 
-    // Checks that the record's program may be started, starts it, and stores the child's pid in the
-    // record. Returns the pid, or -1, with a log line, when there is no child, and throws nothing
-    // once there is one. What fails in the child shows in its error text and its exit status. The
-    // caller holds the lock of the record's container until the record can be found by pid there,
-    // so that the reaper cannot miss it.
-    pid_t Launch(GeneralAppInfo& app);
-    pid_t Launch(BaseAppInfo& app);
+    // Checks that the record's program may be started and computes the plan of its start. Nothing,
+    // with a log line, when it may not. Waits for the user database, the program's file system and
+    // the digest of a protected program: not with a lock held, so `app` is a copy of the record.
+    std::optional<LaunchPlan> Prepare(const GeneralAppInfo& app);
+    std::optional<LaunchPlan> Prepare(const BaseAppInfo& app);
+
+    // Whether Prepare() would neither take a digest nor ask the user database.
+    bool IsQuick(const AppInfo& app);
+
+    // Starts a process by the plan and stores its pid in the record. Returns the pid, or -1, with a
+    // log line, when there is no child, and throws nothing once there is one. What fails in the
+    // child shows in its error text and its exit status. The caller holds the lock of the record's
+    // container until the record can be found by pid there, so that the reaper cannot miss it.
+    pid_t Fork(GeneralAppInfo& app, LaunchPlan& plan);
+    pid_t Fork(BaseAppInfo& app, LaunchPlan& plan);
 
     // Gives back what is kept for the record's process. Called when its exit is stored, once and
     // while its pid cannot be another's yet.
     void Release(const AppInfo& app);
 
-    // Looks the user's groups up ahead of a launch. The user database may be slow: call it before
-    // taking the lock of the record's container.
-    void LookUpUser(uint32_t uid);
+    // Runs a job that calls Prepare() on a thread of its own. Any lock may be held.
+    // False when there is none for it.
+    bool PostSlow(WorkerPool::Job job) { return slowJobs_.Post(std::move(job)); }
+
+    // The reaper's: true when the pid is that of a helper process of Prepare().
+    bool TakeHelperExit(int32_t pid) { return integrity_.TakeExit(pid); }
+
+    // Refuses from now on what would take long, and ends what is under way.
+    void CancelSlow() { integrity_.Cancel(); }
+    // Waits for the jobs that run: false when some still do at `end`. After CancelSlow().
+    bool Stop(SteadyTime end) { return slowJobs_.Stop(end); }
 
 private:
     // The child of the record's plan; below 0, with errno, on failure.
     pid_t ForkChild(AppInfo& app, LaunchPlan& plan);
-    void PlanSharePool(const std::string& name,
-                       const std::vector<std::pair<std::string, std::string>>& manifestGroups,
-                       LaunchPlan& plan) const;
+    void FinishPlan(const AppInfo& app,
+                    const std::vector<std::pair<std::string, std::string>>& manifestGroups,
+                    LaunchPlan& plan);
     void JoinSharePool(const AppInfo& app, const LaunchPlan& plan);
 
-    // The checks before every fork. Runs an external program when the executable is protected.
+    // The checks before every start.
     bool PreStartCheck(const AppInfo& app);
 
-    // Forks with every signal blocked and the log's lock held: no handler of the daemon's runs in
-    // the child and no other thread owns a lock that the child needs.
-    static pid_t Fork(const LaunchPlan& plan);
-
     SharePool* const sharePool_;
-    // Held over everything that uses the user database or the environment, and over the fork.
-    std::mutex launchMutex_;
-    UserGroupsCache userGroups_;  // guarded by launchMutex_
-    IntegrityTable integrity_;    // constant once it is loaded
+    UserGroupsCache userGroups_;
+    IntegrityTable integrity_;
+    WorkerPool slowJobs_{"launch"};  // its jobs use all of the above
 };
 
 }  // namespace ProcMgr::App

@@ -1,10 +1,13 @@
 #include "app/sensor_node_event_reporter.h"
 
-#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <utility>
 
 #include "main/log.h"
 #include "platform/device.h"
 #include "platform/securec.h"
+#include "resource/device_worker.h"
 
 namespace ProcMgr::App {
 namespace {
@@ -14,12 +17,14 @@ constexpr uint8_t SENSOR_TYPE = 0x27;
 constexpr uint16_t BASE_SERVICE_NODE_TYPE = 0x602;
 constexpr uint16_t GENERAL_APP_NODE_TYPE = 0x603;
 constexpr uint16_t FAULT_NODE_TYPE = 0x617;
+constexpr std::chrono::seconds REGISTER_PATIENCE{1};
 
 }  // namespace
 
 SensorNodeEventReporter& SensorNodeEventReporter::GetInstance() {
-    static SensorNodeEventReporter instance;
-    return instance;
+    // Never destroyed: the device worker uses it.
+    static auto* const instance = new SensorNodeEventReporter;
+    return *instance;
 }
 
 uint32_t SensorNodeEventReporter::GetDeviceNum() {
@@ -38,9 +43,31 @@ int32_t SensorNodeEventReporter::FaultFlag(uint16_t nodeType, uint8_t sensorType
     return nodeType == FAULT_NODE_TYPE && sensorType != SENSOR_TYPE ? 1 : 0;
 }
 
+// A change that finds no room with the worker is shown with the next one that does: the faults that
+// stand are kept here.
+void SensorNodeEventReporter::Post(SerialWorker::Job job) {
+    const bool isTaken = DeviceWorker().Post([this, job = std::move(job)] {
+        job();
+        if (isStale_.exchange(false)) {
+            ShowAll();
+        }
+    });
+    if (!isTaken) {
+        isStale_ = true;
+    }
+}
+
 void SensorNodeEventReporter::RegisterNodes() {
     RegisterSensorNode({BASE_SERVICE_NODE, BASE_SERVICE_NODE_TYPE, SENSOR_TYPE});
     RegisterSensorNode({GENERAL_APP_NODE, GENERAL_APP_NODE_TYPE, SENSOR_TYPE});
+}
+
+bool SensorNodeEventReporter::RegisterSensorNode(const SensorNodeConfig& config) {
+    MayWait("the device");
+    const auto isRegistered = std::make_shared<std::atomic<bool>>(false);
+    Post([this, config, isRegistered] { *isRegistered = Register(config); });
+    DeviceWorker().Drain(std::chrono::steady_clock::now() + REGISTER_PATIENCE);
+    return *isRegistered;
 }
 
 uint32_t SensorNodeEventReporter::DeviceCount() {
@@ -61,11 +88,9 @@ std::vector<uint32_t> SensorNodeEventReporter::DevicesOf(const SensorNodeConfig&
     return devices;
 }
 
-bool SensorNodeEventReporter::RegisterSensorNode(const SensorNodeConfig& config) {
-    const std::lock_guard lock(mutex_);
+bool SensorNodeEventReporter::Register(const SensorNodeConfig& config) {
     const char* name = config.name.c_str();
-    if (const auto known = nodes_.find(config.name);
-        known != nodes_.end() && known->second.isRegistered) {
+    if (nodes_.contains(config.name)) {
         return true;
     }
     HalSensorNodeConfig halConfig{};
@@ -78,8 +103,7 @@ bool SensorNodeEventReporter::RegisterSensorNode(const SensorNodeConfig& config)
                    name);
         return false;
     }
-    Node& node = nodes_[config.name];
-    node.isRegistered = true;
+    Node node;
     node.nodeType = config.nodeType;
     node.sensorType = config.sensorType;
     for (const uint32_t device : DevicesOf(config)) {
@@ -97,28 +121,46 @@ bool SensorNodeEventReporter::RegisterSensorNode(const SensorNodeConfig& config)
                "SensorNodeEventReporter RegisterSensorNode for %s success, nodeType=0x%x, "
                "sensorType=0x%x, reportIds size=%zu",
                name, node.nodeType, node.sensorType, node.handles.size());
-    Show(config.name, node);
+    nodes_[config.name] = std::move(node);
+    ShowAll();
     return true;
 }
 
 void SensorNodeEventReporter::ReportEvent(const std::string& name, int32_t event, int32_t fault) {
-    const std::lock_guard lock(mutex_);
-    const auto node = nodes_.find(name);
-    if (node != nodes_.end() && node->second.isRegistered) {
-        Send(name, node->second, event, fault);
-    }
+    Post([=, this] {
+        const auto node = nodes_.find(name);
+        if (node != nodes_.end()) {
+            Send(name, node->second, event, fault);
+        }
+    });
 }
 
-void SensorNodeEventReporter::Show(const std::string& name, Node& node) {
-    if (!node.isRegistered) {
+void SensorNodeEventReporter::PostShow(const std::string& name, const Faults& faults) {
+    Post([this, name, last = faults.empty() ? std::nullopt : std::optional(faults.back())] {
+        Show(name, last);
+    });
+}
+
+void SensorNodeEventReporter::Show(const std::string& name, const std::optional<Standing>& fault) {
+    const auto found = nodes_.find(name);
+    if (found == nodes_.end()) {
         return;
     }
-    if (node.standing.empty()) {
-        Send(name, node, EVENT_NONE, 0);
-        return;
+    Node& node = found->second;
+    const int32_t flag =
+        fault ? FaultFlag(static_cast<uint16_t>(fault->nodeType), node.sensorType) : 0;
+    Send(name, node, fault ? fault->event : EVENT_NONE, flag);
+}
+
+void SensorNodeEventReporter::ShowAll() {
+    std::map<std::string, Faults> standing;
+    {
+        const LockGuard lock(mutex_);
+        standing = standing_;
     }
-    const Standing& last = node.standing.back();
-    Send(name, node, last.event, FaultFlag(static_cast<uint16_t>(last.nodeType), node.sensorType));
+    for (const auto& [name, faults] : standing) {
+        Show(name, faults.empty() ? std::nullopt : std::optional(faults.back()));
+    }
 }
 
 void SensorNodeEventReporter::Send(const std::string& name, Node& node, int32_t event,
@@ -145,53 +187,53 @@ void SensorNodeEventReporter::Send(const std::string& name, Node& node, int32_t 
 
 void SensorNodeEventReporter::Raise(const std::string& name, const std::string& app, int32_t event,
                                     uint32_t nodeType) {
-    const std::lock_guard lock(mutex_);
-    Node& node = nodes_[name];
-    const bool isStanding = std::any_of(
-        node.standing.begin(), node.standing.end(),
-        [&](const Standing& standing) { return standing.app == app && standing.event == event; });
-    if (isStanding) {
-        return;
-    }
-    node.standing.push_back({app, event, nodeType});
-    Show(name, node);
+    const LockGuard lock(mutex_);
+    Faults& faults = standing_[name];
+    std::erase_if(faults, [&](const Standing& standing) {
+        return standing.app == app && standing.event == event;
+    });
+    faults.push_back({app, event, nodeType});
+    PostShow(name, faults);
 }
 
 void SensorNodeEventReporter::Withdraw(const std::string& name, const std::string& app,
                                        int32_t event) {
-    const std::lock_guard lock(mutex_);
-    const auto found = nodes_.find(name);
-    if (found == nodes_.end()) {
-        return;
-    }
-    Node& node = found->second;
-    const size_t withdrawn = std::erase_if(node.standing, [&](const Standing& standing) {
+    const LockGuard lock(mutex_);
+    Faults& faults = standing_[name];
+    const size_t withdrawn = std::erase_if(faults, [&](const Standing& standing) {
         return standing.app == app && standing.event == event;
     });
     if (withdrawn > 0) {
-        Show(name, node);
+        PostShow(name, faults);
     }
 }
 
 void SensorNodeEventReporter::UnregisterSensorNode(const std::string& name) {
-    const std::lock_guard lock(mutex_);
-    const auto node = nodes_.find(name);
-    if (node != nodes_.end()) {
-        Unregister(name, node->second);
-        nodes_.erase(node);
+    {
+        const LockGuard lock(mutex_);
+        standing_.erase(name);
     }
+    Post([this, name] { Unregister(name); });
 }
 
 void SensorNodeEventReporter::UnregisterAll() {
-    const std::lock_guard lock(mutex_);
-    for (const auto& [name, node] : nodes_) {
-        Unregister(name, node);
+    {
+        const LockGuard lock(mutex_);
+        standing_.clear();
     }
-    nodes_.clear();
+    Post([this] {
+        while (!nodes_.empty()) {
+            Unregister(std::string(nodes_.begin()->first));
+        }
+    });
 }
 
-void SensorNodeEventReporter::Unregister(const std::string& name, const Node& node) {
-    for (const auto& [device, handle] : node.handles) {
+void SensorNodeEventReporter::Unregister(const std::string& name) {
+    const auto node = nodes_.find(name);
+    if (node == nodes_.end()) {
+        return;
+    }
+    for (const auto& [device, handle] : node->second.handles) {
         const uint32_t ret = halSensorNodeUnregister(device, handle);
         if (ret != 0) {
             ProcMgrLog(LOG_ERR,
@@ -199,6 +241,7 @@ void SensorNodeEventReporter::Unregister(const std::string& name, const Node& no
                        name.c_str(), device, ret);
         }
     }
+    nodes_.erase(node);
 }
 
 }  // namespace ProcMgr::App

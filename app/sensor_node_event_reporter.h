@@ -1,14 +1,19 @@
 // Faults of managed processes, reported on the accelerator's sensor nodes so that the platform's
-// fault management sees them. One instance for the process, used from any thread.
+// fault management sees them. One instance for the process, used from any thread with any lock
+// held: the device library is called by the device worker, in the order of the calls here.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "main/mutex.h"
+#include "main/serial_worker.h"
+#include "main/system.h"
 
 namespace ProcMgr::App {
 
@@ -32,13 +37,15 @@ class SensorNodeEventReporter {
 public:
     static SensorNodeEventReporter& GetInstance();
 
-    // How many devices there are; 1 when the device library gives no sensible answer.
+    // How many devices there are; 1 when the device library gives no sensible answer. Calls the
+    // library.
     static uint32_t GetDeviceNum();
 
-    // Registers the two nodes of the daemon.
+    // Registers the two nodes of the daemon. Waits for the device for a moment, no longer.
     void RegisterNodes();
 
-    // True when the node is registered, now or before.
+    // True when the node is registered, now or before; false also when the device has not answered
+    // within a second. Not with a lock held.
     bool RegisterSensorNode(const SensorNodeConfig& config);
 
     // Sends one event to every device of a registered node, unless it is the node's last one.
@@ -48,9 +55,10 @@ public:
     void UnregisterSensorNode(const std::string& name);
     void UnregisterAll();
 
-    // A fault of one application, which stands also before the node is registered. A node shows an
-    // event while any application has it; it is cleared when the last one has withdrawn it. Raising
-    // or withdrawing twice is raising or withdrawing once.
+    // A fault of one application, which stands also before the node is registered. A node shows the
+    // event that was raised last and stands; raising a standing one makes it the last. The node is
+    // cleared when nothing stands any more: withdrawing once is enough, however often it was
+    // raised.
     void Raise(const std::string& node, const std::string& app, int32_t event, uint32_t nodeType);
     void Withdraw(const std::string& node, const std::string& app, int32_t event);
 
@@ -63,28 +71,37 @@ private:
         int32_t event;
         uint32_t nodeType;
     };
+    using Faults = std::vector<Standing>;  // in the order raised
+
+    // A node that the device knows.
     struct Node {
-        bool isRegistered = false;
         uint16_t nodeType = 0;
         uint8_t sensorType = 0;
         int32_t lastEvent = EVENT_NONE;
         std::map<uint32_t, uint64_t> handles;  // by device
-        std::vector<Standing> standing;        // in the order raised
     };
 
     SensorNodeEventReporter() = default;
 
-    // The callers hold mutex_.
+    // Shows the last fault of the node that was raised and stands, or none.
+    void PostShow(const std::string& name, const Faults& faults) PROCMGR_REQUIRES(mutex_);
+    void Post(SerialWorker::Job job);
+
+    // All of these are the device worker's.
+    bool Register(const SensorNodeConfig& config);
     uint32_t DeviceCount();
     std::vector<uint32_t> DevicesOf(const SensorNodeConfig& config);
+    void Show(const std::string& name, const std::optional<Standing>& fault);
+    void ShowAll();
     static void Send(const std::string& name, Node& node, int32_t event, int32_t fault);
-    // Shows the last fault that was raised and stands, or none.
-    static void Show(const std::string& name, Node& node);
-    static void Unregister(const std::string& name, const Node& node);
+    void Unregister(const std::string& name);
 
-    std::mutex mutex_;
-    std::map<std::string, Node> nodes_;    // guarded by mutex_
-    std::optional<uint32_t> deviceCount_;  // guarded by mutex_; read once
+    Mutex mutex_;
+    std::map<std::string, Faults> standing_;  // by node; guarded by mutex_
+    std::atomic<bool> isStale_{false};        // a change found no room with the worker
+    // The device worker's.
+    std::map<std::string, Node> nodes_;
+    std::optional<uint32_t> deviceCount_;  // read once
 };
 
 }  // namespace ProcMgr::App

@@ -81,11 +81,12 @@ void KillWorker(const std::string& entryName, const std::string& rqdPid) {
     SendSignal(SIGKILL, SCHEDULER_PROCESS, pid);
 }
 
-void KillWorkers(const std::string& rqdPid) {
+// False when the processes cannot be listed.
+bool KillWorkers(const std::string& rqdPid) {
     DIR* directory = opendir(PROC_DIR);
     if (directory == nullptr) {
         ProcMgrLog(LOG_ERR, "PROCMGR: TermRqdSubProc open %s fail", PROC_DIR);
-        return;
+        return false;
     }
     while (const dirent* entry = readdir(directory)) {
         if (entry->d_type == DT_DIR && entry->d_name != rqdPid) {
@@ -95,6 +96,7 @@ void KillWorkers(const std::string& rqdPid) {
     if (closedir(directory) != 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR: TermRqdSubProc close %s fail", PROC_DIR);
     }
+    return true;
 }
 
 }  // namespace
@@ -128,9 +130,10 @@ void TermRqdSubProc(const std::string& appName, int32_t rqdPid) {
                    appName.c_str(), rqdPid);
         return;
     }
-    KillWorkers(pid);
-    ProcMgrLog(LOG_INFO, "%s, PROCMGR: TermRqdSubProc end, rqdPid=%d",
-               BootStrace(BOOT_TRACE_TAG).c_str(), rqdPid);
+    if (KillWorkers(pid)) {
+        ProcMgrLog(LOG_INFO, "%s, PROCMGR: TermRqdSubProc end, rqdPid=%d",
+                   BootStrace(BOOT_TRACE_TAG).c_str(), rqdPid);
+    }
 }
 
 }  // namespace ProcMgr::App

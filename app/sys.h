@@ -27,6 +27,7 @@ using ::sched_yield;
 using ::setenv;
 using ::setgid;
 using ::setgroups;
+using ::setsid;
 using ::setuid;
 using ::sigaction;
 using ::write;

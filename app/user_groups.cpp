@@ -14,24 +14,29 @@
 namespace ProcMgr::App {
 namespace {
 
-constexpr std::chrono::seconds CACHE_LIFE{1};
+constexpr std::chrono::seconds CACHE_LIFE{60};
+// Of one record of the user database.
+constexpr size_t TEXTS_SIZE = 16384;
 constexpr const char* DATABASE_FILES[] = {"/etc/passwd", "/etc/group", "/etc/nsswitch.conf"};
 
 }  // namespace
 
 UserGroups LookUpUserGroups(uint32_t uid) {
+    MayWait("the user database");
     UserGroups found;
-    errno = 0;
-    passwd* user = getpwuid(uid);
+    std::vector<char> texts(TEXTS_SIZE);
+    passwd record{};
+    passwd* user = nullptr;
+    found.error = getpwuid_r(uid, &record, texts.data(), texts.size(), &user);
     if (user == nullptr) {
-        found.error = errno;
         return found;
     }
     int count = USER_GROUPS_MAX;
     found.groups.resize(USER_GROUPS_MAX);
     const int listed = getgrouplist(user->pw_name, user->pw_gid, found.groups.data(), &count);
     // The record must not be left in memory that every child inherits.
-    if (memset_s(user, sizeof(*user), 0, sizeof(*user)) != 0) {
+    if (memset_s(texts.data(), texts.size(), 0, texts.size()) != 0 ||
+        memset_s(user, sizeof(*user), 0, sizeof(*user)) != 0) {
         found.result = UserGroups::Result::NOT_WIPED;
         found.error = errno;
         return found;
@@ -70,19 +75,31 @@ std::string UserGroupsCache::ReadStamp() {
     return stamp;
 }
 
-const UserGroups& UserGroupsCache::LookUp(uint32_t uid) {
+std::optional<UserGroups> UserGroupsCache::Find(uint32_t uid) {
     const SteadyTime now = std::chrono::steady_clock::now();
     std::string stamp = ReadStamp();
+    const LockGuard lock(mutex_);
     if (stamp != stamp_ || now - filled_ > CACHE_LIFE) {
         found_.clear();
         stamp_ = std::move(stamp);
         filled_ = now;
     }
     const auto entry = found_.find(uid);
-    if (entry != found_.end() && entry->second.result == UserGroups::Result::FOUND) {
-        return entry->second;
+    return entry == found_.end() ? std::nullopt : std::optional(entry->second);
+}
+
+UserGroups UserGroupsCache::LookUp(uint32_t uid) {
+    if (auto known = Find(uid)) {
+        return *known;
     }
-    return found_.insert_or_assign(uid, LookUpUserGroups(uid)).first->second;
+    const std::string stamp = ReadStamp();
+    UserGroups user = LookUpUserGroups(uid);
+    const LockGuard lock(mutex_);
+    // What was found before a change of the database is not kept as found after it.
+    if (user.result == UserGroups::Result::FOUND && stamp == stamp_) {
+        found_.insert_or_assign(uid, user);
+    }
+    return user;
 }
 
 }  // namespace ProcMgr::App

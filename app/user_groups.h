@@ -1,14 +1,16 @@
-// The groups of a user, from the user database. The database functions are not thread-safe: the
-// caller holds the launch mutex.
+// The groups of a user, from the user database, which may be slow: no lock is held while it is
+// asked. Any thread.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "main/mutex.h"
 #include "main/system.h"
 
 namespace ProcMgr::App {
@@ -30,15 +32,21 @@ UserGroups LookUpUserGroups(uint32_t uid);
 bool IsGroupMember(const UserGroups& user, gid_t gid);
 
 // Look-ups that were made a moment ago: at boot many services of few users start in one burst. An
-// entry is used for a second at most, and only while the files of the user database are the same.
+// entry is used for a minute at most, and only while the files of the user database are the same.
 class UserGroupsCache {
 public:
-    const UserGroups& LookUp(uint32_t uid);
+    // Asks the database when the cache does not know. Not with a lock held.
+    UserGroups LookUp(uint32_t uid);
+
+    // What the cache knows; nothing when the database would have to be asked.
+    std::optional<UserGroups> Find(uint32_t uid);
 
 private:
     // What the files of the user database were like.
     static std::string ReadStamp();
 
+    Mutex mutex_;
+    // All guarded by mutex_.
     std::map<uint32_t, UserGroups> found_;
     std::string stamp_;
     SteadyTime filled_{};

@@ -13,7 +13,7 @@ using App::SensorNodeEventReporter;
 
 BaseServices::BaseServices(App::ProcessLauncher& launcher, ReportedState& reportedState,
                            CheckRequests& checks, App::OwnerRegistry& owners,
-                           const App::StateReports& reports)
+                           App::StateReports& reports)
     : launcher_(launcher),
       reportedState_(reportedState),
       checks_(checks),
@@ -27,35 +27,63 @@ BaseServices::Record* BaseServices::Find(const std::string& name) {
 }
 
 bool BaseServices::Start(Record& record) {
-    launcher_.LookUpUser(record.uid_);
-    const std::lock_guard lock(mutex_);
-    // In the list before there is a child: nothing that fails after the fork can lose it.
-    executedBaseApp_.push_back(record);
-    Record& entry = executedBaseApp_.back();
-    const bool isStarted = entry.StartProcess(launcher_) && entry.state_ == STARTING;
-    record = entry;
-    if (!isStarted) {
-        executedBaseApp_.pop_back();
-        ProcMgrLog(LOG_ERR, "Start %s failed, state:%s", record.appName_.c_str(),
-                   GetProcessStateStr(record.state_).c_str());
-        SensorNodeEventReporter::GetInstance().Raise(App::BASE_SERVICE_NODE, record.appName_,
-                                                     App::EVENT_START_FAILED, record.nodeType_);
+    std::optional<App::LaunchPlan> plan = launcher_.Prepare(record);
+    if (!plan || !StartInList(record, *plan)) {
+        WarnNotStarted(record);
         return false;
     }
-    checks_.Request();
-    if (Find(record.appName_) == nullptr) {
+    reports_.Flush();
+    return true;
+}
+
+bool BaseServices::StartInList(Record& record, App::LaunchPlan& plan) {
+    const LockGuard lock(mutex_);
+    if (isStopping_) {
+        return false;
+    }
+    // In the list before there is a child: nothing that fails after the fork can lose it.
+    executedBaseApp_.push_back(record);
+    Record* entry = Find(record.appName_);
+    if (entry == nullptr) {
         ProcMgrLog(LOG_ERR, "PROCMGR : InitOneBaseApplication, not find ownerName=%s",
                    record.appName_.c_str());
         return false;
     }
+    const bool isStarted = entry->StartProcess(launcher_, plan) && entry->state_ == STARTING;
+    record.pid_ = entry->pid_;
+    record.state_ = entry->state_;
+    record.startTime_ = entry->startTime_;
+    if (!isStarted) {
+        executedBaseApp_.pop_back();
+        return false;
+    }
+    entry->isLaunching_ = true;
+    reports_.ReportAppStateToZorn(*entry, RUNNING_NORMAL_START, 0);
     return true;
+}
+
+void BaseServices::WarnNotStarted(const Record& record) const {
+    ProcMgrLog(LOG_ERR, "Start %s failed, state:%s", record.appName_.c_str(),
+               GetProcessStateStr(record.state_).c_str());
+    SensorNodeEventReporter::GetInstance().Raise(App::BASE_SERVICE_NODE, record.appName_,
+                                                 App::EVENT_START_FAILED, record.nodeType_);
+}
+
+bool BaseServices::IsAnyUndecided(const std::set<std::string>& names) {
+    const LockGuard lock(mutex_);
+    return std::any_of(executedBaseApp_.begin(), executedBaseApp_.end(), [&](const Record& record) {
+        // A service that has ended by itself is restarted by the next pass.
+        const bool isRestarted = record.state_ == TERMINATED && record.IsRestartable() &&
+                                 record.reportType_ == TERMINATED_NORMAL_EXIT && !isStopping_;
+        return (record.IsUndecided() || isRestarted) && names.contains(record.appName_);
+    });
 }
 
 bool BaseServices::CheckDepends(const std::set<std::string>& depends, const std::string& name) {
     if (depends.empty()) {
         return true;
     }
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     for (const std::string& depend : depends) {
         const char* self = name.c_str();
         const char* other = depend.c_str();
@@ -79,13 +107,16 @@ bool BaseServices::CheckDepends(const std::set<std::string>& depends, const std:
 }
 
 std::optional<ProcessState> BaseServices::GetState(const std::string& name) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     const Record* record = Find(name);
-    return record == nullptr ? std::nullopt : std::optional(record->state_);
+    if (record == nullptr) {
+        return std::nullopt;
+    }
+    return record->isLaunching_ && record->state_ == TERMINATED ? STARTING : record->state_;
 }
 
 bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     // A collected exit has freed its pid: it may belong to another process by now.
     const auto found =
         std::find_if(executedBaseApp_.begin(), executedBaseApp_.end(),
@@ -96,14 +127,14 @@ bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
     found->SetExitStatus(status);
     launcher_.Release(*found);
     const bool isYoung = std::chrono::steady_clock::now() - found->startTime_ <= CHECK_PERIOD;
-    // At the stop there is no crash loop, but somebody who may still be told.
+    // During the stop nothing is restarted, so nothing can crash in a loop, and reports are prompt.
     isYoung && !isStopping_ ? checks_.Request() : checks_.RequestNow();
-    exited_.notify_all();
+    exited_.NotifyAll();
     return true;
 }
 
 void BaseServices::UpdateBaseAppState(const std::string& name, ProcessState reported) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     Record* record = Find(name);
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR,
@@ -111,7 +142,7 @@ void BaseServices::UpdateBaseAppState(const std::string& name, ProcessState repo
                    name.c_str());
         return;
     }
-    // The last word of a process that is gone must not bring its record back to life. A readiness
+    // A report of a process that is gone must not bring its record back to life. A readiness report
     // that comes when the stop has begun was sent before the service saw that it is to end.
     if (!record->IsAlive() || record->state_ == TERMINATED ||
         (isStopping_ && reported == RUNNING)) {
@@ -128,8 +159,13 @@ void BaseServices::UpdateBaseAppState(const std::string& name, ProcessState repo
     });
 }
 
+void BaseServices::BeginStop() {
+    const LockGuard lock(mutex_);
+    isStopping_ = true;
+}
+
 bool BaseServices::UpdateBaseServerReadyInfo(const std::string& name) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     Record* record = Find(name);
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR, "PUpdateBaseServerReadyInfo failed, not find base app=%s",
@@ -140,13 +176,13 @@ bool BaseServices::UpdateBaseServerReadyInfo(const std::string& name) {
 }
 
 bool BaseServices::IsReady(const std::string& name) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     const Record* record = Find(name);
-    return record != nullptr && record->isReady_;
+    return record != nullptr && record->isReady_ && record->IsAlive();
 }
 
 std::vector<std::string> BaseServices::GetOwners() {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     std::vector<std::string> owners;
     for (const Record& record : executedBaseApp_) {
         // One whose pipe is not open at the moment shows in the log as not reached.
@@ -158,12 +194,12 @@ std::vector<std::string> BaseServices::GetOwners() {
 }
 
 bool BaseServices::Visit(const App::RecordVisitor& visitor) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     return std::any_of(executedBaseApp_.begin(), executedBaseApp_.end(), visitor);
 }
 
 std::vector<Message::AppStateInfo> BaseServices::GetStates() {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     std::vector<Message::AppStateInfo> states;
     for (const Record& record : executedBaseApp_) {
         states.push_back(App::MakeStateInfo(record, App::PresentStateOf(record), 0));

@@ -97,7 +97,8 @@ BaseStartup::Outcome BaseStartup::StartInOrder(DependGraph& graph) {
         }
         worked.insert(batch.begin(), batch.end());
     }
-    return result;
+    // The stop may have ended the wait for the last service.
+    return isStopping_() ? Outcome::ABANDONED : result;
 }
 
 BaseStartup::Outcome BaseStartup::StartBatch(const std::set<std::string>& batch) {
@@ -135,23 +136,27 @@ bool BaseStartup::InitOneBaseApplication(App::BaseAppInfo& record) {
     if (!services_.Announce(record)) {
         return false;
     }
-    if (!record.isReporting_) {
-        return true;
+    if (record.isReporting_) {
+        WaitBaseAppReport(name);
     }
-    ProcMgrLog(LOG_INFO, "Register heart beat checker for %s.", name.c_str());
-    services_.RegisterHeartBeat(name);
-    WaitBaseAppReport(name);
     return true;
 }
 
 bool BaseStartup::CheckDepends(const std::set<std::string>& depends, const std::string& name) {
-    return services_.CheckDepends(depends, name);
+    // A service whose process has ended is waited for until supervision has restarted it or not.
+    for (;;) {
+        const uint64_t seen = reportedState_.GetChanges();
+        if (isStopping_() || !services_.IsAnyUndecided(depends)) {
+            return services_.CheckDepends(depends, name);
+        }
+        reportedState_.WaitForChangeSince(seen);
+    }
 }
 
 bool BaseStartup::WaitBaseAppReport(const std::string& name) {
     constexpr bool RETRY = false;
     for (;;) {
-        // Counted before anything is looked at: what changes from here on ends the wait.
+        // Counted before anything is looked at: every change from here on ends the wait.
         const uint64_t seen = reportedState_.GetChanges();
         if (isStopping_()) {
             return RETRY;

@@ -1,6 +1,6 @@
 // The start of the base services: the services of a YAML file, in dependency order, each after the
 // ones it depends on; a service that promises to report itself is waited for. Runs once, on the
-// main thread.
+// start-up thread.
 #pragma once
 
 #include <functional>

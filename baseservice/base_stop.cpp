@@ -8,16 +8,9 @@
 #include "main/log.h"
 
 namespace ProcMgr {
-namespace {
-
-// How long a killed process may take to go, in the kernel's hands, before it is left behind.
-constexpr std::chrono::seconds KILL_PATIENCE{5};
-
-}  // namespace
-
 void BaseServices::StopAll() {
-    std::unique_lock lock(mutex_);
-    isStopping_ = true;
+    BeginStop();
+    UniqueLock lock(mutex_);
     std::vector<std::string> names;
     for (auto record = executedBaseApp_.rbegin(); record != executedBaseApp_.rend(); ++record) {
         names.push_back(record->appName_);
@@ -51,14 +44,21 @@ void BaseServices::Terminate(const std::string& name, Endings& endings) {
                      std::chrono::milliseconds(record->termTimeout_)};
 }
 
-void BaseServices::WaitWhile(std::unique_lock<std::mutex>& lock, Endings& endings,
+void BaseServices::WaitWhile(UniqueLock& lock, Endings& endings,
                              const std::function<bool()>& condition) {
     while (condition()) {
         const std::optional<SteadyTime> next = KillLate(endings);
         if (!next) {
             return;
         }
-        exited_.wait_until(lock, *next);
+        const SteadyTime begin = std::chrono::steady_clock::now();
+        exited_.WaitUntil(lock, *next);
+        const bool isForKilled =
+            std::any_of(endings.begin(), endings.end(),
+                        [](const auto& ending) { return ending.second.isKilled; });
+        if (isForKilled) {
+            killPatience_ -= std::chrono::steady_clock::now() - begin;
+        }
     }
 }
 
@@ -67,23 +67,24 @@ std::optional<SteadyTime> BaseServices::KillLate(Endings& endings) {
     std::optional<SteadyTime> next;
     for (auto entry = endings.begin(); entry != endings.end();) {
         auto& [name, ending] = *entry;
-        Record* record = Find(name);
-        const bool isLate = now >= ending.due;
+        const Record* record = Find(name);
         const bool isGone = record == nullptr || !record->IsAlive();
-        if (!isGone && isLate && ending.isKilled) {
+        const bool isLeft = !isGone && ending.isKilled && killPatience_.count() <= 0;
+        if (isLeft) {
             ProcMgrLog(LOG_ERR, "PROCMGR : %s, pid=%d does not end, it is left behind",
                        name.c_str(), record->pid_);
         }
-        if (isGone || (isLate && ending.isKilled)) {
+        if (isGone || isLeft) {
             entry = endings.erase(entry);
             continue;
         }
-        if (isLate) {
+        if (!ending.isKilled && now >= ending.due) {
             App::TermRqdSubProc(name, record->pid_);
             App::SendSignal(SIGKILL, name, record->pid_);
-            ending = {now + KILL_PATIENCE, true};
+            ending.isKilled = true;
         }
-        next = next ? std::min(*next, ending.due) : ending.due;
+        const SteadyTime due = ending.isKilled ? now + killPatience_ : ending.due;
+        next = next ? std::min(*next, due) : due;
         ++entry;
     }
     return next;

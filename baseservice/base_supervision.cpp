@@ -1,6 +1,8 @@
 // What CheckThread and the heartbeat library do with the base services.
 #include <algorithm>
 #include <chrono>
+#include <new>
+#include <utility>
 
 #include "app/sensor_node_event_reporter.h"
 #include "baseservice/base_services.h"
@@ -29,12 +31,9 @@ void Withdraw(const std::string& name, int32_t event) {
 
 // The end of the watch is the end of its fault, too.
 void EndHeartBeat(const std::string& name) {
+    MayWait("the heartbeat library");
     UnregisterCheckHeartBeat(name.c_str(), name.size());
     Withdraw(name, App::EVENT_HEARTBEAT_LOST);
-}
-
-bool IsRestartable(const App::AppInfo& app) {
-    return app.restartPolicy_ == RESTART_ON_FAILURE || app.restartPolicy_ == RESTART_ON_FOREVER;
 }
 
 constexpr const char* DIED =
@@ -55,50 +54,78 @@ void LogSupervised(int level, const char* format, const App::AppInfo& app) {
 
 }  // namespace
 
-void BaseServices::CheckBaseApps(CheckPass pass) {
-    const std::lock_guard order(reportOrder_);
-    const std::vector<App::AppInfo> ended = CheckStates(pass);
-    for (const App::AppInfo& app : ended) {
-        GiveUp(app);
+// Gives a record to supervision again when its launch does not come about, whatever the reason.
+class BaseServices::LaunchGuard {
+public:
+    LaunchGuard(BaseServices& services, const std::string& name)
+        : services_(services), name_(name) {}
+    ~LaunchGuard() {
+        if (isArmed_) {
+            services_.EndLaunch(name_);
+        }
     }
-    for (const App::AppInfo& app : RestartTerminated(ended)) {
-        Reconnect(app);
+    LaunchGuard(const LaunchGuard&) = delete;
+    LaunchGuard& operator=(const LaunchGuard&) = delete;
+
+    // Another thread goes on with the launch.
+    void HandOn() { isArmed_ = false; }
+
+private:
+    BaseServices& services_;
+    const std::string& name_;
+    bool isArmed_ = true;
+};
+
+void BaseServices::CheckBaseApps(CheckPass pass) {
+    size_t index = 0;
+    while (const std::optional<Record> ended = CheckNext(pass, index)) {
+        LaunchGuard guard(*this, ended->appName_);
+        GiveUp(*ended);
+        if (ended->reportType_ == TERMINATED_ABNORMAL_EXIT) {
+            RestartByPolicy(ended->appName_, guard);
+        }
     }
 }
 
-std::vector<App::AppInfo> BaseServices::CheckStates(CheckPass pass) {
-    std::vector<App::AppInfo> ended;
-    const std::lock_guard lock(mutex_);
+// Only this thread takes records out of the list, so an index stays what it is.
+std::optional<BaseServices::Record> BaseServices::CheckNext(CheckPass pass, size_t& index) {
+    const LockGuard lock(mutex_);
     const SteadyTime now = std::chrono::steady_clock::now();
-    for (Record& record : executedBaseApp_) {
+    while (index < executedBaseApp_.size()) {
+        Record& record = executedBaseApp_[index++];
         if (!NeedsCheck(record, pass, now)) {
             continue;
         }
+        // The copy comes first: once the state has changed the end must be dealt with.
+        std::optional<Record> copy = record;
         CheckOne(record);
-        if (record.reportType_ == RUNNING_NORMAL_START) {
-            Withdraw(record.appName_, App::EVENT_START_FAILED);
+        if (record.state_ == TERMINATED) {
+            copy->state_ = record.state_;
+            copy->reportType_ = record.reportType_;
+            copy->exitedWith125_ = record.exitedWith125_;
+            NoteEnd(record);
+            return copy;
         }
-        if (record.reportType_ == TERMINATED_NORMAL_EXIT ||
-            record.reportType_ == TERMINATED_ABNORMAL_EXIT) {
-            ended.push_back(record);
-        }
-        // Also one that has just become RUNNING has a transition code for the next pass to clear.
+        // A record that has just become RUNNING has a transition code for the next pass to clear.
         if (NeedsCheck(record, CheckPass::PERIODIC, now)) {
             checks_.Request();
         }
     }
-    return ended;
+    return std::nullopt;
 }
 
 bool BaseServices::NeedsCheck(const Record& record, CheckPass pass, SteadyTime now) const {
+    if (record.isLaunching_) {
+        return false;
+    }
     if (pass == CheckPass::EXTRA) {
         const bool isOld = isStopping_ || now - record.startTime_ > CHECK_PERIOD;
         return record.exitStatusSet_ && record.state_ != TERMINATED && isOld;
     }
     if (record.state_ == TERMINATED) {
-        return IsRestartable(record) && !isStopping_;
+        return record.IsRestartable() && !isStopping_;
     }
-    // A service that is coming up to report itself, or going down, is moved by its word or its
+    // A service that is coming up to report itself, or going down, is moved by its report or its
     // exit.
     const bool isWaiting =
         record.state_ == TERMINATING || (record.state_ == STARTING && record.isReporting_);
@@ -108,65 +135,103 @@ bool BaseServices::NeedsCheck(const Record& record, CheckPass pass, SteadyTime n
     return !record.IsSettled();
 }
 
+// From the end of a process on, the record is being launched until it is decided that it is not:
+// nobody sees it TERMINATED before its restart.
 void BaseServices::CheckOne(Record& record) {
     reportedState_.Update([&] {
         const ProcessState before = record.state_;
         record.state_ = record.CheckState();
+        const bool hasDied =
+            record.state_ == TERMINATED && record.reportType_ == TERMINATED_ABNORMAL_EXIT;
+        record.isLaunching_ = hasDied && !isStopping_;
         return record.state_ != before;
     });
+    if (record.reportType_ == RUNNING_NORMAL_START) {
+        Withdraw(record.appName_, App::EVENT_START_FAILED);
+    }
 }
 
-// What ends with a service's process. A normal end, one that was asked for, is only reported.
-void BaseServices::GiveUp(const App::AppInfo& app) const {
-    if (app.reportType_ == TERMINATED_NORMAL_EXIT) {
-        reports_.ReportAppStateToZorn(app, TERMINATED_NORMAL_EXIT, RESULT_NONE);
-        EndHeartBeat(app.appName_);
+void BaseServices::NoteEnd(Record& record) try {
+    checks_.Request();
+    if (record.reportType_ == TERMINATED_NORMAL_EXIT) {
+        reports_.ReportAppStateToZorn(record, TERMINATED_NORMAL_EXIT, RESULT_NONE);
         return;
     }
-    LogSupervised(LOG_WARNING, DIED, app);
-    reports_.ReportAppStateToZorn(app, TERMINATED_ABNORMAL_EXIT,
-                                  app.exitedWith125_ ? RESULT_INPUT_OUTPUT_ERROR : RESULT_NONE);
-    Raise(app, App::EVENT_START_FAILED);
-    // Also that of one which has not promised to report: its successor must not attach to a pipe
-    // that is about to be closed.
-    if (app.isReporting_ || owners_.GetServiceFd(app.appName_) > 0) {
-        owners_.UnRegServiceCallBack(app.appName_);
-    }
-    EndHeartBeat(app.appName_);
+    LogSupervised(LOG_WARNING, DIED, record);
+    reports_.ReportAppStateToZorn(record, TERMINATED_ABNORMAL_EXIT,
+                                  record.exitedWith125_ ? RESULT_INPUT_OUTPUT_ERROR : RESULT_NONE);
+    Raise(record, App::EVENT_START_FAILED);
+} catch (const std::bad_alloc&) {
+    // The next pass deals with the end once more.
+    record.isLaunching_ = false;
+    throw;
 }
 
-std::vector<App::AppInfo> BaseServices::RestartTerminated(const std::vector<App::AppInfo>& ended) {
-    std::vector<App::AppInfo> restarted;
-    if (ended.empty()) {
-        return restarted;
+// What ends with a service's process. A service that has not promised to report may have a pipe,
+// too: its next process must not attach to a pipe that is about to be closed.
+void BaseServices::GiveUp(const Record& record) {
+    reports_.Flush();
+    const bool hasDied = record.reportType_ == TERMINATED_ABNORMAL_EXIT;
+    if (hasDied && (record.isReporting_ || owners_.GetServiceFd(record.appName_) > 0)) {
+        owners_.UnRegServiceCallBack(record.appName_);
     }
-    const std::lock_guard lock(mutex_);
-    for (const App::AppInfo& app : ended) {
-        Record* record = Find(app.appName_);
-        const bool isDue =
-            record != nullptr && !isStopping_ && app.reportType_ == TERMINATED_ABNORMAL_EXIT;
-        if (isDue && RestartByPolicy(*record)) {
-            restarted.push_back(*record);
+    EndHeartBeat(record.appName_);
+}
+
+void BaseServices::RestartByPolicy(const std::string& name, LaunchGuard& guard) {
+    const std::optional<Record> copy = DecideRestart(name);
+    if (!copy) {
+        return;
+    }
+    if (launcher_.IsQuick(*copy)) {
+        PrepareAndFinish(*copy);
+        return;
+    }
+    const auto job = [this, copy] {
+        const LaunchGuard jobGuard(*this, copy->appName_);
+        PrepareAndFinish(*copy);
+    };
+    if (launcher_.PostSlow(job)) {
+        guard.HandOn();
+    } else {
+        LogSupervised(LOG_ERR, RESTART_FAILED, *copy);
+    }
+}
+
+// Logs the decision. A copy of the record when it is to be restarted.
+std::optional<BaseServices::Record> BaseServices::DecideRestart(const std::string& name) {
+    const LockGuard lock(mutex_);
+    Record* record = Find(name);
+    if (record == nullptr || isStopping_) {
+        return std::nullopt;
+    }
+    if (!record->NeedRestart(std::chrono::steady_clock::now())) {
+        LogSupervised(LOG_INFO, NOT_RESTARTED, *record);
+        return std::nullopt;
+    }
+    LogSupervised(LOG_INFO, RESTARTS, *record);
+    ProcMgrLog(LOG_INFO, "PROCMGR : Restarting process %s", name.c_str());
+    return *record;
+}
+
+void BaseServices::PrepareAndFinish(const Record& copy) {
+    std::optional<App::LaunchPlan> plan = launcher_.Prepare(copy);
+    Record started = copy;
+    {
+        const LockGuard lock(mutex_);
+        Record* record = Find(copy.appName_);
+        if (record == nullptr || isStopping_ || !RestartBaseApp(copy.appName_, std::move(plan))) {
+            return;
         }
+        started.pid_ = record->pid_;
+        started.state_ = record->state_;
     }
-    checks_.Request();
-    return restarted;
+    // Whoever depends on the service may go on.
+    reportedState_.Notify();
+    Reconnect(started);
 }
 
-bool BaseServices::RestartByPolicy(Record& record) {
-    if (!record.NeedRestart(std::chrono::steady_clock::now())) {
-        LogSupervised(LOG_INFO, NOT_RESTARTED, record);
-        return false;
-    }
-    LogSupervised(LOG_INFO, RESTARTS, record);
-    if (!RestartBaseApp(record.appName_)) {
-        LogSupervised(LOG_ERR, RESTART_FAILED, record);
-        return false;
-    }
-    return true;
-}
-
-bool BaseServices::RestartBaseApp(const std::string& name) {
+bool BaseServices::RestartBaseApp(const std::string& name, std::optional<App::LaunchPlan> plan) {
     Record* record = Find(name);
     if (record == nullptr) {
         ProcMgrLog(LOG_WARNING, "PROCMGR : Failed to find a process %s from executedBaseApp_",
@@ -178,55 +243,69 @@ bool BaseServices::RestartBaseApp(const std::string& name) {
                    name.c_str(), GetProcessStateStr(record->state_).c_str());
         return false;
     }
-    ProcMgrLog(LOG_INFO, "PROCMGR : Restarting process %s", name.c_str());
-    if (!record->StartProcess(launcher_)) {
+    if (!plan || !record->StartProcess(launcher_, *plan)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Restarting process : %s failed ", name.c_str());
+        LogSupervised(LOG_ERR, RESTART_FAILED, *record);
         return false;
     }
-    if (record->isReporting_) {
-        ProcMgrLog(LOG_INFO, "PROCMGR : Register check for %s, when Restarting.", name.c_str());
-        RegisterHeartBeat(*record);
-    } else {
+    if (!record->isReporting_) {
         Withdraw(name, App::EVENT_START_FAILED);
     }
+    reports_.ReportAppStateToZorn(*record, RUNNING_NORMAL_START, RESULT_NONE);
     return true;
 }
 
 // The channel of the new process, whether or not it has promised to report itself.
-void BaseServices::Reconnect(const App::AppInfo& app) const {
-    reports_.ReportAppStateToZorn(app, RUNNING_NORMAL_START, RESULT_NONE);
-    if (!owners_.RegServiceCallBack(app.appName_, app.gid_)) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : procname=%s RegisterService failed", app.appName_.c_str());
+void BaseServices::Reconnect(const Record& record) {
+    reports_.Flush();
+    if (record.isReporting_) {
+        ProcMgrLog(LOG_INFO, "PROCMGR : Register check for %s, when Restarting.",
+                   record.appName_.c_str());
+        RegisterHeartBeat(record);
+    }
+    if (!owners_.RegServiceCallBack(record.appName_, record.gid_, record.pid_)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : procname=%s RegisterService failed",
+                   record.appName_.c_str());
         return;
     }
-    LogSupervised(LOG_INFO, RESTARTED, app);
+    LogSupervised(LOG_INFO, RESTARTED, record);
 }
 
 bool BaseServices::Announce(const Record& started) {
-    const std::lock_guard order(reportOrder_);
-    {
-        const std::lock_guard lock(mutex_);
-        const Record* record = Find(started.appName_);
-        if (record == nullptr || record->pid_ != started.pid_ || record->state_ == TERMINATED) {
-            return true;
+    const std::string& name = started.appName_;
+    const LaunchGuard guard(*this, name);
+    bool hasPipe = true;
+    if (started.isReporting_) {
+        hasPipe = owners_.RegServiceCallBack(name, started.gid_, started.pid_);
+        if (hasPipe) {
+            ProcMgrLog(LOG_INFO, "Register heart beat checker for %s.", name.c_str());
+            RegisterHeartBeat(started);
+        } else {
+            ProcMgrLog(LOG_ERR, "PROCMGR : procname=%s RegisterService failed", name.c_str());
         }
     }
-    reports_.ReportAppStateToZorn(started, RUNNING_NORMAL_START, RESULT_NONE);
-    if (started.isReporting_ && !owners_.RegServiceCallBack(started.appName_, started.gid_)) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : procname=%s RegisterService failed",
-                   started.appName_.c_str());
-        return false;
+    return hasPipe;
+}
+
+// What has happened to the record meanwhile is for the next pass.
+void BaseServices::EndLaunch(const std::string& name) {
+    {
+        const LockGuard lock(mutex_);
+        Record* record = Find(name);
+        if (record != nullptr) {
+            record->isLaunching_ = false;
+        }
     }
-    return true;
+    checks_.Request();
+    reportedState_.Notify();
 }
 
 void BaseServices::RemoveTerminatedApps() {
-    const std::lock_guard order(reportOrder_);
     std::vector<std::string> removed;
     {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         std::erase_if(executedBaseApp_, [&](const Record& record) {
-            if (record.state_ != TERMINATED || IsRestartable(record)) {
+            if (record.state_ != TERMINATED || record.isLaunching_ || record.IsRestartable()) {
                 return false;
             }
             ProcMgrLog(LOG_INFO, "PROCMGR : Process %s removed from the list of executedBaseApp_",
@@ -243,16 +322,8 @@ void BaseServices::RemoveTerminatedApps() {
     }
 }
 
-void BaseServices::RegisterHeartBeat(const std::string& name) {
-    const std::lock_guard lock(mutex_);
-    // One that has died meanwhile is supervision's, which ends or renews the watch.
-    const Record* record = Find(name);
-    if (record != nullptr && record->IsAlive()) {
-        RegisterHeartBeat(*record);
-    }
-}
-
 void BaseServices::RegisterHeartBeat(const Record& record) {
+    MayWait("the heartbeat library");
     const std::string& name = record.appName_;
     const int ret = RegisterCheckHeartBeat(
         name.c_str(), name.size(), record.pid_,
@@ -273,7 +344,7 @@ int BaseServices::HeartBeatNotify(const char* name, size_t nameLength, int32_t p
     }
     const std::string app(name, nameLength);
     // Held to the end: a fault that is raised here is withdrawn when the record leaves the list.
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     const Record* record = Find(app);
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR, "Process heart beat notify, not find base app=%s", app.c_str());

@@ -3,9 +3,9 @@
 // nothing but the log is locked while it is held.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
+
+#include "main/mutex.h"
 
 namespace ProcMgr {
 
@@ -15,13 +15,13 @@ public:
     template <typename Change>
     void Update(Change change) {
         {
-            const std::lock_guard lock(mutex_);
+            const LockGuard lock(mutex_);
             if (!change()) {
                 return;
             }
             ++changes_;
         }
-        changed_.notify_all();
+        changed_.NotifyAll();
     }
 
     // Wakes the waiters to look again.
@@ -32,18 +32,18 @@ public:
     // Counts the updates. Read it before looking at a state, then wait for it to move on: an update
     // in between is not missed.
     uint64_t GetChanges() const {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         return changes_;
     }
 
     void WaitForChangeSince(uint64_t seen) {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] { return changes_ != seen; });
+        UniqueLock lock(mutex_);
+        changed_.Wait(lock, [&] { return changes_ != seen; });
     }
 
 private:
-    mutable std::mutex mutex_;
-    std::condition_variable changed_;
+    mutable Mutex mutex_;
+    Condition changed_;
     uint64_t changes_ = 0;  // guarded by mutex_
 };
 

@@ -2,151 +2,104 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
-#include "channel/muxa_retry.h"
+#include "channel/report_log.h"
 #include "main/boot_trace.h"
 #include "main/constants.h"
 #include "main/log.h"
+#include "message/enum_names.h"
 #include "message/serialization.h"
 #include "resource/core_affinity_mgr.h"
 
 namespace ProcMgr {
 
 using Message::AppStateInfo;
-using Message::RequestMsg;
 
-int OwnerReports::SendOne(int fd, const MuxaRequest& request) const {
-    bool isStuck = false;
-    {
-        const std::lock_guard lock(mutex_);
-        isStuck = stuck_.contains(fd);
-    }
-    const int result =
-        isStuck ? MuxaSendRequest(fd, &request) : ProcMgrMuxaSendRequest(fd, &request);
-    const std::lock_guard lock(mutex_);
-    if (result == MUXA_TRY_AGAIN) {
-        stuck_.insert(fd);
-    } else {
-        stuck_.erase(fd);
-    }
-    return result;
+namespace {
+
+// A shorter name always fits a record.
+constexpr size_t LONG_NAME = 3800;
+
+// Whether each item fits a record; logs the first that does not.
+bool IsPackable(const std::vector<AppStateInfo>& infos) {
+    const bool isDoubtful = std::any_of(infos.begin(), infos.end(), [](const AppStateInfo& info) {
+        return info.appName.size() > LONG_NAME;
+    });
+    std::vector<std::pair<uint32_t, std::string>> pieces;
+    return !isDoubtful || Serialization::ProcMgrPackAppStateRequest(infos, pieces);
 }
 
-bool OwnerReports::SendRequestMsg(int fd, const std::vector<RequestMsg>& records) const {
-    if (records.empty()) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : Master SendRequestMsg failed: RequestPieceMsg is empty");
+Report MakeReport(ReportCause cause, std::vector<AppStateInfo> states) {
+    Report report;
+    report.cause = cause;
+    report.states = std::move(states);
+    return report;
+}
+
+}  // namespace
+
+bool OwnerReports::Report(ProcMgr::Report report, const std::string& owner) {
+    if (!IsPackable(report.states)) {
+        LogNotPacked(owner);
         return false;
     }
-    for (const RequestMsg& record : records) {
-        MuxaRequest request;
-        request.data = &record;
-        request.length = sizeof(record);
-        const int result = SendOne(fd, request);
-        if (result < 0) {
-            ProcMgrLog(LOG_ERR, "PROCMGR : Master SendRequestMsg failed, err code=%d, fd=%d",
-                       result, fd);
-            return false;
-        }
+    if (pipes_.GetServiceFd(owner) > 0) {
+        sender_.Post(owner, std::move(report));
+        return true;
     }
-    return true;
+    LogNoPipe(report, owner);
+    // An owner that has never had a pipe has missed nothing.
+    if (pipes_.IsKnown(owner)) {
+        sender_.Miss(owner, report);
+    }
+    return false;
 }
 
 bool OwnerReports::ReportAppState(const std::vector<AppStateInfo>& infos,
-                                  const std::string& owner) const {
+                                  const std::string& owner) {
+    return infos.empty() || Report(MakeReport(ReportCause::PLAIN, infos), owner);
+}
+
+bool OwnerReports::ReportAppChanges(const std::vector<AppStateInfo>& infos,
+                                    const std::string& owner, bool isAnswer) {
     if (infos.empty()) {
         return true;
     }
-    std::vector<std::pair<uint32_t, std::string>> pieces;
-    if (!Serialization::ProcMgrPackAppStateRequest(infos, pieces)) {
-        ProcMgrLog(LOG_ERR,
-                   "PROCMGR : Master ReportAppState failed: PackAppStateRequest failed, owner=%s",
-                   owner.c_str());
-        return false;
-    }
-    std::vector<RequestMsg> records;
-    if (!Serialization::ProcMgrCombinePiecesMsg(Message::APP_STATE_REPORT, pieces, records)) {
-        ProcMgrLog(LOG_ERR,
-                   "PROCMGR : Master ReportAppState failed: CombinePiecesMsg failed, owner=%s",
-                   owner.c_str());
-        return false;
-    }
-    const int fd = pipes_.GetServiceFd(owner);
-    if (fd < 1) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : Master ReportAppState failed: invalid fd, owner=%s",
-                   owner.c_str());
-        return false;
-    }
-    if (!SendRequestMsg(fd, records)) {
-        ProcMgrLog(LOG_ERR,
-                   "PROCMGR : Master ReportAppState failed: SendRequestMsg %s failed, fd:%d",
-                   owner.c_str(), fd);
-        return false;
-    }
-    for (const AppStateInfo& info : infos) {
-        ProcMgrLog(LOG_INFO, "%s PM report appState to %s, appState=%s, appName=%s, pid=%u",
-                   BootStrace(BOOT_TRACE_TAG).c_str(), owner.c_str(),
-                   GetReportAppStateTypeStr(info.reportType).c_str(), info.appName.c_str(),
-                   info.pid);
-    }
-    return true;
+    const bool isZorn = owner == PROC_ZORNMGR;
+    ProcMgr::Report report =
+        MakeReport(isZorn ? ReportCause::CHANGES_TO_ZORN : ReportCause::CHANGES_TO_OWNER, infos);
+    report.isAnswer = isAnswer;
+    return Report(std::move(report), owner);
 }
 
 void OwnerReports::ReportAppStateToZorn(const App::AppInfo& app, uint32_t reportType,
-                                        uint32_t result) const {
-    if (app.appName_ == PROC_ZORNMGR) {
-        return;
+                                        uint32_t result) {
+    if (app.appName_ != PROC_ZORNMGR) {
+        Report(
+            MakeReport(ReportCause::STATE_TO_ZORN, {App::MakeStateInfo(app, reportType, result)}),
+            PROC_ZORNMGR);
     }
-    if (ReportAppState({App::MakeStateInfo(app, reportType, result)}, PROC_ZORNMGR)) {
-        ProcMgrLog(LOG_INFO, "PROCMGR : report %s's state: %d to zornmgr successfully",
-                   app.appName_.c_str(), static_cast<int>(reportType));
-        return;
-    }
-    ProcMgrLog(LOG_ERR, "PROCMGR : report %s's state: %d to zornmgr failed", app.appName_.c_str(),
-               static_cast<int>(reportType));
 }
 
 bool OwnerReports::ReportAppDetailStatus(const std::map<std::string, uint32_t>& statusByName,
-                                         const std::string& owner) const {
-    if (statusByName.empty()) {
-        return true;
-    }
-    std::vector<RequestMsg> records(1);
-    if (!Serialization::EncodeDetailStatus(statusByName, records.front())) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : ReportAppDetailStatus SerializeMessage failed");
-        return false;
-    }
-    const int fd = pipes_.GetServiceFd(owner);
-    if (fd < 1) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : Master ReportAppDetailStatus: invalid fd, owner=%s",
-                   owner.c_str());
-        return false;
-    }
-    if (!SendRequestMsg(fd, records)) {
-        ProcMgrLog(LOG_ERR,
-                   "PROCMGR : Master ReportAppDetailStatus: SendRequestMsg %s failed, fd:%d",
-                   owner.c_str(), fd);
-        return false;
-    }
-    for (const auto& [name, status] : statusByName) {
-        ProcMgrLog(LOG_INFO, "%s PM ReportAppDetailStatus to %s, appName=%s, status=%u",
-                   BootStrace(BOOT_TRACE_TAG).c_str(), owner.c_str(), name.c_str(), status);
-    }
-    return true;
+                                         const std::string& owner) {
+    ProcMgr::Report report;
+    report.statuses = statusByName;
+    return statusByName.empty() || Report(std::move(report), owner);
 }
 
-void OwnerReports::RegisterVfs() const {
+void OwnerReports::RegisterVfs() {
     AppStateInfo self;
     self.appName = PROCMGR_NAME;
     self.pid = static_cast<uint32_t>(getpid());
     self.gid = getgid();
     self.reportType = RUNNING_NORMAL_START;
-    if (!ReportAppState({self}, PROC_ZORNMGR)) {
-        ProcMgrLog(LOG_ERR, "PROCMGR failed: RegisterVfs ReportAppState failed");
-    }
+    Report(MakeReport(ReportCause::SELF, {self}), PROC_ZORNMGR);
 }
 
-void OwnerReports::RelayAppExecution(const Message::AppExecInfo& info) const {
+void OwnerReports::RelayAppExecution(const Message::AppExecInfo& info) {
     ProcMgrLog(LOG_INFO,
                "%s PM receive APP_EXECUTION_REPORT msg from vintor report appName=%s, pid=%u, "
                "gid=%u, state=%s",
@@ -162,6 +115,7 @@ void OwnerReports::RelayAppExecution(const Message::AppExecInfo& info) const {
                                                              info.appName);
     }
     ReportAppState({item}, PROC_ZORNMGR);
+    Flush();
 }
 
 }  // namespace ProcMgr

@@ -1,51 +1,46 @@
 // The only ways in which state is reported to an owner or to the access manager. Callable from any
-// thread; a report to an owner whose pipe is full blocks for 2 s at most.
+// thread with any lock held: a report is queued, in the order of the calls, and sent by Flush().
 #pragma once
 
 #include <cstdint>
 #include <map>
-#include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "app/app_info.h"
 #include "app/owner_link.h"
+#include "channel/owner_pipes.h"
+#include "channel/report_sender.h"
 #include "message/request_msg.h"
-#include "platform/messaging.h"
 
 namespace ProcMgr {
 
 class OwnerReports final : public App::StateReports {
 public:
-    explicit OwnerReports(const App::OwnerRegistry& pipes) : pipes_(pipes) {}
+    // Both must outlive this object.
+    OwnerReports(const OwnerPipes& pipes, ReportSender& sender) : pipes_(pipes), sender_(sender) {}
 
     bool ReportAppState(const std::vector<Message::AppStateInfo>& infos,
-                        const std::string& owner) const override;
-
+                        const std::string& owner) override;
+    bool ReportAppChanges(const std::vector<Message::AppStateInfo>& infos, const std::string& owner,
+                          bool isAnswer) override;
     void ReportAppStateToZorn(const App::AppInfo& app, uint32_t reportType,
-                              uint32_t result) const override;
-
+                              uint32_t result) override;
     bool ReportAppDetailStatus(const std::map<std::string, uint32_t>& statusByName,
-                               const std::string& owner) const override;
+                               const std::string& owner) override;
+    void Flush() override { sender_.Flush(); }
 
     // Reports the daemon itself to the access manager.
-    void RegisterVfs() const;
+    void RegisterVfs();
 
     // Passes on to the access manager what `vintor` says about an application that it runs.
-    void RelayAppExecution(const Message::AppExecInfo& info) const;
-
-    // Sends every record in order; what was sent before a failure stays sent. A peer that has once
-    // been waited for in vain is not waited for again before it has taken a record: it must not
-    // hold up what is due to the others.
-    bool SendRequestMsg(int fd, const std::vector<Message::RequestMsg>& records) const;
+    void RelayAppExecution(const Message::AppExecInfo& info);
 
 private:
-    int SendOne(int fd, const MuxaRequest& request) const;
+    bool Report(ProcMgr::Report report, const std::string& owner);
 
-    const App::OwnerRegistry& pipes_;
-    mutable std::mutex mutex_;
-    mutable std::set<int> stuck_;  // pipes whose peer does not read; guarded by mutex_
+    const OwnerPipes& pipes_;
+    ReportSender& sender_;
 };
 
 }  // namespace ProcMgr

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <memory>
 
-#include "channel/muxa_retry.h"
 #include "main/log.h"
+#include "main/muxa_retry.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {
@@ -16,6 +16,8 @@ using Message::RequestMsg;
 
 void RequestDispatch::RequestMsgHandler(int32_t fd, const MuxaRequest* request,
                                         const std::string& owner) const {
+    // Whoever sends decides how much there is to say.
+    const LogLimit limit(owner.c_str());
     if (fd < 1) {
         ProcMgrLog(LOG_ERR, "PROCMGR : RequestMsgHandler failed: invalid fd=%d", fd);
         return;

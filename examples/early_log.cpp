@@ -18,12 +18,12 @@
 #include <string>
 #include <string_view>
 
-#include "agent/unique_fd.h"
 #include "examples/service.h"
+#include "wire/unique_fd.h"
 
 namespace {
 
-using ProcMgr::Agent::UniqueFd;
+using Wire::UniqueFd;
 
 constexpr std::string_view SOCKET_PATH = "/dev/log";
 constexpr mode_t SOCKET_MODE = 0666;

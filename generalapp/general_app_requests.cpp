@@ -2,7 +2,7 @@
 #include <sys/wait.h>
 
 #include <chrono>
-#include <new>
+#include <utility>
 
 #include "app/sensor_node_event_reporter.h"
 #include "generalapp/general_apps.h"
@@ -47,23 +47,33 @@ void LogRequest(const char* type, const std::vector<Item>& items, const std::str
                BootStrace(BOOT_TRACE_TAG).c_str(), type, owner.c_str(), JoinNames(items).c_str());
 }
 
-AppStateInfo Placeholder(const std::string& name, ReportAppStateType reportType) {
-    AppStateInfo info;
-    info.appName = name;
-    info.reportType = reportType;
-    return info;
-}
-
 void RaiseFault(const GeneralAppInfo& app) {
     SensorNodeEventReporter::GetInstance().Raise(App::GENERAL_APP_NODE, app.appName_,
                                                  App::EVENT_START_FAILED, app.nodeType_);
 }
 
+// A record whose start is being prepared counts as starting.
 std::string StateOf(const GeneralAppInfo& app) {
-    return GetProcessStateStr(app.state_);
+    return GetProcessStateStr(app.isLaunching_ && app.state_ != RESTARTING ? STARTING : app.state_);
 }
 
 }  // namespace
+
+void GeneralApps::Answer(ChangeList& pending, const std::string& owner, const Record& record,
+                         ReportAppStateType reportType) {
+    const std::string appOwner = record->IsPriority() ? PROC_ZORNMGR : record->owner_;
+    pending.push_back(
+        {owner, MakeStateInfo(*record, reportType, 0), appOwner, record, record->changes_});
+}
+
+// About a name that nothing is known of.
+void GeneralApps::Answer(ChangeList& pending, const std::string& owner, const std::string& name,
+                         ReportAppStateType reportType) {
+    AppStateInfo item;
+    item.appName = name;
+    item.reportType = reportType;
+    pending.push_back({owner, item, owner, nullptr, 0});
+}
 
 GeneralApps::Record GeneralApps::Find(const std::string& name) const {
     const auto entry = generalAppMap_.find(name);
@@ -74,15 +84,17 @@ bool GeneralApps::IsInMap(const Record& record) const {
     return Find(record->appName_) == record;
 }
 
-// What has ended takes over what the configuration says now; what runs goes on as it is.
 void GeneralApps::UpdateAllGeneralAppMap() {
+    const uint64_t revision = config_.GetRevision();
+    if (revision == seenRevision_) {
+        return;
+    }
     for (const auto& [name, app] : generalAppMap_) {
-        if (app->state_ == TERMINATED) {
-            if (const auto manifest = config_.Find(name)) {
-                app->Refresh(*manifest, name);
-            }
+        if (const auto manifest = config_.Find(name)) {
+            app->Refresh(*manifest);
         }
     }
+    seenRevision_ = revision;
 }
 
 GeneralApps::Record GeneralApps::GetGeneralApp(const std::string& name, const std::string& owner) {
@@ -91,7 +103,7 @@ GeneralApps::Record GeneralApps::GetGeneralApp(const std::string& name, const st
         return running;
     }
     if (const auto manifest = config_.Find(name)) {
-        const bool isPriority = manifest->GetStartupPriority() != GeneralAppInfo::NO_PRIORITY;
+        const bool isPriority = manifest->GetStartupPriority() != App::AppSpec::NO_PRIORITY;
         return std::make_shared<GeneralAppInfo>(name, *manifest, isPriority ? PROC_ZORNMGR : owner);
     }
     ProcMgrLog(LOG_ERR, "PROCMGR : GetGeneralApp failed: app=%s", name.c_str());
@@ -103,40 +115,50 @@ void GeneralApps::StartApp(const std::vector<Message::StartAppInfo>& items,
     LogRequest("START_APP", items, owner);
     ChangeList pending;
     for (const Message::StartAppInfo& item : items) {
-        const std::lock_guard lock(mutex_);
-        if (!Start(item, owner, pending)) {
-            return;
+        std::optional<Launch> launch;
+        {
+            const LockGuard lock(mutex_);
+            if (!BeginStart(item, owner, pending, launch)) {
+                return;
+            }
+        }
+        if (launch) {
+            std::optional<App::LaunchPlan> plan = Prepare(launch->copy);
+            const LockGuard lock(mutex_);
+            FinishStart(launch->record, std::move(plan), owner, pending);
         }
     }
-    ReportPending(std::move(pending));
+    ReportPending(pending);
 }
 
-bool GeneralApps::Start(const Message::StartAppInfo& item, const std::string& owner,
-                        ChangeList& pending) {
+bool GeneralApps::BeginStart(const Message::StartAppInfo& item, const std::string& owner,
+                             ChangeList& pending, std::optional<Launch>& launch) {
     const std::string& name = item.appName;
     const Record record = GetGeneralApp(name, owner);
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR, "PROCMGR : StartApp: appName=%s is null", name.c_str());
         return false;
     }
-    if (!record->UpdateDynamicPara(item.argv, item.dynamicPara)) {
-        pending.emplace_back(owner, MakeStateInfo(*record, TERMINATED_ABNORMAL_EXIT, 0));
+    std::optional<App::AppSpec> spec = record->MakeStart(item.argv, item.dynamicPara);
+    if (!spec) {
+        Answer(pending, owner, record, TERMINATED_ABNORMAL_EXIT);
         ProcMgrLog(LOG_ERR, "PROCMGR : StartApp failed : appName=%s, dynamic para invalid",
                    name.c_str());
         return true;
     }
-    if (record->IsPriority()) {
-        HandlePriorityApps(record, owner, pending);
+    // A process that is there is what it was started as.
+    if (record->IsAlive() ? record->IsPriority() : spec->IsPriority()) {
+        launch = HandlePriorityApps(record, std::move(*spec), owner, pending);
         return true;
     }
     if (IsInMap(record) && record->state_ == RUNNING) {
-        pending.emplace_back(owner, MakeStateInfo(*record, RUNNING_NORMAL_START, 0));
+        Answer(pending, owner, record, RUNNING_NORMAL_START);
         ProcMgrLog(LOG_WARNING, "PROCMGR : StartApp : appName=%s, pid=%d is already running",
                    name.c_str(), record->pid_);
         return true;
     }
-    if (IsInMap(record) && record->state_ != TERMINATED) {
-        pending.emplace_back(owner, MakeStateInfo(*record, INVALID_INTERMEDIATE_STATE, 0));
+    if (record->isLaunching_ || (IsInMap(record) && record->state_ != TERMINATED)) {
+        Answer(pending, owner, record, INVALID_INTERMEDIATE_STATE);
         ProcMgrLog(LOG_ERR, "PROCMGR : StartApp : appName=%s, pid=%d, state=%s is in invalid state",
                    name.c_str(), record->pid_, StateOf(*record).c_str());
         return true;
@@ -146,67 +168,83 @@ bool GeneralApps::Start(const Message::StartAppInfo& item, const std::string& ow
                    "PROCMGR : appName=%s, pid=%d, state=%s is in terminated state, but not remove "
                    "from generalAppMap yet, so go on",
                    name.c_str(), record->pid_, StateOf(*record).c_str());
-        record->owner_ = owner;
     }
-    StartStopped(record, owner, pending);
+    launch = BeginLaunch(record, std::move(*spec), owner);
     return true;
 }
 
-// Starts what is not running. The report that it runs follows from the next pass.
-void GeneralApps::StartStopped(const Record& record, const std::string& owner,
-                               ChangeList& pending) {
-    if (!StartInMap(record)) {
-        pending.emplace_back(owner, MakeStateInfo(*record, TERMINATED_ABNORMAL_EXIT, 0));
-        ProcMgrLog(LOG_ERR,
-                   "PROCMGR : StartApp : StartProcess failed : appName=%s, pid=%d, state=%s, %s",
-                   record->appName_.c_str(), record->pid_, StateOf(*record).c_str(),
-                   BootStrace(BOOT_TRACE_TAG).c_str());
-        RaiseFault(*record);
+// The report that the application runs follows from the next pass.
+void GeneralApps::FinishStart(const Record& record, std::optional<App::LaunchPlan> plan,
+                              const std::string& owner, ChangeList& pending) {
+    if (FinishLaunch(record, std::move(plan))) {
+        record->state_ = STARTING;
         return;
     }
-    record->state_ = STARTING;
-    checks_.Request();
+    Answer(pending, owner, record, TERMINATED_ABNORMAL_EXIT);
+    ProcMgrLog(LOG_ERR,
+               "PROCMGR : StartApp : StartProcess failed : appName=%s, pid=%d, state=%s, %s",
+               record->appName_.c_str(), record->pid_, StateOf(*record).c_str(),
+               BootStrace(BOOT_TRACE_TAG).c_str());
+    RaiseFault(*record);
 }
 
-bool GeneralApps::StartInMap(const Record& record) {
-    const bool isNew = generalAppMap_.try_emplace(record->appName_, record).second;
-    bool isStarted = false;
-    try {
-        isStarted = !isStopping_ && record->StartProcess(launcher_);
-    } catch (const std::bad_alloc&) {
-        // There is no child: a start throws nothing once it has one.
-        ProcMgrLog(LOG_ERR, "PROCMGR : out of memory before a start");
-    }
-    if (!isStarted && isNew) {
+GeneralApps::Launch GeneralApps::BeginLaunch(const Record& record, App::AppSpec spec,
+                                             const std::string& owner) {
+    record->owner_ = spec.IsPriority() ? PROC_ZORNMGR : owner;
+    record->TakeSpec(std::move(spec));
+    Launch launch{record, *record};
+    generalAppMap_.try_emplace(record->appName_, record);
+    record->isLaunching_ = true;
+    return launch;
+}
+
+bool GeneralApps::FinishLaunch(const Record& record, std::optional<App::LaunchPlan> plan) {
+    record->isLaunching_ = false;
+    checks_.Request();
+    const bool isStarted = TryStart(*record, std::move(plan));
+    if (!isStarted && record->state_ == INITSTATE) {
         generalAppMap_.erase(record->appName_);
     }
     return isStarted;
 }
 
-void GeneralApps::HandlePriorityApps(const Record& record, const std::string& owner,
-                                     ChangeList& pending) {
+std::optional<GeneralApps::Launch> GeneralApps::HandlePriorityApps(const Record& record,
+                                                                   App::AppSpec spec,
+                                                                   const std::string& owner,
+                                                                   ChangeList& pending) {
     ProcMgrLog(LOG_INFO, "PROCMGR : HandlePriorityApps app=%s, pid=%d, state=%s to owner=%s",
                record->appName_.c_str(), record->pid_, StateOf(*record).c_str(), owner.c_str());
-    if (record->state_ == RUNNING) {
-        pending.emplace_back(owner, MakeStateInfo(*record, RUNNING_NORMAL_START, 0));
-    } else if (record->state_ == TERMINATED || record->state_ == INITSTATE) {
-        StartStopped(record, owner, pending);
-    } else {
-        pending.emplace_back(owner, MakeStateInfo(*record, INVALID_INTERMEDIATE_STATE, 0));
+    const bool isStopped = record->state_ == TERMINATED || record->state_ == INITSTATE;
+    if (isStopped && !record->isLaunching_) {
+        // The asker is told how it went, as of any application.
+        record->asker_ = owner == PROC_ZORNMGR ? std::string() : owner;
+        return BeginLaunch(record, std::move(spec), PROC_ZORNMGR);
     }
+    Answer(pending, owner, record,
+           record->state_ == RUNNING ? RUNNING_NORMAL_START : INVALID_INTERMEDIATE_STATE);
+    return std::nullopt;
 }
 
-void GeneralApps::StartPriorityApps() {
-    for (const ApplicationManifest& manifest : config_.GetPriorityApps()) {
-        const std::lock_guard lock(mutex_);
-        // Nobody is there yet to hear of a failure: it waits like every other change.
-        const Record record = GetGeneralApp(manifest.GetAppName(), PROC_ZORNMGR);
-        ChangeList failed;
-        if (record != nullptr && !IsInMap(record)) {
-            StartStopped(record, PROC_ZORNMGR, failed);
+void GeneralApps::StartPriorityApps(const std::string& path) {
+    for (const ApplicationManifest& manifest : config_.GetPriorityApps(path)) {
+        std::optional<Launch> launch;
+        {
+            const LockGuard lock(mutex_);
+            const Record record = GetGeneralApp(manifest.GetAppName(), PROC_ZORNMGR);
+            if (record != nullptr && !IsInMap(record) && record->IsPriority()) {
+                launch = BeginLaunch(record, *record, PROC_ZORNMGR);
+            }
         }
-        for (const auto& change : failed) {
-            HoldBack(change.second);
+        if (!launch) {
+            continue;
+        }
+        std::optional<App::LaunchPlan> plan = Prepare(launch->copy);
+        const LockGuard lock(mutex_);
+        // Nobody has asked, so a failure waits like every other change.
+        ChangeList failed;
+        FinishStart(launch->record, std::move(plan), PROC_ZORNMGR, failed);
+        for (const Change& change : failed) {
+            HoldBack(change.item);
         }
     }
 }
@@ -216,26 +254,23 @@ void GeneralApps::TermGeneralApp(const std::vector<Message::TermAppInfo>& items,
     LogRequest("TERM_APP", items, owner);
     ChangeList pending;
     for (const Message::TermAppInfo& item : items) {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         Terminate(item.appName, owner, pending);
     }
-    ReportPending(std::move(pending));
+    ReportPending(pending);
 }
 
-// An end that came while later items were handled has been told already, and is the last word.
-void GeneralApps::ReportPending(ChangeList pending) {
-    const std::lock_guard order(reportOrder_);
+void GeneralApps::ReportPending(const ChangeList& pending) {
     {
-        const std::lock_guard lock(mutex_);
-        std::erase_if(pending, [this](const auto& change) {
-            const AppStateInfo& item = change.second;
-            const Record record = Find(item.appName);
-            const bool isRunning = record != nullptr && record->state_ == RUNNING &&
-                                   static_cast<uint32_t>(record->pid_) == item.pid;
-            return item.reportType == RUNNING_NORMAL_START && !isRunning;
-        });
+        const LockGuard lock(mutex_);
+        // What supervision has found comes first.
+        QueueOutbox();
+        if (view_.isZornReady()) {
+            QueueHeldBack();
+        }
+        ReportGeneralAppChanges(pending, true);
     }
-    ReportGeneralAppChanges(pending);
+    reports_.Flush();
 }
 
 void GeneralApps::Terminate(const std::string& name, const std::string& owner,
@@ -243,12 +278,12 @@ void GeneralApps::Terminate(const std::string& name, const std::string& owner,
     const Record record = GetGeneralApp(name, owner);
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR, "PROCMGR : termApp failed: not find app=%s", name.c_str());
-        pending.emplace_back(owner, Placeholder(name, TERMINATED_NORMAL_EXIT));
+        Answer(pending, owner, name, TERMINATED_NORMAL_EXIT);
         return;
     }
     const bool isRemoved = !IsInMap(record);
-    if (isRemoved || record->state_ == TERMINATED) {
-        pending.emplace_back(owner, MakeStateInfo(*record, TERMINATED_NORMAL_EXIT, 0));
+    if (!record->isLaunching_ && (isRemoved || record->state_ == TERMINATED)) {
+        Answer(pending, owner, record, TERMINATED_NORMAL_EXIT);
         ProcMgrLog(LOG_INFO,
                    isRemoved
                        ? "PROCMGR : TermGeneralApp:app=%s is already terminated and removed"
@@ -257,14 +292,14 @@ void GeneralApps::Terminate(const std::string& name, const std::string& owner,
         return;
     }
     if (record->state_ != RUNNING) {
-        pending.emplace_back(owner, MakeStateInfo(*record, INVALID_INTERMEDIATE_STATE, 0));
+        Answer(pending, owner, record, INVALID_INTERMEDIATE_STATE);
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : TermGeneralApp failed: appName=%s, pid=%d, state=%s is invalid "
                    "intermediate state",
                    name.c_str(), record->pid_, StateOf(*record).c_str());
         return;
     }
-    record->SetTermStartTime(std::chrono::steady_clock::now());
+    record->BeginTermination(std::chrono::steady_clock::now());
     if (!record->TermProcess()) {
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : TermGeneralApp failed: TermProcess failed: appName=%s, pid=%d, "
@@ -272,7 +307,6 @@ void GeneralApps::Terminate(const std::string& name, const std::string& owner,
                    name.c_str(), record->pid_, StateOf(*record).c_str());
         return;
     }
-    record->killSent_ = false;
     record->state_ = TERMINATING;
     checks_.Request();
 }
@@ -282,75 +316,81 @@ void GeneralApps::RestartApp(const std::vector<Message::RestartAppInfo>& items,
     LogRequest("RESTART_APP", items, owner);
     ChangeList pending;
     for (const Message::RestartAppInfo& item : items) {
-        const std::lock_guard lock(mutex_);
-        Restart(item, owner, pending);
+        std::optional<Launch> launch;
+        {
+            const LockGuard lock(mutex_);
+            launch = BeginRestart(item, owner, pending);
+        }
+        if (launch) {
+            std::optional<App::LaunchPlan> plan = Prepare(launch->copy);
+            const LockGuard lock(mutex_);
+            FinishDirectRestart(launch->record, std::move(plan), owner, pending);
+        }
     }
-    ReportPending(std::move(pending));
+    ReportPending(pending);
 }
 
-void GeneralApps::Restart(const Message::RestartAppInfo& item, const std::string& owner,
-                          ChangeList& pending) {
+std::optional<GeneralApps::Launch> GeneralApps::BeginRestart(const Message::RestartAppInfo& item,
+                                                             const std::string& owner,
+                                                             ChangeList& pending) {
     const std::string& name = item.appName;
     const Record record = GetGeneralApp(name, owner);
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR, "PROCMGR : RestartApp failed: not find app=%s", name.c_str());
-        pending.emplace_back(owner, Placeholder(name, TERMINATED_ABNORMAL_EXIT));
-        return;
+        Answer(pending, owner, name, TERMINATED_ABNORMAL_EXIT);
+        return std::nullopt;
     }
-    const auto manifest = config_.Find(name);
-    if (record->state_ == RUNNING && manifest) {
-        record->Refresh(*manifest, name);
-    }
-    if (!record->UpdateDynamicPara(item.argv, item.dynamicPara)) {
-        pending.emplace_back(owner, MakeStateInfo(*record, TERMINATED_ABNORMAL_EXIT, 0));
+    std::optional<App::AppSpec> spec = record->MakeStart(item.argv, item.dynamicPara);
+    if (!spec) {
+        Answer(pending, owner, record, TERMINATED_ABNORMAL_EXIT);
         ProcMgrLog(LOG_ERR, "PROCMGR : RestartApp failed : appName=%s, dynamic para invalid",
                    name.c_str());
-        return;
+        return std::nullopt;
     }
-    const bool isRemoved = !IsInMap(record);
-    const bool isTerminated = record->state_ == TERMINATED;
-    if (isRemoved || isTerminated) {
-        if (!record->IsPriority()) {
-            record->owner_ = owner;
-        }
-        if (!StartInMap(record)) {
-            pending.emplace_back(owner, MakeStateInfo(*record, TERMINATED_ABNORMAL_EXIT, 0));
-            ProcMgrLog(LOG_ERR,
-                       "PROCMGR : RestartApp failed: StartProcess failed appName=%s, pid=%d",
-                       name.c_str(), record->pid_);
-            RaiseFault(*record);
-            return;
-        }
-        record->state_ = RESTARTING;
-        record->restartStarted_ = true;
-        checks_.Request();
-        ProcMgrLog(LOG_INFO,
-                   "PROCMGR : RestartApp=%s, pid=%d success, isRemoved=%d, isTermminated=%d",
-                   name.c_str(), record->pid_, isRemoved, isTerminated);
-        return;
+    const bool isGone = !IsInMap(record) || record->state_ == TERMINATED;
+    if (isGone && !record->isLaunching_) {
+        return BeginLaunch(record, std::move(*spec), owner);
     }
     if (record->state_ != RUNNING || isStopping_) {
-        pending.emplace_back(owner, MakeStateInfo(*record, INVALID_INTERMEDIATE_STATE, 0));
+        Answer(pending, owner, record, INVALID_INTERMEDIATE_STATE);
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : RestartApp failed: StartProcess : appName=%s, pid=%d, state=%s is "
                    "invalid intermediate state",
                    name.c_str(), record->pid_, StateOf(*record).c_str());
+        return std::nullopt;
+    }
+    RestartRunning(record, std::move(*spec));
+    return std::nullopt;
+}
+
+void GeneralApps::FinishDirectRestart(const Record& record, std::optional<App::LaunchPlan> plan,
+                                      const std::string& owner, ChangeList& pending) {
+    const bool isRemoved = record->state_ == INITSTATE;
+    const bool isTerminated = record->state_ == TERMINATED;
+    if (!FinishLaunch(record, std::move(plan))) {
+        Answer(pending, owner, record, TERMINATED_ABNORMAL_EXIT);
+        ProcMgrLog(LOG_ERR, "PROCMGR : RestartApp failed: StartProcess failed appName=%s, pid=%d",
+                   record->appName_.c_str(), record->pid_);
+        RaiseFault(*record);
         return;
     }
-    RestartRunning(record);
+    record->state_ = RESTARTING;
+    record->restartStarted_ = true;
+    ProcMgrLog(LOG_INFO, "PROCMGR : RestartApp=%s, pid=%d success, isRemoved=%d, isTermminated=%d",
+               record->appName_.c_str(), record->pid_, isRemoved, isTerminated);
 }
 
 // The new process is started by supervision once the old one has ended.
-void GeneralApps::RestartRunning(const Record& record) {
+void GeneralApps::RestartRunning(const Record& record, App::AppSpec next) {
     record->savedForceTerm_ = record->forceTerm_;
-    record->SetTermStartTime(std::chrono::steady_clock::now());
+    record->SetNext(std::move(next));
+    record->BeginTermination(std::chrono::steady_clock::now());
     if (!record->TermProcess()) {
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : RestartApp failed: TermProcess failed : appName=%s pid=%d, state=%s",
                    record->appName_.c_str(), record->pid_, StateOf(*record).c_str());
         return;
     }
-    record->killSent_ = false;
     record->restartStarted_ = false;
     record->state_ = RESTARTING;
     checks_.Request();
@@ -365,7 +405,7 @@ void GeneralApps::QueryAppState(const std::vector<std::string>& names, const std
                BootStrace(BOOT_TRACE_TAG).c_str(), owner.c_str(), JoinNames(names).c_str());
     std::map<std::string, uint32_t> statusByName;
     {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         for (const std::string& name : names) {
             const Record record = Find(name);
             if (!statusByName.contains(name)) {
@@ -374,11 +414,15 @@ void GeneralApps::QueryAppState(const std::vector<std::string>& names, const std
         }
     }
     reports_.ReportAppDetailStatus(statusByName, owner);
+    reports_.Flush();
     ProcMgrLog(LOG_DEBUG, "%s PM finish QUERY_APP_STATE request from %s",
                BootStrace(BOOT_TRACE_TAG).c_str(), owner.c_str());
 }
 
 uint32_t GeneralApps::Probe(const GeneralAppInfo& app) {
+    if (app.isLaunching_ || app.IsRestartDue()) {
+        return STATUS_ALIVE;
+    }
     // A pid whose exit has been collected may belong to another child by now.
     if (!app.IsAlive()) {
         return STATUS_GONE;

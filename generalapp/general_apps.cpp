@@ -2,8 +2,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
+#include <new>
+#include <set>
+#include <utility>
 
 #include "app/sensor_node_event_reporter.h"
+#include "app/signals.h"
 #include "main/constants.h"
 #include "main/log.h"
 
@@ -17,10 +22,17 @@ namespace {
 
 constexpr uint32_t RESULT_NONE = 0;
 constexpr uint32_t RESULT_INPUT_OUTPUT_ERROR = 1;
-// How long a killed process may take to go, in the kernel's hands, before it is left behind.
-constexpr std::chrono::seconds KILL_PATIENCE{5};
+// At the stop: how long after the last time-out CheckThread may take to kill what is late, and then
+// the kernel to let it go, before it is left behind.
+constexpr std::chrono::milliseconds CHECK_PATIENCE{200};
+constexpr std::chrono::milliseconds KILL_PATIENCE{300};
+// So many changes of an application are held back for the access manager.
+constexpr size_t HELD_BACK_MAX = 64;
 
 bool NeedsCheck(const GeneralAppInfo& app, CheckPass pass, SteadyTime now) {
+    if (app.isLaunching_) {
+        return false;
+    }
     if (pass == CheckPass::EXTRA) {
         return app.exitStatusSet_ && app.state_ != TERMINATED &&
                now - app.startTime_ > CHECK_PERIOD;
@@ -40,8 +52,7 @@ uint32_t ResultOf(const GeneralAppInfo& app) {
 }  // namespace
 
 GeneralApps::GeneralApps(App::ProcessLauncher& launcher, CheckRequests& checks,
-                         const App::StateReports& reports, const StartupConfig& config,
-                         OwnerView view)
+                         App::StateReports& reports, const StartupConfig& config, OwnerView view)
     : launcher_(launcher),
       checks_(checks),
       reports_(reports),
@@ -49,7 +60,7 @@ GeneralApps::GeneralApps(App::ProcessLauncher& launcher, CheckRequests& checks,
       view_(std::move(view)) {}
 
 bool GeneralApps::SetExitStatus(int32_t pid, int32_t status) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     // A collected exit has freed its pid: it may belong to another process by now.
     const auto found = std::find_if(
         generalAppMap_.begin(), generalAppMap_.end(),
@@ -62,62 +73,162 @@ bool GeneralApps::SetExitStatus(int32_t pid, int32_t status) {
     launcher_.Release(app);
     const bool isYoung = std::chrono::steady_clock::now() - app.startTime_ <= CHECK_PERIOD;
     isYoung ? checks_.Request() : checks_.RequestNow();
-    exited_.notify_all();
+    exited_.NotifyAll();
     return true;
 }
 
 void GeneralApps::CheckGeneralApps(CheckPass pass) {
-    const std::lock_guard order(reportOrder_);
-    {
-        const std::lock_guard lock(mutex_);
-        if (outbox_.empty() && !heldBack_.empty() && view_.isZornReady()) {
-            outbox_.swap(heldBack_);
-        }
-        const SteadyTime now = std::chrono::steady_clock::now();
-        for (const auto& [name, app] : generalAppMap_) {
-            if (NeedsCheck(*app, pass, now)) {
-                CheckOne(*app, now);
-            }
-            if (NeedsCheck(*app, CheckPass::PERIODIC, now)) {
-                checks_.Request();
-            }
-        }
+    std::vector<GeneralAppInfo> restarts = CheckStates(pass);
+    reports_.Flush();
+    for (GeneralAppInfo& copy : restarts) {
+        BeginRestartEnded(copy);
     }
-    SendOutbox();
 }
 
-void GeneralApps::SendOutbox() {
-    ReportGeneralAppChanges(outbox_);
+// Returns copies of the records whose restart is due.
+std::vector<GeneralAppInfo> GeneralApps::CheckStates(CheckPass pass) {
+    std::vector<GeneralAppInfo> restarts;
+    const LockGuard lock(mutex_);
+    if (!heldBack_.empty() && view_.isZornReady()) {
+        QueueHeldBack();
+    }
+    const SteadyTime now = std::chrono::steady_clock::now();
+    for (const auto& [name, app] : generalAppMap_) {
+        if (NeedsCheck(*app, pass, now)) {
+            CheckOne(*app, now);
+        }
+        if (app->IsRestartDue() && !app->isLaunching_ && !isStopping_) {
+            restarts.push_back(*app);
+            restarts.back().TakeNext();
+        }
+        if (NeedsCheck(*app, CheckPass::PERIODIC, now)) {
+            checks_.Request();
+        }
+    }
+    QueueOutbox();
+    return restarts;
+}
+
+// The new process of a restart whose old one is gone. What fails before its preparation is tried
+// again by the next pass.
+void GeneralApps::BeginRestartEnded(const GeneralAppInfo& copy) {
+    const bool isQuick = launcher_.IsQuick(copy);
+    const auto job = [this, copy] { RestartEnded(copy); };
+    {
+        const LockGuard lock(mutex_);
+        const Record record = Find(copy.appName_);
+        if (record == nullptr || !record->IsRestartDue() || record->isLaunching_) {
+            return;
+        }
+        record->TakeNext();
+        record->isLaunching_ = true;
+    }
+    if (isQuick) {
+        RestartEnded(copy);
+    } else if (!launcher_.PostSlow(job)) {
+        FinishRestartEnded(copy.appName_, std::nullopt);
+    }
+}
+
+void GeneralApps::RestartEnded(const GeneralAppInfo& copy) {
+    FinishRestartEnded(copy.appName_, Prepare(copy));
+    reports_.Flush();
+}
+
+void GeneralApps::FinishRestartEnded(const std::string& name, std::optional<App::LaunchPlan> plan) {
+    const LockGuard lock(mutex_);
+    const Record record = Find(name);
+    if (record == nullptr) {
+        return;
+    }
+    record->isLaunching_ = false;
+    checks_.Request();
+    // The stop may have taken the record over.
+    if (record->state_ != RESTARTING) {
+        return;
+    }
+    const bool isStarted = TryStart(*record, std::move(plan));
+    record->state_ = record->FinishRestart(isStarted);
+    if (!isStarted) {
+        NoteChange(*record);
+        QueueOutbox();
+    }
+}
+
+// A start throws nothing once there is a child.
+bool GeneralApps::TryStart(GeneralAppInfo& app, std::optional<App::LaunchPlan> plan) {
+    try {
+        return plan && !isStopping_ && app.StartProcess(launcher_, *plan);
+    } catch (const std::bad_alloc&) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : out of memory before the start of app=%s",
+                   app.appName_.c_str());
+        return false;
+    }
+}
+
+std::optional<App::LaunchPlan> GeneralApps::Prepare(const GeneralAppInfo& copy) {
+    try {
+        return launcher_.Prepare(copy);
+    } catch (const std::exception& error) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : the start of app=%s cannot be prepared, %s",
+                   copy.appName_.c_str(), error.what());
+        return std::nullopt;
+    }
+}
+
+void GeneralApps::QueueOutbox() {
+    ReportGeneralAppChanges(outbox_, false);
     outbox_.clear();
 }
 
 void GeneralApps::HoldBack(const AppStateInfo& item) {
-    std::erase_if(heldBack_,
-                  [&](const auto& change) { return change.second.appName == item.appName; });
-    heldBack_.emplace_back(PROC_ZORNMGR, item);
+    const auto isSame = [&](const AppStateInfo& other) { return other.appName == item.appName; };
+    if (std::count_if(heldBack_.begin(), heldBack_.end(), isSame) >=
+        static_cast<std::ptrdiff_t>(HELD_BACK_MAX)) {
+        heldBack_.erase(std::find_if(heldBack_.begin(), heldBack_.end(), isSame));
+        ProcMgrLog(LOG_WARNING,
+                   "PROCMGR : more than %zu changes of app=%s wait for zornmgr, the oldest is "
+                   "dropped",
+                   HELD_BACK_MAX, item.appName.c_str());
+    }
+    heldBack_.push_back(item);
+}
+
+void GeneralApps::QueueHeldBack() {
+    ChangeList changes;
+    for (const AppStateInfo& item : heldBack_) {
+        changes.push_back({PROC_ZORNMGR, item, PROC_ZORNMGR, nullptr, 0});
+    }
+    ReportGeneralAppChanges(changes, false);
+    heldBack_.clear();
 }
 
 void GeneralApps::CheckOne(GeneralAppInfo& app, SteadyTime now) {
-    // What needs memory comes first: once the state has changed the report must not get lost.
-    const bool isPriority = app.IsPriority();
-    const bool isHeldBack = isPriority && !view_.isZornReady();
+    // The room comes first: once the state has changed the report must not get lost.
     outbox_.reserve(outbox_.size() + 1);
-    std::string owner = isPriority ? PROC_ZORNMGR : app.owner_;
-    AppStateInfo item = App::MakeStateInfo(app, app.reportType_, RESULT_NONE);
-    app.state_ = app.CheckState(now, launcher_);
-    if (app.reportType_ == INVALID_INTERMEDIATE_STATE) {
-        return;
+    heldBack_.reserve(heldBack_.size() + 1);
+    app.state_ = app.CheckState(now);
+    if (app.reportType_ != INVALID_INTERMEDIATE_STATE) {
+        NoteChange(app);
     }
+}
+
+void GeneralApps::NoteChange(GeneralAppInfo& app) {
+    ++app.changes_;
     ProcMgrLog(LOG_INFO,
                "PROCMGR: CheckThread : generalAppName=%s, pid=%d, state=%s get statechange",
                app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
-    item.pid = static_cast<uint32_t>(app.pid_);
-    item.reportType = app.reportType_;
-    item.result = ResultOf(app);
+    const AppStateInfo item = App::MakeStateInfo(app, app.reportType_, ResultOf(app));
+    const bool isHeldBack = app.IsPriority() && !view_.isZornReady();
+    const std::string asker = std::exchange(app.asker_, {});
+    if (!app.IsPriority()) {
+        outbox_.push_back({app.owner_, item, app.owner_, nullptr, 0});
+    } else if (!isHeldBack || !asker.empty()) {
+        outbox_.push_back(
+            {asker.empty() ? PROC_ZORNMGR : asker, item, PROC_ZORNMGR, nullptr, 0, !isHeldBack});
+    }
     if (isHeldBack) {
         HoldBack(item);
-    } else {
-        outbox_.emplace_back(std::move(owner), std::move(item));
     }
     SensorNodeEventReporter& faults = SensorNodeEventReporter::GetInstance();
     if (app.reportType_ == TERMINATED_ABNORMAL_EXIT) {
@@ -128,49 +239,71 @@ void GeneralApps::CheckOne(GeneralAppInfo& app, SteadyTime now) {
     }
 }
 
-void GeneralApps::ReportGeneralAppChanges(const ChangeList& changes) const {
+void GeneralApps::ReportGeneralAppChanges(const ChangeList& changes, bool isAnswer) {
     if (changes.empty()) {
         return;
     }
     std::vector<AppStateInfo> all;
-    for (const auto& [owner, item] : changes) {
-        all.push_back(item);
-    }
-    if (!reports_.ReportAppState(all, PROC_ZORNMGR)) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : CheckThread : report general apps' changes to ZORN failed");
-    }
-    for (const std::string& name : view_.getOwners()) {
-        if (name == PROC_ZORNMGR) {
+    for (const Change& change : changes) {
+        // What supervision has told of a process since is the last word about it.
+        if (!change.isForZorn || IsOutdated(change)) {
             continue;
         }
-        std::vector<AppStateInfo> own;
-        for (const auto& [owner, item] : changes) {
-            if (owner == name) {
-                own.push_back(item);
-            }
-        }
-        if (!reports_.ReportAppState(own, name)) {
-            ProcMgrLog(LOG_ERR,
-                       "PROCMGR : CheckThread : report general apps' changes to owner %s failed",
-                       name.c_str());
+        const bool isPriority = change.record != nullptr && change.record->IsPriority();
+        if (isPriority && !view_.isZornReady()) {
+            HoldBack(change.item);
+        } else {
+            all.push_back(change.item);
         }
     }
+    ReportInOrder(all, PROC_ZORNMGR, isAnswer);
+    for (const std::string& name : view_.getOwners()) {
+        std::vector<AppStateInfo> own;
+        for (const Change& change : changes) {
+            const bool isOwnApp = change.appOwner == change.owner;
+            if (change.owner == name && !(isOwnApp && IsOutdated(change))) {
+                own.push_back(change.item);
+            }
+        }
+        if (name != PROC_ZORNMGR) {
+            ReportInOrder(own, name, isAnswer);
+        }
+    }
+}
+
+// A record carries its items in an order of its own, so each call has every application once.
+void GeneralApps::ReportInOrder(const std::vector<AppStateInfo>& items, const std::string& owner,
+                                bool isAnswer) {
+    std::vector<AppStateInfo> batch;
+    std::set<std::string> names;
+    for (const AppStateInfo& item : items) {
+        if (!names.insert(item.appName).second && !isAnswer) {
+            reports_.ReportAppChanges(batch, owner, isAnswer);
+            batch.clear();
+            names = {item.appName};
+        }
+        batch.push_back(item);
+    }
+    reports_.ReportAppChanges(batch, owner, isAnswer);
+}
+
+// Whether supervision has told of a change since the answer was made.
+bool GeneralApps::IsOutdated(const Change& change) {
+    return change.record != nullptr && change.record->changes_ != change.seen;
 }
 
 void GeneralApps::ReportHeldBack() {
-    const std::lock_guard order(reportOrder_);
     {
-        const std::lock_guard lock(mutex_);
-        outbox_.insert(outbox_.end(), heldBack_.begin(), heldBack_.end());
-        heldBack_.clear();
+        const LockGuard lock(mutex_);
+        QueueHeldBack();
     }
-    SendOutbox();
+    reports_.Flush();
 }
 
 void GeneralApps::RemoveTerminatedApps() {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     std::erase_if(generalAppMap_, [](const auto& entry) {
-        if (entry.second->state_ != TERMINATED) {
+        if (entry.second->state_ != TERMINATED || entry.second->isLaunching_) {
             return false;
         }
         ProcMgrLog(LOG_INFO, "PROCMGR : Process %s removed from the list of generalAppMap_",
@@ -180,15 +313,18 @@ void GeneralApps::RemoveTerminatedApps() {
 }
 
 bool GeneralApps::Visit(const App::RecordVisitor& visitor) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     return std::any_of(generalAppMap_.begin(), generalAppMap_.end(),
                        [&](const auto& entry) { return visitor(*entry.second); });
 }
 
-std::vector<AppStateInfo> GeneralApps::GetStates() {
-    const std::lock_guard lock(mutex_);
+std::vector<AppStateInfo> GeneralApps::GetStates(const std::string& owner) {
+    const LockGuard lock(mutex_);
     std::vector<AppStateInfo> states;
     for (const auto& [name, app] : generalAppMap_) {
+        if (!owner.empty() && (app->owner_ != owner || app->IsPriority())) {
+            continue;
+        }
         states.push_back(App::MakeStateInfo(*app, App::PresentStateOf(*app), RESULT_NONE));
     }
     return states;
@@ -200,26 +336,39 @@ bool GeneralApps::HasLive() const {
 }
 
 void GeneralApps::StopAll() {
-    std::unique_lock lock(mutex_);
+    UniqueLock lock(mutex_);
     isStopping_ = true;
     const SteadyTime now = std::chrono::steady_clock::now();
     SteadyTime end = now;
     for (const auto& [name, app] : generalAppMap_) {
-        // One whose old process has ended would be started again by the next pass.
+        // A restart whose old process has ended must not come about any more.
         if (!app->IsAlive() && app->state_ != RESTARTING) {
             continue;
         }
         app->TermProcess();
         app->state_ = TERMINATING;
-        app->SetTermStartTime(now);
-        app->killSent_ = false;
+        app->BeginTermination(now);
         // The state check kills it then, whatever the manifest says about other occasions.
         app->forceTerm_ = true;
         end = std::max(end, now + std::chrono::milliseconds(app->termTimeout_));
     }
     checks_.Request();
-    if (!exited_.wait_until(lock, end + KILL_PATIENCE, [this] { return !HasLive(); })) {
+    const auto isOver = [this] { return !HasLive(); };
+    if (exited_.WaitUntil(lock, end + CHECK_PATIENCE, isOver)) {
+        return;
+    }
+    KillAll();
+    if (!exited_.WaitUntil(lock, end + CHECK_PATIENCE + KILL_PATIENCE, isOver)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : some general apps do not end, they are left behind");
+    }
+}
+
+void GeneralApps::KillAll() {
+    for (const auto& [name, app] : generalAppMap_) {
+        if (app->IsAlive()) {
+            App::TermRqdSubProc(name, app->pid_);
+            App::SendSignal(SIGKILL, name, app->pid_);
+        }
     }
 }
 

@@ -1,10 +1,11 @@
 #include "generalapp/startup_config.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <set>
-#include <tuple>
+#include <utility>
 
-#include "app/app_info.h"
+#include "app/app_spec.h"
 #include "main/log.h"
 #include "main/system.h"
 
@@ -29,41 +30,72 @@ uint32_t StartupConfig::ReLoadStartCfgInfo(const std::string& path, const MatchD
     return Load(path, matchData, true);
 }
 
+StartupConfig::Source StartupConfig::MakeSource(const std::string& path) {
+    Source source;
+    source.spelled = std::filesystem::path(path).lexically_normal().string();
+    source.resolved = source.spelled;
+    StandardizationPath(path, source.resolved);
+    return source;
+}
+
 uint32_t StartupConfig::Load(const std::string& path, const MatchData& matchData, bool isReload) {
+    MayWait("the file system");
     std::vector<ApplicationManifest> manifests;
     std::set<std::string> scratch;
-    // A parser of its own: those of the base services' keeps to their dependencies.
-    if (!IsRootsAlone(path) || ParseAndDepend().ParseYaml(0, path, manifests, scratch) != 0) {
+    // A parser of its own: the base services' parser keeps their dependencies.
+    if (ParseAndDepend().ParseYaml(0, path, manifests, scratch) != 0) {
         ProcMgrLog(LOG_ERR, "process-manager LoadStartCfgInfo=%s failed", path.c_str());
         return FILE_UNUSABLE;
     }
-    const std::lock_guard lock(mutex_);
-    if (isReload) {
-        std::erase_if(entries_, [&](const auto& entry) { return entry.second.file == path; });
+    Source loaded = MakeSource(path);
+    const LockGuard lock(mutex_);
+    for (const Source& source : sources_) {
+        if (!isReload && source.IsOf(loaded)) {
+            loaded.apps = source.apps;
+        }
     }
     for (const ApplicationManifest& manifest : manifests) {
         if (manifest.GetManifestList() == ManifestList::APPLICATIONS &&
             IsSelected(manifest, matchData)) {
-            entries_.insert_or_assign(manifest.GetAppName(), Entry{path, manifest});
+            loaded.apps.insert_or_assign(manifest.GetAppName(), manifest);
         }
     }
+    sources_.reserve(sources_.size() + 1);
+    std::erase_if(sources_, [&](const Source& source) { return source.IsOf(loaded); });
+    sources_.push_back(std::move(loaded));
+    ++revision_;
     return OK;
 }
 
 std::optional<ApplicationManifest> StartupConfig::Find(const std::string& name) const {
-    const std::lock_guard lock(mutex_);
-    const auto entry = entries_.find(name);
-    return entry == entries_.end() ? std::nullopt : std::optional(entry->second.manifest);
+    const LockGuard lock(mutex_);
+    for (auto source = sources_.rbegin(); source != sources_.rend(); ++source) {
+        const auto entry = source->apps.find(name);
+        if (entry != source->apps.end()) {
+            return entry->second;
+        }
+    }
+    return std::nullopt;
 }
 
-std::vector<ApplicationManifest> StartupConfig::GetPriorityApps() const {
-    std::vector<ApplicationManifest> apps;
+std::vector<ApplicationManifest> StartupConfig::GetPriorityApps(const std::string& path) const {
+    const Source wanted = path.empty() ? Source() : MakeSource(path);
+    std::map<std::string, ApplicationManifest> byName;
     {
-        const std::lock_guard lock(mutex_);
-        for (const auto& [name, entry] : entries_) {
-            if (entry.manifest.GetStartupPriority() != App::AppInfo::NO_PRIORITY) {
-                apps.push_back(entry.manifest);
+        const LockGuard lock(mutex_);
+        for (const Source& source : sources_) {
+            if (!path.empty() && !source.IsOf(wanted)) {
+                continue;
             }
+            for (const auto& [name, manifest] : source.apps) {
+                byName.insert_or_assign(name, manifest);
+            }
+        }
+    }
+    std::vector<ApplicationManifest> apps;
+    for (const auto& [name, manifest] : byName) {
+        if (manifest.GetStartupPriority() != App::AppSpec::NO_PRIORITY) {
+            apps.push_back(manifest);
         }
     }
     // The map has them by name.

@@ -3,13 +3,14 @@
 // the general applications, and nothing is locked while a file is read.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "main/mutex.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr {
@@ -23,29 +24,41 @@ public:
     using MatchData = std::map<std::string, std::string>;
 
     // Adds the applications of the file at `path`: those for which `matchData` has every pair that
-    // they ask for. A name that is known already takes over what the file says. A file that is
-    // not root's alone to write, or does not parse, changes nothing.
+    // they ask for. Where several files have a name, the one that was loaded last counts. A file
+    // that is not root's alone to write, or does not parse, changes nothing.
     uint32_t LoadStartCfgInfo(const std::string& path, const MatchData& matchData = {});
 
-    // The same, and what this file gave before is forgotten.
+    // The same, and what this file gave before is forgotten: other files' entries of those names
+    // count again. The file is known by any spelling of its path.
     uint32_t ReLoadStartCfgInfo(const std::string& path, const MatchData& matchData = {});
 
     // Nothing when no application of that name is known.
     std::optional<ApplicationManifest> Find(const std::string& name) const;
 
-    // The priority applications, by rising priority, then name.
-    std::vector<ApplicationManifest> GetPriorityApps() const;
+    // Grows with each change of what Find() gives.
+    uint64_t GetRevision() const { return revision_; }
+
+    // The priority applications, of one file or of all, by rising priority, then name.
+    std::vector<ApplicationManifest> GetPriorityApps(const std::string& path = {}) const;
 
 private:
-    uint32_t Load(const std::string& path, const MatchData& matchData, bool isReload);
+    // What one file gives.
+    struct Source {
+        std::string resolved;  // its path without links
+        std::string spelled;   // its path as a request has it, without "." and ".."
+        std::map<std::string, ApplicationManifest> apps;
 
-    struct Entry {
-        std::string file;  // the one that a request named, not one that it includes
-        ApplicationManifest manifest;
+        bool IsOf(const Source& other) const {
+            return resolved == other.resolved || spelled == other.spelled;
+        }
     };
 
-    mutable std::mutex mutex_;
-    std::map<std::string, Entry> entries_;  // guarded by mutex_
+    static Source MakeSource(const std::string& path);
+    uint32_t Load(const std::string& path, const MatchData& matchData, bool isReload);
+
+    mutable Mutex mutex_;
+    std::vector<Source> sources_;  // in the order of their last loads; guarded by mutex_
+    std::atomic<uint64_t> revision_{0};
 };
 
 }  // namespace ProcMgr

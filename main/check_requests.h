@@ -4,9 +4,8 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 
+#include "main/mutex.h"
 #include "main/system.h"
 
 namespace ProcMgr {
@@ -27,43 +26,43 @@ public:
 
     // Ends every wait from now on.
     void Stop() {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         isStopped_ = true;
-        changed_.notify_all();
+        changed_.NotifyAll();
     }
 
     // Waits while nothing is asked for, until `end` at most: false then.
     bool WaitForAny(SteadyTime end) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_until(lock, end, [this] { return isAsked_ || isStopped_; });
+        UniqueLock lock(mutex_);
+        return changed_.WaitUntil(lock, end, [this] { return isAsked_ || isStopped_; });
     }
     // Waits until `cycle`, or for something that is wanted at once: true then.
     bool WaitForNow(SteadyTime cycle) {
-        std::unique_lock lock(mutex_);
-        changed_.wait_until(lock, cycle, [this] { return isUrgent_ || isStopped_; });
+        UniqueLock lock(mutex_);
+        changed_.WaitUntil(lock, cycle, [this] { return isUrgent_ || isStopped_; });
         return isUrgent_ && !isStopped_;
     }
 
     // A pass begins: what was asked for up to now is its to find.
     void Begin(CheckPass pass) {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         isUrgent_ = false;
         isAsked_ = isAsked_ && pass == CheckPass::EXTRA;
     }
 
 private:
     void Set(bool isUrgent) {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         if (isAsked_ && (isUrgent_ || !isUrgent)) {
             return;
         }
         isAsked_ = true;
         isUrgent_ = isUrgent_ || isUrgent;
-        changed_.notify_one();
+        changed_.NotifyOne();
     }
 
-    std::mutex mutex_;
-    std::condition_variable changed_;
+    Mutex mutex_;
+    Condition changed_;
     // All guarded by mutex_.
     bool isAsked_ = false;
     bool isUrgent_ = false;

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/names.h"
+
 namespace ProcMgr {
 
 inline constexpr const char* PROCMGR_NAME = "PROCMGR";

@@ -3,9 +3,12 @@
 namespace ProcMgr {
 
 LineReader::LineReader(const std::string& path, size_t lengthMax)
-    : file_(std::fopen(path.c_str(), "re")) {
+    : buffer_(lengthMax + 1, '\0'), file_(std::fopen(path.c_str(), "re")) {}
+
+LineReader::LineReader(Wire::UniqueFd fd, size_t lengthMax)
+    : buffer_(lengthMax + 1, '\0'), file_(fd.IsValid() ? fdopen(fd.Get(), "r") : nullptr) {
     if (file_ != nullptr) {
-        buffer_.resize(lengthMax + 1);
+        fd.Release();
     }
 }
 

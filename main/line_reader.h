@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "wire/unique_fd.h"
+
 namespace ProcMgr {
 
 class LineReader {
@@ -17,6 +19,8 @@ public:
 
     // Opens the file, close-on-exec. A line of more than `lengthMax` characters comes in pieces.
     explicit LineReader(const std::string& path, size_t lengthMax = DEFAULT_LENGTH_MAX);
+    // Reads from an open descriptor, which may be none.
+    explicit LineReader(Wire::UniqueFd fd, size_t lengthMax = DEFAULT_LENGTH_MAX);
 
     // False, with errno of the open right after construction, when there is nothing to read.
     bool IsOpen() const { return file_ != nullptr; }
@@ -30,8 +34,8 @@ private:
         void operator()(FILE* file) const { std::fclose(file); }
     };
 
-    std::unique_ptr<FILE, Close> file_;
     std::string buffer_;
+    std::unique_ptr<FILE, Close> file_;
 };
 
 }  // namespace ProcMgr

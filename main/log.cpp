@@ -1,47 +1,23 @@
 #include "main/log.h"
 
-#include <algorithm>
-#include <array>
 #include <cstdarg>
-#include <cstdio>
-#include <mutex>
+#include <ctime>
+#include <utility>
 
 #include "main/constants.h"
+#include "main/log_queue.h"
 #include "main/proc_mgr_env.h"
-#include "main/system_logger.h"
 
 namespace ProcMgr {
 namespace {
 
-constexpr const char* KERNEL_LOG = "/dev/kmsg";
+// The limit that holds for the calling thread; null: none.
+thread_local LogLimit* g_limit = nullptr;
 
-struct Sinks {
-    std::mutex mutex;  // guards all that follows, and the file of the kernel log
-    SystemLogger logger;
-    std::array<char, 8192> text{};
-};
-
-// Never destroyed: threads of libraries may log until the very end.
-Sinks& GetSinks() {
-    static auto* sinks = new Sinks;
-    return *sinks;
-}
-
-void WriteSystemLog(int level, const char* format, va_list arguments) {
-    auto& [mutex, logger, text] = GetSinks();
-    const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
-    logger.Write(
-        level, {text.data(), std::min(static_cast<size_t>(std::max(length, 0)), text.size() - 1)});
-}
-
-void WriteKernelLog(int level, const char* format, va_list arguments) {
-    FILE* file = std::fopen(KERNEL_LOG, "a+e");
-    if (file == nullptr) {
-        return;
+void Add(LogSink sink, int level, const char* format, va_list arguments) {
+    if (LogLimit::Take(level)) {
+        LogQueue::Add(sink, level, format, arguments);
     }
-    std::fprintf(file, "<%d> PROCMGR[%d] ", level, ProcMgrEnv::GetInstance().GetPid());
-    std::vfprintf(file, format, arguments);
-    std::fclose(file);
 }
 
 }  // namespace
@@ -49,44 +25,63 @@ void WriteKernelLog(int level, const char* format, va_list arguments) {
 void ProcMgrLog(int level, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    {
-        const std::lock_guard lock(GetSinks().mutex);
-        if (ProcMgrEnv::GetInstance().IsQuickStart()) {
-            WriteKernelLog(level, format, arguments);
-        } else {
-            WriteSystemLog(level, format, arguments);
-        }
-    }
+    const bool isQuickStart = ProcMgrEnv::GetInstance().IsQuickStart();
+    Add(isQuickStart ? LogSink::KERNEL : LogSink::SYSTEM, level, format, arguments);
     va_end(arguments);
 }
 
 void ProcMgrSysLog(int level, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    {
-        const std::lock_guard lock(GetSinks().mutex);
-        WriteSystemLog(level, format, arguments);
-    }
+    Add(LogSink::SYSTEM, level, format, arguments);
     va_end(arguments);
 }
 
 void OpenLog() {
-    // For what libraries write to syslog themselves.
+    // The time zone is read from its file here, and not under the log's lock.
+    tzset();
     openlog(PROCMGR_NAME, LOG_PID, LOG_USER);
 }
 
-void CloseLog() {
-    const std::lock_guard lock(GetSinks().mutex);
-    GetSinks().logger.Close();
+void CloseLog(std::chrono::milliseconds patience) {
+    LogQueue::Close(patience);
     closelog();
 }
 
-LogForkGuard::LogForkGuard() {
-    GetSinks().mutex.lock();
+void WriteLogInSignal() {
+    LogQueue::WriteInSignal();
 }
 
-LogForkGuard::~LogForkGuard() {
-    GetSinks().mutex.unlock();
+LogLimit::LogLimit(const char* subject) : subject_(subject) {
+    g_limit = this;
+}
+
+LogLimit::~LogLimit() {
+    g_limit = nullptr;
+    if (leftOut_ > 0) {
+        ProcMgrLog(LOG_WARNING, "PROCMGR : %zu more lines about a request of %s are left out",
+                   leftOut_, subject_);
+    }
+}
+
+LogLimit::Pause::Pause() : limit_(std::exchange(g_limit, nullptr)) {}
+
+LogLimit::Pause::~Pause() {
+    g_limit = limit_;
+}
+
+bool LogLimit::Take(int level) {
+    if (g_limit == nullptr) {
+        return true;
+    }
+    const bool isProblem = level <= LOG_WARNING;
+    size_t& used = isProblem ? g_limit->problems_ : g_limit->notes_;
+    if (used < (isProblem ? PROBLEMS_MAX : NOTES_MAX)) {
+        ++used;
+        return true;
+    }
+    ++g_limit->leftOut_;
+    return false;
 }
 
 }  // namespace ProcMgr

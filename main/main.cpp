@@ -6,22 +6,30 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "main/boot_trace.h"
 #include "main/constants.h"
+#include "main/instance_lock.h"
 #include "main/log.h"
 #include "main/proc_mgr_env.h"
 #include "main/process_manager.h"
 #include "main/signals.h"
 #include "main/system.h"
+#include "main/threads.h"
 #include "platform/access_manager.h"
+#include "platform/diagnostics.h"
 
 namespace {
 
 constexpr int EXIT_STATUS_ERROR = -1;
+constexpr int EXIT_STATUS_SECOND = 1;
+// How long the access manager's library may take at the end.
+constexpr std::chrono::milliseconds RETRIEVE_PATIENCE{300};
 
 // A daemon that was started with its standard streams closed must not get them as descriptors of
 // its own, which its children would then write to.
@@ -33,6 +41,11 @@ void OpenStandardStreams() {
     if (fd >= 0) {
         close(fd);
     }
+}
+
+// What the platform libraries have to say goes through the daemon's log.
+void LogDiagnostic(int level, const char* text) {
+    ProcMgr::ProcMgrLog(level, "%s", text);
 }
 
 int Fail() {
@@ -53,6 +66,13 @@ int main(int argc, char** argv) {
     ProcMgrEnv& env = ProcMgrEnv::GetInstance();
     env.StorePid();
     OpenLog();
+    SetDiagnosticSink(LogDiagnostic);
+    InstanceLock instance;
+    if (const std::optional<pid_t> first = instance.Take()) {
+        ProcMgrLog(LOG_ERR, "ProcMgr: another process-manager runs already, pid=%d", *first);
+        CloseLog();
+        return EXIT_STATUS_SECOND;
+    }
     WriteBootTracePoint(POINT_MAIN);
     InstallSignals();
     if (argc < 2) {
@@ -75,15 +95,22 @@ int main(int argc, char** argv) {
     ProcMgrLog(LOG_INFO, "ProcMgr: main begin: baseServiceCfgPath: %s", path.c_str());
     ProcMgrLog(LOG_INFO, "%s, PM main begin", BootStrace(BOOT_TRACE_TAG).c_str());
 
-    const uint32_t result = ProcMgrRun(path);
-    // The shutdown has closed the log; the last word is the daemon's own, too.
+    bool isClean = true;
+    const uint32_t result = ProcMgrRun(path, isClean);
+    // The shutdown has closed the log; these lines open it again.
     OpenLog();
     if (result == 0) {
         ProcMgrSysLog(LOG_INFO, "process-manager ProcMgrRun finished");
     } else {
         ProcMgrSysLog(LOG_WARNING, "process-manager ProcMgrRun failed");
     }
-    ZornRetrieveService();
+    NamedThread access("access");
+    access.Start(ZornRetrieveService);
+    isClean = access.Join(std::chrono::steady_clock::now() + RETRIEVE_PATIENCE) && isClean;
     CloseLog();
+    if (!isClean) {
+        // Threads that did not end still use what a return would destroy.
+        _exit(static_cast<int>(result));
+    }
     return static_cast<int>(result);
 }

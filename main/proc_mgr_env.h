@@ -1,6 +1,6 @@
 // What the whole process knows about itself: pid, quick-start mode, the switches of the boot
 // command line, the board, the child error pipe, the HOME of what it starts. Filled during start-up
-// by the main thread, read from any thread.
+// by the main and the start-up thread, read from any thread.
 #pragma once
 
 #include <sys/types.h>

@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
-#include <new>
+#include <functional>
+#include <memory>
+#include <utility>
 
 #include "app/launch_defaults.h"
 #include "app/sensor_node_event_reporter.h"
@@ -17,49 +19,89 @@
 #include "main/signals.h"
 #include "main/system.h"
 #include "platform/heartbeat.h"
+#include "platform/power.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
+#include "resource/device_worker.h"
 
 namespace ProcMgr {
 namespace {
 
 constexpr std::chrono::milliseconds CONTINUE_LOOK{5};
 constexpr int CONTINUE_LOOKS_MAX = 2000;
+constexpr std::chrono::milliseconds POWER_LOOK{1};
 constexpr int MARKER_LOOKS = 20;  // the marker file is looked for at every so many-th look
+// How long all threads and libraries together may take to end.
+constexpr std::chrono::milliseconds END_PATIENCE{600};
+
+// Names what did not end in time. Returns `isEnded`.
+bool Ends(const char* what, bool isEnded) {
+    if (!isEnded) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : %s does not end, it is left to the end of the process",
+                   what);
+    }
+    return isEnded;
+}
+
+// Calls what may wait for others, on a thread of its own.
+bool EndsBy(SteadyTime end, const char* name, std::function<void()> call) {
+    NamedThread thread(name);
+    thread.Start(std::move(call));
+    return Ends(name, thread.Join(end));
+}
+
+// Ends what the platform calls; a call that runs is waited for.
+bool EndPower(SteadyTime end) {
+    constexpr int32_t BUSY = -16;
+    while (UnregisterPowerCalls() == BUSY) {
+        if (std::chrono::steady_clock::now() >= end) {
+            return false;
+        }
+        SleepFor(POWER_LOOK);
+    }
+    return true;
+}
 
 }  // namespace
 
-uint32_t ProcMgrRun(const std::string& path) {
-    ProcessManager manager(path);
-    if (!manager.Init()) {
-        return 1;
-    }
+uint32_t ProcMgrRun(const std::string& path, bool& isClean) {
+    auto manager = std::make_unique<ProcessManager>(path);
+    uint32_t result = 1;
     try {
-        manager.Run();
-        return 0;
+        if (manager->Init()) {
+            manager->Run();
+            result = 0;
+        }
     } catch (const std::exception& error) {
         ProcMgrSysLog(LOG_ERR, "PROCMGR: Caught exception=%s", error.what());
     } catch (...) {
         ProcMgrSysLog(LOG_ERR, "PROCMGR: Caught unknown exception.");
     }
-    return 1;
+    isClean = manager->Shutdown();
+    if (!isClean) {
+        [[maybe_unused]] const ProcessManager* inUse = manager.release();
+    }
+    return result;
 }
 
 ProcessManager::ProcessManager(const std::string& path)
     : baseServiceCfgPath(path),
       launcher_(&sharePool_),
       dispatch_(MakeHandlers()),
-      pipes_([this](int32_t fd, const MuxaRequest* request, const std::string& owner) {
-          dispatch_.RequestMsgHandler(fd, request, owner);
-      }),
-      reports_(pipes_),
+      pipes_([this](int32_t fd, const MuxaRequest* request,
+                    const std::string& owner) { dispatch_.RequestMsgHandler(fd, request, owner); },
+             {.onOpen = [this](const std::string& owner) { sender_.Retry(owner); },
+              .onBusy = [this] { sender_.Wake(); }}),
+      sender_(pipes_, [this](const std::string& owner) { return GetPicture(owner); }),
+      reports_(pipes_, sender_),
       baseServices_(launcher_, reportedState_, checks_, pipes_, reports_),
       generalApps_(launcher_, checks_, reports_, startupConfig_,
                    {.isZornReady = [this] { return baseServices_.IsReady(PROC_ZORNMGR); },
                     .getOwners = [this] { return baseServices_.GetOwners(); }}),
       managedRecords_(
           {[this](const App::RecordVisitor& visitor) { return baseServices_.Visit(visitor); },
-           [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }}),
+           [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }},
+          [this](const std::string& name) { return startupConfig_.Find(name).has_value(); }),
       affinityCheck_(managedRecords_),
       delayCoreAffinity_(managedRecords_),
       uploadRegistry_(sharePool_, managedRecords_),
@@ -67,29 +109,10 @@ ProcessManager::ProcessManager(const std::string& path)
                    [this] { return isStopping_.load(); }),
       reaper_(
           {[this](int32_t pid, int32_t status) { return baseServices_.SetExitStatus(pid, status); },
-           [this](int32_t pid, int32_t status) { return generalApps_.SetExitStatus(pid, status); }},
-          [this] { ForwardStop(); }),
+           [this](int32_t pid, int32_t status) { return generalApps_.SetExitStatus(pid, status); },
+           [this](int32_t pid, int32_t /*status*/) { return launcher_.TakeHelperExit(pid); }},
+          [this] { HandleSignals(); }),
       childErrorReader_(running_) {}
-
-ProcessManager::~ProcessManager() {
-    condition_.notify_all();
-    reportedState_.Notify();
-    App::SensorNodeEventReporter::GetInstance().UnregisterAll();
-    DisableAllCheckHeartBeat();
-    running_ = false;
-    delayCoreAffinity_.Stop();
-    childErrorReader_.Stop();
-    checks_.Stop();
-    WakeSignalEvent();
-    unlink(QUICK_START_MARKER);
-    JoinThreads();
-    // A restart may have registered one in between.
-    DisableAllCheckHeartBeat();
-    uploadRegistry_.Close();
-    pipes_.CloseAll();
-    ProcMgrEnv::GetInstance().CloseChildErrorPipe();
-    CloseLog();
-}
 
 bool ProcessManager::Init() {
     LoadProcMgrCfg(SETTINGS_FILE, settings_);
@@ -119,19 +142,43 @@ void ProcessManager::UpdateStartupYaml() {
 }
 
 void ProcessManager::Run() {
-    checkThread_ = std::thread(&ProcessManager::CheckThread, this);
-    waitThread_ = std::thread(&ProcessManager::WaitThread, this);
-    InitPriorityApps(baseServiceCfgPath);
-    WaitContinueSignal();
-    ContinueProcMgrInit();
-    receiveChildProcessMsgThread_ =
-        std::thread(&ProcessManager::ReceiveChildProcessMsgThread, this);
-    baseStartup_.InitBaseApplication(baseServiceCfgPath);
-    unlink(QUICK_START_MARKER);
-    // Parsing took memory that is not needed again.
-    malloc_trim(0);
+    checkThread_.Start([this] { CheckThread(); });
+    waitThread_.Start([this] { WaitThread(); });
+    reportThread_.Start([this] { sender_.Run(pipes_); });
+    startUpThread_.Start([this] { StartUp(); });
     WaitForStop();
     StopApplications();
+    const LockGuard lock(mutex_);
+    if (startUpFailure_ != nullptr) {
+        std::rethrow_exception(startUpFailure_);
+    }
+}
+
+void ProcessManager::StartUp() {
+    try {
+        InitPriorityApps(baseServiceCfgPath);
+        WaitContinueSignal();
+        ContinueProcMgrInit();
+        RegisterPower();
+        receiveChildProcessMsgThread_.Start([this] { ReceiveChildProcessMsgThread(); });
+        baseStartup_.InitBaseApplication(baseServiceCfgPath);
+        unlink(QUICK_START_MARKER);
+        // Parsing took memory that is not needed again.
+        malloc_trim(0);
+    } catch (...) {
+        {
+            const LockGuard lock(mutex_);
+            startUpFailure_ = std::current_exception();
+        }
+        BeginStop();
+    }
+}
+
+void ProcessManager::RegisterPower() {
+    const int32_t ret = RegisterPowerCalls([this] { Suspend(); }, [this] { WakeUpRecover(); });
+    if (ret != 0) {
+        ProcMgrLog(LOG_WARNING, "PROCMGR : the power calls cannot be registered, ret=%d", ret);
+    }
 }
 
 void ProcessManager::InitPriorityApps(const std::string& path) {
@@ -242,15 +289,18 @@ void ProcessManager::HandleBaseServiceState(const std::string& owner, BaseServic
     switch (state) {
         case BaseServiceStateType::INIT:
             if (isZorn) {
-                ReportEverythingToZorn();
-                wasZornReady_ = false;  // it need not be told again
+                reports_.RegisterVfs();
+                sender_.OwePicture(owner);
+                wasZornReady_ = false;  // it is told everything once
                 HandleReady(owner);
                 wasZornReady_ = true;
             }
             return;
         case BaseServiceStateType::RESTARTING:
             if (isZorn) {
-                ReportEverythingToZorn();
+                reports_.RegisterVfs();
+                sender_.OwePicture(owner);
+                sender_.Flush();
             }
             return;
         case BaseServiceStateType::RUNNING:
@@ -266,32 +316,26 @@ void ProcessManager::HandleBaseServiceState(const std::string& owner, BaseServic
 void ProcessManager::HandleReady(const std::string& owner) {
     const bool isNew = baseServices_.UpdateBaseServerReadyInfo(owner);
     if (!isNew || owner != PROC_ZORNMGR) {
+        sender_.Flush();
         return;
     }
-    // One that comes back has lost what it was told before.
+    // An access manager that comes back does not know what its predecessor was told.
     if (wasZornReady_.exchange(true)) {
-        ReportEverythingToZorn();
+        reports_.RegisterVfs();
+        sender_.OwePicture(owner);
     }
     generalApps_.ReportHeldBack();
+    sender_.Retry(owner);
 }
 
-void ProcessManager::ReportEverythingToZorn() {
-    constexpr int ATTEMPTS = 5;
-    reports_.RegisterVfs();
-    // A change that is told while this is on its way would be overwritten by it: it is told again
-    // until nothing has changed meanwhile.
-    std::vector<Message::AppStateInfo> told;
-    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-        std::vector<Message::AppStateInfo> states = GetStates();
-        if (states == told) {
-            return;
-        }
-        reports_.ReportAppState(states, PROC_ZORNMGR);
-        told.swap(states);
+std::optional<std::vector<Message::AppStateInfo>> ProcessManager::GetPicture(
+    const std::string& owner) {
+    if (owner != PROC_ZORNMGR) {
+        return generalApps_.GetStates(owner);
     }
-}
-
-std::vector<Message::AppStateInfo> ProcessManager::GetStates() {
+    if (!baseServices_.IsReady(owner)) {
+        return std::nullopt;
+    }
     std::vector<Message::AppStateInfo> states = baseServices_.GetStates();
     std::erase_if(states, [](const auto& state) { return state.appName == PROC_ZORNMGR; });
     const std::vector<Message::AppStateInfo> apps = generalApps_.GetStates();
@@ -308,6 +352,9 @@ void ProcessManager::LoadStartupCfg(const Message::StartupCfgInfo& info, int32_t
     }
     ProcMgrLog(LOG_INFO, "%s LoadStartCfgInfo finish ret=0x%X, fd=%d",
                BootStrace(BOOT_TRACE_TAG).c_str(), ret, fd);
+    if (ret == StartupConfig::OK) {
+        generalApps_.StartPriorityApps(info.path);
+    }
 }
 
 void ProcessManager::ReloadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd) {
@@ -319,6 +366,9 @@ void ProcessManager::ReloadStartupCfg(const Message::StartupCfgInfo& info, int32
     }
     ProcMgrLog(LOG_INFO, "%s ReLoadStartCfgInfo finish ret=0x%X, fd=%d",
                BootStrace(BOOT_TRACE_TAG).c_str(), ret, fd);
+    if (ret == StartupConfig::OK) {
+        generalApps_.StartPriorityApps(info.path);
+    }
 }
 
 void ProcessManager::CheckThread() {
@@ -350,8 +400,8 @@ uint64_t ProcessManager::RunPeriodicChecks(uint64_t cycle) {
         if (affinityTimer_.TakeDue(cycle)) {
             CheckCoreAffinity();
         }
-    } catch (const std::bad_alloc&) {
-        ProcMgrLog(LOG_ERR, "PROCMGR: CheckThread : out of memory, try again");
+    } catch (const std::exception& error) {
+        ProcMgrLog(LOG_ERR, "PROCMGR: CheckThread : %s, try again", error.what());
     }
     // Nothing wakes up for registrations that are not there.
     return uploadRegistry_.IsEmpty() ? affinityTimer_.GetNext()
@@ -359,9 +409,14 @@ uint64_t ProcessManager::RunPeriodicChecks(uint64_t cycle) {
 }
 
 void ProcessManager::CheckCoreAffinity() {
-    isRecoveryDue_ = wakeUpWatch_.HasWokenUp() || isRecoveryDue_;
     // Before the first check the files that a recovery needs may not have been read.
-    if (affinityCheck_.Run() && isRecoveryDue_) {
+    if (!affinityCheck_.Run()) {
+        return;
+    }
+    // Looked at last: the platform may have told of it, and it has been recovered, during the
+    // check.
+    isRecoveryDue_ = wakeUpWatch_.HasWokenUp() || isRecoveryDue_;
+    if (isRecoveryDue_) {
         delayCoreAffinity_.WakeUpRecover();
         isRecoveryDue_ = false;
     }
@@ -378,9 +433,9 @@ void ProcessManager::CheckApplications(CheckPass pass) {
         baseServices_.CheckBaseApps(pass);
         generalApps_.CheckGeneralApps(pass);
         RemoveTerminatedApps();
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception& error) {
         // The records say what there is still to do; the next cycle tries again.
-        ProcMgrLog(LOG_ERR, "PROCMGR: CheckThread : out of memory, try again");
+        ProcMgrLog(LOG_ERR, "PROCMGR: CheckThread : %s, try again", error.what());
         checks_.Request();
     }
 }
@@ -398,36 +453,73 @@ void ProcessManager::ReceiveChildProcessMsgThread() {
     childErrorReader_.Run();
 }
 
-void ProcessManager::ForwardStop() {
-    if (!IsStopRequested() || isStopping_) {
-        return;
+void ProcessManager::HandleSignals() {
+    if (TakeHangUp()) {
+        ProcMgrLog(LOG_WARNING, "PROCMGR : SIGHUP is ignored");
     }
+    if (IsStopRequested() && !isStopping_) {
+        BeginStop();
+    }
+}
+
+void ProcessManager::BeginStop() {
     {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         isStopping_ = true;
     }
-    condition_.notify_all();
+    condition_.NotifyAll();
     reportedState_.Notify();
+    launcher_.CancelSlow();
 }
 
 void ProcessManager::WaitForStop() {
-    std::unique_lock lock(mutex_);
-    condition_.wait(lock, [this] { return isStopping_.load(); });
+    UniqueLock lock(mutex_);
+    condition_.Wait(lock, [this] { return isStopping_.load(); });
 }
 
 void ProcessManager::StopApplications() {
     ProcMgrLog(LOG_INFO, "PROCMGR : stop requested, all services are ended now");
+    baseServices_.BeginStop();
     generalApps_.StopAll();
     baseServices_.StopAll();
     ProcMgrLog(LOG_INFO, "PROCMGR : all services have been ended");
 }
 
-void ProcessManager::JoinThreads() {
-    for (std::thread* thread : {&waitThread_, &checkThread_, &receiveChildProcessMsgThread_}) {
-        if (thread->joinable()) {
-            thread->join();
-        }
+bool ProcessManager::Shutdown() {
+    const SteadyTime end = std::chrono::steady_clock::now() + END_PATIENCE;
+    BeginStop();
+    App::SensorNodeEventReporter::GetInstance().UnregisterAll();
+    running_ = false;
+    childErrorReader_.Stop();
+    checks_.Stop();
+    sender_.Stop();
+    WakeSignalEvent();
+    unlink(QUICK_START_MARKER);
+    bool isClean = JoinThreads(end);
+    // After the start-up thread, which registers it.
+    isClean = Ends("power", EndPower(end)) && isClean;
+    isClean = EndsBy(end, "affinity", [this] { delayCoreAffinity_.Stop(); }) && isClean;
+    isClean = EndsBy(end, "heartbeat", DisableAllCheckHeartBeat) && isClean;
+    isClean = Ends("upload", uploadRegistry_.Close(end)) && isClean;
+    isClean = Ends("messages", pipes_.CloseAll(end)) && isClean;
+    // Last: the one library call that nobody else waits for.
+    isClean = Ends("device", DeviceWorker().Drain(end)) && isClean;
+    if (isClean) {
+        ProcMgrEnv::GetInstance().CloseChildErrorPipe();
     }
+    CloseLog();
+    return isClean;
+}
+
+bool ProcessManager::JoinThreads(SteadyTime end) {
+    // The start-up thread first: it starts the last of the others.
+    const bool isStartUpOver = Ends(startUpThread_.GetName(), startUpThread_.Join(end));
+    bool isClean = Ends("launch", launcher_.Stop(end)) && isStartUpOver;
+    for (NamedThread* thread : {&waitThread_, &checkThread_, &reportThread_}) {
+        isClean = Ends(thread->GetName(), thread->Join(end)) && isClean;
+    }
+    return isClean &&
+           Ends(receiveChildProcessMsgThread_.GetName(), receiveChildProcessMsgThread_.Join(end));
 }
 
 }  // namespace ProcMgr

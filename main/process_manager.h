@@ -3,11 +3,10 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
+#include <exception>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "app/managed_records.h"
@@ -19,6 +18,7 @@
 #include "baseservice/watchdog.h"
 #include "channel/owner_pipes.h"
 #include "channel/owner_reports.h"
+#include "channel/report_sender.h"
 #include "channel/request_dispatch.h"
 #include "config/boot_command_line.h"
 #include "config/settings.h"
@@ -27,6 +27,8 @@
 #include "generalapp/startup_config.h"
 #include "main/check_requests.h"
 #include "main/cycle_timer.h"
+#include "main/mutex.h"
+#include "main/threads.h"
 #include "resource/affinity_check.h"
 #include "resource/delay_core_affinity.h"
 #include "resource/share_pool.h"
@@ -36,14 +38,15 @@
 namespace ProcMgr {
 
 // Runs the daemon with the base services of the file at `path`, a normalised path. Returns when it
-// was told to stop: 0, or 1 when it failed.
-uint32_t ProcMgrRun(const std::string& path);
+// was told to stop: 0, or 1 when it failed. `isClean` is false when threads did not end in time:
+// the process must then end without destroying anything.
+uint32_t ProcMgrRun(const std::string& path, bool& isClean);
 
 class ProcessManager {
 public:
     explicit ProcessManager(const std::string& baseServiceCfgPath);
-    // The orderly shutdown: wakes and joins every thread. Leaves the children alone.
-    ~ProcessManager();
+    // After a Shutdown() that was clean.
+    ~ProcessManager() = default;
     ProcessManager(const ProcessManager&) = delete;
     ProcessManager& operator=(const ProcessManager&) = delete;
 
@@ -53,9 +56,14 @@ public:
     // Starts the threads and the base services; returns after the applications have been stopped.
     void Run();
 
-    // For a platform that knows of a suspend before it comes, and of the resume: one that it tells
-    // of is not noticed once more by CheckThread. Callable from any thread, once start-up has come
-    // to the base services.
+    // The orderly shutdown: wakes and joins every thread, within a second. Leaves the children
+    // alone. False when something did not end in time, which the log names: this object must then
+    // live until the process ends.
+    bool Shutdown();
+
+    // What the platform calls before a suspend and after the resume: one that it tells of is not
+    // noticed once more by CheckThread. Callable from any thread, once start-up has come to the
+    // base services.
     void Suspend() { delayCoreAffinity_.Suspend(); }
     void WakeUpRecover();
 
@@ -73,9 +81,12 @@ public:
     }
 
 private:
+    // The thread that starts everything up: what it waits for cannot hold up the stop.
+    void StartUp();
     // Quick start: waits until the platform says that start-up may go on, 10 s at most.
     void WaitContinueSignal();
     bool IsContinued();
+    void RegisterPower();
     void ContinueProcMgrInit();
     void InitPriorityApps(const std::string& path);
     // A base-service file that the boot command line names takes the place of the argument's.
@@ -90,9 +101,6 @@ private:
     RequestHandlers MakeHandlers();
     void HandleBaseServiceState(const std::string& owner, BaseServiceStateType state);
     void HandleReady(const std::string& owner);
-    // Gives an access manager that knows nothing yet the whole picture.
-    void ReportEverythingToZorn();
-    std::vector<Message::AppStateInfo> GetStates();
     void LoadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd);
     void ReloadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd);
 
@@ -102,21 +110,25 @@ private:
     void CheckApplications(CheckPass pass);
     void RemoveTerminatedApps();
 
-    // Passes a stop signal on to whoever waits for it. Called by WaitThread.
-    void ForwardStop();
+    // Passes a stop signal on to whoever waits for it, and names a hang-up. Called by WaitThread.
+    void HandleSignals();
+    void BeginStop();
     void WaitForStop();
     void StopApplications();
-    void JoinThreads();
+    bool JoinThreads(SteadyTime end);
+    // What `owner` is told when it has missed something; see ReportSender.
+    std::optional<std::vector<Message::AppStateInfo>> GetPicture(const std::string& owner);
 
-    std::mutex mutex_;
-    std::condition_variable condition_;  // the stop flag has changed
+    Mutex mutex_;
+    Condition condition_;                // the stop flag has changed
+    std::exception_ptr startUpFailure_;  // guarded by mutex_
     std::string baseServiceCfgPath;
     std::atomic<bool> running_{true};        // every thread loop ends when it is false
     std::atomic<bool> isStopping_{false};    // an orderly stop has begun
     std::atomic<bool> wasZornReady_{false};  // the access manager has been ready once
 
     ProcMgrSettings settings_;         // constant after Init
-    BootCommandLine bootCommandLine_;  // the main thread's
+    BootCommandLine bootCommandLine_;  // of Init, then of the start-up thread
 
     SharePool sharePool_;
     App::ProcessLauncher launcher_;
@@ -124,6 +136,7 @@ private:
     CheckRequests checks_;
     RequestDispatch dispatch_;  // its handlers run only between the opening and CloseAll of pipes_
     OwnerPipes pipes_;
+    ReportSender sender_;
     OwnerReports reports_;
     BaseServices baseServices_;
     StartupConfig startupConfig_;
@@ -141,9 +154,11 @@ private:
     Reaper reaper_;
     ChildErrorReader childErrorReader_;
 
-    std::thread checkThread_;
-    std::thread receiveChildProcessMsgThread_;
-    std::thread waitThread_;
+    NamedThread startUpThread_{"start-up"};
+    NamedThread checkThread_{"check"};
+    NamedThread receiveChildProcessMsgThread_{"child-errors"};
+    NamedThread waitThread_{"wait"};
+    NamedThread reportThread_{"reports"};
 };
 
 }  // namespace ProcMgr

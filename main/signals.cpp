@@ -5,8 +5,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <iterator>
 
 #include "main/boot_trace.h"
+#include "main/log.h"
+#include "wire/blocked_signals.h"
 
 namespace ProcMgr {
 namespace {
@@ -17,7 +20,10 @@ constexpr int EXIT_SIGNALED = 128;
 std::atomic<bool> g_continueReceived{false};
 std::atomic<uint64_t> g_continueCounter{0};
 std::atomic<bool> g_stopRequested{false};
+std::atomic<bool> g_hangUp{false};
 std::atomic<int> g_eventFd{-1};
+// What a fault meant before, for example to a sanitizer: by the order of FAULT_SIGNALS.
+struct sigaction g_faultActions[std::size(Wire::FAULT_SIGNALS)];
 static_assert(std::atomic<uint64_t>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
 void OnChildSignal(int /*signal*/) {
@@ -31,12 +37,37 @@ void OnStopSignal(int signal) {
     WakeSignalEvent();
 }
 
+void OnHangUp(int /*signal*/) {
+    g_hangUp = true;
+    WakeSignalEvent();
+}
+
+// The signal is sent again under its earlier disposition; it comes when this handler returns.
+void OnFault(int signal) {
+    WriteLogInSignal();
+    for (size_t i = 0; i < std::size(Wire::FAULT_SIGNALS); ++i) {
+        if (Wire::FAULT_SIGNALS[i] == signal) {
+            sigaction(signal, &g_faultActions[i], nullptr);
+        }
+    }
+    raise(signal);
+}
+
 void Install(int signal, void (*handler)(int), int flags) {
     struct sigaction action {};
     action.sa_handler = handler;
     action.sa_flags = flags;
     sigemptyset(&action.sa_mask);
     sigaction(signal, &action, nullptr);
+}
+
+void InstallFaultSignals() {
+    struct sigaction action {};
+    action.sa_handler = OnFault;
+    sigemptyset(&action.sa_mask);
+    for (size_t i = 0; i < std::size(Wire::FAULT_SIGNALS); ++i) {
+        sigaction(Wire::FAULT_SIGNALS[i], &action, &g_faultActions[i]);
+    }
 }
 
 void MaskChildSignal(int how) {
@@ -71,6 +102,8 @@ void InstallSignals() {
     Install(SIGTERM, OnStopSignal, SA_RESTART);
     Install(SIGINT, OnStopSignal, SA_RESTART);
     Install(SIGCHLD, OnChildSignal, SA_RESTART | SA_NOCLDSTOP);
+    Install(SIGHUP, OnHangUp, SA_RESTART);
+    InstallFaultSignals();
     // Whoever started the daemon may have left them blocked.
     sigset_t changed;
     sigemptyset(&changed);
@@ -87,6 +120,10 @@ void TakeChildSignals() {
 
 bool IsStopRequested() {
     return g_stopRequested;
+}
+
+bool TakeHangUp() {
+    return g_hangUp.exchange(false);
 }
 
 int GetSignalEventFd() {

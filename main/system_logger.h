@@ -1,41 +1,39 @@
-// The way to the system logger at /dev/log. libc's syslog() waits without end for a logger that
-// lives and does not read; here a line waits a moment and is then dropped, for no log is worth a
-// daemon that stands still.
+// The way to the system logger at /dev/log: a datagram socket or, as libc does it, a stream where
+// the logger has one. Nothing here waits but WaitForRoom().
 #pragma once
 
-#include <array>
+#include <chrono>
 #include <cstddef>
-#include <cstdint>
-#include <ctime>
 #include <string_view>
 
 namespace ProcMgr {
 
-// No lock of its own: its only user, the log, holds the log's.
+// No lock of its own: the log's thread is its only user, and at the very end a signal handler.
 class SystemLogger {
 public:
-    // Sends one line as syslog() would, under the daemon's identity and pid, in the user facility.
-    // `level` is LOG_ERR, LOG_WARNING, LOG_INFO or LOG_DEBUG.
-    void Write(int level, std::string_view text);
+    enum class Sent { YES, NO_ROOM, NO_LOGGER };
+
+    // Sends one line, as syslog() writes it. The text must be followed by a NUL.
+    Sent Send(std::string_view line);
+
+    // Waits until the logger has read, for at most `timeout`.
+    void WaitForRoom(std::chrono::milliseconds timeout) const;
+
+    // One attempt to send a line, async-signal-safe.
+    void SendInSignal(std::string_view line);
 
     void Close();
 
 private:
-    enum class Sent { YES, QUEUE_FULL, NO_LOGGER };
-
     bool Connect();
-    Sent Send(std::string_view line);
-    Sent SendPatiently(std::string_view line);
-    void ReportDropped();
-
-    // "<PRI>Mmm dd hh:mm:ss IDENT[PID]: ", as syslog() has it. Returns its length.
-    size_t WriteHeader(int level, char* header, size_t size);
+    // The socket's kind; nothing connects when it is not the logger's.
+    bool ConnectAs(int type);
+    Sent SendOn(std::string_view line);
 
     int fd_ = -1;
-    time_t second_ = -1;  // that stamp_ stands for
-    std::array<char, 20> stamp_{};
-    bool isStuck_ = false;  // a line has waited in vain since the last that went through
-    uint64_t dropped_ = 0;  // lines, since then
+    bool isStream_ = false;
+    // Bytes of the line that a stream has taken already.
+    size_t taken_ = 0;
 };
 
 }  // namespace ProcMgr

@@ -35,7 +35,10 @@ using MuxaCallback =
 
 struct MuxaOpenAttributes {
     std::string name;    // of the process at the other end
-    uint32_t value = 0;  // gid whose members may be the peer
+    uint32_t value = 0;  // gid of the socket's file: whose members may open it at all
+    // Process of the service: the peer is this process, a descendant of it, or of uid 0. 0: of uid
+    // 0 only.
+    int32_t pid = 0;
     MuxaCallback callback;
     // Tuning that only the library reads, at its neutral values.
     uint32_t sendCount = 0;
@@ -54,20 +57,24 @@ struct MuxaServerAttributes {
 // Returns a descriptor of 1 or more, valid until it is closed.
 int32_t MuxaOpen(const MuxaOpenAttributes& attributes);
 
-// Creates an endpoint that accepts up to `maxPeers` peers at a time; `flags` is 0.
+// Creates an endpoint that accepts up to `maxPeers` peers at a time, of each uid other than 0 at
+// most 32; `flags` is 0. A peer that makes no request for 5 s is sent away, and the callback told.
 // Returns a descriptor of 1 or more.
 int32_t MuxaCreateServer(const MuxaServerAttributes& attributes, uint32_t maxPeers, uint32_t flags);
 
 // Queues one request to the peer; the bytes are copied. -11 when the queue is full.
 int32_t MuxaSendRequest(int32_t fd, const MuxaRequest* request);
 
-// Answers the request whose sequence the response carries.
+// Answers the request whose sequence the response carries. -11 when the peer does not read and the
+// queue is full: 16 answers for a peer of a server.
 int32_t MuxaSendResponse(int32_t fd, const MuxaResponse* response);
 
 // Sends a request and waits for its response, for ever or for `timeout` milliseconds.
 int32_t MuxaRPCSync(int32_t fd, MuxaRequest* request, MuxaResponse* response);
 int32_t MuxaTimedRPCSync(int32_t fd, MuxaRequest* request, MuxaResponse* response, int32_t timeout);
 
-// Closes a pipe or a server. -16 while a callback of it is running; once it returns 0 or more, no
-// callback of it runs or will run.
+// Closes a pipe or a server. -16 while a callback of it is running: from then on no further
+// callback of it starts and no peer is let in, so that the next try succeeds as soon as the
+// callbacks that were running have returned. Once it returns 0 or more, no callback of it runs or
+// will run.
 int32_t MuxaClosePipe(int32_t fd);

@@ -1,10 +1,10 @@
 #include "resource/affinity_check.h"
 
-#include <sys/stat.h>
 #include <syslog.h>
 
 #include <algorithm>
 #include <iterator>
+#include <optional>
 #include <string>
 
 #include "main/constants.h"
@@ -18,10 +18,48 @@ namespace {
 
 // The cpu group of everything that has none of its own.
 constexpr const char* DEFAULT_CPU_GROUP = "OTHER";
-// To list the threads of hundreds of processes takes the kernel long. The checks between two
-// thorough ones only count them: one that took the place of another has its maker's groups and
-// cores until then.
-constexpr uint32_t THOROUGH_PERIOD = 16;
+
+// Where the threads of one priority application belong.
+struct Place {
+    std::vector<std::string> taskFiles;
+    std::optional<CoreMask> mask;
+    bool isPinned = true;      // its cores are checked, too
+    bool isForAiCpus = false;  // pinning it has moved it from its cpuset to that of its cores
+};
+
+// Whether a delayed application has been bound to its cores.
+bool IsBound(const ManagedApp& app) {
+    return CoreAffinityMgr::GetInstance().IsStored(app.pid, app.pid);
+}
+
+Place MakePlace(const ManagedApp& app) {
+    const CgroupTaskInfo task{app.name,
+                              0,
+                              app.cpuGroup.empty() ? DEFAULT_CPU_GROUP : app.cpuGroup,
+                              app.cpuset.empty() ? DEFAULT_CPUSET : app.cpuset,
+                              app.blkioGroup,
+                              {}};
+    Place place;
+    place.taskFiles = CgroupMgr::GetInstance().GetTaskPaths(task);
+    place.mask = CoreAffinityMgr::GetInstance().MakeMask(app.cores);
+    place.isPinned = !app.isDelayed;
+    place.isForAiCpus = place.mask && place.mask->aiCores > 0 && (!app.isDelayed || IsBound(app));
+    return place;
+}
+
+// The tasks files into which the thread has to be written.
+std::vector<std::string> FindMissing(const Place& place, int32_t tid, TaskFiles& files) {
+    std::vector<std::string> missing;
+    for (const std::string& path : place.taskFiles) {
+        const bool isLeft = place.isForAiCpus && path.starts_with(CGROUP_CPUSET_ROOT);
+        const bool isIn = isLeft ? files.IsThere(path) && files.Holds(AI_CPUSET_TASKS, tid)
+                                 : files.Holds(path, tid);
+        if (!isIn) {
+            missing.push_back(path);
+        }
+    }
+    return missing;
+}
 
 }  // namespace
 
@@ -40,11 +78,9 @@ bool AffinityCheck::Run() {
         return false;
     }
     PlaceOwnThreads();
-    const bool isThorough = ++checks_ % THOROUGH_PERIOD == 0;
+    TaskFiles files;
     for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::RUNNING_PRIORITY)) {
-        if (isThorough || !IsSettled(app)) {
-            PlacePriorityApp(app);
-        }
+        PlacePriorityApp(app, files);
     }
     return true;
 }
@@ -72,53 +108,50 @@ void AffinityCheck::AddOwnTids(const std::set<int32_t>& tids) {
     }
 }
 
-bool AffinityCheck::IsSettled(const ManagedApp& app) {
-    constexpr size_t OWN_LINKS = 2;  // of a directory without directories
-    const std::string path = PROC_DIR + std::to_string(app.pid) + "/task";
-    struct stat tasks {};
-    return stat(path.c_str(), &tasks) == 0 && tasks.st_nlink == app.notedTids + OWN_LINKS;
-}
-
-void AffinityCheck::PlacePriorityApp(const ManagedApp& app) {
+void AffinityCheck::PlacePriorityApp(const ManagedApp& app, TaskFiles& files) {
+    if (!CoreAffinityMgr::GetInstance().CheckIsCtrlCpu(app.name, app.cores)) {
+        ProcMgrSysLog(LOG_ERR, "app=%s, pid=%d, core affinity is not in ctrlcpu", app.name.c_str(),
+                      app.pid);
+    }
     std::set<int32_t> tids;
     if (!CoreAffinityMgr::GetTids(app.pid, tids)) {
         return;
     }
-    // Asked after the threads were listed: they are this process's, or nothing is done.
-    const std::set<int32_t> added = apps_.FindNewTids(app, tids);
-    // With the main thread comes a process that has not been here before: it is told of once.
-    if (added.contains(app.pid) &&
-        !CoreAffinityMgr::GetInstance().CheckIsCtrlCpu(app.name, app.cores)) {
-        ProcMgrSysLog(LOG_ERR, "app=%s, pid=%d, core affinity is not in ctrlcpu", app.name.c_str(),
-                      app.pid);
+    const Place place = MakePlace(app);
+    bool isPresent = false;
+    for (const int32_t tid : tids) {
+        if (tid != app.pid && app.notedTids.contains(tid)) {
+            continue;
+        }
+        const std::vector<std::string> missing = FindMissing(place, tid, files);
+        if (missing.empty() && (!place.isPinned || CoreAffinityMgr::HasCores(tid, place.mask))) {
+            continue;
+        }
+        // Asked after the threads were listed: they are this process's, or nothing is done.
+        isPresent = isPresent || apps_.IsPresent(app);
+        if (!isPresent) {
+            return;
+        }
+        PlacePriorityThread(app, tid, missing);
     }
-    for (const int32_t tid : added) {
-        PlacePriorityThread(app, tid);
-    }
-    if (!added.empty()) {
+    if (tids != app.notedTids) {
         apps_.NoteTids(app, tids);
     }
 }
 
-void AffinityCheck::PlacePriorityThread(const ManagedApp& app, int32_t tid) {
+void AffinityCheck::PlacePriorityThread(const ManagedApp& app, int32_t tid,
+                                        const std::vector<std::string>& missing) {
     std::string error;
-    const CgroupTaskInfo task{app.name,
-                              tid,
-                              app.cpuGroup.empty() ? DEFAULT_CPU_GROUP : app.cpuGroup,
-                              app.cpuset.empty() ? DEFAULT_CPUSET : app.cpuset,
-                              app.blkioGroup,
-                              {}};
-    if (!CgroupMgr::GetInstance().AddToCgroups(task, error)) {
+    if (!AppendTidToAll(missing, tid, error)) {
         ProcMgrSysLog(LOG_WARNING, "Add priority app to cgroup tasks failed, errinfo=%s, tid=%d",
                       error.c_str(), tid);
     }
-    CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
-    // Once it has been bound, what it makes belongs to its cores, too.
-    if (app.isDelayed && !affinity.IsStored(app.pid, app.pid)) {
+    // To join a cpuset has undone the bind of one that has been bound.
+    if (app.isDelayed && !IsBound(app)) {
         return;
     }
     error.clear();
-    if (affinity.SetCoreAffinity(tid, app.cores, error) != AFFINITY_OK) {
+    if (CoreAffinityMgr::GetInstance().SetCoreAffinity(tid, app.cores, error) != AFFINITY_OK) {
         ProcMgrSysLog(LOG_WARNING, "priority app SetCoreAffinityToOs failed, errinfo=%s, app=%s",
                       error.c_str(), app.name.c_str());
     }

@@ -1,12 +1,15 @@
 // Where the daemon's own threads and those of the priority applications belong, and the periodic
-// check that puts new ones there. CheckThread runs the check; the main thread starts it.
+// check that puts them there. CheckThread runs the check; the start-up thread starts it.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "resource/managed_apps.h"
+#include "resource/task_file.h"
 
 namespace ProcMgr {
 
@@ -25,15 +28,15 @@ public:
 private:
     void PlaceOwnThreads();
     static void AddOwnTids(const std::set<int32_t>& tids);
-    // Whether the process cannot have new threads, as far as their number tells.
-    static bool IsSettled(const ManagedApp& app);
-    void PlacePriorityApp(const ManagedApp& app);
-    static void PlacePriorityThread(const ManagedApp& app, int32_t tid);
+    // Puts the main thread and each new thread of the application where it belongs. What is there
+    // already is not written: hundreds of processes would take the kernel long.
+    void PlacePriorityApp(const ManagedApp& app, TaskFiles& files);
+    static void PlacePriorityThread(const ManagedApp& app, int32_t tid,
+                                    const std::vector<std::string>& missing);
 
     ManagedApps& apps_;
     std::atomic<bool> isStarted_{false};
-    uint32_t checks_ = 0;        // CheckThread's
-    std::set<int32_t> ownTids_;  // placed before; the main thread's until isStarted_
+    std::set<int32_t> ownTids_;  // placed before; the start-up thread's until isStarted_
 };
 
 }  // namespace ProcMgr

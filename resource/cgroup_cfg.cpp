@@ -129,6 +129,7 @@ bool CgroupMgr::StoreEntry(const std::string& set, const std::string& group,
                       set.c_str(), group.c_str(), value.c_str());
         return false;
     }
+    const LockGuard lock(setsMutex_);
     int32_t& percentage = cgroupSets_[set][group];
     try {
         percentage = std::stoi(value);
@@ -161,6 +162,7 @@ void CgroupMgr::LogSummary() const {
                   "BufferIoSwitch=%d, isCfgOk=%d",
                   static_cast<int>(CPU_NUM), hostCpuSwitch_, blkIoSwitch_, bufferIoSwitch_,
                   isCfgOk_);
+    const LockGuard lock(setsMutex_);
     for (const auto& [set, groups] : cgroupSets_) {
         std::string text = "policy " + set + "=";
         for (const auto& [group, percentage] : groups) {

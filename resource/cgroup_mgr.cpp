@@ -42,7 +42,7 @@ std::string NameOf(const CgroupPolicyInfo& policy) {
 // Which policy types there are, and who serves them.
 struct PolicyRow {
     uint8_t type;
-    uint32_t (CgroupMgr::*update)(const CgroupPolicyInfo& policy) const;
+    uint32_t (CgroupMgr::*update)(const CgroupPolicyInfo& policy);
 };
 constexpr std::array POLICIES = {PolicyRow{0, &CgroupMgr::UpdateCpuSet}};
 
@@ -62,7 +62,7 @@ uint32_t CgroupMgr::UpdateCgroup(const CgroupPolicyInfo& policy) {
     if (!isCfgOk_) {
         return CGROUP_FAILED;
     }
-    if (!cgroupSets_.contains(name)) {
+    if (!HasSet(name)) {
         ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr UpdateCgroup name=%s policy not found",
                       name.c_str());
         return CGROUP_FAILED;
@@ -80,13 +80,19 @@ uint32_t CgroupMgr::UpdateCgroup(const CgroupPolicyInfo& policy) {
     return CGROUP_FAILED;
 }
 
-uint32_t CgroupMgr::UpdateCpuSet(const CgroupPolicyInfo& policy) const {
-    const auto set = cgroupSets_.find(NameOf(policy));
-    if (set == cgroupSets_.end()) {
-        return CGROUP_OK;
+bool CgroupMgr::HasSet(const std::string& name) const {
+    const LockGuard lock(setsMutex_);
+    return cgroupSets_.contains(name);
+}
+
+uint32_t CgroupMgr::UpdateCpuSet(const CgroupPolicyInfo& policy) {
+    CgroupSet set;
+    {
+        const LockGuard lock(setsMutex_);
+        set = cgroupSets_[NameOf(policy)];
     }
     uint32_t ret = CGROUP_OK;
-    for (const auto& [group, percentage] : set->second) {
+    for (const auto& [group, percentage] : set) {
         const int32_t quota = policy.isEnable == 1 ? ComputeQuota(group, percentage) : NO_QUOTA;
         const std::string path = CGROUP_CPU_ROOT + group + CPU_QUOTA;
         if (!WriteToCgroup(path, quota)) {
@@ -115,7 +121,7 @@ int32_t CgroupMgr::ComputeQuota(const std::string& group, int32_t percentage) {
     return FitsInt32(quota) && quota > QUOTA_MIN ? static_cast<int32_t>(quota) : QUOTA_MIN;
 }
 
-void CgroupMgr::EnableDefaultCpuSet() const {
+void CgroupMgr::EnableDefaultCpuSet() {
     if (!hostCpuSwitch_) {
         ProcMgrSysLog(LOG_INFO, "PROCMGR: CgroupMgr EnableDefaultCpuSet hostCpuSwitch_=%d",
                       hostCpuSwitch_);

@@ -1,7 +1,7 @@
 // The daemon's single owner of the control-group file system, first version: the CPU limits of the
 // host resource file, and the way of every process and thread into its groups. The host resource
-// file is read once, before applications are launched; afterwards nothing here changes, so every
-// operation may be called from any thread.
+// file is read once, before applications are launched; afterwards every operation may be called
+// from any thread.
 #pragma once
 
 #include <cstddef>
@@ -11,6 +11,8 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "main/mutex.h"
 
 namespace ProcMgr {
 
@@ -50,10 +52,10 @@ public:
     // Applies or lifts the limits of a set. CGROUP_OK, or CGROUP_FAILED with a log line.
     uint32_t UpdateCgroup(const CgroupPolicyInfo& policy);
     // The same for CPU quotas, whatever is wrong with the file. A set that is not in the table is
-    // an empty one.
-    uint32_t UpdateCpuSet(const CgroupPolicyInfo& policy) const;
+    // made, an empty one: UpdateCgroup knows it from then on.
+    uint32_t UpdateCpuSet(const CgroupPolicyInfo& policy);
     // Sets the limits of the host's own set, unless the host resource file switches them off.
-    void EnableDefaultCpuSet() const;
+    void EnableDefaultCpuSet();
     // Lifts the CPU limits of every group directly under the cpu controller.
     void DisableCgroupCpu() const;
 
@@ -75,10 +77,12 @@ private:
     bool StoreEntry(const std::string& set, const std::string& group, const std::string& value);
     void DetectBlkIo();
     void LogSummary() const;
+    bool HasSet(const std::string& name) const;
     static int32_t ComputeQuota(const std::string& group, int32_t percentage);
     static bool WriteToCgroup(const std::string& path, int32_t value);
 
-    std::map<std::string, CgroupSet> cgroupSets_;
+    mutable Mutex setsMutex_;                      // no file is written under it
+    std::map<std::string, CgroupSet> cgroupSets_;  // guarded by setsMutex_
     bool hostCpuSwitch_ = true;
     bool isCfgOk_ = true;
     bool blkIoSwitch_ = false;     // there is a blkio controller

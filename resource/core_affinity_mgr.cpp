@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <new>
 
 #include "main/constants.h"
 #include "main/line_reader.h"
@@ -22,7 +24,6 @@ namespace {
 
 constexpr const char* CTRL_CPUS = "/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus";
 constexpr const char* AI_CPUS = "/sys/fs/cgroup/cpuset/AICPU/cpuset.cpus";
-constexpr const char* AI_TASKS = "/sys/fs/cgroup/cpuset/AICPU/tasks";
 constexpr std::string_view NAME_KEY = "Name:";
 constexpr size_t THREAD_NAME_MAX = 16;
 
@@ -54,7 +55,41 @@ std::optional<std::string> GetThreadName(int32_t pid, int32_t tid) {
     return std::nullopt;
 }
 
+// Never unmapped: children may still read it.
+std::atomic<uint32_t>* MapCount() {
+    static_assert(std::atomic<uint32_t>::is_always_lock_free);
+    void* page = mmap(nullptr, sizeof(std::atomic<uint32_t>), PROT_READ | PROT_WRITE,
+                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) {
+        ProcMgrSysLog(LOG_ERR, "PROCMGR: no memory to tell children of a bind, errno=%d", errno);
+        return nullptr;
+    }
+    return new (page) std::atomic<uint32_t>(0);
+}
+
+void LogMissingAiTasks(int32_t tid) {
+    ProcMgrSysLog(LOG_ERR, "WriteTidToAIcpuSet failed tid: %d, aicpuSet: %s is not existed", tid,
+                  AI_CPUSET_TASKS);
+}
+
 }  // namespace
+
+BindCount& BindCount::GetInstance() {
+    static BindCount instance;
+    return instance;
+}
+
+BindCount::BindCount() : count_(MapCount()) {}
+
+void BindCount::Raise() {
+    if (count_ != nullptr) {
+        count_->fetch_add(1);
+    }
+}
+
+uint32_t BindCount::Get() const {
+    return count_ == nullptr ? 0 : count_->load();
+}
 
 CoreAffinityMgr& CoreAffinityMgr::GetInstance() {
     static CoreAffinityMgr instance;
@@ -62,7 +97,7 @@ CoreAffinityMgr& CoreAffinityMgr::GetInstance() {
 }
 
 void CoreAffinityMgr::LoadCoreLists() {
-    const std::lock_guard lock(coresMutex_);
+    const LockGuard lock(coresMutex_);
     if (ctrlCores_.empty()) {
         ctrlCores_ = ReadCpusetFile(CTRL_CPUS);
     }
@@ -75,7 +110,7 @@ bool CoreAffinityMgr::CheckLaunch(const std::string& appName,
                                   const std::vector<uint32_t>& cores) const {
     std::vector<uint32_t> ordinary;
     {
-        const std::lock_guard lock(coresMutex_);
+        const LockGuard lock(coresMutex_);
         if (ctrlCores_.empty()) {
             return true;
         }
@@ -87,7 +122,7 @@ bool CoreAffinityMgr::CheckLaunch(const std::string& appName,
 
 bool CoreAffinityMgr::CheckIsCtrlCpu(const std::string& appName,
                                      const std::vector<uint32_t>& cores) const {
-    const std::lock_guard lock(coresMutex_);
+    const LockGuard lock(coresMutex_);
     for (const uint32_t core : cores) {
         if (!Contains(ctrlCores_, core)) {
             ProcMgrSysLog(LOG_ERR, "CheckIsCtrlCpu app=%s, coreId=%u is not in CtrlCpu",
@@ -99,7 +134,7 @@ bool CoreAffinityMgr::CheckIsCtrlCpu(const std::string& appName,
 }
 
 std::optional<CoreMask> CoreAffinityMgr::MakeMask(const std::vector<uint32_t>& cores) const {
-    const std::lock_guard lock(coresMutex_);
+    const LockGuard lock(coresMutex_);
     const std::vector<uint32_t>& wanted = cores.empty() ? ctrlCores_ : cores;
     if (wanted.empty()) {
         return std::nullopt;
@@ -134,12 +169,17 @@ uint32_t CoreAffinityMgr::SetCoreAffinity(int32_t id, const std::vector<uint32_t
 
 uint32_t CoreAffinityMgr::ApplyMask(int32_t id, const std::optional<CoreMask>& mask,
                                     std::string& error) {
+    for (uint32_t core = 0; mask && core < mask->aiCores; ++core) {
+        WriteTidToAIcpuSet(id);
+    }
+    return PinTo(id, mask, error);
+}
+
+uint32_t CoreAffinityMgr::PinTo(int32_t id, const std::optional<CoreMask>& mask,
+                                std::string& error) {
     if (!mask) {
         error += "default ctrl cpu is null;";
         return AFFINITY_NO_CORES;
-    }
-    for (uint32_t core = 0; core < mask->aiCores; ++core) {
-        WriteTidToAIcpuSet(id);
     }
     if (sched_setaffinity(id, sizeof(mask->cores), &mask->cores) != 0) {
         error += "SetCoreAffinity fail pid=" + std::to_string(id) +
@@ -150,14 +190,22 @@ uint32_t CoreAffinityMgr::ApplyMask(int32_t id, const std::optional<CoreMask>& m
 }
 
 void CoreAffinityMgr::WriteTidToAIcpuSet(int32_t tid) {
-    if (!AppendTid(AI_TASKS, tid)) {
-        ProcMgrSysLog(LOG_ERR, "WriteTidToAIcpuSet failed tid: %d, aicpuSet: %s is not existed",
-                      tid, AI_TASKS);
+    if (!AppendTid(AI_CPUSET_TASKS, tid)) {
+        LogMissingAiTasks(tid);
+    }
+}
+
+void CoreAffinityMgr::LogMissingAiCpuset(int32_t tid, const CoreMask& mask) {
+    if (mask.aiCores == 0 || access(AI_CPUSET_TASKS, F_OK) == 0) {
+        return;
+    }
+    for (uint32_t core = 0; core < mask.aiCores; ++core) {
+        LogMissingAiTasks(tid);
     }
 }
 
 int CoreAffinityMgr::OpenAiCpuset() {
-    return open(AI_TASKS, O_WRONLY | O_APPEND | O_CLOEXEC);
+    return open(AI_CPUSET_TASKS, O_WRONLY | O_APPEND | O_CLOEXEC);
 }
 
 bool CoreAffinityMgr::Store(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores) {
@@ -166,35 +214,37 @@ bool CoreAffinityMgr::Store(int32_t pid, int32_t tid, const std::vector<uint32_t
         ProcMgrSysLog(LOG_ERR, "GetThreadName fail, pid:%d tid:%d, errno: %d", pid, tid, errno);
         return false;
     }
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     threads_.insert_or_assign(static_cast<uint32_t>(tid),
                               ThreadCoreInfo{pid, cores, std::move(*name)});
     return true;
 }
 
 uint32_t CoreAffinityMgr::StoreAndSetCoreAffinity(int32_t pid, int32_t tid,
-                                                  const std::vector<uint32_t>& cores) {
+                                                  const std::vector<uint32_t>& cores,
+                                                  std::string& error) {
     ProcMgrSysLog(LOG_INFO, "StoreAndSetCoreAffinity pid:%d tid:%d", pid, tid);
     if (!Store(pid, tid, cores)) {
         return AFFINITY_NO_THREAD_NAME;
     }
-    std::string error;
-    const uint32_t ret = SetCoreAffinity(tid, cores, error);
+    std::string reason;
+    const uint32_t ret = SetCoreAffinity(tid, cores, reason);
     if (ret != AFFINITY_OK) {
         ProcMgrSysLog(LOG_ERR, "SetCoreAffinityToOs fail, pid:%d, tid:%d, errStr: %s", pid, tid,
-                      error.c_str());
+                      reason.c_str());
+        error += reason;
     }
     return ret;
 }
 
 bool CoreAffinityMgr::IsStored(int32_t pid, int32_t tid) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     const auto row = threads_.find(static_cast<uint32_t>(tid));
     return row != threads_.end() && row->second.pid == pid;
 }
 
 void CoreAffinityMgr::Prune(int32_t pid, const std::set<int32_t>& tids) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     std::erase_if(threads_, [&](const auto& row) {
         return row.second.pid == pid && !tids.contains(static_cast<int32_t>(row.first));
     });
@@ -207,7 +257,7 @@ void CoreAffinityMgr::StoreStrays(int32_t pid, const std::vector<uint32_t>& core
         return;
     }
     {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         std::erase_if(tids, [&](int32_t tid) {
             const auto row = threads_.find(static_cast<uint32_t>(tid));
             return row != threads_.end() && row->second.pid == pid;
@@ -221,7 +271,7 @@ void CoreAffinityMgr::StoreStrays(int32_t pid, const std::vector<uint32_t>& core
 }
 
 void CoreAffinityMgr::RecycleThreadCoreInfo(int32_t pid, const std::string& appName) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     std::erase_if(threads_, [&](const auto& row) {
         if (row.second.pid != pid) {
             return false;
@@ -241,6 +291,12 @@ bool CoreAffinityMgr::IsPinned(int32_t tid, const std::vector<uint32_t>& cores) 
     cpu_set_t both{};
     CPU_AND(&both, &present, &wanted->cores);
     return CPU_EQUAL(&both, &present) != 0;
+}
+
+bool CoreAffinityMgr::HasCores(int32_t tid, const std::optional<CoreMask>& mask) {
+    cpu_set_t present{};
+    return mask && sched_getaffinity(tid, sizeof(present), &present) == 0 &&
+           CPU_EQUAL(&present, &mask->cores) != 0;
 }
 
 bool CoreAffinityMgr::GetTids(int32_t pid, std::set<int32_t>& tids) {
@@ -269,7 +325,7 @@ bool CoreAffinityMgr::WakeUpRecover(const std::vector<int32_t>& pids) {
             ProcMgrSysLog(LOG_ERR, "CoreAffinityMgr GetTids fail, pid:%d", pid);
             continue;
         }
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         std::erase_if(threads_, [&](const auto& row) {
             if (row.second.pid != pid) {
                 return false;

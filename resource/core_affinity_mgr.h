@@ -6,13 +6,15 @@
 
 #include <sched.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "main/mutex.h"
 
 namespace ProcMgr {
 
@@ -22,11 +24,32 @@ inline constexpr uint32_t AFFINITY_NO_THREAD_NAME = 15795712;
 inline constexpr uint32_t AFFINITY_NO_CORES = 15795713;
 inline constexpr uint32_t AFFINITY_REFUSED = 15795714;
 
+// Where threads with cores for accelerator work are written.
+inline constexpr const char* AI_CPUSET_TASKS = "/sys/fs/cgroup/cpuset/AICPU/tasks";
+
 // A core list made ready for the kernel. `aiCores`: how many of its cores are for accelerator work;
 // for each, the thread is put into that cpuset before it is pinned.
 struct CoreMask {
     cpu_set_t cores{};
     uint32_t aiCores = 0;
+};
+
+// How often delayed applications have been listed for a bind, in memory that children share: a
+// child that was listed before it came to its own pinning would undo what it missed.
+class BindCount {
+public:
+    // The daemon's one instance, created on first use; before the fork of who reads it in a child.
+    static BindCount& GetInstance();
+
+    // The listing thread's, after it has listed them and before it pins the first.
+    void Raise();
+    // For the child between fork and execv, too: takes no lock.
+    uint32_t Get() const;
+
+private:
+    BindCount();
+
+    std::atomic<uint32_t>* const count_;  // null when there was no memory: never raised
 };
 
 class CoreAffinityMgr {
@@ -51,13 +74,17 @@ public:
     // Pins a thread, or the main thread of a process. On failure the reason is appended to `error`.
     uint32_t SetCoreAffinity(int32_t id, const std::vector<uint32_t>& cores,
                              std::string& error) const;
-    // The same with a mask of MakeMask. For the child between fork and execv: takes no lock.
+    // The same with a mask of MakeMask.
     static uint32_t ApplyMask(int32_t id, const std::optional<CoreMask>& mask, std::string& error);
+    // Only the pinning of ApplyMask. For the child between fork and execv: takes no lock, does not
+    // log.
+    static uint32_t PinTo(int32_t id, const std::optional<CoreMask>& mask, std::string& error);
 
-    // Pins a thread and remembers the pinning. On failure logs the reason.
-    uint32_t StoreAndSetCoreAffinity(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores);
-    // Remembers a pinning that was made. False, with a log line, when the thread is gone.
-    bool Store(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores);
+    // Remembers a pinning, a refused one included, and pins the thread. On failure logs the reason
+    // and appends it to `error`. AFFINITY_NO_THREAD_NAME, with nothing remembered, when the thread
+    // is gone.
+    uint32_t StoreAndSetCoreAffinity(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores,
+                                     std::string& error);
     // Whether a pinning of the thread is remembered.
     bool IsStored(int32_t pid, int32_t tid);
     // Forgets the threads of the process that are not among `tids`.
@@ -72,6 +99,9 @@ public:
     // Whether the thread runs on no other cores than `cores`; true when it is gone.
     bool IsPinned(int32_t tid, const std::vector<uint32_t>& cores) const;
 
+    // Whether the thread runs on exactly the cores of the mask.
+    static bool HasCores(int32_t tid, const std::optional<CoreMask>& mask);
+
     // Whether every core is one for ordinary software; logs the first that is not.
     bool CheckIsCtrlCpu(const std::string& appName, const std::vector<uint32_t>& cores) const;
 
@@ -82,6 +112,9 @@ public:
     bool WakeUpRecover(const std::vector<int32_t>& pids);
 
     static void WriteTidToAIcpuSet(int32_t tid);
+    // Logs, for each accelerator core of the mask, that a thread cannot be put into their cpuset,
+    // when the cpuset is missing.
+    static void LogMissingAiCpuset(int32_t tid, const CoreMask& mask);
     // For a process that is about to lose the right to open it: the tasks file that
     // WriteTidToAIcpuSet writes, close-on-exec and the caller's to close; -1 when there is none.
     static int OpenAiCpuset();
@@ -94,14 +127,16 @@ private:
     };
     using ThreadTable = std::map<uint32_t, ThreadCoreInfo>;
 
+    // Remembers a pinning. False, with a log line, when the thread is gone.
+    bool Store(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores);
     // Restores or forgets the thread of one row; true when it was restored. The caller holds
     // mutex_.
     bool Recover(uint32_t tid, const ThreadCoreInfo& info) const;
 
-    mutable std::mutex coresMutex_;  // the innermost lock; guards the two lists
+    mutable Mutex coresMutex_;  // the innermost lock; guards the two lists
     std::vector<uint32_t> ctrlCores_;
     std::vector<uint32_t> aiCores_;
-    std::mutex mutex_;
+    Mutex mutex_;
     ThreadTable threads_;  // guarded by mutex_
 };
 

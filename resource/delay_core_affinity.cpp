@@ -58,7 +58,7 @@ uint32_t DelayCoreAffinity::SetDelayCoreAffinity(const DelayCoreAffinityReq& req
     if (request.state == Message::DELAY_BIND) {
         ret = Bind(request);
     } else if (request.state == Message::DELAY_RESET) {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         ret = delayState_ == BOUND ? DELAY_BUSY : DELAY_OK;
         if (ret == DELAY_OK) {
             delayState_ = IDLE;
@@ -94,7 +94,7 @@ uint32_t DelayCoreAffinity::Bind(const DelayCoreAffinityReq& request) {
         // No memory, or no thread: it may be asked for again.
         ProcMgrSysLog(LOG_ERR, "PROCMGR : the bind of delayed applications failed, %s",
                       error.what());
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         if (binds_ == *bind) {
             delayState_ = IDLE;
         }
@@ -103,34 +103,41 @@ uint32_t DelayCoreAffinity::Bind(const DelayCoreAffinityReq& request) {
 }
 
 std::optional<uint64_t> DelayCoreAffinity::Accept() {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     if (delayState_ != IDLE) {
         return std::nullopt;
     }
     delayState_ = BOUND;
-    isPending_ = false;    // of a bind that a wake-up ended before the worker saw it
-    isSuspended_ = false;  // of a suspend that did not come
+    isPending_ = false;  // of a bind that a wake-up ended before the worker saw it
     return ++binds_;
 }
 
 void DelayCoreAffinity::StoreRequest(const DelayCoreAffinityReq& request, uint64_t bind) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     if (binds_ != bind) {
         return;  // a wake-up has ended this one, and there is another
     }
     request_ = request;
     MakeValid(request_);
     isPending_ = true;
-    changed_.notify_all();
+    changed_.NotifyAll();
     if (!worker_.joinable() && !isStopped_) {
         worker_ = std::thread(&DelayCoreAffinity::CheckCoreAffinityThread, this);
     }
 }
 
+std::vector<ManagedApp> DelayCoreAffinity::ListDelayed() {
+    std::vector<ManagedApp> apps = apps_.GetManagedApps(ManagedFilter::DELAYED);
+    // Listed children that have not come to their pinning either see it there, or have done it
+    // before they are pinned here.
+    BindCount::GetInstance().Raise();
+    return apps;
+}
+
 uint32_t DelayCoreAffinity::BindAll(uint64_t bind) {
     uint32_t result = AFFINITY_OK;
-    for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::DELAYED)) {
-        const std::lock_guard pass(passMutex_);
+    for (const ManagedApp& app : ListDelayed()) {
+        const LockGuard pass(passMutex_);
         if (!IsCurrent(bind)) {
             break;
         }
@@ -141,11 +148,10 @@ uint32_t DelayCoreAffinity::BindAll(uint64_t bind) {
 }
 
 uint32_t DelayCoreAffinity::Pin(const ManagedApp& app, int32_t tid, std::string& error) {
-    CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
     std::string reason;
-    const uint32_t ret = affinity.SetCoreAffinity(tid, app.cores, reason);
+    const uint32_t ret =
+        CoreAffinityMgr::GetInstance().StoreAndSetCoreAffinity(app.pid, tid, app.cores, reason);
     if (ret == AFFINITY_OK) {
-        affinity.Store(app.pid, tid, app.cores);
         return ret;
     }
     const std::string thread = PROC_DIR + std::to_string(app.pid) + "/task/" + std::to_string(tid);
@@ -186,18 +192,15 @@ bool DelayCoreAffinity::CheckMissingTids(const ManagedApp& app) {
     }
     CoreAffinityMgr::GetInstance().Prune(app.pid, tids);
     bool isComplete = true;
-    std::string error;
     for (const int32_t tid : tids) {
-        if (!CoreAffinityMgr::GetInstance().IsPinned(tid, app.cores)) {
+        std::string error;
+        if (!CoreAffinityMgr::GetInstance().IsPinned(tid, app.cores) &&
+            Pin(app, tid, error) != AFFINITY_OK) {
             isComplete = false;
-            Pin(app, tid, error);
+            ProcMgrSysLog(LOG_WARNING,
+                          "PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err=%s",
+                          error.c_str());
         }
-    }
-    // What stays as it is need not be told at each check.
-    if (!error.empty() && error != lastError_) {
-        ProcMgrSysLog(LOG_WARNING, "PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err=%s",
-                      error.c_str());
-        lastError_ = error;
     }
     return isComplete;
 }
@@ -205,8 +208,8 @@ bool DelayCoreAffinity::CheckMissingTids(const ManagedApp& app) {
 bool DelayCoreAffinity::CheckAll(uint64_t bind) {
     bool isComplete = true;
     try {
-        for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::DELAYED)) {
-            const std::lock_guard pass(passMutex_);
+        for (const ManagedApp& app : ListDelayed()) {
+            const LockGuard pass(passMutex_);
             if (!IsCurrent(bind)) {
                 return false;
             }
@@ -220,20 +223,20 @@ bool DelayCoreAffinity::CheckAll(uint64_t bind) {
 }
 
 void DelayCoreAffinity::CheckCoreAffinityThread() {
-    std::unique_lock lock(mutex_);
+    UniqueLock lock(mutex_);
     for (;;) {
-        changed_.wait(lock, [this] { return isStopped_ || (isPending_ && delayState_ == BOUND); });
+        changed_.Wait(lock, [this] { return isStopped_ || (isPending_ && delayState_ == BOUND); });
         if (isStopped_) {
             break;
         }
         isPending_ = false;
         const DelayCoreAffinityReq request = request_;
         const uint64_t bind = binds_;
-        lock.unlock();
+        lock.Unlock();
         Recheck(request, bind);
-        lock.lock();
+        lock.Lock();
     }
-    lock.unlock();
+    lock.Unlock();
     ProcMgrSysLog(LOG_INFO, "PROCMGR: CheckCoreAffinityThread exit now.");
 }
 
@@ -261,46 +264,46 @@ void DelayCoreAffinity::Recheck(const DelayCoreAffinityReq& request, uint64_t bi
 }
 
 bool DelayCoreAffinity::IsCurrent(uint64_t bind) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     return !isStopped_ && delayState_ == BOUND && binds_ == bind;
 }
 
 void DelayCoreAffinity::WaitFor(std::chrono::milliseconds interval, uint64_t bind) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, interval, [&] {
+    UniqueLock lock(mutex_);
+    changed_.WaitUntil(lock, std::chrono::steady_clock::now() + interval, [&] {
         return isStopped_ || isSuspended_ || delayState_ != BOUND || binds_ != bind;
     });
 }
 
 // A wake-up may have allowed a new bind meanwhile, or there is one already: those stand.
 void DelayCoreAffinity::Finish(uint64_t bind) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     if (delayState_ == BOUND && binds_ == bind) {
         delayState_ = FINISHED;
     }
 }
 
 void DelayCoreAffinity::Suspend() {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     isSuspended_ = true;
-    changed_.notify_all();
+    changed_.NotifyAll();
 }
 
 bool DelayCoreAffinity::ReadWakeUpEnable() {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     const bool isEnabled = request_.isWakeUpEnable == 1;
     delayState_ = isEnabled ? IDLE : FINISHED;
     isPending_ = false;
     ProcMgrSysLog(LOG_INFO, "WakeUpRecover wakeUpDelayCoreAffinity=%d", isEnabled);
     isSuspended_ = false;
-    changed_.notify_all();
+    changed_.NotifyAll();
     return isEnabled;
 }
 
 void DelayCoreAffinity::WakeUpRecover() {
     const bool isReset = ReadWakeUpEnable();
     // From here on no bind of before pins anything.
-    const std::lock_guard pass(passMutex_);
+    const LockGuard pass(passMutex_);
     CgroupMgr::GetInstance().EnableDefaultCpuSet();
     CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
     std::string error;
@@ -363,9 +366,9 @@ uint32_t DelayCoreAffinity::ResetToCpuset(const ManagedApp& app) {
 
 void DelayCoreAffinity::Stop() {
     {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         isStopped_ = true;
-        changed_.notify_all();
+        changed_.NotifyAll();
     }
     if (worker_.joinable()) {
         worker_.join();

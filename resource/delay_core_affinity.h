@@ -6,13 +6,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "main/mutex.h"
 #include "message/delay_core_affinity.h"
 #include "resource/managed_apps.h"
 
@@ -34,8 +34,8 @@ public:
     // not there any more.
     uint32_t BindCoreForDelayApp(const ManagedApp& app);
 
-    // For the worker. Pins the threads that are not pinned yet. True when there was none: only that
-    // shows that no other is being made by one that was not pinned.
+    // For the worker. Pins the threads that are not pinned yet, with a log line for each that
+    // cannot be. True when all threads that it found are pinned now.
     bool CheckMissingTids(const ManagedApp& app);
 
     // Before the system is suspended: ends the re-checks.
@@ -53,6 +53,7 @@ private:
     // The passes over the applications. Both end when the bind is not the current one any more.
     uint32_t BindAll(uint64_t bind);
     bool CheckAll(uint64_t bind);
+    std::vector<ManagedApp> ListDelayed();
     // Keeps the request, with valid values, and wakes the worker, which it makes if need be. Throws
     // when there is no thread to be had.
     void StoreRequest(const Message::DelayCoreAffinityReq& request, uint64_t bind);
@@ -75,14 +76,13 @@ private:
     ManagedApps& apps_;
     // Held while one application is bound or checked, and during a recovery: what that puts back
     // stays. Taken before mutex_ and the containers' locks.
-    std::mutex passMutex_;
-    std::mutex mutex_;
-    std::condition_variable changed_;        // of anything below
+    Mutex passMutex_;
+    Mutex mutex_;
+    Condition changed_;                      // of anything below
     Message::DelayCoreAffinityReq request_;  // the last one accepted; guarded by mutex_
     bool isPending_ = false;                 // the worker has not seen it yet; guarded by mutex_
     bool isStopped_ = false;                 // guarded by mutex_
     std::thread worker_;                     // started under mutex_
-    std::string lastError_;                  // the worker's
     // Written under mutex_ only.
     std::atomic<int> delayState_{IDLE};
     std::atomic<bool> isSuspended_{false};

@@ -3,7 +3,6 @@
 // over both containers.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -23,8 +22,8 @@ struct ManagedApp {
     std::string cpuset;
     std::string cpuGroup;
     std::string blkioGroup;
-    bool isDelayed = false;  // its cores are bound on request, not at its launch
-    size_t notedTids = 0;    // how many threads it is noted to have
+    bool isDelayed = false;         // its cores are bound on request, not at its launch
+    std::set<int32_t> notedTids{};  // the threads that it is noted to have
 };
 
 enum class ManagedFilter { ALL, DELAYED, RUNNING_PRIORITY };
@@ -40,16 +39,15 @@ public:
     // afterwards, but its pid is not reused before that.
     virtual bool IsPresent(const ManagedApp& app) = 0;
 
-    // Those of the threads that the process was not noted to have; none when the process is not
-    // there any more.
-    virtual std::set<int32_t> FindNewTids(const ManagedApp& app, const std::set<int32_t>& tids) = 0;
-    // Notes which threads the process has.
+    // Notes which threads the process has, unless it is not there any more.
     virtual void NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) = 0;
 
     // The application whose process has this pid.
     virtual std::optional<std::string> GetNameOf(int32_t pid) = 0;
     // Whether an application of this name has a process.
     virtual bool HasProcess(const std::string& name) = 0;
+    // Whether there is an application of this name, with a process or without.
+    virtual bool IsKnown(const std::string& name) = 0;
 };
 
 }  // namespace ProcMgr

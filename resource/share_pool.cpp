@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <filesystem>
-#include <iterator>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -13,6 +13,7 @@
 #include "main/log.h"
 #include "main/system.h"
 #include "platform/device.h"
+#include "resource/device_worker.h"
 
 namespace ProcMgr {
 namespace {
@@ -22,6 +23,7 @@ constexpr size_t GROUPS_MAX = 256;
 constexpr const char* ACCESS_READ = "read";
 constexpr const char* ACCESS_READ_WRITE = "read-write";
 constexpr uint32_t DONE = 0;
+constexpr std::chrono::seconds CREATE_PATIENCE{1};
 
 // A name goes into an environment variable with commas between the names.
 bool IsUsableName(const std::string& name) {
@@ -99,6 +101,11 @@ void SharePool::Load(const std::string& directory) {
     for (const std::string& path : ListFiles(directory)) {
         LoadFile(path);
     }
+    DeviceWorker().Post([this] { CreateGroups(); });
+    DeviceWorker().Drain(std::chrono::steady_clock::now() + CREATE_PATIENCE);
+}
+
+void SharePool::CreateGroups() const {
     for (const auto& [name, group] : groups_) {
         const uint32_t ret = halGrpCreate(name.c_str(), group.size);
         if (ret != DONE) {
@@ -170,38 +177,68 @@ SharePoolPlan SharePool::MakePlan(
 void SharePool::Join(const std::string& appName, int32_t pid, const SharePoolPlan& plan) {
     for (const SharePoolPlan::Group& group : plan.groups) {
         {
-            const std::lock_guard lock(mutex_);
-            if (!joined_[pid].insert(group.name).second) {
+            const LockGuard lock(mutex_);
+            if (!joined_[pid].try_emplace(group.name, false).second) {
                 continue;
             }
         }
-        const uint32_t ret = halGrpAddProc(group.name.c_str(), pid, group.access.c_str());
-        if (ret == DONE) {
-            continue;
+        if (!DeviceWorker().Post([=, this] { Add(appName, pid, group); })) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : app=%s, pid=%d, group=%s: the device is too busy",
+                       appName.c_str(), pid, group.name.c_str());
+            Leave(pid, group.name);
         }
+    }
+}
+
+void SharePool::Add(const std::string& appName, int32_t pid, const SharePoolPlan::Group& group) {
+    // The process may have ended since, and its pid be another's.
+    if (!IsWanted(pid, group.name)) {
+        return;
+    }
+    const uint32_t ret = halGrpAddProc(group.name.c_str(), pid, group.access.c_str());
+    if (ret != DONE) {
         ProcMgrLog(LOG_ERR, "PROCMGR : halGrpAddProc app=%s, pid=%d, group=%s failed, ret=%u",
                    appName.c_str(), pid, group.name.c_str(), ret);
-        const std::lock_guard lock(mutex_);
-        const auto joined = joined_.find(pid);
-        if (joined != joined_.end()) {
-            joined->second.erase(group.name);
-        }
+        Leave(pid, group.name);
+        return;
+    }
+    const LockGuard lock(mutex_);
+    const auto groups = joined_.find(pid);
+    if (groups != joined_.end() && groups->second.contains(group.name)) {
+        groups->second[group.name] = true;
+    }
+}
+
+bool SharePool::IsWanted(int32_t pid, const std::string& group) {
+    const LockGuard lock(mutex_);
+    const auto groups = joined_.find(pid);
+    return groups != joined_.end() && groups->second.contains(group);
+}
+
+void SharePool::Leave(int32_t pid, const std::string& group) {
+    const LockGuard lock(mutex_);
+    const auto joined = joined_.find(pid);
+    if (joined != joined_.end()) {
+        joined->second.erase(group);
     }
 }
 
 std::vector<std::string> SharePool::GetGroupsOf(int32_t pid) {
     std::vector<std::string> groups;
-    const std::lock_guard lock(mutex_);
-    const auto joined = joined_.find(pid);
-    if (joined != joined_.end()) {
-        std::copy_if(joined->second.begin(), joined->second.end(), std::back_inserter(groups),
-                     [this](const std::string& group) { return groups_.contains(group); });
+    const LockGuard lock(mutex_);
+    const auto known = joined_.find(pid);
+    if (known != joined_.end()) {
+        for (const auto& [group, isJoined] : known->second) {
+            if (isJoined && groups_.contains(group)) {
+                groups.push_back(group);
+            }
+        }
     }
     return groups;
 }
 
 void SharePool::Forget(int32_t pid) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     joined_.erase(pid);
 }
 

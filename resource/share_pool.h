@@ -5,12 +5,11 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "main/mutex.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr {
@@ -41,8 +40,8 @@ public:
         const std::string& appName,
         const std::vector<std::pair<std::string, std::string>>& manifestGroups) const;
 
-    // Adds a process to the groups of its plan, as far as it is not in them or being added to them.
-    // A failure is logged.
+    // Has the device worker add a process to the groups of its plan, as far as it is not in them or
+    // being added to them. A failure is logged. Any lock may be held.
     void Join(const std::string& appName, int32_t pid, const SharePoolPlan& plan);
 
     // The configured groups that the process has joined.
@@ -58,11 +57,16 @@ private:
     };
 
     void LoadFile(const std::string& path);
+    void CreateGroups() const;
+    void Add(const std::string& appName, int32_t pid, const SharePoolPlan::Group& group);
+    bool IsWanted(int32_t pid, const std::string& group);
+    void Leave(int32_t pid, const std::string& group);
     void LoadGroup(const KvsTypeYaml& node, const std::string& path);
 
     std::map<std::string, Group> groups_;  // constant once it is loaded
-    std::mutex mutex_;
-    std::map<int32_t, std::set<std::string>> joined_;  // groups by pid; guarded by mutex_
+    Mutex mutex_;
+    // By pid and group: whether the device has added the process; guarded by mutex_.
+    std::map<int32_t, std::map<std::string, bool>> joined_;
 };
 
 }  // namespace ProcMgr

@@ -3,6 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <charconv>
+
+#include "main/line_reader.h"
+
 namespace ProcMgr {
 
 bool AppendTid(const std::string& path, int32_t tid) {
@@ -27,6 +32,31 @@ bool AppendTidToAll(const std::vector<std::string>& paths, int32_t tid, std::str
         }
     }
     return isComplete;
+}
+
+bool TaskFiles::Holds(const std::string& path, int32_t tid) {
+    const std::optional<Ids>& ids = Read(path);
+    return ids && std::binary_search(ids->begin(), ids->end(), tid);
+}
+
+const std::optional<TaskFiles::Ids>& TaskFiles::Read(const std::string& path) {
+    const auto [entry, isNew] = files_.try_emplace(path);
+    if (!isNew) {
+        return entry->second;
+    }
+    LineReader file(path);
+    if (!file.IsOpen()) {
+        return entry->second;
+    }
+    Ids& ids = entry->second.emplace();
+    while (const auto line = file.Next()) {
+        int32_t tid = 0;
+        std::from_chars(line->data(), line->data() + line->size(), tid);
+        ids.push_back(tid);
+    }
+    // The kernel does not promise an order.
+    std::sort(ids.begin(), ids.end());
+    return entry->second;
 }
 
 }  // namespace ProcMgr

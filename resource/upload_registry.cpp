@@ -16,6 +16,9 @@
 #include "main/constants.h"
 #include "main/line_reader.h"
 #include "main/log.h"
+#include "main/muxa_retry.h"
+#include "resource/device_worker.h"
+#include "wire/peer_process.h"
 
 namespace ProcMgr {
 
@@ -25,12 +28,12 @@ using Message::UploadResult;
 
 namespace {
 
-constexpr uint32_t PEERS_MAX = 128;
+constexpr uint32_t PEERS_MAX = 1000;
 constexpr size_t REGISTRATIONS_MAX = 1024;
 // How many processes one check looks at closely; all are asked for by pid.
 constexpr int VERIFIED_PER_CHECK = 16;
-constexpr int32_t RESULT_BUSY = -16;
-constexpr std::chrono::milliseconds BUSY_PAUSE{5};
+// What a caller learns about its groups is what the device has done by then.
+constexpr std::chrono::seconds JOIN_PATIENCE{1};
 // Anyone can send records that are refused.
 constexpr std::chrono::seconds REFUSAL_LINE_PAUSE{1};
 
@@ -76,20 +79,29 @@ bool UploadRegistry::RegXCallBack() {
     MuxaServerAttributes attributes;
     attributes.name = Message::UPLOAD_SERVER;
     attributes.callback = [this](int32_t fd, const MuxaRequest* request, const std::string&) {
-        // The end of a connection is not the end of its process.
         if (request != nullptr) {
             HandleRequest(fd, *request);
+        } else {
+            // The end of a connection is not the end of its process.
+            answers_.Forget(fd);
         }
     };
     fd_ = MuxaCreateServer(attributes, PEERS_MAX, 0);
     return fd_ > 0;
 }
 
-void UploadRegistry::Close() {
-    while (fd_ > 0 && MuxaClosePipe(fd_) == RESULT_BUSY) {
-        SleepFor(BUSY_PAUSE);
+UploadRegistry::~UploadRegistry() {
+    while (!Close(SteadyTime::max())) {
+        // A callback that still runs uses this object.
+    }
+}
+
+bool UploadRegistry::Close(SteadyTime end) {
+    if (fd_ > 0 && ProcMgrMuxaClosePipeBy(fd_, end) == MUXA_BUSY) {
+        return false;
     }
     fd_ = -1;
+    return answers_.Stop(end);
 }
 
 void UploadRegistry::HandleRequest(int32_t fd, const MuxaRequest& request) {
@@ -99,8 +111,7 @@ void UploadRegistry::HandleRequest(int32_t fd, const MuxaRequest& request) {
     }
     const auto record = Message::EncodeUploadResponse(response);
     if (request.wantsResponse && record) {
-        const MuxaResponse answer{*record, request.sequence};
-        MuxaSendResponse(fd, &answer);
+        answers_.Send(fd, {*record, request.sequence});
     }
 }
 
@@ -131,17 +142,37 @@ UploadResult UploadRegistry::Check(const UploadRequest& wanted, const MuxaReques
     if (wanted.pid != sender.peerPid || !IsExecutableOf(wanted.pid, wanted.path)) {
         return UploadResult::NOT_THE_SENDER;
     }
-    const std::optional<std::string> managedName = apps_.GetNameOf(wanted.pid);
-    if (managedName) {
-        return *managedName == wanted.name ? UploadResult::REGISTERED : UploadResult::NOT_ITS_NAME;
+    return MayHaveName(wanted, sender.peerUid) ? UploadResult::REGISTERED
+                                               : UploadResult::NOT_ITS_NAME;
+}
+
+bool UploadRegistry::MayHaveName(const UploadRequest& wanted, uint32_t uid) {
+    if (const auto own = apps_.GetNameOf(wanted.pid)) {
+        return *own == wanted.name;
     }
-    // Nobody vouches for a process that the daemon does not manage, unless it is root's.
-    const bool isFree = sender.peerUid == 0 && !apps_.HasProcess(wanted.name);
-    return isFree ? UploadResult::REGISTERED : UploadResult::NOT_ITS_NAME;
+    const std::optional<std::string> ancestor = FindAncestor(wanted.pid);
+    if (ancestor && (*ancestor == wanted.name || !apps_.IsKnown(wanted.name))) {
+        return true;
+    }
+    // Nobody vouches for a process that comes from no managed one, unless it is root's.
+    return uid == 0 && !apps_.HasProcess(wanted.name);
+}
+
+std::optional<std::string> UploadRegistry::FindAncestor(int32_t pid) {
+    for (int generation = 0; generation < Wire::GENERATIONS_MAX; ++generation) {
+        pid = Wire::ReadParent(pid).value_or(0);
+        if (pid <= 1 || pid == getpid()) {
+            return std::nullopt;
+        }
+        if (auto name = apps_.GetNameOf(pid)) {
+            return name;
+        }
+    }
+    return std::nullopt;
 }
 
 bool UploadRegistry::Keep(const UploadRequest& wanted, uint64_t startTicks) {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     const auto present = registrations_.find(wanted.pid);
     if (present == registrations_.end() && registrations_.size() >= REGISTRATIONS_MAX) {
         return false;
@@ -165,6 +196,8 @@ std::vector<std::string> UploadRegistry::JoinGroups(const UploadRequest& wanted)
                                                    group.name) == wanted.groups.end();
     });
     sharePool_.Join(wanted.name, wanted.pid, plan);
+    MayWait("the device");
+    DeviceWorker().Drain(std::chrono::steady_clock::now() + JOIN_PATIENCE);
     std::vector<std::string> joined = sharePool_.GetGroupsOf(wanted.pid);
     if (joined.size() > Message::UPLOAD_GROUPS_MAX) {
         ProcMgrLog(LOG_WARNING, "PROCMGR : pmupload app=%s, pid=%d has more groups than it is told",
@@ -176,7 +209,7 @@ std::vector<std::string> UploadRegistry::JoinGroups(const UploadRequest& wanted)
 
 void UploadRegistry::LogRefused(const MuxaRequest& sender, UploadResult result) {
     {
-        const std::lock_guard lock(mutex_);
+        const LockGuard lock(mutex_);
         const SteadyTime now = std::chrono::steady_clock::now();
         if (now < nextRefusalLine_) {
             return;
@@ -188,7 +221,7 @@ void UploadRegistry::LogRefused(const MuxaRequest& sender, UploadResult result) 
 }
 
 bool UploadRegistry::IsEmpty() {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     return registrations_.empty();
 }
 
@@ -202,7 +235,7 @@ void UploadRegistry::DropGone() {
 }
 
 std::vector<int32_t> UploadRegistry::TakeGone() {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     std::vector<int32_t> gone;
     int toVerify = VERIFIED_PER_CHECK;
     int32_t verified = 0;

@@ -7,14 +7,16 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "main/mutex.h"
 #include "message/upload_record.h"
 #include "platform/messaging.h"
 #include "resource/managed_apps.h"
 #include "resource/share_pool.h"
+#include "resource/upload_answers.h"
 
 namespace ProcMgr {
 
@@ -22,14 +24,16 @@ class UploadRegistry {
 public:
     // Both must outlive this object.
     UploadRegistry(SharePool& sharePool, ManagedApps& apps) : sharePool_(sharePool), apps_(apps) {}
-    ~UploadRegistry() { Close(); }
+    ~UploadRegistry();
     UploadRegistry(const UploadRegistry&) = delete;
     UploadRegistry& operator=(const UploadRegistry&) = delete;
 
     // Creates the server endpoint. False when the messaging library refuses.
     bool RegXCallBack();
-    // Waits for the requests that are being handled; there are none afterwards.
-    void Close();
+    // Waits for the requests that are being handled, as long as any close of a pipe waits, but not
+    // beyond `end`; there are none afterwards. False when there still are: the destructor would
+    // wait for them.
+    bool Close(SteadyTime end);
 
     // Drops the registrations of processes that are gone.
     void DropGone();
@@ -45,6 +49,10 @@ private:
     void HandleRequest(int32_t fd, const MuxaRequest& request);
     Message::UploadResponse Register(const MuxaRequest& request);
     Message::UploadResult Check(const Message::UploadRequest& wanted, const MuxaRequest& sender);
+    // Whether the sender, of this uid, may register under the name that it wants.
+    bool MayHaveName(const Message::UploadRequest& wanted, uint32_t uid);
+    // The application whose process is the closest managed ancestor.
+    std::optional<std::string> FindAncestor(int32_t pid);
     // False when there is no room.
     bool Keep(const Message::UploadRequest& wanted, uint64_t startTicks);
     std::vector<std::string> JoinGroups(const Message::UploadRequest& wanted);
@@ -54,8 +62,9 @@ private:
 
     SharePool& sharePool_;
     ManagedApps& apps_;
-    int32_t fd_ = -1;  // of the server; the main thread's
-    std::mutex mutex_;
+    UploadAnswers answers_;
+    int32_t fd_ = -1;  // of the server; of the thread that registers, then of the one that closes
+    Mutex mutex_;
     Registrations registrations_;   // by pid; guarded by mutex_
     int32_t lastVerified_ = 0;      // where the next check goes on; guarded by mutex_
     SteadyTime nextRefusalLine_{};  // guarded by mutex_

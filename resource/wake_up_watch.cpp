@@ -23,7 +23,7 @@ std::chrono::nanoseconds WakeUpWatch::TimeSuspended() {
 }
 
 bool WakeUpWatch::HasWokenUp() {
-    const std::lock_guard lock(mutex_);
+    const LockGuard lock(mutex_);
     const std::chrono::nanoseconds before = suspended_;
     // Too little is found by a thread that is held up between the clocks: that must not look like a
     // suspend to the next one.

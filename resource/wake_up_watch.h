@@ -2,7 +2,8 @@
 #pragma once
 
 #include <chrono>
-#include <mutex>
+
+#include "main/mutex.h"
 
 namespace ProcMgr {
 
@@ -15,7 +16,7 @@ public:
 private:
     static std::chrono::nanoseconds TimeSuspended();
 
-    std::mutex mutex_;
+    Mutex mutex_;
     std::chrono::nanoseconds suspended_ = TimeSuspended();  // guarded by mutex_
 };
 

@@ -7,10 +7,12 @@
 //   group-create name=NAME size=BYTES
 //   group-add name=NAME pid=PID access=read-write
 //
-// The line of a refused call ends in " refused"; a refused registration has handle 0.
+// The line of a refused call ends in " refused"; a refused registration has handle 0. A file that
+// would grow past 1 MiB becomes the old one, and the old one before it is gone.
 #include "platform/device.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,6 +32,8 @@ namespace {
 
 constexpr const char* CONFIG_PATH = "/etc/device-sim.conf";
 constexpr const char* LOG_PATH = "/run/device-sim.log";
+constexpr const char* OLD_LOG_PATH = "/run/device-sim.log.1";
+constexpr off_t MAX_LOG = off_t{1} << 20;
 constexpr std::string_view DEVICES_KEY = "devices=";
 constexpr uint32_t DEFAULT_DEVICES = 1;
 constexpr size_t MAX_LINE = 512;
@@ -56,6 +60,37 @@ uint32_t ConfiguredDevices() {
     return DEFAULT_DEVICES;
 }
 
+int OpenLog() {
+    return open(LOG_PATH, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+}
+
+// Moves the log that `fd` stands for out of the way, unless another process just did. Who opened it
+// before the move writes to the old log: a line lands in one file or the other, whole. Two
+// processes that move at the same moment can at worst lose the old log.
+void MoveLog(int fd) {
+    struct stat opened {};
+    struct stat named {};
+    if (fstat(fd, &opened) == 0 && lstat(LOG_PATH, &named) == 0 && opened.st_ino == named.st_ino &&
+        opened.st_dev == named.st_dev) {
+        rename(LOG_PATH, OLD_LOG_PATH);
+    }
+}
+
+void Append(const char* line, size_t length) {
+    int fd = OpenLog();
+    struct stat status {};
+    if (fd >= 0 && fstat(fd, &status) == 0 &&
+        status.st_size + static_cast<off_t>(length) > MAX_LOG) {
+        MoveLog(fd);
+        close(fd);
+        fd = OpenLog();
+    }
+    if (fd >= 0) {
+        [[maybe_unused]] const ssize_t written = write(fd, line, length);
+        close(fd);
+    }
+}
+
 // One write on an append-only descriptor, so that lines of several threads and processes stay
 // whole. Takes no lock and allocates nothing. A log that cannot be written changes no result.
 __attribute__((format(printf, 2, 3))) uint32_t Record(uint32_t result, const char* format, ...) {
@@ -76,11 +111,7 @@ __attribute__((format(printf, 2, 3))) uint32_t Record(uint32_t result, const cha
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
     const std::string_view ending = result == DONE ? "\n" : REFUSED_MARK;
     std::copy(ending.begin(), ending.end(), line.begin() + static_cast<std::ptrdiff_t>(length));
-    const int fd = open(LOG_PATH, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (fd >= 0) {
-        [[maybe_unused]] const ssize_t written = write(fd, line.data(), length + ending.size());
-        close(fd);
-    }
+    Append(line.data(), length + ending.size());
     return result;
 }
 

@@ -1,9 +1,10 @@
 #include "platform/host/diagnostics.h"
 
-#include <syslog.h>
-
 #include <algorithm>
 #include <array>
+#include <atomic>
+
+#include "platform/diagnostics.h"
 
 namespace ProcMgr {
 namespace {
@@ -11,9 +12,15 @@ namespace {
 constexpr size_t MAX_QUOTED = 80;
 constexpr size_t MAX_LINE = 2048;
 
+std::atomic<DiagnosticSink> currentSink{nullptr};
+
 }  // namespace
 
 void WriteDiagnostic(int level, std::string_view text) {
+    const DiagnosticSink sink = currentSink;
+    if (sink == nullptr) {
+        return;
+    }
     std::array<char, MAX_LINE> line{};
     const size_t length = std::min(text.size(), line.size() - 1);
     std::transform(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(length), line.begin(),
@@ -21,7 +28,7 @@ void WriteDiagnostic(int level, std::string_view text) {
                        const auto byte = static_cast<unsigned char>(c);
                        return byte < 0x20 || byte == 0x7f ? '?' : c;
                    });
-    syslog(level, "%s", line.data());
+    sink(level, line.data());
 }
 
 std::string Quoted(std::string_view value) {
@@ -32,3 +39,7 @@ std::string Quoted(std::string_view value) {
 }
 
 }  // namespace ProcMgr
+
+void SetDiagnosticSink(DiagnosticSink sink) {
+    ProcMgr::currentSink = sink;
+}

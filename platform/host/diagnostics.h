@@ -1,6 +1,5 @@
-// What the host platform's libraries say to people: single lines to syslog(3), under whatever
-// identity the process opened. The daemon's own log is not used, so that the platform can be
-// replaced without it.
+// What the host platform's libraries say to people: single lines to the sink of
+// platform/diagnostics.h. All of them write with this one function.
 #pragma once
 
 #include <string>

@@ -2,52 +2,38 @@
 // that are overdue.
 #include "platform/heartbeat.h"
 
-#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
 
-#include "platform/host/unix_socket.h"
+#include "platform/host/heartbeat_peers.h"
+#include "wire/blocked_signals.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using PlatformHost::BoundSocket;
-using PlatformHost::UniqueFd;
 
-constexpr const char* SOCKET_PATH = "/run/heartbeat.sock";
-constexpr mode_t SOCKET_MODE = 0666;
 constexpr std::chrono::milliseconds CHECK_PERIOD{500};
 constexpr std::chrono::milliseconds LOST_AFTER{3000};
 constexpr size_t MAX_NAME = 127;
-// Beats taken in one go, so that a flood of them cannot hold up the check.
-constexpr int MAX_BEATS = 256;
 
 enum Status : uint32_t { BACK = 0, LOST = 1 };
 
 // Whether this thread is one that makes the callbacks.
 thread_local bool isMonitorThread = false;
-
-struct Beat {
-    std::string name;
-    pid_t pid = 0;
-};
 
 // The watches, their socket and their thread, from the first registration to the end of all.
 // Thread-safe but for Join and Detach, one of which is called once.
@@ -81,17 +67,14 @@ private:
     };
 
     void Run();
-    bool Wait();
     std::optional<int> NextTimeout();
-    void ReceiveBeats();
-    std::optional<Beat> ReceiveBeat(bool& isEmpty);
-    std::optional<Notice> NoteBeat(const Beat& beat);
+    std::set<pid_t> Registered();
+    bool TakeBeat(pid_t pid, const std::string& name);
     void Check();
-    std::optional<Notice> NextLoss();
+    std::optional<Notice> NextLoss(Clock::time_point now);
     static void Notify(const Notice& notice);
 
-    BoundSocket socket_;
-    UniqueFd wake_;
+    PlatformHost::HeartbeatPeers peers_;  // used on the thread only, but for Wake
     std::thread thread_;
     Clock::time_point nextCheck_;  // used on the thread only
     bool isChecking_ = false;      // used on the thread only
@@ -102,30 +85,17 @@ private:
 };
 
 int Monitor::Start() {
-    const int32_t bound =
-        socket_.Bind(SOCK_DGRAM, SOCKET_PATH, SOCKET_MODE, static_cast<gid_t>(-1));
-    if (bound < 0) {
-        return bound;
+    const int32_t opened = peers_.Open();
+    if (opened < 0) {
+        return opened;
     }
-    const int enabled = 1;
-    wake_ = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!wake_.Valid() ||
-        setsockopt(socket_.Fd(), SOL_SOCKET, SO_PASSCRED, &enabled, sizeof(enabled)) != 0) {
-        return -errno;
-    }
-    // The program's signals are for its own threads; a new thread inherits the mask.
-    sigset_t all;
-    sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
-    int result = 0;
+    const Wire::BlockedSignals blocked;
     try {
         thread_ = std::thread([self = shared_from_this()] { self->Run(); });
     } catch (const std::system_error& error) {
-        result = -error.code().value();
+        return -error.code().value();
     }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    return result;
+    return 0;
 }
 
 int Monitor::Watch(std::string_view name, pid_t pid, HeartBeatCallback callback) {
@@ -137,6 +107,7 @@ int Monitor::Watch(std::string_view name, pid_t pid, HeartBeatCallback callback)
     watched.pid = pid;
     watched.callback = std::move(callback);
     watched_.insert_or_assign(std::string(name), std::move(watched));
+    peers_.Wake();  // the process may be connected already
     return 0;
 }
 
@@ -156,31 +127,34 @@ void Monitor::Stop() {
         isStopped_ = true;
         watched_.clear();
     }
-    eventfd_write(wake_.Get(), 1);
+    peers_.Wake();
 }
 
 void Monitor::Run() {
     isMonitorThread = true;
     pthread_setname_np(pthread_self(), "heartbeat");
-    while (Wait()) {
+    const auto takeBeat = [this](pid_t pid, const std::string& name) {
+        return TakeBeat(pid, name);
+    };
+    while (const auto timeout = NextTimeout()) {
+        peers_.Wait(*timeout);
         // First the beats: those that came while a callback took its time are not overdue.
-        ReceiveBeats();
+        peers_.Round(Registered(), takeBeat);
         Check();
     }
 }
 
-// Waits for beats or the next check; false when stopped.
-bool Monitor::Wait() {
-    const auto timeout = NextTimeout();
-    if (!timeout) {
-        return false;
+std::set<pid_t> Monitor::Registered() {
+    std::set<pid_t> pids;
+    const std::lock_guard guard(lock_);
+    for (const auto& [name, watched] : watched_) {
+        pids.insert(watched.pid);
     }
-    pollfd waited[] = {{socket_.Fd(), POLLIN, 0}, {wake_.Get(), POLLIN, 0}};
-    poll(waited, std::size(waited), *timeout);
-    return true;
+    return pids;
 }
 
-// Milliseconds for poll, -1 while no beat can be overdue; nothing when stopped.
+// Milliseconds to wait, -1 while neither a beat nor a registration can be overdue; nothing when
+// stopped.
 std::optional<int> Monitor::NextTimeout() {
     const auto isDue = [](const auto& entry) {
         return entry.second.isArmed && !entry.second.isLost;
@@ -189,8 +163,8 @@ std::optional<int> Monitor::NextTimeout() {
     if (isStopped_) {
         return std::nullopt;
     }
-    const bool wasChecking =
-        std::exchange(isChecking_, std::any_of(watched_.begin(), watched_.end(), isDue));
+    const bool wasChecking = std::exchange(
+        isChecking_, !peers_.IsEmpty() || std::any_of(watched_.begin(), watched_.end(), isDue));
     if (!isChecking_) {
         return -1;
     }
@@ -202,72 +176,43 @@ std::optional<int> Monitor::NextTimeout() {
     return static_cast<int>(std::max<int64_t>(0, left.count()));
 }
 
-void Monitor::ReceiveBeats() {
-    bool isEmpty = false;
-    for (int i = 0; i < MAX_BEATS && !isEmpty; ++i) {
-        const auto beat = ReceiveBeat(isEmpty);
-        const auto notice = beat ? NoteBeat(*beat) : std::nullopt;
-        if (notice) {
-            Notify(*notice);
+// Notes the beat of a watched process, and tells when it had been lost; false when the process is
+// not watched under that name.
+bool Monitor::TakeBeat(pid_t pid, const std::string& name) {
+    Notice notice{name, pid, {}, BACK};
+    {
+        const std::lock_guard guard(lock_);
+        const auto found = watched_.find(name);
+        if (found == watched_.end() || found->second.pid != pid) {
+            return false;
         }
+        Watched& watched = found->second;
+        watched.isArmed = true;
+        watched.lastBeat = Clock::now();
+        if (!std::exchange(watched.isLost, false)) {
+            return true;
+        }
+        notice.callback = watched.callback;
     }
-}
-
-std::optional<Beat> Monitor::ReceiveBeat(bool& isEmpty) {
-    char name[MAX_NAME];
-    // Has room for the credentials only, so that no descriptor can be passed to this process.
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
-    iovec part{name, sizeof(name)};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    const ssize_t length =
-        recvmsg(socket_.Fd(), &message, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
-    if (length < 0) {
-        isEmpty = errno != EINTR;
-        return std::nullopt;
-    }
-    const cmsghdr* head = CMSG_FIRSTHDR(&message);
-    if (static_cast<size_t>(length) > sizeof(name) || head == nullptr ||
-        head->cmsg_level != SOL_SOCKET || head->cmsg_type != SCM_CREDENTIALS) {
-        return std::nullopt;
-    }
-    ucred credentials{};
-    memcpy(&credentials, CMSG_DATA(head), sizeof(credentials));
-    return Beat{{name, static_cast<size_t>(length)}, credentials.pid};
-}
-
-// Notes the beat of a watched process; returns what to tell when it had been lost.
-std::optional<Monitor::Notice> Monitor::NoteBeat(const Beat& beat) {
-    const std::lock_guard guard(lock_);
-    const auto found = watched_.find(beat.name);
-    if (found == watched_.end() || found->second.pid != beat.pid) {
-        return std::nullopt;
-    }
-    Watched& watched = found->second;
-    watched.isArmed = true;
-    watched.lastBeat = Clock::now();
-    if (!std::exchange(watched.isLost, false)) {
-        return std::nullopt;
-    }
-    return Notice{beat.name, beat.pid, watched.callback, BACK};
+    Notify(notice);
+    return true;
 }
 
 void Monitor::Check() {
-    if (!isChecking_ || Clock::now() < nextCheck_) {
+    const auto now = Clock::now();
+    if (!isChecking_ || now < nextCheck_) {
         return;
     }
-    nextCheck_ = Clock::now() + CHECK_PERIOD;
-    // One at a time: what a callback unregisters is not told any more.
-    while (const auto notice = NextLoss()) {
+    nextCheck_ = now + CHECK_PERIOD;
+    peers_.DropUnregistered(Registered());
+    // One at a time: what a callback unregisters is not told any more. All by the time at which the
+    // beats were read: while a callback takes its time, nobody's are.
+    while (const auto notice = NextLoss(now)) {
         Notify(*notice);
     }
 }
 
-std::optional<Monitor::Notice> Monitor::NextLoss() {
-    const auto now = Clock::now();
+std::optional<Monitor::Notice> Monitor::NextLoss(Clock::time_point now) {
     const std::lock_guard guard(lock_);
     for (auto& [name, watched] : watched_) {
         if (watched.isArmed && !watched.isLost && now - watched.lastBeat >= LOST_AFTER) {

@@ -168,7 +168,7 @@ constexpr auto KEYS = std::to_array<ManifestKey>({
     {"security_context", false, ReadText<&Data::securityContext>},
     {"node_type", false, ReadUnsigned<&Data::nodeType>},
     {"numa_type", false, ReadUnsigned<&Data::numaType>},
-    {"startup_priority", false, ReadSigned<&Data::startupPriority>},
+    {"startup_priority", false, ReadSigned<&Data::startupPriority, -1>},
     {"startup_entry", false, ReadText<&Data::startupEntry>},
     {"heartbeat", false, ReadBool<&Data::heartbeat>},
     {"sharepool_groups", false, ReadSharepoolGroups},

@@ -1,10 +1,14 @@
 #include "platform/host/manifest_loader.h"
 
+#include <pwd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "platform/host/diagnostics.h"
@@ -15,6 +19,26 @@ namespace ProcMgr {
 namespace {
 
 constexpr size_t MAX_INCLUDE_DEPTH = 16;
+constexpr size_t FIRST_USER_RECORD = 1024;
+constexpr size_t MAX_USER_RECORD = size_t{1} << 20;
+
+// The primary group of a user, 0 when the user database has none; nothing when the database could
+// not be read: the user may be in there, and the group 0 is no harmless guess then.
+std::optional<uint32_t> PrimaryGroup(uint32_t uid) {
+    std::vector<char> buffer(FIRST_USER_RECORD);
+    passwd record{};
+    passwd* found = nullptr;
+    int result = getpwuid_r(uid, &record, buffer.data(), buffer.size(), &found);
+    while ((result == ERANGE && buffer.size() < MAX_USER_RECORD) || result == EINTR) {
+        buffer.resize(buffer.size() * 2);
+        result = getpwuid_r(uid, &record, buffer.data(), buffer.size(), &found);
+    }
+    if (result == EIO || result == EMFILE || result == ENFILE || result == ENOMEM ||
+        result == ERANGE) {
+        return std::nullopt;
+    }
+    return found == nullptr ? 0 : record.pw_gid;
+}
 
 class Loader {
 public:
@@ -96,8 +120,10 @@ private:
         auto data = std::make_shared<ManifestData>();
         data->list = list;
         data->cfgPath = path;
+        bool hasGid = false;
         for (const YamlChild& child : children) {
             const ManifestValue value(path, child, load_.warnings);
+            hasGid = hasGid || child.key == "gid";
             const ManifestKey* key = FindManifestKey(child.key, list);
             if (key != nullptr) {
                 key->read(value, *data);
@@ -115,7 +141,25 @@ private:
                 ManifestMessage(path, line, "bin", "missing in the entry " + Quoted(data->name)));
         }
         RefuseRepeatedName(path, line, data->name);
+        if (!hasGid) {
+            data->gid = GroupOf(path, line, data->uid);
+        }
         load_.manifests.emplace_back(std::move(data));
+    }
+
+    uint32_t GroupOf(const std::string& path, uint32_t line, uint32_t uid) {
+        const auto known = groupOfUser_.find(uid);
+        if (known != groupOfUser_.end()) {
+            return known->second;
+        }
+        const std::optional<uint32_t> group = PrimaryGroup(uid);
+        if (!group) {
+            throw ManifestFault(ManifestMessage(path, line, "gid",
+                                                "not given, and the user database with the group "
+                                                "of uid " +
+                                                    std::to_string(uid) + " cannot be read"));
+        }
+        return groupOfUser_[uid] = *group;
     }
 
     void RefuseRepeatedName(const std::string& path, uint32_t line, const std::string& name) {
@@ -132,6 +176,7 @@ private:
     ManifestLoad& load_;
     std::vector<std::string> reading_;  // real paths from the first file to the current one
     std::map<std::string, std::string> entryOfName_;
+    std::map<uint32_t, uint32_t> groupOfUser_;  // looked up once a load
 };
 
 }  // namespace

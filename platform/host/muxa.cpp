@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <span>
@@ -33,14 +34,15 @@ struct Library {
 };
 
 void Library::Dispatch(uint64_t token, std::span<uint8_t> buffer) {
-    const bool isListener = (token & MuxaEndpoint::LISTENER_TOKEN) != 0;
-    const auto id = static_cast<int32_t>(token & ~MuxaEndpoint::LISTENER_TOKEN);
+    const auto id = static_cast<int32_t>(token & std::numeric_limits<int32_t>::max());
     const MuxaEntry entry = table.Find(id);
     if (entry.endpoint == nullptr) {
         return;  // closed meanwhile
     }
-    if (isListener) {
+    if ((token & MuxaEndpoint::LISTENER_TOKEN) != 0) {
         entry.endpoint->OnConnection();
+    } else if ((token & MuxaEndpoint::TIMER_TOKEN) != 0) {
+        entry.endpoint->OnTimer();
     } else if (entry.channel != nullptr && entry.channel->OnReady(buffer)) {
         entry.endpoint->PeerEnded(id);
     }
@@ -131,6 +133,7 @@ int32_t MuxaOpen(const MuxaOpenAttributes& attributes) {
     settings.name = attributes.name;
     settings.callback = attributes.callback;
     settings.gid = static_cast<gid_t>(attributes.value);
+    settings.pid = attributes.pid;
     return Fail(OpenEndpoint(MuxaRoom::PIPE, std::move(settings)));
 }
 

@@ -3,6 +3,7 @@
 #include <sys/epoll.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "platform/host/diagnostics.h"
@@ -12,6 +13,8 @@ namespace PlatformHost {
 namespace {
 
 constexpr size_t MAX_QUEUED = 256;
+// For one peer of a server.
+constexpr std::ptrdiff_t MAX_ANSWERS = 16;
 
 // The line whose callback runs on this thread, 0 outside of callbacks.
 thread_local int32_t deliveringId = 0;
@@ -21,7 +24,7 @@ thread_local int32_t deliveringId = 0;
 void MuxaGate::Call(int32_t fd, const MuxaRequest* request) {
     {
         const std::lock_guard guard(lock_);
-        if (isClosed_) {
+        if (isClosing_) {
             return;
         }
         ++running_;
@@ -41,11 +44,17 @@ int32_t MuxaGate::Close() {
     if (isClosed_) {
         return -EBADF;
     }
+    isClosing_ = true;
     if (running_ > 0) {
         return -EBUSY;
     }
     isClosed_ = true;
     return 0;
+}
+
+bool MuxaGate::IsClosing() {
+    const std::lock_guard guard(lock_);
+    return isClosing_;
 }
 
 uint64_t MuxaChannel::Token() const {
@@ -60,6 +69,7 @@ bool MuxaChannel::Attach(AcceptedPeer peer) {
     socket_ = std::move(peer.socket);
     credentials_ = peer.credentials;
     isBroken_ = false;
+    lastRequest_ = std::chrono::steady_clock::now();
     FlushLocked();
     ArmLocked();
     return true;
@@ -68,26 +78,31 @@ bool MuxaChannel::Attach(AcceptedPeer peer) {
 bool MuxaChannel::OnReady(std::span<uint8_t> buffer) {
     MuxaRequest request;
     Step step = Step::NOTHING;
+    bool isTold = false;
     {
         const std::lock_guard guard(lock_);
-        if (!socket_.Valid()) {
+        if (!socket_.IsValid()) {
             return false;
         }
         FlushLocked();
         step = isDelivering_ ? Step::NOTHING : ReadLocked(buffer, request);
         isDelivering_ = isDelivering_ || step != Step::NOTHING;
+        isTold = !isClosing_;
         ArmLocked();
     }
     if (step == Step::NOTHING) {
         return false;
     }
-    deliveringId = id_;
-    workers_.BeginBlocking();
-    gate_->Call(id_, step == Step::REQUEST ? &request : nullptr);
-    workers_.EndBlocking();
-    deliveringId = 0;
+    if (isTold) {
+        deliveringId = id_;
+        workers_.BeginBlocking();
+        gate_->Call(id_, step == Step::REQUEST ? &request : nullptr);
+        workers_.EndBlocking();
+        deliveringId = 0;
+    }
     const std::lock_guard guard(lock_);
     isDelivering_ = false;
+    lastRequest_ = std::chrono::steady_clock::now();
     ArmLocked();
     return step == Step::ENDED;
 }
@@ -134,7 +149,7 @@ int32_t MuxaChannel::SendLocked(const MuxaHeader& header, std::span<const uint8_
     if (!CanQueueLocked(header.kind)) {
         return -EPIPE;
     }
-    if (queue_.size() >= MAX_QUEUED) {
+    if (IsFullLocked(header.kind)) {
         return -EAGAIN;
     }
     queue_.push_back({header, {body.begin(), body.end()}});
@@ -144,12 +159,22 @@ int32_t MuxaChannel::SendLocked(const MuxaHeader& header, std::span<const uint8_
 
 // A response is for the peer that asked. Other records of a pipe may wait for the next peer.
 bool MuxaChannel::CanQueueLocked(MuxaKind kind) const {
-    const bool hasPeer = socket_.Valid() && !isBroken_;
+    const bool hasPeer = socket_.IsValid() && !isBroken_;
     return hasPeer || (isPipe_ && kind != MuxaKind::RESPONSE);
 }
 
+bool MuxaChannel::IsFullLocked(MuxaKind kind) const {
+    if (isPipe_ || kind != MuxaKind::RESPONSE) {
+        return queue_.size() >= MAX_QUEUED;
+    }
+    const auto isAnswer = [](const Packet& packet) {
+        return packet.header.kind == MuxaKind::RESPONSE;
+    };
+    return std::count_if(queue_.begin(), queue_.end(), isAnswer) >= MAX_ANSWERS;
+}
+
 bool MuxaChannel::TrySendLocked(const MuxaHeader& header, std::span<const uint8_t> body) {
-    if (!socket_.Valid() || isBroken_) {
+    if (!socket_.IsValid() || isBroken_) {
         return false;
     }
     const SendResult result = SendMuxaPacket(socket_.Get(), header, body);
@@ -171,7 +196,7 @@ void MuxaChannel::ArmLocked() {
     const uint32_t input = isDelivering_ ? 0U : uint32_t{EPOLLIN};
     const uint32_t output = queue_.empty() || isBroken_ ? 0U : uint32_t{EPOLLOUT};
     // Not with an empty set: a hang-up would be reported even so, again and again.
-    if (socket_.Valid() && (input | output) != 0) {
+    if (socket_.IsValid() && (input | output) != 0) {
         workers_.Rearm(socket_.Get(), input | output, Token());
     }
 }
@@ -196,6 +221,7 @@ int32_t MuxaChannel::ShutIfIdle() {
     if (isShut_) {
         return -EBADF;
     }
+    isClosing_ = true;
     if (isDelivering_) {
         return -EBUSY;
     }
@@ -203,11 +229,25 @@ int32_t MuxaChannel::ShutIfIdle() {
     return 0;
 }
 
+MuxaChannel::Deadline MuxaChannel::EndIfSilent(Deadline now) {
+    const std::lock_guard guard(lock_);
+    if (isDelivering_ || !socket_.IsValid()) {
+        return now + MAX_SILENCE;
+    }
+    if (now < lastRequest_ + MAX_SILENCE) {
+        return lastRequest_ + MAX_SILENCE;
+    }
+    // The reading side then comes to the end by itself.
+    isBroken_ = true;
+    shutdown(socket_.Get(), SHUT_RDWR);
+    return now + MAX_SILENCE;
+}
+
 void MuxaChannel::ShutLocked() {
     isShut_ = true;
     FailCallsLocked(-EBADF);
     queue_.clear();
-    if (socket_.Valid()) {
+    if (socket_.IsValid()) {
         DisconnectLocked();
     }
 }

@@ -21,23 +21,27 @@
 namespace PlatformHost {
 
 // The callback of a pipe or of a server. Knows whether it is running, so that closing and calling
-// exclude each other. Thread-safe.
+// exclude each other, and closing wins. Thread-safe.
 class MuxaGate {
 public:
     MuxaGate(std::string name, MuxaCallback callback)
         : name_(std::move(name)), callback_(std::move(callback)) {}
 
-    // Runs the callback, unless the gate is closed.
+    // Runs the callback, unless closing has begun.
     void Call(int32_t fd, const MuxaRequest* request);
 
-    // Closes for good: 0, -16 while the callback is running, -9 when closed already.
+    // Closes for good: 0, -16 while the callback is running, -9 when closed already. No call begins
+    // once this has been tried.
     int32_t Close();
+
+    bool IsClosing();
 
 private:
     const std::string name_;
     const MuxaCallback callback_;
     std::mutex lock_;  // guards the fields below
     uint32_t running_ = 0;
+    bool isClosing_ = false;
     bool isClosed_ = false;
 };
 
@@ -45,6 +49,7 @@ private:
 class MuxaChannel {
 public:
     using Deadline = std::chrono::steady_clock::time_point;
+    static constexpr std::chrono::seconds MAX_SILENCE{5};
 
     // `isPipe`: the line outlives its peers, and records are kept for the next one.
     MuxaChannel(int32_t id, bool isPipe, std::shared_ptr<MuxaGate> gate, MuxaWorkers& workers)
@@ -69,8 +74,13 @@ public:
     // Ends the line: nothing is read, sent or called any more.
     void Shut();
 
-    // The same, but -16 while the callback is running for this line.
+    // The same, but -16 while the callback is running for this line; no other call of it begins
+    // then.
     int32_t ShutIfIdle();
+
+    // Ends the connection of a peer whose last request is MAX_SILENCE ago; the callback is told as
+    // of any other end. Returns when to look again.
+    Deadline EndIfSilent(Deadline now);
 
 private:
     struct Packet {
@@ -93,6 +103,7 @@ private:
     int32_t SendLocked(const MuxaHeader& header, std::span<const uint8_t> body);
     bool TrySendLocked(const MuxaHeader& header, std::span<const uint8_t> body);
     bool CanQueueLocked(MuxaKind kind) const;
+    bool IsFullLocked(MuxaKind kind) const;
     void FlushLocked();
     void ArmLocked();
     void DisconnectLocked();
@@ -112,7 +123,9 @@ private:
     ucred credentials_{};
     bool isBroken_ = false;      // the peer does not take packets any more
     bool isDelivering_ = false;  // a worker is busy with the callback; nothing is read
+    bool isClosing_ = false;     // the callback is not called any more
     bool isShut_ = false;
+    Deadline lastRequest_;  // when the last one was dealt with; at first, when the peer came
     std::deque<Packet> queue_;
     std::map<uint64_t, PendingCall*> calls_;  // by sequence number
     uint64_t lastSequence_ = 0;

@@ -2,7 +2,9 @@
 // peers that it let in. Also the table in which the process's descriptors are looked up.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -53,15 +55,17 @@ struct MuxaEndpointSettings {
     std::string name;
     std::string path;  // of the socket
     MuxaCallback callback;
-    std::optional<gid_t> gid;  // whose members may be peers; none: everybody
+    std::optional<gid_t> gid;  // of the socket's file
+    pid_t pid = 0;             // of a pipe: the process of the service
     uint32_t maxPeers = 1;
 };
 
 // Thread-safe. Its lock is taken before those of its channels and of the table.
 class MuxaEndpoint : public std::enable_shared_from_this<MuxaEndpoint> {
 public:
-    // Set in the event token of a listening socket, beside its id.
+    // Set in the event token of a listening socket, or of a server's timer, beside its id.
     static constexpr uint64_t LISTENER_TOKEN = uint64_t{1} << 32;
+    static constexpr uint64_t TIMER_TOKEN = uint64_t{1} << 33;
 
     MuxaEndpoint(MuxaEndpointSettings settings, MuxaTable& table, MuxaWorkers& workers);
 
@@ -71,10 +75,14 @@ public:
     // Handles an event of the listening socket on a worker.
     void OnConnection();
 
+    // Handles the timer on a worker: sends silent peers away.
+    void OnTimer();
+
     // To be called when a peer's connection has ended and its callback has returned.
     void PeerEnded(int32_t id);
 
     // Closes everything and leaves the table: 0, -16 while the callback is running, -9 when closed.
+    // No peer is let in and no call begins once this has been tried.
     int32_t Close();
 
     // Closes one peer of a server, with the same results.
@@ -83,10 +91,19 @@ public:
     bool HasId(int32_t id) const { return id == id_; }
 
 private:
+    struct Peer {
+        std::shared_ptr<MuxaChannel> channel;
+        uid_t uid = 0;
+    };
+
+    int32_t ListenLocked();
     AcceptResult AcceptLocked();
+    bool IsWelcomeLocked(const ucred& credentials) const;
     bool AdmitLocked(AcceptedPeer peer);
+    bool QueueLocked(AcceptedPeer peer);
+    bool SeatLocked(AcceptedPeer peer);
+    void SetTimerLocked(std::chrono::steady_clock::duration delay);
     void ArmLocked();
-    void Arm();
 
     const MuxaEndpointSettings settings_;
     MuxaTable& table_;
@@ -98,8 +115,12 @@ private:
     std::mutex lock_;  // guards the fields below
     BoundSocket listener_;
     bool isClosed_ = false;
-    // The connected ones, by id; what is past the limit waits in the listening socket.
-    std::map<int32_t, std::shared_ptr<MuxaChannel>> peers_;
+    bool isAccepting_ = false;  // a worker is in OnConnection, and arms the listener at its end
+    // The connected ones, by id. What is past a server's limit waits in the listening socket.
+    std::map<int32_t, Peer> peers_;
+    std::deque<AcceptedPeer> waiting_;  // of a pipe: let in, until the present peer ends
+    UniqueFd timer_;                    // of a server
+    bool isTimerSet_ = false;
 };
 
 }  // namespace PlatformHost

@@ -121,9 +121,9 @@ int32_t MakeMuxaDirectories() {
     return 0;
 }
 
-AcceptResult AcceptMuxaPeer(int listener, std::optional<gid_t> gid, AcceptedPeer& peer) {
+AcceptResult AcceptMuxaPeer(int listener, AcceptedPeer& peer) {
     UniqueFd socket(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!socket.Valid()) {
+    if (!socket.IsValid()) {
         return ClassifyAcceptError(errno);
     }
     ucred credentials{};
@@ -131,12 +131,14 @@ AcceptResult AcceptMuxaPeer(int listener, std::optional<gid_t> gid, AcceptedPeer
     if (getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
         return AcceptResult::REFUSED;
     }
-    if (gid && credentials.uid != 0 && credentials.gid != *gid) {
-        return AcceptResult::REFUSED;
-    }
     peer.socket = std::move(socket);
     peer.credentials = credentials;
     return AcceptResult::ACCEPTED;
+}
+
+bool HasNothingToSay(const AcceptedPeer& peer) {
+    uint8_t byte = 0;
+    return recv(peer.socket.Get(), &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) == 0;
 }
 
 ReceiveResult ReceiveMuxaPacket(int socket, std::span<uint8_t> buffer, MuxaHeader& header,

@@ -46,7 +46,7 @@ int32_t MakeMuxaDirectories();
 
 enum class AcceptResult {
     ACCEPTED,
-    REFUSED,    // gone already, or turned away for its credentials
+    REFUSED,    // gone already, or turned away
     NONE,       // nobody is waiting
     EXHAUSTED,  // no descriptor or memory is left; somebody is still waiting
 };
@@ -56,8 +56,11 @@ struct AcceptedPeer {
     ucred credentials{};
 };
 
-// Accepts one peer. With a `gid` only uid 0 and that gid are let in, else everybody.
-AcceptResult AcceptMuxaPeer(int listener, std::optional<gid_t> gid, AcceptedPeer& peer);
+// Accepts one peer, whoever it is.
+AcceptResult AcceptMuxaPeer(int listener, AcceptedPeer& peer);
+
+// True when the peer has ended the connection without a packet that is still to be read.
+bool HasNothingToSay(const AcceptedPeer& peer);
 
 enum class ReceiveResult { PACKET, AGAIN, ENDED };
 

@@ -1,16 +1,17 @@
 #include "platform/host/muxa_workers.h"
 
 #include <pthread.h>
-#include <signal.h>
 #include <sys/epoll.h>
 #include <syslog.h>
 
 #include <cerrno>
+#include <chrono>
 #include <exception>
 #include <thread>
 
 #include "platform/host/diagnostics.h"
 #include "platform/host/muxa_socket.h"
+#include "wire/blocked_signals.h"
 
 namespace PlatformHost {
 
@@ -19,40 +20,53 @@ namespace {
 // Two from the start: the first callback need not wait until a second worker has been made.
 constexpr uint32_t FIRST_WORKERS = 2;
 constexpr uint32_t MAX_WORKERS = 16;
+// So long all workers may be held up before one more takes over.
+constexpr std::chrono::milliseconds PATIENCE{10};
 
 }  // namespace
 
 int32_t MuxaWorkers::Start() {
     const std::lock_guard guard(lock_);
-    if (!epoll_.Valid()) {
+    if (!epoll_.IsValid()) {
         epoll_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
-        if (!epoll_.Valid()) {
+        if (!epoll_.IsValid()) {
             return -errno;
         }
     }
-    while (total_ < FIRST_WORKERS && SpawnLocked()) {
+    while (total_ < FIRST_WORKERS && SpawnLocked(true)) {
     }
     return total_ > 0 ? 0 : -EAGAIN;
 }
 
-bool MuxaWorkers::SpawnLocked() {
-    // The program's signals are for its own threads; a new thread inherits the mask.
-    sigset_t all;
-    sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
-    bool started = true;
+bool MuxaWorkers::SpawnLocked(bool isNeeded) {
+    const Wire::BlockedSignals blocked;
     try {
-        std::thread([this] { Run(); }).detach();
+        std::thread([this, isNeeded] { Run(isNeeded); }).detach();
         ++total_;
+        ++active_;
     } catch (const std::exception&) {
-        started = false;
+        return false;
     }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    return started;
+    return true;
 }
 
-void MuxaWorkers::Run() {
+// A thread that stands by watches the others from the moment when all of them are held up.
+void MuxaWorkers::StandBy(bool isNeeded) {
+    std::unique_lock guard(lock_);
+    if (isNeeded && active_ - blocked_ <= FIRST_WORKERS) {
+        return;
+    }
+    --active_;
+    for (bool isFree = true; isFree;) {
+        changed_.wait(guard, [this] { return !IsAnyFreeLocked() && !isWatched_; });
+        isWatched_ = true;
+        isFree = changed_.wait_for(guard, PATIENCE, [this] { return IsAnyFreeLocked(); });
+        isWatched_ = false;
+    }
+    ++active_;
+}
+
+void MuxaWorkers::Run(bool isNeeded) {
     pthread_setname_np(pthread_self(), "muxa");
     // On the stack, where only the pages that packets really fill cost memory.
     alignas(std::max_align_t) uint8_t buffer[MUXA_MAX_PACKET];
@@ -60,7 +74,8 @@ void MuxaWorkers::Run() {
         const std::lock_guard guard(lock_);
         return epoll_.Get();
     }();
-    for (;;) {
+    for (;; isNeeded = true) {
+        StandBy(isNeeded);
         epoll_event event{};
         if (epoll_wait(epoll, &event, 1, -1) != 1) {
             continue;
@@ -94,8 +109,13 @@ void MuxaWorkers::Forget(int fd) {
 }
 
 void MuxaWorkers::RelieveLocked() {
-    if (blocked_ >= total_ && total_ - waiting_ < MAX_WORKERS) {
-        SpawnLocked();
+    if (IsAnyFreeLocked()) {
+        return;
+    }
+    if (active_ < total_) {
+        changed_.notify_all();
+    } else if (total_ - waiting_ < MAX_WORKERS) {
+        SpawnLocked(false);
     }
 }
 
@@ -108,6 +128,9 @@ void MuxaWorkers::BeginBlocking() {
 void MuxaWorkers::EndBlocking() {
     const std::lock_guard guard(lock_);
     --blocked_;
+    if (isWatched_) {
+        changed_.notify_all();
+    }
 }
 
 void MuxaWorkers::BeginWaiting() {

@@ -1,7 +1,10 @@
-// The threads of the messaging library: one epoll set and a few workers that wait on it. A socket
-// is watched for one event at a time and must be armed again, so that one worker handles it.
+// The threads of the messaging library: one epoll set and two workers that wait on it. A socket is
+// watched for one event at a time and must be armed again, so that one worker handles it. When the
+// workers are held up for a moment, further ones take over; when they are back, these stand by: a
+// flood of short requests is never handled by more threads than there are workers.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -31,8 +34,8 @@ public:
     void Rearm(int fd, uint32_t events, uint64_t token);
     void Forget(int fd);
 
-    // Bracket anything that may hold up the calling worker for long: while every worker is held
-    // up, one more is started, up to a limit.
+    // Bracket anything that may hold up the calling worker for long: when every worker has been
+    // held up for 10 ms, one more takes over, up to a limit.
     void BeginBlocking();
     void EndBlocking();
 
@@ -42,16 +45,22 @@ public:
     void EndWaiting();
 
 private:
-    void Run();
-    bool SpawnLocked();
+    void Run(bool isNeeded);
+    bool SpawnLocked(bool isNeeded);
     void RelieveLocked();
+    // Returns when this thread is to wait for events.
+    void StandBy(bool isNeeded);
+    bool IsAnyFreeLocked() const { return blocked_ < active_; }
 
     const Handler handler_;
     std::mutex lock_;  // guards the fields below; epoll_ is settled once Start has succeeded
     UniqueFd epoll_;
-    uint32_t total_ = 0;
-    uint32_t blocked_ = 0;
-    uint32_t waiting_ = 0;  // out of blocked_
+    std::condition_variable changed_;
+    uint32_t total_ = 0;      // threads
+    uint32_t active_ = 0;     // threads that do not stand by
+    uint32_t blocked_ = 0;    // out of active_
+    uint32_t waiting_ = 0;    // out of blocked_
+    bool isWatched_ = false;  // a thread that stands by is about to take over
 };
 
 }  // namespace PlatformHost

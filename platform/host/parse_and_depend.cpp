@@ -16,14 +16,22 @@ YamlFile ReadManifestFile(const std::string& path) {
     return ReadYamlFile(path, FileTrust::OWNER_ONLY);
 }
 
-// Loads the file and says in the log what is wrong with it.
+// Of one load. Whoever takes the lines may bound their number: warnings must not use it up.
+constexpr size_t WARNINGS_MAX = 4;
+
+// Loads the file and says in the log what is wrong with it, the error first.
 ManifestLoad LoadAndReport(const std::string& path) {
     ManifestLoad load = LoadManifests(path, ReadManifestFile);
-    for (const std::string& warning : load.warnings) {
-        WriteDiagnostic(LOG_WARNING, warning);
-    }
     if (!load.error.empty()) {
         WriteDiagnostic(LOG_ERR, load.error);
+    }
+    const size_t told = std::min(load.warnings.size(), WARNINGS_MAX);
+    for (size_t i = 0; i < told; ++i) {
+        WriteDiagnostic(LOG_WARNING, load.warnings[i]);
+    }
+    if (load.warnings.size() > told) {
+        WriteDiagnostic(LOG_WARNING, path + ": " + std::to_string(load.warnings.size() - told) +
+                                         " further warnings");
     }
     return load;
 }

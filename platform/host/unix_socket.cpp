@@ -10,21 +10,6 @@
 
 namespace PlatformHost {
 
-UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
-    if (this != &other) {
-        Reset();
-        fd_ = std::exchange(other.fd_, -1);
-    }
-    return *this;
-}
-
-void UniqueFd::Reset() {
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-    fd_ = -1;
-}
-
 int32_t BoundSocket::Bind(int type, const std::string& path, mode_t mode, gid_t gid) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -33,7 +18,7 @@ int32_t BoundSocket::Bind(int type, const std::string& path, mode_t mode, gid_t 
     }
     memcpy(address.sun_path, path.c_str(), path.size() + 1);
     UniqueFd fd(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd.Valid()) {
+    if (!fd.IsValid()) {
         return -errno;
     }
     if (unlink(path.c_str()) != 0 && errno != ENOENT) {
@@ -66,7 +51,7 @@ int32_t BoundSocket::SetUpFile(mode_t mode, gid_t gid) {
 }
 
 void BoundSocket::Close() {
-    if (!socket_.Valid()) {
+    if (!socket_.IsValid()) {
         return;
     }
     struct stat status {};

@@ -1,33 +1,16 @@
-// A descriptor that closes itself and a Unix socket bound to a path, for the messaging and the
-// heartbeat library of the host platform.
+// A Unix socket bound to a path, for the messaging and the heartbeat library of the host platform.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
 #include <string>
-#include <utility>
+
+#include "wire/unique_fd.h"
 
 namespace PlatformHost {
 
-// Owns one descriptor; -1 is none. Not thread-safe.
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept;
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    ~UniqueFd() { Reset(); }
-
-    int Get() const { return fd_; }
-    bool Valid() const { return fd_ >= 0; }
-    void Reset();
-
-private:
-    int fd_ = -1;
-};
+using Wire::UniqueFd;
 
 // A non-blocking Unix socket with a file of its own in the file system. Not thread-safe.
 class BoundSocket {

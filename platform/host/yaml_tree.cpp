@@ -227,14 +227,83 @@ void RefuseControlCharacters(std::string_view text) {
     }
 }
 
+void Parse(std::string text, TreeBuilder& builder) {
+    std::istringstream stream(std::move(text));
+    YAML::Parser parser(stream);
+    while (parser.HandleNextDocument(builder)) {
+    }
+}
+
+bool IsUnclosedQuote(const YAML::Exception& fault) {
+    return fault.msg == YAML::ErrorMsg::EOF_IN_SCALAR;
+}
+
+// yaml-cpp takes the end of the file for the end of a quoted text where it comes behind a quote or
+// a line break. A comment after it means nothing anywhere else, and is seen as missing the quote.
+void MarkEnd(std::string& text) {
+    const size_t last = text.find_last_not_of(" \t");
+    const char ending = last == std::string::npos ? '\n' : text[last];
+    if (ending == '\n' || ending == '\r') {
+        text.resize(last == std::string::npos ? 0 : last + 1);
+        text += '#';
+    } else if (ending == '"' || ending == '\'') {
+        text += "\n#";
+    }
+}
+
+constexpr std::string_view QUOTE_END = "<end of the file>";
+
+// Notes the line where the text with QUOTE_END at its end begins.
+class QuoteFinder : public TreeBuilder {
+public:
+    using TreeBuilder::TreeBuilder;
+    void OnScalar(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t anchor,
+                  const std::string& value) override {
+        if (std::string_view(value).ends_with(QUOTE_END)) {
+            line = LineOf(mark);
+        }
+        TreeBuilder::OnScalar(mark, tag, anchor, value);
+    }
+    uint32_t line = 0;
+};
+
+// The line where the quote opens that `text` lacks the end of. yaml-cpp only tells the place of
+// whole texts, so the text is given each possible end; a text that does not fit where it stands is
+// in the place of the error.
+uint32_t LineOfQuote(const std::string& text) {
+    for (const char quote : {'"', '\''}) {
+        YamlTree tree;
+        QuoteFinder finder(tree);
+        try {
+            Parse(text + std::string(QUOTE_END) + quote + "\n#", finder);
+        } catch (const TreeFault& fault) {
+            return finder.line != 0 ? finder.line : fault.line;
+        } catch (const YAML::Exception& fault) {
+            if (finder.line == 0 && IsUnclosedQuote(fault)) {
+                continue;
+            }
+            return finder.line != 0 ? finder.line : LineOf(fault.mark);
+        }
+        if (finder.line != 0) {
+            return finder.line;
+        }
+    }
+    return 1;
+}
+
 void Build(std::string text, TreeBuilder& builder) {
     if (text.size() > MAX_YAML_FILE) {
         throw TreeFault(1, "the document is too large");
     }
     RefuseControlCharacters(text);
-    std::istringstream stream(std::move(text));
-    YAML::Parser parser(stream);
-    while (parser.HandleNextDocument(builder)) {
+    MarkEnd(text);
+    try {
+        Parse(text, builder);
+    } catch (const YAML::Exception& fault) {
+        if (!IsUnclosedQuote(fault)) {
+            throw;
+        }
+        throw TreeFault(LineOfQuote(text), "the quote that opens here is never closed");
     }
 }
 

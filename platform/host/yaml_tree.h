@@ -67,14 +67,13 @@ std::optional<bool> ParseYamlBool(std::string_view text);
 // A file read whole, or why it was not.
 struct YamlFile {
     std::string text;
-    std::string realPath;  // tells whether two paths are the same file
+    std::string realPath;  // of OWNER_ONLY: tells whether two paths are the same file
     std::string error;     // empty on success
 };
 
 enum class FileTrust {
     ANY,
-    // Only a file of root (or of the user that this process runs as) that neither group nor
-    // others may write: its content decides what runs with our privileges.
+    // Only a file that Wire::OpenRootFile opens: its content decides what runs with our privileges.
     OWNER_ONLY,
 };
 

@@ -28,6 +28,7 @@ using Message::AppStateInfo;
 using Message::RequestMsg;
 using std::chrono::steady_clock;
 using testing::ElementsAre;
+using Wire::UniqueFd;
 
 constexpr const char* NAME = "owner";
 const std::string DIRECTORY = "/run/muxa/pipe/";
@@ -389,26 +390,50 @@ TEST_F(OwnerChannelTest, SetsDelayCoreAffinityAndTakesOnlyTheResultOfThatCall) {
     EXPECT_FALSE(result.get());
 }
 
+// The daemon's end of the heartbeats.
+class HeartbeatDaemon {
+public:
+    HeartbeatDaemon() { EXPECT_EQ(listen(listener_.Get(), 4), 0); }
+
+    bool Accept(std::chrono::milliseconds timeout = PATIENCE) {
+        const bool isThere = IsReadable(listener_.Get(), timeout);
+        peer_ = UniqueFd(isThere ? accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC) : -1);
+        return isThere;
+    }
+    void Refuse() { peer_.Reset(); }
+    std::string Receive() {
+        char name[64];
+        const ssize_t length =
+            IsReadable(peer_.Get()) ? recv(peer_.Get(), name, sizeof name, 0) : 0;
+        return {name, static_cast<size_t>(std::max<ssize_t>(length, 0))};
+    }
+
+private:
+    UniqueFd listener_ = Bind(SOCK_SEQPACKET, HEARTBEAT);
+    UniqueFd peer_;
+};
+
 TEST_F(OwnerChannelTest, BeatsUntilStopped) {
     OwnerChannel channel(NAME);
     EXPECT_FALSE(channel.StartHeartbeat(0ms));
     for (int round = 0; round < 2; ++round) {  // the second one is a restarted daemon
-        UniqueFd daemon = Bind(SOCK_DGRAM, HEARTBEAT);
+        HeartbeatDaemon daemon;
         ASSERT_TRUE(channel.StartHeartbeat(round == 0 ? 3600000ms : 10ms));
+        ASSERT_TRUE(daemon.Accept());
         for (int beat = 0; beat < 3; ++beat) {
-            ASSERT_TRUE(IsReadable(daemon.Get()));
-            char name[64];
-            const ssize_t length = recv(daemon.Get(), name, sizeof name, 0);
-            ASSERT_GT(length, 0);
-            EXPECT_EQ(std::string(name, static_cast<size_t>(length)), NAME);
+            EXPECT_EQ(daemon.Receive(), NAME);
             ASSERT_TRUE(channel.StartHeartbeat(10ms)) << "a new period takes effect at once";
         }
+        daemon.Refuse();
+        ASSERT_TRUE(daemon.Accept()) << "connects again after its connection was ended";
+        EXPECT_EQ(daemon.Receive(), NAME);
     }
     channel.StopHeartbeat();
-    const UniqueFd quiet = Bind(SOCK_DGRAM, HEARTBEAT);
-    EXPECT_FALSE(IsReadable(quiet.Get(), 50ms));
+    HeartbeatDaemon quiet;
+    EXPECT_FALSE(quiet.Accept(50ms));
     ASSERT_TRUE(channel.StartHeartbeat(std::chrono::hours(1)));
-    EXPECT_TRUE(IsReadable(quiet.Get())) << "the first beat is sent at once";
+    ASSERT_TRUE(quiet.Accept());
+    EXPECT_EQ(quiet.Receive(), NAME) << "the first beat is sent at once";
 }
 
 TEST_F(OwnerChannelTest, LeavesDescriptorsAndSignalsToTheService) {
@@ -419,7 +444,7 @@ TEST_F(OwnerChannelTest, LeavesDescriptorsAndSignalsToTheService) {
         OwnerChannel channel(NAME);
         ASSERT_TRUE(channel.Attach(PATIENCE));
         ASSERT_TRUE(channel.StartHeartbeat());
-        EXPECT_EQ(CountCloseOnExec(), before + 3);
+        EXPECT_EQ(CountCloseOnExec(), before + 2);
         // Blocked in this thread it is pending, unless one of the channel's takes it and dies.
         sigset_t signals;
         sigemptyset(&signals);

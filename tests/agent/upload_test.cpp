@@ -13,14 +13,15 @@
 #include <future>
 
 #include "agent/codec.h"
-#include "agent/unique_fd.h"
 #include "tests/support/private_run.h"
+#include "wire/unique_fd.h"
 
 namespace ProcMgr::Agent {
 namespace {
 
 using namespace std::chrono_literals;
 using Message::UploadResult;
+using Wire::UniqueFd;
 using Bytes = std::vector<uint8_t>;
 using Answered = std::optional<Message::UploadResponse>;
 

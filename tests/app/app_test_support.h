@@ -9,8 +9,10 @@
 #include <cstdint>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "app/process_launcher.h"
 #include "platform/host/manifest_data.h"
 #include "platform/manifest.h"
 
@@ -27,6 +29,13 @@ inline ManifestData SomeService() {
     data.bin = "/bin/true";
     data.coreAffinity = {0};  // the machine need not have the default ones
     return data;
+}
+
+// Both stages of a start.
+template <typename App>
+bool StartNow(App& app, ProcessLauncher& launcher) {
+    std::optional<LaunchPlan> plan = launcher.Prepare(app);
+    return plan && app.StartProcess(launcher, *plan);
 }
 
 // A forked child that waits for a signal; killed and reaped at the end.

@@ -12,6 +12,7 @@
 
 #include "app/process_launcher.h"
 #include "main/signals.h"
+#include "resource/cgroup_mgr.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/fake_access_manager.h"
 #include "tests/fakes/fake_sys.h"
@@ -104,7 +105,7 @@ protected:
 };
 
 TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
-    const std::vector<std::string> start = {"getpid", "getrlimit " + RTPRIO,
+    const std::vector<std::string> start = {"setsid", "getpid", "getrlimit " + RTPRIO,
                                             "prlimit " + RTPRIO + " 99 99",
                                             "sched_setscheduler 4711 1 50"};
     const std::vector<std::string> general = {"nice -5",
@@ -150,6 +151,24 @@ TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
         FakeAccessManager::Get().PushInit(1, EACCES);
         EXPECT_EQ(Run(FullPlan(kind)), EXECUTED);
         EXPECT_THAT(FakeSys::Get().StepCalls(), ElementsAreArray(calls));
+    }
+}
+
+TEST_F(ChildSetupTest, ADelayedApplicationHasItsOwnCoresOnlyWhenABindCameMeanwhile) {
+    LaunchPlan plan = FullPlan(AppKind::BASE);
+    plan.isDelayed = true;
+    for (const size_t binds : {0U, 1U}) {
+        FakeSys::Get().Reset();
+        FakeAccessManager::Get().SetHook([binds](const AppConfig& /*config*/) {
+            if (binds > 0) {
+                BindCount::GetInstance().Raise();
+            }
+        });
+        EXPECT_EQ(Run(plan), EXECUTED);
+        EXPECT_EQ(CountCalls("sched_setaffinity 4711 "), 1 + binds);
+        const auto calls = FakeSys::Get().StepCalls();
+        EXPECT_EQ(calls.at(calls.size() - 2),
+                  "sched_setaffinity 4711 " + std::to_string(binds > 0 ? 1 : CPU_NUM));
     }
 }
 
@@ -254,10 +273,10 @@ TEST_F(ChildSetupTest, ExecFailureReplacesTheTextAndDecidesTheExitCode) {
 TEST_F(ChildSetupTest, AForkThatFailsLeavesNoProcess) {
     FakeSys::Get().SetFork(-1, EAGAIN);
     BaseAppInfo base(Manifest(SomeService()));
-    EXPECT_FALSE(base.StartProcess(launcher_));
+    EXPECT_FALSE(StartNow(base, launcher_));
     EXPECT_EQ(base.state_, INITSTATE);
     GeneralAppInfo general("svc", Manifest(SomeService()), "EM");
-    EXPECT_FALSE(general.StartProcess(launcher_));
+    EXPECT_FALSE(StartNow(general, launcher_));
     EXPECT_EQ(
         LogCapture::Lines(),
         (std::vector<LogLine>{{3, "PROCMGR : Start baseApp svc failed errno=11"},
@@ -268,7 +287,8 @@ TEST_F(ChildSetupTest, AForkThatFailsLeavesNoProcess) {
     general.state_ = RESTARTING;
     general.killSent_ = true;
     general.SetExitStatus(SIGKILL);
-    EXPECT_EQ(general.CheckState(SteadyTime{}, launcher_), TERMINATED);
+    EXPECT_TRUE(general.IsRestartDue());
+    EXPECT_EQ(general.FinishRestart(StartNow(general, launcher_)), TERMINATED);
     EXPECT_EQ(general.reportType_, TERMINATED_ABNORMAL_EXIT);
     EXPECT_FALSE(general.restartStarted_);
     EXPECT_TRUE(LogCapture::Contains(6, "PROCMGR : RESTARTING to TERMINATED appName=svc, pid=12"));
@@ -279,7 +299,7 @@ TEST_F(ChildSetupTest, AnExceptionEndsTheChild) {
     FakeSys::Get().SetFork(0);
     FakeAccessManager::Get().SetHook([](const AppConfig&) { throw std::bad_alloc(); });
     BaseAppInfo app(Manifest(SomeService()));
-    EXPECT_THROW(app.StartProcess(launcher_), Fakes::ChildExited);
+    EXPECT_THROW(StartNow(app, launcher_), Fakes::ChildExited);
     EXPECT_EQ(CountCalls("execv"), 0U);
 }
 
@@ -292,7 +312,7 @@ TEST_F(ChildSetupTest, AForkedChildGetsWhatItsRecordSays) {
     data.setRtType = "SCHED_RR";
     data.heartbeat = true;
     GeneralAppInfo app("svc", Manifest(data), "vintor");
-    EXPECT_THROW(app.StartProcess(launcher_), Fakes::ChildExecuted);
+    EXPECT_THROW(StartNow(app, launcher_), Fakes::ChildExecuted);
     const auto calls = FakeSys::Get().StepCalls();
     for (const char* call : {"sched_setscheduler 4711 2 50", "setenv PROC_PLANE=PLANE_DATA",
                              "setenv OWNER_NAME=vintor", "setenv GRP_HB=1",

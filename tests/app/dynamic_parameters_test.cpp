@@ -61,23 +61,21 @@ TEST_F(DynamicParameters, Refusals) {
     const std::string path = "PROCMGR : dynamic execPath ";
     const std::string env = "PROCMGR : dynamic env ";
     const struct {
-        bool (GeneralAppInfo::*update)(const Values&);
+        bool (AppSpec::*update)(const Values&);
         Values values;
         std::string line;
     } cases[] = {
-        {&GeneralAppInfo::UpdateExecvPath, {}, path + "vector size invalid, 0"},
-        {&GeneralAppInfo::UpdateExecvPath, {""}, path + "invalid, is empty"},
-        {&GeneralAppInfo::UpdateExecvPath,
+        {&AppSpec::UpdateExecvPath, {}, path + "vector size invalid, 0"},
+        {&AppSpec::UpdateExecvPath, {""}, path + "invalid, is empty"},
+        {&AppSpec::UpdateExecvPath,
          {"/opt/a/b"},
          path + "invalid, pattern=match(/opt/[a-z]+), execPath=/opt/a/b"},
-        {&GeneralAppInfo::UpdateVfId,
+        {&AppSpec::UpdateVfId,
          {"x"},
          "PROCMGR : dynamic vfid invalid, pattern=match([0-9a]*), vfid=x"},
-        {&GeneralAppInfo::UpdateEnv, {"=x"}, env + "invalid, =x"},
-        {&GeneralAppInfo::UpdateEnv,
-         {"FIXED=2"},
-         env + "value invalid, key=FIXED, pattern=1, env=2"},
-        {&GeneralAppInfo::UpdateEnv,
+        {&AppSpec::UpdateEnv, {"=x"}, env + "invalid, =x"},
+        {&AppSpec::UpdateEnv, {"FIXED=2"}, env + "value invalid, key=FIXED, pattern=1, env=2"},
+        {&AppSpec::UpdateEnv,
          {"LEVEL=123"},
          env + "value invalid, key=LEVEL, pattern=match([0-9]{1,2}), env=123"},
     };

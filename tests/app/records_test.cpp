@@ -44,7 +44,7 @@ ManifestData FullManifest() {
 }
 
 // What a record takes over from its manifest, and again from a later one.
-auto Taken(const GeneralAppInfo& app) {
+auto Taken(const AppSpec& app) {
     return std::tie(app.uid_, app.gid_, app.coreAffinity_, app.resGroupName_, app.execPath_,
                     app.arguments_, app.envs_, app.termTimeout_, app.securityCon_, app.cpuset_,
                     app.vfId_, app.blkioGroupName_, app.cgroupPath_, app.nice_, app.forceTerm_,
@@ -68,13 +68,21 @@ TEST(Records, TakeTheirManifestAndAgainALaterOne) {
     app.state_ = RUNNING;
 
     const ManifestData after = FullManifest();
-    app.Refresh(Manifest(after), "new");
+    app.Refresh(Manifest(after));
+    EXPECT_TRUE(Taken(app) == Taken(before)) << "the process runs by what it was started by";
+    app.BeginTermination(SteadyTime{});
+    EXPECT_EQ(app.termTimeout_, after.termTimeoutMs);
+    EXPECT_EQ(app.forceTerm_, after.forceTerm);
+    const auto next = app.MakeStart({}, {});
+    ASSERT_TRUE(next);
+    app.TakeSpec(*next);
     EXPECT_TRUE(Taken(app) == Taken(after));
-    EXPECT_EQ(app.appName_, "new");
     EXPECT_FALSE(app.rtEnable_) << "the real-time settings are worked out anew";
     EXPECT_EQ(app.schedPolicy_, SchedPolicyType::NOT_SET);
-    EXPECT_EQ(app.restartPolicy_, before.restart) << "only the first one decides";
-    EXPECT_EQ(app.startupPriority_, before.startupPriority);
+    EXPECT_EQ(app.restartPolicy_, after.restart);
+    EXPECT_EQ(app.startupPriority_, after.startupPriority);
+    EXPECT_EQ(app.nodeType_, after.nodeType);
+    EXPECT_EQ(app.isDelayCoreAffinity_, after.delayCoreAffinity);
     EXPECT_EQ(app.owner_, "zornmgr");
     EXPECT_EQ(app.pid_, 99);
     EXPECT_EQ(app.state_, RUNNING);

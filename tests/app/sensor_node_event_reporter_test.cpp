@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "resource/device_worker.h"
 #include "tests/fakes/fake_device.h"
 #include "tests/fakes/log_capture.h"
 #include "tests/main/isolated.h"
@@ -39,6 +40,7 @@ template <typename Action>
 Strings CallsOf(Action action) {
     const size_t before = FakeDevice::Get().Calls().size();
     action();
+    DeviceWorker().Drain(SteadyTime::max());
     const Strings calls = FakeDevice::Get().Calls();
     return {calls.begin() + static_cast<std::ptrdiff_t>(before), calls.end()};
 }
@@ -139,6 +141,9 @@ TEST_F(SensorNode, StandingFaults) {
          {"0 0xd0", "0 0x0"}},
         {"the one that is left shows again",
          {{'+', "a", 208}, {'+', "b", 39}, {'-', "b", 39}},
+         {"0 0xd0", "0 0x27", "0 0xd0"}},
+        {"the one that is raised again is the last",
+         {{'+', "a", 208}, {'+', "b", 39}, {'+', "a", 208}},
          {"0 0xd0", "0 0x27", "0 0xd0"}},
         {"nothing to withdraw",
          {{'-', "a", 208}, {'+', "a", 208}, {'-', "a", 39}, {'-', "b", 208}},

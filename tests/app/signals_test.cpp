@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
+#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
@@ -82,6 +84,22 @@ TEST_F(AppSignalsTest, AProcessOfAnotherNameIsNotTheTaskScheduler) {
     TermRqdSubProc("RqDaemon", getpid());
     EXPECT_TRUE(LogCapture::Contains(3, "PROCMGR : TermRqdSubProc failed: appName RqDaemon's pid=" +
                                             std::to_string(getpid()) + " is invalid"));
+}
+
+TEST_F(AppSignalsTest, WithoutAListOfProcessesTheSearchHasNoEnd) {
+    const int status = RunIsolated([] {
+        // Readable by path, but not as a directory.
+        MountTmpfs("/proc");
+        ASSERT_EQ(mkdir("/proc/7", 0755), 0);
+        std::ofstream("/proc/7/status") << "Name:\trqdaemon\n";
+        ASSERT_EQ(chmod("/proc", 0711), 0);
+        ASSERT_EQ(setresuid(1000, 1000, 1000), 0);
+        TermRqdSubProc("RqDaemon", 7);
+        ASSERT_EQ(LogCapture::Lines().size(), 2U);
+        EXPECT_EQ(LogCapture::Lines().back(),
+                  (LogLine{3, "PROCMGR: TermRqdSubProc open /proc/ fail"}));
+    });
+    EXPECT_EQ(status, 0);
 }
 
 enum Role { DAEMON, WORKER, OTHER_NAME, FATHER, STRANGER, ORPHAN };

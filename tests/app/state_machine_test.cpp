@@ -123,7 +123,7 @@ TEST_F(StateMachineTest, Rows) {
             GeneralAppInfo app("svc", Manifest(SomeService()), "EM");
             app.restartStarted_ = row.isNewProcess;
             Prepare(app, row);
-            ExpectRow(app, app.CheckState(START, launcher_), row);
+            ExpectRow(app, app.CheckState(START), row);
         }
     }
 }
@@ -148,7 +148,7 @@ TEST_F(StateMachineTest, OnlyAZornmgrJobMayExitNormally) {
         app.state_ = RUNNING;
         app.SetExitStatus(test.status);
         LogCapture::Clear();
-        EXPECT_EQ(app.CheckState(START, launcher_), TERMINATED);
+        EXPECT_EQ(app.CheckState(START), TERMINATED);
         EXPECT_EQ(app.reportType_, test.isNormal ? TERMINATED_NORMAL_EXIT : ABNORMAL)
             << test.policy << test.owner << test.status;
         EXPECT_EQ(app.exitedWith125_, test.status == 125 << 8);
@@ -162,14 +162,14 @@ TEST_F(StateMachineTest, ATerminateThatTimesOutKillsExactlyOnce) {
     const std::string id = std::to_string(child.Pid());
     GeneralAppInfo app = Ending(child.Pid(), TERMINATING, 20, true);
     for (const auto elapsed : {nanoseconds(0), nanoseconds(19'999'999)}) {
-        EXPECT_EQ(app.CheckState(START + elapsed, launcher_), TERMINATING);
+        EXPECT_EQ(app.CheckState(START + elapsed), TERMINATING);
         EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
         EXPECT_FALSE(app.killSent_);
     }
     EXPECT_TRUE(LogCapture::Lines().empty());
     EXPECT_TRUE(child.IsUntouched());
     for (const int elapsed : {20, 21, 500}) {
-        EXPECT_EQ(app.CheckState(START + milliseconds(elapsed), launcher_), TERMINATING);
+        EXPECT_EQ(app.CheckState(START + milliseconds(elapsed)), TERMINATING);
         EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
         EXPECT_TRUE(app.killSent_);
     }
@@ -182,7 +182,7 @@ TEST_F(StateMachineTest, ATerminateThatTimesOutKillsExactlyOnce) {
     EXPECT_EQ(LogCapture::Lines(), lines);
     app.SetExitStatus(child.Reap());
     LogCapture::Clear();
-    EXPECT_EQ(app.CheckState(START + nanoseconds(507'999'999), launcher_), TERMINATED);
+    EXPECT_EQ(app.CheckState(START + nanoseconds(507'999'999)), TERMINATED);
     EXPECT_EQ(app.reportType_, TERMINATED_NORMAL_EXIT);
     EXPECT_FALSE(app.killSent_);
     const std::vector<LogLine> end = {
@@ -195,7 +195,7 @@ TEST_F(StateMachineTest, ATerminateThatTimesOutKillsExactlyOnce) {
 TEST_F(StateMachineTest, ATerminateWithoutForceGivesUp) {
     WaitingChild child;
     GeneralAppInfo app = Ending(child.Pid(), TERMINATING, 0, false);
-    EXPECT_EQ(app.CheckState(START, launcher_), RUNNING);
+    EXPECT_EQ(app.CheckState(START), RUNNING);
     EXPECT_EQ(app.reportType_, RUNNING_ABNORMAL_TERM_TIMEOUT);
     EXPECT_FALSE(app.killSent_);
     EXPECT_EQ(
@@ -212,7 +212,7 @@ TEST_F(StateMachineTest, ARestartKillsWhateverForceTermSaysAndStartsAgain) {
     GeneralAppInfo app = Ending(oldPid, RESTARTING, 20, false);
     app.savedForceTerm_ = true;
     for (const int elapsed : {20, 40}) {
-        EXPECT_EQ(app.CheckState(START + milliseconds(elapsed), launcher_), RESTARTING);
+        EXPECT_EQ(app.CheckState(START + milliseconds(elapsed)), RESTARTING);
         EXPECT_TRUE(app.killSent_);
         EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
     }
@@ -222,8 +222,11 @@ TEST_F(StateMachineTest, ARestartKillsWhateverForceTermSaysAndStartsAgain) {
     app.SetExitStatus(child.Reap());
 
     const SteadyTime before = std::chrono::steady_clock::now();
-    EXPECT_EQ(app.CheckState(START + milliseconds(50), launcher_), RESTARTING);
+    EXPECT_EQ(app.CheckState(START + milliseconds(50)), RESTARTING);
     EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
+    EXPECT_TRUE(app.IsRestartDue());
+    EXPECT_EQ(app.FinishRestart(StartNow(app, launcher_)), RESTARTING);
+    EXPECT_FALSE(app.IsRestartDue());
     EXPECT_FALSE(app.killSent_);
     EXPECT_TRUE(app.restartStarted_);
     EXPECT_TRUE(app.forceTerm_);
@@ -232,7 +235,7 @@ TEST_F(StateMachineTest, ARestartKillsWhateverForceTermSaysAndStartsAgain) {
     ASSERT_GT(app.pid_, 0);
     EXPECT_NE(app.pid_, oldPid);
 
-    EXPECT_EQ(app.CheckState(START + milliseconds(60), launcher_), RUNNING);
+    EXPECT_EQ(app.CheckState(START + milliseconds(60)), RUNNING);
     EXPECT_EQ(app.reportType_, RUNNING_NORMAL_RESTART);
     EXPECT_EQ(waitpid(app.pid_, nullptr, 0), app.pid_);
 }

@@ -108,6 +108,7 @@ protected:
     pid_t Start(const ManifestData& data) {
         App::BaseAppInfo record = Record(data);
         EXPECT_TRUE(services_.Start(record));
+        EXPECT_TRUE(services_.Announce(record));
         return record.pid_;
     }
     // Waits until the reaper has stored the exit of the service.
@@ -161,7 +162,8 @@ protected:
     ReportedState reportedState_;
     CheckRequests checks_;
     OwnerPipes pipes_{[](int32_t, const MuxaRequest*, const std::string&) {}};
-    OwnerReports reports_{pipes_};
+    ReportSender sender_{pipes_, {}};
+    OwnerReports reports_{pipes_, sender_};
     BaseServices services_{launcher_, reportedState_, checks_, pipes_, reports_};
     BootCommandLine commandLine_;
     BaseStartup startup_{services_, reportedState_, commandLine_,
@@ -193,7 +195,7 @@ private:
             loop.thread.join();
         }
     }
-    // Those not reaped, by the log's word. Call it when the reaper has ended.
+    // The processes that were not reaped, as the log tells. Call it when the reaper has ended.
     std::vector<pid_t> StartedPids() const {
         std::vector<pid_t> pids;
         for (const auto& [level, text] : Fakes::LogCapture::Lines()) {

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <future>
 #include <string>
 #include <vector>
 
@@ -29,7 +28,10 @@ protected:
     }
     void TearDown() override { FakeMuxa::Get().Reset(); }
 
-    OwnerPipes pipes_{[](int32_t, const MuxaRequest*, const std::string&) {}};
+    std::vector<std::string> opened_;
+    OwnerPipes pipes_{
+        [](int32_t, const MuxaRequest*, const std::string&) {},
+        {.onOpen = [this](const std::string& owner) { opened_.push_back(owner); }, .onBusy = {}}};
 };
 
 TEST_F(OwnerPipesTest, OpeningIsTriedOnceMoreOnly) {
@@ -45,7 +47,7 @@ TEST_F(OwnerPipesTest, OpeningIsTriedOnceMoreOnly) {
             FakeMuxa::Get().Push(Call::OPEN, result);
         }
         FakeMuxa::Get().SetHook(Call::OPEN, [](int32_t) { errno = ENFILE; });
-        EXPECT_EQ(pipes_.RegServiceCallBack("owner", 0), fd > 0);
+        EXPECT_EQ(pipes_.RegServiceCallBack("owner", 33, 44), fd > 0);
         EXPECT_EQ(pipes_.GetServiceFd("owner"), fd);
         EXPECT_EQ(FakeMuxa::Get().Count(Call::OPEN), attempts);
         EXPECT_EQ(
@@ -57,74 +59,75 @@ TEST_F(OwnerPipesTest, OpeningIsTriedOnceMoreOnly) {
 }
 
 TEST_F(OwnerPipesTest, RegisteringAgainClosesTheEarlierPipeFirst) {
-    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 0));
+    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 33, 44));
     const int first = pipes_.GetServiceFd("owner");
     std::vector<std::string> order;
     FakeMuxa::Get().SetHook(Call::OPEN, [&](int32_t) { order.emplace_back("open"); });
     FakeMuxa::Get().SetHook(Call::CLOSE,
                             [&](int32_t fd) { order.push_back("close " + std::to_string(fd)); });
 
-    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 0));
+    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 33, 44));
     EXPECT_EQ(order, (std::vector<std::string>{"close " + std::to_string(first), "open"}));
     const int second = pipes_.GetServiceFd("owner");
     EXPECT_EQ(FakeMuxa::Get().OpenFds(), std::vector<int32_t>{second});
 
     FakeMuxa::Get().Push(Call::OPEN, -98);
-    EXPECT_FALSE(pipes_.RegServiceCallBack("owner", 0));
+    EXPECT_FALSE(pipes_.RegServiceCallBack("owner", 33, 44));
     EXPECT_EQ(pipes_.GetServiceFd("owner"), -1);
     EXPECT_TRUE(FakeMuxa::Get().OpenFds().empty());
 }
 
-TEST_F(OwnerPipesTest, UnregisteringWaitsForABusyPipe) {
+TEST_F(OwnerPipesTest, ABusyPipeIsClosedLaterAndItsSuccessorOpenedThen) {
     const struct {
         int busy;
         int32_t last;
-        size_t attempts;
         const char* line;
     } cases[] = {
-        {19, 0, 20, "PROCMGR : Master UnRegServiceCallBack success proName: owner fd: "},
-        {1, -9, 2,
-         "PROCMGR : Master UnRegServiceCallBack failed: MuxaClosePipe failed err code: -9"},
+        {19, 0, "PROCMGR : Master UnRegServiceCallBack success proName: owner fd: "},
+        {20, 0, "PROCMGR : Master UnRegServiceCallBack failed: MuxaClosePipe failed err code: -16"},
+        {1, -9, "PROCMGR : Master UnRegServiceCallBack failed: MuxaClosePipe failed err code: -9"},
     };
-    for (const auto& [busy, last, attempts, line] : cases) {
+    for (const auto& [busy, last, line] : cases) {
         FakeMuxa::Get().Reset();
         LogCapture::Clear();
-        ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 0));
+        opened_.clear();
+        ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 33, 44));
         const int fd = pipes_.GetServiceFd("owner");
         FakeMuxa::Get().Push(Call::CLOSE, -16, busy);
         FakeMuxa::Get().Push(Call::CLOSE, last);
+        ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 33, 55));
+        EXPECT_EQ(pipes_.GetServiceFd("owner"), -1) << "the name is still taken";
+        int attempts = 1;
+        for (auto due = pipes_.NextClose(); due; due = pipes_.NextClose()) {
+            pipes_.CloseBusy(*due - 1ms);
+            pipes_.CloseBusy(*due);
+            ++attempts;
+        }
+        EXPECT_EQ(FakeMuxa::Get().Closes(), std::vector<int32_t>(busy + 1, fd));
+        EXPECT_EQ(attempts, busy + 1);
+        EXPECT_TRUE(LogCapture::ContainsPart(busy == 19 ? LOG_INFO : LOG_ERR, line)) << line;
+        EXPECT_EQ(FakeMuxa::Get().Opens().back().attributes.pid, 55);
+        EXPECT_EQ(opened_, (std::vector<std::string>{"owner", "owner"}));
         pipes_.UnRegServiceCallBack("owner");
-        EXPECT_EQ(FakeMuxa::Get().Closes(), std::vector<int32_t>(attempts, fd));
-        EXPECT_EQ(pipes_.GetServiceFd("owner"), -1);
-        EXPECT_TRUE(LogCapture::ContainsPart(last < 0 ? LOG_ERR : LOG_INFO, line)) << line;
     }
 }
 
-TEST_F(OwnerPipesTest, APipeThatStaysBusyServesTheNextProcessOrIsClosedLater) {
-    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 0));
-    const int fd = pipes_.GetServiceFd("owner");
-    FakeMuxa::Get().Push(Call::CLOSE, -16, 20 + 1);
+TEST_F(OwnerPipesTest, ASuccessorThatIsGoneAgainIsNotOpened) {
+    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 33, 44));
+    FakeMuxa::Get().Push(Call::CLOSE, -16);
+    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 33, 55));
     pipes_.UnRegServiceCallBack("owner");
-    EXPECT_EQ(pipes_.GetServiceFd("owner"), -1);
-    EXPECT_TRUE(pipes_.RegServiceCallBack("owner", 0)) << "the name is still taken, by itself";
-    EXPECT_EQ(pipes_.GetServiceFd("owner"), fd);
+    pipes_.CloseBusy(SteadyTime::max());
     EXPECT_EQ(FakeMuxa::Get().Opens().size(), 1U);
-
-    FakeMuxa::Get().Push(Call::CLOSE, -16, 20 + 10 + 1);
-    pipes_.UnRegServiceCallBack("owner");
-    EXPECT_EQ(FakeMuxa::Get().OpenFds().size(), 1U);
-    pipes_.CloseAll();
-    EXPECT_TRUE(FakeMuxa::Get().OpenFds().empty()) << "its handler may run on";
+    EXPECT_TRUE(FakeMuxa::Get().OpenFds().empty());
 }
 
-TEST_F(OwnerPipesTest, SendersWaitWhileAPipeIsBeingOpened) {
-    std::future<int> lookup;
-    FakeMuxa::Get().SetHook(Call::OPEN, [&](int32_t) {
-        lookup = std::async(std::launch::async, [this] { return pipes_.GetServiceFd("owner"); });
-        EXPECT_EQ(lookup.wait_for(50ms), std::future_status::timeout);
-    });
-    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 0));
-    EXPECT_EQ(lookup.get(), FakeMuxa::Get().FdOf("owner"));
+TEST_F(OwnerPipesTest, TheEndWaitsForBusyPipesNoLongerThanItMay) {
+    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 33, 44));
+    FakeMuxa::Get().SetDefault(Call::CLOSE, -16);
+    EXPECT_FALSE(pipes_.CloseAll(std::chrono::steady_clock::now() + 20ms));
+    EXPECT_TRUE(LogCapture::Contains(
+        LOG_ERR, "PROCMGR : a request of owner=owner is still being handled, it is left"));
 }
 
 }  // namespace

@@ -1,9 +1,15 @@
 #include "channel/owner_reports.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <functional>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "channel/owner_pipes.h"
@@ -25,11 +31,22 @@ protected:
         FakeMuxa::Get().Reset();
         setenv("PROC_NAME", "PROCMGR", 1);
         for (const char* owner : {"zornmgr", "owner"}) {
-            ASSERT_TRUE(pipes_.RegServiceCallBack(owner, 0));
+            ASSERT_TRUE(pipes_.RegServiceCallBack(owner, 0, 0));
         }
         LogCapture::Clear();
     }
     void TearDown() override { FakeMuxa::Get().Reset(); }
+
+    static bool WaitUntil(const std::function<bool()>& condition) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!condition() && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+        return condition();
+    }
+    static bool WaitForRecords(size_t count) {
+        return WaitUntil([=] { return Delivered().size() >= count; });
+    }
 
     // Type and payload of each delivered record, as "type:payload".
     static std::vector<std::string> Delivered() {
@@ -46,7 +63,9 @@ protected:
     }
 
     OwnerPipes pipes_{[](int32_t, const MuxaRequest*, const std::string&) {}};
-    OwnerReports reports_{pipes_};
+    std::vector<Message::AppStateInfo> present_;
+    ReportSender sender_{pipes_, [this](const std::string&) { return std::optional(present_); }};
+    OwnerReports reports_{pipes_, sender_};
 };
 
 TEST_F(OwnerReportsTest, EveryFailureIsNamed) {
@@ -56,7 +75,8 @@ TEST_F(OwnerReportsTest, EveryFailureIsNamed) {
     EXPECT_TRUE(reports_.ReportAppState({}, "nobody")) << "nothing to report";
     EXPECT_FALSE(reports_.ReportAppState({{"app", 1, 2, 0, 0}}, "nobody"));
     EXPECT_FALSE(reports_.ReportAppState({{std::string(3960, 'x'), 1, 2, 0, 0}}, "owner"));
-    EXPECT_FALSE(reports_.ReportAppState({{"app", 1, 2, 0, 0}}, "owner"));
+    EXPECT_TRUE(reports_.ReportAppState({{"app", 1, 2, 0, 0}}, "owner")) << "queued";
+    sender_.Flush();
     for (const std::string& line :
          {failed + "invalid fd, owner=nobody", failed + "PackAppStateRequest failed, owner=owner",
           "PROCMGR : Master SendRequestMsg failed, err code=-32, fd=" + fd,
@@ -66,18 +86,90 @@ TEST_F(OwnerReportsTest, EveryFailureIsNamed) {
     EXPECT_FALSE(LogCapture::ContainsPart(LOG_INFO, "PM report appState"));
 }
 
-TEST_F(OwnerReportsTest, APeerThatDoesNotReadIsWaitedForOnce) {
-    const std::vector<RequestMsg> record(1);
+// The report thread, for the time of a test.
+class ReportThread {
+public:
+    ReportThread(ReportSender& sender, OwnerPipes& pipes)
+        : sender_(sender), thread_([&] { sender.Run(pipes); }) {}
+    ~ReportThread() {
+        sender_.Stop();
+        thread_.join();
+    }
+
+private:
+    ReportSender& sender_;
+    std::thread thread_;
+};
+
+TEST_F(OwnerReportsTest, WhatAPipeDoesNotTakeIsSentInOrderLater) {
+    const ReportThread thread(sender_, pipes_);
+    FakeMuxa::Get().Push(Call::SEND, -11, 20);
+    reports_.ReportAppState({{"a", 1, 0, 0, 0}}, "owner");
+    sender_.Flush();
+    reports_.ReportAppState({{"b", 2, 0, 4, 0}}, "owner");
+    reports_.ReportAppDetailStatus({{"c", 1}}, "owner");
+    sender_.Flush();
+    ASSERT_TRUE(WaitForRecords(3));
+    EXPECT_THAT(Delivered(), testing::ElementsAre("4:1#a#1#0#0#0#", "4:1#b#2#0#4#0#",
+                                                  testing::StartsWith("10:")));
+}
+
+TEST_F(OwnerReportsTest, AnOwnerThatHasMissedSomethingIsToldAllStates) {
+    const ReportThread thread(sender_, pipes_);
+    present_ = {{"here", 7, 0, 0, 0}};
     FakeMuxa::Get().SetDefault(Call::SEND, -11);
-    EXPECT_FALSE(reports_.SendRequestMsg(7, record));
-    const size_t patient = FakeMuxa::Get().Count(Call::SEND);
-    EXPECT_FALSE(reports_.SendRequestMsg(7, record));
-    EXPECT_EQ(FakeMuxa::Get().Count(Call::SEND), patient + 1) << "it holds up nobody any more";
-    FakeMuxa::Get().Push(Call::SEND, 0);
-    EXPECT_TRUE(reports_.SendRequestMsg(7, record));
-    FakeMuxa::Get().Push(Call::SEND, -11);
-    FakeMuxa::Get().Push(Call::SEND, 0);
-    EXPECT_TRUE(reports_.SendRequestMsg(7, record)) << "one that reads again is waited for again";
+    // More than a queue holds; the last states of "gone" and "here" are among what is dropped.
+    for (int i = 0; i < 3000; ++i) {
+        reports_.ReportAppState({{"gone", 1, 0, 0, 0}, {"here", 6, 0, 0, 0}}, "owner");
+    }
+    reports_.ReportAppState({{"gone", 1, 0, 4, 0}}, "owner");
+    for (int i = 0; i < 3000; ++i) {
+        reports_.ReportAppState({{"x", 1, 0, 0, 0}, {"y", 1, 0, 0, 0}}, "owner");
+    }
+    sender_.Flush();
+    EXPECT_TRUE(
+        LogCapture::ContainsPart(LOG_ERR, "PROCMGR : owner=owner does not take its reports"));
+    // The picture's turn comes, and then more is missed.
+    ASSERT_TRUE(WaitUntil([] { return FakeMuxa::Get().Count(Call::SEND) >= 2; }));
+    reports_.ReportAppState({{"late", 1, 0, 4, 0}}, "owner");
+    for (int i = 0; i < 3000; ++i) {
+        reports_.ReportAppState({{"x", 1, 0, 0, 0}, {"y", 1, 0, 0, 0}}, "owner");
+    }
+    FakeMuxa::Get().SetDefault(Call::SEND, 0);
+    ASSERT_TRUE(WaitForRecords(1));
+    // The first record goes out alone, the picture follows.
+    std::string all;
+    EXPECT_TRUE(WaitUntil([&] {
+        all.clear();
+        for (const std::string& record : Delivered()) {
+            all += record;
+        }
+        return all.find("here#7#0#0#0#") != std::string::npos &&
+               all.find("gone#1#0#4#0#") != std::string::npos &&
+               all.find("late#1#0#4#0#") != std::string::npos;
+    })) << all.substr(0, 500);
+}
+
+TEST_F(OwnerReportsTest, AReportThatFailsForGoodIsMadeUpForByThePicture) {
+    const ReportThread thread(sender_, pipes_);
+    FakeMuxa::Get().Push(Call::SEND, -11, 401);
+    reports_.ReportAppState({{"gone", 1, 0, 4, 0}}, "owner");
+    sender_.Flush();
+    reports_.ReportAppState({{"next", 2, 0, 0, 0}}, "owner");
+    sender_.Flush();
+    ASSERT_TRUE(WaitForRecords(2));
+    EXPECT_TRUE(LogCapture::ContainsPart(LOG_ERR, "SendRequestMsg failed, err code=-11"));
+    EXPECT_EQ(Delivered(), (std::vector<std::string>{"4:1#next#2#0#0#0#", "4:1#gone#1#0#4#0#"}));
+}
+
+TEST_F(OwnerReportsTest, AnOwnerWhosePipeWasClosedIsToldWhenItIsOpenAgain) {
+    pipes_.UnRegServiceCallBack("owner");
+    EXPECT_FALSE(reports_.ReportAppState({{"app", 1, 0, 4, 0}}, "owner"));
+    sender_.Flush();
+    EXPECT_TRUE(Delivered().empty());
+    ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 0, 0));
+    sender_.Retry("owner");
+    EXPECT_EQ(Delivered(), std::vector<std::string>{"4:1#app#1#0#4#0#"});
 }
 
 TEST_F(OwnerReportsTest, TheAccessManagerHearsOfAllButItself) {
@@ -87,6 +179,7 @@ TEST_F(OwnerReportsTest, TheAccessManagerHearsOfAllButItself) {
     App::BaseAppInfo app(ApplicationManifest(std::make_shared<const ManifestData>(data)));
     app.pid_ = 77;
     reports_.ReportAppStateToZorn(app, TERMINATED_ABNORMAL_EXIT, 1);
+    sender_.Flush();
     EXPECT_EQ(Delivered(), std::vector<std::string>{"4:1#svc#77#33#4#1#"});
     EXPECT_EQ(FakeMuxa::Get().Sends()[0].fd, pipes_.GetServiceFd("zornmgr"));
     EXPECT_TRUE(

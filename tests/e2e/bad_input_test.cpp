@@ -74,6 +74,14 @@ INSTANTIATE_TEST_SUITE_P(
         UnusableFile{"BrokenYaml",
                      "services:\n  - {name: a, bin: /bin/true}\n  - {name: b, bin: [/bin/true}\n",
                      {"base.yaml:3", "bin"}},
+        UnusableFile{"OpenQuote",
+                     "services:\n  - {name: a, bin: /bin/true}\n  - name: b\n    bin: '/bin/true\n"
+                     "  - {name: c, bin: /bin/true}\n",
+                     {"base.yaml:4"}},
+        UnusableFile{
+            "LoneQuote",
+            "services:\n  - {name: a, bin: /bin/true}\n\"\n  - {name: b, bin: /bin/true}\n",
+            {"base.yaml:3"}},
         UnusableFile{"MissingKey",
                      "services:\n  - {name: a, bin: /bin/true}\n\n  - name: b\n    uid: 1\n",
                      {"base.yaml:4", "bin"}},
@@ -116,7 +124,7 @@ TEST_F(BadInput, AProgramThatCannotRunIsNamed) {
          "  - {name: broken, bin: /run/e2e/broken}\n" + Entry("shelly", "\"a;b\"") +
          Entry("nobody", "stay", "uid: 4711") + Entry("next", "stay", "depends: [other]") +
          Entry("other"));
-    ASSERT_TRUE(WaitForLine("PROCMGR : STARTING to RUNNING appName=other"));
+    ASSERT_TRUE(WaitForLine("PROCMGR : EnableWatchDog flag=0"));
     const auto lines = MaskedLines();
     for (const char* line :
          {"3 PROCMGR : Start App=absent failed, binPath=/run/e2e/none is not existed !!!",

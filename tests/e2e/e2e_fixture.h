@@ -23,6 +23,12 @@
 #include "tests/support/private_mounts.h"
 
 inline constexpr std::chrono::seconds PATIENCE{30};
+// Sanitizers make everything slower; limits on time are multiplied by this.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr int SLOWER = 5;
+#else
+inline constexpr int SLOWER = 1;
+#endif
 inline constexpr const char* DIRECTORY = "/run/e2e";
 inline constexpr const char* BASE_YAML = "/run/e2e/base.yaml";
 inline constexpr const char* SERVICE = "/run/e2e/test_service";
@@ -62,12 +68,14 @@ protected:
         WriteFile(BASE_YAML, "services:\n" + entries);
         Start({BASE_YAML});
     }
-    void ExpectOrderlyStop() {
+    void ExpectOrderlyStop(std::chrono::milliseconds patience = PATIENCE) {
         harness_.Signal(SIGTERM);
-        const auto status = harness_.WaitForExit(PATIENCE);
+        const auto status = harness_.WaitForExit(patience);
         ASSERT_TRUE(status) << "the daemon does not end";
         EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << "status " << *status;
     }
+    // With services that end at once.
+    void ExpectPromptStop() { ExpectOrderlyStop(std::chrono::seconds(3) * SLOWER); }
 
     static void WriteFile(const std::string& path, const std::string& text) {
         std::ofstream(path) << text;

@@ -1,20 +1,14 @@
 // Owners at work: the test plays the owner services, at the other end of their pipes.
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <random>
 #include <set>
 #include <thread>
 
-#include "agent/codec.h"
 #include "agent/owner_channel.h"
 #include "tests/e2e/e2e_fixture.h"
+#include "tests/e2e/peers.h"
 
 namespace {
 
@@ -23,124 +17,6 @@ using OwnerStates = std::map<std::string, uint32_t>;
 using ProcMgr::Message::RequestMsg;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
-
-// One connection to the pipe of a service. What it takes in one go is handed out report by report.
-class RawOwner {
-public:
-    explicit RawOwner(std::string name) : name_(std::move(name)) {}
-    ~RawOwner() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    RawOwner(const RawOwner&) = delete;
-    RawOwner& operator=(const RawOwner&) = delete;
-
-    // Waits for the pipe and says that the service runs.
-    bool Attach() {
-        const std::string path = ProcMgr::Agent::PipePath(name_);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path.data(), path.size());
-        fd_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
-        while (connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(5ms);
-        }
-        return Send(3, "1#2#");
-    }
-    bool Send(uint32_t type, const std::string& payload) {
-        RequestMsg record;
-        record.type = type;
-        record.size = payload.size();
-        std::memcpy(record.data, payload.data(), std::min(payload.size(), sizeof(record.data)));
-        return Send(record);
-    }
-    bool Send(const RequestMsg& record) {
-        const auto packet =
-            ProcMgr::Agent::EncodeRecordPacket(ProcMgr::Agent::PacketKind::REQUEST, 0, record);
-        return SendBytes(packet.data(), packet.size());
-    }
-    bool SendBytes(const void* data, size_t size) {
-        return send(fd_, data, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
-    }
-
-    // The next report, "APP TYPE", or the answer of a query, "APP=STATUS,APP=STATUS"; empty when
-    // none comes.
-    std::string Next(std::chrono::milliseconds patience = PATIENCE) {
-        if (pending_.empty() && !Receive(patience)) {
-            return {};
-        }
-        std::string report = pending_.front();
-        pending_.erase(pending_.begin());
-        return report;
-    }
-    std::vector<std::string> Next(size_t count) {
-        std::vector<std::string> reports;
-        while (reports.size() < count) {
-            reports.push_back(Next());
-            if (reports.back().empty()) {
-                break;
-            }
-        }
-        return reports;
-    }
-    uint32_t LastPid() const { return lastPid_; }
-
-private:
-    bool Receive(std::chrono::milliseconds patience) {
-        std::vector<uint8_t> buffer(ProcMgr::Agent::PACKET_MAX);
-        pollfd readable{fd_, POLLIN, 0};
-        if (poll(&readable, 1, static_cast<int>(patience.count())) <= 0) {
-            return false;
-        }
-        const ssize_t length = recv(fd_, buffer.data(), buffer.size(), 0);
-        if (length <= 0) {
-            return false;
-        }
-        const auto packet =
-            ProcMgr::Agent::DecodePacket(std::span(buffer).first(static_cast<size_t>(length)));
-        const auto record = packet ? ProcMgr::Agent::DecodeRecord(packet->body) : std::nullopt;
-        if (!record) {
-            return false;
-        }
-        if (const auto states = ProcMgr::Agent::DecodeAppStates(*record)) {
-            for (const auto& state : *states) {
-                pending_.push_back(state.appName + " " + std::to_string(state.reportType));
-                lastPid_ = state.pid;
-            }
-        } else {
-            pending_.push_back(DecodeStatus(*record));
-        }
-        return true;
-    }
-    static std::string DecodeStatus(const RequestMsg& record) {
-        EXPECT_EQ(record.type, 10U);
-        const uint8_t* at = record.data;
-        const auto number = [&at] {
-            uint32_t value = 0;
-            std::memcpy(&value, at, sizeof(value));
-            at += sizeof(value);
-            return value;
-        };
-        std::string text;
-        for (uint32_t count = number(); count > 0; --count) {
-            const uint32_t length = number();
-            text += std::string(reinterpret_cast<const char*>(at), length) + "=";
-            at += length;
-            text += std::to_string(number()) + (count > 1 ? "," : "");
-        }
-        return text;
-    }
-
-    const std::string name_;
-    int fd_ = -1;
-    uint32_t lastPid_ = 0;
-    std::vector<std::string> pending_;
-};
 
 std::string Query(const std::vector<std::string>& names) {
     std::string payload;
@@ -223,6 +99,52 @@ TEST_F(Owners, TheClientLibraryDoesTheSame) {
     ASSERT_TRUE(vintor.LoadStartupCfg({{}, In("more.yaml")}));
     ASSERT_TRUE(vintor.StartApps({{"late", {}, {}}}));
     EXPECT_TRUE(isTold("late 0"));
+}
+
+TEST_F(Owners, AReloadCountsFromTheNextStart) {
+    const std::string base = "  - {name: app, bin: " + std::string(SERVICE) + ", args: [dump, ";
+    const auto write = [&](const std::string& rest) {
+        WriteFile(In("apps.yaml"), "applications:\n" + base + rest + "}\n");
+    };
+    write(In("one") + ", stay], env: {A: old, B: \"match(x+)\"}, dynamic: true");
+    Boot(Owner("vintor"));
+    RawOwner vintor("vintor");
+    ASSERT_TRUE(vintor.Attach());
+    vintor.Send(6, "1#" + In("apps.yaml") + "#0#");
+    vintor.Send(0, "1#app#0#1#2#1#B=xx#");
+    EXPECT_EQ(vintor.Next(), "app 0");
+    ASSERT_TRUE(WaitUntil([] { return ReadFile(In("one")).find("B=xx") != std::string::npos; }));
+    const uint32_t first = vintor.LastPid();
+
+    // The same file by another name; what runs goes on.
+    write(In("two") + ", stay], env: {A: new, B: \"match(y+)\"}, dynamic: true");
+    vintor.Send(7, "1#" + In("./../e2e/apps.yaml") + "#0#");
+    vintor.Send(1, "1#app#0#1#2#1#B=xx#");
+    EXPECT_EQ(vintor.Next(), "app 4") << "refused by the new pattern";
+    vintor.Send(0, "1#app#0#1#2#1#B=yy#");
+    EXPECT_EQ(vintor.Next(), "app 0");
+    EXPECT_EQ(vintor.LastPid(), first) << "runs on";
+    vintor.Send(1, "1#app#0#1#2#1#B=yy#");
+    EXPECT_EQ(vintor.Next(), "app 1");
+    ASSERT_TRUE(WaitUntil([] { return ReadFile(In("two")).find("B=yy") != std::string::npos; }));
+    EXPECT_NE(ReadFile(In("two")).find("A=new"), std::string::npos);
+
+    // An entry that is dynamic no more, and one that becomes it.
+    write(In("three") + ", stay]");
+    vintor.Send(7, "1#" + In("apps.yaml") + "#0#");
+    vintor.Send(1, "1#app#0#0#");
+    EXPECT_EQ(vintor.Next(), "app 1");
+    ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists(In("three")); }));
+    WriteFile(In("apps.yaml"), "applications:\n  - {name: app, bin: " + std::string(SERVICE) +
+                                   ", args: ['match(.*)'], dynamic: true}\n");
+    vintor.Send(7, "1#" + In("apps.yaml") + "#0#");
+    vintor.Send(1, "1#app#3#dump#" + In("four") + "#stay#0#");
+    EXPECT_EQ(vintor.Next(), "app 1");
+    EXPECT_TRUE(WaitUntil([] { return std::filesystem::exists(In("four")); }));
+    // A priority application of a file that is loaded now is started now.
+    WriteFile(In("more.yaml"), "applications:\n" + App("prio", ", startup_priority: 1"));
+    vintor.Send(6, "1#" + In("more.yaml") + "#0#");
+    EXPECT_TRUE(WaitForLine("PROCMGR : STARTING to RUNNING appName=prio"));
 }
 
 TEST_F(Owners, PriorityApplicationsAreHeldBackUntilTheAccessManagerIsReady) {

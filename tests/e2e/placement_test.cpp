@@ -1,12 +1,16 @@
 // Where processes and threads end up, read back from the kernel: control groups of the test's own,
 // with the fixed names that the daemon looks for.
+#include <poll.h>
 #include <sched.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <set>
 
 #include "agent/owner_channel.h"
+#include "agent/packet_socket.h"
 #include "agent/upload.h"
 #include "tests/e2e/e2e_fixture.h"
 #include "tests/support/real_cgroups.h"
@@ -182,17 +186,54 @@ TEST_F(Placement, ADelayedServiceIsBoundOnRequestWithTheThreadsThatItMakesMeanwh
     EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 0U);
     EXPECT_EQ(CoresOf(pid), "1 ");
     EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 0U) << "ignored";
-    // The threads that free themselves are caught as long as there are new ones.
+    EXPECT_TRUE(WaitForLine("coreAffinityOk=1"));
+    // Threads that free themselves behind the last check are caught by a further bind.
     EXPECT_TRUE(WaitUntil([&] {
         const std::set<pid_t> tids = ThreadsOf(pid);
-        return tids.size() >= 22 && std::all_of(tids.begin(), tids.end(),
-                                                [](pid_t tid) { return CoresOf(tid) == "1 "; });
+        if (tids.size() >= 22 &&
+            std::all_of(tids.begin(), tids.end(), [](pid_t tid) { return CoresOf(tid) == "1 "; })) {
+            return true;
+        }
+        for (const bool isBind : {false, true}) {
+            request.state = isBind ? 0 : 1;
+            owner.SetDelayCoreAffinity(request, PATIENCE);
+        }
+        return false;
     }));
-    EXPECT_TRUE(WaitForLine("coreAffinityOk=1"));
     request.state = 1;
-    EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 0U) << "finished, so it may be reset";
+    EXPECT_TRUE(WaitUntil([&] { return owner.SetDelayCoreAffinity(request, PATIENCE) == 0; }))
+        << "finished, so it may be reset";
     request.state = 2;
     EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 15794956U);
+}
+
+TEST_F(Placement, ThePlatformTellsOfASuspendAndTheWakeUp) {
+    groups_->Make("cpuset", "one", "0");
+    RealCgroups::Write("cpuset", "CtrlCPU/cpuset.cpus", "0-1");
+    RealCgroups::Write("cpuset", "AICPU/cpuset.cpus", "0");
+    Boot(Entry("owner", "stay", "reporting: true") +
+         // The kernel does not give it a core that is not in its cpuset.
+         Service("late", "cpuset: one, core_affinity: [1], delay_core_affinity: true"));
+    OwnerChannel owner("owner");
+    ASSERT_TRUE(owner.Attach(PATIENCE));
+    owner.ReportRunning();
+    Await("late");
+    DelayCoreAffinityReq request;
+    request.checkInterval = 100;
+    request.checkNum = -1;
+    EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 15794956U);
+    EXPECT_TRUE(WaitForLine("PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err="));
+    const auto power = ProcMgr::Agent::ConnectSocket("/run/muxa/power");
+    for (const auto& [word, line] : {std::pair("suspend", "CheckCoreAffinityThread suspend"),
+                                     {"resume", "WakeUpRecover success"}}) {
+        ASSERT_GT(send(power.Get(), word, strlen(word), MSG_NOSIGNAL), 0);
+        char answer[8] = {};
+        pollfd readable{power.Get(), POLLIN, 0};
+        poll(&readable, 1, 30000);
+        EXPECT_EQ(recv(power.Get(), answer, sizeof(answer), 0), 2);
+        EXPECT_STREQ(answer, "ok");
+        EXPECT_TRUE(WaitForLine(line));
+    }
 }
 
 class SharePoolE2e : public E2e {};
@@ -214,16 +255,25 @@ TEST_F(SharePoolE2e, ProcessesJoinTheirGroupsAndRegisterUnderTheirOwnNameOnly) {
     const auto upload = [](const std::string& answer) {
         return "upload, camera, " + In(answer) + ", stay";
     };
-    Boot(Entry("camera", "dump, " + In("camera") + ", " + upload("own")) +
+    std::string family;
+    for (const char* name : {"family", "nobody", "late"}) {
+        family += std::string(SERVICE) + " upload " + name + " " + In("family") + "\n";
+    }
+    WriteFile(In("family.sh"), family + ":\n");
+    Boot("  - {name: family, bin: /bin/sh, uid: 1000, gid: 1000, args: [" + In("family.sh") +
+         "]}\n" + Entry("camera", "dump, " + In("camera") + ", " + upload("own")) +
          // Neither of the two is the camera.
          Entry("liar", upload("root"), "depends: [camera]") +
          Entry("guest", upload("guest"), "uid: 1000, gid: 1000, depends: [camera]") +
-         Entry("plain", "dump, " + In("plain") + ", stay"));
+         Entry("plain", "dump, " + In("plain") + ", stay") + "applications:\n" + Entry("late"));
     for (const auto& [file, answer] :
          {std::pair("own", "0 frames\n"), {"root", "4\n"}, {"guest", "4\n"}}) {
         EXPECT_TRUE(WaitUntil([path = In(file)] { return !ReadFile(path).empty(); })) << file;
         EXPECT_EQ(ReadFile(In(file)), answer) << file;
     }
+    // A child of a service has its parent's name, or one that is nobody's.
+    EXPECT_TRUE(WaitUntil([] { return ReadFile(In("family")).size() >= 6; }));
+    EXPECT_EQ(ReadFile(In("family")), "0\n0\n4\n");
     const std::string dump = ReadFile(In("camera"));
     EXPECT_NE(dump.find("\nSHAREPOOL_GROUP_NAME=frames\n"), std::string::npos) << dump;
     EXPECT_NE(dump.find("\nSHAREGROUP_PRECONFIG=1\n"), std::string::npos) << dump;

@@ -69,6 +69,14 @@ TEST_F(Stop, EndsTheWaitForAReport) {
     EXPECT_FALSE(std::filesystem::exists(In("zz_never")));
 }
 
+TEST_F(Stop, IsNoEndOfStartUpWhenTheLastServiceIsAwaited) {
+    Boot(Noting("silent", "reporting: true"));
+    ASSERT_TRUE(AreReady({"silent"}));
+    ASSERT_TRUE(WaitForLine("waiting for baseApp=silent"));
+    ExpectOrderlyStop();
+    EXPECT_EQ(harness_.Log().Count("EnableWatchDog flag=1"), 0U);
+}
+
 TEST_F(Stop, ASecondSignalEndsAtOnce) {
     Boot(Ignoring("stubborn", "term_timeout: 600000"));
     ASSERT_TRUE(AreReady({"stubborn"}));

@@ -11,14 +11,23 @@
 //   report STATE         reports "running" or "terminating" over it
 //   breed COUNT          starts so many threads, one each 20 ms; each lets itself run on every core
 //   upload NAME FILE     registers as NAME for all groups, adds the line "RESULT GROUP..." to FILE
+//   hello SOCKET         connects to it once
+//   skip-if FILE COUNT   leaves out the next COUNT arguments if FILE is there, else makes it
+//   beat NAME            sends heartbeats as NAME
+//   kill-group           sends SIGTERM to its process group
+//   pose TEXT FILE PAD   shows TEXT as its command line, unreadable to its own user; then writes
+//   its
+//                        pid to FILE; PAD is as long as a page at least
 //   stay                 waits for a signal
 //   exit CODE            ends
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -33,7 +42,9 @@
 #include <thread>
 #include <vector>
 
+#include "agent/heartbeat_sender.h"
 #include "agent/owner_channel.h"
+#include "agent/packet_socket.h"
 #include "agent/upload.h"
 
 namespace {
@@ -42,7 +53,10 @@ using namespace std::chrono_literals;
 using ProcMgr::Agent::OwnerChannel;
 
 std::vector<std::string> g_arguments;
+char* g_memory = nullptr;  // the arguments as the kernel shows them
+size_t g_memorySize = 0;
 std::unique_ptr<OwnerChannel> g_channel;
+std::unique_ptr<ProcMgr::Agent::HeartbeatSender> g_heartbeat;
 std::string g_noteLine;
 int g_noteFd = -1;
 
@@ -159,6 +173,28 @@ void Upload(const std::string& name, const std::string& file) {
     out << std::endl;
 }
 
+void SkipIf(const std::string& file, size_t count, size_t& at) {
+    if (access(file.c_str(), F_OK) == 0) {
+        at += count;
+    } else {
+        std::ofstream(file).flush();
+    }
+}
+
+void Beat(const std::string& name) {
+    g_heartbeat = std::make_unique<ProcMgr::Agent::HeartbeatSender>(name);
+    g_heartbeat->Start(ProcMgr::Agent::HEARTBEAT_PERIOD);
+}
+
+void Pose(const std::string& text, const std::string& file) {
+    // No zero byte is left, so that a reader gets a page of text and nothing else.
+    std::memset(g_memory, ' ', g_memorySize);
+    std::copy_n(text.begin(), std::min(text.size(), g_memorySize), g_memory);
+    prctl(PR_SET_DUMPABLE, 0);
+    std::ofstream(file + ".part") << getpid();
+    rename((file + ".part").c_str(), file.c_str());
+}
+
 void Stay() {
     for (;;) {
         pause();
@@ -194,6 +230,21 @@ const std::map<std::string, Action>& Actions() {
              const std::string name = TakeArgument(at);
              Upload(name, TakeArgument(at));
          }},
+        {"hello", [](size_t& at) { ProcMgr::Agent::ConnectSocket(TakeArgument(at)); }},
+        {"skip-if",
+         [](size_t& at) {
+             const std::string file = TakeArgument(at);
+             const size_t count = std::stoul(TakeArgument(at));
+             SkipIf(file, count, at);
+         }},
+        {"beat", [](size_t& at) { Beat(TakeArgument(at)); }},
+        {"kill-group", [](size_t& /*at*/) { kill(0, SIGTERM); }},
+        {"pose",
+         [](size_t& at) {
+             const std::string text = TakeArgument(at);
+             Pose(text, TakeArgument(at));
+             TakeArgument(at);
+         }},
         {"stay", [](size_t& /*at*/) { Stay(); }},
         {"exit", [](size_t& at) { _exit(std::stoi(TakeArgument(at))); }},
     };
@@ -204,6 +255,8 @@ const std::map<std::string, Action>& Actions() {
 
 int main(int argc, char** argv) {
     g_arguments.assign(argv + 1, argv + argc);
+    g_memory = argv[0];
+    g_memorySize = static_cast<size_t>(argv[argc - 1] - argv[0]) + std::strlen(argv[argc - 1]) + 1;
     for (size_t at = 0; at < g_arguments.size();) {
         const auto action = Actions().find(TakeArgument(at));
         if (action == Actions().end()) {

@@ -5,9 +5,10 @@
 
 namespace ProcMgr::Fakes {
 
+// Never destroyed: the device worker may still run at the end of the process.
 FakeDevice& FakeDevice::Get() {
-    static FakeDevice fake;
-    return fake;
+    static auto* const fake = new FakeDevice;
+    return *fake;
 }
 
 void FakeDevice::Reset() {

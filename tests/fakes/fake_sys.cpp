@@ -154,6 +154,10 @@ int setgroups(size_t count, const gid_t* groups) {
     return Result("setgroups " + list);
 }
 
+pid_t setsid() {
+    return Result("setsid");
+}
+
 int setuid(uid_t uid) {
     return Result("setuid" + Number(uid));
 }

@@ -29,9 +29,10 @@ public:
     void SetFork(pid_t result, int error = 0);
 
     // In order: "getpid", "getrlimit 14", "prlimit 14 99 99", "sched_setscheduler 4711 1 50",
-    // "nice 5", "setgroups 1,2", "setgid 7", "setuid 8", "setenv NAME=VALUE", "ZornInitProc NAME
-    // PATH", "write FD TEXT", "execv PATH|ARGV0|ARGV1", "_exit 1", "fork", "sigaction 13 default",
-    // "pthread_sigmask 2 EMPTY", "join PATH 4711", "sched_setaffinity 4711 COUNT".
+    // "nice 5", "setgroups 1,2", "setgid 7", "setsid", "setuid 8", "setenv NAME=VALUE",
+    // "ZornInitProc NAME PATH", "write FD TEXT", "execv PATH|ARGV0|ARGV1", "_exit 1", "fork",
+    // "sigaction 13 default", "pthread_sigmask 2 EMPTY", "join PATH 4711", "sched_setaffinity 4711
+    // COUNT".
     std::vector<std::string> Calls() const { return calls_; }
     // Without the calls that deal with signals and descriptors.
     std::vector<std::string> StepCalls() const;

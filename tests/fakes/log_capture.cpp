@@ -1,15 +1,16 @@
 #include "tests/fakes/log_capture.h"
 
 #include <algorithm>
+#include <array>
 #include <condition_variable>
+#include <cstdio>
 #include <deque>
 #include <functional>
 #include <mutex>
 #include <ostream>
-#include <string_view>
 #include <utility>
 
-#include "main/system_logger.h"
+#include "main/log_queue.h"
 
 namespace ProcMgr::Fakes {
 
@@ -23,9 +24,10 @@ struct Store {
     std::deque<LogLine> lines;  // guarded by mutex
 };
 
+// Never destroyed: a thread may still log at the end of the process.
 Store& GetStore() {
-    static Store store;
-    return store;
+    static auto* const store = new Store;
+    return *store;
 }
 
 using Predicate = std::function<bool(const LogLine&)>;
@@ -108,12 +110,16 @@ void PrintTo(const LogLine& line, std::ostream* out) {
 }  // namespace ProcMgr::Fakes
 
 // In place of the daemon's own.
-namespace ProcMgr {
+namespace ProcMgr::LogQueue {
 
-void SystemLogger::Write(int level, std::string_view text) {
-    Fakes::Add(level, std::string(text));
+void Add(LogSink /*sink*/, int level, const char* format, va_list arguments) {
+    std::array<char, 8192> text{};
+    std::vsnprintf(text.data(), text.size(), format, arguments);
+    Fakes::Add(level, text.data());
 }
 
-void SystemLogger::Close() {}
+void Close(std::chrono::milliseconds /*patience*/) {}
 
-}  // namespace ProcMgr
+void WriteInSignal() {}
+
+}  // namespace ProcMgr::LogQueue

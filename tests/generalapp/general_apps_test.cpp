@@ -19,6 +19,7 @@
 #include "app/sensor_node_event_reporter.h"
 #include "generalapp/reaper.h"
 #include "resource/core_affinity_mgr.h"
+#include "resource/device_worker.h"
 #include "tests/fakes/fake_device.h"
 #include "tests/fakes/log_capture.h"
 
@@ -48,24 +49,29 @@ bool WaitUntil(const std::function<bool()>& condition) {
 class RecordedReports final : public App::StateReports {
 public:
     bool ReportAppState(const std::vector<Message::AppStateInfo>& infos,
-                        const std::string& owner) const override {
+                        const std::string& owner) override {
         const std::lock_guard lock(mutex_);
         for (const auto& info : infos) {
             reports_.push_back(owner + " " + info.appName + " " + std::to_string(info.reportType) +
                                " " + std::to_string(info.result));
             lastPid_ = static_cast<pid_t>(info.pid);
         }
-        return !isBroken_;
+        return true;
     }
     bool ReportAppDetailStatus(const std::map<std::string, uint32_t>& statusByName,
-                               const std::string& owner) const override {
+                               const std::string& owner) override {
         const std::lock_guard lock(mutex_);
         for (const auto& [name, status] : statusByName) {
             reports_.push_back(owner + " " + name + "=" + std::to_string(status));
         }
         return true;
     }
-    void ReportAppStateToZorn(const App::AppInfo&, uint32_t, uint32_t) const override {}
+    bool ReportAppChanges(const std::vector<Message::AppStateInfo>& infos, const std::string& owner,
+                          bool /*isAnswer*/) override {
+        return ReportAppState(infos, owner);
+    }
+    void ReportAppStateToZorn(const App::AppInfo&, uint32_t, uint32_t) override {}
+    void Flush() override { MayWait("an owner"); }
 
     std::vector<std::string> Take() {
         const std::lock_guard lock(mutex_);
@@ -79,13 +85,17 @@ public:
         const std::lock_guard lock(mutex_);
         return lastPid_;
     }
-    std::atomic<bool> isBroken_{false};
 
 private:
     mutable std::mutex mutex_;
     mutable std::vector<std::string> reports_;
     mutable pid_t lastPid_ = 0;
 };
+
+std::vector<std::string> DeviceCalls() {
+    DeviceWorker().Drain(SteadyTime::max());
+    return FakeDevice::Get().Calls();
+}
 
 class GeneralAppsTest : public testing::Test {
 protected:
@@ -138,10 +148,12 @@ protected:
         return path;
     }
     uint32_t Load(const std::string& entries, const StartupConfig::MatchData& matchData = {},
-                  bool isReload = false, mode_t mode = 0644) {
-        const std::string path = directory_ + "/apps.yaml";
-        std::ofstream(path) << "applications:\n" << entries;
-        chmod(path.c_str(), mode);
+                  bool isReload = false, mode_t mode = 0644, bool isPlain = true) {
+        const std::string file = directory_ + "/apps.yaml";
+        std::ofstream(file) << "applications:\n" << entries;
+        chmod(file.c_str(), mode);
+        std::filesystem::create_directory(directory_ + "/general");
+        const std::string path = isPlain ? file : directory_ + "/general/.././apps.yaml";
         return isReload ? config_.ReLoadStartCfgInfo(path, matchData)
                         : config_.LoadStartCfgInfo(path, matchData);
     }
@@ -167,11 +179,12 @@ protected:
     CheckRequests checks_;
     RecordedReports reports_;
     StartupConfig config_;
+    std::atomic<bool> isZornReady_{true};
     GeneralApps apps_{launcher_,
                       checks_,
                       reports_,
                       config_,
-                      {.isZornReady = [] { return true; },
+                      {.isZornReady = [this] { return isZornReady_.load(); },
                        .getOwners =
                            [] {
                                return std::vector<std::string>{"zornmgr", "vintor", "other"};
@@ -197,10 +210,10 @@ TEST_F(GeneralAppsTest, AStartIsReportedOnceItRunsAndItsEndToo) {
     kill(reports_.LastPid(), SIGKILL);
     ASSERT_TRUE(CheckUntil("vintor a 4 0"));
     EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr a 4 0", "vintor a 4 0"));
-    EXPECT_THAT(FakeDevice::Get().Calls(), Contains("halSensorNodeUpdateState 0 2 0 0xd0"));
+    EXPECT_THAT(DeviceCalls(), Contains("halSensorNodeUpdateState 0 2 0 0xd0"));
     EXPECT_THAT(apps_.GetStates(), IsEmpty());
     Start("a");
-    EXPECT_EQ(FakeDevice::Get().Calls().back(), "halSensorNodeUpdateState 0 2 0 0x0");
+    EXPECT_EQ(DeviceCalls().back(), "halSensorNodeUpdateState 0 2 0 0x0");
 }
 
 TEST_F(GeneralAppsTest, AStartThatIsImpossible) {
@@ -231,7 +244,8 @@ TEST_F(GeneralAppsTest, Termination) {
 TEST_F(GeneralAppsTest, Restarts) {
     Start("a");
     const pid_t first = reports_.LastPid();
-    CoreAffinityMgr::GetInstance().Store(first, first, {0});
+    std::string error;
+    CoreAffinityMgr::GetInstance().StoreAndSetCoreAffinity(first, first, {0}, error);
     apps_.RestartApp({{"a", {}, {}}, {"b", {}, {}}, {"ghost", {}, {}}}, "vintor");
     EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr ghost 4 0", "vintor ghost 4 0"));
     ASSERT_TRUE(CheckUntil("vintor a 1 0"));
@@ -285,18 +299,71 @@ TEST_F(GeneralAppsTest, ValuesThatDoNotMatchStartNothing) {
     EXPECT_THAT(apps_.GetStates(), IsEmpty());
     apps_.StartApp({{"dynamic", {"60"}, good}}, "vintor");
     ASSERT_TRUE(CheckUntil("vintor dynamic 0 0"));
+    reports_.Take();
+    // A request whose values are refused changes nothing.
+    apps_.RestartApp({{"dynamic", {"60"}, bad}}, "vintor");
+    EXPECT_THAT(reports_.Take(), ElementsAre("zornmgr dynamic 4 0", "vintor dynamic 4 0"));
+    apps_.TermGeneralApp({{"dynamic"}}, "vintor");
+    ASSERT_TRUE(CheckUntil("vintor dynamic 3 0"));
 }
 
-TEST_F(GeneralAppsTest, OneOwnersFailureIsItsOwn) {
-    reports_.isBroken_ = true;
-    apps_.StartApp({{"a", {}, {}}}, "vintor");
-    apps_.StartApp({{"b", {}, {}}}, "other");
+TEST_F(GeneralAppsTest, ATimeoutThatWasLoadedCountsForWhatRuns) {
+    Start("stubborn");
+    ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(directory_ + "/up"); }));
+    Load("  - {name: stubborn, bin: /bin/sh, term_timeout: 0, force_term: false}\n");
+    apps_.TermGeneralApp({{"stubborn"}}, "vintor");
     Check();
-    EXPECT_EQ(reports_.Count("other b 0 0"), 1U);
+    EXPECT_THAT(reports_.Take(), Contains("vintor stubborn 2 0"));
+}
+
+TEST_F(GeneralAppsTest, ARequesterThatIsNotTheOwnerIsAnsweredInAnyCase) {
+    // The digest of the second item's program is taken until the first item's process has ended.
+    std::ofstream(directory_ + "/sha256sum")
+        << "#!/bin/sh\nuntil [ -e " << directory_ << "/go ]; do sleep 0.01; done\n";
+    chmod((directory_ + "/sha256sum").c_str(), 0755);
+    const char* const given = getenv("PATH");
+    const std::string path = given != nullptr ? given : "/usr/bin:/bin";
+    setenv("PATH", (directory_ + ":" + path).c_str(), 1);
+    std::ofstream(directory_ + "/hashes") << "cat=" << std::string(64, '0') << "\n";
+    launcher_.LoadIntegrityTable(directory_ + "/hashes");
+    Load("  - {name: slow, bin: /bin/cat}\n");
+    Start("a");
+    std::thread checker([this, pid = reports_.LastPid()] {
+        LogCapture::WaitForPart(LOG_WARNING, "is already running");
+        kill(pid, SIGKILL);
+        EXPECT_TRUE(CheckUntil("vintor a 4 0"));
+        std::ofstream(directory_ + "/go").flush();
+    });
+    apps_.StartApp({{"a", {}, {}}, {"slow", {}, {}}}, "other");
+    checker.join();
+    setenv("PATH", path.c_str(), 1);
+    EXPECT_EQ(reports_.Count("other a 0 0"), 1U);
+    EXPECT_EQ(reports_.Count("zornmgr a 0 0"), 0U) << "the end is the last word";
+}
+
+TEST_F(GeneralAppsTest, ChangesOfPriorityApplicationsAreHeldBackInOrder) {
+    isZornReady_ = false;
+    Load("  - {name: first, bin: /bin/true, startup_priority: 1}\n");
+    for (int start = 0; start < 40; ++start) {
+        apps_.StartApp({{"first", {}, {}}}, "vintor");
+        ASSERT_TRUE(CheckUntil("vintor first 0 0")) << "whoever asks is told";
+        ASSERT_TRUE(WaitUntil([&] {
+            Check();
+            return apps_.GetStates().empty();
+        }));
+        EXPECT_EQ(reports_.Count("zornmgr first 0 0"), 0U);
+        reports_.Take();
+    }
     EXPECT_TRUE(LogCapture::Contains(
-        LOG_ERR, "PROCMGR : CheckThread : report general apps' changes to ZORN failed"));
-    EXPECT_TRUE(LogCapture::Contains(
-        LOG_ERR, "PROCMGR : CheckThread : report general apps' changes to owner vintor failed"));
+        LOG_WARNING,
+        "PROCMGR : more than 64 changes of app=first wait for zornmgr, the oldest is dropped"));
+    isZornReady_ = true;
+    Check();
+    std::vector<std::string> wanted;
+    for (int change = 0; change < 64; ++change) {
+        wanted.push_back(change % 2 == 0 ? "zornmgr first 0 0" : "zornmgr first 4 0");
+    }
+    EXPECT_EQ(reports_.Take(), wanted);
 }
 
 TEST_F(GeneralAppsTest, ConfigurationFilesComeAndGo) {
@@ -307,7 +374,17 @@ TEST_F(GeneralAppsTest, ConfigurationFilesComeAndGo) {
     EXPECT_TRUE(config_.Find("red"));
     EXPECT_FALSE(config_.Find("blue"));
     EXPECT_TRUE(config_.Find("a")) << "what was known stays";
-    EXPECT_EQ(Load("  - {name: new, bin: /bin/x}\n", {}, true), StartupConfig::OK);
+    // Another file takes a name over, and gives it back.
+    const std::string other = directory_ + "/other.yaml";
+    std::ofstream(other) << "applications:\n  - {name: a, bin: /bin/other}\n";
+    ASSERT_EQ(config_.LoadStartCfgInfo(other), StartupConfig::OK);
+    EXPECT_EQ(config_.Find("a")->GetBinPath(), "/bin/other");
+    std::ofstream(other) << "applications: []\n";
+    ASSERT_EQ(symlink(other.c_str(), (directory_ + "/link.yaml").c_str()), 0);
+    ASSERT_EQ(config_.ReLoadStartCfgInfo(directory_ + "/./link.yaml"), StartupConfig::OK);
+    EXPECT_EQ(config_.Find("a")->GetBinPath(), "/bin/sleep");
+    // The file is known by any spelling.
+    EXPECT_EQ(Load("  - {name: new, bin: /bin/x}\n", {}, true, 0644, false), StartupConfig::OK);
     EXPECT_FALSE(config_.Find("a")) << "that file gave it before";
     EXPECT_EQ(Load("  - {name: [broken\n", {}, true), StartupConfig::FILE_UNUSABLE);
     EXPECT_EQ(Load("  - {name: evil, bin: /bin/x}\n", {}, false, 0666),

@@ -164,7 +164,8 @@ TEST_F(ReaperTest, NoExitIsLost) {
     ReportedState reportedState;
     CheckRequests checks;
     OwnerPipes pipes([](int32_t, const MuxaRequest*, const std::string&) {});
-    OwnerReports reports(pipes);
+    ReportSender sender(pipes, {});
+    OwnerReports reports(pipes, sender);
     BaseServices services(launcher, reportedState, checks, pipes, reports);
     std::atomic<int> stored{0};
     ReaperThread reaper({[&](int32_t pid, int32_t status) {

@@ -21,6 +21,11 @@ protected:
     }
 };
 
+std::string Contents(const char* path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 TEST_F(DeviceTest, CallsAreWrittenDownAndUnknownOnesRefused) {
     for (const auto& [text, expected] : {std::pair{"", 1U},
                                          {"# none\ndevices=0\n", 0U},
@@ -48,16 +53,26 @@ TEST_F(DeviceTest, CallsAreWrittenDownAndUnknownOnesRefused) {
     EXPECT_NE(halGrpAddProc("pool", 77, "write"), 0U);
     const std::string h = "handle=" + std::to_string(handle);
     const std::string node = "node=" + std::string(sizeof(config.name), 'n');
-    std::ifstream log("/run/device-sim.log");
-    const std::string lines{std::istreambuf_iterator<char>(log), {}};
-    EXPECT_EQ(lines, "register device=2 " + node + " type=0x602 sensor=0x27 handle=0 refused\n" +
-                         "register device=1 " + node + " type=0x602 sensor=0x27 " + h + "\n" +
-                         "update device=1 " + h + " assert=1 event=208\n" + "update device=0 " + h +
-                         " assert=1 event=208 refused\n" + "unregister device=1 " + h + "\n" +
-                         "unregister device=1 " + h + " refused\n" +
-                         "group-create name=a?forged size=4096\n" +
-                         "group-add name=pool pid=77 access=read-write\n" +
-                         "group-add name=pool pid=77 access=write refused\n");
+    EXPECT_EQ(Contents("/run/device-sim.log"),
+              "register device=2 " + node + " type=0x602 sensor=0x27 handle=0 refused\n" +
+                  "register device=1 " + node + " type=0x602 sensor=0x27 " + h + "\n" +
+                  "update device=1 " + h + " assert=1 event=208\n" + "update device=0 " + h +
+                  " assert=1 event=208 refused\n" + "unregister device=1 " + h + "\n" +
+                  "unregister device=1 " + h + " refused\n" +
+                  "group-create name=a?forged size=4096\n" +
+                  "group-add name=pool pid=77 access=read-write\n" +
+                  "group-add name=pool pid=77 access=write refused\n");
+}
+
+TEST_F(DeviceTest, TheLogIsMovedAtItsLimitAndLinesStayWhole) {
+    const std::string line = "group-create name=g size=1\n";
+    const std::string full(((size_t{1} << 20)) - line.size(), 'x');
+    std::ofstream("/run/device-sim.log") << full;
+    ASSERT_EQ(halGrpCreate("g", 1), 0U);
+    EXPECT_EQ(Contents("/run/device-sim.log").size(), size_t{1} << 20);
+    ASSERT_EQ(halGrpCreate("g", 1), 0U);
+    EXPECT_TRUE(Contents("/run/device-sim.log.1") == full + line);
+    EXPECT_EQ(Contents("/run/device-sim.log"), line);
 }
 
 }  // namespace

@@ -2,10 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syslog.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -15,8 +18,9 @@
 #include <tuple>
 #include <vector>
 
+#include "platform/diagnostics.h"
 #include "platform/host/manifest_keys.h"
-#include "tests/support/syslog_sink.h"
+#include "tests/support/private_mounts.h"
 
 namespace ProcMgr {
 namespace {
@@ -42,12 +46,34 @@ std::string Order(DependGraph graph) {
     return order + (graph.IsEmpty() ? "" : "!");
 }
 
+// What the library says, with levels.
+class DiagnosticCapture {
+public:
+    DiagnosticCapture() {
+        Clear();
+        SetDiagnosticSink([](int level, const char* text) { lines.emplace_back(level, text); });
+    }
+    ~DiagnosticCapture() { SetDiagnosticSink(nullptr); }
+    DiagnosticCapture(const DiagnosticCapture&) = delete;
+    DiagnosticCapture& operator=(const DiagnosticCapture&) = delete;
+
+    static void Clear() { lines.clear(); }
+    static std::vector<std::string> Lines() { return LinesAt(-1); }
+    static std::vector<std::string> LinesAt(int wanted) {
+        std::vector<std::string> found;
+        for (const auto& [level, text] : lines) {
+            found.insert(found.end(), wanted == -1 || level == wanted ? 1 : 0, text);
+        }
+        return found;
+    }
+
+private:
+    static inline std::vector<std::pair<int, std::string>> lines;
+};
+
 class ManifestTest : public testing::Test {
 protected:
     void SetUp() override {
-        if (!sink_.IsReady()) {
-            GTEST_SKIP() << sink_.Error();
-        }
         char path[] = "/tmp/manifest-test-XXXXXX";
         ASSERT_NE(mkdtemp(path), nullptr);
         directory_ = path;
@@ -75,6 +101,12 @@ protected:
         return Parse(Write("main.yaml", "services:\n- name: a\n  bin: /bin/a\n" + lines));
     }
 
+    void ExpectRefused(const std::string& path, const std::string& problem) {
+        sink_.Clear();
+        EXPECT_FALSE(Parse(path));
+        EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem))) << path;
+    }
+
     std::vector<std::string> Names() const {
         std::vector<std::string> names;
         for (const ApplicationManifest& manifest : manifests_) {
@@ -97,7 +129,7 @@ protected:
         return Order(graph);
     }
 
-    SyslogSink sink_;
+    DiagnosticCapture sink_;
     std::string directory_;
     ParseAndDepend parser_;
     std::vector<ApplicationManifest> manifests_;
@@ -118,6 +150,24 @@ TEST_F(ManifestTest, EntryWithoutOptionalKeysHasTheDefaults) {
     EXPECT_FALSE(manifest.GetIsReporting() || manifest.GetIsDelayCoreAffinity() ||
                  manifest.GetHeartBeatSwitch() || manifest.GetIsDynamicPara());
     EXPECT_THAT(sink_.Lines(), IsEmpty());
+}
+
+TEST_F(ManifestTest, GroupIsThePrimaryOneOfTheUserUnlessGiven) {
+    if (!EnterPrivateMountNamespace()) {
+        GTEST_SKIP() << "no private mount namespace here";
+    }
+    // The record of the first user is longer than any buffer that one would start with.
+    BindFile("root:x:0:5::/:/bin/sh\nlong:x:1001:2002:" + std::string(9000, 'l') +
+                 ":/:/bin/sh\nother:x:1002:3003::/:/bin/sh\n",
+             "/etc/passwd");
+    const std::pair<const char*, uint32_t> cases[] = {
+        {"  uid: 1001\n", 2002},        {"  uid: 1002\n", 3003},
+        {"  uid: 1003\n", 0},           {"", 5},
+        {"  gid: 0\n  uid: 1001\n", 0}, {"  uid: 1001\n  gid: 7\n", 7}};
+    for (const auto& [lines, group] : cases) {
+        ASSERT_TRUE(ParseService(lines));
+        EXPECT_EQ(manifests_[0].GetGid(), group) << lines;
+    }
 }
 
 // Each value differs from its default and from its neighbours, so that a swapped key is seen.
@@ -146,7 +196,7 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetter) {
   security_context: sc
   node_type: 1538
   numa_type: 2
-  startup_priority: -7
+  startup_priority: 7
   startup_entry: /entry
   heartbeat: TRUE
   sharepool_groups: [{group: g1, access: read}, {access: read-write, group: g2}]
@@ -181,7 +231,7 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetter) {
     EXPECT_EQ(manifest.GetSecurityCon(), "sc");
     EXPECT_EQ(manifest.GetNodeType(), 1538U);
     EXPECT_EQ(manifest.GetNumaType(), 2U);
-    EXPECT_EQ(manifest.GetStartupPriority(), -7);
+    EXPECT_EQ(manifest.GetStartupPriority(), 7);
     EXPECT_EQ(manifest.GetStartupEntryPath(), "/entry");
     EXPECT_TRUE(manifest.GetHeartBeatSwitch());
     EXPECT_THAT(manifest.GetSharepoolGroups(),
@@ -208,6 +258,7 @@ TEST_F(ManifestTest, WrongValuesAreOneErrorWithFileLineAndKey) {
         {"  uid: 010\n", "4: key 'uid': ", "whole number"},
         {"  uid: [0]\n", "4: key 'uid': ", "got a list"},
         {"  term_timeout: 4294967296\n", "4: key 'term_timeout': ", "to 4294967295"},
+        {"  startup_priority: -2\n", "4: key 'startup_priority': ", "from -1 to 2147483647"},
         {"  core_affinity: [1, 1024]\n", "4: key 'core_affinity': ", "element 2: "},
         // Messages cannot forge lines, nor fill the log.
         {"  restart: \"x\\n<0>PANIC\"\n", "4: key 'restart': ", "'x?<0>PANIC'"},
@@ -257,10 +308,7 @@ TEST_F(ManifestTest, BrokenFilesAreOneErrorAndNeverMore) {
         {"text", "1: expected a mapping"},
     };
     for (const auto& [text, problem] : cases) {
-        SCOPED_TRACE(text.substr(0, 60));
-        sink_.Clear();
-        EXPECT_FALSE(Parse(Write("main.yaml", text)));
-        EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem)));
+        ExpectRefused(Write("main.yaml", text), problem);
     }
     for (const char* empty : {"", "# nothing yet\n", "services: []"}) {
         EXPECT_TRUE(Parse(Write("main.yaml", empty))) << empty;
@@ -271,9 +319,29 @@ TEST_F(ManifestTest, BrokenFilesAreOneErrorAndNeverMore) {
          {std::pair{directory_, "it is a directory"},
           {fifo, "not a regular file"},
           {Write("big.yaml", std::string((size_t{1} << 20) + 1, '#')), "larger than"}}) {
-        sink_.Clear();
-        EXPECT_FALSE(Parse(path));
-        EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem)));
+        ExpectRefused(path, problem);
+    }
+}
+
+TEST_F(ManifestTest, QuotesThatAreNeverClosedAreErrorsWhereTheyOpen) {
+    const std::pair<const char*, int> unclosed[] = {
+        {"a: \"", 1},
+        {"a: 1\nb: \"x\nc: d\n   ", 2},
+        {"a: 'it''\n", 1},
+        {"a: \"x\\\"\r\n", 1},
+        {"a: [1, \"b\nc: d\n", 1},
+        {"a: {b: 'c\nd: e\n", 1},
+        {"a: 1\n\"b\nc\n", 2},
+        {"# it's\na: |\n it's\n \"lone\nb: 'x # y\"\n", 5},
+    };
+    for (const auto& [text, line] : unclosed) {
+        ExpectRefused(Write("main.yaml", text), "never closed");
+        EXPECT_THAT(sink_.Lines()[0], HasSubstr("main.yaml:" + std::to_string(line) + ": "));
+    }
+    for (const char* end : {"args: ['it''s', \"\\\"\"] # don't\n", "env: {A: \"b\n  'c\"}",
+                            "restart: no # '", "args: []\n  ", "cpuset: |+\n   it's \"\n\n",
+                            "cpuset: >-\n   'x", "cpuset: a\"", "cpuset: it's\n", "cpuset: ''"}) {
+        EXPECT_TRUE(ParseService(std::string("  ") + end)) << end;
     }
 }
 
@@ -295,6 +363,13 @@ services:
                     file + ":6: key 'match': not a key of a service, ignored",
                     file + ":7: key 'sharepool_groups': element 1: element 'size': unknown key, "
                            "ignored"));
+
+    // Whoever takes a few lines only must get the error.
+    sink_.Clear();
+    EXPECT_FALSE(ParseService("  a: 1\n  b: 1\n  c: 1\n  d: 1\n  e: 1\n  f: 1\n  uid: x\n"));
+    ASSERT_THAT(sink_.Lines(), SizeIs(6));
+    EXPECT_THAT(sink_.Lines().front(), StartsWith(file + ":10: key 'uid': "));
+    EXPECT_EQ(sink_.Lines().back(), file + ": 2 further warnings");
 }
 
 TEST_F(ManifestTest, IncludesComeFirstAndOnce) {
@@ -327,19 +402,15 @@ TEST_F(ManifestTest, BrokenIncludesNameWhereTheyAreAskedFor) {
                           "/same.yaml:1"},
     };
     for (const auto& [include, error] : cases) {
-        sink_.Clear();
         Write("main.yaml",
               "# main\ninclude:\n- " + include + "\nservices:\n- {name: a, bin: /b}\n");
-        EXPECT_FALSE(Parse(main));
-        EXPECT_THAT(sink_.Lines(), ElementsAre(HasSubstr(error)));
+        ExpectRefused(main, error);
     }
     for (int i = 0; i < 20; ++i) {
         Write("chain" + std::to_string(i) + ".yaml",
               "include: [chain" + std::to_string(i + 1) + ".yaml]\n");
     }
-    sink_.Clear();
-    EXPECT_FALSE(Parse(directory_ + "/chain0.yaml"));
-    EXPECT_THAT(sink_.Lines(), ElementsAre(HasSubstr("nested more than 16 deep")));
+    ExpectRefused(directory_ + "/chain0.yaml", "nested more than 16 deep");
 }
 
 TEST_F(ManifestTest, OnlyRootMayDecideWhatRuns) {
@@ -349,19 +420,52 @@ TEST_F(ManifestTest, OnlyRootMayDecideWhatRuns) {
     const std::string file = Write("main.yaml", "services: [{name: a, bin: /b}]\n");
     const std::string top = Write("top.yaml", "include: [main.yaml]\n");
     const std::tuple<mode_t, uid_t, const char*> cases[] = {
-        {0664, 0, "writable by group or others"},
-        {0646, 0, "writable by group or others"},
-        {0644, 1000, "belongs to uid 1000"},
+        {0664, 0, "it is writable by group or others"},
+        {0646, 0, "it is writable by group or others"},
+        {0644, 1000, "it belongs to uid 1000"},
     };
     for (const auto& [mode, owner, problem] : cases) {
         ASSERT_EQ(chmod(file.c_str(), mode), 0);
         ASSERT_EQ(chown(file.c_str(), owner, 0), 0);
         for (const std::string& main : {file, top}) {
-            sink_.Clear();
-            EXPECT_FALSE(Parse(main));
-            EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem)));
+            ExpectRefused(main, problem);
         }
     }
+    ASSERT_EQ(chmod(file.c_str(), 0644), 0);
+    ASSERT_EQ(chown(file.c_str(), 0, 0), 0);
+    const std::string open = directory_ + "/open";
+    const std::string inOpen = Write("open/main.yaml", "services: []\n");
+    const std::string link = directory_ + "/link.yaml";
+    ASSERT_EQ(symlink(inOpen.c_str(), link.c_str()), 0);
+    ASSERT_EQ(chmod(open.c_str(), 0777), 0);
+    for (const std::string& main : {inOpen, link}) {
+        ExpectRefused(main, "directory " + open + " is writable by group or others");
+    }
+    ASSERT_EQ(chmod(open.c_str(), 01777), 0);
+    EXPECT_TRUE(Parse(link)) << "what is root's in a sticky directory is left to root";
+    ASSERT_EQ(chown(open.c_str(), 1000, 0), 0);
+    ExpectRefused(link, "directory " + open + " belongs to uid 1000");
+}
+
+// The memory of a process that must not be looked into is root's to look at, but says what the
+// process likes.
+TEST_F(ManifestTest, PseudoFilesAreNotRead) {
+    const pid_t attacker = fork();
+    if (attacker == 0) {
+        const bool isHidden = setresuid(1000, 1000, 1000) == 0 && prctl(PR_SET_DUMPABLE, 0) == 0;
+        raise(isHidden ? SIGSTOP : SIGKILL);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(attacker, &status, WUNTRACED), attacker);
+    ASSERT_TRUE(WIFSTOPPED(status));
+    const std::string its = "/proc/" + std::to_string(attacker);
+    ExpectRefused(its + "/cmdline", "directory " + its + " belongs to uid 1000");
+    // To read it is to wait for the kernel's next message.
+    ExpectRefused("/proc/kmsg", "it lies on a pseudo file system");
+    KvsTypeYaml top;
+    EXPECT_FALSE(top.InitYamlNode("/dev/tty"));
+    kill(attacker, SIGKILL);
+    EXPECT_EQ(waitpid(attacker, nullptr, 0), attacker);
 }
 
 TEST_F(ManifestTest, FailureLeavesEverythingAsItWas) {

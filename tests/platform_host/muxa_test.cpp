@@ -1,10 +1,12 @@
 // The messaging library against peers that speak its packets byte by byte over plain sockets.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -80,8 +82,10 @@ public:
     int Error() const { return error_; }
     void Close() { close(std::exchange(fd_, -1)); }
     void Send(const std::string& packet) const {
-        ASSERT_EQ(send(fd_, packet.data(), packet.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(packet.size()));
+        ASSERT_EQ(TrySend(packet), static_cast<ssize_t>(packet.size()));
+    }
+    ssize_t TrySend(const std::string& packet) const {
+        return send(fd_, packet.data(), packet.size(), MSG_NOSIGNAL);
     }
     // The next packet; "" stands for the end of the connection.
     std::string Receive() const {
@@ -164,8 +168,9 @@ protected:
         EXPECT_GE(fd, 1) << strerror(-fd);
         return open_.emplace_back(fd);
     }
-    int32_t OpenPipe(const std::string& name, MuxaCallback callback) {
-        return Keep(MuxaOpen({.name = name, .value = GROUP, .callback = std::move(callback)}));
+    int32_t OpenPipe(const std::string& name, MuxaCallback callback, pid_t pid = getpid()) {
+        return Keep(
+            MuxaOpen({.name = name, .value = GROUP, .pid = pid, .callback = std::move(callback)}));
     }
     // A pipe, or a server, that tells the recorder.
     int32_t OpenPipe(const std::string& name) { return OpenPipe(name, std::ref(recorder_)); }
@@ -299,6 +304,9 @@ TEST_F(MuxaTest, TheNextPeerInheritsRecordsButNoResponses) {
     EXPECT_EQ(recorder_.At(0).body, "question");
     RawPeer second(PipePath("heir"));
     second.Send(Packet(1, 0, "second"));
+    const RawPeer more[] = {RawPeer(PipePath("heir")), RawPeer(PipePath("heir")),
+                            RawPeer(PipePath("heir"))};
+    EXPECT_EQ(RawPeer(PipePath("heir")).Receive(), "") << "four may wait";
     // Far more than the kernel takes on, so that the response and the record after it are queued.
     for (int i = 0; i < 100; ++i) {
         ASSERT_EQ(Send(fd, LARGE), 0);
@@ -356,36 +364,112 @@ void RunAs(uid_t uid, gid_t gid, std::vector<gid_t> groups, const std::function<
     }).join();
 }
 
-TEST_F(MuxaTest, CredentialsDecideWhoIsThePeer) {
-    const struct {
-        uid_t uid;
-        gid_t gid;
-        bool isServed;
-    } cases[] = {
-        {0, 77, true}, {1000, GROUP, true}, {1000, 77, false},  // its gid alone counts
+// Runs `action` in a process of uid 1000 that has the pipes' group, and a name that looks like the
+// status of another process; returns whether it succeeded.
+bool SucceedsInAnotherProcess(const std::function<bool()>& action) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const bool isReady = prctl(PR_SET_NAME, "a) S 1 (b") == 0 &&
+                             setresgid(GROUP, GROUP, GROUP) == 0 &&
+                             setresuid(1000, 1000, 1000) == 0;
+        _exit(isReady && action() ? 0 : 1);
+    }
+    int status = 1;
+    return waitpid(child, &status, 0) == child && status == 0;
+}
+
+TEST_F(MuxaTest, APipeIsForItsServiceAndItsDescendants) {
+    const pid_t other = fork();
+    if (other == 0) {
+        raise(SIGSTOP);
+    }
+    const auto answer = [this](int32_t fd, const MuxaRequest* request, const std::string& name) {
+        if (request != nullptr) {
+            Respond(fd, request->sequence, "yes");
+        }
+        recorder_(fd, request, name);
     };
-    OpenPipe("guarded");
-    size_t index = 0;
-    for (const auto& row : cases) {
-        SCOPED_TRACE(std::to_string(row.uid) + ":" + std::to_string(row.gid));
-        // By its supplementary group each may open the file.
-        RunAs(row.uid, row.gid, {GROUP}, [&] {
-            const RawPeer peer(PipePath("guarded"));
-            ASSERT_EQ(peer.Error(), 0);
-            if (!row.isServed) {
-                EXPECT_EQ(peer.Receive(), "");
-                return;
-            }
-            peer.Send(Packet(1, 0, "hello"));
-            const Event event = recorder_.At(index++);
-            EXPECT_EQ(event.request.peerUid, row.uid);
-            EXPECT_EQ(event.request.peerGid, row.gid);
-        });
-        if (row.isServed) {
-            EXPECT_EQ(recorder_.At(index++).body, "END");
+    OpenPipe("own", answer);
+    OpenPipe("others", answer, other);
+    OpenPipe("roots", answer, 0);
+    RawPeer root(PipePath("others"));  // holds its pipe, and only its own
+    for (const std::string name : {"own", "others", "roots"}) {
+        EXPECT_TRUE(SucceedsInAnotherProcess([name] {
+            const RawPeer peer(PipePath(name));
+            peer.TrySend(Packet(2, 7, "hello"));
+            return peer.Error() == 0 &&
+                   peer.Receive() == (name == "own" ? Packet(3, 7, "yes") : "");
+        })) << name;
+    }
+    EXPECT_EQ(recorder_.At(0).request.peerUid, 1000U);
+    EXPECT_EQ(recorder_.At(0).request.peerGid, GROUP);
+    EXPECT_EQ(recorder_.At(1).body, "END");
+    root.Send(Packet(2, 8, "still there"));
+    EXPECT_EQ(root.Receive(), Packet(3, 8, "yes"));
+    EXPECT_EQ(recorder_.Count(), 3U) << "who was not let in is not told of";
+    kill(other, SIGKILL);
+    EXPECT_EQ(waitpid(other, nullptr, 0), other);
+    CloseAll();
+}
+
+void FloodUntil(const std::atomic<bool>& isOver) {
+    while (!isOver) {
+        const RawPeer peer(ServerPath("flooded"));
+        for (int i = 0; i < 10; ++i) {
+            peer.TrySend(Packet(1, 0, "x"));
         }
     }
-    EXPECT_EQ(recorder_.Count(), index) << "who was not let in is not told of";
+}
+
+TEST_F(MuxaTest, ClosingWinsAgainstAFlood) {
+    const int32_t server = Keep(MuxaCreateServer(
+        {"flooded",
+         [](int32_t, const MuxaRequest*, const std::string&) { std::this_thread::sleep_for(5ms); }},
+        64, 0));
+    std::atomic<bool> isOver = false;
+    std::vector<std::thread> floods;
+    for (int i = 0; i < 4; ++i) {
+        floods.emplace_back([&isOver] { FloodUntil(isOver); });
+    }
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(MuxaClosePipe(server), -EBUSY) << "the flood is no flood";
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(Close(server), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
+    isOver = true;
+    for (std::thread& flood : floods) {
+        flood.join();
+    }
+}
+
+TEST_F(MuxaTest, OneUserOrOnePeerTakesOnlySoMuchOfAServer) {
+    OpenServer("shared", 100);
+    std::deque<RawPeer> silent;
+    RunAs(1000, 1000, {}, [&] {
+        for (int i = 0; i < 32; ++i) {
+            silent.emplace_back(ServerPath("shared"));
+        }
+        EXPECT_EQ(RawPeer(ServerPath("shared")).Receive(), "");
+    });
+    const auto before = std::chrono::steady_clock::now();
+    RawPeer peer(ServerPath("shared"));
+    std::this_thread::sleep_for(2s);
+    peer.Send(Packet(2, 1, "ask"));
+    const int32_t fd = recorder_.At(0).fd;
+    // What the kernel holds, and 16 behind it.
+    int answers = 0;
+    while (answers < 100 && Respond(fd, 1, LARGE) == 0) {
+        ++answers;
+    }
+    EXPECT_LT(answers, 30);
+    EXPECT_EQ(Respond(fd, 1, LARGE), -EAGAIN);
+    EXPECT_EQ(silent.back().Receive(), "");
+    EXPECT_GE(std::chrono::steady_clock::now() - before, 4s);
+    EXPECT_EQ(recorder_.At(32).body, "END") << "the end of a silent peer is told";
+    for (int i = 0; i < answers; ++i) {
+        ASSERT_TRUE(peer.Receive() == Packet(3, 1, LARGE)) << "who has asked later stays longer";
+    }
+    EXPECT_EQ(peer.Receive(), "");
 }
 
 TEST_F(MuxaTest, CloseIsBusyWhileTheCallbackRunsAndFinalAfterwards) {

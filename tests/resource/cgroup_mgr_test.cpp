@@ -228,7 +228,10 @@ TEST_F(CgroupMgrTest, UpdateCgroup) {
     EXPECT_EQ(mgr.UpdateCgroup(Policy("U", 1, 1)), CGROUP_FAILED);
     EXPECT_EQ(Log(), (Texts{Begin("U, type=1, isEnable=1, isCfgOk_=1"),
                             "3 UpdateCgroup name=U policy not found"}));
+    // It is made by this, and known from then on.
     EXPECT_EQ(mgr.UpdateCpuSet(Policy("U", 0, 1)), CGROUP_OK);
+    EXPECT_EQ(mgr.UpdateCgroup(Policy("U", 0, 1)), CGROUP_OK);
+    LogCapture::Clear();
     EXPECT_EQ(mgr.UpdateCgroup(Policy("T", 255, 0)), CGROUP_FAILED);
     EXPECT_EQ(Log(), (Texts{Begin("T, type=255, isEnable=0, isCfgOk_=1"),
                             "3 UpdateCgroup name=T policy type=255 invalid"}));

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -111,6 +112,11 @@ protected:
             GTEST_SKIP() << "none of the cores of this process counts as a core of the system";
         }
         LogCapture::Clear();
+    }
+
+    uint32_t StoreAndSet(int32_t pid, int32_t tid, const Cores& cores) {
+        std::string error;
+        return mgr_.StoreAndSetCoreAffinity(pid, tid, cores, error);
     }
 
     CoreAffinityMgr mgr_;
@@ -219,24 +225,23 @@ TEST_F(CoreAffinityTest, StoredPinnings) {
     const Sleeper sleeper;
     const std::string pid = to_string(getpid());
     const std::string tid = to_string(sleeper.Tid());
-    EXPECT_EQ(mgr_.StoreAndSetCoreAffinity(getpid(), sleeper.Tid(), {usable_[0]}), AFFINITY_OK);
+    EXPECT_EQ(StoreAndSet(getpid(), sleeper.Tid(), {usable_[0]}), AFFINITY_OK);
     EXPECT_EQ(CoresOf(sleeper.Tid()), Cores{usable_[0]});
-    EXPECT_EQ(mgr_.StoreAndSetCoreAffinity(getpid(), sleeper.Tid(), {CPU_NUM}), AFFINITY_REFUSED);
+    EXPECT_EQ(StoreAndSet(getpid(), sleeper.Tid(), {CPU_NUM}), AFFINITY_REFUSED);
     EXPECT_EQ(
         LogCapture::Lines().back(),
         (Fakes::LogLine{LOG_ERR, "SetCoreAffinityToOs fail" + sleeper.Ids() +
                                      ", errStr: SetCoreAffinity fail pid=" + tid + ", errno=22;"}));
     LogCapture::Clear();
     const std::string ids = "pid:" + pid + " tid:" + to_string(gone.Tid());
-    EXPECT_EQ(mgr_.StoreAndSetCoreAffinity(getpid(), gone.Tid(), {usable_[0]}),
-              AFFINITY_NO_THREAD_NAME);
+    EXPECT_EQ(StoreAndSet(getpid(), gone.Tid(), {usable_[0]}), AFFINITY_NO_THREAD_NAME);
     EXPECT_EQ(LogCapture::Lines(),
               (Lines{{LOG_INFO, "StoreAndSetCoreAffinity " + ids},
                      {LOG_ERR, "fopen /proc/" + pid + "/task/" + to_string(gone.Tid()) +
                                    "/status fail, errno: 2"},
                      {LOG_ERR, "GetThreadName fail, " + ids + ", errno: 2"}}));
 
-    EXPECT_TRUE(mgr_.Store(1, 1, {0}));
+    EXPECT_EQ(StoreAndSet(1, 1, {CPU_NUM}), AFFINITY_REFUSED);
     LogCapture::Clear();
     const std::string recycled = "RecycleThreadCoreInfo finished app: app, tid: ";
     for (const int32_t process : {getpid(), 1, 1}) {
@@ -252,10 +257,10 @@ TEST_F(CoreAffinityTest, WakeUpRecoverForgetsWhatIsNotThereAnyMore) {
     const Sleeper refused;
     const Sleeper kept(" ()\t\\:");
     for (const Sleeper* sleeper : {&std::as_const(dead), &renamed, &kept}) {
-        EXPECT_TRUE(mgr_.Store(getpid(), sleeper->Tid(), {usable_[0]}));
+        EXPECT_EQ(StoreAndSet(getpid(), sleeper->Tid(), {usable_[0]}), AFFINITY_OK);
     }
-    EXPECT_TRUE(mgr_.Store(getpid(), refused.Tid(), {CPU_NUM}));
-    EXPECT_TRUE(mgr_.Store(1, 1, {CPU_NUM}));
+    EXPECT_EQ(StoreAndSet(getpid(), refused.Tid(), {CPU_NUM}), AFFINITY_REFUSED);
+    EXPECT_EQ(StoreAndSet(1, 1, {CPU_NUM}), AFFINITY_REFUSED);
     dead.End();
     WriteFile("/proc/self/task/" + to_string(renamed.Tid()) + "/comm", "name with spac2");
 
@@ -292,7 +297,7 @@ TEST_F(CoreAffinityTest, WakeUpRecoverPinsAgain) {
     const Sleeper stored;
     const Sleeper stray;
     const Sleeper unknown;
-    EXPECT_EQ(mgr_.StoreAndSetCoreAffinity(getpid(), stored.Tid(), {own}), AFFINITY_OK);
+    EXPECT_EQ(StoreAndSet(getpid(), stored.Tid(), {own}), AFFINITY_OK);
     Pin(unknown.Tid(), own);
     mgr_.StoreStrays(getpid(), {own});  // all but the last one, that is where it should be
     for (const Sleeper* sleeper : {&stored, &stray, &unknown}) {
@@ -318,21 +323,16 @@ public:
         return filter == ManagedFilter::RUNNING_PRIORITY ? apps_ : std::vector<ManagedApp>{};
     }
     bool IsPresent(const ManagedApp&) override { return true; }
-    std::set<int32_t> FindNewTids(const ManagedApp& app, const std::set<int32_t>& tids) override {
-        std::set<int32_t> added = tids;
-        std::erase_if(added, [&](int32_t tid) { return noted_[app.name].contains(tid); });
-        return added;
-    }
     void NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) override {
-        noted_[app.name] = tids;
+        for (ManagedApp& noted : apps_) {
+            noted.notedTids = noted.name == app.name ? tids : noted.notedTids;
+        }
     }
     std::optional<std::string> GetNameOf(int32_t) override { return std::nullopt; }
     bool HasProcess(const std::string&) override { return true; }
+    bool IsKnown(const std::string&) override { return true; }
 
     std::vector<ManagedApp> apps_;
-
-private:
-    std::map<std::string, std::set<int32_t>> noted_;
 };
 
 // How often each id was written into a group.
@@ -369,8 +369,8 @@ TEST_F(CoreAffinityTest, NewThreadsArePlacedByTheCheck) {
     check.Run();
     EXPECT_EQ(CoresOf(late.Tid()), Cores{usable_[0]});
     for (const int32_t tid : {early.Tid(), late.Tid()}) {
-        EXPECT_EQ(Written("cpuset/CtrlCPU")[tid], 2);  // the daemon's, and of "default"
-        EXPECT_EQ(Written("cpu/OTHER")[tid], 2);
+        EXPECT_EQ(Written("cpuset/CtrlCPU")[tid], 1);  // the daemon's, so "default" has it
+        EXPECT_EQ(Written("cpu/OTHER")[tid], 1);
         EXPECT_EQ(Written("cpuset/set")[tid], 1);
         EXPECT_EQ(Written("cpu/group")[tid], 2);
     }
@@ -392,9 +392,13 @@ TEST_F(CoreAffinityTest, NewThreadsArePlacedByTheCheck) {
                   1U);
     }
     for (const std::string name : {"own", "default", "delayed", "lost"}) {
-        EXPECT_EQ(LogCapture::Contains(LOG_ERR, "app=" + name + ", pid=" + to_string(getpid()) +
-                                                    ", core affinity is not in ctrlcpu"),
-                  name == "delayed" || name == "lost");
+        const size_t checks = name == "delayed" || name == "lost" ? 3 : 0;
+        EXPECT_EQ(LogCapture::Count(LOG_ERR, "app=" + name + ", pid=" + to_string(getpid()) +
+                                                 ", core affinity is not in ctrlcpu"),
+                  checks);
+        EXPECT_EQ(LogCapture::Count(LOG_ERR, "CheckIsCtrlCpu app=" + name + ", coreId=" +
+                                                 to_string(CPU_NUM) + " is not in CtrlCpu"),
+                  checks);
     }
     apps.apps_.clear();
     fs::remove_all(ROOT + "cpu");
@@ -405,6 +409,38 @@ TEST_F(CoreAffinityTest, NewThreadsArePlacedByTheCheck) {
         (Fakes::LogLine{LOG_WARNING,
                         "Add pm tids to cgroup tasks failed, errinfo=" + missing +
                             "cpu/OTHER/tasks is not existed;, tid=" + to_string(last.Tid())}));
+}
+
+TEST_F(CoreAffinityTest, TheCheckMovesBackWhoWasMovedAndWritesNobodyWhoIsInPlace) {
+    if (usable_.size() < 2) {
+        GTEST_SKIP() << "needs two cores";
+    }
+    ProcMgrEnv::GetInstance().StorePid();
+    LayCpuset("CtrlCPU", to_string(usable_[0]));
+    LayCpuset("AICPU", to_string(usable_[1]));
+    CoreAffinityMgr::GetInstance().LoadCoreLists();
+    for (const std::string group : {"cpuset/CtrlCPU", "cpuset/AICPU", "cpu/OTHER"}) {
+        WriteFile(ROOT + group + "/tasks", "");
+    }
+    FakeManagedApps apps;
+    apps.apps_ = {{"ai", getpid(), {}, {usable_[1]}, "", "", "", false}};
+    AffinityCheck check(apps);
+    check.Start();
+    std::optional<Sleeper> replaced(std::in_place);
+    for (int pass = 0; pass < 3; ++pass) {
+        check.Run();
+        EXPECT_EQ(CoresOf(getpid()), Cores{usable_[1]}) << pass;
+        Pin(getpid(), usable_[pass == 0 ? 0 : 1]);
+    }
+    // To be pinned to these cores takes it to their cpuset: that is its place.
+    EXPECT_EQ(Written("cpuset/AICPU")[getpid()], 2);
+    EXPECT_EQ(Written("cpuset/CtrlCPU")[getpid()], 2);
+    EXPECT_EQ(Written("cpu/OTHER")[getpid()], 1);
+    replaced.reset();
+    const Sleeper late;
+    Pin(late.Tid(), usable_[0]);
+    check.Run();
+    EXPECT_EQ(CoresOf(late.Tid()), Cores{usable_[1]});
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <thread>
 
+#include "resource/device_worker.h"
 #include "tests/fakes/fake_device.h"
 #include "tests/fakes/log_capture.h"
 #include "tests/support/private_mounts.h"
@@ -48,6 +49,7 @@ protected:
     }
     // What the device was asked for since the last time.
     static Texts TakeCalls() {
+        DeviceWorker().Drain(SteadyTime::max());
         Texts calls = FakeDevice::Get().Calls();
         FakeDevice::Get().Reset();
         return calls;

@@ -14,6 +14,7 @@
 #include <optional>
 #include <thread>
 
+#include "resource/device_worker.h"
 #include "tests/fakes/fake_device.h"
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
@@ -33,21 +34,34 @@ using Record = std::vector<uint8_t>;
 
 constexpr uint64_t SEQUENCE = 0x123456789AULL;
 
-// A process that does nothing.
+// A process that does nothing, and a child of it that ends with it.
 class Child {
 public:
-    Child() : pid_(fork()) {
+    Child() {
+        int ends[2];
+        EXPECT_EQ(pipe(ends), 0);
+        pid_ = fork();
         if (pid_ == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL);
+            const pid_t child = fork();
+            if (child == 0) {
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
+                const pid_t own = getpid();
+                [[maybe_unused]] const ssize_t written = write(ends[1], &own, sizeof own);
+            }
             for (;;) {
                 pause();
             }
         }
+        EXPECT_EQ(read(ends[0], &its_, sizeof its_), ssize_t{sizeof its_});
+        close(ends[0]);
+        close(ends[1]);
     }
     ~Child() { End(); }
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
     pid_t Pid() const { return pid_; }
+    pid_t PidOfIts() const { return its_; }
     void End() {
         if (!isEnded_) {
             kill(pid_, SIGKILL);
@@ -57,25 +71,25 @@ public:
     }
 
 private:
-    const pid_t pid_;
+    pid_t pid_ = 0;
+    pid_t its_ = 0;
     bool isEnded_ = false;
 };
 
-// One application is managed: "camera".
+// One application is managed, "camera", and another one is configured, "stranger".
 class FakeApps : public ManagedApps {
 public:
     explicit FakeApps(pid_t camera) : camera_(camera) {}
     std::vector<ManagedApp> GetManagedApps(ManagedFilter /*filter*/) override { return {}; }
     bool IsPresent(const ManagedApp& /*app*/) override { return true; }
-    std::set<int32_t> FindNewTids(const ManagedApp& /*app*/,
-                                  const std::set<int32_t>& /*tids*/) override {
-        return {};
-    }
     void NoteTids(const ManagedApp& /*app*/, const std::set<int32_t>& /*tids*/) override {}
     std::optional<std::string> GetNameOf(int32_t pid) override {
         return pid == camera_ ? std::optional<std::string>("camera") : std::nullopt;
     }
     bool HasProcess(const std::string& name) override { return name == "camera"; }
+    bool IsKnown(const std::string& name) override {
+        return HasProcess(name) || name == "stranger";
+    }
 
 private:
     const pid_t camera_;
@@ -134,6 +148,7 @@ protected:
     }
     // Who joined which group: "GROUP PID ACCESS", by name.
     static Texts Joined() {
+        DeviceWorker().Drain(SteadyTime::max());
         const std::string begin = "halGrpAddProc ";
         Texts joined;
         for (const std::string& call : FakeDevice::Get().Calls()) {
@@ -171,6 +186,8 @@ TEST_F(UploadRegistryTest, OnlyTheTruthIsBelieved) {
     gone.End();
     const pid_t camera = camera_.Pid();
     const pid_t guest = guest_.Pid();
+    const pid_t crew = camera_.PidOfIts();
+    const pid_t party = guest_.PidOfIts();
     using Access = std::map<std::string, std::string>;  // by group
     const Access frames = {{"frames", "read-write"}};
     const Access both = {{"extra", "read"}, {"frames", "read"}};
@@ -190,6 +207,10 @@ TEST_F(UploadRegistryTest, OnlyTheTruthIsBelieved) {
         {guest, 0, {guest, "nobody", path_, {}}, REGISTERED, {}},
         {guest, 0, {guest, "viewer", path_, {"extra", "other", "new"}}, REGISTERED, extra},
         {guest, 0, {guest, "viewer", path_, {"other"}}, REGISTERED, {}},
+        {crew, 1000, {crew, "camera", path_, {}}, REGISTERED, frames},
+        {crew, 1000, {crew, "viewer", path_, {}}, REGISTERED, both},
+        {crew, 1000, {crew, "stranger", path_, {}}, NOT_ITS_NAME, {}},
+        {party, 1000, {party, "viewer", path_, {}}, NOT_ITS_NAME, {}},
         {camera, 0, {camera, "viewer", path_, {}}, NOT_ITS_NAME, {}},
         {guest, 0, {guest, "camera", path_, {}}, NOT_ITS_NAME, {}},
         {guest, 1000, {guest, "viewer", path_, {}}, NOT_ITS_NAME, {}},
@@ -312,15 +333,53 @@ TEST_F(UploadRegistryTest, RefusalsAreLoggedOnceASecond) {
 
 TEST_F(UploadRegistryTest, ServerEndpoint) {
     EXPECT_GT(FakeMuxa::Get().FdOf("pmupload"), 0);
-    FakeMuxa::Get().Push(FakeMuxa::Call::CLOSE, -16, 2);
-    registry_->Close();
-    EXPECT_EQ(FakeMuxa::Get().Closes().size(), 3U);
+    FakeMuxa::Get().Push(FakeMuxa::Call::CLOSE, -16, 10 + 2 + 1);
+    EXPECT_FALSE(registry_->Close(SteadyTime::max()));
+    EXPECT_EQ(FakeMuxa::Get().Closes().size(), 10U);
+    const SteadyTime end = std::chrono::steady_clock::now() + 30ms;
+    EXPECT_FALSE(registry_->Close(end));
+    EXPECT_EQ(FakeMuxa::Get().Closes().size(), 12U) << "one at once, one at the end";
+    EXPECT_LT(std::chrono::steady_clock::now() - end, 60ms);
+    EXPECT_TRUE(registry_->Close(SteadyTime::max()));
+    EXPECT_EQ(FakeMuxa::Get().Closes().size(), 14U);
     EXPECT_EQ(FakeMuxa::Get().OpenFds(), std::vector<int32_t>{});
 
     FakeMuxa::Get().Push(FakeMuxa::Call::OPEN, -11);
     EXPECT_FALSE(registry_->RegXCallBack());
-    registry_->Close();
-    EXPECT_EQ(FakeMuxa::Get().Closes().size(), 3U);
+    registry_->Close(SteadyTime::max());
+    EXPECT_EQ(FakeMuxa::Get().Closes().size(), 14U);
+}
+
+TEST_F(UploadRegistryTest, AnAnswerThatIsNotTakenIsTriedAgainAndHoldsUpNobody) {
+    constexpr auto RESPOND = FakeMuxa::Call::RESPOND;
+    FakeMuxa& muxa = FakeMuxa::Get();
+    const Record record = Make(camera_.Pid(), "camera");
+    const auto send = [&] { Send(record, camera_.Pid(), 0); };
+    // How many attempts there are in all, once no more are made.
+    const auto attempts = [&muxa] {
+        size_t before = 0;
+        while (before != muxa.Count(RESPOND)) {
+            before = muxa.Count(RESPOND);
+            std::this_thread::sleep_for(100ms);
+        }
+        return before;
+    };
+    muxa.Push(RESPOND, -11, 3);
+    send();
+    EXPECT_EQ(attempts(), 4U);
+    muxa.Push(RESPOND, -11);
+    muxa.Push(RESPOND, -32);
+    send();
+    EXPECT_EQ(attempts(), 6U) << "any other failure is the last";
+
+    muxa.SetDefault(RESPOND, -11);
+    send();
+    EXPECT_LT(muxa.Count(RESPOND), 100U) << "the callback does not wait";
+    send();  // one of a peer may wait
+    EXPECT_EQ(attempts(), 6U + 401 + 1);
+    send();
+    muxa.PeerGone(muxa.FdOf("pmupload"));
+    EXPECT_LT(attempts(), 6U + 401 + 1 + 100);
 }
 
 TEST_F(UploadRegistryTest, RequestsAndChecksAtOnce) {

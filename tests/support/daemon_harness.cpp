@@ -36,7 +36,8 @@ constexpr const char* COMMAND_LINE = "/run/kernel-command-line";
 
 // Between fork and exec: system calls only, the test has threads.
 [[noreturn]] void RunProgram(char* const* argv) {
-    if (unshare(CLONE_NEWNS) != 0 ||
+    // A session of its own: what signals its whole group does not meet the test.
+    if (setsid() < 0 || unshare(CLONE_NEWNS) != 0 ||
         mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0 ||
         mount(COMMAND_LINE, "/proc/cmdline", nullptr, MS_BIND, nullptr) != 0) {
         _exit(EXIT_NO_NAMESPACE);
@@ -44,6 +45,28 @@ constexpr const char* COMMAND_LINE = "/run/kernel-command-line";
     syscall(SYS_close_range, 3, ~0U, 0);
     execv(argv[0], argv);
     _exit(EXIT_NO_PROGRAM);
+}
+
+std::vector<char*> Argv(const std::string& program, const std::vector<std::string>& arguments) {
+    std::vector<char*> argv{const_cast<char*>(program.c_str())};
+    for (const std::string& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    return argv;
+}
+
+// The raw wait status; nothing when the process has not ended in time.
+std::optional<int> WaitFor(pid_t pid, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) != pid) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return std::nullopt;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return status;
 }
 
 }  // namespace
@@ -101,11 +124,7 @@ DaemonHarness::~DaemonHarness() {
 }
 
 bool DaemonHarness::Start(const std::vector<std::string>& arguments) {
-    std::vector<char*> argv{const_cast<char*>(program_.c_str())};
-    for (const std::string& argument : arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
+    std::vector<char*> argv = Argv(program_, arguments);
     const int own = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
     if (own < 0 || unshare(CLONE_NEWPID) != 0) {
         error_ = std::string("no PID namespace: ") + strerror(errno);
@@ -136,17 +155,33 @@ bool DaemonHarness::IsRunning() {
     return daemon_ > 0 && !WaitForExit(std::chrono::milliseconds(0));
 }
 
-std::optional<int> DaemonHarness::WaitForExit(std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!status_ && daemon_ > 0) {
-        int status = 0;
-        if (waitpid(daemon_, &status, WNOHANG) == daemon_) {
-            status_ = status;
-        } else if (std::chrono::steady_clock::now() >= deadline) {
-            break;
-        } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+std::optional<int> DaemonHarness::RunAgain(const std::vector<std::string>& arguments,
+                                           std::chrono::milliseconds timeout) const {
+    std::vector<char*> argv = Argv(program_, arguments);
+    const int own = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
+    const std::string path = "/proc/" + std::to_string(init_) + "/ns/pid";
+    const int inside = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    std::optional<int> status;
+    if (setns(inside, CLONE_NEWPID) == 0) {
+        const pid_t second = fork();
+        if (second == 0) {
+            RunProgram(argv.data());
         }
+        setns(own, CLONE_NEWPID);
+        status = second > 0 ? WaitFor(second, timeout) : std::nullopt;
+        if (second > 0 && !status) {
+            kill(second, SIGKILL);
+            waitpid(second, nullptr, 0);
+        }
+    }
+    close(inside);
+    close(own);
+    return status;
+}
+
+std::optional<int> DaemonHarness::WaitForExit(std::chrono::milliseconds timeout) {
+    if (!status_ && daemon_ > 0) {
+        status_ = WaitFor(daemon_, timeout);
     }
     return status_;
 }
@@ -154,10 +189,13 @@ std::optional<int> DaemonHarness::WaitForExit(std::chrono::milliseconds timeout)
 void DaemonHarness::KillAll() {
     if (init_ > 0) {
         kill(init_, SIGKILL);
-        waitpid(init_, nullptr, 0);
     }
+    // Process 1 does not end before the daemon has been waited for.
     if (daemon_ > 0 && !status_) {
         waitpid(daemon_, nullptr, 0);
+    }
+    if (init_ > 0) {
+        waitpid(init_, nullptr, 0);
     }
     init_ = daemon_ = -1;
 }

@@ -31,6 +31,10 @@ public:
 
     // Executes the daemon. False, with Error() set, when there is no process.
     bool Start(const std::vector<std::string>& arguments);
+    // Executes the program once more beside the daemon. The raw wait status; nothing when it had to
+    // be killed after `timeout`.
+    std::optional<int> RunAgain(const std::vector<std::string>& arguments,
+                                std::chrono::milliseconds timeout) const;
     void Signal(int signal) const;
     bool IsRunning();
     // As the test sees it, from outside the namespace.

@@ -157,25 +157,46 @@ bool SyslogSink::Listen() {
 }
 
 void SyslogSink::Collect() {
-    while (!stop_) {
+    using std::chrono::steady_clock;
+    for (auto last = steady_clock::now(); !stop_;) {
         pollfd readable{fd_, POLLIN, 0};
         constexpr int STOP_CHECK_MS = 50;
-        if (poll(&readable, 1, STOP_CHECK_MS) > 0) {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            DrainLocked();
+        constexpr std::chrono::milliseconds PAUSE_CHECK{10};
+        const bool any = poll(&readable, 1, STOP_CHECK_MS) > 0;
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (pause_.count() > 0 && steady_clock::now() - last < pause_) {
+            lock.unlock();
+            std::this_thread::sleep_for(PAUSE_CHECK);
+        } else if (any) {
+            last = steady_clock::now();
+            DrainLocked(pause_.count() > 0 ? 1 : SIZE_MAX);
         }
     }
 }
 
+void SyslogSink::SetPause(std::chrono::milliseconds pause) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    pause_ = pause;
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, SOCKET_PATH, sizeof(address.sun_path) - 1);
+    while (pause.count() > 0 &&
+           sendto(fd, "fill", 4, 0, reinterpret_cast<sockaddr*>(&address), sizeof(address)) > 0) {
+    }
+    close(fd);
+}
+
 // Readers drain the socket themselves as well: what was sent before they asked is then there,
 // whether or not the thread has run.
-void SyslogSink::DrainLocked() {
+void SyslogSink::DrainLocked(size_t most) {
     static std::array<char, MAX_DATAGRAM> buffer;
     if (fd_ < 0) {
         return;
     }
     bool any = false;
-    for (ssize_t got = 0; (got = recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0;) {
+    for (ssize_t got = 0;
+         most > 0 && (got = recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0; --most) {
         messages_.push_back(ParseSyslogLine({buffer.data(), static_cast<size_t>(got)}));
         any = true;
     }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -37,6 +38,10 @@ public:
     bool IsReady() const { return fd_ >= 0; }
     const std::string& Error() const { return error_; }
 
+    // From now on one line is taken each `pause`, and the queue is full at once; 0: all lines
+    // again. The functions below still take all that is there.
+    void SetPause(std::chrono::milliseconds pause);
+
     // Everything that was sent before the call, in order. Lines() has the texts only.
     std::vector<SyslogMessage> Messages();
     std::vector<std::string> Lines() { return LinesAt(ANY_LEVEL); }
@@ -55,12 +60,13 @@ private:
 
     bool Listen();
     void Collect();
-    void DrainLocked();
+    void DrainLocked(size_t most = SIZE_MAX);
 
     int fd_ = -1;
     std::string error_;
     std::atomic<bool> stop_{false};
-    std::mutex mutex_;  // guards messages_ and the reading of fd_
+    std::mutex mutex_;  // guards messages_, pause_ and the reading of fd_
+    std::chrono::milliseconds pause_{0};
     std::condition_variable arrived_;
     std::vector<SyslogMessage> messages_;
     std::thread thread_;

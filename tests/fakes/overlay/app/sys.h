@@ -26,6 +26,7 @@ int sched_yield();
 int setenv(const char* name, const char* value, int overwrite);
 int setgid(gid_t gid);
 int setgroups(size_t count, const gid_t* groups);
+pid_t setsid();
 int setuid(uid_t uid);
 int sigaction(int signal, const struct ::sigaction* action, struct ::sigaction* old);
 ssize_t write(int fd, const void* data, size_t count);

@@ -1,8 +1,9 @@
-#include "channel/muxa_retry.h"
+#include "main/muxa_retry.h"
 
+#include <algorithm>
 #include <chrono>
 
-#include "main/system.h"
+#include "main/mutex.h"
 
 namespace ProcMgr {
 namespace {
@@ -13,14 +14,19 @@ struct RetryRule {
     std::chrono::milliseconds pause;
 };
 
-constexpr RetryRule SEND_RULE{MUXA_TRY_AGAIN, 401, std::chrono::milliseconds(5)};
+constexpr RetryRule SEND_RULE{MUXA_TRY_AGAIN, SEND_ATTEMPTS, SEND_PAUSE};
 constexpr RetryRule CLOSE_RULE{MUXA_BUSY, 10, std::chrono::milliseconds(100)};
 
 template <typename Call>
-int Retry(const RetryRule& rule, Call call) {
+int Retry(const RetryRule& rule, Call call, SteadyTime end = SteadyTime::max()) {
+    MayWait("a peer");
     int result = call();
     for (int attempt = 1; attempt < rule.attempts && result == rule.result; ++attempt) {
-        SleepFor(rule.pause);
+        const std::chrono::nanoseconds left = end - std::chrono::steady_clock::now();
+        if (left <= left.zero()) {
+            break;
+        }
+        SleepFor(std::min<std::chrono::nanoseconds>(rule.pause, left));
         result = call();
     }
     return result;
@@ -45,7 +51,12 @@ int ProcMgrMuxaTimedRPCSync(int fd, MuxaRequest* request, MuxaResponse* response
 }
 
 int ProcMgrMuxaClosePipe(int fd) {
-    return Retry(CLOSE_RULE, [=] { return MuxaClosePipe(fd); });
+    return ProcMgrMuxaClosePipeBy(fd, SteadyTime::max());
+}
+
+int ProcMgrMuxaClosePipeBy(int fd, SteadyTime end) {
+    return Retry(
+        CLOSE_RULE, [=] { return MuxaClosePipe(fd); }, end);
 }
 
 }  // namespace ProcMgr

@@ -1,4 +1,4 @@
-#include "channel/muxa_retry.h"
+#include "main/muxa_retry.h"
 
 #include <gtest/gtest.h>
 

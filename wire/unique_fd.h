@@ -1,12 +1,14 @@
-// Owns one descriptor. Used inside the client library, and of use to the services that link it.
+// Owns one descriptor. Used by the platform libraries, the daemon and the client library, and of
+// use to the services that link the latter.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace ProcMgr::Agent {
+namespace Wire {
 
+// A negative number is none. Not thread-safe.
 class UniqueFd {
 public:
     UniqueFd() = default;
@@ -20,9 +22,13 @@ public:
         }
         return *this;
     }
+    UniqueFd(const UniqueFd&) = delete;
+    UniqueFd& operator=(const UniqueFd&) = delete;
 
     int Get() const { return fd_; }
     bool IsValid() const { return fd_ >= 0; }
+    // Gives the descriptor up without closing it.
+    int Release() { return std::exchange(fd_, -1); }
     void Reset() {
         if (fd_ >= 0) {
             close(fd_);
@@ -34,4 +40,4 @@ private:
     int fd_ = -1;
 };
 
-}  // namespace ProcMgr::Agent
+}  // namespace Wire

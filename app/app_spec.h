@@ -1,0 +1,94 @@
+// What a manifest says about one application, as one value: a record takes it whole, when a process
+// is started, and the configuration's present entry is kept beside the one that the process runs
+// by.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/manifest.h"
+
+namespace ProcMgr::App {
+
+// A record's scheduling policy, translated to the operating system's only when it is applied.
+enum class SchedPolicyType : uint32_t {
+    OTHER = 0,
+    BATCH = 1,
+    IDLE = 2,
+    FIFO = 3,
+    ROUND_ROBIN = 4,
+    NOT_SET = 5,
+};
+
+// The operating system's policy; SCHED_OTHER for what is not in the table.
+int ToSystemPolicy(SchedPolicyType policy);
+
+class AppSpec {
+public:
+    // A start-up priority that is none.
+    static constexpr int32_t NO_PRIORITY = -1;
+
+    AppSpec(const ApplicationManifest& manifest, const std::string& appName);
+
+    // Started by the daemon itself, and reported to the access manager.
+    bool IsPriority() const { return startupPriority_ != NO_PRIORITY; }
+
+    // Applies what a start request supplies: arguments, and by index the executable path, the
+    // virtual function id and environment entries. Nothing when the manifest has no patterns to be
+    // filled. False, with a log line, when a value does not match its pattern; the object is then
+    // not to be used.
+    bool UpdateDynamicPara(const std::vector<std::string>& argv,
+                           const std::map<int, std::vector<std::string>>& dynamicPara);
+    bool UpdateExecvPath(const std::vector<std::string>& values);
+    bool UpdateVfId(const std::vector<std::string>& values);
+    bool UpdateEnv(const std::vector<std::string>& values);
+
+    std::string appName_;
+    uint32_t uid_ = 0;
+    uint32_t gid_ = 0;
+    std::vector<uint32_t> coreAffinity_;
+    std::string resGroupName_;
+    std::string execPath_;
+    std::vector<std::string> arguments_;
+    std::map<std::string, std::string> envs_;
+    uint32_t termTimeout_ = 0;  // milliseconds
+    std::string securityCon_;
+    std::string cpuset_;
+    bool isReporting_ = false;  // base services
+    std::string restartPolicy_;
+    uint32_t nodeType_ = 0;
+    int32_t startupPriority_ = NO_PRIORITY;
+    bool isDelayCoreAffinity_ = false;
+    int32_t vfId_ = -1;
+    bool isDynamicPara_ = false;
+    std::string blkioGroupName_;
+    std::map<std::string, std::string> cgroupPath_;
+    uint32_t numaType_ = 0;
+    bool dynamicExecPath_ = false;
+    std::string execPathPattern_;
+    bool dynamicArguments_ = false;
+    std::map<std::string, std::string> envPatterns_;  // every configured entry
+    bool dynamicVfId_ = false;
+    std::string vfIdPattern_;
+    SchedPolicyType schedPolicy_ = SchedPolicyType::NOT_SET;
+    bool rtEnable_ = false;
+    int32_t rtPriority_ = -1;
+    int32_t nice_ = 0;
+    bool forceTerm_ = false;
+    std::vector<std::pair<std::string, std::string>> sharepoolGroups_;
+    bool heartBeatSwitch_ = false;
+    std::set<std::string> dependList_;  // base services
+    std::string startupEntryPath_;      // base services
+
+private:
+    // Applies the real-time settings and the core-affinity marker of a manifest.
+    void ApplyScheduling(const ApplicationManifest& manifest);
+    void ApplyRealTime(const ApplicationManifest& manifest);
+    void DetectDynamicParameters(const ApplicationManifest& manifest);
+};
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,18 @@
+// What is logged about the outcome of a report, once it is known.
+#pragma once
+
+#include <string>
+
+#include "channel/report_sender.h"
+
+namespace ProcMgr {
+
+void LogSent(const Report& report, const std::string& owner);
+// The owner has no open pipe.
+void LogNoPipe(const Report& report, const std::string& owner);
+// The messaging library has refused a record for good.
+void LogNotSent(const Report& report, const std::string& owner, int fd, int result);
+void LogNotPacked(const std::string& owner);
+void LogNotCombined(const std::string& owner);
+
+}  // namespace ProcMgr

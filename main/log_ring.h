@@ -1,0 +1,83 @@
+// A bounded queue of lines in one block of memory. The log's queue fills it under its lock; one
+// thread takes lines out. The memory is mapped at once and costs only the pages that lines have
+// touched: an empty ring starts at its first page again.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace ProcMgr {
+
+class LogRing {
+public:
+    // A ring of `size` bytes. Without memory every Reserve() is refused.
+    explicit LogRing(size_t size);
+    ~LogRing();
+    LogRing(const LogRing&) = delete;
+    LogRing& operator=(const LogRing&) = delete;
+
+    // Room for one line of at most `length` bytes behind the last one; null when there is none.
+    // The line is in the ring after Commit() with the length that was used.
+    char* Reserve(size_t length);
+    void Commit(size_t length, uint32_t second);
+
+    struct Line {
+        std::string_view text;  // followed by a NUL; stays in place until its Pop()
+        uint32_t second = 0;    // as given to Commit()
+    };
+    bool IsEmpty() const { return tail_ == head_; }
+    // Fills `lines` with the oldest lines; returns how many there are.
+    size_t Peek(std::span<Line> lines) const;
+    // Removes the oldest line. Only when the ring is not empty.
+    void Pop();
+
+    // Calls `take` for every line that can be read without a lock. For a signal handler of a
+    // process that is about to end: what another thread does at that moment may be missing.
+    template <typename Take>
+    void VisitInSignal(Take take) const {
+        for (uint64_t at = tail_, end = head_; at < end;) {
+            const Header* header = HeaderAt(at);
+            if (header->length == FILLER) {
+                at += size_ - at % size_;
+                continue;
+            }
+            if (header->length > size_) {
+                return;
+            }
+            take(std::string_view(TextOf(header), header->length));
+            at += Footprint(header->length);
+        }
+    }
+
+private:
+    struct Header {
+        uint32_t length;  // of the text, or FILLER: the next line is at the ring's first byte
+        uint32_t second;
+    };
+    static constexpr uint32_t FILLER = UINT32_MAX;
+
+    static size_t Footprint(size_t length) {
+        constexpr size_t ALIGNMENT = alignof(Header);
+        return (sizeof(Header) + length + 1 + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
+    }
+    Header* HeaderAt(uint64_t position) const {
+        return reinterpret_cast<Header*>(memory_ + position % size_);
+    }
+    static char* TextOf(Header* header) { return reinterpret_cast<char*>(header + 1); }
+    static const char* TextOf(const Header* header) {
+        return reinterpret_cast<const char*>(header + 1);
+    }
+    void SkipFiller();
+    void Restart();
+
+    const size_t size_;
+    char* memory_ = nullptr;
+    // Positions in bytes since the last restart; they only grow in between.
+    std::atomic<uint64_t> head_{0};
+    std::atomic<uint64_t> tail_{0};
+};
+
+}  // namespace ProcMgr
