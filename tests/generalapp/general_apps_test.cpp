@@ -343,10 +343,11 @@ TEST_F(GeneralAppsTest, ARequesterThatIsNotTheOwnerIsAnsweredInAnyCase) {
 
 TEST_F(GeneralAppsTest, ChangesOfPriorityApplicationsAreHeldBackInOrder) {
     isZornReady_ = false;
-    Load("  - {name: first, bin: /bin/true, startup_priority: 1}\n");
+    Load("  - {name: first, bin: /bin/sleep, args: ['60'], startup_priority: 1}\n");
     for (int start = 0; start < 40; ++start) {
         apps_.StartApp({{"first", {}, {}}}, "vintor");
         ASSERT_TRUE(CheckUntil("vintor first 0 0")) << "whoever asks is told";
+        kill(reports_.LastPid(), SIGKILL);
         ASSERT_TRUE(WaitUntil([&] {
             Check();
             return apps_.GetStates().empty();
