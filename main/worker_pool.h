@@ -1,5 +1,6 @@
 // Threads for jobs that may take long and must not hold each other up. A thread is started when a
-// job comes and ends when none is left.
+// job comes and ends when none is left. The number of jobs that wait is the callers' to bound; the
+// daemon posts one for each record at most.
 #pragma once
 
 #include <cstddef>
