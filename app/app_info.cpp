@@ -1,10 +1,10 @@
 #include "app/app_info.h"
 
+#include "app/app_spec.h"
 #include "app/exit_status.h"
 #include "app/signals.h"
-#include "main/constants.h"
-#include "main/log.h"
-#include "main/proc_mgr_env.h"
+#include "main/common/log.h"
+#include "main/common/proc_mgr_env.h"
 
 namespace ProcMgr::App {
 namespace {

@@ -28,7 +28,7 @@
 #include <vector>
 
 #include "app/app_spec.h"
-#include "main/system.h"
+#include "main/common/clock.h"
 #include "message/enum_names.h"
 #include "platform/manifest.h"
 

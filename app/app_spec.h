@@ -12,6 +12,21 @@
 
 #include "platform/manifest.h"
 
+namespace ProcMgr {
+
+// Services that the daemon treats specially: the runner of virtual functions and the access
+// manager.
+inline constexpr const char* PROC_VINTOR = "vintor";
+inline constexpr const char* PROC_ZORNMGR = "zornmgr";
+
+// Restart policies. Any other text means: never.
+inline constexpr const char* RESTART_ON_FAILURE = "on-failure";
+inline constexpr const char* RESTART_ON_FOREVER = "on-forever";
+inline constexpr const char* RESTART_ON_UNTIL_SUCCEED = "on-until-succeed";
+inline constexpr const char* RESTART_NO = "no";
+
+}  // namespace ProcMgr
+
 namespace ProcMgr::App {
 
 // A record's scheduling policy, translated to the operating system's only when it is applied.

@@ -1,10 +1,10 @@
 #include <sys/types.h>
 
 #include "app/app_info.h"
+#include "app/app_spec.h"
 #include "app/exit_status.h"
 #include "app/process_launcher.h"
-#include "main/constants.h"
-#include "main/log.h"
+#include "main/common/log.h"
 
 namespace ProcMgr::App {
 namespace {

@@ -8,12 +8,13 @@
 #include <climits>
 
 #include "app/sys.h"
-#include "main/constants.h"
-#include "main/signals.h"
+#include "main/common/daemon_signals.h"
 #include "resource/task_file.h"
 
 namespace ProcMgr::App {
 namespace {
+
+constexpr const char* ENV_PROC_PLANE = "PROC_PLANE";
 
 constexpr rlim_t REAL_TIME_LIMIT = 99;
 constexpr size_t ERROR_RESERVE = 2048;

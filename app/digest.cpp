@@ -14,7 +14,7 @@
 #include <string_view>
 #include <utility>
 
-#include "main/signals.h"
+#include "main/common/daemon_signals.h"
 
 namespace ProcMgr::App {
 namespace {

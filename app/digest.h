@@ -8,8 +8,8 @@
 #include <set>
 #include <string>
 
-#include "main/mutex.h"
-#include "main/system.h"
+#include "main/common/clock.h"
+#include "main/common/mutex.h"
 
 namespace ProcMgr::App {
 

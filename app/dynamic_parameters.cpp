@@ -2,7 +2,7 @@
 #include <climits>
 
 #include "app/app_spec.h"
-#include "main/log.h"
+#include "main/common/log.h"
 
 namespace ProcMgr::App {
 namespace {

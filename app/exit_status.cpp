@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 
-#include "main/log.h"
+#include "main/common/log.h"
 
 namespace ProcMgr::App {
 namespace {

@@ -2,7 +2,7 @@
 #include "app/exit_status.h"
 #include "app/process_launcher.h"
 #include "app/signals.h"
-#include "main/log.h"
+#include "main/common/log.h"
 
 namespace ProcMgr::App {
 

@@ -7,9 +7,9 @@
 #include <optional>
 #include <utility>
 
-#include "main/line_reader.h"
-#include "main/log.h"
-#include "main/system.h"
+#include "main/common/clock.h"
+#include "main/common/line_reader.h"
+#include "main/common/log.h"
 #include "wire/root_file.h"
 
 namespace ProcMgr::App {

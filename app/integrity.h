@@ -9,6 +9,8 @@
 
 namespace ProcMgr::App {
 
+inline constexpr const char* HASH_FILE = "/etc/vela/base-plat/process-manager/bin_hash.cfg";
+
 class IntegrityTable {
 public:
     // Reads the table, lines of NAME=DIGEST. Once, before the first start; without the file nothing

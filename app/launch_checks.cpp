@@ -7,9 +7,9 @@
 #include <array>
 #include <cerrno>
 
-#include "main/log.h"
-#include "main/mutex.h"
-#include "main/system.h"
+#include "main/common/log.h"
+#include "main/common/mutex.h"
+#include "main/common/paths.h"
 
 namespace ProcMgr::App {
 namespace {

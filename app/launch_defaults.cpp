@@ -3,17 +3,20 @@
 #include <sys/resource.h>
 
 #include <cerrno>
-#include <charconv>
 #include <string>
 #include <string_view>
 
-#include "main/constants.h"
-#include "main/line_reader.h"
-#include "main/log.h"
-#include "main/proc_mgr_env.h"
+#include "main/common/line_reader.h"
+#include "main/common/log.h"
+#include "main/common/numbers.h"
+#include "main/common/proc_mgr_env.h"
 
 namespace ProcMgr::App {
 namespace {
+
+constexpr const char* PASSWD_FILE = "/etc/passwd";
+constexpr const char* DEFAULT_OWNER = "1000:1000";
+constexpr const char* COMMON_ENV_FILE = "/etc/korin_common_env.conf";
 
 constexpr std::string_view LOCKED_MEMORY_KEY = "MAX_LOCKED_MEMORY_LIMIT=";
 constexpr std::string_view UNLIMITED = "unlimited";
@@ -27,8 +30,9 @@ bool ParseLimit(std::string_view text, rlim_t& limit) {
         limit = RLIM_INFINITY;
         return true;
     }
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), limit);
-    return error == std::errc() && end == text.data() + text.size();
+    const auto number = ParseNumber<rlim_t>(text);
+    limit = number.value_or(limit);
+    return number.has_value();
 }
 
 void ApplyLockedMemoryLimit(std::string_view value) {

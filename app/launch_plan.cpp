@@ -1,7 +1,7 @@
 #include "app/launch_plan.h"
 
-#include "main/constants.h"
-#include "main/proc_mgr_env.h"
+#include "app/app_spec.h"
+#include "main/common/proc_mgr_env.h"
 #include "resource/cgroup_mgr.h"
 
 namespace ProcMgr::App {

@@ -9,10 +9,9 @@
 #include "app/child_setup.h"
 #include "app/launch_checks.h"
 #include "app/sys.h"
-#include "main/boot_trace.h"
-#include "main/constants.h"
-#include "main/log.h"
-#include "main/proc_mgr_env.h"
+#include "main/common/boot_trace.h"
+#include "main/common/log.h"
+#include "main/common/proc_mgr_env.h"
 #include "resource/core_affinity_mgr.h"
 
 namespace ProcMgr::App {

@@ -11,7 +11,7 @@
 #include "app/integrity.h"
 #include "app/launch_plan.h"
 #include "app/user_groups.h"
-#include "main/worker_pool.h"
+#include "main/common/worker_pool.h"
 
 namespace ProcMgr::App {
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <utility>
 
-#include "main/log.h"
+#include "main/common/log.h"
 #include "platform/device.h"
 #include "platform/securec.h"
 #include "resource/device_worker.h"

@@ -11,9 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "main/mutex.h"
-#include "main/serial_worker.h"
-#include "main/system.h"
+#include "main/common/mutex.h"
+#include "main/common/serial_worker.h"
 
 namespace ProcMgr::App {
 

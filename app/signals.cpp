@@ -2,21 +2,22 @@
 
 #include <dirent.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <map>
+#include <optional>
 #include <string_view>
+#include <vector>
 
-#include "main/boot_trace.h"
-#include "main/constants.h"
-#include "main/line_reader.h"
-#include "main/log.h"
+#include "main/common/boot_trace.h"
+#include "main/common/log.h"
+#include "main/common/numbers.h"
+#include "main/common/proc_files.h"
 
 namespace ProcMgr::App {
 namespace {
+
+using namespace std::string_view_literals;
 
 constexpr const char* SCHEDULER_APP = "RqDaemon";
 constexpr const char* SCHEDULER_PROCESS = "rqdaemon";
@@ -44,41 +45,24 @@ void LogSent(int signal, const std::string& appName, int32_t pid) {
                appName.c_str(), pid);
 }
 
-using StatusMap = std::map<std::string, std::string>;
-
-// The lines "key:<white space>value" of a process's status file; empty when it is gone.
-StatusMap ReadStatus(const std::string& pid) {
-    StatusMap status;
-    LineReader file(PROC_DIR + pid + "/status");
-    while (const auto line = file.Next()) {
-        const size_t colon = line->find(':');
-        if (colon == std::string_view::npos) {
-            continue;
-        }
-        const size_t value = std::min(line->find_first_not_of(" \t", colon + 1), line->size());
-        status.insert_or_assign(std::string(line->substr(0, colon)), line->substr(value));
-    }
-    return status;
-}
-
-bool IsProcessName(const StatusMap& status, const std::string& name) {
-    const auto entry = status.find("Name");
-    return entry != status.end() && entry->second == name;
+// Name and parent of a process; nothing when it is gone.
+std::optional<std::vector<std::string>> ReadNameAndParent(const std::string& pid) {
+    return ReadStatusFields(PROC_DIR + pid + "/status", std::array{"Name"sv, "PPid"sv});
 }
 
 void KillWorker(const std::string& entryName, const std::string& rqdPid) {
-    const auto pid = static_cast<int32_t>(std::strtol(entryName.c_str(), nullptr, 10));
-    StatusMap status = ReadStatus(entryName);
-    if (!IsProcessName(status, SCHEDULER_PROCESS)) {
+    const auto pid = ParseNumber<int32_t>(entryName);
+    const auto fields = pid ? ReadNameAndParent(entryName) : std::nullopt;
+    if (!fields || fields->front() != SCHEDULER_PROCESS) {
         return;
     }
-    const std::string& parent = status["PPid"];
+    const std::string& parent = fields->back();
     if (parent != rqdPid && parent != INIT_PID) {
         return;
     }
     ProcMgrLog(LOG_INFO, "PROCMGR : TermRqdSubProc kill process %s(ppid=%s, pid=%d)",
-               SCHEDULER_PROCESS, parent.c_str(), pid);
-    SendSignal(SIGKILL, SCHEDULER_PROCESS, pid);
+               SCHEDULER_PROCESS, parent.c_str(), *pid);
+    SendSignal(SIGKILL, SCHEDULER_PROCESS, *pid);
 }
 
 // False when the processes cannot be listed.
@@ -125,7 +109,8 @@ void TermRqdSubProc(const std::string& appName, int32_t rqdPid) {
     ProcMgrLog(LOG_INFO, "%s, PROCMGR: TermRqdSubProc begin, rqdPid=%d",
                BootStrace(BOOT_TRACE_TAG).c_str(), rqdPid);
     const std::string pid = std::to_string(rqdPid);
-    if (!IsProcessName(ReadStatus(pid), SCHEDULER_PROCESS)) {
+    const auto fields = ReadNameAndParent(pid);
+    if (!fields || fields->front() != SCHEDULER_PROCESS) {
         ProcMgrLog(LOG_ERR, "PROCMGR : TermRqdSubProc failed: appName %s's pid=%d is invalid",
                    appName.c_str(), rqdPid);
         return;

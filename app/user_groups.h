@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "main/mutex.h"
-#include "main/system.h"
+#include "main/common/clock.h"
+#include "main/common/mutex.h"
 
 namespace ProcMgr::App {
 

@@ -4,8 +4,7 @@
 #include <utility>
 
 #include "app/sensor_node_event_reporter.h"
-#include "main/constants.h"
-#include "main/log.h"
+#include "main/common/log.h"
 
 namespace ProcMgr {
 

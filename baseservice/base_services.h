@@ -24,8 +24,8 @@
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
 #include "baseservice/reported_state.h"
-#include "main/check_requests.h"
-#include "main/mutex.h"
+#include "main/common/check_requests.h"
+#include "main/common/mutex.h"
 #include "message/request_msg.h"
 
 namespace ProcMgr {

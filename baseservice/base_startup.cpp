@@ -4,10 +4,10 @@
 #include <chrono>
 #include <utility>
 
-#include "main/boot_trace.h"
-#include "main/constants.h"
-#include "main/log.h"
-#include "main/system.h"
+#include "app/app_spec.h"
+#include "main/common/boot_trace.h"
+#include "main/common/clock.h"
+#include "main/common/log.h"
 
 namespace ProcMgr {
 namespace {

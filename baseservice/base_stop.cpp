@@ -5,7 +5,7 @@
 
 #include "app/signals.h"
 #include "baseservice/base_services.h"
-#include "main/log.h"
+#include "main/common/log.h"
 
 namespace ProcMgr {
 void BaseServices::StopAll() {

@@ -6,8 +6,7 @@
 
 #include "app/sensor_node_event_reporter.h"
 #include "baseservice/base_services.h"
-#include "main/constants.h"
-#include "main/log.h"
+#include "main/common/log.h"
 #include "platform/heartbeat.h"
 
 namespace ProcMgr {

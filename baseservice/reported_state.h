@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "main/mutex.h"
+#include "main/common/mutex.h"
 
 namespace ProcMgr {
 

@@ -5,9 +5,9 @@
 #include <stdexcept>
 
 #include "baseservice/watchdog_sys.h"
-#include "main/line_reader.h"
-#include "main/log.h"
-#include "main/proc_mgr_env.h"
+#include "main/common/line_reader.h"
+#include "main/common/log.h"
+#include "main/common/proc_mgr_env.h"
 
 namespace ProcMgr {
 namespace {

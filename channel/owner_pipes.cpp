@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <utility>
 
-#include "main/constants.h"
-#include "main/log.h"
-#include "main/muxa_retry.h"
+#include "main/common/log.h"
+#include "main/common/muxa_retry.h"
+#include "main/common/proc_mgr_env.h"
 
 namespace ProcMgr {
 namespace {

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "app/owner_link.h"
-#include "main/mutex.h"
-#include "main/system.h"
+#include "main/common/clock.h"
+#include "main/common/mutex.h"
 #include "platform/messaging.h"
 
 namespace ProcMgr {

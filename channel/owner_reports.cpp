@@ -5,10 +5,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "app/app_spec.h"
 #include "channel/report_log.h"
-#include "main/boot_trace.h"
-#include "main/constants.h"
-#include "main/log.h"
+#include "main/common/boot_trace.h"
+#include "main/common/log.h"
 #include "message/enum_names.h"
 #include "message/serialization.h"
 #include "resource/core_affinity_mgr.h"

@@ -4,9 +4,8 @@
 
 #include <algorithm>
 
-#include "main/boot_trace.h"
-#include "main/constants.h"
-#include "main/log.h"
+#include "main/common/boot_trace.h"
+#include "main/common/log.h"
 #include "message/enum_names.h"
 
 namespace ProcMgr {

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "channel/report_log.h"
-#include "main/log.h"
-#include "main/muxa_retry.h"
+#include "main/common/log.h"
+#include "main/common/muxa_retry.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {

@@ -19,8 +19,8 @@
 #include <vector>
 
 #include "channel/owner_pipes.h"
-#include "main/mutex.h"
-#include "main/system.h"
+#include "main/common/clock.h"
+#include "main/common/mutex.h"
 #include "message/request_msg.h"
 
 namespace ProcMgr {

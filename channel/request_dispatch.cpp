@@ -5,8 +5,8 @@
 #include <cstring>
 #include <memory>
 
-#include "main/log.h"
-#include "main/muxa_retry.h"
+#include "main/common/log.h"
+#include "main/common/muxa_retry.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {

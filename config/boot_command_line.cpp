@@ -2,17 +2,17 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <vector>
 
-#include "main/constants.h"
-#include "main/log.h"
-#include "main/proc_mgr_env.h"
-#include "main/system.h"
+#include "main/common/log.h"
+#include "main/common/numbers.h"
+#include "main/common/paths.h"
+#include "main/common/proc_files.h"
+#include "main/common/proc_mgr_env.h"
 
 namespace ProcMgr {
 namespace {
@@ -76,13 +76,6 @@ std::vector<std::string> KeywordsOf(const std::string& cfgPath) {
         }
     }
     return keywords;
-}
-
-std::optional<int32_t> ParseNumber(std::string_view text) {
-    int32_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    const bool isWhole = error == std::errc() && end == text.data() + text.size();
-    return isWhole ? std::optional(number) : std::nullopt;
 }
 
 // A device-tree cell is a big-endian number of 32 bits.
@@ -203,7 +196,7 @@ int32_t ReadSlotId() {
     }
     const size_t begin = found + key.size();
     const size_t end = std::min(text.find(' ', begin), text.size());
-    return ParseNumber(std::string_view(text).substr(begin, end - begin)).value_or(0);
+    return ParseNumber<int32_t>(std::string_view(text).substr(begin, end - begin)).value_or(0);
 }
 
 }  // namespace ProcMgr

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <string_view>
 
-#include "main/log.h"
+#include "main/common/log.h"
 #include "message/enum_names.h"
 
 namespace ProcMgr {

@@ -8,6 +8,8 @@
 
 namespace ProcMgr {
 
+inline constexpr const char* SETTINGS_FILE = "/etc/vela/base-plat/process-manager/procmgr_cfg.yaml";
+
 struct ProcMgrSettings {
     bool watchDogEnable = false;
     std::string watchDogTimeout = "60";  // decimal digits, seconds

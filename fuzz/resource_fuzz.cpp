@@ -10,8 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "main/constants.h"
-#include "main/log.h"
+#include "main/common/log.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/cpuset_file.h"
 #include "tests/support/private_mounts.h"

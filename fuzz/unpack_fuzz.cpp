@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "main/log.h"
+#include "main/common/log.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {

@@ -4,11 +4,11 @@
 #include <chrono>
 #include <utility>
 
+#include "app/app_spec.h"
 #include "app/sensor_node_event_reporter.h"
 #include "generalapp/general_apps.h"
-#include "main/boot_trace.h"
-#include "main/constants.h"
-#include "main/log.h"
+#include "main/common/boot_trace.h"
+#include "main/common/log.h"
 
 namespace ProcMgr {
 

@@ -7,10 +7,10 @@
 #include <set>
 #include <utility>
 
+#include "app/app_spec.h"
 #include "app/sensor_node_event_reporter.h"
 #include "app/signals.h"
-#include "main/constants.h"
-#include "main/log.h"
+#include "main/common/log.h"
 
 namespace ProcMgr {
 

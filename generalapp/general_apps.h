@@ -20,8 +20,8 @@
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
 #include "generalapp/startup_config.h"
-#include "main/check_requests.h"
-#include "main/mutex.h"
+#include "main/common/check_requests.h"
+#include "main/common/mutex.h"
 #include "message/request_msg.h"
 
 namespace ProcMgr {

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "app/app_spec.h"
-#include "main/log.h"
-#include "main/system.h"
+#include "main/common/log.h"
+#include "main/common/paths.h"
 
 namespace ProcMgr {
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "main/mutex.h"
+#include "main/common/mutex.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr {

@@ -12,15 +12,14 @@
 #include <optional>
 #include <string>
 
-#include "main/boot_trace.h"
-#include "main/constants.h"
-#include "main/instance_lock.h"
-#include "main/log.h"
-#include "main/proc_mgr_env.h"
+#include "main/common/boot_trace.h"
+#include "main/common/daemon_signals.h"
+#include "main/common/instance_lock.h"
+#include "main/common/log.h"
+#include "main/common/paths.h"
+#include "main/common/proc_mgr_env.h"
+#include "main/common/threads.h"
 #include "main/process_manager.h"
-#include "main/signals.h"
-#include "main/system.h"
-#include "main/threads.h"
 #include "platform/access_manager.h"
 #include "platform/diagnostics.h"
 

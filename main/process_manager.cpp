@@ -10,23 +10,27 @@
 #include <memory>
 #include <utility>
 
+#include "app/app_spec.h"
+#include "app/integrity.h"
 #include "app/launch_defaults.h"
 #include "app/sensor_node_event_reporter.h"
-#include "main/boot_trace.h"
-#include "main/constants.h"
-#include "main/log.h"
-#include "main/proc_mgr_env.h"
-#include "main/signals.h"
-#include "main/system.h"
+#include "config/settings.h"
+#include "main/common/boot_trace.h"
+#include "main/common/clock.h"
+#include "main/common/daemon_signals.h"
+#include "main/common/log.h"
+#include "main/common/proc_mgr_env.h"
 #include "platform/heartbeat.h"
 #include "platform/power.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/device_worker.h"
+#include "resource/share_pool.h"
 
 namespace ProcMgr {
 namespace {
 
+constexpr const char* QUICK_START_MARKER = "/sys/fs/cgroup/notify_pm_done";
 constexpr std::chrono::milliseconds CONTINUE_LOOK{5};
 constexpr int CONTINUE_LOOKS_MAX = 2000;
 constexpr std::chrono::milliseconds POWER_LOOK{1};
@@ -121,7 +125,7 @@ bool ProcessManager::Init() {
     bootCommandLine_.Read();
     env.CreateChildErrorPipe();
     sharePool_.Load(SHARE_POOL_DIRECTORY);
-    launcher_.LoadIntegrityTable(HASH_FILE);
+    launcher_.LoadIntegrityTable(App::HASH_FILE);
     UpdateStartupYaml();
     App::SetLockedMemoryLimit();
     App::InquireHomeEnvVariable();

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <sstream>
 
-#include "main/log.h"
+#include "main/common/log.h"
 #include "platform/securec.h"
 
 namespace ProcMgr::Serialization {

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <type_traits>
 
-#include "main/log.h"
+#include "main/common/log.h"
 #include "message/serialization.h"
 
 namespace ProcMgr::Serialization {

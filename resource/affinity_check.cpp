@@ -7,9 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "main/constants.h"
-#include "main/log.h"
-#include "main/proc_mgr_env.h"
+#include "main/common/log.h"
+#include "main/common/proc_mgr_env.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
 

@@ -12,9 +12,9 @@
 #include <memory>
 #include <string_view>
 
-#include "main/constants.h"
-#include "main/line_reader.h"
-#include "main/log.h"
+#include "main/common/line_reader.h"
+#include "main/common/log.h"
+#include "main/common/proc_files.h"
 #include "resource/cgroup_mgr.h"
 
 namespace ProcMgr {

@@ -6,16 +6,15 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
 
-#include "main/constants.h"
-#include "main/line_reader.h"
-#include "main/log.h"
+#include "main/common/line_reader.h"
+#include "main/common/log.h"
+#include "main/common/numbers.h"
 #include "resource/task_file.h"
 
 namespace ProcMgr {
@@ -110,9 +109,7 @@ int32_t CgroupMgr::ComputeQuota(const std::string& group, int32_t percentage) {
     if (!file.IsOpen()) {
         ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr open %s fail", path.c_str());
     }
-    const std::string_view line = file.Next().value_or("");
-    int32_t period = 0;
-    std::from_chars(line.data(), line.data() + line.size(), period);
+    const auto period = ParseLeadingNumber<int32_t>(file.Next().value_or("")).value_or(0);
     const int64_t share = int64_t{period} * percentage;
     if (!FitsInt32(share)) {
         return QUOTA_MIN;

@@ -1,20 +1,17 @@
 #include "resource/core_affinity_mgr.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <memory>
 #include <new>
 
-#include "main/constants.h"
-#include "main/line_reader.h"
-#include "main/log.h"
+#include "main/common/log.h"
+#include "main/common/proc_files.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/cpuset_file.h"
 #include "resource/task_file.h"
@@ -24,35 +21,22 @@ namespace {
 
 constexpr const char* CTRL_CPUS = "/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus";
 constexpr const char* AI_CPUS = "/sys/fs/cgroup/cpuset/AICPU/cpuset.cpus";
-constexpr std::string_view NAME_KEY = "Name:";
+constexpr std::string_view NAME_KEY = "Name";
 constexpr size_t THREAD_NAME_MAX = 16;
-
-using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
 
 bool Contains(const std::vector<uint32_t>& cores, uint32_t core) {
     return std::find(cores.begin(), cores.end(), core) != cores.end();
 }
 
-std::string TaskDirectory(int32_t pid) {
-    return PROC_DIR + std::to_string(pid) + "/task/";
-}
-
 // As the kernel reports it; nothing when the thread is gone.
 std::optional<std::string> GetThreadName(int32_t pid, int32_t tid) {
-    const std::string path = TaskDirectory(pid) + std::to_string(tid) + "/status";
-    LineReader file(path);
-    if (!file.IsOpen()) {
+    const std::string path = ThreadPath(pid, tid, "status");
+    const auto fields = ReadStatusFields(path, std::array{NAME_KEY});
+    if (!fields) {
         ProcMgrSysLog(LOG_ERR, "fopen %s fail, errno: %d", path.c_str(), errno);
         return std::nullopt;
     }
-    while (auto line = file.Next()) {
-        if (line->starts_with(NAME_KEY)) {
-            line->remove_prefix(NAME_KEY.size());
-            line->remove_prefix(std::min(line->find_first_not_of(" \t"), line->size()));
-            return std::string(line->substr(0, THREAD_NAME_MAX));
-        }
-    }
-    return std::nullopt;
+    return fields->front().substr(0, THREAD_NAME_MAX);
 }
 
 // Never unmapped: children may still read it.
@@ -300,19 +284,9 @@ bool CoreAffinityMgr::HasCores(int32_t tid, const std::optional<CoreMask>& mask)
 }
 
 bool CoreAffinityMgr::GetTids(int32_t pid, std::set<int32_t>& tids) {
-    const std::string path = TaskDirectory(pid);
-    const Directory directory(opendir(path.c_str()), closedir);
-    if (directory == nullptr) {
-        ProcMgrSysLog(LOG_ERR, "opendir %s fail, errno: %d", path.c_str(), errno);
+    if (!ReadThreadIds(pid, tids)) {
+        ProcMgrSysLog(LOG_ERR, "opendir %s fail, errno: %d", ProcPath(pid, "task/").c_str(), errno);
         return false;
-    }
-    while (const dirent* entry = readdir(directory.get())) {
-        const char first = entry->d_name[0];
-        if (first >= '0' && first <= '9') {
-            constexpr int DECIMAL = 10;
-            const long tid = std::strtol(entry->d_name, nullptr, DECIMAL);
-            tids.insert(static_cast<int32_t>(tid));
-        }
     }
     return true;
 }

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "main/mutex.h"
+#include "main/common/mutex.h"
 
 namespace ProcMgr {
 

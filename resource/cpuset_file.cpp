@@ -1,10 +1,10 @@
 #include "resource/cpuset_file.h"
 
 #include <algorithm>
-#include <charconv>
 
-#include "main/line_reader.h"
-#include "main/log.h"
+#include "main/common/line_reader.h"
+#include "main/common/log.h"
+#include "main/common/numbers.h"
 
 namespace ProcMgr {
 namespace {
@@ -56,9 +56,8 @@ std::vector<uint32_t> ParseList(std::string_view line) {
         const size_t comma = std::min(line.find(','), line.size());
         std::string_view piece = line.substr(0, comma);
         piece.remove_prefix(std::min(piece.find_first_not_of(" \t"), piece.size()));
-        int32_t core = 0;
-        if (std::from_chars(piece.data(), piece.data() + piece.size(), core).ec == std::errc()) {
-            cores.push_back(static_cast<uint32_t>(core));
+        if (const auto core = ParseLeadingNumber<int32_t>(piece)) {
+            cores.push_back(static_cast<uint32_t>(*core));
         }
         line.remove_prefix(std::min(comma + 1, line.size()));
     }

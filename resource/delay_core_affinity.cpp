@@ -9,10 +9,10 @@
 #include <set>
 #include <vector>
 
-#include "main/boot_trace.h"
-#include "main/constants.h"
-#include "main/log.h"
-#include "main/proc_mgr_env.h"
+#include "main/common/boot_trace.h"
+#include "main/common/log.h"
+#include "main/common/proc_files.h"
+#include "main/common/proc_mgr_env.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/cpuset_file.h"
@@ -154,8 +154,7 @@ uint32_t DelayCoreAffinity::Pin(const ManagedApp& app, int32_t tid, std::string&
     if (ret == AFFINITY_OK) {
         return ret;
     }
-    const std::string thread = PROC_DIR + std::to_string(app.pid) + "/task/" + std::to_string(tid);
-    if (access(thread.c_str(), F_OK) != 0) {
+    if (access(ThreadPath(app.pid, tid).c_str(), F_OK) != 0) {
         return AFFINITY_OK;  // it has ended: nothing is left to pin
     }
     error += reason;

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "main/mutex.h"
+#include "main/common/mutex.h"
 #include "message/delay_core_affinity.h"
 #include "resource/managed_apps.h"
 

@@ -2,7 +2,7 @@
 // in the order in which they were asked for.
 #pragma once
 
-#include "main/serial_worker.h"
+#include "main/common/serial_worker.h"
 
 namespace ProcMgr {
 

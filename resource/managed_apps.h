@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "main/system.h"
+#include "main/common/clock.h"
 
 namespace ProcMgr {
 

@@ -3,15 +3,15 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <filesystem>
 #include <optional>
 #include <string_view>
 #include <system_error>
 
-#include "main/log.h"
-#include "main/system.h"
+#include "main/common/log.h"
+#include "main/common/numbers.h"
+#include "main/common/paths.h"
 #include "platform/device.h"
 #include "resource/device_worker.h"
 
@@ -39,10 +39,7 @@ std::string TextOf(const KvsTypeYaml& node, const std::string& key) {
 
 // Bytes; 0 for what is no number of them.
 uint64_t ParseSize(const std::string& text) {
-    uint64_t size = 0;
-    const char* end = text.data() + text.size();
-    const auto parsed = std::from_chars(text.data(), end, size);
-    return parsed.ec == std::errc() && parsed.ptr == end ? size : 0;
+    return ParseNumber<uint64_t>(text).value_or(0);
 }
 
 // Nothing when an entry of the list is not a member.

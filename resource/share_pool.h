@@ -9,10 +9,12 @@
 #include <utility>
 #include <vector>
 
-#include "main/mutex.h"
+#include "main/common/mutex.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr {
+
+inline constexpr const char* SHARE_POOL_DIRECTORY = "/etc/sharepool";
 
 // The groups that one process is to join.
 struct SharePoolPlan {

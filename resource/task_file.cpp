@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 
-#include "main/line_reader.h"
+#include "main/common/line_reader.h"
+#include "main/common/numbers.h"
 
 namespace ProcMgr {
 
@@ -50,9 +50,7 @@ const std::optional<TaskFiles::Ids>& TaskFiles::Read(const std::string& path) {
     }
     Ids& ids = entry->second.emplace();
     while (const auto line = file.Next()) {
-        int32_t tid = 0;
-        std::from_chars(line->data(), line->data() + line->size(), tid);
-        ids.push_back(tid);
+        ids.push_back(ParseLeadingNumber<int32_t>(*line).value_or(0));
     }
     // The kernel does not promise an order.
     std::sort(ids.begin(), ids.end());

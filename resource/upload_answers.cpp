@@ -3,7 +3,7 @@
 #include <new>
 #include <utility>
 
-#include "main/muxa_retry.h"
+#include "main/common/muxa_retry.h"
 
 namespace ProcMgr {
 namespace {

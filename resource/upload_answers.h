@@ -7,9 +7,9 @@
 #include <map>
 #include <memory>
 
-#include "main/mutex.h"
-#include "main/serial_worker.h"
-#include "main/system.h"
+#include "main/common/clock.h"
+#include "main/common/mutex.h"
+#include "main/common/serial_worker.h"
 #include "platform/messaging.h"
 
 namespace ProcMgr {

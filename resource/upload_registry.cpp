@@ -6,17 +6,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <csignal>
 #include <optional>
 #include <span>
 #include <string_view>
 
-#include "main/constants.h"
-#include "main/line_reader.h"
-#include "main/log.h"
-#include "main/muxa_retry.h"
+#include "main/common/log.h"
+#include "main/common/muxa_retry.h"
+#include "main/common/proc_files.h"
 #include "resource/device_worker.h"
 #include "wire/peer_process.h"
 
@@ -37,35 +35,9 @@ constexpr std::chrono::seconds JOIN_PATIENCE{1};
 // Anyone can send records that are refused.
 constexpr std::chrono::seconds REFUSAL_LINE_PAUSE{1};
 
-std::string ProcPath(int32_t pid, const char* file) {
-    return PROC_DIR + std::to_string(pid) + file;
-}
-
-// When the process was started, in clock ticks since boot: field 22 of its stat line, counted from
-// the one behind the name, which is the 3rd. Nothing when it is gone.
-std::optional<uint64_t> ReadStartTicks(int32_t pid) {
-    constexpr int FIELDS_BEFORE = 22 - 3;
-    LineReader file(ProcPath(pid, "/stat"));
-    auto line = file.Next();
-    const size_t nameEnd = line ? line->rfind(')') : std::string_view::npos;
-    if (nameEnd == std::string_view::npos || nameEnd + 2 > line->size()) {
-        return std::nullopt;
-    }
-    line->remove_prefix(nameEnd + 2);
-    for (int field = 0; field < FIELDS_BEFORE; ++field) {
-        line->remove_prefix(std::min(line->find(' '), line->size() - 1) + 1);
-        if (line->empty()) {
-            return std::nullopt;
-        }
-    }
-    uint64_t ticks = 0;
-    const auto parsed = std::from_chars(line->data(), line->data() + line->size(), ticks);
-    return parsed.ec == std::errc() ? std::optional(ticks) : std::nullopt;
-}
-
 bool IsExecutableOf(int32_t pid, const std::string& path) {
     std::array<char, PATH_MAX> target{};
-    const ssize_t length = readlink(ProcPath(pid, "/exe").c_str(), target.data(), target.size());
+    const ssize_t length = readlink(ProcPath(pid, "exe").c_str(), target.data(), target.size());
     return length > 0 && std::string_view(target.data(), static_cast<size_t>(length)) == path;
 }
 

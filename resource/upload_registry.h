@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "main/mutex.h"
+#include "main/common/mutex.h"
 #include "message/upload_record.h"
 #include "platform/messaging.h"
 #include "resource/managed_apps.h"

@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-#include "main/mutex.h"
+#include "main/common/mutex.h"
 
 namespace ProcMgr {
 

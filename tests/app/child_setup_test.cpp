@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "app/process_launcher.h"
-#include "main/signals.h"
+#include "main/common/daemon_signals.h"
 #include "resource/cgroup_mgr.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/fake_access_manager.h"

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "tests/fakes/log_capture.h"
-#include "tests/main/isolated.h"
+#include "tests/support/isolated.h"
 
 namespace ProcMgr::App {
 namespace {

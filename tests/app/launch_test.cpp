@@ -10,13 +10,13 @@
 #include <thread>
 
 #include "app/process_launcher.h"
-#include "main/log.h"
-#include "main/proc_mgr_env.h"
-#include "main/signals.h"
+#include "main/common/daemon_signals.h"
+#include "main/common/log.h"
+#include "main/common/proc_mgr_env.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/fake_access_manager.h"
 #include "tests/fakes/log_capture.h"
-#include "tests/main/isolated.h"
+#include "tests/support/isolated.h"
 
 namespace ProcMgr::App {
 namespace {

@@ -8,7 +8,7 @@
 #include "resource/device_worker.h"
 #include "tests/fakes/fake_device.h"
 #include "tests/fakes/log_capture.h"
-#include "tests/main/isolated.h"
+#include "tests/support/isolated.h"
 
 namespace ProcMgr::App {
 namespace {

@@ -13,7 +13,7 @@
 #include "app/app_info.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/log_capture.h"
-#include "tests/main/isolated.h"
+#include "tests/support/isolated.h"
 
 namespace ProcMgr::App {
 namespace {

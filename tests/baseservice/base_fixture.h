@@ -20,11 +20,11 @@
 #include <thread>
 #include <vector>
 
+#include "app/reaper.h"
 #include "baseservice/base_services.h"
 #include "baseservice/base_startup.h"
 #include "channel/owner_pipes.h"
 #include "channel/owner_reports.h"
-#include "generalapp/reaper.h"
 #include "platform/host/manifest_data.h"
 #include "tests/fakes/fake_heartbeat.h"
 #include "tests/fakes/fake_muxa.h"

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "baseservice/watchdog_sys.h"
-#include "main/proc_mgr_env.h"
+#include "main/common/proc_mgr_env.h"
 #include "tests/fakes/log_capture.h"
-#include "tests/main/isolated.h"
+#include "tests/support/isolated.h"
 
 namespace ProcMgr {
 namespace {

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "main/proc_mgr_env.h"
+#include "main/common/proc_mgr_env.h"
 #include "tests/fakes/log_capture.h"
-#include "tests/main/isolated.h"
+#include "tests/support/isolated.h"
 
 namespace ProcMgr {
 namespace {

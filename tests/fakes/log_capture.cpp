@@ -10,7 +10,7 @@
 #include <ostream>
 #include <utility>
 
-#include "main/log_queue.h"
+#include "main/common/log_queue.h"
 
 namespace ProcMgr::Fakes {
 

@@ -16,8 +16,8 @@
 #include <mutex>
 #include <thread>
 
+#include "app/reaper.h"
 #include "app/sensor_node_event_reporter.h"
-#include "generalapp/reaper.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/device_worker.h"
 #include "tests/fakes/fake_device.h"

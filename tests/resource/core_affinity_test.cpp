@@ -13,13 +13,13 @@
 #include <thread>
 #include <vector>
 
-#include "main/proc_mgr_env.h"
+#include "main/common/proc_mgr_env.h"
 #include "resource/affinity_check.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/cpuset_file.h"
 #include "tests/fakes/log_capture.h"
-#include "tests/main/isolated.h"
+#include "tests/support/isolated.h"
 
 namespace ProcMgr {
 namespace {

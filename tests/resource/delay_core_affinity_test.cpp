@@ -12,11 +12,11 @@
 #include <future>
 #include <set>
 
-#include "main/proc_mgr_env.h"
+#include "main/common/proc_mgr_env.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/wake_up_watch.h"
 #include "tests/fakes/log_capture.h"
-#include "tests/main/isolated.h"
+#include "tests/support/isolated.h"
 
 namespace ProcMgr {
 namespace {

@@ -1,0 +1,70 @@
+#include "app/reaper.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "app/exit_status.h"
+#include "main/common/daemon_signals.h"
+#include "main/common/log.h"
+
+namespace ProcMgr {
+namespace {
+
+// A library's thread that has a SIGCHLD handler of its own could swallow one; an exit is then seen
+// at the next look.
+constexpr int LOOK_MILLISECONDS = 1000;
+
+void WaitForSignal() {
+    pollfd event{GetSignalEventFd(), POLLIN, 0};
+    if (poll(&event, 1, LOOK_MILLISECONDS) > 0) {
+        uint64_t count = 0;
+        [[maybe_unused]] const ssize_t size = read(event.fd, &count, sizeof(count));
+    }
+}
+
+}  // namespace
+
+Reaper::Reaper(std::vector<ExitSink> sinks, std::function<void()> onWake)
+    : sinks_(std::move(sinks)), onWake_(std::move(onWake)) {}
+
+void Reaper::Run(const std::atomic<bool>& running) {
+    TakeChildSignals();
+    while (running) {
+        CollectExits();
+        onWake_();
+        WaitForSignal();
+    }
+    ProcMgrLog(LOG_WARNING, "PROCMGR: WaitThread exit now.");
+}
+
+void Reaper::CollectExits() {
+    for (;;) {
+        siginfo_t exit{};
+        const int result = waitid(P_ALL, 0, &exit, WEXITED | WNOHANG | WNOWAIT);
+        if (result != 0 || exit.si_pid == 0) {
+            return;
+        }
+        Collect(exit);
+    }
+}
+
+// While the zombie is there its pid belongs to nobody else: the exit is stored first, so whoever
+// finds none stored may signal the pid, and then the pid is freed.
+void Reaper::Collect(const siginfo_t& exit) {
+    const pid_t pid = exit.si_pid;
+    const int32_t status = App::ToWaitStatus(exit);
+    const bool isStored = std::any_of(sinks_.begin(), sinks_.end(),
+                                      [&](const ExitSink& sink) { return sink(pid, status); });
+    if (!isStored) {
+        ProcMgrLog(LOG_WARNING, "PROCMGR: can not find app, pid=%d", pid);
+    }
+    // Not for longer: who runs a command may collect its end, and the pid be another child's by
+    // now.
+    waitpid(pid, nullptr, WNOHANG);
+}
+
+}  // namespace ProcMgr

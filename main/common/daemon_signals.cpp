@@ -1,0 +1,140 @@
+#include "main/common/daemon_signals.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <iterator>
+
+#include "main/common/boot_trace.h"
+#include "main/common/log.h"
+#include "wire/blocked_signals.h"
+
+namespace ProcMgr {
+namespace {
+
+// Exit status of a process that a signal ended, as shells print it.
+constexpr int EXIT_SIGNALED = 128;
+
+std::atomic<bool> g_continueReceived{false};
+std::atomic<uint64_t> g_continueCounter{0};
+std::atomic<bool> g_stopRequested{false};
+std::atomic<bool> g_hangUp{false};
+std::atomic<int> g_eventFd{-1};
+// What a fault meant before, for example to a sanitizer: by the order of FAULT_SIGNALS.
+struct sigaction g_faultActions[std::size(Wire::FAULT_SIGNALS)];
+static_assert(std::atomic<uint64_t>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+
+void OnChildSignal(int /*signal*/) {
+    WakeSignalEvent();
+}
+
+void OnStopSignal(int signal) {
+    if (g_stopRequested.exchange(true)) {
+        _exit(EXIT_SIGNALED + signal);
+    }
+    WakeSignalEvent();
+}
+
+void OnHangUp(int /*signal*/) {
+    g_hangUp = true;
+    WakeSignalEvent();
+}
+
+// The signal is sent again under its earlier disposition; it comes when this handler returns.
+void OnFault(int signal) {
+    WriteLogInSignal();
+    for (size_t i = 0; i < std::size(Wire::FAULT_SIGNALS); ++i) {
+        if (Wire::FAULT_SIGNALS[i] == signal) {
+            sigaction(signal, &g_faultActions[i], nullptr);
+        }
+    }
+    raise(signal);
+}
+
+void Install(int signal, void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigemptyset(&action.sa_mask);
+    sigaction(signal, &action, nullptr);
+}
+
+void InstallFaultSignals() {
+    struct sigaction action {};
+    action.sa_handler = OnFault;
+    sigemptyset(&action.sa_mask);
+    for (size_t i = 0; i < std::size(Wire::FAULT_SIGNALS); ++i) {
+        sigaction(Wire::FAULT_SIGNALS[i], &action, &g_faultActions[i]);
+    }
+}
+
+void MaskChildSignal(int how) {
+    sigset_t child;
+    sigemptyset(&child);
+    sigaddset(&child, SIGCHLD);
+    pthread_sigmask(how, &child, nullptr);
+}
+
+}  // namespace
+
+void InstallContinueSignal() {
+    Install(SIGCONT, OnContinueSignal, SA_RESTART);
+}
+
+void OnContinueSignal(int /*signal*/) {
+    g_continueCounter = ReadBootCounter();
+    g_continueReceived = true;
+}
+
+bool IsContinueReceived() {
+    return g_continueReceived;
+}
+
+uint64_t GetContinueCounter() {
+    return g_continueCounter;
+}
+
+void InstallSignals() {
+    g_eventFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    Install(SIGPIPE, SIG_IGN, 0);
+    Install(SIGTERM, OnStopSignal, SA_RESTART);
+    Install(SIGINT, OnStopSignal, SA_RESTART);
+    Install(SIGCHLD, OnChildSignal, SA_RESTART | SA_NOCLDSTOP);
+    Install(SIGHUP, OnHangUp, SA_RESTART);
+    InstallFaultSignals();
+    // Whoever started the daemon may have left them blocked.
+    sigset_t changed;
+    sigemptyset(&changed);
+    for (const int signal : CHANGED_SIGNALS) {
+        sigaddset(&changed, signal);
+    }
+    pthread_sigmask(SIG_UNBLOCK, &changed, nullptr);
+    MaskChildSignal(SIG_BLOCK);
+}
+
+void TakeChildSignals() {
+    MaskChildSignal(SIG_UNBLOCK);
+}
+
+bool IsStopRequested() {
+    return g_stopRequested;
+}
+
+bool TakeHangUp() {
+    return g_hangUp.exchange(false);
+}
+
+int GetSignalEventFd() {
+    return g_eventFd;
+}
+
+void WakeSignalEvent() {
+    const int saved = errno;
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(g_eventFd, &one, sizeof(one));
+    errno = saved;
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,308 @@
+#include "main/common/log_queue.h"
+
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <exception>
+#include <span>
+#include <string_view>
+#include <thread>
+
+#include "main/common/clock.h"
+#include "main/common/log.h"
+#include "main/common/log_ring.h"
+#include "main/common/mutex.h"
+#include "main/common/system_logger.h"
+#include "main/common/threads.h"
+
+namespace ProcMgr {
+namespace {
+
+constexpr const char* KERNEL_LOG = "/dev/kmsg";
+constexpr size_t SYSTEM_RING = size_t{1} << 20;
+constexpr size_t KERNEL_RING = size_t{256} << 10;
+// A logger takes no longer line than this.
+constexpr size_t LINE_MAX_LENGTH = 8192;
+// Of the line that tells how many lines were dropped.
+constexpr size_t COUNT_LINE_LENGTH = 256;
+constexpr size_t BATCH = 64;
+// While lines come in a burst the thread looks for them by itself, and nobody has to wake it.
+constexpr std::chrono::milliseconds BURST_PAUSE{1};
+// Between two attempts to reach a logger that is absent or has no room.
+constexpr std::chrono::milliseconds LOGGER_PAUSE{100};
+constexpr std::chrono::milliseconds ROOM_PATIENCE{20};
+// Lines wait so long, in seconds, for a logger that is absent, for example at early boot.
+constexpr uint32_t ABSENCE_MAX = 10;
+
+uint32_t CoarseSecond() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint32_t>(now.tv_sec);
+}
+
+class Writer {
+public:
+    void Add(LogSink sink, int level, const char* format, va_list arguments);
+    void Close(std::chrono::milliseconds patience);
+    void WriteInSignal();
+
+private:
+    enum class Progress { DONE, NO_ROOM, NO_LOGGER };
+
+    void Start();
+    void Run();
+    bool Rest(Progress progress);
+    bool IsEmpty() const { return system_.IsEmpty() && kernel_.IsEmpty(); }
+    size_t WriteHeader(LogSink sink, int level, char* out);
+    size_t WriteSystemHeader(int level, char* out);
+    void Format(LogRing& ring, LogSink sink, int level, const char* format, va_list arguments);
+    void WriteKernelLines();
+    Progress WriteSystemLines();
+    // The oldest lines, in batch_.
+    std::span<const LogRing::Line> TakeBatch(const LogRing& ring);
+    static void WriteKernelLine(std::string_view line);
+    void PopLines(LogRing& ring, size_t count);
+    void DropLine();
+    void ReportDropped();
+
+    Mutex mutex_;
+    Condition added_;
+    // All guarded by mutex_; the bytes of a line that has been taken stay in place until it is
+    // popped, which only the thread does.
+    LogRing system_{SYSTEM_RING};
+    LogRing kernel_{KERNEL_RING};
+    uint64_t dropped_ = 0;  // lines without room since the logger last took one
+    time_t stampSecond_ = -1;
+    std::array<char, 20> stamp_{};  // for stampSecond_
+    bool isIdle_ = false;           // the thread waits to be woken
+    bool isRunning_ = false;
+    bool isClosing_ = false;
+    SteadyTime closeBy_{};
+    std::thread thread_;
+
+    // The thread's.
+    SystemLogger logger_;
+    std::array<LogRing::Line, BATCH> batch_{};
+};
+
+// Never destroyed: threads of libraries may log until the very end.
+Writer& GetWriter() {
+    static auto* writer = new Writer;
+    return *writer;
+}
+
+void Writer::Add(LogSink sink, int level, const char* format, va_list arguments) {
+    const LockGuard lock(mutex_);
+    Format(sink == LogSink::KERNEL ? kernel_ : system_, sink, level, format, arguments);
+    if (!isRunning_) {
+        Start();
+    }
+    if (isIdle_) {
+        isIdle_ = false;
+        added_.NotifyOne();
+    }
+}
+
+void Writer::Format(LogRing& ring, LogSink sink, int level, const char* format, va_list arguments) {
+    char* line = ring.Reserve(LINE_MAX_LENGTH);
+    if (line == nullptr) {
+        ++dropped_;
+        return;
+    }
+    const size_t header = WriteHeader(sink, level, line);
+    const size_t room = LINE_MAX_LENGTH - header;
+    const int length = std::vsnprintf(line + header, room, format, arguments);
+    ring.Commit(header + std::min(static_cast<size_t>(std::max(length, 0)), room - 1),
+                CoarseSecond());
+}
+
+size_t Writer::WriteHeader(LogSink sink, int level, char* out) {
+    if (sink == LogSink::SYSTEM) {
+        return WriteSystemHeader(level, out);
+    }
+    const int length =
+        std::snprintf(out, LINE_MAX_LENGTH, "<%d> %s[%d] ", level, PROCMGR_NAME, getpid());
+    return static_cast<size_t>(std::max(length, 0));
+}
+
+// "<PRI>Mmm dd hh:mm:ss IDENT[PID]: ", as syslog() has it.
+size_t Writer::WriteSystemHeader(int level, char* out) {
+    const time_t now = time(nullptr);
+    if (now != stampSecond_) {
+        tm local{};
+        localtime_r(&now, &local);
+        strftime(stamp_.data(), stamp_.size(), "%h %e %T", &local);
+        stampSecond_ = now;
+    }
+    const int length = std::snprintf(out, LINE_MAX_LENGTH, "<%d>%s %s[%d]: ", LOG_USER | level,
+                                     stamp_.data(), PROCMGR_NAME, getpid());
+    return static_cast<size_t>(std::max(length, 0));
+}
+
+void Writer::Start() {
+    try {
+        thread_ = StartThread("log", [this] { Run(); });
+        isRunning_ = true;
+    } catch (const std::exception&) {
+        // The next line tries again.
+    }
+}
+
+void Writer::Run() {
+    bool isDone = false;
+    while (!isDone) {
+        WriteKernelLines();
+        const Progress progress = WriteSystemLines();
+        if (progress == Progress::NO_ROOM) {
+            logger_.WaitForRoom(ROOM_PATIENCE);
+        }
+        isDone = Rest(progress);
+    }
+}
+
+// Waits until there is something to do again. True when the thread is to end.
+bool Writer::Rest(Progress progress) {
+    UniqueLock lock(mutex_);
+    const SteadyTime now = std::chrono::steady_clock::now();
+    if (isClosing_) {
+        return IsEmpty() || progress == Progress::NO_LOGGER || now >= closeBy_;
+    }
+    if (progress == Progress::NO_ROOM || !kernel_.IsEmpty()) {
+        return false;
+    }
+    if (progress == Progress::NO_LOGGER) {
+        added_.WaitUntil(lock, now + LOGGER_PAUSE,
+                         [this] { return !kernel_.IsEmpty() || isClosing_; });
+        return false;
+    }
+    if (IsEmpty()) {
+        added_.WaitUntil(lock, now + BURST_PAUSE, [this] { return isClosing_; });
+    }
+    if (IsEmpty()) {
+        isIdle_ = true;
+        added_.Wait(lock, [this] { return !isIdle_ || isClosing_; });
+        isIdle_ = false;
+    }
+    return false;
+}
+
+std::span<const LogRing::Line> Writer::TakeBatch(const LogRing& ring) {
+    const LockGuard lock(mutex_);
+    return std::span(batch_).first(ring.Peek(batch_));
+}
+
+void Writer::PopLines(LogRing& ring, size_t count) {
+    const LockGuard lock(mutex_);
+    for (; count > 0; --count) {
+        ring.Pop();
+    }
+}
+
+// Opened for each line: the kernel takes a few lines at a time from one descriptor.
+void Writer::WriteKernelLines() {
+    MayWait("the kernel log");
+    const auto lines = TakeBatch(kernel_);
+    for (const LogRing::Line& line : lines) {
+        WriteKernelLine(line.text);
+    }
+    PopLines(kernel_, lines.size());
+}
+
+void Writer::WriteKernelLine(std::string_view line) {
+    const int fd = open(KERNEL_LOG, O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd >= 0) {
+        [[maybe_unused]] const ssize_t written = write(fd, line.data(), line.size());
+        close(fd);
+    }
+}
+
+Writer::Progress Writer::WriteSystemLines() {
+    const auto lines = TakeBatch(system_);
+    size_t sent = 0;
+    SystemLogger::Sent result = SystemLogger::Sent::YES;
+    while (sent < lines.size() && result == SystemLogger::Sent::YES) {
+        result = logger_.Send(lines[sent].text);
+        sent += result == SystemLogger::Sent::YES ? 1 : 0;
+    }
+    PopLines(system_, sent);
+    if (sent > 0) {
+        ReportDropped();
+    }
+    if (result == SystemLogger::Sent::YES) {
+        return Progress::DONE;
+    }
+    if (result == SystemLogger::Sent::NO_ROOM) {
+        return Progress::NO_ROOM;
+    }
+    if (CoarseSecond() - lines[sent].second < ABSENCE_MAX) {
+        return Progress::NO_LOGGER;
+    }
+    DropLine();
+    return Progress::DONE;
+}
+
+void Writer::DropLine() {
+    const LockGuard lock(mutex_);
+    system_.Pop();
+    ++dropped_;
+}
+
+// Without room for the line the count goes on.
+void Writer::ReportDropped() {
+    const LockGuard lock(mutex_);
+    char* line = dropped_ == 0 ? nullptr : system_.Reserve(COUNT_LINE_LENGTH);
+    if (line == nullptr) {
+        return;
+    }
+    const size_t header = WriteSystemHeader(LOG_WARNING, line);
+    const int length = std::snprintf(line + header, COUNT_LINE_LENGTH - header,
+                                     "PROCMGR: the system logger did not take %llu lines",
+                                     static_cast<unsigned long long>(dropped_));
+    system_.Commit(header + static_cast<size_t>(std::max(length, 0)), CoarseSecond());
+    dropped_ = 0;
+}
+
+void Writer::Close(std::chrono::milliseconds patience) {
+    std::thread thread;
+    {
+        const LockGuard lock(mutex_);
+        isClosing_ = true;
+        closeBy_ = std::chrono::steady_clock::now() + patience;
+        thread.swap(thread_);
+        added_.NotifyAll();
+    }
+    if (thread.joinable()) {
+        thread.join();
+    }
+    const LockGuard lock(mutex_);
+    isClosing_ = false;
+    isRunning_ = false;
+    logger_.Close();
+}
+
+void Writer::WriteInSignal() {
+    kernel_.VisitInSignal(WriteKernelLine);
+    system_.VisitInSignal([this](std::string_view line) { logger_.SendInSignal(line); });
+}
+
+}  // namespace
+
+void LogQueue::Add(LogSink sink, int level, const char* format, va_list arguments) {
+    GetWriter().Add(sink, level, format, arguments);
+}
+
+void LogQueue::Close(std::chrono::milliseconds patience) {
+    GetWriter().Close(patience);
+}
+
+void LogQueue::WriteInSignal() {
+    GetWriter().WriteInSignal();
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,87 @@
+#include "main/common/log_ring.h"
+
+#include <sys/mman.h>
+
+namespace ProcMgr {
+namespace {
+
+// An empty ring keeps so much of its memory and gives the rest back to the system.
+constexpr size_t KEPT = size_t{64} << 10;
+
+}  // namespace
+
+LogRing::LogRing(size_t size) : size_(size) {
+    void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    memory_ = memory == MAP_FAILED ? nullptr : static_cast<char*>(memory);
+}
+
+LogRing::~LogRing() {
+    if (memory_ != nullptr) {
+        munmap(memory_, size_);
+    }
+}
+
+char* LogRing::Reserve(size_t length) {
+    const size_t needed = Footprint(length);
+    // The last header's place is left free: a filler always has room for its own header.
+    const size_t end = size_ - head_ % size_;
+    const bool isWrapped = end < needed + sizeof(Header);
+    const size_t filler = isWrapped ? end : 0;
+    if (memory_ == nullptr || head_ - tail_ + filler + needed + sizeof(Header) > size_) {
+        return nullptr;
+    }
+    if (isWrapped) {
+        HeaderAt(head_)->length = FILLER;
+        head_ += filler;
+        SkipFiller();
+    }
+    return TextOf(HeaderAt(head_));
+}
+
+void LogRing::Commit(size_t length, uint32_t second) {
+    Header* header = HeaderAt(head_);
+    header->length = static_cast<uint32_t>(length);
+    header->second = second;
+    TextOf(header)[length] = '\0';
+    head_ += Footprint(length);
+}
+
+size_t LogRing::Peek(std::span<Line> lines) const {
+    size_t count = 0;
+    for (uint64_t at = tail_; at < head_ && count < lines.size();) {
+        const Header* header = HeaderAt(at);
+        if (header->length == FILLER) {
+            at += size_ - at % size_;
+            continue;
+        }
+        lines[count++] = {std::string_view(TextOf(header), header->length), header->second};
+        at += Footprint(header->length);
+    }
+    return count;
+}
+
+void LogRing::Pop() {
+    tail_ += Footprint(HeaderAt(tail_)->length);
+    SkipFiller();
+    if (IsEmpty()) {
+        Restart();
+    }
+}
+
+void LogRing::SkipFiller() {
+    if (!IsEmpty() && HeaderAt(tail_)->length == FILLER) {
+        tail_ += size_ - tail_ % size_;
+    }
+}
+
+void LogRing::Restart() {
+    if (head_ > KEPT) {
+        madvise(memory_ + KEPT, size_ - KEPT, MADV_DONTNEED);
+    }
+    // The tail first: a reader in a signal handler sees an empty ring at every step.
+    tail_ = UINT64_MAX;
+    head_ = 0;
+    tail_ = 0;
+}
+
+}  // namespace ProcMgr

@@ -1,0 +1,17 @@
+#include "main/common/mutex.h"
+
+#if defined(PROCMGR_CHECKED)
+#include <cstdio>
+#include <cstdlib>
+
+namespace ProcMgr {
+
+void CheckHeldMutexes(const char* what, int allowed) {
+    if (HeldMutexes::Count() > allowed) {
+        std::fprintf(stderr, "a mutex is held where the thread may wait for %s\n", what);
+        std::abort();
+    }
+}
+
+}  // namespace ProcMgr
+#endif

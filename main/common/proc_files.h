@@ -1,0 +1,35 @@
+// The files of /proc that the daemon reads: a process's status, threads and start time. Callable
+// from any thread, also with a container's lock held: the kernel answers at once.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ProcMgr {
+
+inline constexpr const char* PROC_DIR = "/proc/";
+inline constexpr const char* KERNEL_COMMAND_LINE = "/proc/cmdline";
+
+// "/proc/PID/FILE".
+std::string ProcPath(int32_t pid, std::string_view file);
+// "/proc/PID/task/TID", with "/FILE" when a file is given.
+std::string ThreadPath(int32_t pid, int32_t tid, std::string_view file = {});
+
+// The values of the lines "KEY:<blanks>VALUE" of a status file, in the order of `keys`; the value
+// of a key that the file does not have is empty. Nothing, with errno, when the file cannot be
+// opened or has no line: the process is gone.
+std::optional<std::vector<std::string>> ReadStatusFields(const std::string& path,
+                                                         std::span<const std::string_view> keys);
+
+// Adds the ids of the threads of `pid` to `tids`. False, with errno, when they cannot be listed.
+bool ReadThreadIds(int32_t pid, std::set<int32_t>& tids);
+
+// The time at which the process was started, in clock ticks since boot. Nothing when it is gone.
+std::optional<uint64_t> ReadStartTicks(int32_t pid);
+
+}  // namespace ProcMgr

@@ -1,0 +1,70 @@
+#include "main/common/daemon_signals.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include "main/common/boot_trace.h"
+#include "tests/support/isolated.h"
+
+namespace ProcMgr {
+namespace {
+
+using Signals = IsolatedTest;
+
+bool IsReadable(int fd) {
+    struct pollfd poller {
+        fd, POLLIN, 0
+    };
+    return poll(&poller, 1, 0) == 1;
+}
+
+TEST_F(Signals, AContinueThatComesEarlyIsRemembered) {
+    const int status = RunIsolated([] {
+        InstallContinueSignal();
+        EXPECT_FALSE(IsContinueReceived());
+        const uint64_t before = ReadBootCounter();
+        raise(SIGCONT);
+        EXPECT_TRUE(IsContinueReceived());
+        EXPECT_GE(GetContinueCounter(), before);
+        EXPECT_LE(GetContinueCounter(), ReadBootCounter());
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Signals, StopRequestAndChildExitWakeTheEventAndASecondStopEndsTheProcess) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        const int status = RunIsolated([signal] {
+            sigset_t all;  // a mask that was inherited
+            sigfillset(&all);
+            sigprocmask(SIG_SETMASK, &all, nullptr);
+            InstallSignals();
+            const int fd = GetSignalEventFd();
+            ASSERT_GE(fd, 0);
+            raise(SIGPIPE);
+            EXPECT_FALSE(IsReadable(fd));
+
+            uint64_t buffer = 0;
+            kill(getpid(), SIGCHLD);
+            EXPECT_FALSE(IsReadable(fd)) << "only for the thread that takes it";
+            TakeChildSignals();
+            EXPECT_TRUE(IsReadable(fd));
+            EXPECT_GT(read(fd, &buffer, sizeof buffer), 0);
+            EXPECT_FALSE(IsReadable(fd));
+            EXPECT_FALSE(IsStopRequested());
+
+            raise(signal);
+            EXPECT_TRUE(IsStopRequested());
+            EXPECT_TRUE(IsReadable(fd));
+            if (!testing::Test::HasFailure()) {
+                raise(signal);
+            }
+        });
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 128 + signal) << status;
+    }
+}
+
+}  // namespace
+}  // namespace ProcMgr

@@ -1,0 +1,209 @@
+#include "main/common/log.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "main/common/daemon_signals.h"
+#include "main/common/proc_mgr_env.h"
+#include "tests/support/isolated.h"
+
+namespace ProcMgr {
+namespace {
+
+using Log = IsolatedTest;
+
+// An empty /dev with a system logger's socket in it.
+int MakeLogSocket(int type = SOCK_DGRAM) {
+    MountTmpfs("/dev");
+    const int fd = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    struct sockaddr_un address {};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, "/dev/log");
+    EXPECT_EQ(bind(fd, reinterpret_cast<struct sockaddr*>(&address), sizeof address), 0);
+    if (type == SOCK_STREAM) {
+        EXPECT_EQ(listen(fd, 4), 0);
+    }
+    return fd;
+}
+
+// The next datagram; empty when there is none.
+std::string Receive(int fd) {
+    char buffer[8192];
+    const ssize_t length = recv(fd, buffer, sizeof buffer, 0);
+    return length < 0 ? std::string() : std::string(buffer, static_cast<size_t>(length));
+}
+
+// What syslog sends: priority in the user facility, time, identity, pid, text.
+testing::Matcher<std::string> IsSyslogLine(int level, const std::string& text) {
+    return testing::MatchesRegex("<" + std::to_string(8 + level) + ">.*PROCMGR\\[" +
+                                 std::to_string(getpid()) + "\\]: " + text + ".?");
+}
+
+// The next datagram, waited for.
+std::string Next(int fd) {
+    pollfd readable{fd, POLLIN, 0};
+    poll(&readable, 1, 10000);
+    return Receive(fd);
+}
+
+bool WaitForFile(const std::string& path, const std::string& text) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (ReadFile(path) != text && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return ReadFile(path) == text;
+}
+
+TEST_F(Log, QuickStartLinesGoToTheKernelLogUntilItEnds) {
+    const int status = RunIsolated([] {
+        const int fd = MakeLogSocket();
+        std::ofstream("/dev/kmsg") << "old|";
+        ProcMgrEnv& env = ProcMgrEnv::GetInstance();
+        env.StorePid();
+        OpenLog();
+        env.SetQuickStart(true);
+        const std::string longText(3000, 'x');
+        ProcMgrLog(LOG_ERR, "ProcMgr: %s", "one");
+        ProcMgrLog(LOG_DEBUG, "%s", longText.c_str());
+        const std::string ident = "PROCMGR[" + std::to_string(getpid()) + "] ";
+        EXPECT_TRUE(
+            WaitForFile("/dev/kmsg", "old|<3> " + ident + "ProcMgr: one<7> " + ident + longText));
+        EXPECT_EQ(Receive(fd), "");
+
+        ProcMgrSysLog(LOG_WARNING, "direct %d", 1);
+        EXPECT_THAT(Next(fd), IsSyslogLine(LOG_WARNING, "direct 1"));
+
+        env.SetQuickStart(false);
+        for (const int level : {LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG}) {
+            ProcMgrLog(level, "text %d", level);
+            EXPECT_THAT(Next(fd), IsSyslogLine(level, "text " + std::to_string(level)));
+        }
+        CloseLog();
+        EXPECT_EQ(ReadFile("/dev/kmsg").find("text"), std::string::npos);
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Log, ALoggerThatDoesNotReadHoldsNobodyUpAndTheLinesWithoutRoomAreCounted) {
+    const int status = RunIsolated([] {
+        constexpr int LINES = 20000;
+        const int fd = MakeLogSocket();
+        alarm(60);
+        const auto begin = std::chrono::steady_clock::now();
+        const std::string padding(100, 'x');
+        for (int line = 0; line < LINES; ++line) {
+            ProcMgrLog(LOG_INFO, "line %d %s", line, padding.c_str());
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+        int read = 0;
+        int counted = 0;
+        const std::string count = "PROCMGR: the system logger did not take ";
+        while (read + counted < LINES) {
+            const std::string line = Next(fd);
+            const size_t at = line.find(count);
+            if (at == std::string::npos) {
+                ++read;
+            } else {
+                counted += std::stoi(line.substr(at + count.size()));
+            }
+        }
+        EXPECT_GT(read, 5000) << "a ring full";
+        EXPECT_GT(counted, 0);
+        EXPECT_EQ(read + counted, LINES);
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Log, EarlyLinesWaitForTheLoggerAndForItsSuccessor) {
+    const int status = RunIsolated([] {
+        MountTmpfs("/dev");
+        OpenLog();
+        ProcMgrLog(LOG_ERR, "early");
+        const int first = MakeLogSocket();
+        EXPECT_THAT(Next(first), IsSyslogLine(LOG_ERR, "early"));
+        close(first);
+        const int second = MakeLogSocket();
+        ProcMgrLog(LOG_INFO, "two");
+        EXPECT_THAT(Next(second), IsSyslogLine(LOG_INFO, "two"));
+        // Without any logger the end does not wait.
+        close(second);
+        MountTmpfs("/dev");
+        ProcMgrLog(LOG_INFO, "nobody");
+        CloseLog();
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Log, AStreamTakesLinesThatEndWithANul) {
+    const int status = RunIsolated([] {
+        const int listener = MakeLogSocket(SOCK_STREAM);
+        ProcMgrLog(LOG_INFO, "one");
+        ProcMgrLog(LOG_INFO, "two");
+        CloseLog();
+        const int peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        char buffer[512] = {};
+        const ssize_t length = recv(peer, buffer, sizeof buffer, MSG_DONTWAIT);
+        const std::string_view text(buffer, static_cast<size_t>(std::max<ssize_t>(length, 0)));
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\0'), 2);
+        EXPECT_THAT(buffer, IsSyslogLine(LOG_INFO, "one"));
+        EXPECT_THAT(buffer + strlen(buffer) + 1, IsSyslogLine(LOG_INFO, "two"));
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Log, AFaultOfTheDaemonsOwnWritesOutItsLog) {
+    const int status = RunIsolated([] {
+        const int fd = MakeLogSocket();
+        ProcMgrLog(LOG_INFO, "connected");
+        EXPECT_THAT(Next(fd), IsSyslogLine(LOG_INFO, "connected"));
+        const pid_t child = fork();
+        if (child == 0) {
+            InstallSignals();
+            // Nobody writes the line out but the signal handler: this child has no log thread.
+            ProcMgrLog(LOG_ERR, "last words");
+            raise(SIGSEGV);
+            _exit(0);
+        }
+        int exit = 0;
+        waitpid(child, &exit, 0);
+        EXPECT_FALSE(WIFEXITED(exit) && WEXITSTATUS(exit) == 0);
+        EXPECT_NE(Next(fd).find("last words"), std::string::npos);
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(Log, WhatIsSaidAboutOneRequestIsBounded) {
+    const int status = RunIsolated([] {
+        const int fd = MakeLogSocket();
+        {
+            const LogLimit limit("owner");
+            for (int i = 0; i < 1000; ++i) {
+                ProcMgrLog(LOG_ERR, "wrong %d", i);
+            }
+        }
+        for (int i = 0; i < 8; ++i) {
+            EXPECT_THAT(Next(fd), IsSyslogLine(LOG_ERR, "wrong " + std::to_string(i)));
+        }
+        EXPECT_THAT(Next(fd),
+                    IsSyslogLine(LOG_WARNING,
+                                 "PROCMGR : 992 more lines about a request of owner are left out"));
+    });
+    EXPECT_EQ(status, 0);
+}
+
+}  // namespace
+}  // namespace ProcMgr
