@@ -1,10 +1,10 @@
-#include "main/common/mutex.h"
+#include "wire/mutex.h"
 
 #if defined(PROCMGR_CHECKED)
 #include <cstdio>
 #include <cstdlib>
 
-namespace ProcMgr {
+namespace Wire {
 
 void CheckHeldMutexes(const char* what, int allowed) {
     if (HeldMutexes::Count() > allowed) {
@@ -13,5 +13,5 @@ void CheckHeldMutexes(const char* what, int allowed) {
     }
 }
 
-}  // namespace ProcMgr
+}  // namespace Wire
 #endif
