@@ -10,9 +10,10 @@
 //   TERMINATED   its exit has been collected. Only a new start leaves this state.
 //   RESTARTING   general applications: the old process is being stopped, or (restartStarted_) the
 //                new one has been forked.
-// CheckState() computes the next state and leaves in reportType_ what is to be reported about it;
-// the container stores the state. SetExitStatus() is the reaper's and comes before the pid is
-// freed: a record with exitStatusSet_ must not be signalled any more.
+// CheckState() moves the record to its next state and leaves in reportType_ what is to be reported
+// about it. ChangeState() is the only function that writes the state. SetExitStatus() is the
+// reaper's and comes before the pid is freed: a record with exitStatusSet_ must not be signalled
+// any more.
 #pragma once
 
 #include <sys/types.h>
@@ -28,6 +29,7 @@
 #include <vector>
 
 #include "app/app_spec.h"
+#include "app/state_change.h"
 #include "main/common/clock.h"
 #include "message/enum_names.h"
 #include "platform/manifest.h"
@@ -47,6 +49,14 @@ public:
     AppInfo(AppInfo&&) = default;
     AppInfo& operator=(AppInfo&&) = default;
 
+    ProcessState GetState() const { return state_; }
+    // The last change; from INITSTATE to INITSTATE before the first.
+    const StateChange& GetLastChange() const { return lastChange_; }
+
+    // Moves the record to `to` and returns `to`. A change that is not in TRANSITIONS is a fault of
+    // the daemon: it is logged, and made all the same.
+    ProcessState ChangeState(ProcessState to, ChangeReason reason);
+
     // Stores the raw wait status of the record's process.
     void SetExitStatus(int32_t status);
 
@@ -56,6 +66,21 @@ public:
         pid_ = pid;
         exitStatusSet_ = false;
         tids_.clear();
+    }
+
+    // Takes over which process `other`, a record of the same application, has and in which state.
+    // Does not throw.
+    void TakeProcess(const AppInfo& other) {
+        pid_ = other.pid_;
+        startTime_ = other.startTime_;
+        state_ = other.state_;
+        lastChange_ = other.lastChange_;
+    }
+    // Takes over the result of the last state check of `other`. Does not throw.
+    void TakeCheckResult(const AppInfo& other) {
+        TakeProcess(other);
+        reportType_ = other.reportType_;
+        exitedWith125_ = other.exitedWith125_;
     }
 
     // True while there is a process that may be signalled: started, its exit not collected.
@@ -82,7 +107,6 @@ public:
     bool TermProcess() const;
 
     int32_t pid_ = 0;
-    ProcessState state_ = INITSTATE;
     ReportAppStateType reportType_ = INVALID_INTERMEDIATE_STATE;
     bool exitedWith125_ = false;
     // A start of the record is under way: it belongs to the thread that does it, supervision leaves
@@ -102,6 +126,10 @@ protected:
 
     // Logs the exit and decides whether it was a normal one.
     void ClassifyExit(int32_t status);
+
+private:
+    ProcessState state_ = INITSTATE;
+    StateChange lastChange_{};
 };
 
 // An application started on request. Owned through shared pointers.
@@ -134,7 +162,9 @@ public:
     ProcessState CheckState(SteadyTime now);
 
     // Whether the old process of a restart is gone and the new one has not been started.
-    bool IsRestartDue() const { return state_ == RESTARTING && !restartStarted_ && exitStatusSet_; }
+    bool IsRestartDue() const {
+        return GetState() == RESTARTING && !restartStarted_ && exitStatusSet_;
+    }
     // The outcome of the start that was due. Returns the state that follows.
     ProcessState FinishRestart(bool isStarted);
 

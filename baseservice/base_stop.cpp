@@ -37,7 +37,7 @@ void BaseServices::Terminate(const std::string& name, Endings& endings) {
     record->TermProcess();
     checks_.Request();
     reportedState_.Update([&] {
-        record->state_ = TERMINATING;
+        record->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
         return true;
     });
     endings[name] = {std::chrono::steady_clock::now() +

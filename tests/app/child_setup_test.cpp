@@ -274,7 +274,7 @@ TEST_F(ChildSetupTest, AForkThatFailsLeavesNoProcess) {
     FakeSys::Get().SetFork(-1, EAGAIN);
     BaseAppInfo base(Manifest(SomeService()));
     EXPECT_FALSE(StartNow(base, launcher_));
-    EXPECT_EQ(base.state_, INITSTATE);
+    EXPECT_EQ(base.GetState(), INITSTATE);
     GeneralAppInfo general("svc", Manifest(SomeService()), "EM");
     EXPECT_FALSE(StartNow(general, launcher_));
     EXPECT_EQ(
@@ -284,7 +284,7 @@ TEST_F(ChildSetupTest, AForkThatFailsLeavesNoProcess) {
     EXPECT_EQ(CountCalls("execv") + CountCalls("_exit"), 0U);
 
     general.pid_ = 12;
-    general.state_ = RESTARTING;
+    MoveTo(general, RESTARTING);
     general.killSent_ = true;
     general.SetExitStatus(SIGKILL);
     EXPECT_TRUE(general.IsRestartDue());

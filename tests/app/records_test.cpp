@@ -65,7 +65,7 @@ TEST(Records, TakeTheirManifestAndAgainALaterOne) {
     EXPECT_TRUE(Taken(app) == Taken(before));
     EXPECT_TRUE(app.rtEnable_);
     app.pid_ = 99;
-    app.state_ = RUNNING;
+    MoveTo(app, RUNNING);
 
     const ManifestData after = FullManifest();
     app.Refresh(Manifest(after));
@@ -85,7 +85,7 @@ TEST(Records, TakeTheirManifestAndAgainALaterOne) {
     EXPECT_EQ(app.isDelayCoreAffinity_, after.delayCoreAffinity);
     EXPECT_EQ(app.owner_, "zornmgr");
     EXPECT_EQ(app.pid_, 99);
-    EXPECT_EQ(app.state_, RUNNING);
+    EXPECT_EQ(app.GetState(), RUNNING);
 
     const BaseAppInfo base(Manifest(after));
     EXPECT_EQ(base.isReporting_, after.reporting);

@@ -72,7 +72,7 @@ const std::vector<Row> GENERAL_ROWS = {
 
 void Prepare(AppInfo& app, const Row& row) {
     app.pid_ = 12;
-    app.state_ = row.from;
+    MoveTo(app, row.from);
     app.reportType_ = RUNNING_NORMAL_RESTART;
     app.exitedWith125_ = true;
     app.isReporting_ = row.isReporting;
@@ -85,7 +85,7 @@ void Prepare(AppInfo& app, const Row& row) {
 void ExpectRow(const AppInfo& app, ProcessState result, const Row& row) {
     const std::string what = GetProcessStateStr(row.from) + (row.exit ? " exited" : "");
     EXPECT_EQ(result, row.to) << what;
-    EXPECT_EQ(app.state_, row.from) << what;
+    EXPECT_EQ(app.GetState(), row.to) << what;
     EXPECT_EQ(app.reportType_, row.report) << what;
     EXPECT_FALSE(app.exitedWith125_) << what;
     EXPECT_EQ(LogCapture::Lines(), row.lines) << what;
@@ -102,7 +102,7 @@ protected:
         data.forceTerm = isForced;
         GeneralAppInfo app("svc", Manifest(data), "EM");
         app.pid_ = pid;
-        app.state_ = state;
+        MoveTo(app, state);
         app.SetTermStartTime(START);
         return app;
     }
@@ -145,7 +145,7 @@ TEST_F(StateMachineTest, OnlyAZornmgrJobMayExitNormally) {
         data.restart = test.policy;
         GeneralAppInfo app("svc", Manifest(data), test.owner);
         app.pid_ = 12;
-        app.state_ = RUNNING;
+        MoveTo(app, RUNNING);
         app.SetExitStatus(test.status);
         LogCapture::Clear();
         EXPECT_EQ(app.CheckState(START), TERMINATED);
