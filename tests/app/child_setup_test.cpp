@@ -12,7 +12,8 @@
 
 #include "app/process_launcher.h"
 #include "main/common/daemon_signals.h"
-#include "resource/cgroup_mgr.h"
+#include "resource/bind_count.h"
+#include "resource/cpu_num.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/fake_access_manager.h"
 #include "tests/fakes/fake_sys.h"
