@@ -9,6 +9,7 @@
 
 #include "app/sys.h"
 #include "main/common/daemon_signals.h"
+#include "resource/bind_count.h"
 #include "resource/task_file.h"
 
 namespace ProcMgr::App {

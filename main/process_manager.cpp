@@ -22,9 +22,9 @@
 #include "main/common/proc_mgr_env.h"
 #include "platform/heartbeat.h"
 #include "platform/power.h"
+#include "resource/bind_count.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
-#include "resource/device_worker.h"
 #include "resource/share_pool.h"
 
 namespace ProcMgr {
@@ -106,8 +106,9 @@ ProcessManager::ProcessManager(const std::string& path)
           {[this](const App::RecordVisitor& visitor) { return baseServices_.Visit(visitor); },
            [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }},
           [this](const std::string& name) { return startupConfig_.Find(name).has_value(); }),
-      affinityCheck_(managedRecords_),
-      delayCoreAffinity_(managedRecords_),
+      affinityCheck_(CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(), managedRecords_),
+      delayCoreAffinity_(CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                         BindCount::GetInstance(), managedRecords_),
       uploadRegistry_(sharePool_, managedRecords_),
       baseStartup_(baseServices_, reportedState_, bootCommandLine_,
                    [this] { return isStopping_.load(); }),

@@ -31,6 +31,7 @@
 #include "main/common/threads.h"
 #include "resource/affinity_check.h"
 #include "resource/delay_core_affinity.h"
+#include "resource/device_worker.h"
 #include "resource/share_pool.h"
 #include "resource/upload_registry.h"
 #include "resource/wake_up_watch.h"
@@ -130,7 +131,7 @@ private:
     ProcMgrSettings settings_;         // constant after Init
     BootCommandLine bootCommandLine_;  // of Init, then of the start-up thread
 
-    SharePool sharePool_;
+    SharePool sharePool_{DeviceWorker()};
     App::ProcessLauncher launcher_;
     ReportedState reportedState_;
     CheckRequests checks_;
