@@ -90,7 +90,8 @@ uint32_t ProcMgrRun(const std::string& path, bool& isClean) {
 
 ProcessManager::ProcessManager(const std::string& path)
     : baseServiceCfgPath(path),
-      launcher_(&sharePool_),
+      launcher_(CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(), BindCount::GetInstance(),
+                &sharePool_),
       dispatch_(MakeHandlers()),
       pipes_([this](int32_t fd, const MuxaRequest* request,
                     const std::string& owner) { dispatch_.RequestMsgHandler(fd, request, owner); },

@@ -81,7 +81,7 @@ protected:
 
     // Runs the child's part; returns EXECUTED or the status that it exits with.
     static int Run(const LaunchPlan& plan) {
-        ChildContext child(plan);
+        ChildContext child(plan, BindCount::GetInstance());
         try {
             RunChild(child);
         } catch (const Fakes::ChildExecuted&) {
@@ -104,7 +104,8 @@ protected:
         }));
     }
 
-    ProcessLauncher launcher_;
+    ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                              BindCount::GetInstance()};
 };
 
 TEST_F(ChildSetupTest, StepsRunInTheirOrder) {

@@ -74,7 +74,8 @@ protected:
         return length < 0 ? std::string() : std::string(buffer, static_cast<size_t>(length));
     }
 
-    ProcessLauncher launcher_;
+    ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                              BindCount::GetInstance()};
     pid_t pid_ = -1;
 };
 

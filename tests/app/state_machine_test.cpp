@@ -108,7 +108,8 @@ protected:
         return app;
     }
 
-    ProcessLauncher launcher_;
+    ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                              BindCount::GetInstance()};
 };
 
 TEST_F(StateMachineTest, Rows) {
