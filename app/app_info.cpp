@@ -9,7 +9,7 @@
 namespace ProcMgr::App {
 namespace {
 
-// Exit code of a child whose execv failed with an input/output error.
+// The exit code of a child in which execv failed with an input/output error.
 constexpr int EXIT_INPUT_OUTPUT_ERROR = 125;
 
 }  // namespace
@@ -19,13 +19,11 @@ AppInfo::AppInfo(const ApplicationManifest& manifest, const std::string& appName
     : AppSpec(manifest, appName), home_(ProcMgrEnv::GetInstance().GetHome()), owner_(owner) {}
 
 ProcessState AppInfo::ChangeState(ProcessState to, ChangeReason reason) {
-    const StateChange change{state_, to, reason};
-    if (!IsTransition(change)) {
+    if (!IsTransition({state_, to, reason})) {
         ProcMgrLog(LOG_ERR, "PROCMGR : unexpected change of app=%s from %s to %s, reason=%d",
                    appName_.c_str(), GetProcessStateStr(state_).c_str(),
                    GetProcessStateStr(to).c_str(), static_cast<int>(reason));
     }
-    lastChange_ = change;
     state_ = to;
     return to;
 }

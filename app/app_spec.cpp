@@ -11,12 +11,14 @@ namespace ProcMgr::App {
 namespace {
 
 constexpr int PRIORITY_MAX = 99;
+// As the first core: no core list, but a real-time setting.
 constexpr uint32_t AFFINITY_MARKER = 255;
 
 constexpr std::array SYSTEM_POLICIES = {SCHED_OTHER, SCHED_BATCH, SCHED_IDLE, SCHED_FIFO, SCHED_RR};
 static_assert(SYSTEM_POLICIES.size() == static_cast<size_t>(SchedPolicyType::NOT_SET));
 
-// A real-time priority of 1 to 99; -1 for any other text. Only a non-digit is worth a log line.
+// The real-time priority of a text, 1 to 99; -1 for any other text. Only a text with a character
+// that is not a digit is logged.
 int ParsePriority(const std::string& appName, const std::string& text) {
     int value = 0;
     for (const char c : text) {

@@ -1,6 +1,6 @@
-// What a manifest says about one application, as one value: a record takes it whole, when a process
-// is started, and the configuration's present entry is kept beside the one that the process runs
-// by.
+// The specification of one application: the values of its manifest, as one value that is copied as
+// a whole. A record is started by a specification, and the record of a general application keeps
+// the configuration's present one beside the one that its process was started by.
 #pragma once
 
 #include <cstdint>
@@ -14,12 +14,12 @@
 
 namespace ProcMgr {
 
-// Services that the daemon treats specially: the runner of virtual functions and the access
-// manager.
+// The names of the two services that the daemon treats specially: the runner of virtual functions
+// and the access manager.
 inline constexpr const char* PROC_VINTOR = "vintor";
 inline constexpr const char* PROC_ZORNMGR = "zornmgr";
 
-// Restart policies. Any other text means: never.
+// Restart policies. Any other text means that the application is never restarted.
 inline constexpr const char* RESTART_ON_FAILURE = "on-failure";
 inline constexpr const char* RESTART_ON_FOREVER = "on-forever";
 inline constexpr const char* RESTART_ON_UNTIL_SUCCEED = "on-until-succeed";
@@ -29,7 +29,7 @@ inline constexpr const char* RESTART_NO = "no";
 
 namespace ProcMgr::App {
 
-// A record's scheduling policy, translated to the operating system's only when it is applied.
+// The scheduling policy of a specification. ToSystemPolicy() translates it when it is applied.
 enum class SchedPolicyType : uint32_t {
     OTHER = 0,
     BATCH = 1,
@@ -39,23 +39,25 @@ enum class SchedPolicyType : uint32_t {
     NOT_SET = 5,
 };
 
-// The operating system's policy; SCHED_OTHER for what is not in the table.
+// The policy of the operating system; SCHED_OTHER for a value outside the enumeration.
 int ToSystemPolicy(SchedPolicyType policy);
 
 class AppSpec {
 public:
-    // A start-up priority that is none.
+    // The start-up priority of an application that is not a priority application.
     static constexpr int32_t NO_PRIORITY = -1;
 
     AppSpec(const ApplicationManifest& manifest, const std::string& appName);
 
-    // Started by the daemon itself, and reported to the access manager.
+    // Whether this is a priority application: the daemon starts it without a request and reports it
+    // to the access manager.
     bool IsPriority() const { return startupPriority_ != NO_PRIORITY; }
 
-    // Applies what a start request supplies: arguments, and by index the executable path, the
-    // virtual function id and environment entries. Nothing when the manifest has no patterns to be
-    // filled. False, with a log line, when a value does not match its pattern; the object is then
-    // not to be used.
+    // Applies the values of a start request: the arguments, and in `dynamicPara` by index the
+    // executable path (0), the virtual function id (1) and the environment entries (2). Changes
+    // nothing when the manifest has no patterns. False, with a log line, when a value does not
+    // match its pattern; values before it may have been applied then, so the object must not be
+    // used.
     bool UpdateDynamicPara(const std::vector<std::string>& argv,
                            const std::map<int, std::vector<std::string>>& dynamicPara);
     bool UpdateExecvPath(const std::vector<std::string>& values);
@@ -86,7 +88,8 @@ public:
     bool dynamicExecPath_ = false;
     std::string execPathPattern_;
     bool dynamicArguments_ = false;
-    std::map<std::string, std::string> envPatterns_;  // every configured entry
+    // Every configured entry, whether its value is a pattern or not.
+    std::map<std::string, std::string> envPatterns_;
     bool dynamicVfId_ = false;
     std::string vfIdPattern_;
     SchedPolicyType schedPolicy_ = SchedPolicyType::NOT_SET;
@@ -100,7 +103,7 @@ public:
     std::string startupEntryPath_;      // base services
 
 private:
-    // Applies the real-time settings and the core-affinity marker of a manifest.
+    // Applies the real-time settings and the core-affinity marker.
     void ApplyScheduling(const ApplicationManifest& manifest);
     void ApplyRealTime(const ApplicationManifest& manifest);
     void DetectDynamicParameters(const ApplicationManifest& manifest);

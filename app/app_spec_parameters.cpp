@@ -1,4 +1,4 @@
-// The values that a start request supplies for the patterns of a manifest.
+// The part of AppSpec that fills in the values of a start request for the patterns of a manifest.
 #include <climits>
 
 #include "app/app_spec.h"
@@ -7,6 +7,7 @@
 namespace ProcMgr::App {
 namespace {
 
+// The index of a list of values in a start request.
 enum Index : int { EXEC_PATH = 0, VF_ID = 1, ENVIRONMENT = 2 };
 
 using Values = std::vector<std::string>;
@@ -22,7 +23,8 @@ constexpr Parameter PARAMETERS[] = {
     {ENVIRONMENT, &AppSpec::UpdateEnv},
 };
 
-// Digits only; an empty text is 0, anything else and what is too large is -1.
+// The number of a text of digits, 0 for an empty text. -1 for any other text and for a number above
+// 2147483647.
 int32_t ParseVfId(const std::string& text) {
     int64_t value = 0;
     for (const char c : text) {

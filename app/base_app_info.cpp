@@ -10,10 +10,11 @@
 namespace ProcMgr::App {
 namespace {
 
-// At most so many restarts within the period; a service that needs more is given up.
+// The highest number of restarts within the period. A service that needs more is not restarted
+// again.
 constexpr uint32_t RESTARTS_MAX = 5;
 constexpr std::chrono::milliseconds RESTART_PERIOD{60000};
-// The limit counts the period's last millisecond as a whole.
+// The period includes the whole of its last millisecond.
 constexpr std::chrono::nanoseconds RESTART_LIMIT =
     RESTART_PERIOD + std::chrono::nanoseconds{999'999};
 

@@ -16,21 +16,22 @@ class BaseAppInfo : public AppInfo {
 public:
     explicit BaseAppInfo(const ApplicationManifest& manifest);
 
-    // Forks and executes; see ProcessLauncher::Fork. STARTING afterwards.
+    // Starts the record's process, see ProcessLauncher::Fork, and moves the record to STARTING.
     bool StartProcess(ProcessLauncher& launcher, LaunchPlan& plan);
 
-    // Returns the state that follows.
+    // Moves the record to its next state and returns that state.
     ProcessState CheckState();
 
-    // Whether its policy restarts it at all.
+    // Whether the restart policy allows restarts at all.
     bool IsRestartable() const;
 
-    // Whether the policy allows a restart at `now`. Each restart that it allows under "on-failure"
-    // counts; the sixth within a minute turns the policy into "no".
+    // Whether the restart policy allows a restart at the time `now`. Under "on-failure", five
+    // restarts within a minute are allowed and counted; a sixth is refused and changes the policy
+    // to "no".
     bool NeedRestart(SteadyTime now);
 
-    std::deque<SteadyTime> restartTimes_;  // of the last five restarts at most, oldest first
-    bool isReady_ = false;                 // its present process has said that it is ready
+    std::deque<SteadyTime> restartTimes_;  // the last restarts, at most five, the oldest first
+    bool isReady_ = false;                 // the present process has sent its readiness report
 };
 
 }  // namespace ProcMgr::App

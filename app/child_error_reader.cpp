@@ -16,6 +16,7 @@ namespace ProcMgr {
 namespace {
 
 constexpr size_t BUFFER_SIZE = 900;
+// The pause after each read.
 constexpr std::chrono::milliseconds PAUSE{500};
 constexpr int FOR_EVER = -1;
 
@@ -24,15 +25,9 @@ constexpr int FOR_EVER = -1;
 ChildErrorReader::ChildErrorReader(const std::atomic<bool>& running)
     : running_(running), stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-ChildErrorReader::~ChildErrorReader() {
-    if (stopFd_ >= 0) {
-        close(stopFd_);
-    }
-}
-
 void ChildErrorReader::Stop() {
     const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(stopFd_, &one, sizeof(one));
+    [[maybe_unused]] const ssize_t written = write(stopFd_.Get(), &one, sizeof(one));
 }
 
 void ChildErrorReader::Run() {
@@ -47,18 +42,18 @@ void ChildErrorReader::Run() {
 
 bool ChildErrorReader::WaitForMessage() const {
     std::array<pollfd, 2> fds = {
-        pollfd{stopFd_, POLLIN, 0},
-        // A negative descriptor is never ready: without a pipe there is nothing to read.
+        pollfd{stopFd_.Get(), POLLIN, 0},
+        // poll ignores a negative descriptor: without a pipe only Stop() ends the wait.
         pollfd{ProcMgrEnv::GetInstance().GetChildErrorReadFd(), POLLIN, 0},
     };
-    // What nothing can wake looks now and then.
-    const int timeout = stopFd_ < 0 ? static_cast<int>(PAUSE.count()) : FOR_EVER;
+    // Without the descriptor of Stop() the loop has to look at `running_` from time to time.
+    const int timeout = !stopFd_.IsValid() ? static_cast<int>(PAUSE.count()) : FOR_EVER;
     return poll(fds.data(), fds.size(), timeout) > 0 && fds[0].revents == 0;
 }
 
 void ChildErrorReader::Pause(std::chrono::milliseconds duration) const {
     const SteadyTime end = std::chrono::steady_clock::now() + duration;
-    pollfd stop{stopFd_, POLLIN, 0};
+    pollfd stop{stopFd_.Get(), POLLIN, 0};
     for (;;) {
         const auto rest =
             std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());

@@ -1,37 +1,37 @@
-// Reads what children say over the child error pipe about steps of their set-up that failed, and
-// logs it. One thread of the daemon runs it.
+// Reads and logs the messages that children write to the child error pipe when a step of their
+// set-up fails. One thread of the daemon runs the reader.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 
+#include "wire/unique_fd.h"
+
 namespace ProcMgr {
 
 class ChildErrorReader {
 public:
-    // `running` ends Run() when it is false and Stop() was called.
+    // Run() ends when `running` is false and Stop() was called. `running` must outlive this object.
     explicit ChildErrorReader(const std::atomic<bool>& running);
-    ~ChildErrorReader();
-    ChildErrorReader(const ChildErrorReader&) = delete;
-    ChildErrorReader& operator=(const ChildErrorReader&) = delete;
 
-    // Thread body.
+    // The body of the thread.
     void Run();
 
-    // Wakes Run() from whatever it waits for. Any thread.
+    // Ends every wait of Run(). Any thread.
     void Stop();
 
-    // One read from the pipe: waits until a child has written.
+    // Reads once from the pipe and logs the text. Waits until a child has written, unless there is
+    // no pipe.
     static void ReadChildErrInfo();
 
 private:
-    // Waits until the pipe is readable. False when something else ended the wait.
+    // Waits until the pipe is readable or Stop() is called. True only when the pipe is readable.
     bool WaitForMessage() const;
-    // Waits for the time, or for Stop().
+    // Waits until `duration` is over or Stop() is called.
     void Pause(std::chrono::milliseconds duration) const;
 
     const std::atomic<bool>& running_;
-    const int stopFd_;  // readable after Stop(); -1 when the system has none left
+    const Wire::UniqueFd stopFd_;  // readable after Stop(); empty when the system has no more
 };
 
 }  // namespace ProcMgr

@@ -37,8 +37,8 @@ std::string ShellWord(const std::string& path) {
     return word + "'";
 }
 
-// The forked child: system calls only. A group of its own, so that all of the command can be
-// killed.
+// Runs in the forked child, so it makes system calls only. The child leads a process group of its
+// own, so that one signal reaches every process of the command.
 [[noreturn]] void Execute(const char* command, int output) {
     setpgid(0, 0);
     struct sigaction byDefault {};
@@ -54,6 +54,7 @@ std::string ShellWord(const std::string& path) {
     _exit(EXIT_NOT_EXECUTED);
 }
 
+// Milliseconds from now to `end`, for poll; 0 when `end` has passed.
 int LeftUntil(SteadyTime end) {
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
@@ -64,15 +65,9 @@ int LeftUntil(SteadyTime end) {
 
 DigestRunner::DigestRunner() : cancelFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
-DigestRunner::~DigestRunner() {
-    if (cancelFd_ >= 0) {
-        close(cancelFd_);
-    }
-}
-
 void DigestRunner::Cancel() {
     const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(cancelFd_, &one, sizeof(one));
+    [[maybe_unused]] const ssize_t written = write(cancelFd_.Get(), &one, sizeof(one));
 }
 
 bool DigestRunner::TakeExit(int32_t pid) {
@@ -82,56 +77,52 @@ bool DigestRunner::TakeExit(int32_t pid) {
 
 DigestRunner::Result DigestRunner::Run(const std::string& path, SteadyTime end) {
     MayWait("sha256sum");
-    int output = -1;
+    Wire::UniqueFd output;
     const pid_t pid = Start("sha256sum " + ShellWord(path) + "|cut -d' ' -f1", output);
     if (pid < 0) {
         return {Outcome::NOT_STARTED, {}, errno};
     }
-    Result result = ReadLine(output, end);
-    close(output);
+    Result result = ReadLine(output.Get(), end);
+    output.Reset();
     if (result.outcome != Outcome::TAKEN) {
         KillGroup(pid);
     }
     return result;
 }
 
-pid_t DigestRunner::Start(const std::string& command, int& output) {
+pid_t DigestRunner::Start(const std::string& command, Wire::UniqueFd& output) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
         return -1;
     }
+    output = Wire::UniqueFd(ends[0]);
+    const Wire::UniqueFd input(ends[1]);
     pid_t pid = -1;
     {
-        // The pid is in the set before the reaper can ask for it.
+        // The lock is held over the fork, so that the set has the pid before the reaper asks for
+        // it. The set's node is allocated before the fork: no exception may follow it.
         const LockGuard lock(mutex_);
-        std::set<int32_t> prepared{0};
+        std::set<pid_t> prepared{0};
         auto node = prepared.extract(prepared.begin());
         pid = fork();
         if (pid == 0) {
             Execute(command.c_str(), ends[1]);
         }
         if (pid > 0) {
-            // Also here: whoever comes first, the group is there before anybody kills it.
+            // Parent and child both make the group: it exists before any thread can kill it,
+            // whichever of the two runs first.
             setpgid(pid, pid);
             node.value() = pid;
             commands_.insert(std::move(node));
         }
     }
-    const int error = errno;
-    close(ends[1]);
-    if (pid < 0) {
-        close(ends[0]);
-        errno = error;
-        return -1;
-    }
-    output = ends[0];
     return pid;
 }
 
 DigestRunner::Result DigestRunner::ReadLine(int output, SteadyTime end) const {
     Result result;
     for (;;) {
-        std::array<pollfd, 2> fds = {pollfd{output, POLLIN, 0}, pollfd{cancelFd_, POLLIN, 0}};
+        std::array<pollfd, 2> fds = {pollfd{output, POLLIN, 0}, pollfd{cancelFd_.Get(), POLLIN, 0}};
         const int ready = poll(fds.data(), fds.size(), LeftUntil(end));
         if (ready < 0 && errno == EINTR) {
             continue;
@@ -152,7 +143,7 @@ DigestRunner::Result DigestRunner::ReadLine(int output, SteadyTime end) const {
     }
 }
 
-// A command that has been reaped is not in the set, and its pid may be another process's.
+// Does nothing for a command that has been reaped: its pid may belong to another process.
 void DigestRunner::KillGroup(pid_t pid) {
     const LockGuard lock(mutex_);
     if (commands_.contains(pid)) {

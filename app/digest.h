@@ -1,5 +1,5 @@
-// The SHA-256 digest of a file, taken by an external sha256sum. Its process is bounded in time and
-// can be given up at any moment, whatever the file does to whoever reads it.
+// Takes the SHA-256 digest of a file with an external sha256sum command. The caller waits for a
+// limited time only, even when reading the file blocks. IntegrityTable is the only caller.
 #pragma once
 
 #include <sys/types.h>
@@ -10,43 +10,48 @@
 
 #include "main/common/clock.h"
 #include "main/common/mutex.h"
+#include "wire/unique_fd.h"
 
 namespace ProcMgr::App {
 
-// Thread-safe: several digests may be taken at the same time.
+// All functions are callable from any thread; several digests may be taken at the same time.
 class DigestRunner {
 public:
     DigestRunner();
-    ~DigestRunner();
-    DigestRunner(const DigestRunner&) = delete;
-    DigestRunner& operator=(const DigestRunner&) = delete;
 
-    enum class Outcome { TAKEN, NOTHING, NOT_STARTED, TOO_LONG, CANCELLED };
+    enum class Outcome {
+        TAKEN,
+        NOTHING,      // the command ended without output
+        NOT_STARTED,  // the command could not be started
+        TOO_LONG,     // the time was over before the command had an answer
+        CANCELLED,    // Cancel() was called
+    };
     struct Result {
         Outcome outcome = Outcome::NOTHING;
         std::string digest;  // the command's first line, 64 characters at most
         int error = 0;       // errno of NOT_STARTED
     };
 
-    // Runs the command for the file and waits for its first line, for `end` at most; its processes
-    // are killed then. Not with a lock held.
-    Result Run(const std::string& path, SteadyTime end);
+    // Runs the command for the file and waits for its first line, but not longer than `end`. The
+    // processes of a command that has not answered are killed. Not with a lock held.
+    Result Run(const std::string& path, SteadyTime end) PROCMGR_EXCLUDES(mutex_);
 
-    // Ends every digest that is being taken, and every later one at once.
+    // Ends every running Run(), and every later one at its begin, with CANCELLED.
     void Cancel();
 
-    // The reaper's: true when the pid is a command's. Called before the pid is freed.
-    bool TakeExit(int32_t pid);
+    // Called by the reaper before it frees the pid: true when the pid is that of a command.
+    bool TakeExit(int32_t pid) PROCMGR_EXCLUDES(mutex_);
 
 private:
-    // Forks the command; its output comes from `output`. Below 0, with errno, on failure.
-    pid_t Start(const std::string& command, int& output);
+    // Starts the command as the leader of a process group. `output` becomes the end of a pipe from
+    // which its output is read. Returns the pid; below 0, with errno, on failure.
+    pid_t Start(const std::string& command, Wire::UniqueFd& output) PROCMGR_EXCLUDES(mutex_);
     Result ReadLine(int output, SteadyTime end) const;
-    void KillGroup(pid_t pid);
+    void KillGroup(pid_t pid) PROCMGR_EXCLUDES(mutex_);
 
-    const int cancelFd_;  // readable after Cancel()
+    const Wire::UniqueFd cancelFd_;  // readable after Cancel()
     Mutex mutex_;
-    std::set<pid_t> commands_;  // that have not been reaped; guarded by mutex_
+    std::set<pid_t> commands_ PROCMGR_GUARDED_BY(mutex_);  // the commands that are not reaped yet
 };
 
 }  // namespace ProcMgr::App

@@ -14,7 +14,7 @@ constexpr int CORE_DUMP_BIT = 0x80;
 
 struct SignalText {
     int signal;
-    const char* format;  // takes name, pid, signal
+    const char* format;  // its arguments: name, pid, signal
 };
 
 constexpr std::array SIGNAL_TEXTS = {

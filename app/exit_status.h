@@ -1,4 +1,5 @@
-// Exits in words: what a raw wait status says, for the log.
+// The raw wait status of a process that has ended: its log line, and its value from what waitid
+// reports. Called by the records and by the reaper.
 #pragma once
 
 #include <sys/types.h>
@@ -9,10 +10,10 @@
 
 namespace ProcMgr::App {
 
-// Logs one line that says how a process ended.
+// Logs one line about how a process ended. `status` is its raw wait status.
 void LogExitStatus(int32_t status, const std::string& appName, int32_t pid);
 
-// The raw wait status that waitpid would give for an exit that waitid has found.
+// The raw wait status that waitpid would report for an exit that waitid has reported.
 int32_t ToWaitStatus(const siginfo_t& info);
 
 }  // namespace ProcMgr::App

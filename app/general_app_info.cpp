@@ -12,7 +12,7 @@ namespace ProcMgr::App {
 
 GeneralAppInfo::GeneralAppInfo(const std::string& appName, const ApplicationManifest& manifest,
                                const std::string& owner)
-    : AppInfo(manifest, appName, owner), entry_(std::make_shared<const AppSpec>(*this)) {}
+    : AppInfo(manifest, appName, owner), entry_(std::make_shared<const AppSpec>(GetSpec())) {}
 
 void GeneralAppInfo::Refresh(const ApplicationManifest& manifest) {
     entry_ = std::make_shared<const AppSpec>(manifest, appName_);
@@ -26,7 +26,7 @@ std::optional<AppSpec> GeneralAppInfo::MakeStart(
 }
 
 void GeneralAppInfo::BeginTermination(SteadyTime now) {
-    termStartTime_ = now;
+    SetTermStartTime(now);
     killSent_ = false;
     termTimeout_ = entry_->termTimeout_;
     forceTerm_ = entry_->forceTerm_;
@@ -74,7 +74,7 @@ ProcessState GeneralAppInfo::CheckState(SteadyTime now) {
 }
 
 int64_t GeneralAppInfo::MillisecondsSinceTerm(SteadyTime now) const {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(now - termStartTime_).count();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now - GetTermStartTime()).count();
 }
 
 void GeneralAppInfo::Kill() {
@@ -112,8 +112,8 @@ ProcessState GeneralAppInfo::CheckTerminating(SteadyTime now) {
     return ChangeState(RUNNING, ChangeReason::TERM_TIMED_OUT);
 }
 
-// The old process is being stopped. A restart always ends in a kill after the time-out. The
-// record's container starts the new process when it is due.
+// The old process is being stopped. After the time-out a restart always kills it, whatever the
+// force-term flag is. The container of the record starts the new process when IsRestartDue().
 ProcessState GeneralAppInfo::CheckRestartWait(SteadyTime now) {
     if (!exitStatusSet_ && !killSent_ && MillisecondsSinceTerm(now) >= termTimeout_) {
         Kill();

@@ -24,46 +24,47 @@ public:
     GeneralAppInfo(const std::string& appName, const ApplicationManifest& manifest,
                    const std::string& owner);
 
-    // Takes note of what the configuration says now: it counts from the next start, its time-out
-    // from the next request to end.
+    // Stores the configuration's present entry. It takes effect at the next start; its termination
+    // time-out and force-term flag take effect at the next request to terminate or restart.
     void Refresh(const ApplicationManifest& manifest);
 
-    // What a start by the configuration's present entry would be, with what a request supplies.
-    // Nothing, with a log line, when a value is refused. Changes nothing.
+    // Returns the specification of a start by the configuration's present entry, with the values of
+    // a start request filled in. Returns nothing, with a log line, when a value is refused.
     std::optional<AppSpec> MakeStart(
         const std::vector<std::string>& argv,
         const std::map<int, std::vector<std::string>>& dynamicPara) const;
 
-    // A terminate or restart begins at `now`.
+    // Marks the begin of a terminate or restart at `now`.
     void BeginTermination(SteadyTime now);
-
-    // What the process that follows a restart is started by.
-    void SetNext(AppSpec spec) { next_ = std::move(spec); }
-    void TakeNext();
-
-    // Forks and executes; see ProcessLauncher::Fork. The caller sets the state.
-    bool StartProcess(ProcessLauncher& launcher, LaunchPlan& plan);
-
-    // Returns the state that follows, and does what is due at `now`: the kill after a time-out.
-    ProcessState CheckState(SteadyTime now);
-
-    // Whether the old process of a restart is gone and the new one has not been started.
-    bool IsRestartDue() const {
-        return GetState() == RESTARTING && !restartStarted_ && exitStatusSet_;
-    }
-    // The outcome of the start that was due. Returns the state that follows.
-    ProcessState FinishRestart(bool isStarted);
-
-    // The begin of a terminate or restart.
     void SetTermStartTime(SteadyTime now) { termStartTime_ = now; }
     SteadyTime GetTermStartTime() const { return termStartTime_; }
 
-    SteadyTime termStartTime_{};
-    bool savedForceTerm_ = false;
-    bool killSent_ = false;
-    bool restartStarted_ = false;
-    std::string asker_;     // of a priority application's start: who else is told of it
-    uint64_t changes_ = 0;  // of state that supervision has told of
+    // Stores the specification of the process that a restart will start. TakeNext() makes it the
+    // record's own, once the old process has ended; without a stored one the record stays as it is.
+    void SetNext(AppSpec spec) { next_ = std::move(spec); }
+    void TakeNext();
+
+    // Starts the record's process; see ProcessLauncher::Fork. The caller changes the state.
+    bool StartProcess(ProcessLauncher& launcher, LaunchPlan& plan);
+
+    // Moves the record to its next state at the time `now` and returns that state. Sends SIGKILL
+    // when the time-out of a restart, or of a terminate that may kill, is over.
+    ProcessState CheckState(SteadyTime now);
+
+    // Whether the old process of a restart has ended and the new one has not been started.
+    bool IsRestartDue() const {
+        return GetState() == RESTARTING && !restartStarted_ && exitStatusSet_;
+    }
+    // Takes the outcome of the start that IsRestartDue() asked for. Returns the state that follows.
+    ProcessState FinishRestart(bool isStarted);
+
+    bool savedForceTerm_ = false;  // the configured force-term flag, restored by a restart
+    bool killSent_ = false;        // SIGKILL has been sent for the present terminate or restart
+    bool restartStarted_ = false;  // the new process of a restart has been forked
+    // The owner that has asked for the start of a priority application, when it is not the access
+    // manager: the result of the start is reported to this owner, too. Else empty.
+    std::string asker_;
+    uint64_t changes_ = 0;  // the number of state changes that supervision has reported
 
 private:
     int64_t MillisecondsSinceTerm(SteadyTime now) const;
@@ -72,8 +73,9 @@ private:
     ProcessState CheckRestartWait(SteadyTime now);
     ProcessState CheckRestartDone();
 
-    std::shared_ptr<const AppSpec> entry_;  // what the configuration says now, as it stands there
-    std::optional<AppSpec> next_;           // of a restart that has begun
+    SteadyTime termStartTime_{};
+    std::shared_ptr<const AppSpec> entry_;  // the configuration's present entry
+    std::optional<AppSpec> next_;           // the specification of SetNext()
 };
 
 }  // namespace ProcMgr::App

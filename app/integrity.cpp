@@ -15,12 +15,14 @@
 namespace ProcMgr::App {
 namespace {
 
+// A longer line is read in pieces of this length.
 constexpr size_t HASH_LINE_LENGTH = 255;
 constexpr int ATTEMPTS = 5;
 constexpr std::chrono::milliseconds ATTEMPT_PAUSE{1};
+// For all attempts of one check together.
 constexpr std::chrono::seconds DIGEST_PATIENCE{60};
 
-// The last component, without the slashes behind it; nothing when there is no slash before it.
+// The last component of a path, without trailing slashes; nothing when no slash precedes it.
 std::optional<std::string> FileNameOf(const std::string& path) {
     const size_t last = path.find_last_not_of('/');
     if (last == std::string::npos || last == 0) {
@@ -33,7 +35,7 @@ std::optional<std::string> FileNameOf(const std::string& path) {
     return path.substr(slash + 1, last - slash);
 }
 
-// A device or a pipe can hold up whoever opens it.
+// A device or a named pipe: opening it may block, so no digest is taken of it.
 bool IsSpecialFile(const std::string& path) {
     struct stat file {};
     return stat(path.c_str(), &file) == 0 && !S_ISREG(file.st_mode);

@@ -1,5 +1,5 @@
-// Whether an executable is the one that was shipped: its SHA-256 digest against a table of expected
-// ones, by file name.
+// Checks that an executable is the one that was shipped: its SHA-256 digest is compared with the
+// expected digest of its file name. ProcessLauncher calls it before every start.
 #pragma once
 
 #include <string>
@@ -13,27 +13,28 @@ inline constexpr const char* HASH_FILE = "/etc/vela/base-plat/process-manager/bi
 
 class IntegrityTable {
 public:
-    // Reads the table, lines of NAME=DIGEST. Once, before the first start; without the file nothing
-    // is protected.
+    // Reads the table of expected digests from a file with lines of the form NAME=DIGEST. Called
+    // once, before the first start. Without the file no executable is protected.
     void Load(const std::string& path);
 
-    // Whether IntegrityProtect() would take a digest.
+    // Whether the table has a digest for the executable, so that IntegrityProtect() takes one.
     bool IsProtected(const std::string& appPath) const;
 
-    // True when the executable is not protected or its digest is the expected one. Runs an external
-    // sha256sum and waits for it, 60 s at most. Any thread, without a lock.
+    // True when the executable is not protected or has the expected digest; false, with a log line
+    // for every other failure than a wrong digest. Waits for a sha256sum command, 60 s at most. Any
+    // thread, not with a lock held.
     bool IntegrityProtect(const std::string& appPath);
 
-    // Ends the digests that are being taken: their executables are refused.
+    // Ends every digest that is being taken, now and later; IntegrityProtect() returns false then.
     void Cancel() { digests_.Cancel(); }
-    // True when the pid is that of a digest's process, which has ended.
+    // Called by the reaper: true when the pid is that of a sha256sum command.
     bool TakeExit(int32_t pid) { return digests_.TakeExit(pid); }
 
 private:
     void AddLine(const std::string& line);
     bool HasDigest(const std::string& appPath, const std::string& expected);
 
-    std::unordered_map<std::string, std::string> expected_;  // constant after Load
+    std::unordered_map<std::string, std::string> expected_;  // by file name; constant after Load
     DigestRunner digests_;
 };
 

@@ -46,7 +46,9 @@ bool MayOwnerExecute(const char* app, const char* path, uint32_t uid, const stru
     return false;
 }
 
-// The execute bit for others is never enough.
+// For a user who is neither root nor the owner of the program: the user has to be a member of the
+// program's group, and the group has to have the execute bit. The execute bit for others does not
+// count.
 bool MayMemberExecute(const char* app, const char* path, uint32_t uid, const struct stat& file,
                       UserGroupsCache& users) {
     const UserGroups user = users.LookUp(uid);

@@ -20,7 +20,7 @@ constexpr const char* COMMON_ENV_FILE = "/etc/korin_common_env.conf";
 
 constexpr std::string_view LOCKED_MEMORY_KEY = "MAX_LOCKED_MEMORY_LIMIT=";
 constexpr std::string_view UNLIMITED = "unlimited";
-constexpr int HOME_FIELD = 5;  // fields before the sixth
+constexpr int HOME_FIELD = 5;  // the number of fields before the home directory
 
 bool ParseLimit(std::string_view text, rlim_t& limit) {
     while (!text.empty() && (text.back() == '\r' || text.back() == ' ')) {
@@ -49,7 +49,7 @@ void ApplyLockedMemoryLimit(std::string_view value) {
     }
 }
 
-// The text of the sixth field, empty when the line has fewer.
+// The home directory in a line of the password file; empty when the line has too few fields.
 std::string HomeOf(std::string_view line) {
     for (int field = 0; field < HOME_FIELD; ++field) {
         const size_t colon = line.find(':');

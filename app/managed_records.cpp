@@ -17,6 +17,7 @@ bool IsWanted(const AppInfo& app, ManagedFilter filter) {
     return false;
 }
 
+// Whether the record still has the process of the copy.
 bool IsSame(const AppInfo& record, const ManagedApp& app) {
     return record.pid_ == app.pid && record.startTime_ == app.startTime && record.IsAlive();
 }

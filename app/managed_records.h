@@ -1,5 +1,5 @@
-// The records of all containers, as resource control sees them: it gets copies, and asks again
-// before it does anything to a process.
+// The records of all containers, for resource control. Resource control works on copies without a
+// lock, so before it changes a process it asks here whether the process is still the same.
 #pragma once
 
 #include <functional>
@@ -10,16 +10,17 @@
 
 namespace ProcMgr::App {
 
-// Looks at a record; true ends the visit.
+// Called for one record; true ends the visit.
 using RecordVisitor = std::function<bool(AppInfo& app)>;
-// Shows every record to the visitor under its container's lock; true when the visitor ended it. The
-// visitor neither blocks nor takes a lock.
+// Calls the visitor for every record of one container, under the lock of the container; true when
+// the visitor ended the visit. The visitor must not wait or take a lock.
 using RecordContainer = std::function<bool(const RecordVisitor& visitor)>;
 
+// Callable from any thread without a container's lock.
 class ManagedRecords final : public ManagedApps {
 public:
-    // `isConfigured`: whether an application of this name is configured, with a record or without;
-    // called with no lock held.
+    // `isConfigured` returns whether the configuration has an application of this name, even when
+    // there is no record of it; called with no lock held.
     ManagedRecords(std::vector<RecordContainer> containers,
                    std::function<bool(const std::string& name)> isConfigured)
         : containers_(std::move(containers)), isConfigured_(std::move(isConfigured)) {}

@@ -14,8 +14,8 @@
 namespace ProcMgr {
 namespace {
 
-// A library's thread that has a SIGCHLD handler of its own could swallow one; an exit is then seen
-// at the next look.
+// The longest time between two looks for exits: a library that installs a SIGCHLD handler of its
+// own may take a signal from the reaper, and the exit is then found at the next look.
 constexpr int LOOK_MILLISECONDS = 1000;
 
 void WaitForSignal() {
@@ -52,8 +52,8 @@ void Reaper::CollectExits() {
     }
 }
 
-// While the zombie is there its pid belongs to nobody else: the exit is stored first, so whoever
-// finds none stored may signal the pid, and then the pid is freed.
+// The exit is stored while the zombie still holds its pid, and the pid is freed afterwards. So a
+// thread that finds no stored exit in a record may signal the pid of the record.
 void Reaper::Collect(const siginfo_t& exit) {
     const pid_t pid = exit.si_pid;
     const int32_t status = App::ToWaitStatus(exit);
@@ -62,8 +62,8 @@ void Reaper::Collect(const siginfo_t& exit) {
     if (!isStored) {
         ProcMgrLog(LOG_WARNING, "PROCMGR: can not find app, pid=%d", pid);
     }
-    // Not for longer: who runs a command may collect its end, and the pid be another child's by
-    // now.
+    // Does not wait: a thread that runs a command may have collected the zombie already, and the
+    // pid may belong to another child, which is still alive.
     waitpid(pid, nullptr, WNOHANG);
 }
 

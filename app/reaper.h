@@ -1,5 +1,5 @@
-// Collects the exit of every child of the daemon and hands it to the record that owns the pid. One
-// thread of the daemon runs it; it blocks until the kernel has something to say.
+// Collects the exit of every child of the daemon and stores it in the record that has the pid. One
+// thread of the daemon runs the reaper; it sleeps until a signal arrives.
 #pragma once
 
 #include <sys/types.h>
@@ -12,19 +12,20 @@
 
 namespace ProcMgr {
 
-// Stores the exit of a process in its record. False when no record of the container has the pid.
+// Stores the raw wait status of a process in its record. False when no record of the container has
+// the pid.
 using ExitSink = std::function<bool(int32_t pid, int32_t status)>;
 
 class Reaper {
 public:
-    // The sinks are asked in their order; each takes its own container's lock. `onWake` is called
-    // at each wake-up by a signal.
+    // Each exit is offered to the sinks in their order until one returns true; a sink takes the
+    // lock of its own container. `onWake` is called after every wake-up, without a lock.
     Reaper(std::vector<ExitSink> sinks, std::function<void()> onWake);
 
-    // Thread body; ends when `running` is false and the signal event has been woken.
+    // The body of the thread. Ends when `running` is false and the signal event has been woken.
     void Run(const std::atomic<bool>& running);
 
-    // Collects every exit there is now.
+    // Collects the exits of all children that have ended.
     void CollectExits();
 
 private:

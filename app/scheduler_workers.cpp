@@ -23,7 +23,7 @@ constexpr const char* SCHEDULER_APP = "RqDaemon";
 constexpr const char* SCHEDULER_PROCESS = "rqdaemon";
 constexpr const char* INIT_PID = "1";
 
-// Name and parent of a process; nothing when it is gone.
+// The name and the parent of a process; nothing when the process does not exist.
 std::optional<std::vector<std::string>> ReadNameAndParent(const std::string& pid) {
     return ReadStatusFields(PROC_DIR + pid + "/status", std::array{"Name"sv, "PPid"sv});
 }

@@ -44,7 +44,7 @@ int32_t SensorNodeEventReporter::FaultFlag(uint16_t nodeType, uint8_t sensorType
 }
 
 // When the worker refuses a job because too many wait, the next job that it takes shows all nodes
-// anew, from the stored faults.
+// again, from the stored faults.
 void SensorNodeEventReporter::Post(SerialWorker::Job job) {
     const bool isTaken = worker_.Post([this, job = std::move(job)] {
         job();

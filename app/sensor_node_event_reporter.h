@@ -56,10 +56,13 @@ public:
     // registration failed or is not done within a second. Not with a lock held.
     bool RegisterSensorNode(const SensorNodeConfig& config) PROCMGR_EXCLUDES(mutex_);
 
-    // Sends an event to every device of a registered node, unless it is the node's last event.
-    // `fault` is the fault flag of FaultFlag().
+    // Sends an event to every device of a registered node, unless it is the node's last event. For
+    // events that are not faults of an application, so that nothing is stored. `fault` is the fault
+    // flag of FaultFlag().
     void ReportEvent(const std::string& name, int32_t event, int32_t fault = 0);
 
+    // Drops the stored faults of a node and unregisters it; for a node that is given up while the
+    // daemon goes on.
     void UnregisterSensorNode(const std::string& name) PROCMGR_EXCLUDES(mutex_);
     void UnregisterAll() PROCMGR_EXCLUDES(mutex_);
 

@@ -11,7 +11,7 @@ namespace {
 
 struct SentText {
     int signal;
-    const char* format;  // takes name and pid
+    const char* format;  // its arguments: name, pid
 };
 
 constexpr std::array SENT_TEXTS = {

@@ -1,5 +1,5 @@
-// Signals to managed processes. The caller makes sure, under the lock of the record's container,
-// that the exit of the process has not been collected: a free pid must never be signalled.
+// Signals to managed processes. Called with the lock of the record's container held, and only while
+// the exit of the process has not been collected: a pid that is free must never be signalled.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,8 @@
 
 namespace ProcMgr::App {
 
-// True when the signal was sent.
+// Sends a signal and logs it. True when it was sent; false, with a log line, when the pid is below
+// 1 or the kernel refuses the signal.
 bool SendSignal(int signal, const std::string& appName, int32_t pid);
 
 }  // namespace ProcMgr::App

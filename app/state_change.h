@@ -1,5 +1,5 @@
-// The life cycle of a managed process: every change of state that there is, with its reason. Used
-// by AppInfo::ChangeState(), the only place where a record's state changes.
+// The life cycle of a managed process: every permitted change of a record's state, with its reason.
+// Used by AppInfo::ChangeState(), the only function that changes the state of a record.
 #pragma once
 
 #include <algorithm>
@@ -28,7 +28,8 @@ struct StateChange {
     constexpr bool operator==(const StateChange&) const = default;
 };
 
-// A service may report its state again, and a process that is already ending may be ended again.
+// Every permitted change. A change from a state to the same state is permitted where a service may
+// repeat its report, or where a process that is already ending is terminated again.
 inline constexpr std::array TRANSITIONS = {
     StateChange{INITSTATE, STARTING, ChangeReason::STARTED},
     StateChange{TERMINATED, STARTING, ChangeReason::STARTED},
@@ -44,7 +45,8 @@ inline constexpr std::array TRANSITIONS = {
     StateChange{TERMINATING, TERMINATING, ChangeReason::TERMINATION},
     StateChange{RESTARTING, TERMINATING, ChangeReason::TERMINATION},
     StateChange{TERMINATING, RUNNING, ChangeReason::TERM_TIMED_OUT},
-    // A general application: its running process is ended first, or a new one has been forked.
+    // General applications: either the running process is to end first, or there was no process and
+    // the new one has been forked.
     StateChange{RUNNING, RESTARTING, ChangeReason::RESTART},
     StateChange{INITSTATE, RESTARTING, ChangeReason::RESTART},
     StateChange{TERMINATED, RESTARTING, ChangeReason::RESTART},

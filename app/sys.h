@@ -1,5 +1,6 @@
-// The system calls of launch and child set-up, by their own names. A test that puts a header of
-// the same name before this one on the include path records their order and makes each one fail.
+// The system calls of a launch and of the child set-up, under their own names in a namespace. A
+// header of the same name that comes earlier on the include path can replace them; the tests of the
+// child set-up record the calls that way and make each one fail.
 #pragma once
 
 #include <grp.h>

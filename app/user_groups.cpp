@@ -15,7 +15,7 @@ namespace ProcMgr::App {
 namespace {
 
 constexpr std::chrono::seconds CACHE_LIFE{60};
-// Of one record of the user database.
+// Bytes for the texts of one record of the user database.
 constexpr size_t TEXTS_SIZE = 16384;
 constexpr const char* DATABASE_FILES[] = {"/etc/passwd", "/etc/group", "/etc/nsswitch.conf"};
 
@@ -34,7 +34,7 @@ UserGroups LookUpUserGroups(uint32_t uid) {
     int count = USER_GROUPS_MAX;
     found.groups.resize(USER_GROUPS_MAX);
     const int listed = getgrouplist(user->pw_name, user->pw_gid, found.groups.data(), &count);
-    // The record must not be left in memory that every child inherits.
+    // Every child inherits the memory, so the record is wiped.
     if (memset_s(texts.data(), texts.size(), 0, texts.size()) != 0 ||
         memset_s(user, sizeof(*user), 0, sizeof(*user)) != 0) {
         found.result = UserGroups::Result::NOT_WIPED;
@@ -79,10 +79,10 @@ std::optional<UserGroups> UserGroupsCache::Find(uint32_t uid) {
     const SteadyTime now = std::chrono::steady_clock::now();
     std::string stamp = ReadStamp();
     const LockGuard lock(mutex_);
-    if (stamp != stamp_ || now - filled_ > CACHE_LIFE) {
+    if (stamp != stamp_ || now - emptied_ > CACHE_LIFE) {
         found_.clear();
         stamp_ = std::move(stamp);
-        filled_ = now;
+        emptied_ = now;
     }
     const auto entry = found_.find(uid);
     return entry == found_.end() ? std::nullopt : std::optional(entry->second);
@@ -95,7 +95,7 @@ UserGroups UserGroupsCache::LookUp(uint32_t uid) {
     const std::string stamp = ReadStamp();
     UserGroups user = LookUpUserGroups(uid);
     const LockGuard lock(mutex_);
-    // What was found before a change of the database is not kept as found after it.
+    // A result from before a change of the database is not kept for the time after it.
     if (user.result == UserGroups::Result::FOUND && stamp == stamp_) {
         found_.insert_or_assign(uid, user);
     }

@@ -1,5 +1,5 @@
-// The groups of a user, from the user database, which may be slow: no lock is held while it is
-// asked. Any thread.
+// The groups of a user, from the user database. The launch checks and the launch plan use them. The
+// database may be slow, so no look-up is made with a lock held. Callable from any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -19,37 +19,40 @@ struct UserGroups {
     enum class Result { FOUND, NO_USER, TOO_MANY, NOT_WIPED };
     Result result = Result::NO_USER;
     int error = 0;              // errno of a failure
-    std::vector<gid_t> groups;  // supplementary groups, the user's own group among them
+    std::vector<gid_t> groups;  // the supplementary groups, with the user's own group
 };
 
-// A user may have at most so many groups.
+// The highest number of groups that a user may have.
 inline constexpr int USER_GROUPS_MAX = 128;
 
+// Asks the user database. Not with a lock held.
 UserGroups LookUpUserGroups(uint32_t uid);
 
-// Whether `gid` is among the groups that were found. A user with less than 128 groups counts as a
-// member of group 0.
+// Whether the user is a member of group `gid`. A user with fewer than 128 groups counts as a member
+// of group 0; a user whose groups could not be found is a member of none.
 bool IsGroupMember(const UserGroups& user, gid_t gid);
 
-// Look-ups that were made a moment ago: at boot many services of few users start in one burst. An
-// entry is used for a minute at most, and only while the files of the user database are the same.
+// Keeps the groups of users that were looked up before, because at boot many services of few users
+// start at once. An entry is used for a minute at most, and only as long as the files of the user
+// database do not change.
 class UserGroupsCache {
 public:
-    // Asks the database when the cache does not know. Not with a lock held.
-    UserGroups LookUp(uint32_t uid);
+    // The groups from the cache, else from the database. Not with a lock held.
+    UserGroups LookUp(uint32_t uid) PROCMGR_EXCLUDES(mutex_);
 
-    // What the cache knows; nothing when the database would have to be asked.
-    std::optional<UserGroups> Find(uint32_t uid);
+    // The groups from the cache; nothing when the database would have to be asked.
+    std::optional<UserGroups> Find(uint32_t uid) PROCMGR_EXCLUDES(mutex_);
 
 private:
-    // What the files of the user database were like.
+    // A text of inode, size and modification time of the files of the user database: different
+    // when a file has changed.
     static std::string ReadStamp();
 
     Mutex mutex_;
-    // All guarded by mutex_.
-    std::map<uint32_t, UserGroups> found_;
-    std::string stamp_;
-    SteadyTime filled_{};
+    std::map<uint32_t, UserGroups> found_ PROCMGR_GUARDED_BY(mutex_);  // by uid
+    // The stamp and the time at which the cache was last emptied.
+    std::string stamp_ PROCMGR_GUARDED_BY(mutex_);
+    SteadyTime emptied_ PROCMGR_GUARDED_BY(mutex_){};
 };
 
 }  // namespace ProcMgr::App
