@@ -1,6 +1,6 @@
-// The child's part of a launch: what happens between fork and execv, as a table of steps over the
-// launch plan. ProcessLauncher is the only caller. The child takes no lock of the daemon, writes no
-// log line and never returns into the daemon's code.
+// The child's part of a launch: a table of steps over the launch plan that runs between fork and
+// execv. ProcessLauncher is the only caller. The child takes no lock of the daemon, writes no log
+// line and never returns into the daemon's code.
 #pragma once
 
 #include <sys/types.h>

@@ -1,5 +1,5 @@
-// The raw wait status of a process that has ended: its log line, and its value from what waitid
-// reports. Called by the records and by the reaper.
+// The raw wait status of a process that has ended: its log line, and its computation from the
+// report of waitid. The records call the first, the reaper the second.
 #pragma once
 
 #include <sys/types.h>

@@ -39,15 +39,14 @@ TEST_F(DynamicParameters, AllTogether) {
     EXPECT_EQ(app_.envs_, (std::map<std::string, std::string>{{"FIXED", "1"}, {"LEVEL", "12"}}));
     EXPECT_TRUE(LogCapture::Contains(
         LOG_INFO, "PROCMGR : UpdateEnv dynamic appName=app, env=FIXED=1 LEVEL=12"));
-    EXPECT_TRUE(LogCapture::Contains(LOG_INFO, "PROCMGR : UpdateVfId dynamic appName=app, vfId=7"));
-    // The next request's values take the place of these.
+    // The values of the next request replace these.
     EXPECT_TRUE(app_.UpdateDynamicPara({}, {{0, {"/opt/other"}}}));
     EXPECT_TRUE(app_.arguments_.empty());
     EXPECT_EQ(app_.vfId_, -1);
     EXPECT_EQ(app_.envs_, (std::map<std::string, std::string>{{"FIXED", "1"}}));
 }
 
-TEST_F(DynamicParameters, WhatIsNotDynamicStaysAsItIs) {
+TEST_F(DynamicParameters, AManifestWithoutPatternsIsNotChanged) {
     ManifestData data = Dynamic();
     data.dynamic = false;
     GeneralAppInfo fixed("app", Manifest(data), "EM");

@@ -1,25 +1,21 @@
-// Manifests and child processes for the tests of this room.
+// Manifests, records and starts for the tests of this room.
 #pragma once
 
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <cstdint>
-#include <fstream>
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "app/app_info.h"
 #include "app/process_launcher.h"
+#include "main/common/proc_files.h"
 #include "platform/host/manifest_data.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr::App {
 
-// Moves a record to `state` over changes that its life cycle has.
+// Moves a record to `state` by changes that its life cycle permits.
 inline void MoveTo(AppInfo& app, ProcessState state) {
     if (app.GetState() != INITSTATE && app.GetState() != TERMINATED) {
         app.ChangeState(TERMINATED, ChangeReason::EXITED);
@@ -44,96 +40,26 @@ inline ApplicationManifest Manifest(const ManifestData& data) {
     return ApplicationManifest(std::make_shared<const ManifestData>(data));
 }
 
-// A service that does nothing, named "svc".
+// A service named "svc" that ends at once.
 inline ManifestData SomeService() {
     ManifestData data;
     data.name = "svc";
     data.bin = "/bin/true";
-    data.coreAffinity = {0};  // the machine need not have the default ones
+    data.coreAffinity = {0};  // the machine may not have the default cores
     return data;
 }
 
-// Both stages of a start.
+// Does both stages of a start.
 template <typename App>
 bool StartNow(App& app, ProcessLauncher& launcher) {
     std::optional<LaunchPlan> plan = launcher.Prepare(app);
     return plan && app.StartProcess(launcher, *plan);
 }
 
-// A forked child that waits for a signal; killed and reaped at the end.
-class WaitingChild {
-public:
-    explicit WaitingChild(const char* name = "waiting") {
-        // Blocked until the child has its own dispositions: a signal sent at once must not find a
-        // handler that another test has installed here.
-        sigset_t all;
-        sigset_t before;
-        sigfillset(&all);
-        sigprocmask(SIG_SETMASK, &all, &before);
-        pid_ = fork();
-        if (pid_ == 0) {
-            prctl(PR_SET_NAME, name);
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            for (const int deadly : {SIGTERM, SIGINT, SIGUSR1}) {
-                signal(deadly, SIG_DFL);
-            }
-            sigemptyset(&all);
-            sigprocmask(SIG_SETMASK, &all, nullptr);
-            while (true) {
-                pause();
-            }
-        }
-        sigprocmask(SIG_SETMASK, &before, nullptr);
-    }
-    ~WaitingChild() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            Reap();
-        }
-    }
-    WaitingChild(const WaitingChild&) = delete;
-    WaitingChild& operator=(const WaitingChild&) = delete;
-
-    pid_t Pid() const { return pid_; }
-
-    // Waits for its exit and returns the raw status.
-    int32_t Reap() {
-        int status = -1;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return status;
-    }
-
-    // Whether it goes on as if nothing had been sent.
-    bool IsUntouched() const {
-        int status = 0;
-        usleep(20000);
-        return waitpid(pid_, &status, WNOHANG) == 0;
-    }
-
-private:
-    pid_t pid_ = -1;
-};
-
-// The pid of a process that is gone.
-inline pid_t FreePid() {
-    WaitingChild child;
-    const pid_t pid = child.Pid();
-    kill(pid, SIGKILL);
-    child.Reap();
-    return pid;
-}
-
-// The value behind "KEY:" in a status file, without the blanks before it.
-inline std::string StatusValue(pid_t pid, const std::string& key) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(file, line);) {
-        if (line.starts_with(key + ":")) {
-            const size_t begin = line.find_first_not_of(" \t", key.size() + 1);
-            return begin == std::string::npos ? std::string() : line.substr(begin);
-        }
-    }
-    return {};
+// The value of a key in the status file of a process; empty when the process does not exist.
+inline std::string StatusValue(pid_t pid, std::string_view key) {
+    const auto fields = ReadStatusFields(ProcPath(pid, "status"), std::array{key});
+    return fields ? fields->front() : std::string();
 }
 
 }  // namespace ProcMgr::App

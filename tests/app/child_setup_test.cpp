@@ -1,4 +1,4 @@
-// Over the recording system calls: nothing here forks, executes or exits.
+// The child set-up over the recording system calls: no test here forks, executes or exits.
 #include "app/child_setup.h"
 
 #include <gmock/gmock.h>
@@ -35,7 +35,7 @@ constexpr int ERROR_FD = 77;
 const std::string RTPRIO = std::to_string(RLIMIT_RTPRIO);
 const std::string PREFIX = "write 77 app=svc,pid=4711,";
 
-// A plan in which every step has something to do.
+// A plan with a value for every step.
 LaunchPlan FullPlan(AppKind kind) {
     LaunchPlan plan;
     plan.kind = kind;
@@ -79,7 +79,7 @@ protected:
         LogCapture::Clear();
     }
 
-    // Runs the child's part; returns EXECUTED or the status that it exits with.
+    // Runs the child's part of a launch. Returns EXECUTED or the exit status.
     static int Run(const LaunchPlan& plan) {
         ChildContext child(plan, BindCount::GetInstance());
         try {
@@ -109,56 +109,51 @@ protected:
 };
 
 TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
-    const std::vector<std::string> start = {"setsid", "getpid", "getrlimit " + RTPRIO,
-                                            "prlimit " + RTPRIO + " 99 99",
-                                            "sched_setscheduler 4711 1 50"};
-    const std::vector<std::string> general = {"nice -5",
-                                              "join /cpuset/tasks 4711",
-                                              "join /cpu/tasks 4711",
-                                              "setgroups 7,30",
-                                              "setgid 7",
-                                              "setuid 8",
-                                              "setenv SHAREPOOL_GROUP_NAME=video,audio",
-                                              "setenv SHAREGROUP_PRECONFIG=1",
-                                              "setenv PROC_PLANE=PLANE_MANAGE",
-                                              "setenv HOME=/home/x",
-                                              "setenv A=1",
-                                              "setenv B=",
-                                              "setenv OWNER_NAME=EM",
-                                              "ZornInitProc svc /bin/svc",
-                                              "setenv GRP_HB=1",
-                                              "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
-                                              "sched_setaffinity 4711 1",
-                                              "execv /bin/svc|/bin/svc|-a|two words|"};
-    const std::vector<std::string> base = {"join /cpuset/tasks 4711",
-                                           "join /cpu/tasks 4711",
-                                           "setgroups 7,30",
-                                           "setgid 7",
-                                           "setuid 8",
-                                           "setenv SHAREPOOL_GROUP_NAME=video,audio",
-                                           "setenv SHAREGROUP_PRECONFIG=1",
-                                           "setenv A=1",
-                                           "setenv B=",
-                                           "ZornInitProc svc /bin/svc",
-                                           "setenv HOME=/home/x",
-                                           "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
-                                           "setenv IS_RESTART=1",
-                                           "setenv STARTUP_ENTRY_PATH=/entry",
-                                           "sched_setaffinity 4711 1",
-                                           "execv /bin/svc|/bin/svc|-a|two words|"};
-    for (const AppKind kind : {AppKind::GENERAL, AppKind::BASE}) {
-        auto calls = start;
-        const auto& rest = kind == AppKind::GENERAL ? general : base;
-        calls.insert(calls.end(), rest.begin(), rest.end());
+    // 'b': only for a base service, 'g': only for a general application.
+    const std::pair<char, std::string> steps[] = {
+        {' ', "setsid"},
+        {' ', "getpid"},
+        {' ', "getrlimit " + RTPRIO},
+        {' ', "prlimit " + RTPRIO + " 99 99"},
+        {' ', "sched_setscheduler 4711 1 50"},
+        {'g', "nice -5"},
+        {' ', "join /cpuset/tasks 4711"},
+        {' ', "join /cpu/tasks 4711"},
+        {' ', "setgroups 7,30"},
+        {' ', "setgid 7"},
+        {' ', "setuid 8"},
+        {' ', "setenv SHAREPOOL_GROUP_NAME=video,audio"},
+        {' ', "setenv SHAREGROUP_PRECONFIG=1"},
+        {'g', "setenv PROC_PLANE=PLANE_MANAGE"},
+        {'g', "setenv HOME=/home/x"},
+        {' ', "setenv A=1"},
+        {' ', "setenv B="},
+        {'g', "setenv OWNER_NAME=EM"},
+        {' ', "ZornInitProc svc /bin/svc"},
+        {'b', "setenv HOME=/home/x"},
+        {'g', "setenv GRP_HB=1"},
+        {' ', "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1"},
+        {'b', "setenv IS_RESTART=1"},
+        {'b', "setenv STARTUP_ENTRY_PATH=/entry"},
+        {' ', "sched_setaffinity 4711 1"},
+        {' ', "execv /bin/svc|/bin/svc|-a|two words|"},
+    };
+    for (const auto& [kind, mark] : {std::pair(AppKind::GENERAL, 'g'), {AppKind::BASE, 'b'}}) {
+        std::vector<std::string> calls;
+        for (const auto& [only, call] : steps) {
+            if (only == ' ' || only == mark) {
+                calls.push_back(call);
+            }
+        }
         FakeSys::Get().Reset();
-        // Only below zero is a failure of the registration.
+        // Only a result below zero is a failure of the registration.
         FakeAccessManager::Get().PushInit(1, EACCES);
         EXPECT_EQ(Run(FullPlan(kind)), EXECUTED);
         EXPECT_THAT(FakeSys::Get().StepCalls(), ElementsAreArray(calls));
     }
 }
 
-TEST_F(ChildSetupTest, ADelayedApplicationHasItsOwnCoresOnlyWhenABindCameMeanwhile) {
+TEST_F(ChildSetupTest, ADelayedApplicationPinsItselfOnlyAfterABindSinceTheFork) {
     LaunchPlan plan = FullPlan(AppKind::BASE);
     plan.isDelayed = true;
     for (const size_t binds : {0U, 1U}) {
@@ -180,7 +175,7 @@ TEST_F(ChildSetupTest, SignalsAreBackAtTheirDefaultsBeforeTheProgramRuns) {
     EXPECT_EQ(Run(FullPlan(AppKind::BASE)), EXECUTED);
     const auto calls = FakeSys::Get().Calls();
     EXPECT_TRUE(calls.back().starts_with("execv"));
-    // Unblocked earlier, a signal would run a handler of the daemon's in the child.
+    // A signal that is unblocked before that would run a handler of the daemon in the child.
     const auto unblock = std::find(calls.begin(), calls.end(),
                                    "pthread_sigmask " + std::to_string(SIG_SETMASK) + " EMPTY");
     ASSERT_NE(unblock, calls.end());
@@ -190,12 +185,13 @@ TEST_F(ChildSetupTest, SignalsAreBackAtTheirDefaultsBeforeTheProgramRuns) {
     }
 }
 
-TEST_F(ChildSetupTest, WhatFailsIsReportedInOneWriteAndTheProgramStillRuns) {
+TEST_F(ChildSetupTest, FailuresAreReportedInOneWriteAndTheProgramStillRuns) {
     const std::string scheduler = "sched_setscheduler failed errno=1,type=1,priority=50;";
     const std::string home =
         "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=/home/x, errno=1;";
     const std::string pool = "Set share pool env failed, errno=1;";
-    const std::string variable = "setenv failed, errno=1;";  // the first ends the manifest's
+    const std::string variable =
+        "setenv failed, errno=1;";  // once: the first failure ends the step
     const std::string access = "ZornInitProc failed, errno=5;";
     const std::string preload = "SetAppAsanEnv preload failed errno=1;";
     const struct {
@@ -226,7 +222,7 @@ TEST_F(ChildSetupTest, WhatFailsIsReportedInOneWriteAndTheProgramStillRuns) {
     }
 }
 
-TEST_F(ChildSetupTest, WithoutItsIdentityNothingRuns) {
+TEST_F(ChildSetupTest, AChildWithoutItsIdentityRunsNoProgram) {
     using Result = UserGroups::Result;
     const struct {
         Result groups;
@@ -307,7 +303,7 @@ TEST_F(ChildSetupTest, AnExceptionEndsTheChild) {
     EXPECT_EQ(CountCalls("execv"), 0U);
 }
 
-TEST_F(ChildSetupTest, AForkedChildGetsWhatItsRecordSays) {
+TEST_F(ChildSetupTest, AForkedChildGetsTheValuesOfItsRecord) {
     FakeSys::Get().SetFork(0);
     ManifestData data = SomeService();
     data.args = {"-v"};

@@ -7,15 +7,14 @@
 
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/fakes/log_capture.h"
+#include "tests/support/files.h"
 
 namespace ProcMgr::App {
 namespace {
@@ -25,23 +24,15 @@ namespace fs = std::filesystem;
 using Fakes::LogCapture;
 using Fakes::LogLine;
 
-// Of a file that holds "abc", and of an empty one.
+// The digest of a file that holds "abc", and of an empty file.
 const std::string DIGEST = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 const std::string UPPER = "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD";
 const std::string EMPTY = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
 
 class Integrity : public testing::Test {
 protected:
-    void SetUp() override {
-        char path[] = "/tmp/integrity-XXXXXX";
-        ASSERT_NE(mkdtemp(path), nullptr);
-        directory_ = path;
-        LogCapture::Clear();
-    }
-    void TearDown() override { fs::remove_all(directory_); }
-
     std::unique_ptr<IntegrityTable> Table(const std::string& contents) {
-        std::ofstream(directory_ / "bin_hash.cfg") << contents;
+        Tests::WriteFile(directory_ / "bin_hash.cfg", contents);
         LogCapture::Clear();
         auto table = std::make_unique<IntegrityTable>();
         table->Load(directory_ / "bin_hash.cfg");
@@ -50,11 +41,11 @@ protected:
 
     // A program in the test's own directory that holds "abc".
     std::string Program(const std::string& name) {
-        std::ofstream(directory_ / name) << "abc";
+        Tests::WriteFile(directory_ / name, "abc");
         return directory_ / name;
     }
 
-    fs::path directory_;
+    Tests::TempDirectory directory_;
 };
 
 TEST_F(Integrity, Digest) {
@@ -78,7 +69,7 @@ TEST_F(Integrity, Paths) {
         {"", "appName is empty"},
         {"/", "appPath=/ is illegal"},
         {"app", "appPath=app is illegal"},
-        // Looked up under the name "app"; what stands there is no directory, and has no digest.
+        // Found in the table as "app"; with the slashes the file cannot be read.
         {app + "///", "sha256sum failed for app=" + app + "///"},
     };
     const auto table = Table("app=" + DIGEST + "\na=" + DIGEST + "\n");
@@ -91,16 +82,15 @@ TEST_F(Integrity, Paths) {
     EXPECT_TRUE(table->IntegrityProtect("/nowhere/free//"));
 }
 
-TEST_F(Integrity, APathIsNoShellText) {
-    const std::string mark = (directory_ / "mark").string();
-    fs::create_directory(directory_ / "a b");
+TEST_F(Integrity, APathIsNotRunAsAShellCommand) {
+    const std::string mark = directory_ / "mark";
     for (const std::string name :
          {"a b/app", "app;touch mark", "app$(touch mark)", "app`touch mark`", "'app'touch mark'",
           "app\"q\"", "app|touch mark", "app>mark", "$HOME", "app*", "~app"}) {
         const std::string path = Program(name);
         const std::string file = fs::path(path).filename();
         const auto before = fs::current_path();
-        fs::current_path(directory_);
+        fs::current_path(directory_.Path());
         EXPECT_TRUE(Table(file + "=" + DIGEST + "\n")->IntegrityProtect(path)) << name;
         EXPECT_FALSE(Table(file + "=" + EMPTY + "\n")->IntegrityProtect(path)) << name;
         fs::current_path(before);
@@ -108,31 +98,28 @@ TEST_F(Integrity, APathIsNoShellText) {
     }
 }
 
-TEST_F(Integrity, AFileThatHoldsItsReaderUpIsGivenUp) {
+TEST_F(Integrity, AFileThatBlocksItsReaderIsGivenUp) {
     const std::string pipe = directory_ / "app";
     ASSERT_EQ(mkfifo(pipe.c_str(), 0755), 0);
     EXPECT_FALSE(Table("app=" + DIGEST + "\n")->IntegrityProtect(pipe));
     EXPECT_EQ(LogCapture::Lines(),
               (std::vector<LogLine>{
                   {LOG_ERR, "PROCMGR: IntegrityProtect appPath=" + pipe + " is no regular file"}}));
-    // The file may become a pipe at any moment.
+    // The file may also become a pipe after the check of its kind.
     DigestRunner digests;
     const SteadyTime begin = std::chrono::steady_clock::now();
     EXPECT_EQ(digests.Run(pipe, begin + std::chrono::milliseconds(100)).outcome,
               DigestRunner::Outcome::TOO_LONG);
-    std::thread canceller([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        digests.Cancel();
-    });
+    std::thread canceller([&] { digests.Cancel(); });
     EXPECT_EQ(digests.Run(pipe, begin + std::chrono::hours(1)).outcome,
               DigestRunner::Outcome::CANCELLED);
     canceller.join();
-    for (int command = 0; command < 2; ++command) {
-        int status = 0;
-        const pid_t pid = wait(&status);
-        EXPECT_TRUE(digests.TakeExit(pid));
-        EXPECT_EQ(status, SIGKILL);
+    int killed = 0;
+    int status = 0;
+    for (pid_t pid = wait(&status); pid > 0; pid = wait(&status)) {
+        killed += digests.TakeExit(pid) && status == SIGKILL ? 1 : 0;
     }
+    EXPECT_EQ(killed, 2);
 }
 
 TEST_F(Integrity, LinesWithoutNameOrDigest) {

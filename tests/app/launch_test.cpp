@@ -1,15 +1,14 @@
-// Launches of real programs, looked at from outside through /proc.
+// Launches of real programs, observed through /proc, and the reader of the child error pipe.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <string>
 #include <thread>
 
 #include "app/base_app_info.h"
+#include "app/child_error_reader.h"
 #include "app/general_app_info.h"
 #include "app/process_launcher.h"
 #include "main/common/daemon_signals.h"
@@ -18,33 +17,17 @@
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/fake_access_manager.h"
 #include "tests/fakes/log_capture.h"
-#include "tests/support/isolated.h"
+#include "tests/support/wait.h"
 
 namespace ProcMgr::App {
 namespace {
 
 using Fakes::LogCapture;
 
-size_t CountDescriptors(pid_t pid) {
-    const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd");
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
-
-ManifestData SleepingService() {
-    ManifestData data = SomeService();
-    data.bin = "/bin/sleep";
-    data.args = {"60"};
-    return data;
-}
-
-class LaunchTest : public IsolatedTest {
+class LaunchTest : public testing::Test {
 protected:
-    void SetUp() override {
-        IsolatedTest::SetUp();
-        LogCapture::Clear();
-        ProcMgrEnv::GetInstance().CreateChildErrorPipe();
-    }
-    void TearDown() override {
+    LaunchTest() { ProcMgrEnv::GetInstance().CreateChildErrorPipe(); }
+    ~LaunchTest() override {
         if (pid_ > 0) {
             kill(pid_, SIGKILL);
             waitpid(pid_, nullptr, 0);
@@ -53,25 +36,15 @@ protected:
         Fakes::FakeAccessManager::Get().Reset();
     }
 
-    // Starts a program that sleeps and waits until it is the one that runs.
-    template <typename App>
-    void StartSleeping(App& app) {
+    // Starts a service that sleeps and waits until its program runs.
+    void StartSleeping() {
+        ManifestData data = SomeService();
+        data.bin = "/bin/sleep";
+        data.args = {"60"};
+        BaseAppInfo app(Manifest(data));
         ASSERT_TRUE(StartNow(app, launcher_));
         pid_ = app.pid_;
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (StatusValue(pid_, "Name") != "sleep" && std::chrono::steady_clock::now() < end) {
-            usleep(1000);
-        }
-        ASSERT_EQ(StatusValue(pid_, "Name"), "sleep");
-    }
-
-    // What children have reported so far.
-    static std::string Reports() {
-        const int fd = ProcMgrEnv::GetInstance().GetChildErrorReadFd();
-        fcntl(fd, F_SETFL, O_NONBLOCK);
-        char buffer[4096];
-        const ssize_t length = read(fd, buffer, sizeof buffer);
-        return length < 0 ? std::string() : std::string(buffer, static_cast<size_t>(length));
+        ASSERT_TRUE(Tests::WaitUntil([&] { return StatusValue(pid_, "Name") == "sleep"; }));
     }
 
     ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
@@ -79,7 +52,7 @@ protected:
     pid_t pid_ = -1;
 };
 
-TEST_F(LaunchTest, SignalsAndDescriptorsOfTheDaemonStayBehind) {
+TEST_F(LaunchTest, AProgramGetsNoSignalSettingsAndDescriptorsOfTheDaemon) {
     InstallContinueSignal();
     InstallSignals();
     sigset_t mask;
@@ -88,10 +61,9 @@ TEST_F(LaunchTest, SignalsAndDescriptorsOfTheDaemonStayBehind) {
     sigaddset(&mask, SIGUSR2);
     sigaddset(&mask, SIGTERM);
     pthread_sigmask(SIG_SETMASK, &mask, &before);
-    // As a careless library would open it.
+    // Not close-on-exec, like a descriptor of a careless library.
     const int fd = open("/dev/null", O_RDONLY);
-    BaseAppInfo app(Manifest(SleepingService()));
-    StartSleeping(app);
+    StartSleeping();
     sigset_t after;
     pthread_sigmask(SIG_SETMASK, &before, &after);
     for (int signal = 1; signal < NSIG; ++signal) {
@@ -103,13 +75,11 @@ TEST_F(LaunchTest, SignalsAndDescriptorsOfTheDaemonStayBehind) {
     for (const int signal : CHANGED_SIGNALS) {
         EXPECT_EQ(ignored >> (signal - 1) & 1, 0U) << signal;
     }
-    // For a moment the program may still have its libraries open.
-    size_t descriptors = CountDescriptors(pid_);
-    for (int i = 0; i < 500 && descriptors > 3; ++i) {
-        usleep(10000);
-        descriptors = CountDescriptors(pid_);
-    }
-    EXPECT_EQ(descriptors, 3U) << "only its standard streams";
+    // The program may have its libraries open for a moment.
+    EXPECT_TRUE(Tests::WaitUntil([&] {
+        const std::filesystem::directory_iterator entries(ProcPath(pid_, "fd"));
+        return std::distance(begin(entries), end(entries)) == 3;
+    })) << "only its standard streams";
     close(fd);
 }
 
@@ -118,11 +88,28 @@ TEST_F(LaunchTest, AFullErrorPipeDoesNotStopAChild) {
     while (write(fd, "x", 1) == 1) {
     }
     Fakes::FakeAccessManager::Get().PushInit(-1, EIO);
-    BaseAppInfo app(Manifest(SleepingService()));
-    StartSleeping(app);
+    StartSleeping();
 }
 
-TEST_F(LaunchTest, OtherThreadsNeverHoldAChildUp) {
+TEST_F(LaunchTest, TheErrorPipeIsReadInPiecesOfABuffer) {
+    const std::string text(1000, 'x');
+    ASSERT_EQ(write(ProcMgrEnv::GetInstance().GetChildErrorWriteFd(), text.data(), text.size()),
+              1000);
+    LogCapture::Clear();
+    ChildErrorReader::ReadChildErrInfo();
+    ChildErrorReader::ReadChildErrInfo();
+    ProcMgrEnv::GetInstance().CloseChildErrorPipe();
+    ChildErrorReader::ReadChildErrInfo();  // without a pipe it returns at once
+    std::vector<Fakes::LogLine> expected;
+    for (const size_t size : {899U, 101U}) {
+        expected.push_back(
+            {LOG_WARNING, "pm receive child process errinfo size=" + std::to_string(size) +
+                              ", err: " + text.substr(0, size)});
+    }
+    EXPECT_EQ(LogCapture::Lines(), expected);
+}
+
+TEST_F(LaunchTest, AChildNeverWaitsForALockOfAnotherThread) {
     std::atomic<bool> isRunning{true};
     std::thread logger([&] {
         while (isRunning) {
@@ -136,7 +123,7 @@ TEST_F(LaunchTest, OtherThreadsNeverHoldAChildUp) {
     });
     ManifestData data = SomeService();
     data.env = {{"A", std::string(500, 'a')}};
-    alarm(60);  // ends a launch that hangs, and the test with it
+    alarm(60);  // ends the test when a launch hangs
     for (int i = 0; i < 300; ++i) {
         GeneralAppInfo app("app", Manifest(data), "EM");
         int status = -1;

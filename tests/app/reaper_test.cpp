@@ -6,12 +6,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,57 +18,52 @@
 #include "main/common/daemon_signals.h"
 #include "platform/host/manifest_data.h"
 #include "tests/fakes/log_capture.h"
+#include "tests/support/child.h"
+#include "tests/support/files.h"
+#include "tests/support/wait.h"
 
 namespace ProcMgr {
 namespace {
 
-using namespace std::chrono_literals;
 using Fakes::LogCapture;
 
-// Programs run in a directory of the test's own, as some leave a core file.
+// Programs run in a directory of the test's own, because some leave a core file.
 class ReaperTest : public testing::Test {
 protected:
-    void SetUp() override {
-        char path[] = "/tmp/reaper-XXXXXX";
-        ASSERT_NE(mkdtemp(path), nullptr);
-        directory_ = path;
-    }
-    void TearDown() override { std::filesystem::remove_all(directory_); }
-
     pid_t Spawn(const char* script) const {
         const pid_t pid = fork();
         if (pid == 0) {
             const rlimit coreLimit{RLIM_INFINITY, RLIM_INFINITY};
             setrlimit(RLIMIT_CORE, &coreLimit);
-            if (chdir(directory_.c_str()) == 0) {
+            if (chdir(directory_.Path().c_str()) == 0) {
                 execl("/bin/sh", "sh", "-c", script, nullptr);
             }
             _exit(99);
         }
         return pid;
     }
+    // Returns when the child has ended, and leaves the zombie to the reaper.
+    pid_t SpawnZombie(const char* script) const {
+        const pid_t pid = Spawn(script);
+        siginfo_t info{};
+        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+        return pid;
+    }
 
-    std::string directory_;
+    Tests::TempDirectory directory_;
 };
-
-// Waits for the end of a child and leaves it to the reaper.
-void AwaitZombie(pid_t pid) {
-    siginfo_t info{};
-    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
-}
 
 bool IsReaped(pid_t pid) {
     return waitpid(pid, nullptr, WNOHANG) == -1;
 }
 
-TEST_F(ReaperTest, StoresWhatWaitWouldSayBeforeThePidIsFreed) {
+TEST_F(ReaperTest, StoresTheWaitStatusBeforeThePidIsFreed) {
     for (const char* script : {"exit 0", "exit 125", "exit 255", "kill -TERM $$", "kill -KILL $$",
                                "kill -ABRT $$", "kill -SEGV $$"}) {
         int expected = 0;
         const pid_t twin = Spawn(script);
         ASSERT_EQ(waitpid(twin, &expected, 0), twin);
-        const pid_t pid = Spawn(script);
-        AwaitZombie(pid);
+        const pid_t pid = SpawnZombie(script);
         std::map<int32_t, int32_t> stored;
         Reaper reaper({[&](int32_t of, int32_t status) {
                           siginfo_t info{};
@@ -88,11 +79,8 @@ TEST_F(ReaperTest, StoresWhatWaitWouldSayBeforeThePidIsFreed) {
 }
 
 TEST_F(ReaperTest, AsksTheContainersInTheirOrder) {
-    LogCapture::Clear();
-    const pid_t mine = Spawn("exit 0");
-    const pid_t unknown = Spawn("exit 0");
-    AwaitZombie(mine);
-    AwaitZombie(unknown);
+    const pid_t mine = SpawnZombie("exit 0");
+    const pid_t unknown = SpawnZombie("exit 0");
     std::map<pid_t, std::string> asked;
     const auto ask = [&](char container) {
         return [&asked, mine, container](int32_t pid, int32_t) {
@@ -100,6 +88,7 @@ TEST_F(ReaperTest, AsksTheContainersInTheirOrder) {
             return pid == mine;
         };
     };
+    LogCapture::Clear();
     Reaper({ask('1'), ask('2')}, [] {}).CollectExits();
     EXPECT_EQ(asked, (std::map<pid_t, std::string>{{mine, "1"}, {unknown, "12"}}));
     EXPECT_EQ(LogCapture::Lines(),
@@ -108,21 +97,17 @@ TEST_F(ReaperTest, AsksTheContainersInTheirOrder) {
     EXPECT_TRUE(IsReaped(unknown));
 }
 
-// The reaper's thread as the daemon runs it.
+// Runs a reaper on a thread, like the daemon.
 class ReaperThread {
 public:
-    ReaperThread(std::vector<ExitSink> sinks, std::function<void()> onWake)
-        : reaper_(std::move(sinks), std::move(onWake)) {
+    explicit ReaperThread(ExitSink sink) : reaper_({std::move(sink)}, [] {}) {
         InstallSignals();
         thread_ = std::thread([this] { reaper_.Run(running_); });
     }
-    ~ReaperThread() { Stop(); }
-    void Stop() {
+    ~ReaperThread() {
         running_ = false;
         WakeSignalEvent();
-        if (thread_.joinable()) {
-            thread_.join();
-        }
+        thread_.join();
     }
 
 private:
@@ -131,28 +116,22 @@ private:
     std::thread thread_;
 };
 
-TEST_F(ReaperTest, SeesAnExitAtOnceAndEndsWhileChildrenLive) {
+TEST_F(ReaperTest, SeesAnExitAndEndsWhileChildrenLive) {
     std::atomic<pid_t> seen{0};
-    ReaperThread reaper({[&](int32_t pid, int32_t) {
-                            seen = pid;
-                            return true;
-                        }},
-                        [] {});
-    const pid_t stays = Spawn("exec sleep 60");
-    const pid_t goes = Spawn("exec sleep 60");
-    const auto begin = std::chrono::steady_clock::now();
-    kill(goes, SIGKILL);
-    while (seen != goes && std::chrono::steady_clock::now() - begin < 30s) {
-        std::this_thread::sleep_for(1ms);
+    const Tests::Child stays;
+    {
+        const ReaperThread reaper([&](int32_t pid, int32_t) {
+            seen = pid;
+            return true;
+        });
+        const pid_t goes = Spawn("exec sleep 60");
+        kill(goes, SIGKILL);
+        EXPECT_TRUE(Tests::WaitUntil([&] { return seen == goes; }));
     }
-    EXPECT_EQ(seen, goes);
-    reaper.Stop();
-    EXPECT_EQ(waitpid(stays, nullptr, WNOHANG), 0);
-    kill(stays, SIGKILL);
-    waitpid(stays, nullptr, 0);
+    EXPECT_TRUE(stays.IsRunning());
 }
 
-// A program that ends at once may be gone before the one who forked it goes on.
+// A program that ends at once may end before the thread that has forked it goes on.
 TEST_F(ReaperTest, NoExitIsLost) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "only root may start services";
@@ -169,14 +148,12 @@ TEST_F(ReaperTest, NoExitIsLost) {
     OwnerReports reports(pipes, sender);
     BaseServices services(launcher, reportedState, checks, pipes, reports);
     std::atomic<int> stored{0};
-    ReaperThread reaper({[&](int32_t pid, int32_t status) {
-                            const bool isStored = services.SetExitStatus(pid, status);
-                            stored += isStored ? 1 : 0;
-                            return isStored;
-                        }},
-                        [] {});
+    const ReaperThread reaper([&](int32_t pid, int32_t status) {
+        const bool isStored = services.SetExitStatus(pid, status);
+        stored += isStored ? 1 : 0;
+        return isStored;
+    });
     std::vector<std::thread> starters;
-    starters.reserve(THREADS);
     for (int i = 0; i < THREADS; ++i) {
         starters.emplace_back([&services, i] {
             for (int launch = 0; launch < LAUNCHES; ++launch) {
@@ -192,11 +169,7 @@ TEST_F(ReaperTest, NoExitIsLost) {
     for (std::thread& starter : starters) {
         starter.join();
     }
-    const auto deadline = std::chrono::steady_clock::now() + 60s;
-    while (stored < THREADS * LAUNCHES && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(1ms);
-    }
-    EXPECT_EQ(stored, THREADS * LAUNCHES);
+    EXPECT_TRUE(Tests::WaitUntil([&] { return stored == THREADS * LAUNCHES; })) << stored;
     EXPECT_FALSE(LogCapture::ContainsPart(LOG_WARNING, "can not find app"));
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is left";
 }

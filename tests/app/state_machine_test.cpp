@@ -2,12 +2,16 @@
 
 #include <chrono>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "app/base_app_info.h"
+#include "app/exit_status.h"
 #include "app/general_app_info.h"
 #include "app/process_launcher.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/log_capture.h"
+#include "tests/support/child.h"
 
 namespace ProcMgr::App {
 namespace {
@@ -16,6 +20,7 @@ using Fakes::LogCapture;
 using Fakes::LogLine;
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
+using Tests::Child;
 
 const SteadyTime START = SteadyTime{} + std::chrono::hours(1);
 constexpr int32_t EXIT_1 = 1 << 8;
@@ -65,7 +70,7 @@ const std::vector<Row> BASE_ROWS = {
 };
 
 const std::vector<Row> GENERAL_ROWS = {
-    // What the last check found stays as it is.
+    // The result of the last check stays.
     {TERMINATED, {}, TERMINATED, RUNNING_NORMAL_RESTART, Unexpected("TERMINATED state")},
     {RESTARTING, {}, RUNNING, RUNNING_NORMAL_RESTART, {}, false, true},
     {RESTARTING, EXIT_1, TERMINATED, ABNORMAL, Exits("RESTARTING", 1), false, true},
@@ -96,7 +101,7 @@ class StateMachineTest : public testing::Test {
 protected:
     void SetUp() override { LogCapture::Clear(); }
 
-    // A general application whose terminate or restart has begun at START.
+    // A general application whose terminate or restart began at START.
     GeneralAppInfo Ending(pid_t pid, ProcessState state, uint32_t timeout, bool isForced) const {
         ManifestData data = SomeService();
         data.termTimeoutMs = timeout;
@@ -130,19 +135,65 @@ TEST_F(StateMachineTest, Rows) {
     }
 }
 
+// A change outside the table is logged, and made like a permitted one.
+TEST_F(StateMachineTest, OnlyTheChangesOfTheTableArePermitted) {
+    constexpr uint32_t STATES = RESTARTING + 1;
+    constexpr uint32_t REASONS = static_cast<uint32_t>(ChangeReason::EXITED) + 1;
+    size_t permitted = 0;
+    for (uint32_t i = 0; i < STATES * STATES * REASONS; ++i) {
+        const StateChange change{static_cast<ProcessState>(i % STATES),
+                                 static_cast<ProcessState>(i / STATES % STATES),
+                                 static_cast<ChangeReason>(i / STATES / STATES)};
+        BaseAppInfo app(Manifest(SomeService()));
+        MoveTo(app, change.from);
+        LogCapture::Clear();
+        EXPECT_EQ(app.ChangeState(change.to, change.reason), change.to);
+        EXPECT_EQ(app.GetState(), change.to);
+        EXPECT_EQ(LogCapture::Lines().empty(), IsTransition(change));
+        if (IsTransition(change)) {
+            ++permitted;
+            const ChangeReason reason = change.reason;
+            EXPECT_EQ(change.to == TERMINATED,
+                      reason == ChangeReason::EXITED || reason == ChangeReason::RESTART_FAILED);
+            EXPECT_TRUE(change.from != TERMINATED || reason == ChangeReason::STARTED ||
+                        reason == ChangeReason::RESTART)
+                << "only a new process leaves TERMINATED";
+        }
+    }
+    EXPECT_EQ(permitted, TRANSITIONS.size()) << "a row is there twice";
+}
+
+TEST_F(StateMachineTest, ACoreDumpIsLoggedBeforeItsSignal) {
+    constexpr int CORE = 0x80;
+    const std::string process = "Process=svc, pid=12 ";
+    const struct {
+        int32_t status;
+        LogLine line;
+    } cases[] = {
+        {SIGSTOP << 8 | 0x7f, {4, "PROCMGR : " + process + "was unexpectedly terminated"}},
+        {SIGABRT | CORE, {3, "PROCMGR: " + process + "was coredump"}},
+        {SIGABRT, {4, "PROCMGR : " + process + "terminated by calling abort(), signal=6"}},
+        {SIGSEGV, {3, "PROCMGR : " + process + "got unexpected signal=11"}},
+    };
+    for (const auto& [status, line] : cases) {
+        LogCapture::Clear();
+        LogExitStatus(status, "svc", 12);
+        EXPECT_EQ(LogCapture::Lines(), std::vector{line});
+    }
+}
+
 TEST_F(StateMachineTest, OnlyAZornmgrJobMayExitNormally) {
-    struct Case {
+    const struct {
         const char* policy;
         const char* owner;
         int32_t status;
         bool isNormal = false;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"on-until-succeed", "zornmgr", 0, true}, {"on-until-succeed", "zornmgr", EXIT_1},
         {"on-until-succeed", "zornmgr", SIGTERM}, {"on-until-succeed", "zornmgr", 125 << 8},
         {"on-until-succeed", "vintor", 0},        {"on-failure", "zornmgr", 0},
     };
-    for (const Case& test : cases) {
+    for (const auto& test : cases) {
         ManifestData data = SomeService();
         data.restart = test.policy;
         GeneralAppInfo app("svc", Manifest(data), test.owner);
@@ -154,13 +205,13 @@ TEST_F(StateMachineTest, OnlyAZornmgrJobMayExitNormally) {
         EXPECT_EQ(app.reportType_, test.isNormal ? TERMINATED_NORMAL_EXIT : ABNORMAL)
             << test.policy << test.owner << test.status;
         EXPECT_EQ(app.exitedWith125_, test.status == 125 << 8);
-        EXPECT_EQ(LogCapture::Count(6, "PROCMGR : non resident app=svc normal exit"),
-                  test.isNormal ? 1U : 0U);
+        EXPECT_EQ(LogCapture::Contains(6, "PROCMGR : non resident app=svc normal exit"),
+                  test.isNormal);
     }
 }
 
 TEST_F(StateMachineTest, ATerminateThatTimesOutKillsExactlyOnce) {
-    WaitingChild child;
+    Child child;
     const std::string id = std::to_string(child.Pid());
     GeneralAppInfo app = Ending(child.Pid(), TERMINATING, 20, true);
     for (const auto elapsed : {nanoseconds(0), nanoseconds(19'999'999)}) {
@@ -168,8 +219,7 @@ TEST_F(StateMachineTest, ATerminateThatTimesOutKillsExactlyOnce) {
         EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
         EXPECT_FALSE(app.killSent_);
     }
-    EXPECT_TRUE(LogCapture::Lines().empty());
-    EXPECT_TRUE(child.IsUntouched());
+    EXPECT_TRUE(LogCapture::Lines().empty()) << "no signal was sent";
     for (const int elapsed : {20, 21, 500}) {
         EXPECT_EQ(app.CheckState(START + milliseconds(elapsed)), TERMINATING);
         EXPECT_EQ(app.reportType_, INVALID_INTERMEDIATE_STATE);
@@ -182,7 +232,7 @@ TEST_F(StateMachineTest, ATerminateThatTimesOutKillsExactlyOnce) {
         {6, "PROCMGR : SendSignal: Successfully kill appName=svc, pid=" + id},
     };
     EXPECT_EQ(LogCapture::Lines(), lines);
-    app.SetExitStatus(child.Reap());
+    app.SetExitStatus(child.Wait());
     LogCapture::Clear();
     EXPECT_EQ(app.CheckState(START + nanoseconds(507'999'999)), TERMINATED);
     EXPECT_EQ(app.reportType_, TERMINATED_NORMAL_EXIT);
@@ -195,21 +245,19 @@ TEST_F(StateMachineTest, ATerminateThatTimesOutKillsExactlyOnce) {
 }
 
 TEST_F(StateMachineTest, ATerminateWithoutForceGivesUp) {
-    WaitingChild child;
-    GeneralAppInfo app = Ending(child.Pid(), TERMINATING, 0, false);
+    GeneralAppInfo app = Ending(12, TERMINATING, 0, false);
     EXPECT_EQ(app.CheckState(START), RUNNING);
     EXPECT_EQ(app.reportType_, RUNNING_ABNORMAL_TERM_TIMEOUT);
     EXPECT_FALSE(app.killSent_);
-    EXPECT_EQ(
-        LogCapture::Lines(),
-        (std::vector{LogLine{
-            6, "PROCMGR : term timeout and forceTerm is false, so not kill appName=svc, pid=" +
-                   std::to_string(child.Pid()) + "TERMINATING to RUNNING"}}));
-    EXPECT_TRUE(child.IsUntouched());
+    const std::vector<LogLine> lines = {
+        {6,
+         "PROCMGR : term timeout and forceTerm is false, so not kill appName=svc, "
+         "pid=12TERMINATING to RUNNING"}};
+    EXPECT_EQ(LogCapture::Lines(), lines) << "no signal was sent";
 }
 
-TEST_F(StateMachineTest, ARestartKillsWhateverForceTermSaysAndStartsAgain) {
-    WaitingChild child;
+TEST_F(StateMachineTest, ARestartKillsWithoutForceTermTooAndStartsAgain) {
+    Child child;
     const pid_t oldPid = child.Pid();
     GeneralAppInfo app = Ending(oldPid, RESTARTING, 20, false);
     app.savedForceTerm_ = true;
@@ -221,7 +269,7 @@ TEST_F(StateMachineTest, ARestartKillsWhateverForceTermSaysAndStartsAgain) {
     EXPECT_EQ(LogCapture::Count(6, "PROCMGR : SendSignal: Successfully kill appName=svc, pid=" +
                                        std::to_string(oldPid)),
               1U);
-    app.SetExitStatus(child.Reap());
+    app.SetExitStatus(child.Wait());
 
     const SteadyTime before = std::chrono::steady_clock::now();
     EXPECT_EQ(app.CheckState(START + milliseconds(50)), RESTARTING);
@@ -248,14 +296,14 @@ TEST_F(StateMachineTest, RestartLimiter) {
     for (int i = 0; i < 5; ++i) {
         EXPECT_TRUE(app.NeedRestart(START + std::chrono::seconds(i)));
     }
-    // Just past the period the oldest makes room...
+    // Just after the period the oldest restart makes room...
     const SteadyTime sixth = START + nanoseconds(60'001'000'000);
     EXPECT_TRUE(app.NeedRestart(sixth));
     ASSERT_EQ(app.restartTimes_.size(), 5U);
     EXPECT_EQ(app.restartTimes_.front(), START + std::chrono::seconds(1));
     EXPECT_EQ(app.restartTimes_.back(), sixth);
     EXPECT_TRUE(LogCapture::Lines().empty());
-    // ...and at its very end it does not.
+    // ...and in its last nanosecond it does not.
     EXPECT_FALSE(app.NeedRestart(START + std::chrono::seconds(1) + nanoseconds(60'000'999'999)));
     EXPECT_EQ(app.restartPolicy_, "no");
     EXPECT_EQ(
