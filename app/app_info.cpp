@@ -18,6 +18,18 @@ AppInfo::AppInfo(const ApplicationManifest& manifest, const std::string& appName
                  const std::string& owner)
     : AppSpec(manifest, appName), home_(ProcMgrEnv::GetInstance().GetHome()), owner_(owner) {}
 
+ProcessState AppInfo::ChangeState(ProcessState to, ChangeReason reason) {
+    const StateChange change{state_, to, reason};
+    if (!IsTransition(change)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : unexpected change of app=%s from %s to %s, reason=%d",
+                   appName_.c_str(), GetProcessStateStr(state_).c_str(),
+                   GetProcessStateStr(to).c_str(), static_cast<int>(reason));
+    }
+    lastChange_ = change;
+    state_ = to;
+    return to;
+}
+
 void AppInfo::SetExitStatus(int32_t status) {
     exitStatus_ = status;
     exitStatusSet_ = true;
@@ -40,25 +52,25 @@ ProcessState AppInfo::CheckStarting() {
         ProcMgrLog(LOG_INFO, "PROCMGR : STARTING to TERMINATED appName=%s, pid=%d",
                    appName_.c_str(), pid_);
         ClassifyExit(exitStatus_);
-        return TERMINATED;
+        return ChangeState(TERMINATED, ChangeReason::EXITED);
     }
     if (isReporting_) {
-        return STARTING;
+        return state_;
     }
     ProcMgrLog(LOG_INFO, "PROCMGR : STARTING to RUNNING appName=%s, pid=%d", appName_.c_str(),
                pid_);
     reportType_ = RUNNING_NORMAL_START;
-    return RUNNING;
+    return ChangeState(RUNNING, ChangeReason::FOUND_RUNNING);
 }
 
 ProcessState AppInfo::CheckRunning() {
     if (!exitStatusSet_) {
-        return RUNNING;
+        return state_;
     }
     ProcMgrLog(LOG_INFO, "PROCMGR : RUNNING to TERMINATED appName=%s, pid=%d", appName_.c_str(),
                pid_);
     ClassifyExit(exitStatus_);
-    return TERMINATED;
+    return ChangeState(TERMINATED, ChangeReason::EXITED);
 }
 
 void AppInfo::ClassifyExit(int32_t status) {

@@ -10,32 +10,26 @@
 //   TERMINATED   its exit has been collected. Only a new start leaves this state.
 //   RESTARTING   general applications: the old process is being stopped, or (restartStarted_) the
 //                new one has been forked.
-// CheckState() computes the next state and leaves in reportType_ what is to be reported about it;
-// the container stores the state. SetExitStatus() is the reaper's and comes before the pid is
-// freed: a record with exitStatusSet_ must not be signalled any more.
+// CheckState() moves the record to its next state and leaves in reportType_ what is to be reported
+// about it. ChangeState() is the only function that writes the state. SetExitStatus() is the
+// reaper's and comes before the pid is freed: a record with exitStatusSet_ must not be signalled
+// any more.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
-#include <deque>
-#include <map>
-#include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "app/app_spec.h"
+#include "app/state_change.h"
 #include "main/common/clock.h"
 #include "message/enum_names.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr::App {
-
-class ProcessLauncher;
-struct LaunchPlan;
 
 class AppInfo : public AppSpec {
 public:
@@ -47,6 +41,14 @@ public:
     AppInfo(AppInfo&&) = default;
     AppInfo& operator=(AppInfo&&) = default;
 
+    ProcessState GetState() const { return state_; }
+    // The last change; from INITSTATE to INITSTATE before the first.
+    const StateChange& GetLastChange() const { return lastChange_; }
+
+    // Moves the record to `to` and returns `to`. A change that is not in TRANSITIONS is a fault of
+    // the daemon: it is logged, and made all the same.
+    ProcessState ChangeState(ProcessState to, ChangeReason reason);
+
     // Stores the raw wait status of the record's process.
     void SetExitStatus(int32_t status);
 
@@ -56,6 +58,21 @@ public:
         pid_ = pid;
         exitStatusSet_ = false;
         tids_.clear();
+    }
+
+    // Takes over which process `other`, a record of the same application, has and in which state.
+    // Does not throw.
+    void TakeProcess(const AppInfo& other) {
+        pid_ = other.pid_;
+        startTime_ = other.startTime_;
+        state_ = other.state_;
+        lastChange_ = other.lastChange_;
+    }
+    // Takes over the result of the last state check of `other`. Does not throw.
+    void TakeCheckResult(const AppInfo& other) {
+        TakeProcess(other);
+        reportType_ = other.reportType_;
+        exitedWith125_ = other.exitedWith125_;
     }
 
     // True while there is a process that may be signalled: started, its exit not collected.
@@ -82,7 +99,6 @@ public:
     bool TermProcess() const;
 
     int32_t pid_ = 0;
-    ProcessState state_ = INITSTATE;
     ReportAppStateType reportType_ = INVALID_INTERMEDIATE_STATE;
     bool exitedWith125_ = false;
     // A start of the record is under way: it belongs to the thread that does it, supervision leaves
@@ -102,84 +118,10 @@ protected:
 
     // Logs the exit and decides whether it was a normal one.
     void ClassifyExit(int32_t status);
-};
-
-// An application started on request. Owned through shared pointers.
-class GeneralAppInfo : public AppInfo {
-public:
-    GeneralAppInfo(const std::string& appName, const ApplicationManifest& manifest,
-                   const std::string& owner);
-
-    // Takes note of what the configuration says now: it counts from the next start, its time-out
-    // from the next request to end.
-    void Refresh(const ApplicationManifest& manifest);
-
-    // What a start by the configuration's present entry would be, with what a request supplies.
-    // Nothing, with a log line, when a value is refused. Changes nothing.
-    std::optional<AppSpec> MakeStart(
-        const std::vector<std::string>& argv,
-        const std::map<int, std::vector<std::string>>& dynamicPara) const;
-
-    // A terminate or restart begins at `now`.
-    void BeginTermination(SteadyTime now);
-
-    // What the process that follows a restart is started by.
-    void SetNext(AppSpec spec) { next_ = std::move(spec); }
-    void TakeNext();
-
-    // Forks and executes; see ProcessLauncher::Fork. The caller sets the state.
-    bool StartProcess(ProcessLauncher& launcher, LaunchPlan& plan);
-
-    // Returns the state that follows, and does what is due at `now`: the kill after a time-out.
-    ProcessState CheckState(SteadyTime now);
-
-    // Whether the old process of a restart is gone and the new one has not been started.
-    bool IsRestartDue() const { return state_ == RESTARTING && !restartStarted_ && exitStatusSet_; }
-    // The outcome of the start that was due. Returns the state that follows.
-    ProcessState FinishRestart(bool isStarted);
-
-    // The begin of a terminate or restart.
-    void SetTermStartTime(SteadyTime now) { termStartTime_ = now; }
-    SteadyTime GetTermStartTime() const { return termStartTime_; }
-
-    SteadyTime termStartTime_{};
-    bool savedForceTerm_ = false;
-    bool killSent_ = false;
-    bool restartStarted_ = false;
-    std::string asker_;     // of a priority application's start: who else is told of it
-    uint64_t changes_ = 0;  // of state that supervision has told of
 
 private:
-    int64_t MillisecondsSinceTerm(SteadyTime now) const;
-    void Kill();
-    ProcessState CheckTerminating(SteadyTime now);
-    ProcessState CheckRestartWait(SteadyTime now);
-    ProcessState CheckRestartDone();
-
-    std::shared_ptr<const AppSpec> entry_;  // what the configuration says now, as it stands there
-    std::optional<AppSpec> next_;           // of a restart that has begun
-};
-
-// A service started at boot. Held by value.
-class BaseAppInfo : public AppInfo {
-public:
-    explicit BaseAppInfo(const ApplicationManifest& manifest);
-
-    // Forks and executes; see ProcessLauncher::Fork. STARTING afterwards.
-    bool StartProcess(ProcessLauncher& launcher, LaunchPlan& plan);
-
-    // Returns the state that follows.
-    ProcessState CheckState();
-
-    // Whether its policy restarts it at all.
-    bool IsRestartable() const;
-
-    // Whether the policy allows a restart at `now`. Each restart that it allows under "on-failure"
-    // counts; the sixth within a minute turns the policy into "no".
-    bool NeedRestart(SteadyTime now);
-
-    std::deque<SteadyTime> restartTimes_;  // of the last five restarts at most, oldest first
-    bool isReady_ = false;                 // its present process has said that it is ready
+    ProcessState state_ = INITSTATE;
+    StateChange lastChange_{};
 };
 
 }  // namespace ProcMgr::App

@@ -1,6 +1,7 @@
-#include <sys/types.h>
+#include "app/base_app_info.h"
 
-#include "app/app_info.h"
+#include <chrono>
+
 #include "app/app_spec.h"
 #include "app/exit_status.h"
 #include "app/process_launcher.h"
@@ -27,7 +28,7 @@ bool BaseAppInfo::StartProcess(ProcessLauncher& launcher, LaunchPlan& plan) {
     if (launcher.Fork(*this, plan) < 0) {
         return false;
     }
-    state_ = STARTING;
+    ChangeState(STARTING, ChangeReason::STARTED);
     isReady_ = false;
     return true;
 }
@@ -37,23 +38,23 @@ ProcessState BaseAppInfo::CheckState() {
     reportType_ = INVALID_INTERMEDIATE_STATE;
     if (pid_ < 1) {
         ProcMgrLog(LOG_ERR, "CheckState : pid <= 0, don't call waitpid(), currentState=%d",
-                   static_cast<int>(state_));
-        return state_;
+                   static_cast<int>(GetState()));
+        return GetState();
     }
-    switch (state_) {
+    switch (GetState()) {
         case STARTING:
             return CheckStarting();
         case RUNNING:
             return CheckRunning();
         case TERMINATING:
             if (!exitStatusSet_) {
-                return TERMINATING;
+                return GetState();
             }
             ProcMgrLog(LOG_INFO, "PROCMGR : TERMINATING to TERMINATED appName=%s, pid=%d",
                        appName_.c_str(), pid_);
             LogExitStatus(exitStatus_, appName_, pid_);
             reportType_ = TERMINATED_NORMAL_EXIT;
-            return TERMINATED;
+            return ChangeState(TERMINATED, ChangeReason::EXITED);
         case TERMINATED:
             ProcMgrLog(LOG_ERR, "PROCMGR : Process %s got unexpected TERMINATED state",
                        appName_.c_str());
@@ -61,8 +62,8 @@ ProcessState BaseAppInfo::CheckState() {
             return TERMINATED;
         default:
             ProcMgrLog(LOG_ERR, "PROCMGR : Process %s got unexpected state=%d", appName_.c_str(),
-                       static_cast<int>(state_));
-            return state_;
+                       static_cast<int>(GetState()));
+            return GetState();
     }
 }
 

@@ -1,6 +1,10 @@
-#include "app/app_info.h"
+#include "app/general_app_info.h"
+
+#include <chrono>
+
 #include "app/exit_status.h"
 #include "app/process_launcher.h"
+#include "app/scheduler_workers.h"
 #include "app/signals.h"
 #include "main/common/log.h"
 
@@ -43,17 +47,17 @@ bool GeneralAppInfo::StartProcess(ProcessLauncher& launcher, LaunchPlan& plan) {
 ProcessState GeneralAppInfo::CheckState(SteadyTime now) {
     if (pid_ < 1) {
         ProcMgrLog(LOG_ERR, "CheckState : pid <= 0, don't call waitpid(), currentState=%d",
-                   static_cast<int>(state_));
-        return state_;
+                   static_cast<int>(GetState()));
+        return GetState();
     }
     exitedWith125_ = false;
-    if (state_ == TERMINATED) {
+    if (GetState() == TERMINATED) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Process %s got unexpected TERMINATED state",
                    appName_.c_str());
         return TERMINATED;
     }
     reportType_ = INVALID_INTERMEDIATE_STATE;
-    switch (state_) {
+    switch (GetState()) {
         case STARTING:
             return CheckStarting();
         case RUNNING:
@@ -64,8 +68,8 @@ ProcessState GeneralAppInfo::CheckState(SteadyTime now) {
             return restartStarted_ ? CheckRestartDone() : CheckRestartWait(now);
         default:
             ProcMgrLog(LOG_ERR, "PROCMGR : Process %s got unexpected state=%d", appName_.c_str(),
-                       static_cast<int>(state_));
-            return state_;
+                       static_cast<int>(GetState()));
+            return GetState();
     }
 }
 
@@ -87,10 +91,10 @@ ProcessState GeneralAppInfo::CheckTerminating(SteadyTime now) {
         LogExitStatus(exitStatus_, appName_, pid_);
         killSent_ = false;
         reportType_ = TERMINATED_NORMAL_EXIT;
-        return TERMINATED;
+        return ChangeState(TERMINATED, ChangeReason::EXITED);
     }
     if (killSent_ || termTimeout_ > elapsed) {
-        return TERMINATING;
+        return GetState();
     }
     if (forceTerm_) {
         ProcMgrLog(LOG_INFO,
@@ -98,14 +102,14 @@ ProcessState GeneralAppInfo::CheckTerminating(SteadyTime now) {
                    "pid=%d,TERMINATING to TERMINATED",
                    appName_.c_str(), pid_);
         Kill();
-        return TERMINATING;
+        return GetState();
     }
     ProcMgrLog(LOG_INFO,
                "PROCMGR : term timeout and forceTerm is false, so not kill appName=%s, "
                "pid=%dTERMINATING to RUNNING",
                appName_.c_str(), pid_);
     reportType_ = RUNNING_ABNORMAL_TERM_TIMEOUT;
-    return RUNNING;
+    return ChangeState(RUNNING, ChangeReason::TERM_TIMED_OUT);
 }
 
 // The old process is being stopped. A restart always ends in a kill after the time-out. The
@@ -114,7 +118,7 @@ ProcessState GeneralAppInfo::CheckRestartWait(SteadyTime now) {
     if (!exitStatusSet_ && !killSent_ && MillisecondsSinceTerm(now) >= termTimeout_) {
         Kill();
     }
-    return RESTARTING;
+    return GetState();
 }
 
 ProcessState GeneralAppInfo::FinishRestart(bool isStarted) {
@@ -122,12 +126,12 @@ ProcessState GeneralAppInfo::FinishRestart(bool isStarted) {
     if (isStarted) {
         forceTerm_ = savedForceTerm_;
         restartStarted_ = true;
-        return RESTARTING;
+        return GetState();
     }
     reportType_ = TERMINATED_ABNORMAL_EXIT;
     ProcMgrLog(LOG_INFO, "PROCMGR : RESTARTING to TERMINATED appName=%s, pid=%d", appName_.c_str(),
                pid_);
-    return TERMINATED;
+    return ChangeState(TERMINATED, ChangeReason::RESTART_FAILED);
 }
 
 // The new process has been forked.
@@ -136,10 +140,10 @@ ProcessState GeneralAppInfo::CheckRestartDone() {
         ProcMgrLog(LOG_INFO, "PROCMGR : RESTARTING to TERMINATED appName=%s, pid=%d",
                    appName_.c_str(), pid_);
         ClassifyExit(exitStatus_);
-        return TERMINATED;
+        return ChangeState(TERMINATED, ChangeReason::EXITED);
     }
     reportType_ = RUNNING_NORMAL_RESTART;
-    return RUNNING;
+    return ChangeState(RUNNING, ChangeReason::FOUND_RUNNING);
 }
 
 }  // namespace ProcMgr::App

@@ -12,7 +12,7 @@ bool IsWanted(const AppInfo& app, ManagedFilter filter) {
         case ManagedFilter::DELAYED:
             return app.isDelayCoreAffinity_;
         case ManagedFilter::RUNNING_PRIORITY:
-            return app.IsPriority() && app.state_ == RUNNING;
+            return app.IsPriority() && app.GetState() == RUNNING;
     }
     return false;
 }

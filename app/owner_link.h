@@ -26,7 +26,7 @@ inline Message::AppStateInfo MakeStateInfo(const AppInfo& app, uint32_t reportTy
 
 // What is reported about an application that nothing has just happened to.
 inline ReportAppStateType PresentStateOf(const AppInfo& app) {
-    switch (app.state_) {
+    switch (app.GetState()) {
         case STARTING:
         case RUNNING:
             return RUNNING_NORMAL_START;

@@ -48,10 +48,8 @@ bool BaseServices::StartInList(Record& record, App::LaunchPlan& plan) {
                    record.appName_.c_str());
         return false;
     }
-    const bool isStarted = entry->StartProcess(launcher_, plan) && entry->state_ == STARTING;
-    record.pid_ = entry->pid_;
-    record.state_ = entry->state_;
-    record.startTime_ = entry->startTime_;
+    const bool isStarted = entry->StartProcess(launcher_, plan) && entry->GetState() == STARTING;
+    record.TakeProcess(*entry);
     if (!isStarted) {
         executedBaseApp_.pop_back();
         return false;
@@ -63,7 +61,7 @@ bool BaseServices::StartInList(Record& record, App::LaunchPlan& plan) {
 
 void BaseServices::WarnNotStarted(const Record& record) const {
     ProcMgrLog(LOG_ERR, "Start %s failed, state:%s", record.appName_.c_str(),
-               GetProcessStateStr(record.state_).c_str());
+               GetProcessStateStr(record.GetState()).c_str());
     SensorNodeEventReporter::GetInstance().Raise(App::BASE_SERVICE_NODE, record.appName_,
                                                  App::EVENT_START_FAILED, record.nodeType_);
 }
@@ -72,7 +70,7 @@ bool BaseServices::IsAnyUndecided(const std::set<std::string>& names) {
     const LockGuard lock(mutex_);
     return std::any_of(executedBaseApp_.begin(), executedBaseApp_.end(), [&](const Record& record) {
         // A service that has ended by itself is restarted by the next pass.
-        const bool isRestarted = record.state_ == TERMINATED && record.IsRestartable() &&
+        const bool isRestarted = record.GetState() == TERMINATED && record.IsRestartable() &&
                                  record.reportType_ == TERMINATED_NORMAL_EXIT && !isStopping_;
         return (record.IsUndecided() || isRestarted) && names.contains(record.appName_);
     });
@@ -111,7 +109,7 @@ std::optional<ProcessState> BaseServices::GetState(const std::string& name) {
     if (record == nullptr) {
         return std::nullopt;
     }
-    return record->isLaunching_ && record->state_ == TERMINATED ? STARTING : record->state_;
+    return record->isLaunching_ && record->GetState() == TERMINATED ? STARTING : record->GetState();
 }
 
 bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
@@ -143,7 +141,7 @@ void BaseServices::UpdateBaseAppState(const std::string& name, ProcessState repo
     }
     // A report of a process that is gone must not bring its record back to life. A readiness report
     // that comes when the stop has begun was sent before the service saw that it is to end.
-    if (!record->IsAlive() || record->state_ == TERMINATED ||
+    if (!record->IsAlive() || record->GetState() == TERMINATED ||
         (isStopping_ && reported == RUNNING)) {
         return;
     }
@@ -153,7 +151,7 @@ void BaseServices::UpdateBaseAppState(const std::string& name, ProcessState repo
     }
     checks_.Request();
     reportedState_.Update([&] {
-        record->state_ = reported;
+        record->ChangeState(reported, App::ChangeReason::REPORTED);
         return true;
     });
 }

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <csignal>
 
+#include "app/scheduler_workers.h"
 #include "app/signals.h"
 #include "baseservice/base_services.h"
 #include "main/common/log.h"
@@ -37,7 +38,7 @@ void BaseServices::Terminate(const std::string& name, Endings& endings) {
     record->TermProcess();
     checks_.Request();
     reportedState_.Update([&] {
-        record->state_ = TERMINATING;
+        record->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
         return true;
     });
     endings[name] = {std::chrono::steady_clock::now() +

@@ -48,7 +48,7 @@ constexpr const char* RESTARTED =
 
 void LogSupervised(int level, const char* format, const App::AppInfo& app) {
     ProcMgrLog(level, format, app.appName_.c_str(), app.pid_,
-               GetProcessStateStr(app.state_).c_str());
+               GetProcessStateStr(app.GetState()).c_str());
 }
 
 }  // namespace
@@ -98,10 +98,8 @@ std::optional<BaseServices::Record> BaseServices::CheckNext(CheckPass pass, size
         // The copy comes first: once the state has changed the end must be dealt with.
         std::optional<Record> copy = record;
         CheckOne(record);
-        if (record.state_ == TERMINATED) {
-            copy->state_ = record.state_;
-            copy->reportType_ = record.reportType_;
-            copy->exitedWith125_ = record.exitedWith125_;
+        if (record.GetState() == TERMINATED) {
+            copy->TakeCheckResult(record);
             NoteEnd(record);
             return copy;
         }
@@ -119,15 +117,15 @@ bool BaseServices::NeedsCheck(const Record& record, CheckPass pass, SteadyTime n
     }
     if (pass == CheckPass::EXTRA) {
         const bool isOld = isStopping_ || now - record.startTime_ > CHECK_PERIOD;
-        return record.exitStatusSet_ && record.state_ != TERMINATED && isOld;
+        return record.exitStatusSet_ && record.GetState() != TERMINATED && isOld;
     }
-    if (record.state_ == TERMINATED) {
+    if (record.GetState() == TERMINATED) {
         return record.IsRestartable() && !isStopping_;
     }
     // A service that is coming up to report itself, or going down, is moved by its report or its
     // exit.
     const bool isWaiting =
-        record.state_ == TERMINATING || (record.state_ == STARTING && record.isReporting_);
+        record.GetState() == TERMINATING || (record.GetState() == STARTING && record.isReporting_);
     if (isWaiting && record.IsAlive()) {
         return false;
     }
@@ -138,12 +136,11 @@ bool BaseServices::NeedsCheck(const Record& record, CheckPass pass, SteadyTime n
 // nobody sees it TERMINATED before its restart.
 void BaseServices::CheckOne(Record& record) {
     reportedState_.Update([&] {
-        const ProcessState before = record.state_;
-        record.state_ = record.CheckState();
-        const bool hasDied =
-            record.state_ == TERMINATED && record.reportType_ == TERMINATED_ABNORMAL_EXIT;
+        const ProcessState before = record.GetState();
+        const ProcessState now = record.CheckState();
+        const bool hasDied = now == TERMINATED && record.reportType_ == TERMINATED_ABNORMAL_EXIT;
         record.isLaunching_ = hasDied && !isStopping_;
-        return record.state_ != before;
+        return now != before;
     });
     if (record.reportType_ == RUNNING_NORMAL_START) {
         Withdraw(record.appName_, App::EVENT_START_FAILED);
@@ -222,8 +219,7 @@ void BaseServices::PrepareAndFinish(const Record& copy) {
         if (record == nullptr || isStopping_ || !RestartBaseApp(copy.appName_, std::move(plan))) {
             return;
         }
-        started.pid_ = record->pid_;
-        started.state_ = record->state_;
+        started.TakeProcess(*record);
     }
     // Whoever depends on the service may go on.
     reportedState_.Notify();
@@ -237,9 +233,9 @@ bool BaseServices::RestartBaseApp(const std::string& name, std::optional<App::La
                    name.c_str());
         return false;
     }
-    if (record->state_ != TERMINATED) {
+    if (record->GetState() != TERMINATED) {
         ProcMgrLog(LOG_ERR, "PROCMGR : gonna restart process %s, but state=%s is not TERMINATED ",
-                   name.c_str(), GetProcessStateStr(record->state_).c_str());
+                   name.c_str(), GetProcessStateStr(record->GetState()).c_str());
         return false;
     }
     if (!plan || !record->StartProcess(launcher_, *plan)) {
@@ -304,7 +300,7 @@ void BaseServices::RemoveTerminatedApps() {
     {
         const LockGuard lock(mutex_);
         std::erase_if(executedBaseApp_, [&](const Record& record) {
-            if (record.state_ != TERMINATED || record.isLaunching_ || record.IsRestartable()) {
+            if (record.GetState() != TERMINATED || record.isLaunching_ || record.IsRestartable()) {
                 return false;
             }
             ProcMgrLog(LOG_INFO, "PROCMGR : Process %s removed from the list of executedBaseApp_",

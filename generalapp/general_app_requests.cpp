@@ -54,7 +54,8 @@ void RaiseFault(const GeneralAppInfo& app) {
 
 // A record whose start is being prepared counts as starting.
 std::string StateOf(const GeneralAppInfo& app) {
-    return GetProcessStateStr(app.isLaunching_ && app.state_ != RESTARTING ? STARTING : app.state_);
+    return GetProcessStateStr(app.isLaunching_ && app.GetState() != RESTARTING ? STARTING
+                                                                               : app.GetState());
 }
 
 }  // namespace
@@ -151,13 +152,13 @@ bool GeneralApps::BeginStart(const Message::StartAppInfo& item, const std::strin
         launch = HandlePriorityApps(record, std::move(*spec), owner, pending);
         return true;
     }
-    if (IsInMap(record) && record->state_ == RUNNING) {
+    if (IsInMap(record) && record->GetState() == RUNNING) {
         Answer(pending, owner, record, RUNNING_NORMAL_START);
         ProcMgrLog(LOG_WARNING, "PROCMGR : StartApp : appName=%s, pid=%d is already running",
                    name.c_str(), record->pid_);
         return true;
     }
-    if (record->isLaunching_ || (IsInMap(record) && record->state_ != TERMINATED)) {
+    if (record->isLaunching_ || (IsInMap(record) && record->GetState() != TERMINATED)) {
         Answer(pending, owner, record, INVALID_INTERMEDIATE_STATE);
         ProcMgrLog(LOG_ERR, "PROCMGR : StartApp : appName=%s, pid=%d, state=%s is in invalid state",
                    name.c_str(), record->pid_, StateOf(*record).c_str());
@@ -177,7 +178,7 @@ bool GeneralApps::BeginStart(const Message::StartAppInfo& item, const std::strin
 void GeneralApps::FinishStart(const Record& record, std::optional<App::LaunchPlan> plan,
                               const std::string& owner, ChangeList& pending) {
     if (FinishLaunch(record, std::move(plan))) {
-        record->state_ = STARTING;
+        record->ChangeState(STARTING, App::ChangeReason::STARTED);
         return;
     }
     Answer(pending, owner, record, TERMINATED_ABNORMAL_EXIT);
@@ -202,7 +203,7 @@ bool GeneralApps::FinishLaunch(const Record& record, std::optional<App::LaunchPl
     record->isLaunching_ = false;
     checks_.Request();
     const bool isStarted = TryStart(*record, std::move(plan));
-    if (!isStarted && record->state_ == INITSTATE) {
+    if (!isStarted && record->GetState() == INITSTATE) {
         generalAppMap_.erase(record->appName_);
     }
     return isStarted;
@@ -214,14 +215,14 @@ std::optional<GeneralApps::Launch> GeneralApps::HandlePriorityApps(const Record&
                                                                    ChangeList& pending) {
     ProcMgrLog(LOG_INFO, "PROCMGR : HandlePriorityApps app=%s, pid=%d, state=%s to owner=%s",
                record->appName_.c_str(), record->pid_, StateOf(*record).c_str(), owner.c_str());
-    const bool isStopped = record->state_ == TERMINATED || record->state_ == INITSTATE;
+    const bool isStopped = record->GetState() == TERMINATED || record->GetState() == INITSTATE;
     if (isStopped && !record->isLaunching_) {
         // The asker is told how it went, as of any application.
         record->asker_ = owner == PROC_ZORNMGR ? std::string() : owner;
         return BeginLaunch(record, std::move(spec), PROC_ZORNMGR);
     }
     Answer(pending, owner, record,
-           record->state_ == RUNNING ? RUNNING_NORMAL_START : INVALID_INTERMEDIATE_STATE);
+           record->GetState() == RUNNING ? RUNNING_NORMAL_START : INVALID_INTERMEDIATE_STATE);
     return std::nullopt;
 }
 
@@ -282,7 +283,7 @@ void GeneralApps::Terminate(const std::string& name, const std::string& owner,
         return;
     }
     const bool isRemoved = !IsInMap(record);
-    if (!record->isLaunching_ && (isRemoved || record->state_ == TERMINATED)) {
+    if (!record->isLaunching_ && (isRemoved || record->GetState() == TERMINATED)) {
         Answer(pending, owner, record, TERMINATED_NORMAL_EXIT);
         ProcMgrLog(LOG_INFO,
                    isRemoved
@@ -291,7 +292,7 @@ void GeneralApps::Terminate(const std::string& name, const std::string& owner,
                    name.c_str());
         return;
     }
-    if (record->state_ != RUNNING) {
+    if (record->GetState() != RUNNING) {
         Answer(pending, owner, record, INVALID_INTERMEDIATE_STATE);
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : TermGeneralApp failed: appName=%s, pid=%d, state=%s is invalid "
@@ -307,7 +308,7 @@ void GeneralApps::Terminate(const std::string& name, const std::string& owner,
                    name.c_str(), record->pid_, StateOf(*record).c_str());
         return;
     }
-    record->state_ = TERMINATING;
+    record->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
     checks_.Request();
 }
 
@@ -347,11 +348,11 @@ std::optional<GeneralApps::Launch> GeneralApps::BeginRestart(const Message::Rest
                    name.c_str());
         return std::nullopt;
     }
-    const bool isGone = !IsInMap(record) || record->state_ == TERMINATED;
+    const bool isGone = !IsInMap(record) || record->GetState() == TERMINATED;
     if (isGone && !record->isLaunching_) {
         return BeginLaunch(record, std::move(*spec), owner);
     }
-    if (record->state_ != RUNNING || isStopping_) {
+    if (record->GetState() != RUNNING || isStopping_) {
         Answer(pending, owner, record, INVALID_INTERMEDIATE_STATE);
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : RestartApp failed: StartProcess : appName=%s, pid=%d, state=%s is "
@@ -365,8 +366,8 @@ std::optional<GeneralApps::Launch> GeneralApps::BeginRestart(const Message::Rest
 
 void GeneralApps::FinishDirectRestart(const Record& record, std::optional<App::LaunchPlan> plan,
                                       const std::string& owner, ChangeList& pending) {
-    const bool isRemoved = record->state_ == INITSTATE;
-    const bool isTerminated = record->state_ == TERMINATED;
+    const bool isRemoved = record->GetState() == INITSTATE;
+    const bool isTerminated = record->GetState() == TERMINATED;
     if (!FinishLaunch(record, std::move(plan))) {
         Answer(pending, owner, record, TERMINATED_ABNORMAL_EXIT);
         ProcMgrLog(LOG_ERR, "PROCMGR : RestartApp failed: StartProcess failed appName=%s, pid=%d",
@@ -374,7 +375,7 @@ void GeneralApps::FinishDirectRestart(const Record& record, std::optional<App::L
         RaiseFault(*record);
         return;
     }
-    record->state_ = RESTARTING;
+    record->ChangeState(RESTARTING, App::ChangeReason::RESTART);
     record->restartStarted_ = true;
     ProcMgrLog(LOG_INFO, "PROCMGR : RestartApp=%s, pid=%d success, isRemoved=%d, isTermminated=%d",
                record->appName_.c_str(), record->pid_, isRemoved, isTerminated);
@@ -392,7 +393,7 @@ void GeneralApps::RestartRunning(const Record& record, App::AppSpec next) {
         return;
     }
     record->restartStarted_ = false;
-    record->state_ = RESTARTING;
+    record->ChangeState(RESTARTING, App::ChangeReason::RESTART);
     checks_.Request();
     ProcMgrLog(LOG_INFO,
                "PROCMGR : RestartApp set RESTARTING state finished(when app was running "

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "app/app_spec.h"
+#include "app/scheduler_workers.h"
 #include "app/sensor_node_event_reporter.h"
 #include "app/signals.h"
 #include "main/common/log.h"
@@ -34,10 +35,10 @@ bool NeedsCheck(const GeneralAppInfo& app, CheckPass pass, SteadyTime now) {
         return false;
     }
     if (pass == CheckPass::EXTRA) {
-        return app.exitStatusSet_ && app.state_ != TERMINATED &&
+        return app.exitStatusSet_ && app.GetState() != TERMINATED &&
                now - app.startTime_ > CHECK_PERIOD;
     }
-    return app.state_ != TERMINATED && !app.IsSettled();
+    return app.GetState() != TERMINATED && !app.IsSettled();
 }
 
 uint32_t ResultOf(const GeneralAppInfo& app) {
@@ -144,11 +145,11 @@ void GeneralApps::FinishRestartEnded(const std::string& name, std::optional<App:
     record->isLaunching_ = false;
     checks_.Request();
     // The stop may have taken the record over.
-    if (record->state_ != RESTARTING) {
+    if (record->GetState() != RESTARTING) {
         return;
     }
     const bool isStarted = TryStart(*record, std::move(plan));
-    record->state_ = record->FinishRestart(isStarted);
+    record->FinishRestart(isStarted);
     if (!isStarted) {
         NoteChange(*record);
         QueueOutbox();
@@ -207,7 +208,7 @@ void GeneralApps::CheckOne(GeneralAppInfo& app, SteadyTime now) {
     // The room comes first: once the state has changed the report must not get lost.
     outbox_.reserve(outbox_.size() + 1);
     heldBack_.reserve(heldBack_.size() + 1);
-    app.state_ = app.CheckState(now);
+    app.CheckState(now);
     if (app.reportType_ != INVALID_INTERMEDIATE_STATE) {
         NoteChange(app);
     }
@@ -217,7 +218,7 @@ void GeneralApps::NoteChange(GeneralAppInfo& app) {
     ++app.changes_;
     ProcMgrLog(LOG_INFO,
                "PROCMGR: CheckThread : generalAppName=%s, pid=%d, state=%s get statechange",
-               app.appName_.c_str(), app.pid_, GetProcessStateStr(app.state_).c_str());
+               app.appName_.c_str(), app.pid_, GetProcessStateStr(app.GetState()).c_str());
     const AppStateInfo item = App::MakeStateInfo(app, app.reportType_, ResultOf(app));
     const bool isHeldBack = app.IsPriority() && !view_.isZornReady();
     const std::string asker = std::exchange(app.asker_, {});
@@ -303,7 +304,7 @@ void GeneralApps::ReportHeldBack() {
 void GeneralApps::RemoveTerminatedApps() {
     const LockGuard lock(mutex_);
     std::erase_if(generalAppMap_, [](const auto& entry) {
-        if (entry.second->state_ != TERMINATED || entry.second->isLaunching_) {
+        if (entry.second->GetState() != TERMINATED || entry.second->isLaunching_) {
             return false;
         }
         ProcMgrLog(LOG_INFO, "PROCMGR : Process %s removed from the list of generalAppMap_",
@@ -342,11 +343,11 @@ void GeneralApps::StopAll() {
     SteadyTime end = now;
     for (const auto& [name, app] : generalAppMap_) {
         // A restart whose old process has ended must not come about any more.
-        if (!app->IsAlive() && app->state_ != RESTARTING) {
+        if (!app->IsAlive() && app->GetState() != RESTARTING) {
             continue;
         }
         app->TermProcess();
-        app->state_ = TERMINATING;
+        app->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
         app->BeginTermination(now);
         // The state check kills it then, whatever the manifest says about other occasions.
         app->forceTerm_ = true;

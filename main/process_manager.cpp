@@ -13,8 +13,6 @@
 #include "app/app_spec.h"
 #include "app/integrity.h"
 #include "app/launch_defaults.h"
-#include "app/sensor_node_event_reporter.h"
-#include "config/settings.h"
 #include "main/common/boot_trace.h"
 #include "main/common/clock.h"
 #include "main/common/daemon_signals.h"
@@ -22,10 +20,6 @@
 #include "main/common/proc_mgr_env.h"
 #include "platform/heartbeat.h"
 #include "platform/power.h"
-#include "resource/cgroup_mgr.h"
-#include "resource/core_affinity_mgr.h"
-#include "resource/device_worker.h"
-#include "resource/share_pool.h"
 
 namespace ProcMgr {
 namespace {
@@ -92,7 +86,7 @@ uint32_t ProcMgrRun(const std::string& path, bool& isClean) {
 
 ProcessManager::ProcessManager(const std::string& path)
     : baseServiceCfgPath(path),
-      launcher_(&sharePool_),
+      launcher_(cgroups_, coreAffinity_, bindCount_, &sharePool_),
       picture_(baseServices_, generalApps_),
       sender_(pipes_, &picture_),
       pipes_([this](int32_t fd, const MuxaRequest* request,
@@ -107,12 +101,12 @@ ProcessManager::ProcessManager(const std::string& path)
           {[this](const App::RecordVisitor& visitor) { return baseServices_.Visit(visitor); },
            [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }},
           [this](const std::string& name) { return startupConfig_.Find(name).has_value(); }),
-      affinityCheck_(managedRecords_),
-      delayCoreAffinity_(managedRecords_),
+      affinityCheck_(cgroups_, coreAffinity_, managedRecords_),
+      delayCoreAffinity_(cgroups_, coreAffinity_, bindCount_, managedRecords_),
       uploadRegistry_(sharePool_, managedRecords_),
       readiness_(baseServices_, reports_, sender_, generalApps_),
-      requests_({generalApps_, startupConfig_, readiness_, reports_, delayCoreAffinity_,
-                 CoreAffinityMgr::GetInstance()}),
+      requests_(
+          {generalApps_, startupConfig_, readiness_, reports_, delayCoreAffinity_, coreAffinity_}),
       dispatch_(requests_),
       placementCheck_(affinityCheck_, delayCoreAffinity_),
       uploadCheck_(uploadRegistry_),
@@ -140,7 +134,7 @@ bool ProcessManager::Init() {
     App::SetLockedMemoryLimit();
     App::InquireHomeEnvVariable();
     if (!env.IsQuickStart()) {
-        CoreAffinityMgr::GetInstance().LoadCoreLists();
+        coreAffinity_.LoadCoreLists();
     }
     ProcMgrLog(LOG_INFO, "%s, init success", BootStrace(BOOT_TRACE_TAG).c_str());
     return true;
@@ -213,14 +207,14 @@ void ProcessManager::ContinueProcMgrInit() {
     ProcMgrEnv& env = ProcMgrEnv::GetInstance();
     env.SetSlotId(ReadSlotId());
     ProcMgrLog(LOG_INFO, "pm Get board info success slotId_=%d", env.GetSlotId());
-    CoreAffinityMgr::GetInstance().LoadCoreLists();
-    CgroupMgr::GetInstance().ReadCfg();
+    coreAffinity_.LoadCoreLists();
+    cgroups_.ReadCfg();
     affinityCheck_.Start();
     if (settings_.pmuploadEnable && !uploadRegistry_.RegXCallBack()) {
         ProcMgrSysLog(LOG_ERR, "PROCMGR: pmuplaod RegXCallBack failed");
         return;
     }
-    App::SensorNodeEventReporter::GetInstance().RegisterNodes();
+    faults_.RegisterNodes();
     ProcMgrSysLog(LOG_INFO, "%s, ContinueProcMgrInit success", BootStrace(BOOT_TRACE_TAG).c_str());
 }
 
@@ -261,7 +255,7 @@ void ProcessManager::StopApplications() {
 bool ProcessManager::Shutdown() {
     const SteadyTime end = std::chrono::steady_clock::now() + END_PATIENCE;
     BeginStop();
-    App::SensorNodeEventReporter::GetInstance().UnregisterAll();
+    faults_.UnregisterAll();
     running_ = false;
     childErrorReader_.Stop();
     checks_.Stop();
@@ -281,7 +275,7 @@ bool ProcessManager::Shutdown() {
     // After every thread that opens a pipe or sends on one.
     isClean = Ends("messages", pipes_.CloseAll(end)) && isClean;
     // Last: every part above may have given the device worker calls to make.
-    isClean = Ends("device", DeviceWorker().Drain(end)) && isClean;
+    isClean = Ends("device", deviceWorker_.Drain(end)) && isClean;
     if (isClean) {
         ProcMgrEnv::GetInstance().CloseChildErrorPipe();
     }

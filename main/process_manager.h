@@ -12,6 +12,7 @@
 #include "app/managed_records.h"
 #include "app/process_launcher.h"
 #include "app/reaper.h"
+#include "app/sensor_node_event_reporter.h"
 #include "baseservice/base_services.h"
 #include "baseservice/base_startup.h"
 #include "baseservice/quick_start_wait.h"
@@ -33,7 +34,11 @@
 #include "main/common/mutex.h"
 #include "main/common/threads.h"
 #include "resource/affinity_check.h"
+#include "resource/bind_count.h"
+#include "resource/cgroup_mgr.h"
+#include "resource/core_affinity_mgr.h"
 #include "resource/delay_core_affinity.h"
+#include "resource/device_worker.h"
 #include "resource/periodic_checks.h"
 #include "resource/share_pool.h"
 #include "resource/upload_registry.h"
@@ -128,7 +133,14 @@ private:
     // pipes_, and the callback of pipes_ to dispatch_. None of these is used before Run().
     // The destruction, in reverse order, has nothing to wait for: Shutdown() has ended all threads
     // and all calls of libraries before.
-    SharePool sharePool_;
+    // The first five are single instances of the process that are never destroyed. Only this class
+    // fetches them; every other part gets references.
+    SerialWorker& deviceWorker_ = DeviceWorker();
+    CgroupMgr& cgroups_ = CgroupMgr::GetInstance();
+    CoreAffinityMgr& coreAffinity_ = CoreAffinityMgr::GetInstance();
+    BindCount& bindCount_ = BindCount::GetInstance();
+    App::SensorNodeEventReporter& faults_ = App::SensorNodeEventReporter::GetInstance();
+    SharePool sharePool_{deviceWorker_};
     App::ProcessLauncher launcher_;  // puts processes into groups of sharePool_
     ReportedState reportedState_;
     CheckRequests checks_;

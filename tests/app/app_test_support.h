@@ -12,11 +12,33 @@
 #include <optional>
 #include <string>
 
+#include "app/app_info.h"
 #include "app/process_launcher.h"
 #include "platform/host/manifest_data.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr::App {
+
+// Moves a record to `state` over changes that its life cycle has.
+inline void MoveTo(AppInfo& app, ProcessState state) {
+    if (app.GetState() != INITSTATE && app.GetState() != TERMINATED) {
+        app.ChangeState(TERMINATED, ChangeReason::EXITED);
+    }
+    if (state == INITSTATE || state == app.GetState()) {
+        return;
+    }
+    app.ChangeState(STARTING, ChangeReason::STARTED);
+    if (state != STARTING) {
+        app.ChangeState(RUNNING, ChangeReason::FOUND_RUNNING);
+    }
+    if (state == TERMINATING) {
+        app.ChangeState(TERMINATING, ChangeReason::TERMINATION);
+    } else if (state == TERMINATED) {
+        app.ChangeState(TERMINATED, ChangeReason::EXITED);
+    } else if (state == RESTARTING) {
+        app.ChangeState(RESTARTING, ChangeReason::RESTART);
+    }
+}
 
 inline ApplicationManifest Manifest(const ManifestData& data) {
     return ApplicationManifest(std::make_shared<const ManifestData>(data));

@@ -2,7 +2,8 @@
 
 #include <tuple>
 
-#include "app/app_info.h"
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/log_capture.h"
 
@@ -65,7 +66,7 @@ TEST(Records, TakeTheirManifestAndAgainALaterOne) {
     EXPECT_TRUE(Taken(app) == Taken(before));
     EXPECT_TRUE(app.rtEnable_);
     app.pid_ = 99;
-    app.state_ = RUNNING;
+    MoveTo(app, RUNNING);
 
     const ManifestData after = FullManifest();
     app.Refresh(Manifest(after));
@@ -85,7 +86,7 @@ TEST(Records, TakeTheirManifestAndAgainALaterOne) {
     EXPECT_EQ(app.isDelayCoreAffinity_, after.delayCoreAffinity);
     EXPECT_EQ(app.owner_, "zornmgr");
     EXPECT_EQ(app.pid_, 99);
-    EXPECT_EQ(app.state_, RUNNING);
+    EXPECT_EQ(app.GetState(), RUNNING);
 
     const BaseAppInfo base(Manifest(after));
     EXPECT_EQ(base.isReporting_, after.reporting);

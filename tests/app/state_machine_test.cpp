@@ -3,7 +3,8 @@
 #include <chrono>
 #include <optional>
 
-#include "app/app_info.h"
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "app/process_launcher.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/log_capture.h"
@@ -72,7 +73,7 @@ const std::vector<Row> GENERAL_ROWS = {
 
 void Prepare(AppInfo& app, const Row& row) {
     app.pid_ = 12;
-    app.state_ = row.from;
+    MoveTo(app, row.from);
     app.reportType_ = RUNNING_NORMAL_RESTART;
     app.exitedWith125_ = true;
     app.isReporting_ = row.isReporting;
@@ -85,7 +86,7 @@ void Prepare(AppInfo& app, const Row& row) {
 void ExpectRow(const AppInfo& app, ProcessState result, const Row& row) {
     const std::string what = GetProcessStateStr(row.from) + (row.exit ? " exited" : "");
     EXPECT_EQ(result, row.to) << what;
-    EXPECT_EQ(app.state_, row.from) << what;
+    EXPECT_EQ(app.GetState(), row.to) << what;
     EXPECT_EQ(app.reportType_, row.report) << what;
     EXPECT_FALSE(app.exitedWith125_) << what;
     EXPECT_EQ(LogCapture::Lines(), row.lines) << what;
@@ -102,12 +103,13 @@ protected:
         data.forceTerm = isForced;
         GeneralAppInfo app("svc", Manifest(data), "EM");
         app.pid_ = pid;
-        app.state_ = state;
+        MoveTo(app, state);
         app.SetTermStartTime(START);
         return app;
     }
 
-    ProcessLauncher launcher_;
+    ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                              BindCount::GetInstance()};
 };
 
 TEST_F(StateMachineTest, Rows) {
@@ -145,7 +147,7 @@ TEST_F(StateMachineTest, OnlyAZornmgrJobMayExitNormally) {
         data.restart = test.policy;
         GeneralAppInfo app("svc", Manifest(data), test.owner);
         app.pid_ = 12;
-        app.state_ = RUNNING;
+        MoveTo(app, RUNNING);
         app.SetExitStatus(test.status);
         LogCapture::Clear();
         EXPECT_EQ(app.CheckState(START), TERMINATED);
