@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -17,6 +15,7 @@
 #include "platform/host/manifest_data.h"
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
+#include "tests/support/wait.h"
 
 namespace ProcMgr {
 namespace {
@@ -25,6 +24,7 @@ using Fakes::FakeMuxa;
 using Fakes::LogCapture;
 using Call = FakeMuxa::Call;
 using Message::RequestMsg;
+using Tests::WaitUntil;
 
 class OwnerReportsTest : public testing::Test, public PictureSource {
 protected:
@@ -38,13 +38,6 @@ protected:
     }
     void TearDown() override { FakeMuxa::Get().Reset(); }
 
-    static bool WaitUntil(const std::function<bool()>& condition) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (!condition() && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        return condition();
-    }
     std::optional<std::vector<Message::AppStateInfo>> GetPicture(const std::string&) override {
         return present_;
     }

@@ -1,14 +1,12 @@
 #include "config/settings.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "tests/fakes/log_capture.h"
+#include "tests/support/files.h"
 
 namespace ProcMgr {
 namespace {
@@ -16,30 +14,30 @@ namespace {
 using Fakes::LogCapture;
 using Lines = std::vector<Fakes::LogLine>;
 
-const std::string PATH = testing::TempDir() + "procmgr_cfg." + std::to_string(getpid()) + ".yaml";
 const std::string CONSTRUCTED = "enable=0 timeout=60 action=2 pmupload=0";
 
 class Settings : public testing::Test {
 protected:
-    void TearDown() override { std::filesystem::remove_all(PATH); }
-
     // The settings that the file gives, as text.
-    static std::string Load() {
+    std::string Load() const {
         LogCapture::Clear();
         ProcMgrSettings settings;
-        LoadProcMgrCfg(PATH, settings);
+        LoadProcMgrCfg(path_, settings);
         return "enable=" + std::to_string(settings.watchDogEnable) +
                " timeout=" + settings.watchDogTimeout + " action=" + settings.watchDogAction +
                " pmupload=" + std::to_string(settings.pmuploadEnable);
     }
-    static std::string Load(const std::string& contents) {
-        std::ofstream(PATH) << contents;
+    std::string Load(const std::string& contents) const {
+        Tests::WriteFile(path_, contents);
         return Load();
     }
+
+    const Tests::TempDirectory directory_;
+    const std::string path_ = directory_ / "procmgr_cfg.yaml";
 };
 
 TEST_F(Settings, AnUnusableFileChangesNothing) {
-    const std::string failed = "LoadProcMgrCfg file=" + PATH + " failed. ";
+    const std::string failed = "LoadProcMgrCfg file=" + path_ + " failed. ";
     EXPECT_EQ(Load(), CONSTRUCTED);
     EXPECT_EQ(LogCapture::Lines(), (Lines{{LOG_ERR, failed + "errno=2"}}));
     const std::string good = "watch_dog: {enable: true}\npmupload: {enable: true}\n";

@@ -2,10 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -15,10 +12,13 @@
 #include "channel/owner_pipes.h"
 #include "channel/owner_reports.h"
 #include "generalapp/general_apps.h"
+#include "resource/bind_count.h"
+#include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/delay_core_affinity.h"
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
+#include "tests/support/files.h"
 #include "tests/support/log_mask.h"
 
 namespace ProcMgr {
@@ -27,7 +27,6 @@ namespace {
 using Fakes::LogCapture;
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 // The handlers over the parts that the daemon gives them, none of which starts a process here.
 class OwnerRequestsTest : public testing::Test {
@@ -49,7 +48,9 @@ protected:
         return texts;
     }
 
-    App::ProcessLauncher launcher_;
+    CgroupMgr& cgroups_ = CgroupMgr::GetInstance();
+    CoreAffinityMgr& affinity_ = CoreAffinityMgr::GetInstance();
+    App::ProcessLauncher launcher_{cgroups_, affinity_, BindCount::GetInstance()};
     ReportedState reportedState_;
     CheckRequests checks_;
     OwnerPipes pipes_{[](int32_t, const MuxaRequest*, const std::string&) {}};
@@ -64,17 +65,16 @@ protected:
                       {.isZornReady = [] { return true; },
                        .getOwners = [] { return std::vector<std::string>{"zornmgr"}; }}};
     App::ManagedRecords records_{{}, [](const std::string&) { return false; }};
-    DelayCoreAffinity delayed_{records_};
+    DelayCoreAffinity delayed_{cgroups_, affinity_, BindCount::GetInstance(), records_};
     Readiness readiness_{baseServices_, reports_, sender_, apps_};
-    OwnerRequests requests_{
-        {apps_, config_, readiness_, reports_, delayed_, CoreAffinityMgr::GetInstance()}};
+    OwnerRequests requests_{{apps_, config_, readiness_, reports_, delayed_, affinity_}};
 };
 
 TEST_F(OwnerRequestsTest, AReloadForgetsWhatALoadKeeps) {
-    const std::string path = testing::TempDir() + "owner_requests." + std::to_string(getpid());
+    const Tests::TempDirectory directory;
+    const std::string path = directory / "apps.yaml";
     const auto write = [&](const std::string& name) {
-        std::ofstream(path) << "applications:\n  - {name: " << name << ", bin: /bin/true}\n";
-        chmod(path.c_str(), 0644);
+        Tests::WriteFile(path, "applications:\n  - {name: " + name + ", bin: /bin/true}\n");
     };
     write("one");
     requests_.LoadStartupCfg({{}, path}, "owner", 5);
@@ -87,8 +87,6 @@ TEST_F(OwnerRequestsTest, AReloadForgetsWhatALoadKeeps) {
     EXPECT_TRUE(config_.Find("two").has_value());
     EXPECT_THAT(Lines(), ElementsAre("6 STAMP PM receive RELOAD_STARTUP_CFG msg load file=" + path,
                                      "6 STAMP ReLoadStartCfgInfo finish ret=0x0, fd=6"));
-    unlink(path.c_str());
-
     requests_.LoadStartupCfg({{}, "/no/such"}, "owner", 7);
     const std::vector<std::string> lines = Lines();
     EXPECT_THAT(lines, Contains("6 STAMP PM receive LOAD_STARTUP_CFG msg load file=/no/such"));
@@ -106,19 +104,6 @@ TEST_F(OwnerRequestsTest, OnlyVintorReportsTheExecutionOfApplications) {
     EXPECT_EQ(Fakes::FakeMuxa::Get().Delivered().size(), 1U);
     EXPECT_TRUE(LogCapture::ContainsPart(
         LOG_INFO, "PM report appState to zornmgr, appState=TERMINATED_NORMAL_EXIT, appName=app"));
-}
-
-TEST_F(OwnerRequestsTest, OtherRequestsReachTheirParts) {
-    requests_.ReportBaseServiceState({.state = 3}, "svc");
-    requests_.StartApp({{"start", {}, {}}}, "vintor");
-    requests_.RestartApp({{"restart", {}, {}}}, "vintor");
-    requests_.TermApp({{"term"}}, "vintor");
-    EXPECT_EQ(requests_.SetDelayCoreAffinity({.state = 9}), Message::DELAY_FAILED);
-    const std::vector<std::string> lines = Lines();
-    for (const char* part : {"UpdateBaseAppState failed, not find app=svc", "appName=start is null",
-                             "app=restart", "termApp failed: not find app=term"}) {
-        EXPECT_THAT(lines, Contains(HasSubstr(part)));
-    }
 }
 
 }  // namespace

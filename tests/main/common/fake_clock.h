@@ -32,19 +32,16 @@ public:
     }
     bool WaitUntil(Condition& /*condition*/, UniqueLock& lock, SteadyTime end,
                    const std::function<bool()>& isDone) override PROCMGR_UNCHECKED {
-        while (!isDone()) {
+        for (bool hasRun = true; hasRun && !isDone();) {
             lock.Unlock();
-            const bool hasRun = RunEvent(end);
-            lock.Lock();
+            hasRun = RunEvent(end);
             if (!hasRun && end == SteadyTime::max()) {
-                throw std::logic_error("no event would end this wait");
+                throw std::logic_error("no event ends this wait");
             }
-            if (!hasRun) {
-                now_ = std::max(now_, end);
-                return isDone();
-            }
+            now_ = hasRun ? now_ : std::max(now_, end);
+            lock.Lock();
         }
-        return true;
+        return isDone();
     }
 
 private:
