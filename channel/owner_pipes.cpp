@@ -59,8 +59,8 @@ bool OwnerPipes::RegServiceCallBack(const std::string& owner, uint32_t gid, int3
         pipe.waiting = Target{gid, pid};
         if (pipe.busyFd != NOT_OPEN) {
             ProcMgrLog(LOG_INFO,
-                       "PROCMGR : the pipe of owner=%s is busy, it is opened again when its last "
-                       "request has been handled",
+                       "PROCMGR : the pipe of owner=%s is busy, a new pipe is opened when its "
+                       "last request has been handled",
                        owner.c_str());
         }
     }
@@ -233,7 +233,8 @@ bool OwnerPipes::CloseAll(SteadyTime end) {
         SleepFor(open.empty() ? std::chrono::milliseconds(0) : END_PAUSE);
     }
     for (const auto& [fd, owner] : open) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : a request of owner=%s is still being handled, it is left",
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : a request of owner=%s is still being handled, its pipe is left open",
                    owner.c_str());
     }
     return open.empty();

@@ -81,8 +81,8 @@ void ReportSender::Owe(Owner& owner) {
 // Drops the queue and keeps its states, by application, for a picture. Answers to queries are lost.
 void ReportSender::Overflow(const std::string& name, Owner& owner) {
     ProcMgrLog(LOG_ERR,
-               "PROCMGR : owner=%s does not take its reports, %zu are dropped, it is told all "
-               "states when it takes records again",
+               "PROCMGR : owner=%s does not take its reports, %zu are dropped, all states "
+               "are sent when it takes records again",
                name.c_str(), owner.load.items);
     bool isPictureQueued = false;
     for (const Report& report : owner.queue) {

@@ -47,8 +47,7 @@ void OwnerRequests::ReportBaseServiceState(const Message::BaseServiceStateInfo& 
 
 void OwnerRequests::ReportAppExecution(const Message::AppExecInfo& info, const std::string& owner) {
     if (owner != PROC_VINTOR) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : APP_EXECUTION_REPORT of owner=%s is not taken",
-                   owner.c_str());
+        ProcMgrLog(LOG_ERR, "PROCMGR : APP_EXECUTION_REPORT of owner=%s is refused", owner.c_str());
         return;
     }
     ProcMgrLog(LOG_INFO,

@@ -36,13 +36,15 @@ constexpr CycleTimer PLACEMENT_TIMER{20, 21};
 // Logs that the thread or library `what` did not end in time. Returns `isEnded`.
 bool Ends(const char* what, bool isEnded) {
     if (!isEnded) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : %s does not end, it is left to the end of the process",
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : %s has not ended in time and is left to the end of the process",
                    what);
     }
     return isEnded;
 }
 
-// Makes a call that may wait for others on a thread of its own, which is left behind at `end`.
+// Makes a call that may wait for others on a thread of its own. False when the call has not
+// returned at `end`: the thread then runs until the process ends.
 bool EndsBy(SteadyTime end, const char* name, std::function<void()> call) {
     NamedThread thread(name);
     thread.Start(std::move(call));
@@ -150,6 +152,7 @@ void ProcessManager::UpdateStartupYaml() {
 }
 
 void ProcessManager::Run() {
+    // The start-up thread last: the others handle the processes that it starts.
     checkThread_.Start([this] { CheckThread(); });
     waitThread_.Start([this] { WaitThread(); });
     reportThread_.Start([this] { sender_.Run(pipes_); });
@@ -244,6 +247,8 @@ void ProcessManager::WaitForStop() {
 
 void ProcessManager::StopApplications() {
     ProcMgrLog(LOG_INFO, "PROCMGR : stop requested, all services are ended now");
+    // No base service is restarted from here on. The general applications are ended first, because
+    // base services own them and receive the reports about their ends.
     baseServices_.BeginStop();
     generalApps_.StopAll();
     baseServices_.StopAll();
@@ -265,11 +270,12 @@ bool ProcessManager::Shutdown() {
     bool isClean = JoinThreads(end);
     // After the start-up thread, which registers the power calls.
     isClean = Ends("power", EndPower(end)) && isClean;
-    // After the power calls, which use the worker's bind. No request starts another worker.
+    // After the power calls, which pin the same processes as the worker. A later request cannot
+    // start another worker.
     isClean = EndsBy(end, "affinity", [this] { delayCoreAffinity_.Stop(); }) && isClean;
     // After the start-up and the check thread, which begin heartbeat watches.
     isClean = EndsBy(end, "heartbeat", DisableAllCheckHeartBeat) && isClean;
-    // After the start-up thread, which creates the server, and the check thread, which drops its
+    // After the start-up thread, which creates the server, and the check thread, which drops
     // registrations.
     isClean = Ends("upload", uploadRegistry_.Close(end)) && isClean;
     // After every thread that opens a pipe or sends on one.

@@ -125,7 +125,8 @@ TEST_F(OwnerPipesTest, TheEndWaitsForBusyPipesUntilItsDeadline) {
     FakeMuxa::Get().SetDefault(Call::CLOSE, -16);
     EXPECT_FALSE(pipes_.CloseAll(std::chrono::steady_clock::now() + 20ms));
     EXPECT_TRUE(LogCapture::Contains(
-        LOG_ERR, "PROCMGR : a request of owner=owner is still being handled, it is left"));
+        LOG_ERR,
+        "PROCMGR : a request of owner=owner is still being handled, its pipe is left open"));
 }
 
 }  // namespace

@@ -18,7 +18,6 @@
 #include "resource/delay_core_affinity.h"
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
-#include "tests/support/files.h"
 #include "tests/support/log_mask.h"
 
 namespace ProcMgr {
@@ -70,35 +69,24 @@ protected:
     OwnerRequests requests_{{apps_, config_, readiness_, reports_, delayed_, affinity_}};
 };
 
-TEST_F(OwnerRequestsTest, AReloadForgetsWhatALoadKeeps) {
-    const Tests::TempDirectory directory;
-    const std::string path = directory / "apps.yaml";
-    const auto write = [&](const std::string& name) {
-        Tests::WriteFile(path, "applications:\n  - {name: " + name + ", bin: /bin/true}\n");
-    };
-    write("one");
-    requests_.LoadStartupCfg({{}, path}, "owner", 5);
-    write("two");
-    requests_.LoadStartupCfg({{}, path}, "owner", 5);
-    EXPECT_TRUE(config_.Find("one").has_value());
-    LogCapture::Clear();
-    requests_.ReloadStartupCfg({{}, path}, "owner", 6);
-    EXPECT_FALSE(config_.Find("one").has_value());
-    EXPECT_TRUE(config_.Find("two").has_value());
-    EXPECT_THAT(Lines(), ElementsAre("6 STAMP PM receive RELOAD_STARTUP_CFG msg load file=" + path,
-                                     "6 STAMP ReLoadStartCfgInfo finish ret=0x0, fd=6"));
+TEST_F(OwnerRequestsTest, ALoadAndAReloadAreLoggedUnderTheirOwnNames) {
     requests_.LoadStartupCfg({{}, "/no/such"}, "owner", 7);
+    requests_.ReloadStartupCfg({{}, "/no/such"}, "owner", 8);
     const std::vector<std::string> lines = Lines();
-    EXPECT_THAT(lines, Contains("6 STAMP PM receive LOAD_STARTUP_CFG msg load file=/no/such"));
-    EXPECT_THAT(lines, Contains("3 LoadStartCfgInfo failed, path=/no/such"));
-    EXPECT_THAT(lines, Contains("6 STAMP LoadStartCfgInfo finish ret=0xF10405, fd=7"));
+    for (const char* line : {"6 STAMP PM receive LOAD_STARTUP_CFG msg load file=/no/such",
+                             "3 LoadStartCfgInfo failed, path=/no/such",
+                             "6 STAMP LoadStartCfgInfo finish ret=0xF10405, fd=7",
+                             "6 STAMP PM receive RELOAD_STARTUP_CFG msg load file=/no/such",
+                             "3 ReLoadStartCfgInfo failed, path=/no/such",
+                             "6 STAMP ReLoadStartCfgInfo finish ret=0xF10405, fd=8"}) {
+        EXPECT_THAT(lines, Contains(line));
+    }
 }
 
 TEST_F(OwnerRequestsTest, OnlyVintorReportsTheExecutionOfApplications) {
     const Message::AppExecInfo ended{.appName = "app", .pid = 77, .gid = 33, .state = 1};
     requests_.ReportAppExecution(ended, "other");
-    EXPECT_THAT(Lines(),
-                ElementsAre("3 PROCMGR : APP_EXECUTION_REPORT of owner=other is not taken"));
+    EXPECT_THAT(Lines(), ElementsAre("3 PROCMGR : APP_EXECUTION_REPORT of owner=other is refused"));
     EXPECT_TRUE(Fakes::FakeMuxa::Get().Delivered().empty());
     requests_.ReportAppExecution(ended, "vintor");
     EXPECT_EQ(Fakes::FakeMuxa::Get().Delivered().size(), 1U);
