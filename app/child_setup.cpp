@@ -6,6 +6,8 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <optional>
+#include <string>
 
 #include "app/sys.h"
 #include "main/common/daemon_signals.h"
@@ -17,13 +19,17 @@ namespace {
 constexpr const char* ENV_PROC_PLANE = "PROC_PLANE";
 
 constexpr rlim_t REAL_TIME_LIMIT = 99;
+// Bytes of error text for which memory is allocated before the fork.
 constexpr size_t ERROR_RESERVE = 2048;
 constexpr int EXIT_SETUP_FAILED = 1;
-// Tells an input/output error of the program's medium from every other failure to execute it.
+// The exit status after an input/output error of the medium that holds the program.
 constexpr int EXIT_INPUT_OUTPUT_ERROR = 125;
 
-// Dispositions first: with an open mask, a pending signal must find the default action and not a
-// handler of the daemon's.
+// A child that cannot set its identity must not execute its program.
+enum class StepResult { GO_ON, GIVE_UP };
+
+// The dispositions are reset before the mask is opened: a signal that is pending then takes its
+// default action instead of running a handler of the daemon in the child.
 StepResult ResetSignals(ChildContext& /*child*/) {
     struct sigaction byDefault {};
     byDefault.sa_handler = SIG_DFL;
@@ -36,14 +42,15 @@ StepResult ResetSignals(ChildContext& /*child*/) {
     return StepResult::GO_ON;
 }
 
-// A session of its own: a signal to its process group, or a terminal that hangs up, is for this
-// service alone.
+// The child leads a session of its own: a signal to the daemon's process group, or the hang-up of
+// the daemon's terminal, does not reach it.
 StepResult StartSession(ChildContext& /*child*/) {
     [[maybe_unused]] const pid_t session = Sys::setsid();
     return StepResult::GO_ON;
 }
 
-// The daemon opens everything close-on-exec; a library in it may not. Kernels before 5.11 cannot.
+// Marks every descriptor but the standard streams close-on-exec. The daemon opens its own that way,
+// but a library in the daemon may not. Kernels before 5.11 refuse the call; the child then goes on.
 StepResult SealDescriptors(ChildContext& /*child*/) {
     constexpr unsigned FIRST = STDERR_FILENO + 1;
     [[maybe_unused]] const int result = Sys::close_range(FIRST, ~0U, CLOSE_RANGE_CLOEXEC);
@@ -133,7 +140,8 @@ StepResult SetIdentity(ChildContext& child) {
     return StepResult::GO_ON;
 }
 
-// Nobody changes the daemon's environment while a launch is under way, so its lock is free here.
+// setenv takes a lock of the C library. No thread of the daemon changes the environment while a
+// launch is under way, so no thread held that lock at the fork.
 bool SetEnv(const std::string& key, const std::string& value) {
     return Sys::setenv(key.c_str(), value.c_str(), 1) == 0;
 }
@@ -224,73 +232,81 @@ StepResult SetStartupEntry(ChildContext& child) {
     return StepResult::GO_ON;
 }
 
-// The daemon's cores are not for an application that is bound later. A bind that comes between the
-// fork and here has been undone by this.
+// Whether the child of a delayed application keeps all cores until the application is bound. All
+// cores come first, because the child has inherited the daemon's own. A bind since the fork may
+// have pinned the child before that; the child then has to pin itself, and the result is false.
 bool IsBindAwaited(ChildContext& child) {
     if (!child.plan.isDelayed) {
         return false;
     }
     CoreAffinityMgr::PinTo(child.pid, CoreAffinityMgr::AllCores(), child.error);
-    return BindCount::GetInstance().Get() == child.bindCount;
+    return child.binds.Get() == child.bindsBeforeFork;
 }
 
-// The parent has logged a missing tasks file of the accelerator's cores.
+// The parent logs it when the accelerator's tasks file is missing.
 StepResult BindCores(ChildContext& child) {
     if (IsBindAwaited(child)) {
         return StepResult::GO_ON;
     }
-    if (child.aiTasksFd >= 0) {
+    if (child.aiTasks.IsValid()) {
         const std::string line = std::to_string(child.pid) + '\n';
         [[maybe_unused]] const ssize_t written =
-            Sys::write(child.aiTasksFd, line.data(), line.size());
+            Sys::write(child.aiTasks.Get(), line.data(), line.size());
     }
     CoreAffinityMgr::PinTo(child.pid, child.plan.coreMask, child.error);
     return StepResult::GO_ON;
 }
 
-constexpr std::array GENERAL_STEPS = {
-    ChildStep{"signals", ResetSignals},
-    ChildStep{"session", StartSession},
-    ChildStep{"descriptors", SealDescriptors},
-    ChildStep{"pid", StorePid},
-    ChildStep{"real-time limit", RaiseRealTimeLimit},
-    ChildStep{"scheduler", SetScheduler},
-    ChildStep{"nice", SetNice},
-    ChildStep{"control groups", JoinControlGroups},
-    ChildStep{"identity", SetIdentity},
-    ChildStep{"share pool", SetSharePool},
-    ChildStep{"plane", SetPlane},
-    ChildStep{"home", SetHome},
-    ChildStep{"environment, owner", SetEnvironmentAndOwner},
-    ChildStep{"access registration", RegisterAccess},
-    ChildStep{"heartbeat", SetHeartBeatSwitch},
-    ChildStep{"address sanitiser", SetPreload},
-    ChildStep{"cores", BindCores},
+struct ChildStep {
+    StepResult (*run)(ChildContext& child);
+    std::optional<AppKind> kind;  // the kind of application that takes the step; none: both kinds
 };
 
-constexpr std::array BASE_STEPS = {
-    ChildStep{"signals", ResetSignals},
-    ChildStep{"session", StartSession},
-    ChildStep{"descriptors", SealDescriptors},
-    ChildStep{"pid", StorePid},
-    ChildStep{"real-time limit", RaiseRealTimeLimit},
-    ChildStep{"scheduler", SetScheduler},
-    ChildStep{"control groups", JoinControlGroups},
-    ChildStep{"identity", SetIdentity},
-    ChildStep{"share pool", SetSharePool},
-    ChildStep{"environment", SetEnvironment},
-    ChildStep{"access registration", RegisterAccess},
-    ChildStep{"home", SetHome},
-    ChildStep{"address sanitiser", SetPreload},
-    ChildStep{"restart marker", SetRestartMarker},
-    ChildStep{"start entry", SetStartupEntry},
-    ChildStep{"cores", BindCores},
+// Every step, in the order in which the child of either kind takes its own.
+constexpr std::array STEPS = {
+    ChildStep{ResetSignals, {}},
+    ChildStep{StartSession, {}},
+    ChildStep{SealDescriptors, {}},
+    ChildStep{StorePid, {}},
+    ChildStep{RaiseRealTimeLimit, {}},
+    ChildStep{SetScheduler, {}},
+    ChildStep{SetNice, AppKind::GENERAL},
+    ChildStep{JoinControlGroups, {}},
+    ChildStep{SetIdentity, {}},
+    ChildStep{SetSharePool, {}},
+    ChildStep{SetPlane, AppKind::GENERAL},
+    ChildStep{SetHome, AppKind::GENERAL},
+    ChildStep{SetEnvironmentAndOwner, AppKind::GENERAL},
+    ChildStep{SetEnvironment, AppKind::BASE},
+    ChildStep{RegisterAccess, {}},
+    ChildStep{SetHome, AppKind::BASE},
+    ChildStep{SetHeartBeatSwitch, AppKind::GENERAL},
+    ChildStep{SetPreload, {}},
+    ChildStep{SetRestartMarker, AppKind::BASE},
+    ChildStep{SetStartupEntry, AppKind::BASE},
+    ChildStep{BindCores, {}},
 };
+
+// Writes "app=NAME,pid=PID,TEXT" to the plan's error descriptor in one piece. Writes nothing when
+// there is no text or no descriptor.
+void ReportChildError(const ChildContext& child) {
+    const int fd = child.plan.errorFd;
+    if (child.error.empty() || fd == -1) {
+        return;
+    }
+    const std::string message =
+        "app=" + child.plan.appName + ",pid=" + std::to_string(child.pid) + "," + child.error;
+    // A pipe takes up to PIPE_BUF bytes as a whole. A longer message could mix with the message of
+    // another child, so the rest is cut off.
+    const size_t length = std::min<size_t>(message.size(), PIPE_BUF);
+    [[maybe_unused]] const ssize_t written = Sys::write(fd, message.data(), length);
+}
 
 }  // namespace
 
-ChildContext::ChildContext(const LaunchPlan& launchPlan) : plan(launchPlan) {
-    // execv takes its strings as not const and leaves them alone.
+ChildContext::ChildContext(const LaunchPlan& launchPlan, const BindCount& bindCount)
+    : plan(launchPlan), binds(bindCount), bindsBeforeFork(bindCount.Get()) {
+    // execv declares its strings without const but does not change them.
     argv.push_back(const_cast<char*>(plan.execPath.c_str()));
     for (const std::string& argument : plan.arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));
@@ -298,49 +314,26 @@ ChildContext::ChildContext(const LaunchPlan& launchPlan) : plan(launchPlan) {
     argv.push_back(nullptr);
     error.reserve(ERROR_RESERVE);
     if (plan.coreMask && plan.coreMask->aiCores > 0) {
-        aiTasksFd = CoreAffinityMgr::OpenAiCpuset();
+        aiTasks = Wire::UniqueFd(CoreAffinityMgr::OpenAiCpuset());
     }
-    bindCount = BindCount::GetInstance().Get();
-}
-
-ChildContext::~ChildContext() {
-    if (aiTasksFd >= 0) {
-        close(aiTasksFd);
-    }
-}
-
-std::span<const ChildStep> GetChildSteps(AppKind kind) {
-    if (kind == AppKind::GENERAL) {
-        return GENERAL_STEPS;
-    }
-    return BASE_STEPS;
 }
 
 void RunChild(ChildContext& child) {
     const LaunchPlan& plan = child.plan;
-    for (const ChildStep& step : GetChildSteps(plan.kind)) {
-        if (step.run(child) == StepResult::GIVE_UP) {
-            ReportChildError(plan.errorFd, plan.appName, child.pid, child.error);
+    for (const ChildStep& step : STEPS) {
+        const bool isTaken = !step.kind || *step.kind == plan.kind;
+        if (isTaken && step.run(child) == StepResult::GIVE_UP) {
+            ReportChildError(child);
             Sys::_exit(EXIT_SETUP_FAILED);
         }
     }
-    ReportChildError(plan.errorFd, plan.appName, child.pid, child.error);
+    ReportChildError(child);
     Sys::execv(plan.execPath.c_str(), child.argv.data());
     const int error = errno;
     child.error =
         "execv failed, execPath_=" + plan.execPath + ", errno=" + std::to_string(error) + ";";
-    ReportChildError(plan.errorFd, plan.appName, child.pid, child.error);
+    ReportChildError(child);
     Sys::_exit(error == EIO ? EXIT_INPUT_OUTPUT_ERROR : EXIT_SETUP_FAILED);
-}
-
-void ReportChildError(int fd, const std::string& appName, pid_t pid, const std::string& text) {
-    if (text.empty() || fd == -1) {
-        return;
-    }
-    const std::string message = "app=" + appName + ",pid=" + std::to_string(pid) + "," + text;
-    // A longer one would not be written whole, and might mix with that of another child.
-    const size_t length = std::min<size_t>(message.size(), PIPE_BUF);
-    [[maybe_unused]] const ssize_t written = Sys::write(fd, message.data(), length);
 }
 
 }  // namespace ProcMgr::App

@@ -1,49 +1,42 @@
-// What a child does between fork and execv: a list of named steps over the launch plan. The child
-// takes no lock of the daemon's, does not log, and never returns into the daemon.
+// The child's part of a launch: what happens between fork and execv, as a table of steps over the
+// launch plan. ProcessLauncher is the only caller. The child takes no lock of the daemon, writes no
+// log line and never returns into the daemon's code.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
 #include "app/launch_plan.h"
+#include "resource/bind_count.h"
+#include "wire/unique_fd.h"
 
 namespace ProcMgr::App {
 
-// The child's own working state. Its memory is set aside before the fork.
+// The working state of one child. The parent creates it before the fork, so that its memory and the
+// descriptor exist already; the child changes its own copy.
 struct ChildContext {
-    explicit ChildContext(const LaunchPlan& launchPlan);
-    ~ChildContext();
-    ChildContext(const ChildContext&) = delete;
-    ChildContext& operator=(const ChildContext&) = delete;
+    // `launchPlan` and `bindCount` must outlive this object.
+    ChildContext(const LaunchPlan& launchPlan, const BindCount& bindCount);
 
     const LaunchPlan& plan;
-    std::vector<char*> argv;  // points into the plan, ends with null
-    // Opened by root: the child may have another identity. -1 without such cores or without the
-    // file.
-    int aiTasksFd = -1;
-    uint32_t bindCount = 0;  // as it was before the fork
+    const BindCount& binds;
+    const uint32_t bindsBeforeFork;
+    // The arguments of execv: pointers into the plan, then null.
+    std::vector<char*> argv;
+    // The tasks file of the accelerator's cpuset, opened while the process is still root. Empty for
+    // an application without accelerator cores, and when the file cannot be opened.
+    Wire::UniqueFd aiTasks;
     pid_t pid = 0;
-    std::string error;  // one entry, ending in ";", for each step that failed
+    // One entry, ending in ";", for each step that failed.
+    std::string error;
 };
 
-// A child whose identity cannot be set must not run its program.
-enum class StepResult { GO_ON, GIVE_UP };
-
-struct ChildStep {
-    const char* name;
-    StepResult (*run)(ChildContext& child);
-};
-
-// The steps of each kind of application, in their order.
-std::span<const ChildStep> GetChildSteps(AppKind kind);
-
-// Runs the steps and executes the program. Reports what failed over the plan's error descriptor.
+// Runs the steps of the plan's kind of application and executes the program. Failures are written
+// to the plan's error descriptor. Ends the process with status 1 when the identity cannot be set or
+// the program cannot be executed, and with 125 when executing it failed with EIO.
 [[noreturn]] void RunChild(ChildContext& child);
-
-// Writes "app=NAME,pid=PID,TEXT" in one piece, cut off where a pipe ends to take it as one. Nothing
-// when there is no text or no descriptor.
-void ReportChildError(int fd, const std::string& appName, pid_t pid, const std::string& text);
 
 }  // namespace ProcMgr::App

@@ -1,8 +1,9 @@
 #include "app/launch_plan.h"
 
 #include "app/app_spec.h"
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "main/common/proc_mgr_env.h"
-#include "resource/cgroup_mgr.h"
 
 namespace ProcMgr::App {
 namespace {
@@ -13,7 +14,8 @@ constexpr const char* SANITIZER_PRELOAD = "libasan.so.4:libzorn.so.1";
 constexpr const char* PLANE_DATA = "PLANE_DATA";
 constexpr const char* PLANE_MANAGE = "PLANE_MANAGE";
 
-// A program built with the address sanitizer needs its library before that of the access manager.
+// The value of LD_PRELOAD: a program built with the address sanitizer needs the sanitizer's library
+// before the access manager's. Empty for any other program.
 std::string PreloadOf(const std::map<std::string, std::string>& envs) {
     const auto entry = envs.find(ENV_PRELOAD);
     const bool isSanitized =
@@ -21,17 +23,19 @@ std::string PreloadOf(const std::map<std::string, std::string>& envs) {
     return isSanitized ? SANITIZER_PRELOAD : std::string();
 }
 
-// In quick start there are no groups yet; the periodic check places such a process later.
-std::vector<std::string> TaskFilesOf(const AppInfo& app) {
+// In quick start the control groups do not exist yet; the periodic affinity check puts the process
+// into its groups later.
+std::vector<std::string> TaskFilesOf(const AppInfo& app, const CgroupMgr& cgroups) {
     if (ProcMgrEnv::GetInstance().IsQuickStart()) {
         return {};
     }
     const CgroupTaskInfo task{
         app.appName_, 0, app.resGroupName_, app.cpuset_, app.blkioGroupName_, app.cgroupPath_};
-    return CgroupMgr::GetInstance().GetTaskPaths(task);
+    return cgroups.GetTaskPaths(task);
 }
 
-LaunchPlan MakeCommonPlan(const AppInfo& app) {
+LaunchPlan MakeCommonPlan(const AppInfo& app, const CgroupMgr& cgroups,
+                          const CoreAffinityMgr& affinity) {
     LaunchPlan plan;
     plan.appName = app.appName_;
     plan.execPath = app.execPath_;
@@ -43,8 +47,8 @@ LaunchPlan MakeCommonPlan(const AppInfo& app) {
         plan.schedPolicy = ToSystemPolicy(app.schedPolicy_);
     }
     plan.rtPriority = app.rtPriority_;
-    plan.taskFiles = TaskFilesOf(app);
-    plan.coreMask = CoreAffinityMgr::GetInstance().MakeMask(app.coreAffinity_);
+    plan.taskFiles = TaskFilesOf(app, cgroups);
+    plan.coreMask = affinity.MakeMask(app.coreAffinity_);
     plan.isDelayed = app.isDelayCoreAffinity_;
     plan.envs.assign(app.envs_.begin(), app.envs_.end());
     plan.home = app.home_;
@@ -56,8 +60,9 @@ LaunchPlan MakeCommonPlan(const AppInfo& app) {
 
 }  // namespace
 
-LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app) {
-    LaunchPlan plan = MakeCommonPlan(app);
+LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app, const CgroupMgr& cgroups,
+                          const CoreAffinityMgr& affinity) {
+    LaunchPlan plan = MakeCommonPlan(app, cgroups, affinity);
     plan.kind = AppKind::GENERAL;
     plan.nice = app.nice_;
     plan.ownerName = app.owner_;
@@ -66,8 +71,9 @@ LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app) {
     return plan;
 }
 
-LaunchPlan MakeLaunchPlan(const BaseAppInfo& app) {
-    LaunchPlan plan = MakeCommonPlan(app);
+LaunchPlan MakeLaunchPlan(const BaseAppInfo& app, const CgroupMgr& cgroups,
+                          const CoreAffinityMgr& affinity) {
+    LaunchPlan plan = MakeCommonPlan(app, cgroups, affinity);
     plan.kind = AppKind::BASE;
     plan.startupEntryPath = app.startupEntryPath_;
     plan.afterAbnormalExit = app.reportType_ == TERMINATED_ABNORMAL_EXIT;

@@ -1,5 +1,5 @@
-// Everything that a child needs between fork and execv, computed in the parent before the fork: the
-// child then only walks a list of steps over it.
+// Everything that a child needs between fork and execv. ProcessLauncher computes the plan in the
+// parent, before the fork; the child only reads it.
 #pragma once
 
 #include <sys/types.h>
@@ -10,13 +10,16 @@
 #include <utility>
 #include <vector>
 
-#include "app/app_info.h"
 #include "app/user_groups.h"
 #include "platform/access_manager.h"
+#include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/share_pool.h"
 
 namespace ProcMgr::App {
+
+class BaseAppInfo;
+class GeneralAppInfo;
 
 enum class AppKind { GENERAL, BASE };
 
@@ -30,32 +33,41 @@ struct LaunchPlan {
     UserGroups userGroups;
 
     bool raiseRealTimeLimit = false;
-    std::optional<int> schedPolicy;  // the operating system's; none: leave it as it is
+    // A policy of the operating system; none: the child keeps the daemon's.
+    std::optional<int> schedPolicy;
     int rtPriority = -1;
     int nice = 0;
 
-    std::vector<std::string> taskFiles;  // of the control groups
-    std::optional<CoreMask> coreMask;    // none: no cores are known
-    bool isDelayed = false;  // it starts on every core, and on its own if it is bound meanwhile
+    // The tasks files of the application's control groups.
+    std::vector<std::string> taskFiles;
+    // None when the application has no cores of its own and the ordinary cores are not known.
+    std::optional<CoreMask> coreMask;
+    // The application may use every core until it is bound to its own.
+    bool isDelayed = false;
 
     SharePoolPlan sharePool;
     std::string sharePoolNames;
-    std::vector<std::pair<std::string, std::string>> envs;  // the manifest's, by key
+    // The variables of the manifest, in the order of their keys.
+    std::vector<std::pair<std::string, std::string>> envs;
     std::string home;
-    // Empty: the variable is not set.
+    // An empty text here means that the variable is not set.
     std::string preload;
-    std::string startupEntryPath;
+    std::string startupEntryPath;    // base services
     std::string ownerName;           // general applications
     std::string plane;               // general applications
     bool heartBeatSwitch = false;    // general applications
     bool afterAbnormalExit = false;  // base services
 
     AppConfig accessConfig;
-    int errorFd = -1;  // where the child writes what failed; -1: nowhere
+    // The descriptor to which the child writes its failures; -1: none are written.
+    int errorFd = -1;
 };
 
-// All but the user's groups and the share-pool groups, which the launcher looks up.
-LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app);
-LaunchPlan MakeLaunchPlan(const BaseAppInfo& app);
+// Makes the plan of a record, except userGroups, sharePool and sharePoolNames, which
+// ProcessLauncher fills in. Any thread; reads no file.
+LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app, const CgroupMgr& cgroups,
+                          const CoreAffinityMgr& affinity);
+LaunchPlan MakeLaunchPlan(const BaseAppInfo& app, const CgroupMgr& cgroups,
+                          const CoreAffinityMgr& affinity);
 
 }  // namespace ProcMgr::App

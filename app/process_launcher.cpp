@@ -6,24 +6,26 @@
 #include <exception>
 #include <new>
 
+#include "app/base_app_info.h"
 #include "app/child_setup.h"
+#include "app/general_app_info.h"
 #include "app/launch_checks.h"
 #include "app/sys.h"
 #include "main/common/boot_trace.h"
 #include "main/common/log.h"
 #include "main/common/proc_mgr_env.h"
-#include "resource/core_affinity_mgr.h"
 
 namespace ProcMgr::App {
 namespace {
 
-// Does what is due once there is a child: nothing of that may keep the caller from learning of it.
+// Runs an action after the fork. An exception of the action ends here, so that the caller learns of
+// the child in any case.
 template <typename Action>
 void WithChild(const Action& action) {
     try {
         action();
     } catch (const std::bad_alloc&) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : out of memory behind a start");
+        ProcMgrLog(LOG_ERR, "PROCMGR : out of memory after the start of a process");
     }
 }
 
@@ -33,7 +35,7 @@ std::optional<LaunchPlan> ProcessLauncher::Prepare(const GeneralAppInfo& app) {
     if (!PreStartCheck(app)) {
         return std::nullopt;
     }
-    LaunchPlan plan = MakeLaunchPlan(app);
+    LaunchPlan plan = MakeLaunchPlan(app, cgroups_, affinity_);
     FinishPlan(app, app.sharepoolGroups_, plan);
     return plan;
 }
@@ -42,7 +44,7 @@ std::optional<LaunchPlan> ProcessLauncher::Prepare(const BaseAppInfo& app) {
     if (!PreStartCheck(app)) {
         return std::nullopt;
     }
-    LaunchPlan plan = MakeLaunchPlan(app);
+    LaunchPlan plan = MakeLaunchPlan(app, cgroups_, affinity_);
     FinishPlan(app, {}, plan);
     return plan;
 }
@@ -85,9 +87,9 @@ pid_t ProcessLauncher::Fork(BaseAppInfo& app, LaunchPlan& plan) {
     return child;
 }
 
-// Every signal is blocked meanwhile: no handler of the daemon's runs in the child.
+// All signals are blocked around the fork, so that no handler of the daemon runs in the child.
 pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
-    ChildContext context(plan);
+    ChildContext context(plan, binds_);
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
@@ -96,7 +98,7 @@ pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
     const pid_t child = Sys::fork();
     const int error = errno;
     if (child == 0) {
-        // Nothing may unwind from here into the daemon's code, which is the parent's to run.
+        // An exception must not reach the daemon's code: only the parent may run that.
         try {
             RunChild(context);
         } catch (const std::exception&) {
@@ -107,9 +109,9 @@ pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
         app.SetStarted(child);
     }
     Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    // When the child waits for this core, it goes first: its exec takes longest.
+    // Lets a child that waits for this core run first: a start takes most of its time in execv.
     Sys::sched_yield();
-    if (child > 0 && !plan.isDelayed && plan.coreMask && context.aiTasksFd < 0) {
+    if (child > 0 && !plan.isDelayed && plan.coreMask && !context.aiTasks.IsValid()) {
         WithChild([&] { CoreAffinityMgr::LogMissingAiCpuset(child, *plan.coreMask); });
     }
     errno = error;
@@ -117,7 +119,7 @@ pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
 }
 
 void ProcessLauncher::Release(const AppInfo& app) {
-    CoreAffinityMgr::GetInstance().RecycleThreadCoreInfo(app.pid_, app.appName_);
+    affinity_.RecycleThreadCoreInfo(app.pid_, app.appName_);
     if (sharePool_ != nullptr) {
         sharePool_->Forget(app.pid_);
     }
@@ -135,7 +137,7 @@ void ProcessLauncher::FinishPlan(
 
 void ProcessLauncher::JoinSharePool(const AppInfo& app, const LaunchPlan& plan) {
     if (sharePool_ != nullptr) {
-        // What is known of an earlier process with this pid is not this one's.
+        // Drops what is stored for an earlier process with the same pid.
         sharePool_->Forget(app.pid_);
         sharePool_->Join(app.appName_, app.pid_, plan.sharePool);
     }
@@ -151,8 +153,7 @@ bool ProcessLauncher::PreStartCheck(const AppInfo& app) {
         return false;
     }
     const bool isUnchecked = app.IsPriority() && ProcMgrEnv::GetInstance().IsQuickStart();
-    return isUnchecked ||
-           CoreAffinityMgr::GetInstance().CheckLaunch(app.appName_, app.coreAffinity_);
+    return isUnchecked || affinity_.CheckLaunch(app.appName_, app.coreAffinity_);
 }
 
 }  // namespace ProcMgr::App

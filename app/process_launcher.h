@@ -1,75 +1,91 @@
-// Turns a record into a running process, in two stages: Prepare() finds out everything that a start
-// needs and may take long, Fork() makes the child. One for the daemon; any thread may launch.
+// Turns a record into a running process, in two stages: Prepare() does every check and look-up that
+// may take long, Fork() creates the child. The daemon has one launcher; the containers of the
+// records call it, from any thread.
 #pragma once
 
 #include <sys/types.h>
 
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "app/app_info.h"
 #include "app/integrity.h"
 #include "app/launch_plan.h"
 #include "app/user_groups.h"
+#include "main/common/clock.h"
 #include "main/common/worker_pool.h"
+#include "resource/bind_count.h"
 
 namespace ProcMgr::App {
 
+class AppInfo;
+class BaseAppInfo;
+class GeneralAppInfo;
+
 class ProcessLauncher {
 public:
-    // `sharePool` must outlive this object; none: no process joins a group.
-    explicit ProcessLauncher(SharePool* sharePool = nullptr) : sharePool_(sharePool) {}
+    // All arguments must outlive this object. Without `sharePool`, no process joins a share-pool
+    // group.
+    ProcessLauncher(const CgroupMgr& cgroups, CoreAffinityMgr& affinity, const BindCount& binds,
+                    SharePool* sharePool = nullptr)
+        : cgroups_(cgroups), affinity_(affinity), binds_(binds), sharePool_(sharePool) {}
 
-    // Reads which executables are protected, by what digest. Once, before the first launch.
+    // Reads the expected digests of the protected executables. Called once, before the first
+    // launch.
     void LoadIntegrityTable(const std::string& path) { integrity_.Load(path); }
 
-    // Checks that the record's program may be started and computes the plan of its start. Nothing,
-    // with a log line, when it may not. Waits for the user database, the program's file system and
-    // the digest of a protected program: not with a lock held, so `app` is a copy of the record.
+    // Checks that the record's program may be started and computes the plan of the start. Returns
+    // nothing, with a log line, when a check refuses the start. Waits for the user database, the
+    // program's file system and the digest of a protected program: the caller holds no lock and
+    // passes a copy of the record.
     std::optional<LaunchPlan> Prepare(const GeneralAppInfo& app);
     std::optional<LaunchPlan> Prepare(const BaseAppInfo& app);
 
     // Whether Prepare() would neither take a digest nor ask the user database.
     bool IsQuick(const AppInfo& app);
 
-    // Starts a process by the plan and stores its pid in the record. Returns the pid, or -1, with a
-    // log line, when there is no child, and throws nothing once there is one. What fails in the
-    // child shows in its error text and its exit status. The caller holds the lock of the record's
-    // container until the record can be found by pid there, so that the reaper cannot miss it.
+    // Creates the child and stores its pid in the record. Returns the pid, or -1, with a log line,
+    // when there is no child. Throws nothing after the fork. Failures in the child appear only in
+    // its error text and its exit status. The caller holds the lock of the record's container until
+    // the container can find the record by the pid, so that the reaper finds it, too.
     pid_t Fork(GeneralAppInfo& app, LaunchPlan& plan);
     pid_t Fork(BaseAppInfo& app, LaunchPlan& plan);
 
-    // Gives back what is kept for the record's process. Called when its exit is stored, once and
-    // while its pid cannot be another's yet.
+    // Drops what resource control remembers of the record's process. Called once for each process,
+    // when its exit is stored and its pid cannot belong to another process yet.
     void Release(const AppInfo& app);
 
-    // Runs a job that calls Prepare() on a thread of its own. Any lock may be held.
-    // False when there is none for it.
+    // Runs a job that calls Prepare() on a thread of the pool. False when no thread can take it.
+    // The caller may hold any lock.
     bool PostSlow(WorkerPool::Job job) { return slowJobs_.Post(std::move(job)); }
 
-    // The reaper's: true when the pid is that of a helper process of Prepare().
+    // Called by the reaper: true when the pid is that of a digest command of Prepare().
     bool TakeHelperExit(int32_t pid) { return integrity_.TakeExit(pid); }
 
-    // Refuses from now on what would take long, and ends what is under way.
+    // Ends the digests that are being taken and refuses later ones.
     void CancelSlow() { integrity_.Cancel(); }
-    // Waits for the jobs that run: false when some still do at `end`. After CancelSlow().
+    // Waits for the jobs of PostSlow() that run. False when one still runs at `end`. Called after
+    // CancelSlow().
     bool Stop(SteadyTime end) { return slowJobs_.Stop(end); }
 
 private:
-    // The child of the record's plan; below 0, with errno, on failure.
+    // Creates the child; below 0, with errno, on failure.
     pid_t ForkChild(AppInfo& app, LaunchPlan& plan);
     void FinishPlan(const AppInfo& app,
                     const std::vector<std::pair<std::string, std::string>>& manifestGroups,
                     LaunchPlan& plan);
     void JoinSharePool(const AppInfo& app, const LaunchPlan& plan);
-
-    // The checks before every start.
     bool PreStartCheck(const AppInfo& app);
 
+    const CgroupMgr& cgroups_;
+    CoreAffinityMgr& affinity_;
+    const BindCount& binds_;
     SharePool* const sharePool_;
     UserGroupsCache userGroups_;
     IntegrityTable integrity_;
-    WorkerPool slowJobs_{"launch"};  // its jobs use all of the above
+    // The jobs use all of the above: the pool is destroyed first.
+    WorkerPool slowJobs_{"launch"};
 };
 
 }  // namespace ProcMgr::App

@@ -22,8 +22,8 @@ constexpr std::chrono::seconds REGISTER_PATIENCE{1};
 }  // namespace
 
 SensorNodeEventReporter& SensorNodeEventReporter::GetInstance() {
-    // Never destroyed: the device worker uses it.
-    static auto* const instance = new SensorNodeEventReporter;
+    // Never destroyed: jobs of the device worker may use it until the process ends.
+    static auto* const instance = new SensorNodeEventReporter(DeviceWorker());
     return *instance;
 }
 
@@ -43,10 +43,10 @@ int32_t SensorNodeEventReporter::FaultFlag(uint16_t nodeType, uint8_t sensorType
     return nodeType == FAULT_NODE_TYPE && sensorType != SENSOR_TYPE ? 1 : 0;
 }
 
-// A change that finds no room with the worker is shown with the next one that does: the faults that
-// stand are kept here.
+// When the worker refuses a job because too many wait, the next job that it takes shows all nodes
+// anew, from the stored faults.
 void SensorNodeEventReporter::Post(SerialWorker::Job job) {
-    const bool isTaken = DeviceWorker().Post([this, job = std::move(job)] {
+    const bool isTaken = worker_.Post([this, job = std::move(job)] {
         job();
         if (isStale_.exchange(false)) {
             ShowAll();
@@ -66,7 +66,7 @@ bool SensorNodeEventReporter::RegisterSensorNode(const SensorNodeConfig& config)
     MayWait("the device");
     const auto isRegistered = std::make_shared<std::atomic<bool>>(false);
     Post([this, config, isRegistered] { *isRegistered = Register(config); });
-    DeviceWorker().Drain(std::chrono::steady_clock::now() + REGISTER_PATIENCE);
+    worker_.Drain(std::chrono::steady_clock::now() + REGISTER_PATIENCE);
     return *isRegistered;
 }
 
@@ -141,7 +141,7 @@ void SensorNodeEventReporter::PostShow(const std::string& name, const Faults& fa
     });
 }
 
-void SensorNodeEventReporter::Show(const std::string& name, const std::optional<Standing>& fault) {
+void SensorNodeEventReporter::Show(const std::string& name, const std::optional<Fault>& fault) {
     const auto found = nodes_.find(name);
     if (found == nodes_.end()) {
         return;
@@ -153,12 +153,12 @@ void SensorNodeEventReporter::Show(const std::string& name, const std::optional<
 }
 
 void SensorNodeEventReporter::ShowAll() {
-    std::map<std::string, Faults> standing;
+    std::map<std::string, Faults> stored;
     {
         const LockGuard lock(mutex_);
-        standing = standing_;
+        stored = faults_;
     }
-    for (const auto& [name, faults] : standing) {
+    for (const auto& [name, faults] : stored) {
         Show(name, faults.empty() ? std::nullopt : std::optional(faults.back()));
     }
 }
@@ -188,10 +188,9 @@ void SensorNodeEventReporter::Send(const std::string& name, Node& node, int32_t 
 void SensorNodeEventReporter::Raise(const std::string& name, const std::string& app, int32_t event,
                                     uint32_t nodeType) {
     const LockGuard lock(mutex_);
-    Faults& faults = standing_[name];
-    std::erase_if(faults, [&](const Standing& standing) {
-        return standing.app == app && standing.event == event;
-    });
+    Faults& faults = faults_[name];
+    std::erase_if(faults,
+                  [&](const Fault& fault) { return fault.app == app && fault.event == event; });
     faults.push_back({app, event, nodeType});
     PostShow(name, faults);
 }
@@ -199,10 +198,9 @@ void SensorNodeEventReporter::Raise(const std::string& name, const std::string& 
 void SensorNodeEventReporter::Withdraw(const std::string& name, const std::string& app,
                                        int32_t event) {
     const LockGuard lock(mutex_);
-    Faults& faults = standing_[name];
-    const size_t withdrawn = std::erase_if(faults, [&](const Standing& standing) {
-        return standing.app == app && standing.event == event;
-    });
+    Faults& faults = faults_[name];
+    const size_t withdrawn = std::erase_if(
+        faults, [&](const Fault& fault) { return fault.app == app && fault.event == event; });
     if (withdrawn > 0) {
         PostShow(name, faults);
     }
@@ -211,7 +209,7 @@ void SensorNodeEventReporter::Withdraw(const std::string& name, const std::strin
 void SensorNodeEventReporter::UnregisterSensorNode(const std::string& name) {
     {
         const LockGuard lock(mutex_);
-        standing_.erase(name);
+        faults_.erase(name);
     }
     Post([this, name] { Unregister(name); });
 }
@@ -219,7 +217,7 @@ void SensorNodeEventReporter::UnregisterSensorNode(const std::string& name) {
 void SensorNodeEventReporter::UnregisterAll() {
     {
         const LockGuard lock(mutex_);
-        standing_.clear();
+        faults_.clear();
     }
     Post([this] {
         while (!nodes_.empty()) {

@@ -1,6 +1,6 @@
-// Faults of managed processes, reported on the accelerator's sensor nodes so that the platform's
-// fault management sees them. One instance for the process, used from any thread with any lock
-// held: the device library is called by the device worker, in the order of the calls here.
+// Reports faults of managed processes on the accelerator's sensor nodes, where the platform's fault
+// management reads them. The containers of the records raise and withdraw faults; the daemon
+// registers its two nodes at the start and unregisters them at the stop.
 #pragma once
 
 #include <atomic>
@@ -16,11 +16,11 @@
 
 namespace ProcMgr::App {
 
-// The nodes of the daemon: faults of base services, faults of general applications.
+// The two nodes of the daemon: faults of base services, faults of general applications.
 inline constexpr const char* BASE_SERVICE_NODE = "pm_base_service";
 inline constexpr const char* GENERAL_APP_NODE = "pm_general_app";
 
-// Event codes. 0: none.
+// Event codes. EVENT_NONE clears a node.
 inline constexpr int32_t EVENT_NONE = 0;
 inline constexpr int32_t EVENT_HEARTBEAT_LOST = 39;
 inline constexpr int32_t EVENT_START_FAILED = 208;
@@ -32,47 +32,59 @@ struct SensorNodeConfig {
     int32_t deviceId = -1;  // -1 or 0: every device
 };
 
+// All functions are callable from any thread and, unless they state otherwise, with any lock held:
+// they only queue a job. The worker calls the device library, in the order of the calls here.
 class SensorNodeEventReporter {
 public:
+    // `worker` must outlive this object and have done all its jobs before this object is destroyed.
+    explicit SensorNodeEventReporter(SerialWorker& worker) : worker_(worker) {}
+    SensorNodeEventReporter(const SensorNodeEventReporter&) = delete;
+    SensorNodeEventReporter& operator=(const SensorNodeEventReporter&) = delete;
+
+    // The daemon's one instance, created on first use and never destroyed.
     static SensorNodeEventReporter& GetInstance();
 
-    // How many devices there are; 1 when the device library gives no sensible answer. Calls the
-    // library.
+    // The number of devices; 1 when the device library fails or returns an implausible number.
+    // Calls the device library, which may take long.
     static uint32_t GetDeviceNum();
 
-    // Registers the two nodes of the daemon. Waits for the device for a moment, no longer.
-    void RegisterNodes();
+    // Registers the two nodes of the daemon. Waits for the device, at most a second for each node:
+    // not with a lock held.
+    void RegisterNodes() PROCMGR_EXCLUDES(mutex_);
 
-    // True when the node is registered, now or before; false also when the device has not answered
-    // within a second. Not with a lock held.
-    bool RegisterSensorNode(const SensorNodeConfig& config);
+    // Registers a node. True when the node is registered, now or before. False when the
+    // registration failed or is not done within a second. Not with a lock held.
+    bool RegisterSensorNode(const SensorNodeConfig& config) PROCMGR_EXCLUDES(mutex_);
 
-    // Sends one event to every device of a registered node, unless it is the node's last one.
-    // `fault`: see FaultFlag.
+    // Sends an event to every device of a registered node, unless it is the node's last event.
+    // `fault` is the fault flag of FaultFlag().
     void ReportEvent(const std::string& name, int32_t event, int32_t fault = 0);
 
-    void UnregisterSensorNode(const std::string& name);
-    void UnregisterAll();
+    void UnregisterSensorNode(const std::string& name) PROCMGR_EXCLUDES(mutex_);
+    void UnregisterAll() PROCMGR_EXCLUDES(mutex_);
 
-    // A fault of one application, which stands also before the node is registered. A node shows the
-    // event that was raised last and stands; raising a standing one makes it the last. The node is
-    // cleared when nothing stands any more: withdrawing once is enough, however often it was
-    // raised.
-    void Raise(const std::string& node, const std::string& app, int32_t event, uint32_t nodeType);
-    void Withdraw(const std::string& node, const std::string& app, int32_t event);
+    // Stores a fault of an application until it is withdrawn; the node need not be registered yet.
+    // A node shows the fault that was raised last among its stored ones, and EVENT_NONE when the
+    // last one is withdrawn. Raising a stored fault again makes it the last; one Withdraw() removes
+    // it, however often it was raised.
+    void Raise(const std::string& node, const std::string& app, int32_t event, uint32_t nodeType)
+        PROCMGR_EXCLUDES(mutex_);
+    void Withdraw(const std::string& node, const std::string& app, int32_t event)
+        PROCMGR_EXCLUDES(mutex_);
 
-    // 1 for a fault of the kind that the device treats in a way of its own, else 0.
+    // The fault flag of an event: 1 for a node type and sensor type that the device treats
+    // specially, else 0.
     static int32_t FaultFlag(uint16_t nodeType, uint8_t sensorType);
 
 private:
-    struct Standing {
+    struct Fault {
         std::string app;
         int32_t event;
         uint32_t nodeType;
     };
-    using Faults = std::vector<Standing>;  // in the order raised
+    using Faults = std::vector<Fault>;  // in the order in which they were raised
 
-    // A node that the device knows.
+    // A node that is registered with the device library.
     struct Node {
         uint16_t nodeType = 0;
         uint8_t sensorType = 0;
@@ -80,27 +92,27 @@ private:
         std::map<uint32_t, uint64_t> handles;  // by device
     };
 
-    SensorNodeEventReporter() = default;
-
-    // Shows the last fault of the node that was raised and stands, or none.
+    // Queues a job that shows the last of `faults` on the node.
     void PostShow(const std::string& name, const Faults& faults) PROCMGR_REQUIRES(mutex_);
     void Post(SerialWorker::Job job);
 
-    // All of these are the device worker's.
-    bool Register(const SensorNodeConfig& config);
+    // Called only by jobs of the worker.
+    bool Register(const SensorNodeConfig& config) PROCMGR_EXCLUDES(mutex_);
     uint32_t DeviceCount();
     std::vector<uint32_t> DevicesOf(const SensorNodeConfig& config);
-    void Show(const std::string& name, const std::optional<Standing>& fault);
-    void ShowAll();
+    void Show(const std::string& name, const std::optional<Fault>& fault);
+    void ShowAll() PROCMGR_EXCLUDES(mutex_);
     static void Send(const std::string& name, Node& node, int32_t event, int32_t fault);
     void Unregister(const std::string& name);
 
+    SerialWorker& worker_;
     Mutex mutex_;
-    std::map<std::string, Faults> standing_;  // by node; guarded by mutex_
-    std::atomic<bool> isStale_{false};        // a change found no room with the worker
-    // The device worker's.
+    std::map<std::string, Faults> faults_ PROCMGR_GUARDED_BY(mutex_);  // by node
+    // The worker has refused a job since the nodes were last shown.
+    std::atomic<bool> isStale_{false};
+    // Used only by jobs of the worker.
     std::map<std::string, Node> nodes_;
-    std::optional<uint32_t> deviceCount_;  // read once
+    std::optional<uint32_t> deviceCount_;
 };
 
 }  // namespace ProcMgr::App

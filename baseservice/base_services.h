@@ -19,18 +19,19 @@
 #include <string>
 #include <vector>
 
-#include "app/app_info.h"
+#include "app/base_app_info.h"
 #include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
 #include "baseservice/reported_state.h"
+#include "main/common/check_loop.h"
 #include "main/common/check_requests.h"
 #include "main/common/mutex.h"
 #include "message/request_msg.h"
 
 namespace ProcMgr {
 
-class BaseServices {
+class BaseServices final : public Supervised {
 public:
     // All must outlive this object.
     BaseServices(App::ProcessLauncher& launcher, ReportedState& reportedState,
@@ -63,9 +64,10 @@ public:
     // services that have died, one after the other: report, fault event, pipe, restart by their
     // policy.
     void CheckBaseApps(CheckPass pass);
+    void Check(CheckPass pass) override { CheckBaseApps(pass); }
 
     // Takes the services that have ended for good out of the list, with their pipe and heartbeat.
-    void RemoveTerminatedApps();
+    void RemoveTerminatedApps() override;
 
     // What a service says about itself: RUNNING or TERMINATING.
     void UpdateBaseAppState(const std::string& name, ProcessState reported);

@@ -15,11 +15,13 @@
 #include <string>
 #include <vector>
 
-#include "app/app_info.h"
+#include "app/general_app_info.h"
 #include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
+#include "baseservice/readiness.h"
 #include "generalapp/startup_config.h"
+#include "main/common/check_loop.h"
 #include "main/common/check_requests.h"
 #include "main/common/mutex.h"
 #include "message/request_msg.h"
@@ -34,7 +36,7 @@ struct OwnerView {
     std::function<std::vector<std::string>()> getOwners;
 };
 
-class GeneralApps {
+class GeneralApps final : public Supervised, public HeldBackReports {
 public:
     // All must outlive this object.
     GeneralApps(App::ProcessLauncher& launcher, CheckRequests& checks, App::StateReports& reports,
@@ -56,10 +58,11 @@ public:
 
     // One pass of CheckThread: moves the records from state to state and reports the changes.
     void CheckGeneralApps(CheckPass pass);
-    void RemoveTerminatedApps();
+    void Check(CheckPass pass) override { CheckGeneralApps(pass); }
+    void RemoveTerminatedApps() override;
 
     // Reports what could not be told to the access manager while it was not ready.
-    void ReportHeldBack();
+    void ReportHeldBack() override;
 
     // Shows every record to the visitor; see RecordContainer.
     bool Visit(const App::RecordVisitor& visitor);

@@ -9,17 +9,11 @@
 
 #include "main/common/log.h"
 #include "main/common/proc_mgr_env.h"
-#include "resource/cgroup_mgr.h"
-#include "resource/core_affinity_mgr.h"
+#include "resource/cgroup_paths.h"
 
 namespace ProcMgr {
-namespace {
-
-// The cpu group of everything that has none of its own.
-constexpr const char* DEFAULT_CPU_GROUP = "OTHER";
-
 // Where the threads of one priority application belong.
-struct Place {
+struct AffinityCheck::Place {
     std::vector<std::string> taskFiles;
     std::optional<CoreMask> mask;
     bool isPinned = true;      // its cores are checked, too
@@ -27,11 +21,11 @@ struct Place {
 };
 
 // Whether a delayed application has been bound to its cores.
-bool IsBound(const ManagedApp& app) {
-    return CoreAffinityMgr::GetInstance().IsStored(app.pid, app.pid);
+bool AffinityCheck::IsBound(const ManagedApp& app) const {
+    return affinity_.IsStored(app.pid, app.pid);
 }
 
-Place MakePlace(const ManagedApp& app) {
+AffinityCheck::Place AffinityCheck::MakePlace(const ManagedApp& app) const {
     const CgroupTaskInfo task{app.name,
                               0,
                               app.cpuGroup.empty() ? DEFAULT_CPU_GROUP : app.cpuGroup,
@@ -39,15 +33,16 @@ Place MakePlace(const ManagedApp& app) {
                               app.blkioGroup,
                               {}};
     Place place;
-    place.taskFiles = CgroupMgr::GetInstance().GetTaskPaths(task);
-    place.mask = CoreAffinityMgr::GetInstance().MakeMask(app.cores);
+    place.taskFiles = cgroups_.GetTaskPaths(task);
+    place.mask = affinity_.MakeMask(app.cores);
     place.isPinned = !app.isDelayed;
     place.isForAiCpus = place.mask && place.mask->aiCores > 0 && (!app.isDelayed || IsBound(app));
     return place;
 }
 
 // The tasks files into which the thread has to be written.
-std::vector<std::string> FindMissing(const Place& place, int32_t tid, TaskFiles& files) {
+std::vector<std::string> AffinityCheck::FindMissing(const Place& place, int32_t tid,
+                                                    TaskFiles& files) {
     std::vector<std::string> missing;
     for (const std::string& path : place.taskFiles) {
         const bool isLeft = place.isForAiCpus && path.starts_with(CGROUP_CPUSET_ROOT);
@@ -60,13 +55,10 @@ std::vector<std::string> FindMissing(const Place& place, int32_t tid, TaskFiles&
     return missing;
 }
 
-}  // namespace
-
 void AffinityCheck::Start() {
     PlaceOwnThreads();
     std::string error;
-    const CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
-    if (affinity.SetCoreAffinity(ProcMgrEnv::GetInstance().GetPid(), {}, error) != AFFINITY_OK) {
+    if (affinity_.SetCoreAffinity(ProcMgrEnv::GetInstance().GetPid(), {}, error) != AFFINITY_OK) {
         ProcMgrSysLog(LOG_WARNING, "PROCMGR: pm SetCoreAffinityToOs failed, err=%s", error.c_str());
     }
     isStarted_ = true;
@@ -100,7 +92,7 @@ void AffinityCheck::AddOwnTids(const std::set<int32_t>& tids) {
     for (const int32_t tid : tids) {
         std::string error;
         const CgroupTaskInfo task{PROCMGR_NAME, tid, DEFAULT_CPU_GROUP, DEFAULT_CPUSET, "", {}};
-        if (!CgroupMgr::GetInstance().AddToCgroups(task, error)) {
+        if (!cgroups_.AddToCgroups(task, error)) {
             ProcMgrSysLog(LOG_WARNING, "Add pm tids to cgroup tasks failed, errinfo=%s, tid=%u",
                           error.c_str(), static_cast<unsigned>(tid));
         }
@@ -108,7 +100,7 @@ void AffinityCheck::AddOwnTids(const std::set<int32_t>& tids) {
 }
 
 void AffinityCheck::PlacePriorityApp(const ManagedApp& app, TaskFiles& files) {
-    if (!CoreAffinityMgr::GetInstance().CheckIsCtrlCpu(app.name, app.cores)) {
+    if (!affinity_.CheckIsCtrlCpu(app.name, app.cores)) {
         ProcMgrSysLog(LOG_ERR, "app=%s, pid=%d, core affinity is not in ctrlcpu", app.name.c_str(),
                       app.pid);
     }
@@ -150,7 +142,7 @@ void AffinityCheck::PlacePriorityThread(const ManagedApp& app, int32_t tid,
         return;
     }
     error.clear();
-    if (CoreAffinityMgr::GetInstance().SetCoreAffinity(tid, app.cores, error) != AFFINITY_OK) {
+    if (affinity_.SetCoreAffinity(tid, app.cores, error) != AFFINITY_OK) {
         ProcMgrSysLog(LOG_WARNING, "priority app SetCoreAffinityToOs failed, errinfo=%s, app=%s",
                       error.c_str(), app.name.c_str());
     }

@@ -16,6 +16,8 @@
 #include "main/common/log.h"
 #include "main/common/proc_files.h"
 #include "resource/cgroup_mgr.h"
+#include "resource/cgroup_paths.h"
+#include "resource/cpu_num.h"
 
 namespace ProcMgr {
 namespace {

@@ -15,12 +15,13 @@
 #include "main/common/line_reader.h"
 #include "main/common/log.h"
 #include "main/common/numbers.h"
+#include "resource/cgroup_paths.h"
+#include "resource/cpu_num.h"
 #include "resource/task_file.h"
 
 namespace ProcMgr {
 namespace {
 
-constexpr const char* TASKS = "/tasks";
 constexpr const char* CPU_QUOTA = "/cpu.cfs_quota_us";
 constexpr const char* CPU_PERIOD = "/cpu.cfs_period_us";
 constexpr const char* MEMORY_SUFFIX = "_MEMORY";
@@ -180,22 +181,22 @@ bool CgroupMgr::IsUsableGroup(const std::string& group) {
 std::vector<std::string> CgroupMgr::GetTaskPaths(const CgroupTaskInfo& task) const {
     std::vector<std::string> paths;
     if (IsUsableGroup(task.cpusetName)) {
-        paths.push_back(CGROUP_CPUSET_ROOT + task.cpusetName + TASKS);
+        paths.push_back(CGROUP_CPUSET_ROOT + task.cpusetName + CGROUP_TASKS);
     }
     if (IsUsableGroup(task.cgroupName)) {
-        paths.push_back(CGROUP_CPU_ROOT + task.cgroupName + TASKS);
+        paths.push_back(CGROUP_CPU_ROOT + task.cgroupName + CGROUP_TASKS);
     }
     for (const auto& [controller, group] : task.cgroupPaths) {
         if (IsUsableGroup(group)) {
             std::string path = CGROUP_ROOT + controller;
-            path += "/" + group + TASKS;
+            path += "/" + group + CGROUP_TASKS;
             paths.push_back(std::move(path));
         }
     }
     if (blkIoSwitch_ && IsUsableGroup(task.blkioName)) {
-        paths.push_back(CGROUP_BLKIO_ROOT + task.blkioName + TASKS);
+        paths.push_back(CGROUP_BLKIO_ROOT + task.blkioName + CGROUP_TASKS);
         if (bufferIoSwitch_) {
-            paths.push_back(CGROUP_MEMORY_ROOT + task.blkioName + MEMORY_SUFFIX + TASKS);
+            paths.push_back(CGROUP_MEMORY_ROOT + task.blkioName + MEMORY_SUFFIX + CGROUP_TASKS);
         }
     }
     return paths;

@@ -9,28 +9,16 @@
 #include <map>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "main/common/mutex.h"
 
 namespace ProcMgr {
 
-// Hardware threads that the system reports.
-inline const uint32_t CPU_NUM = std::thread::hardware_concurrency();
-
 inline constexpr const char* HOST_RESOURCE_FILE = "/usr/bin/vela/env.cfg";
-inline constexpr const char* CGROUP_ROOT = "/sys/fs/cgroup/";
-inline constexpr const char* CGROUP_CPU_ROOT = "/sys/fs/cgroup/cpu/";
-inline constexpr const char* CGROUP_MEMORY_ROOT = "/sys/fs/cgroup/memory/";
-inline constexpr const char* CGROUP_CPUSET_ROOT = "/sys/fs/cgroup/cpuset/";
-inline constexpr const char* CGROUP_BLKIO_ROOT = "/sys/fs/cgroup/blkio/";
 
 inline constexpr uint32_t CGROUP_OK = 0;
 inline constexpr uint32_t CGROUP_FAILED = 15794959;
-
-// The cpuset of everything that has none of its own.
-inline constexpr const char* DEFAULT_CPUSET = "CtrlCPU";
 
 struct CgroupPolicyInfo {
     char groupName[64] = {};  // of a set in the table, with its zero byte

@@ -1,26 +1,23 @@
 #include "resource/core_affinity_mgr.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <new>
 
 #include "main/common/log.h"
 #include "main/common/proc_files.h"
-#include "resource/cgroup_mgr.h"
+#include "resource/cgroup_paths.h"
+#include "resource/cpu_num.h"
 #include "resource/cpuset_file.h"
 #include "resource/task_file.h"
 
 namespace ProcMgr {
 namespace {
 
-constexpr const char* CTRL_CPUS = "/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus";
-constexpr const char* AI_CPUS = "/sys/fs/cgroup/cpuset/AICPU/cpuset.cpus";
 constexpr std::string_view NAME_KEY = "Name";
 constexpr size_t THREAD_NAME_MAX = 16;
 
@@ -39,41 +36,12 @@ std::optional<std::string> GetThreadName(int32_t pid, int32_t tid) {
     return fields->front().substr(0, THREAD_NAME_MAX);
 }
 
-// Never unmapped: children may still read it.
-std::atomic<uint32_t>* MapCount() {
-    static_assert(std::atomic<uint32_t>::is_always_lock_free);
-    void* page = mmap(nullptr, sizeof(std::atomic<uint32_t>), PROT_READ | PROT_WRITE,
-                      MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (page == MAP_FAILED) {
-        ProcMgrSysLog(LOG_ERR, "PROCMGR: no memory to tell children of a bind, errno=%d", errno);
-        return nullptr;
-    }
-    return new (page) std::atomic<uint32_t>(0);
-}
-
 void LogMissingAiTasks(int32_t tid) {
     ProcMgrSysLog(LOG_ERR, "WriteTidToAIcpuSet failed tid: %d, aicpuSet: %s is not existed", tid,
                   AI_CPUSET_TASKS);
 }
 
 }  // namespace
-
-BindCount& BindCount::GetInstance() {
-    static BindCount instance;
-    return instance;
-}
-
-BindCount::BindCount() : count_(MapCount()) {}
-
-void BindCount::Raise() {
-    if (count_ != nullptr) {
-        count_->fetch_add(1);
-    }
-}
-
-uint32_t BindCount::Get() const {
-    return count_ == nullptr ? 0 : count_->load();
-}
 
 CoreAffinityMgr& CoreAffinityMgr::GetInstance() {
     static CoreAffinityMgr instance;
@@ -83,10 +51,10 @@ CoreAffinityMgr& CoreAffinityMgr::GetInstance() {
 void CoreAffinityMgr::LoadCoreLists() {
     const LockGuard lock(coresMutex_);
     if (ctrlCores_.empty()) {
-        ctrlCores_ = ReadCpusetFile(CTRL_CPUS);
+        ctrlCores_ = ReadCpusetFile(CTRL_CPUSET_CPUS);
     }
     if (aiCores_.empty()) {
-        aiCores_ = ReadCpusetFile(AI_CPUS);
+        aiCores_ = ReadCpusetFile(AI_CPUSET_CPUS);
     }
 }
 
@@ -221,7 +189,7 @@ uint32_t CoreAffinityMgr::StoreAndSetCoreAffinity(int32_t pid, int32_t tid,
     return ret;
 }
 
-bool CoreAffinityMgr::IsStored(int32_t pid, int32_t tid) {
+bool CoreAffinityMgr::IsStored(int32_t pid, int32_t tid) const {
     const LockGuard lock(mutex_);
     const auto row = threads_.find(static_cast<uint32_t>(tid));
     return row != threads_.end() && row->second.pid == pid;

@@ -6,7 +6,6 @@
 
 #include <sched.h>
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -24,32 +23,11 @@ inline constexpr uint32_t AFFINITY_NO_THREAD_NAME = 15795712;
 inline constexpr uint32_t AFFINITY_NO_CORES = 15795713;
 inline constexpr uint32_t AFFINITY_REFUSED = 15795714;
 
-// Where threads with cores for accelerator work are written.
-inline constexpr const char* AI_CPUSET_TASKS = "/sys/fs/cgroup/cpuset/AICPU/tasks";
-
 // A core list made ready for the kernel. `aiCores`: how many of its cores are for accelerator work;
 // for each, the thread is put into that cpuset before it is pinned.
 struct CoreMask {
     cpu_set_t cores{};
     uint32_t aiCores = 0;
-};
-
-// How often delayed applications have been listed for a bind, in memory that children share: a
-// child that was listed before it came to its own pinning would undo what it missed.
-class BindCount {
-public:
-    // The daemon's one instance, created on first use; before the fork of who reads it in a child.
-    static BindCount& GetInstance();
-
-    // The listing thread's, after it has listed them and before it pins the first.
-    void Raise();
-    // For the child between fork and execv, too: takes no lock.
-    uint32_t Get() const;
-
-private:
-    BindCount();
-
-    std::atomic<uint32_t>* const count_;  // null when there was no memory: never raised
 };
 
 class CoreAffinityMgr {
@@ -86,7 +64,7 @@ public:
     uint32_t StoreAndSetCoreAffinity(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores,
                                      std::string& error);
     // Whether a pinning of the thread is remembered.
-    bool IsStored(int32_t pid, int32_t tid);
+    bool IsStored(int32_t pid, int32_t tid) const;
     // Forgets the threads of the process that are not among `tids`.
     void Prune(int32_t pid, const std::set<int32_t>& tids);
     // For a process that was pinned to `cores` by the child, before its program ran, and whose main
@@ -136,7 +114,7 @@ private:
     mutable Mutex coresMutex_;  // the innermost lock; guards the two lists
     std::vector<uint32_t> ctrlCores_;
     std::vector<uint32_t> aiCores_;
-    Mutex mutex_;
+    mutable Mutex mutex_;
     ThreadTable threads_;  // guarded by mutex_
 };
 

@@ -13,8 +13,7 @@
 #include "main/common/log.h"
 #include "main/common/proc_files.h"
 #include "main/common/proc_mgr_env.h"
-#include "resource/cgroup_mgr.h"
-#include "resource/core_affinity_mgr.h"
+#include "resource/cgroup_paths.h"
 #include "resource/cpuset_file.h"
 
 namespace ProcMgr {
@@ -33,7 +32,6 @@ constexpr int CHECKS_MIN = -1;  // no limit
 constexpr int CHECKS_MAX = 100;
 constexpr int CHECKS_DEFAULT = 3;
 constexpr int COUNT_MAX = 127;
-constexpr const char* CPUS = "/cpuset.cpus";
 
 // What cannot be used is replaced, not refused.
 void MakeValid(DelayCoreAffinityReq& request) {
@@ -130,7 +128,7 @@ std::vector<ManagedApp> DelayCoreAffinity::ListDelayed() {
     std::vector<ManagedApp> apps = apps_.GetManagedApps(ManagedFilter::DELAYED);
     // Listed children that have not come to their pinning either see it there, or have done it
     // before they are pinned here.
-    BindCount::GetInstance().Raise();
+    bindCount_.Raise();
     return apps;
 }
 
@@ -149,8 +147,7 @@ uint32_t DelayCoreAffinity::BindAll(uint64_t bind) {
 
 uint32_t DelayCoreAffinity::Pin(const ManagedApp& app, int32_t tid, std::string& error) {
     std::string reason;
-    const uint32_t ret =
-        CoreAffinityMgr::GetInstance().StoreAndSetCoreAffinity(app.pid, tid, app.cores, reason);
+    const uint32_t ret = affinity_.StoreAndSetCoreAffinity(app.pid, tid, app.cores, reason);
     if (ret == AFFINITY_OK) {
         return ret;
     }
@@ -170,7 +167,7 @@ uint32_t DelayCoreAffinity::BindCoreForDelayApp(const ManagedApp& app) {
     std::set<int32_t> tids;
     // Listed first, then the process is made sure of: the threads are its own.
     if (CoreAffinityMgr::GetTids(app.pid, tids) && apps_.IsPresent(app)) {
-        CoreAffinityMgr::GetInstance().Prune(app.pid, tids);
+        affinity_.Prune(app.pid, tids);
         tids.erase(app.pid);
         for (const int32_t tid : tids) {
             const uint32_t ret = Pin(app, tid, error);
@@ -189,12 +186,11 @@ bool DelayCoreAffinity::CheckMissingTids(const ManagedApp& app) {
         !apps_.IsPresent(app)) {
         return true;
     }
-    CoreAffinityMgr::GetInstance().Prune(app.pid, tids);
+    affinity_.Prune(app.pid, tids);
     bool isComplete = true;
     for (const int32_t tid : tids) {
         std::string error;
-        if (!CoreAffinityMgr::GetInstance().IsPinned(tid, app.cores) &&
-            Pin(app, tid, error) != AFFINITY_OK) {
+        if (!affinity_.IsPinned(tid, app.cores) && Pin(app, tid, error) != AFFINITY_OK) {
             isComplete = false;
             ProcMgrSysLog(LOG_WARNING,
                           "PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err=%s",
@@ -303,10 +299,9 @@ void DelayCoreAffinity::WakeUpRecover() {
     const bool isReset = ReadWakeUpEnable();
     // From here on no bind of before pins anything.
     const LockGuard pass(passMutex_);
-    CgroupMgr::GetInstance().EnableDefaultCpuSet();
-    CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
+    cgroups_.EnableDefaultCpuSet();
     std::string error;
-    if (affinity.SetCoreAffinity(ProcMgrEnv::GetInstance().GetPid(), {}, error) != AFFINITY_OK) {
+    if (affinity_.SetCoreAffinity(ProcMgrEnv::GetInstance().GetPid(), {}, error) != AFFINITY_OK) {
         ProcMgrSysLog(LOG_WARNING, "WakeUpRecover pm SetCoreAffinityToOs failed, err=%s",
                       error.c_str());
     }
@@ -320,8 +315,8 @@ void DelayCoreAffinity::WakeUpRecover() {
             ret = std::max(ret, ResetToCpuset(app));
             continue;
         }
-        if (!app.isDelayed || affinity.IsStored(app.pid, app.pid)) {
-            affinity.StoreStrays(app.pid, app.cores);
+        if (!app.isDelayed || affinity_.IsStored(app.pid, app.pid)) {
+            affinity_.StoreStrays(app.pid, app.cores);
         }
         pids.push_back(app.pid);
     }
@@ -329,7 +324,7 @@ void DelayCoreAffinity::WakeUpRecover() {
         ProcMgrSysLog(LOG_INFO, "Reset Core Affinity to CpuSet for delay apps, ret=%d",
                       static_cast<int>(ret));
     }
-    if (affinity.WakeUpRecover(pids)) {
+    if (affinity_.WakeUpRecover(pids)) {
         ProcMgrSysLog(LOG_INFO, "WakeUpRecover success");
     } else {
         ProcMgrSysLog(LOG_ERR, "WakeUpRecover failed");
@@ -337,12 +332,11 @@ void DelayCoreAffinity::WakeUpRecover() {
 }
 
 uint32_t DelayCoreAffinity::ResetToCpuset(const ManagedApp& app) {
-    CoreAffinityMgr& affinity = CoreAffinityMgr::GetInstance();
-    affinity.RecycleThreadCoreInfo(app.pid, app.name);
+    affinity_.RecycleThreadCoreInfo(app.pid, app.name);
     const std::string cpuset = CgroupMgr::IsUsableGroup(app.cpuset) ? app.cpuset : DEFAULT_CPUSET;
     // Some of its cores may be for accelerator work: that must not move it to their cpuset again.
     std::optional<CoreMask> mask =
-        affinity.MakeMask(ReadCpusetFile(CGROUP_CPUSET_ROOT + cpuset + CPUS));
+        affinity_.MakeMask(ReadCpusetFile(CGROUP_CPUSET_ROOT + cpuset + CPUSET_CPUS));
     if (mask) {
         mask->aiCores = 0;
     }
@@ -353,7 +347,7 @@ uint32_t DelayCoreAffinity::ResetToCpuset(const ManagedApp& app) {
     uint32_t result = AFFINITY_OK;
     std::string error;
     for (const int32_t tid : tids) {
-        CgroupMgr::GetInstance().AddToCgroups({app.name, tid, "", cpuset, "", {}}, error);
+        cgroups_.AddToCgroups({app.name, tid, "", cpuset, "", {}}, error);
         result = std::max(result, CoreAffinityMgr::ApplyMask(tid, mask, error));
     }
     if (!error.empty()) {

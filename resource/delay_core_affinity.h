@@ -14,14 +14,19 @@
 
 #include "main/common/mutex.h"
 #include "message/delay_core_affinity.h"
+#include "resource/bind_count.h"
+#include "resource/cgroup_mgr.h"
+#include "resource/core_affinity_mgr.h"
 #include "resource/managed_apps.h"
 
 namespace ProcMgr {
 
 class DelayCoreAffinity {
 public:
-    // `apps` must outlive this object.
-    explicit DelayCoreAffinity(ManagedApps& apps) : apps_(apps) {}
+    // All four must outlive this object.
+    DelayCoreAffinity(CgroupMgr& cgroups, CoreAffinityMgr& affinity, BindCount& bindCount,
+                      ManagedApps& apps)
+        : cgroups_(cgroups), affinity_(affinity), bindCount_(bindCount), apps_(apps) {}
     ~DelayCoreAffinity() { Stop(); }
     DelayCoreAffinity(const DelayCoreAffinity&) = delete;
     DelayCoreAffinity& operator=(const DelayCoreAffinity&) = delete;
@@ -71,8 +76,11 @@ private:
     bool ReadWakeUpEnable();
     uint32_t ResetToCpuset(const ManagedApp& app);
     // Sets and remembers one pinning; what fails is appended to `error`.
-    static uint32_t Pin(const ManagedApp& app, int32_t tid, std::string& error);
+    uint32_t Pin(const ManagedApp& app, int32_t tid, std::string& error);
 
+    CgroupMgr& cgroups_;
+    CoreAffinityMgr& affinity_;
+    BindCount& bindCount_;
     ManagedApps& apps_;
     // Held while one application is bound or checked, and during a recovery: what that puts back
     // stays. Taken before mutex_ and the containers' locks.

@@ -13,7 +13,6 @@
 #include "main/common/numbers.h"
 #include "main/common/paths.h"
 #include "platform/device.h"
-#include "resource/device_worker.h"
 
 namespace ProcMgr {
 namespace {
@@ -98,8 +97,8 @@ void SharePool::Load(const std::string& directory) {
     for (const std::string& path : ListFiles(directory)) {
         LoadFile(path);
     }
-    DeviceWorker().Post([this] { CreateGroups(); });
-    DeviceWorker().Drain(std::chrono::steady_clock::now() + CREATE_PATIENCE);
+    device_.Post([this] { CreateGroups(); });
+    device_.Drain(std::chrono::steady_clock::now() + CREATE_PATIENCE);
 }
 
 void SharePool::CreateGroups() const {
@@ -179,7 +178,7 @@ void SharePool::Join(const std::string& appName, int32_t pid, const SharePoolPla
                 continue;
             }
         }
-        if (!DeviceWorker().Post([=, this] { Add(appName, pid, group); })) {
+        if (!device_.Post([=, this] { Add(appName, pid, group); })) {
             ProcMgrLog(LOG_ERR, "PROCMGR : app=%s, pid=%d, group=%s: the device is too busy",
                        appName.c_str(), pid, group.name.c_str());
             Leave(pid, group.name);
@@ -218,6 +217,11 @@ void SharePool::Leave(int32_t pid, const std::string& group) {
     if (joined != joined_.end()) {
         joined->second.erase(group);
     }
+}
+
+void SharePool::WaitForJoins(SteadyTime end) {
+    MayWait("the device");
+    device_.Drain(end);
 }
 
 std::vector<std::string> SharePool::GetGroupsOf(int32_t pid) {

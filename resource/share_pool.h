@@ -9,7 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "main/common/clock.h"
 #include "main/common/mutex.h"
+#include "main/common/serial_worker.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr {
@@ -31,6 +33,9 @@ struct SharePoolPlan {
 
 class SharePool {
 public:
+    // `device` is the worker that calls the device library; it must outlive this object.
+    explicit SharePool(SerialWorker& device) : device_(device) {}
+
     // Reads the YAML files of the directory in the order of their names and creates each group that
     // they configure. A file that is not root's alone to write, or that cannot be parsed, is left
     // out, and so is a group that is not well-formed; each with a log line. Before the first
@@ -45,6 +50,9 @@ public:
     // Has the device worker add a process to the groups of its plan, as far as it is not in them or
     // being added to them. A failure is logged. Any lock may be held.
     void Join(const std::string& appName, int32_t pid, const SharePoolPlan& plan);
+
+    // Waits until the device worker has done every job that it has been given, or for `end`.
+    void WaitForJoins(SteadyTime end);
 
     // The configured groups that the process has joined.
     std::vector<std::string> GetGroupsOf(int32_t pid);
@@ -65,6 +73,7 @@ private:
     void Leave(int32_t pid, const std::string& group);
     void LoadGroup(const KvsTypeYaml& node, const std::string& path);
 
+    SerialWorker& device_;
     std::map<std::string, Group> groups_;  // constant once it is loaded
     Mutex mutex_;
     // By pid and group: whether the device has added the process; guarded by mutex_.

@@ -15,7 +15,6 @@
 #include "main/common/log.h"
 #include "main/common/muxa_retry.h"
 #include "main/common/proc_files.h"
-#include "resource/device_worker.h"
 #include "wire/peer_process.h"
 
 namespace ProcMgr {
@@ -168,8 +167,7 @@ std::vector<std::string> UploadRegistry::JoinGroups(const UploadRequest& wanted)
                                                    group.name) == wanted.groups.end();
     });
     sharePool_.Join(wanted.name, wanted.pid, plan);
-    MayWait("the device");
-    DeviceWorker().Drain(std::chrono::steady_clock::now() + JOIN_PATIENCE);
+    sharePool_.WaitForJoins(std::chrono::steady_clock::now() + JOIN_PATIENCE);
     std::vector<std::string> joined = sharePool_.GetGroupsOf(wanted.pid);
     if (joined.size() > Message::UPLOAD_GROUPS_MAX) {
         ProcMgrLog(LOG_WARNING, "PROCMGR : pmupload app=%s, pid=%d has more groups than it is told",

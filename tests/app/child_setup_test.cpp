@@ -10,9 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "app/process_launcher.h"
 #include "main/common/daemon_signals.h"
-#include "resource/cgroup_mgr.h"
+#include "resource/bind_count.h"
+#include "resource/cpu_num.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/fake_access_manager.h"
 #include "tests/fakes/fake_sys.h"
@@ -78,7 +81,7 @@ protected:
 
     // Runs the child's part; returns EXECUTED or the status that it exits with.
     static int Run(const LaunchPlan& plan) {
-        ChildContext child(plan);
+        ChildContext child(plan, BindCount::GetInstance());
         try {
             RunChild(child);
         } catch (const Fakes::ChildExecuted&) {
@@ -101,7 +104,8 @@ protected:
         }));
     }
 
-    ProcessLauncher launcher_;
+    ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                              BindCount::GetInstance()};
 };
 
 TEST_F(ChildSetupTest, StepsRunInTheirOrder) {

@@ -9,6 +9,8 @@
 #include <string>
 #include <thread>
 
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "app/process_launcher.h"
 #include "main/common/daemon_signals.h"
 #include "main/common/log.h"
@@ -72,7 +74,8 @@ protected:
         return length < 0 ? std::string() : std::string(buffer, static_cast<size_t>(length));
     }
 
-    ProcessLauncher launcher_;
+    ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                              BindCount::GetInstance()};
     pid_t pid_ = -1;
 };
 

@@ -160,7 +160,8 @@ TEST_F(ReaperTest, NoExitIsLost) {
     constexpr int THREADS = 2;
     constexpr int LAUNCHES = 200;  // of each thread
     LogCapture::Clear();
-    App::ProcessLauncher launcher;
+    App::ProcessLauncher launcher{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                                  BindCount::GetInstance()};
     ReportedState reportedState;
     CheckRequests checks;
     OwnerPipes pipes([](int32_t, const MuxaRequest*, const std::string&) {});

@@ -3,7 +3,8 @@
 #include <chrono>
 #include <optional>
 
-#include "app/app_info.h"
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "app/process_launcher.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/log_capture.h"
@@ -107,7 +108,8 @@ protected:
         return app;
     }
 
-    ProcessLauncher launcher_;
+    ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                              BindCount::GetInstance()};
 };
 
 TEST_F(StateMachineTest, Rows) {

@@ -158,7 +158,8 @@ protected:
 
     std::string directory_;
     std::atomic<bool> isStopping_{false};
-    App::ProcessLauncher launcher_;
+    App::ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                                   BindCount::GetInstance()};
     ReportedState reportedState_;
     CheckRequests checks_;
     OwnerPipes pipes_{[](int32_t, const MuxaRequest*, const std::string&) {}};

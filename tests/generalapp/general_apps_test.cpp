@@ -175,7 +175,8 @@ protected:
     }
 
     std::string directory_;
-    App::ProcessLauncher launcher_;
+    App::ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                                   BindCount::GetInstance()};
     CheckRequests checks_;
     RecordedReports reports_;
     StartupConfig config_;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "resource/cpu_num.h"
 #include "tests/fakes/log_capture.h"
 #include "tests/support/isolated.h"
 

@@ -17,6 +17,7 @@
 #include "resource/affinity_check.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
+#include "resource/cpu_num.h"
 #include "resource/cpuset_file.h"
 #include "tests/fakes/log_capture.h"
 #include "tests/support/isolated.h"
@@ -119,6 +120,7 @@ protected:
         return mgr_.StoreAndSetCoreAffinity(pid, tid, cores, error);
     }
 
+    CgroupMgr cgroups_;
     CoreAffinityMgr mgr_;
     Cores usable_;  // where this process may run
 };
@@ -348,12 +350,12 @@ std::map<int32_t, int> Written(const std::string& group) {
 TEST_F(CoreAffinityTest, NewThreadsArePlacedByTheCheck) {
     ProcMgrEnv::GetInstance().StorePid();
     LayCpuset("CtrlCPU", to_string(usable_[0]));
-    CoreAffinityMgr::GetInstance().LoadCoreLists();
+    mgr_.LoadCoreLists();
     for (const std::string group : {"cpuset/CtrlCPU", "cpu/OTHER", "cpuset/set", "cpu/group"}) {
         WriteFile(ROOT + group + "/tasks", "");
     }
     FakeManagedApps apps;
-    AffinityCheck check(apps);
+    AffinityCheck check(cgroups_, mgr_, apps);
     const Sleeper early;
     check.Run();
     EXPECT_TRUE(Written("cpu/OTHER").empty());
@@ -418,13 +420,13 @@ TEST_F(CoreAffinityTest, TheCheckMovesBackWhoWasMovedAndWritesNobodyWhoIsInPlace
     ProcMgrEnv::GetInstance().StorePid();
     LayCpuset("CtrlCPU", to_string(usable_[0]));
     LayCpuset("AICPU", to_string(usable_[1]));
-    CoreAffinityMgr::GetInstance().LoadCoreLists();
+    mgr_.LoadCoreLists();
     for (const std::string group : {"cpuset/CtrlCPU", "cpuset/AICPU", "cpu/OTHER"}) {
         WriteFile(ROOT + group + "/tasks", "");
     }
     FakeManagedApps apps;
     apps.apps_ = {{"ai", getpid(), {}, {usable_[1]}, "", "", "", false}};
-    AffinityCheck check(apps);
+    AffinityCheck check(cgroups_, mgr_, apps);
     check.Start();
     std::optional<Sleeper> replaced(std::in_place);
     for (int pass = 0; pass < 3; ++pass) {

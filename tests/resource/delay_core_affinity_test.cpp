@@ -13,6 +13,7 @@
 #include <set>
 
 #include "main/common/proc_mgr_env.h"
+#include "resource/bind_count.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/wake_up_watch.h"
 #include "tests/fakes/log_capture.h"
@@ -155,7 +156,10 @@ protected:
     uint32_t Reset() { return delay_.SetDelayCoreAffinity({.state = DELAY_RESET}); }
 
     FakeApps apps_;
-    DelayCoreAffinity delay_{apps_};
+    CgroupMgr cgroups_;
+    CoreAffinityMgr affinity_;
+    BindCount& bindCount_ = BindCount::GetInstance();
+    DelayCoreAffinity delay_{cgroups_, affinity_, bindCount_, apps_};
 };
 
 // With the control groups of a device that has ordinary software on both cores.
@@ -175,7 +179,7 @@ protected:
             std::filesystem::create_directories(CPUSETS + group);
             std::ofstream(CPUSETS + group + "/cpuset.cpus") << list;
         }
-        CoreAffinityMgr::GetInstance().LoadCoreLists();
+        affinity_.LoadCoreLists();
         ProcMgrEnv::GetInstance().StorePid();
         DelayCoreAffinityTest::SetUp();
     }
@@ -225,7 +229,7 @@ TEST_F(DelayCoreAffinityTest, WhatCannotBeUsedIsReplaced) {
     };
     for (const auto& [interval, checkNum, usedInterval, usedCheckNum] : cases) {
         LogCapture::Clear();
-        DelayCoreAffinity delay(apps_);
+        DelayCoreAffinity delay(cgroups_, affinity_, bindCount_, apps_);
         EXPECT_EQ(delay.SetDelayCoreAffinity({DELAY_BIND, checkNum, 1, 0, interval}), 0U);
         EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Wakeup(usedInterval, usedCheckNum, 1)));
         if (checkNum == 0) {
@@ -297,7 +301,7 @@ TEST_F(PinningTest, AWakeUpMayUndoTheBindAndAllowANewOne) {
     apps_.Add("delayed", delayed.Pid(), {0});
     apps_.Add("plain", plain.Pid(), {0}, false);
     std::string error;
-    CoreAffinityMgr::GetInstance().StoreAndSetCoreAffinity(plain.Pid(), plain.Pid(), {0}, error);
+    affinity_.StoreAndSetCoreAffinity(plain.Pid(), plain.Pid(), {0}, error);
     EXPECT_EQ(Bind(1, 100, 1), 0U);
     EXPECT_EQ(CoresOf(delayed.Pid()), Cores{0});
     ASSERT_TRUE(LogCapture::WaitFor(LOG_INFO, Finish(1, 100, 1, 1)));

@@ -96,7 +96,7 @@ TEST_F(SharePoolTest, WhatIsNotWellFormedIsLeftOut) {
     for (const auto& [groups, created, errors] : cases) {
         Clear();
         Write("a.yaml", "groups:\n" + Group("first") + groups + Group("last"));
-        SharePool().Load(DIRECTORY);
+        SharePool(DeviceWorker()).Load(DIRECTORY);
         Texts expected = created;
         expected.insert(expected.end(), {"halGrpCreate first 4096", "halGrpCreate last 4096"});
         EXPECT_THAT(TakeCalls(), testing::UnorderedElementsAreArray(expected)) << groups;
@@ -120,7 +120,7 @@ TEST_F(SharePoolTest, FilesThatAreBrokenOrOthersToWriteAreLeftOut) {
         Clear();
         Write("a.yaml", contents, mode, owner);
         Write("b.yaml", "groups:\n" + Group("good"));
-        SharePool().Load(DIRECTORY);
+        SharePool(DeviceWorker()).Load(DIRECTORY);
         EXPECT_EQ(TakeCalls(), Texts{"halGrpCreate good 4096"}) << contents << mode << owner;
         EXPECT_EQ(Errors(), 1) << contents << mode << owner;
     }
@@ -131,8 +131,8 @@ TEST_F(SharePoolTest, FilesThatAreBrokenOrOthersToWriteAreLeftOut) {
     fs::create_symlink("nowhere", DIRECTORY + "b.yaml");
     fs::create_directory(DIRECTORY + "c.yaml");
     Write("d.yaml", "groups: 5\n");
-    SharePool().Load(DIRECTORY);
-    SharePool().Load("/nowhere");
+    SharePool(DeviceWorker()).Load(DIRECTORY);
+    SharePool(DeviceWorker()).Load("/nowhere");
     EXPECT_EQ(TakeCalls(), Texts{});
 }
 
@@ -140,7 +140,7 @@ TEST_F(SharePoolTest, AGroupThatIsThereIsNotMadeAgain) {
     Write("b.yaml", "groups:\n" + Group("twice", "2", "[{app: late, access: read}]"));
     Write("a.yaml", "groups:\n" + Group("twice", "1") + Group("once", "3"));
     FakeDevice::Get().Push("halGrpCreate", 5);
-    SharePool pool;
+    SharePool pool(DeviceWorker());
     pool.Load(DIRECTORY);
     EXPECT_THAT(TakeCalls(), UnorderedElementsAre("halGrpCreate twice 1", "halGrpCreate once 3"));
     EXPECT_EQ(Errors(), 2);
@@ -150,7 +150,7 @@ TEST_F(SharePoolTest, AGroupThatIsThereIsNotMadeAgain) {
 TEST_F(SharePoolTest, PlanMergesManifestAndConfiguration) {
     Write("a.yaml", "groups:\n" + Group("a", "1", "[{app: cam, access: read-write}]") +
                         Group("b", "1", "[{app: view, access: read}, {app: cam, access: read}]"));
-    SharePool pool;
+    SharePool pool(DeviceWorker());
     pool.Load(DIRECTORY);
     struct Case {
         std::string app;
@@ -184,7 +184,7 @@ TEST_F(SharePoolTest, PlanMergesManifestAndConfiguration) {
 }
 
 TEST_F(SharePoolTest, AFailureToJoinIsLoggedAndTriedAgain) {
-    SharePool pool;
+    SharePool pool(DeviceWorker());
     const SharePoolPlan plan =
         pool.MakePlan("cam", {{"a", "read"}, {"b", "read-write"}, {"c", "read"}});
     FakeDevice::Get().Push("halGrpAddProc", 0);
@@ -210,7 +210,7 @@ TEST_F(SharePoolTest, AFailureToJoinIsLoggedAndTriedAgain) {
 // The launcher and the process itself, by its registration, may ask at the same time.
 TEST_F(SharePoolTest, NobodyIsAddedTwiceByJoinsAtOnce) {
     constexpr size_t GROUPS = 1000;
-    SharePool pool;
+    SharePool pool(DeviceWorker());
     std::atomic<size_t> arrived{0};
     const auto join = [&] {
         for (size_t group = 0; group < GROUPS; ++group) {

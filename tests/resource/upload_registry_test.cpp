@@ -118,7 +118,7 @@ protected:
         FakeMuxa::Get().Reset();
         FakeDevice::Get().Reset();
         LogCapture::Clear();
-        pool_.emplace();
+        pool_.emplace(DeviceWorker());
         pool_->Load("/etc/sharepool");
         registry_.emplace(*pool_, apps_);
         ASSERT_TRUE(registry_->RegXCallBack());
