@@ -19,14 +19,9 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <deque>
-#include <map>
-#include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "app/app_spec.h"
 #include "app/state_change.h"
@@ -35,9 +30,6 @@
 #include "platform/manifest.h"
 
 namespace ProcMgr::App {
-
-class ProcessLauncher;
-struct LaunchPlan;
 
 class AppInfo : public AppSpec {
 public:
@@ -130,86 +122,6 @@ protected:
 private:
     ProcessState state_ = INITSTATE;
     StateChange lastChange_{};
-};
-
-// An application started on request. Owned through shared pointers.
-class GeneralAppInfo : public AppInfo {
-public:
-    GeneralAppInfo(const std::string& appName, const ApplicationManifest& manifest,
-                   const std::string& owner);
-
-    // Takes note of what the configuration says now: it counts from the next start, its time-out
-    // from the next request to end.
-    void Refresh(const ApplicationManifest& manifest);
-
-    // What a start by the configuration's present entry would be, with what a request supplies.
-    // Nothing, with a log line, when a value is refused. Changes nothing.
-    std::optional<AppSpec> MakeStart(
-        const std::vector<std::string>& argv,
-        const std::map<int, std::vector<std::string>>& dynamicPara) const;
-
-    // A terminate or restart begins at `now`.
-    void BeginTermination(SteadyTime now);
-
-    // What the process that follows a restart is started by.
-    void SetNext(AppSpec spec) { next_ = std::move(spec); }
-    void TakeNext();
-
-    // Forks and executes; see ProcessLauncher::Fork. The caller sets the state.
-    bool StartProcess(ProcessLauncher& launcher, LaunchPlan& plan);
-
-    // Returns the state that follows, and does what is due at `now`: the kill after a time-out.
-    ProcessState CheckState(SteadyTime now);
-
-    // Whether the old process of a restart is gone and the new one has not been started.
-    bool IsRestartDue() const {
-        return GetState() == RESTARTING && !restartStarted_ && exitStatusSet_;
-    }
-    // The outcome of the start that was due. Returns the state that follows.
-    ProcessState FinishRestart(bool isStarted);
-
-    // The begin of a terminate or restart.
-    void SetTermStartTime(SteadyTime now) { termStartTime_ = now; }
-    SteadyTime GetTermStartTime() const { return termStartTime_; }
-
-    SteadyTime termStartTime_{};
-    bool savedForceTerm_ = false;
-    bool killSent_ = false;
-    bool restartStarted_ = false;
-    std::string asker_;     // of a priority application's start: who else is told of it
-    uint64_t changes_ = 0;  // of state that supervision has told of
-
-private:
-    int64_t MillisecondsSinceTerm(SteadyTime now) const;
-    void Kill();
-    ProcessState CheckTerminating(SteadyTime now);
-    ProcessState CheckRestartWait(SteadyTime now);
-    ProcessState CheckRestartDone();
-
-    std::shared_ptr<const AppSpec> entry_;  // what the configuration says now, as it stands there
-    std::optional<AppSpec> next_;           // of a restart that has begun
-};
-
-// A service started at boot. Held by value.
-class BaseAppInfo : public AppInfo {
-public:
-    explicit BaseAppInfo(const ApplicationManifest& manifest);
-
-    // Forks and executes; see ProcessLauncher::Fork. STARTING afterwards.
-    bool StartProcess(ProcessLauncher& launcher, LaunchPlan& plan);
-
-    // Returns the state that follows.
-    ProcessState CheckState();
-
-    // Whether its policy restarts it at all.
-    bool IsRestartable() const;
-
-    // Whether the policy allows a restart at `now`. Each restart that it allows under "on-failure"
-    // counts; the sixth within a minute turns the policy into "no".
-    bool NeedRestart(SteadyTime now);
-
-    std::deque<SteadyTime> restartTimes_;  // of the last five restarts at most, oldest first
-    bool isReady_ = false;                 // its present process has said that it is ready
 };
 
 }  // namespace ProcMgr::App

@@ -1,6 +1,7 @@
-#include <sys/types.h>
+#include "app/base_app_info.h"
 
-#include "app/app_info.h"
+#include <chrono>
+
 #include "app/app_spec.h"
 #include "app/exit_status.h"
 #include "app/process_launcher.h"

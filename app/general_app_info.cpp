@@ -1,6 +1,10 @@
-#include "app/app_info.h"
+#include "app/general_app_info.h"
+
+#include <chrono>
+
 #include "app/exit_status.h"
 #include "app/process_launcher.h"
+#include "app/scheduler_workers.h"
 #include "app/signals.h"
 #include "main/common/log.h"
 

@@ -1,6 +1,8 @@
 #include "app/launch_plan.h"
 
 #include "app/app_spec.h"
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "main/common/proc_mgr_env.h"
 #include "resource/cgroup_mgr.h"
 

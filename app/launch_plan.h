@@ -10,13 +10,15 @@
 #include <utility>
 #include <vector>
 
-#include "app/app_info.h"
 #include "app/user_groups.h"
 #include "platform/access_manager.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/share_pool.h"
 
 namespace ProcMgr::App {
+
+class BaseAppInfo;
+class GeneralAppInfo;
 
 enum class AppKind { GENERAL, BASE };
 

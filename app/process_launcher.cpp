@@ -6,7 +6,9 @@
 #include <exception>
 #include <new>
 
+#include "app/base_app_info.h"
 #include "app/child_setup.h"
+#include "app/general_app_info.h"
 #include "app/launch_checks.h"
 #include "app/sys.h"
 #include "main/common/boot_trace.h"

@@ -6,14 +6,20 @@
 
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "app/app_info.h"
 #include "app/integrity.h"
 #include "app/launch_plan.h"
 #include "app/user_groups.h"
+#include "main/common/clock.h"
 #include "main/common/worker_pool.h"
 
 namespace ProcMgr::App {
+
+class AppInfo;
+class BaseAppInfo;
+class GeneralAppInfo;
 
 class ProcessLauncher {
 public:

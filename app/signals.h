@@ -10,8 +10,4 @@ namespace ProcMgr::App {
 // True when the signal was sent.
 bool SendSignal(int signal, const std::string& appName, int32_t pid);
 
-// Kills the workers of the task-scheduler daemon, which would outlive it: call it before the daemon
-// itself is killed. Does nothing for any other application.
-void TermRqdSubProc(const std::string& appName, int32_t rqdPid);
-
 }  // namespace ProcMgr::App

@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "app/app_info.h"
+#include "app/base_app_info.h"
 #include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <csignal>
 
+#include "app/scheduler_workers.h"
 #include "app/signals.h"
 #include "baseservice/base_services.h"
 #include "main/common/log.h"

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "app/app_spec.h"
+#include "app/scheduler_workers.h"
 #include "app/sensor_node_event_reporter.h"
 #include "app/signals.h"
 #include "main/common/log.h"

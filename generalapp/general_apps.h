@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "app/app_info.h"
+#include "app/general_app_info.h"
 #include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"

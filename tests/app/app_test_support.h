@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "app/app_info.h"
 #include "app/process_launcher.h"
 #include "platform/host/manifest_data.h"
 #include "platform/manifest.h"

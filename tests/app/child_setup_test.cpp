@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "app/process_launcher.h"
 #include "main/common/daemon_signals.h"
 #include "resource/cgroup_mgr.h"

@@ -9,6 +9,8 @@
 #include <string>
 #include <thread>
 
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "app/process_launcher.h"
 #include "main/common/daemon_signals.h"
 #include "main/common/log.h"

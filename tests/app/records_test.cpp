@@ -2,7 +2,8 @@
 
 #include <tuple>
 
-#include "app/app_info.h"
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/log_capture.h"
 

@@ -10,7 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "app/app_info.h"
+#include "app/base_app_info.h"
+#include "app/scheduler_workers.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/log_capture.h"
 #include "tests/support/isolated.h"

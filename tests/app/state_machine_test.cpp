@@ -3,7 +3,8 @@
 #include <chrono>
 #include <optional>
 
-#include "app/app_info.h"
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "app/process_launcher.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/log_capture.h"

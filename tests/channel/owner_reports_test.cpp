@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "app/base_app_info.h"
 #include "channel/owner_pipes.h"
 #include "platform/host/manifest_data.h"
 #include "tests/fakes/fake_muxa.h"

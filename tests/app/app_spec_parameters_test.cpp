@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "app/app_info.h"
+#include "app/general_app_info.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/log_capture.h"
 
