@@ -98,10 +98,10 @@ ProcessManager::ProcessManager(const std::string& path)
               .onBusy = [this] { sender_.Wake(); }}),
       sender_(pipes_, [this](const std::string& owner) { return GetPicture(owner); }),
       reports_(pipes_, sender_),
-      baseServices_(launcher_, reportedState_, checks_, pipes_, reports_),
-      generalApps_(launcher_, checks_, reports_, startupConfig_,
-                   {.isZornReady = [this] { return baseServices_.IsReady(PROC_ZORNMGR); },
-                    .getOwners = [this] { return baseServices_.GetOwners(); }}),
+      baseServices_(launcher_, reportedState_, checks_, pipes_, reports_,
+                    App::SensorNodeEventReporter::GetInstance()),
+      generalApps_(launcher_, checks_, reports_, App::SensorNodeEventReporter::GetInstance(),
+                   startupConfig_, baseServices_),
       managedRecords_(
           {[this](const App::RecordVisitor& visitor) { return baseServices_.Visit(visitor); },
            [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }},
@@ -109,8 +109,7 @@ ProcessManager::ProcessManager(const std::string& path)
       affinityCheck_(managedRecords_),
       delayCoreAffinity_(managedRecords_),
       uploadRegistry_(sharePool_, managedRecords_),
-      baseStartup_(baseServices_, reportedState_, bootCommandLine_,
-                   [this] { return isStopping_.load(); }),
+      baseStartup_(baseServices_, reportedState_, bootCommandLine_),
       reaper_(
           {[this](int32_t pid, int32_t status) { return baseServices_.SetExitStatus(pid, status); },
            [this](int32_t pid, int32_t status) { return generalApps_.SetExitStatus(pid, status); },
@@ -467,12 +466,13 @@ void ProcessManager::HandleSignals() {
 }
 
 void ProcessManager::BeginStop() {
+    // First: base start-up must not start a service after the applications are being ended.
+    reportedState_.Stop();
     {
         const LockGuard lock(mutex_);
         isStopping_ = true;
     }
     condition_.NotifyAll();
-    reportedState_.Notify();
     launcher_.CancelSlow();
 }
 

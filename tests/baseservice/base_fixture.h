@@ -157,17 +157,16 @@ protected:
     }
 
     std::string directory_;
-    std::atomic<bool> isStopping_{false};
     App::ProcessLauncher launcher_;
     ReportedState reportedState_;
     CheckRequests checks_;
     OwnerPipes pipes_{[](int32_t, const MuxaRequest*, const std::string&) {}};
     ReportSender sender_{pipes_, {}};
     OwnerReports reports_{pipes_, sender_};
-    BaseServices services_{launcher_, reportedState_, checks_, pipes_, reports_};
+    BaseServices services_{launcher_, reportedState_, checks_,
+                           pipes_,    reports_,       App::SensorNodeEventReporter::GetInstance()};
     BootCommandLine commandLine_;
-    BaseStartup startup_{services_, reportedState_, commandLine_,
-                         [this] { return isStopping_.load(); }};
+    BaseStartup startup_{services_, reportedState_, commandLine_};
     Reaper collector_{{[this](int32_t pid, int32_t status) {
                           reaped_.insert(pid);
                           return services_.SetExitStatus(pid, status);

@@ -14,8 +14,7 @@ using Fakes::LogCapture;
 class BaseStartupTest : public BaseFixture {
 protected:
     void TearDown() override {
-        isStopping_ = true;
-        reportedState_.Notify();
+        reportedState_.Stop();
         if (startupEnd_.valid()) {
             startupEnd_.wait();
         }
@@ -108,8 +107,7 @@ TEST_F(BaseStartupTest, AServiceThatIsNoLongerListedIsNotWaitedFor) {
 TEST_F(BaseStartupTest, AStopEndsTheWait) {
     InitInBackground(Entry("a", "reporting: true") + Entry("b"));
     ASSERT_TRUE(WaitForTheWait("a"));
-    isStopping_ = true;
-    reportedState_.Notify();
+    reportedState_.Stop();
     ASSERT_TRUE(HasEnded());
     EXPECT_EQ(StartedNames(), std::vector<std::string>{"a"});
     EXPECT_FALSE(HasLine(LOG_DEBUG, "PROCMGR : EnableWatchDog flag=1"));

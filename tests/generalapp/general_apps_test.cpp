@@ -92,6 +92,12 @@ private:
     mutable pid_t lastPid_ = 0;
 };
 
+struct FakeOwners final : OwnerServices {
+    std::atomic<bool> isReady{true};
+    bool IsReady(const std::string& name) override { return name == PROC_ZORNMGR && isReady; }
+    std::vector<std::string> GetOwners() override { return {PROC_ZORNMGR, PROC_VINTOR, "other"}; }
+};
+
 std::vector<std::string> DeviceCalls() {
     DeviceWorker().Drain(SteadyTime::max());
     return FakeDevice::Get().Calls();
@@ -179,16 +185,9 @@ protected:
     CheckRequests checks_;
     RecordedReports reports_;
     StartupConfig config_;
-    std::atomic<bool> isZornReady_{true};
-    GeneralApps apps_{launcher_,
-                      checks_,
-                      reports_,
-                      config_,
-                      {.isZornReady = [this] { return isZornReady_.load(); },
-                       .getOwners =
-                           [] {
-                               return std::vector<std::string>{"zornmgr", "vintor", "other"};
-                           }}};
+    FakeOwners owners_;
+    GeneralApps apps_{launcher_, checks_, reports_, App::SensorNodeEventReporter::GetInstance(),
+                      config_,   owners_};
     Reaper collector_{
         {[this](int32_t pid, int32_t status) { return apps_.SetExitStatus(pid, status); }}, [] {}};
     std::atomic<bool> isRunning_{true};
@@ -342,7 +341,7 @@ TEST_F(GeneralAppsTest, ARequesterThatIsNotTheOwnerIsAnsweredInAnyCase) {
 }
 
 TEST_F(GeneralAppsTest, ChangesOfPriorityApplicationsAreHeldBackInOrder) {
-    isZornReady_ = false;
+    owners_.isReady = false;
     Load("  - {name: first, bin: /bin/sleep, args: ['60'], startup_priority: 1}\n");
     for (int start = 0; start < 40; ++start) {
         apps_.StartApp({{"first", {}, {}}}, "vintor");
@@ -358,7 +357,7 @@ TEST_F(GeneralAppsTest, ChangesOfPriorityApplicationsAreHeldBackInOrder) {
     EXPECT_TRUE(LogCapture::Contains(
         LOG_WARNING,
         "PROCMGR : more than 64 changes of app=first wait for zornmgr, the oldest is dropped"));
-    isZornReady_ = true;
+    owners_.isReady = true;
     Check();
     std::vector<std::string> wanted;
     for (int change = 0; change < 64; ++change) {
