@@ -102,7 +102,7 @@ bool BaseServices::NeedsCheck(const Record& record, CheckPass pass, SteadyTime n
     if (record.GetState() == TERMINATED) {
         return record.IsRestartable() && !isStopping_;
     }
-    // The state of these changes only by the service's report or by its exit.
+    // Until its exit, the state of such a record changes only by a report of the service.
     const bool isWaiting =
         record.GetState() == TERMINATING || (record.GetState() == STARTING && record.isReporting_);
     if (isWaiting && record.IsAlive()) {

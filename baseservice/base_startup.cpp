@@ -127,10 +127,8 @@ bool BaseStartup::InitOneBaseApplication(App::BaseAppInfo& record) {
         ProcMgrLog(LOG_WARNING, "PROCMGR=%s is already running", name.c_str());
         return true;
     }
-    if (!CheckDepends(record.dependList_, name) || !services_.Start(record)) {
-        return false;
-    }
-    if (!services_.Announce(record)) {
+    if (!CheckDepends(record.dependList_, name) || !services_.Start(record) ||
+        !services_.Announce(record)) {
         return false;
     }
     if (record.isReporting_) {

@@ -16,7 +16,7 @@ using App::GeneralAppInfo;
 
 namespace {
 
-// Answers of a query.
+// The status of an application in the answer to a query.
 constexpr uint32_t STATUS_ALIVE = 0;
 constexpr uint32_t STATUS_GONE = 1;
 constexpr uint32_t STATUS_STOPPED = 2;
@@ -59,7 +59,7 @@ uint32_t Probe(const GeneralAppInfo& app) {
     if (!app.IsAlive()) {
         return STATUS_GONE;
     }
-    // WNOWAIT: the stop stays visible for the next query, and an exit for the reaper.
+    // WNOWAIT leaves a stop visible to the next query and an exit to the reaper.
     siginfo_t change{};
     if (waitid(P_PID, static_cast<id_t>(app.pid_), &change,
                WEXITED | WSTOPPED | WCONTINUED | WNOHANG | WNOWAIT) != 0) {
@@ -109,7 +109,7 @@ std::optional<GeneralApps::Launch> GeneralApps::BeginStart(const Record& record,
                    name.c_str());
         return std::nullopt;
     }
-    // The configuration may have changed since the start of a process that is alive.
+    // The record describes a process that is alive, the configuration only the next one.
     if (record->IsAlive() ? record->IsPriority() : spec->IsPriority()) {
         return HandlePriorityApps(record, std::move(*spec), answers);
     }

@@ -1,4 +1,4 @@
-// The stop of the general applications.
+// The stop of the general applications: the SIGTERMs, the wait for exits and the last kills.
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -36,7 +36,7 @@ void GeneralApps::StopAll() {
         app->TermProcess();
         app->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
         app->BeginTermination(now);
-        // CheckThread kills it after its time-out even if its manifest forbids that otherwise.
+        // CheckThread kills the process after its time-out even if its manifest forbids kills.
         app->forceTerm_ = true;
         end = std::max(end, now + std::chrono::milliseconds(app->termTimeout_));
     }

@@ -1,5 +1,5 @@
 // The base-service objects wired as in the daemon, with real processes, fake platform libraries,
-// and optional threads in place of the daemon's reaper and CheckThread.
+// and an optional thread in place of the daemon's reaper. Tests call the passes of CheckThread.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -56,7 +56,6 @@ protected:
         setenv("PROC_NAME", "PROCMGR", 1);
     }
     void TearDown() override {
-        checker_ = {};
         reaper_ = {};
         services_.Visit([](App::AppInfo& app) {
             if (app.IsAlive()) {
@@ -69,10 +68,12 @@ protected:
     }
 
     void StartReaper() {
-        Repeat(reaper_, [this] { collector_.CollectExits(); });
-    }
-    void StartChecker() {
-        Repeat(checker_, [this] { Check(); });
+        reaper_ = std::jthread([this](const std::stop_token& stop) {
+            while (!stop.stop_requested()) {
+                collector_.CollectExits();
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
     }
     // One cycle of CheckThread.
     void Check(CheckPass pass = CheckPass::PERIODIC) {
@@ -168,21 +169,10 @@ protected:
     BaseStartup startup_{services_, reportedState_, commandLine_};
 
 private:
-    template <typename Body>
-    static void Repeat(std::jthread& thread, Body body) {
-        thread = std::jthread([body](const std::stop_token& stop) {
-            while (!stop.stop_requested()) {
-                body();
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        });
-    }
-
     Reaper collector_{
         {[this](int32_t pid, int32_t status) { return services_.SetExitStatus(pid, status); }},
         [] {}};
     std::jthread reaper_;
-    std::jthread checker_;
 };
 
 }  // namespace ProcMgr

@@ -192,13 +192,17 @@ TEST_F(SupervisionTest, AnExtraPassHandlesOnlyServicesThatLivedForAPeriod) {
 }
 
 TEST_F(SupervisionTest, NothingIsRestartedAfterTheStopHasBegun) {
-    StartChecker();
     Start(Service("svc", STAYS, "on-forever"));
-    ASSERT_TRUE(WaitUntil([&] { return services_.GetState("svc") == RUNNING; }));
+    Start(Service("died", STAYS, "on-forever"));
+    Check();
+    KillAndWait("died");
     services_.StopAll();
-    ASSERT_TRUE(WaitUntil([&] { return Reported("svc") == std::vector<std::string>{"0", "3"}; }));
-    EXPECT_EQ(StartedNames().size(), 1U);
-    EXPECT_THAT(Events(), IsEmpty());
+    Check();
+    Check();
+    EXPECT_THAT(Reported("svc"), ElementsAre("0", "3"));
+    EXPECT_THAT(Reported("died"), ElementsAre("0", "4"));
+    EXPECT_EQ(StartedNames().size(), 2U);
+    EXPECT_THAT(Events(), ElementsAre("0 0xd0")) << "the fault of the service that had died";
 }
 
 TEST_F(SupervisionTest, AFailedStartIsAFault) {
