@@ -28,6 +28,9 @@ public:
     // from the next request to end.
     void Refresh(const ApplicationManifest& manifest);
 
+    // The configuration's present entry.
+    const AppSpec& GetEntry() const { return *entry_; }
+
     // What a start by the configuration's present entry would be, with what a request supplies.
     // Nothing, with a log line, when a value is refused. Changes nothing.
     std::optional<AppSpec> MakeStart(

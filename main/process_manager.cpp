@@ -95,10 +95,10 @@ ProcessManager::ProcessManager(const std::string& path)
                     const std::string& owner) { dispatch_.RequestMsgHandler(fd, request, owner); },
              &sender_),
       reports_(pipes_, sender_),
-      baseServices_(launcher_, reportedState_, checks_, pipes_, reports_),
-      generalApps_(launcher_, checks_, reports_, startupConfig_,
-                   {.isZornReady = [this] { return baseServices_.IsReady(PROC_ZORNMGR); },
-                    .getOwners = [this] { return baseServices_.GetOwners(); }}),
+      baseServices_(launcher_, reportedState_, checks_, pipes_, reports_,
+                    faults_),
+      generalApps_(launcher_, checks_, reports_, faults_,
+                   startupConfig_, baseServices_),
       managedRecords_(
           {[this](const App::RecordVisitor& visitor) { return baseServices_.Visit(visitor); },
            [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }},
@@ -115,8 +115,7 @@ ProcessManager::ProcessManager(const std::string& path)
       checkLoop_(checks_, {baseServices_, generalApps_},
                  {{UPLOAD_TIMER, uploadCheck_}, {PLACEMENT_TIMER, placementCheck_}}),
       quickStartWait_(isStopping_),
-      baseStartup_(baseServices_, reportedState_, bootCommandLine_,
-                   [this] { return isStopping_.load(); }),
+      baseStartup_(baseServices_, reportedState_, bootCommandLine_),
       reaper_(
           {[this](int32_t pid, int32_t status) { return baseServices_.SetExitStatus(pid, status); },
            [this](int32_t pid, int32_t status) { return generalApps_.SetExitStatus(pid, status); },
@@ -231,12 +230,13 @@ void ProcessManager::HandleSignals() {
 }
 
 void ProcessManager::BeginStop() {
+    // First: base start-up must not start a service after the applications are being ended.
+    reportedState_.Stop();
     {
         const LockGuard lock(mutex_);
         isStopping_ = true;
     }
     stopRequested_.NotifyAll();
-    reportedState_.Notify();
     launcher_.CancelSlow();
 }
 

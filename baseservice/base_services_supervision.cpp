@@ -1,39 +1,19 @@
-// What CheckThread and the heartbeat library do with the base services.
+// The supervision of the base services by CheckThread: state checks, the handling of services that
+// have died, restarts, the end of launches, and the removal of records.
 #include <algorithm>
 #include <chrono>
 #include <new>
 #include <utility>
 
-#include "app/sensor_node_event_reporter.h"
 #include "baseservice/base_services.h"
 #include "main/common/log.h"
-#include "platform/heartbeat.h"
 
 namespace ProcMgr {
 namespace {
 
-constexpr uint32_t HEARTBEAT_BACK = 0;
-constexpr uint32_t HEARTBEAT_LOST = 1;
-
-// What the access manager is told about an exit.
+// The result field of a report to the access manager.
 constexpr uint32_t RESULT_NONE = 0;
 constexpr uint32_t RESULT_INPUT_OUTPUT_ERROR = 1;
-
-void Raise(const App::AppInfo& app, int32_t event) {
-    App::SensorNodeEventReporter::GetInstance().Raise(App::BASE_SERVICE_NODE, app.appName_, event,
-                                                      app.nodeType_);
-}
-
-void Withdraw(const std::string& name, int32_t event) {
-    App::SensorNodeEventReporter::GetInstance().Withdraw(App::BASE_SERVICE_NODE, name, event);
-}
-
-// The end of the watch is the end of its fault, too.
-void EndHeartBeat(const std::string& name) {
-    MayWait("the heartbeat library");
-    UnregisterCheckHeartBeat(name.c_str(), name.size());
-    Withdraw(name, App::EVENT_HEARTBEAT_LOST);
-}
 
 constexpr const char* DIED =
     "PROCMGR: CheckThread : owner=%s, pid=%d, state=%s unexpectedly terminated.";
@@ -53,7 +33,7 @@ void LogSupervised(int level, const char* format, const App::AppInfo& app) {
 
 }  // namespace
 
-// Gives a record to supervision again when its launch does not come about, whatever the reason.
+// Ends the launch of a record at the end of its scope, however the scope is left.
 class BaseServices::LaunchGuard {
 public:
     LaunchGuard(BaseServices& services, const std::string& name)
@@ -66,8 +46,8 @@ public:
     LaunchGuard(const LaunchGuard&) = delete;
     LaunchGuard& operator=(const LaunchGuard&) = delete;
 
-    // Another thread goes on with the launch.
-    void HandOn() { isArmed_ = false; }
+    // Leaves the end of the launch to the guard of another thread.
+    void Disarm() { isArmed_ = false; }
 
 private:
     BaseServices& services_;
@@ -79,14 +59,14 @@ void BaseServices::CheckBaseApps(CheckPass pass) {
     size_t index = 0;
     while (const std::optional<Record> ended = CheckNext(pass, index)) {
         LaunchGuard guard(*this, ended->appName_);
-        GiveUp(*ended);
+        ReleaseEnded(*ended);
         if (ended->reportType_ == TERMINATED_ABNORMAL_EXIT) {
             RestartByPolicy(ended->appName_, guard);
         }
     }
 }
 
-// Only this thread takes records out of the list, so an index stays what it is.
+// The index stays valid between two calls: only this thread removes records.
 std::optional<BaseServices::Record> BaseServices::CheckNext(CheckPass pass, size_t& index) {
     const LockGuard lock(mutex_);
     const SteadyTime now = std::chrono::steady_clock::now();
@@ -95,15 +75,15 @@ std::optional<BaseServices::Record> BaseServices::CheckNext(CheckPass pass, size
         if (!NeedsCheck(record, pass, now)) {
             continue;
         }
-        // The copy comes first: once the state has changed the end must be dealt with.
+        // The copy is made before the state changes: when it fails, the next pass finds the exit.
         std::optional<Record> copy = record;
         CheckOne(record);
         if (record.GetState() == TERMINATED) {
             copy->TakeCheckResult(record);
-            NoteEnd(record);
+            ReportEnd(record);
             return copy;
         }
-        // A record that has just become RUNNING has a transition code for the next pass to clear.
+        // A record that has just become RUNNING has a report type that the next pass clears.
         if (NeedsCheck(record, CheckPass::PERIODIC, now)) {
             checks_.Request();
         }
@@ -122,8 +102,7 @@ bool BaseServices::NeedsCheck(const Record& record, CheckPass pass, SteadyTime n
     if (record.GetState() == TERMINATED) {
         return record.IsRestartable() && !isStopping_;
     }
-    // A service that is coming up to report itself, or going down, is moved by its report or its
-    // exit.
+    // Until its exit, the state of such a record changes only by a report of the service.
     const bool isWaiting =
         record.GetState() == TERMINATING || (record.GetState() == STARTING && record.isReporting_);
     if (isWaiting && record.IsAlive()) {
@@ -132,22 +111,22 @@ bool BaseServices::NeedsCheck(const Record& record, CheckPass pass, SteadyTime n
     return !record.IsSettled();
 }
 
-// From the end of a process on, the record is being launched until it is decided that it is not:
-// nobody sees it TERMINATED before its restart.
+// A service that has died is marked as being launched together with its change to TERMINATED, until
+// its restart has been decided: no other thread sees it as TERMINATED in between.
 void BaseServices::CheckOne(Record& record) {
-    reportedState_.Update([&] {
-        const ProcessState before = record.GetState();
-        const ProcessState now = record.CheckState();
-        const bool hasDied = now == TERMINATED && record.reportType_ == TERMINATED_ABNORMAL_EXIT;
-        record.isLaunching_ = hasDied && !isStopping_;
-        return now != before;
-    });
+    const ProcessState before = record.GetState();
+    const ProcessState now = record.CheckState();
+    const bool hasDied = now == TERMINATED && record.reportType_ == TERMINATED_ABNORMAL_EXIT;
+    record.isLaunching_ = hasDied && !isStopping_;
+    if (now != before) {
+        reportedState_.Notify();
+    }
     if (record.reportType_ == RUNNING_NORMAL_START) {
-        Withdraw(record.appName_, App::EVENT_START_FAILED);
+        WithdrawFault(record.appName_, App::EVENT_START_FAILED);
     }
 }
 
-void BaseServices::NoteEnd(Record& record) try {
+void BaseServices::ReportEnd(Record& record) try {
     checks_.Request();
     if (record.reportType_ == TERMINATED_NORMAL_EXIT) {
         reports_.ReportAppStateToZorn(record, TERMINATED_NORMAL_EXIT, RESULT_NONE);
@@ -156,16 +135,17 @@ void BaseServices::NoteEnd(Record& record) try {
     LogSupervised(LOG_WARNING, DIED, record);
     reports_.ReportAppStateToZorn(record, TERMINATED_ABNORMAL_EXIT,
                                   record.exitedWith125_ ? RESULT_INPUT_OUTPUT_ERROR : RESULT_NONE);
-    Raise(record, App::EVENT_START_FAILED);
+    RaiseFault(record, App::EVENT_START_FAILED);
 } catch (const std::bad_alloc&) {
-    // The next pass deals with the end once more.
+    // Without the mark the next pass checks the record again and repeats the report.
     record.isLaunching_ = false;
     throw;
 }
 
-// What ends with a service's process. A service that has not promised to report may have a pipe,
-// too: its next process must not attach to a pipe that is about to be closed.
-void BaseServices::GiveUp(const Record& record) {
+// Closes the pipe and ends the heartbeat watch of a process that has ended. A service that has not
+// promised to report may have a pipe, too; it is closed before the restart, so that the next
+// process does not attach to it.
+void BaseServices::ReleaseEnded(const Record& record) {
     reports_.Flush();
     const bool hasDied = record.reportType_ == TERMINATED_ABNORMAL_EXIT;
     if (hasDied && (record.isReporting_ || owners_.GetServiceFd(record.appName_) > 0)) {
@@ -180,21 +160,20 @@ void BaseServices::RestartByPolicy(const std::string& name, LaunchGuard& guard) 
         return;
     }
     if (launcher_.IsQuick(*copy)) {
-        PrepareAndFinish(*copy);
+        PrepareAndRestart(*copy);
         return;
     }
     const auto job = [this, copy] {
         const LaunchGuard jobGuard(*this, copy->appName_);
-        PrepareAndFinish(*copy);
+        PrepareAndRestart(*copy);
     };
     if (launcher_.PostSlow(job)) {
-        guard.HandOn();
+        guard.Disarm();
     } else {
         LogSupervised(LOG_ERR, RESTART_FAILED, *copy);
     }
 }
 
-// Logs the decision. A copy of the record when it is to be restarted.
 std::optional<BaseServices::Record> BaseServices::DecideRestart(const std::string& name) {
     const LockGuard lock(mutex_);
     Record* record = Find(name);
@@ -210,47 +189,49 @@ std::optional<BaseServices::Record> BaseServices::DecideRestart(const std::strin
     return *record;
 }
 
-void BaseServices::PrepareAndFinish(const Record& copy) {
+void BaseServices::PrepareAndRestart(const Record& copy) {
     std::optional<App::LaunchPlan> plan = launcher_.Prepare(copy);
     Record started = copy;
     {
         const LockGuard lock(mutex_);
-        Record* record = Find(copy.appName_);
-        if (record == nullptr || isStopping_ || !RestartBaseApp(copy.appName_, std::move(plan))) {
+        const Record* record =
+            isStopping_ ? nullptr : RestartBaseApp(copy.appName_, std::move(plan));
+        if (record == nullptr) {
             return;
         }
         started.TakeProcess(*record);
     }
-    // Whoever depends on the service may go on.
+    // Base start-up may be waiting for this service, because another one depends on it.
     reportedState_.Notify();
     Reconnect(started);
 }
 
-bool BaseServices::RestartBaseApp(const std::string& name, std::optional<App::LaunchPlan> plan) {
+const BaseServices::Record* BaseServices::RestartBaseApp(const std::string& name,
+                                                         std::optional<App::LaunchPlan> plan) {
     Record* record = Find(name);
     if (record == nullptr) {
         ProcMgrLog(LOG_WARNING, "PROCMGR : Failed to find a process %s from executedBaseApp_",
                    name.c_str());
-        return false;
+        return nullptr;
     }
     if (record->GetState() != TERMINATED) {
         ProcMgrLog(LOG_ERR, "PROCMGR : gonna restart process %s, but state=%s is not TERMINATED ",
                    name.c_str(), GetProcessStateStr(record->GetState()).c_str());
-        return false;
+        return nullptr;
     }
     if (!plan || !record->StartProcess(launcher_, *plan)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Restarting process : %s failed ", name.c_str());
         LogSupervised(LOG_ERR, RESTART_FAILED, *record);
-        return false;
+        return nullptr;
     }
     if (!record->isReporting_) {
-        Withdraw(name, App::EVENT_START_FAILED);
+        WithdrawFault(name, App::EVENT_START_FAILED);
     }
     reports_.ReportAppStateToZorn(*record, RUNNING_NORMAL_START, RESULT_NONE);
-    return true;
+    return record;
 }
 
-// The channel of the new process, whether or not it has promised to report itself.
+// Opens the pipe of the new process, whether or not the service has promised to report.
 void BaseServices::Reconnect(const Record& record) {
     reports_.Flush();
     if (record.isReporting_) {
@@ -282,7 +263,7 @@ bool BaseServices::Announce(const Record& started) {
     return hasPipe;
 }
 
-// What has happened to the record meanwhile is for the next pass.
+// The pass that is requested here finds everything that has happened to the record meanwhile.
 void BaseServices::EndLaunch(const std::string& name) {
     {
         const LockGuard lock(mutex_);
@@ -314,54 +295,6 @@ void BaseServices::RemoveTerminatedApps() {
             owners_.UnRegServiceCallBack(name);
         }
         EndHeartBeat(name);
-    }
-}
-
-void BaseServices::RegisterHeartBeat(const Record& record) {
-    MayWait("the heartbeat library");
-    const std::string& name = record.appName_;
-    const int ret = RegisterCheckHeartBeat(
-        name.c_str(), name.size(), record.pid_,
-        [this](const char* app, size_t length, int32_t pid, uint32_t status) {
-            return HeartBeatNotify(app, length, pid, status);
-        });
-    if (ret != 0) {
-        ProcMgrLog(LOG_ERR, "Register heart beat for %s failed. (ret=%d)", name.c_str(), ret);
-    }
-}
-
-int BaseServices::HeartBeatNotify(const char* name, size_t nameLength, int32_t pid,
-                                  uint32_t status) {
-    if (name == nullptr || nameLength == 0) {
-        ProcMgrLog(LOG_ERR, "Process heart beat notify, app name is invalid. (nameLen=%zu)",
-                   nameLength);
-        return 0;
-    }
-    const std::string app(name, nameLength);
-    // Held to the end: a fault that is raised here is withdrawn when the record leaves the list.
-    const LockGuard lock(mutex_);
-    const Record* record = Find(app);
-    if (record == nullptr) {
-        ProcMgrLog(LOG_ERR, "Process heart beat notify, not find base app=%s", app.c_str());
-        return 0;
-    }
-    switch (status) {
-        case HEARTBEAT_LOST:
-            ProcMgrLog(LOG_INFO, "Process heart beat notify. (app=%s,pid=%d,status=lost)",
-                       app.c_str(), pid);
-            // Not for a process that has ended meanwhile: its watch, and the fault, ended with it.
-            if (record->IsAlive() && record->pid_ == pid) {
-                Raise(*record, App::EVENT_HEARTBEAT_LOST);
-            }
-            return 1;
-        case HEARTBEAT_BACK:
-            ProcMgrLog(LOG_INFO, "Process heart beat notify. (app=%s,pid=%d,status=recovery)",
-                       app.c_str(), pid);
-            Withdraw(app, App::EVENT_HEARTBEAT_LOST);
-            return 1;
-        default:
-            ProcMgrLog(LOG_WARNING, "App status is invalid. (status=%u)", status);
-            return 0;
     }
 }
 

@@ -1,4 +1,4 @@
-// The orderly end of the base services.
+// The stop of the base services: the order of the SIGTERMs, the kills and the waits for exits.
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -9,6 +9,7 @@
 #include "main/common/log.h"
 
 namespace ProcMgr {
+
 void BaseServices::StopAll() {
     BeginStop();
     UniqueLock lock(mutex_);
@@ -18,7 +19,7 @@ void BaseServices::StopAll() {
     }
     Endings endings;
     for (const std::string& name : names) {
-        WaitWhile(lock, endings, [&] { return IsNeeded(name); });
+        WaitWhile(lock, endings, [&]() PROCMGR_REQUIRES(mutex_) { return IsNeeded(name); });
         Terminate(name, endings);
     }
     WaitWhile(lock, endings, [] { return true; });
@@ -37,12 +38,10 @@ void BaseServices::Terminate(const std::string& name, Endings& endings) {
     }
     record->TermProcess();
     checks_.Request();
-    reportedState_.Update([&] {
-        record->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
-        return true;
-    });
-    endings[name] = {std::chrono::steady_clock::now() +
-                     std::chrono::milliseconds(record->termTimeout_)};
+    record->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
+    reportedState_.Notify();
+    endings.byName[name] = {std::chrono::steady_clock::now() +
+                            std::chrono::milliseconds(record->termTimeout_)};
 }
 
 void BaseServices::WaitWhile(UniqueLock& lock, Endings& endings,
@@ -54,11 +53,11 @@ void BaseServices::WaitWhile(UniqueLock& lock, Endings& endings,
         }
         const SteadyTime begin = std::chrono::steady_clock::now();
         exited_.WaitUntil(lock, *next);
-        const bool isForKilled =
-            std::any_of(endings.begin(), endings.end(),
+        const bool isAnyKilled =
+            std::any_of(endings.byName.begin(), endings.byName.end(),
                         [](const auto& ending) { return ending.second.isKilled; });
-        if (isForKilled) {
-            killPatience_ -= std::chrono::steady_clock::now() - begin;
+        if (isAnyKilled) {
+            endings.killPatience -= std::chrono::steady_clock::now() - begin;
         }
     }
 }
@@ -66,25 +65,25 @@ void BaseServices::WaitWhile(UniqueLock& lock, Endings& endings,
 std::optional<SteadyTime> BaseServices::KillLate(Endings& endings) {
     const SteadyTime now = std::chrono::steady_clock::now();
     std::optional<SteadyTime> next;
-    for (auto entry = endings.begin(); entry != endings.end();) {
+    for (auto entry = endings.byName.begin(); entry != endings.byName.end();) {
         auto& [name, ending] = *entry;
         const Record* record = Find(name);
         const bool isGone = record == nullptr || !record->IsAlive();
-        const bool isLeft = !isGone && ending.isKilled && killPatience_.count() <= 0;
-        if (isLeft) {
-            ProcMgrLog(LOG_ERR, "PROCMGR : %s, pid=%d does not end, it is left behind",
+        const bool isGivenUp = !isGone && ending.isKilled && endings.killPatience.count() <= 0;
+        if (isGivenUp) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : %s, pid=%d has not ended after SIGKILL, give up",
                        name.c_str(), record->pid_);
         }
-        if (isGone || isLeft) {
-            entry = endings.erase(entry);
+        if (isGone || isGivenUp) {
+            entry = endings.byName.erase(entry);
             continue;
         }
-        if (!ending.isKilled && now >= ending.due) {
+        if (!ending.isKilled && now >= ending.killTime) {
             App::TermRqdSubProc(name, record->pid_);
             App::SendSignal(SIGKILL, name, record->pid_);
             ending.isKilled = true;
         }
-        const SteadyTime due = ending.isKilled ? now + killPatience_ : ending.due;
+        const SteadyTime due = ending.isKilled ? now + endings.killPatience : ending.killTime;
         next = next ? std::min(*next, due) : due;
         ++entry;
     }

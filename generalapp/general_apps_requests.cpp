@@ -1,11 +1,11 @@
-// What owners ask for.
+// The requests of owner services: start, terminate, restart, query; and the start of the priority
+// applications.
 #include <sys/wait.h>
 
 #include <chrono>
 #include <utility>
 
 #include "app/app_spec.h"
-#include "app/sensor_node_event_reporter.h"
 #include "generalapp/general_apps.h"
 #include "main/common/boot_trace.h"
 #include "main/common/log.h"
@@ -13,13 +13,10 @@
 namespace ProcMgr {
 
 using App::GeneralAppInfo;
-using App::MakeStateInfo;
-using App::SensorNodeEventReporter;
-using Message::AppStateInfo;
 
 namespace {
 
-// Answers of a query.
+// The status of an application in the answer to a query.
 constexpr uint32_t STATUS_ALIVE = 0;
 constexpr uint32_t STATUS_GONE = 1;
 constexpr uint32_t STATUS_STOPPED = 2;
@@ -47,122 +44,86 @@ void LogRequest(const char* type, const std::vector<Item>& items, const std::str
                BootStrace(BOOT_TRACE_TAG).c_str(), type, owner.c_str(), JoinNames(items).c_str());
 }
 
-void RaiseFault(const GeneralAppInfo& app) {
-    SensorNodeEventReporter::GetInstance().Raise(App::GENERAL_APP_NODE, app.appName_,
-                                                 App::EVENT_START_FAILED, app.nodeType_);
-}
-
-// A record whose start is being prepared counts as starting.
+// The name of the state. A record that is being launched counts as starting.
 std::string StateOf(const GeneralAppInfo& app) {
     return GetProcessStateStr(app.isLaunching_ && app.GetState() != RESTARTING ? STARTING
                                                                                : app.GetState());
 }
 
+// The answer of a query about an application with a record.
+uint32_t Probe(const GeneralAppInfo& app) {
+    if (app.isLaunching_ || app.IsRestartDue()) {
+        return STATUS_ALIVE;
+    }
+    // The pid of a collected process may have been reused by another child.
+    if (!app.IsAlive()) {
+        return STATUS_GONE;
+    }
+    // WNOWAIT leaves a stop visible to the next query and an exit to the reaper.
+    siginfo_t change{};
+    if (waitid(P_PID, static_cast<id_t>(app.pid_), &change,
+               WEXITED | WSTOPPED | WCONTINUED | WNOHANG | WNOWAIT) != 0) {
+        return STATUS_GONE;
+    }
+    if (change.si_pid != 0 && change.si_code == CLD_STOPPED) {
+        ProcMgrLog(LOG_INFO, "PROCMGR : app=%s, pid=%d, stopped", app.appName_.c_str(), app.pid_);
+        return STATUS_STOPPED;
+    }
+    return STATUS_ALIVE;
+}
+
 }  // namespace
-
-void GeneralApps::Answer(ChangeList& pending, const std::string& owner, const Record& record,
-                         ReportAppStateType reportType) {
-    const std::string appOwner = record->IsPriority() ? PROC_ZORNMGR : record->owner_;
-    pending.push_back(
-        {owner, MakeStateInfo(*record, reportType, 0), appOwner, record, record->changes_});
-}
-
-// About a name that nothing is known of.
-void GeneralApps::Answer(ChangeList& pending, const std::string& owner, const std::string& name,
-                         ReportAppStateType reportType) {
-    AppStateInfo item;
-    item.appName = name;
-    item.reportType = reportType;
-    pending.push_back({owner, item, owner, nullptr, 0});
-}
-
-GeneralApps::Record GeneralApps::Find(const std::string& name) const {
-    const auto entry = generalAppMap_.find(name);
-    return entry == generalAppMap_.end() ? nullptr : entry->second;
-}
-
-bool GeneralApps::IsInMap(const Record& record) const {
-    return Find(record->appName_) == record;
-}
-
-void GeneralApps::UpdateAllGeneralAppMap() {
-    const uint64_t revision = config_.GetRevision();
-    if (revision == seenRevision_) {
-        return;
-    }
-    for (const auto& [name, app] : generalAppMap_) {
-        if (const auto manifest = config_.Find(name)) {
-            app->Refresh(*manifest);
-        }
-    }
-    seenRevision_ = revision;
-}
-
-GeneralApps::Record GeneralApps::GetGeneralApp(const std::string& name, const std::string& owner) {
-    UpdateAllGeneralAppMap();
-    if (Record running = Find(name)) {
-        return running;
-    }
-    if (const auto manifest = config_.Find(name)) {
-        const bool isPriority = manifest->GetStartupPriority() != App::AppSpec::NO_PRIORITY;
-        return std::make_shared<GeneralAppInfo>(name, *manifest, isPriority ? PROC_ZORNMGR : owner);
-    }
-    ProcMgrLog(LOG_ERR, "PROCMGR : GetGeneralApp failed: app=%s", name.c_str());
-    return nullptr;
-}
 
 void GeneralApps::StartApp(const std::vector<Message::StartAppInfo>& items,
                            const std::string& owner) {
     LogRequest("START_APP", items, owner);
-    ChangeList pending;
+    Answers answers(owner);
     for (const Message::StartAppInfo& item : items) {
         std::optional<Launch> launch;
         {
             const LockGuard lock(mutex_);
-            if (!BeginStart(item, owner, pending, launch)) {
+            const Record record = GetGeneralApp(item.appName, owner);
+            if (record == nullptr) {
+                ProcMgrLog(LOG_ERR, "PROCMGR : StartApp: appName=%s is null", item.appName.c_str());
                 return;
             }
+            launch = BeginStart(record, item, answers);
         }
         if (launch) {
             std::optional<App::LaunchPlan> plan = Prepare(launch->copy);
             const LockGuard lock(mutex_);
-            FinishStart(launch->record, std::move(plan), owner, pending);
+            FinishStart(launch->record, std::move(plan), answers);
         }
     }
-    ReportPending(pending);
+    SendAnswers(answers);
 }
 
-bool GeneralApps::BeginStart(const Message::StartAppInfo& item, const std::string& owner,
-                             ChangeList& pending, std::optional<Launch>& launch) {
+std::optional<GeneralApps::Launch> GeneralApps::BeginStart(const Record& record,
+                                                           const Message::StartAppInfo& item,
+                                                           Answers& answers) {
     const std::string& name = item.appName;
-    const Record record = GetGeneralApp(name, owner);
-    if (record == nullptr) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : StartApp: appName=%s is null", name.c_str());
-        return false;
-    }
     std::optional<App::AppSpec> spec = record->MakeStart(item.argv, item.dynamicPara);
     if (!spec) {
-        Answer(pending, owner, record, TERMINATED_ABNORMAL_EXIT);
+        answers.Add(record, TERMINATED_ABNORMAL_EXIT);
         ProcMgrLog(LOG_ERR, "PROCMGR : StartApp failed : appName=%s, dynamic para invalid",
                    name.c_str());
-        return true;
+        return std::nullopt;
     }
-    // A process that is there is what it was started as.
+    // The record describes a process that is alive, the configuration only the next one.
     if (record->IsAlive() ? record->IsPriority() : spec->IsPriority()) {
-        launch = HandlePriorityApps(record, std::move(*spec), owner, pending);
-        return true;
+        return HandlePriorityApps(record, std::move(*spec), answers);
     }
     if (IsInMap(record) && record->GetState() == RUNNING) {
-        Answer(pending, owner, record, RUNNING_NORMAL_START);
+        answers.Add(record, RUNNING_NORMAL_START);
         ProcMgrLog(LOG_WARNING, "PROCMGR : StartApp : appName=%s, pid=%d is already running",
                    name.c_str(), record->pid_);
-        return true;
+        return std::nullopt;
     }
     if (record->isLaunching_ || (IsInMap(record) && record->GetState() != TERMINATED)) {
-        Answer(pending, owner, record, INVALID_INTERMEDIATE_STATE);
+        answers.Add(record, INVALID_INTERMEDIATE_STATE);
         ProcMgrLog(LOG_ERR, "PROCMGR : StartApp : appName=%s, pid=%d, state=%s is in invalid state",
                    name.c_str(), record->pid_, StateOf(*record).c_str());
-        return true;
+        return std::nullopt;
     }
     if (IsInMap(record)) {
         ProcMgrLog(LOG_WARNING,
@@ -170,59 +131,39 @@ bool GeneralApps::BeginStart(const Message::StartAppInfo& item, const std::strin
                    "from generalAppMap yet, so go on",
                    name.c_str(), record->pid_, StateOf(*record).c_str());
     }
-    launch = BeginLaunch(record, std::move(*spec), owner);
-    return true;
+    return BeginLaunch(record, std::move(*spec), answers.GetOwner());
 }
 
-// The report that the application runs follows from the next pass.
+// The next pass of CheckThread reports that the application runs.
 void GeneralApps::FinishStart(const Record& record, std::optional<App::LaunchPlan> plan,
-                              const std::string& owner, ChangeList& pending) {
+                              Answers& answers) {
     if (FinishLaunch(record, std::move(plan))) {
         record->ChangeState(STARTING, App::ChangeReason::STARTED);
         return;
     }
-    Answer(pending, owner, record, TERMINATED_ABNORMAL_EXIT);
+    answers.Add(record, TERMINATED_ABNORMAL_EXIT);
     ProcMgrLog(LOG_ERR,
                "PROCMGR : StartApp : StartProcess failed : appName=%s, pid=%d, state=%s, %s",
                record->appName_.c_str(), record->pid_, StateOf(*record).c_str(),
                BootStrace(BOOT_TRACE_TAG).c_str());
-    RaiseFault(*record);
-}
-
-GeneralApps::Launch GeneralApps::BeginLaunch(const Record& record, App::AppSpec spec,
-                                             const std::string& owner) {
-    record->owner_ = spec.IsPriority() ? PROC_ZORNMGR : owner;
-    record->TakeSpec(std::move(spec));
-    Launch launch{record, *record};
-    generalAppMap_.try_emplace(record->appName_, record);
-    record->isLaunching_ = true;
-    return launch;
-}
-
-bool GeneralApps::FinishLaunch(const Record& record, std::optional<App::LaunchPlan> plan) {
-    record->isLaunching_ = false;
-    checks_.Request();
-    const bool isStarted = TryStart(*record, std::move(plan));
-    if (!isStarted && record->GetState() == INITSTATE) {
-        generalAppMap_.erase(record->appName_);
-    }
-    return isStarted;
+    RaiseStartFault(*record);
 }
 
 std::optional<GeneralApps::Launch> GeneralApps::HandlePriorityApps(const Record& record,
                                                                    App::AppSpec spec,
-                                                                   const std::string& owner,
-                                                                   ChangeList& pending) {
+                                                                   Answers& answers) {
     ProcMgrLog(LOG_INFO, "PROCMGR : HandlePriorityApps app=%s, pid=%d, state=%s to owner=%s",
-               record->appName_.c_str(), record->pid_, StateOf(*record).c_str(), owner.c_str());
+               record->appName_.c_str(), record->pid_, StateOf(*record).c_str(),
+               answers.GetOwner().c_str());
     const bool isStopped = record->GetState() == TERMINATED || record->GetState() == INITSTATE;
     if (isStopped && !record->isLaunching_) {
-        // The asker is told how it went, as of any application.
+        // The requester gets the report about the outcome, too.
+        const std::string& owner = answers.GetOwner();
         record->asker_ = owner == PROC_ZORNMGR ? std::string() : owner;
         return BeginLaunch(record, std::move(spec), PROC_ZORNMGR);
     }
-    Answer(pending, owner, record,
-           record->GetState() == RUNNING ? RUNNING_NORMAL_START : INVALID_INTERMEDIATE_STATE);
+    answers.Add(record,
+                record->GetState() == RUNNING ? RUNNING_NORMAL_START : INVALID_INTERMEDIATE_STATE);
     return std::nullopt;
 }
 
@@ -233,7 +174,7 @@ void GeneralApps::StartPriorityApps(const std::string& path) {
             const LockGuard lock(mutex_);
             const Record record = GetGeneralApp(manifest.GetAppName(), PROC_ZORNMGR);
             if (record != nullptr && !IsInMap(record) && record->IsPriority()) {
-                launch = BeginLaunch(record, *record, PROC_ZORNMGR);
+                launch = BeginLaunch(record, record->GetEntry(), PROC_ZORNMGR);
             }
         }
         if (!launch) {
@@ -241,11 +182,11 @@ void GeneralApps::StartPriorityApps(const std::string& path) {
         }
         std::optional<App::LaunchPlan> plan = Prepare(launch->copy);
         const LockGuard lock(mutex_);
-        // Nobody has asked, so a failure waits like every other change.
-        ChangeList failed;
-        FinishStart(launch->record, std::move(plan), PROC_ZORNMGR, failed);
-        for (const Change& change : failed) {
-            HoldBack(change.item);
+        // No request is waiting for this answer, so it is held back like any other change.
+        Answers failed(PROC_ZORNMGR);
+        FinishStart(launch->record, std::move(plan), failed);
+        for (const Change& change : failed.GetList()) {
+            changeReports_.HoldBack(change.item);
         }
     }
 }
@@ -253,38 +194,32 @@ void GeneralApps::StartPriorityApps(const std::string& path) {
 void GeneralApps::TermGeneralApp(const std::vector<Message::TermAppInfo>& items,
                                  const std::string& owner) {
     LogRequest("TERM_APP", items, owner);
-    ChangeList pending;
+    Answers answers(owner);
     for (const Message::TermAppInfo& item : items) {
         const LockGuard lock(mutex_);
-        Terminate(item.appName, owner, pending);
+        Terminate(item.appName, answers);
     }
-    ReportPending(pending);
+    SendAnswers(answers);
 }
 
-void GeneralApps::ReportPending(const ChangeList& pending) {
+void GeneralApps::SendAnswers(const Answers& answers) {
     {
         const LockGuard lock(mutex_);
-        // What supervision has found comes first.
-        QueueOutbox();
-        if (view_.isZornReady()) {
-            QueueHeldBack();
-        }
-        ReportGeneralAppChanges(pending, true);
+        changeReports_.QueueAnswers(answers);
     }
     reports_.Flush();
 }
 
-void GeneralApps::Terminate(const std::string& name, const std::string& owner,
-                            ChangeList& pending) {
-    const Record record = GetGeneralApp(name, owner);
+void GeneralApps::Terminate(const std::string& name, Answers& answers) {
+    const Record record = GetGeneralApp(name, answers.GetOwner());
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR, "PROCMGR : termApp failed: not find app=%s", name.c_str());
-        Answer(pending, owner, name, TERMINATED_NORMAL_EXIT);
+        answers.AddUnknown(name, TERMINATED_NORMAL_EXIT);
         return;
     }
     const bool isRemoved = !IsInMap(record);
     if (!record->isLaunching_ && (isRemoved || record->GetState() == TERMINATED)) {
-        Answer(pending, owner, record, TERMINATED_NORMAL_EXIT);
+        answers.Add(record, TERMINATED_NORMAL_EXIT);
         ProcMgrLog(LOG_INFO,
                    isRemoved
                        ? "PROCMGR : TermGeneralApp:app=%s is already terminated and removed"
@@ -293,7 +228,7 @@ void GeneralApps::Terminate(const std::string& name, const std::string& owner,
         return;
     }
     if (record->GetState() != RUNNING) {
-        Answer(pending, owner, record, INVALID_INTERMEDIATE_STATE);
+        answers.Add(record, INVALID_INTERMEDIATE_STATE);
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : TermGeneralApp failed: appName=%s, pid=%d, state=%s is invalid "
                    "intermediate state",
@@ -315,45 +250,44 @@ void GeneralApps::Terminate(const std::string& name, const std::string& owner,
 void GeneralApps::RestartApp(const std::vector<Message::RestartAppInfo>& items,
                              const std::string& owner) {
     LogRequest("RESTART_APP", items, owner);
-    ChangeList pending;
+    Answers answers(owner);
     for (const Message::RestartAppInfo& item : items) {
         std::optional<Launch> launch;
         {
             const LockGuard lock(mutex_);
-            launch = BeginRestart(item, owner, pending);
+            launch = BeginRestart(item, answers);
         }
         if (launch) {
             std::optional<App::LaunchPlan> plan = Prepare(launch->copy);
             const LockGuard lock(mutex_);
-            FinishDirectRestart(launch->record, std::move(plan), owner, pending);
+            FinishDirectRestart(launch->record, std::move(plan), answers);
         }
     }
-    ReportPending(pending);
+    SendAnswers(answers);
 }
 
 std::optional<GeneralApps::Launch> GeneralApps::BeginRestart(const Message::RestartAppInfo& item,
-                                                             const std::string& owner,
-                                                             ChangeList& pending) {
+                                                             Answers& answers) {
     const std::string& name = item.appName;
-    const Record record = GetGeneralApp(name, owner);
+    const Record record = GetGeneralApp(name, answers.GetOwner());
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR, "PROCMGR : RestartApp failed: not find app=%s", name.c_str());
-        Answer(pending, owner, name, TERMINATED_ABNORMAL_EXIT);
+        answers.AddUnknown(name, TERMINATED_ABNORMAL_EXIT);
         return std::nullopt;
     }
     std::optional<App::AppSpec> spec = record->MakeStart(item.argv, item.dynamicPara);
     if (!spec) {
-        Answer(pending, owner, record, TERMINATED_ABNORMAL_EXIT);
+        answers.Add(record, TERMINATED_ABNORMAL_EXIT);
         ProcMgrLog(LOG_ERR, "PROCMGR : RestartApp failed : appName=%s, dynamic para invalid",
                    name.c_str());
         return std::nullopt;
     }
     const bool isGone = !IsInMap(record) || record->GetState() == TERMINATED;
     if (isGone && !record->isLaunching_) {
-        return BeginLaunch(record, std::move(*spec), owner);
+        return BeginLaunch(record, std::move(*spec), answers.GetOwner());
     }
     if (record->GetState() != RUNNING || isStopping_) {
-        Answer(pending, owner, record, INVALID_INTERMEDIATE_STATE);
+        answers.Add(record, INVALID_INTERMEDIATE_STATE);
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : RestartApp failed: StartProcess : appName=%s, pid=%d, state=%s is "
                    "invalid intermediate state",
@@ -365,14 +299,14 @@ std::optional<GeneralApps::Launch> GeneralApps::BeginRestart(const Message::Rest
 }
 
 void GeneralApps::FinishDirectRestart(const Record& record, std::optional<App::LaunchPlan> plan,
-                                      const std::string& owner, ChangeList& pending) {
+                                      Answers& answers) {
     const bool isRemoved = record->GetState() == INITSTATE;
     const bool isTerminated = record->GetState() == TERMINATED;
     if (!FinishLaunch(record, std::move(plan))) {
-        Answer(pending, owner, record, TERMINATED_ABNORMAL_EXIT);
+        answers.Add(record, TERMINATED_ABNORMAL_EXIT);
         ProcMgrLog(LOG_ERR, "PROCMGR : RestartApp failed: StartProcess failed appName=%s, pid=%d",
                    record->appName_.c_str(), record->pid_);
-        RaiseFault(*record);
+        RaiseStartFault(*record);
         return;
     }
     record->ChangeState(RESTARTING, App::ChangeReason::RESTART);
@@ -381,7 +315,7 @@ void GeneralApps::FinishDirectRestart(const Record& record, std::optional<App::L
                record->appName_.c_str(), record->pid_, isRemoved, isTerminated);
 }
 
-// The new process is started by supervision once the old one has ended.
+// Only ends the old process: CheckThread starts the new one after the exit.
 void GeneralApps::RestartRunning(const Record& record, App::AppSpec next) {
     record->savedForceTerm_ = record->forceTerm_;
     record->SetNext(std::move(next));
@@ -418,27 +352,6 @@ void GeneralApps::QueryAppState(const std::vector<std::string>& names, const std
     reports_.Flush();
     ProcMgrLog(LOG_DEBUG, "%s PM finish QUERY_APP_STATE request from %s",
                BootStrace(BOOT_TRACE_TAG).c_str(), owner.c_str());
-}
-
-uint32_t GeneralApps::Probe(const GeneralAppInfo& app) {
-    if (app.isLaunching_ || app.IsRestartDue()) {
-        return STATUS_ALIVE;
-    }
-    // A pid whose exit has been collected may belong to another child by now.
-    if (!app.IsAlive()) {
-        return STATUS_GONE;
-    }
-    // Only looks: what it sees is left for the next query, and an exit for the reaper.
-    siginfo_t change{};
-    if (waitid(P_PID, static_cast<id_t>(app.pid_), &change,
-               WEXITED | WSTOPPED | WCONTINUED | WNOHANG | WNOWAIT) != 0) {
-        return STATUS_GONE;
-    }
-    if (change.si_pid != 0 && change.si_code == CLD_STOPPED) {
-        ProcMgrLog(LOG_INFO, "PROCMGR : app=%s, pid=%d, stopped", app.appName_.c_str(), app.pid_);
-        return STATUS_STOPPED;
-    }
-    return STATUS_ALIVE;
 }
 
 }  // namespace ProcMgr
