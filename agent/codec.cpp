@@ -7,16 +7,16 @@
 #include <cstring>
 #include <system_error>
 
-#include "message/little_endian.h"
+#include "wire/little_endian.h"
 
 namespace ProcMgr::Agent {
 namespace {
 
 using Message::AppStateInfo;
-using Message::LoadLittleEndian;
 using Message::PM_PIPE_BUF_MAX;
 using Message::RequestMsg;
-using Message::StoreLittleEndian;
+using Wire::LoadLittleEndian;
+using Wire::StoreLittleEndian;
 
 constexpr uint32_t MAGIC = 0x4158554D;
 constexpr size_t KIND_OFFSET = 4;

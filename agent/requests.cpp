@@ -4,7 +4,7 @@
 #include <set>
 
 #include "agent/codec.h"
-#include "message/little_endian.h"
+#include "wire/little_endian.h"
 
 namespace ProcMgr::Agent {
 namespace {
@@ -212,14 +212,14 @@ std::array<uint8_t, sizeof(Message::DelayCoreAffinityReq)> MakeDelayRequest(
     body[offsetof(DelayCoreAffinityReq, state)] = request.state;
     body[offsetof(DelayCoreAffinityReq, checkNum)] = static_cast<uint8_t>(request.checkNum);
     body[offsetof(DelayCoreAffinityReq, isWakeUpEnable)] = request.isWakeUpEnable;
-    Message::StoreLittleEndian(request.checkInterval,
+    Wire::StoreLittleEndian(request.checkInterval,
                                &body[offsetof(DelayCoreAffinityReq, checkInterval)]);
     return body;
 }
 
 std::optional<uint32_t> DecodeResult(std::span<const uint8_t> body) {
     return body.size() == sizeof(uint32_t)
-               ? std::optional(Message::LoadLittleEndian<uint32_t>(body.data()))
+               ? std::optional(Wire::LoadLittleEndian<uint32_t>(body.data()))
                : std::nullopt;
 }
 

@@ -4,10 +4,13 @@
 #include <string_view>
 #include <utility>
 
-#include "message/little_endian.h"
+#include "wire/little_endian.h"
 
 namespace ProcMgr::Message {
 namespace {
+
+using Wire::LoadLittleEndian;
+using Wire::StoreLittleEndian;
 
 constexpr size_t VERSION_OFFSET = 0;
 constexpr size_t PID_OFFSET = 4;
