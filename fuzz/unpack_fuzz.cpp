@@ -78,9 +78,14 @@ void CheckItems(const std::vector<Message::StartAppInfo>& items) {
     Require(texts <= PM_PIPE_BUF_MAX + LIST_MAX, "texts are bounded by the payload");
 }
 
-// The items decode to themselves, if they can be encoded: the decoder fills up a list to its
-// announced length, which may be too long for a record.
+// Encoded items decode to the same items. An item may be too long to be encoded, because the
+// decoder fills a list up to the announced length. Long lists are left out: they would take most of
+// the time.
 void CheckEncodedItems(const std::vector<Message::StartAppInfo>& items, const std::string& sender) {
+    constexpr size_t CHECKED_MAX = 32;
+    if (items.size() > CHECKED_MAX) {
+        return;
+    }
     const auto records = Message::EncodeLaunchRequests(Message::START_APP, items, sender);
     std::vector<Message::StartAppInfo> all;
     for (const RequestMsg& record : records.value_or(Message::Records())) {

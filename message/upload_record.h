@@ -45,6 +45,8 @@ struct UploadRequest {
     // The groups asked for, each not empty. An empty list asks for all groups whose configuration
     // names the process.
     std::vector<std::string> groups;
+
+    bool operator==(const UploadRequest&) const = default;
 };
 
 enum class UploadResult : uint32_t {
@@ -59,6 +61,8 @@ enum class UploadResult : uint32_t {
 struct UploadResponse {
     UploadResult result = UploadResult::BAD_RECORD;
     std::vector<std::string> groups;  // the groups that the process now belongs to
+
+    bool operator==(const UploadResponse&) const = default;
 };
 
 // Nothing when a text or the list of groups is too long, or a text holds a zero byte. The receiver
