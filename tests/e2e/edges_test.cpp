@@ -9,9 +9,9 @@
 namespace {
 
 using namespace std::chrono_literals;
-using ProcMgr::Agent::PipePath;
 using testing::Contains;
 using testing::HasSubstr;
+using Wire::PipePath;
 
 constexpr const char* HEARTBEAT_SOCKET = "/run/heartbeat.sock";
 

@@ -22,9 +22,12 @@
 #include <utility>
 #include <vector>
 
-#include "agent/codec.h"
 #include "agent/packet_socket.h"
+#include "message/record_codec.h"
+#include "message/report_codec.h"
 #include "tests/e2e/e2e_fixture.h"
+#include "wire/packet_io.h"
+#include "wire/socket_paths.h"
 
 // One connection to the pipe of a service. What it takes in one go is handed out report by report.
 class RawOwner {
@@ -40,7 +43,7 @@ public:
 
     // Waits for the pipe and says that the service runs.
     bool Attach() {
-        const std::string path = ProcMgr::Agent::PipePath(name_);
+        const std::string path = Wire::PipePath(name_);
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::memcpy(address.sun_path, path.data(), path.size());
@@ -62,8 +65,10 @@ public:
         return Send(record);
     }
     bool Send(const ProcMgr::Message::RequestMsg& record) {
-        const auto packet =
-            ProcMgr::Agent::EncodeRecordPacket(ProcMgr::Agent::PacketKind::REQUEST, 0, record);
+        const auto body = ProcMgr::Message::EncodeRecord(record);
+        std::vector<uint8_t> packet(Wire::PACKET_HEADER_SIZE + body.size());
+        Wire::EncodePacketHeader({}, std::span(packet).first<Wire::PACKET_HEADER_SIZE>());
+        std::copy(body.begin(), body.end(), packet.begin() + Wire::PACKET_HEADER_SIZE);
         return SendBytes(packet.data(), packet.size());
     }
     bool SendBytes(const void* data, size_t size) {
@@ -108,22 +113,20 @@ public:
 
 private:
     bool Receive(std::chrono::milliseconds patience) {
-        std::vector<uint8_t> buffer(ProcMgr::Agent::PACKET_MAX);
+        std::vector<uint8_t> buffer(Wire::PACKET_MAX);
         pollfd readable{fd_, POLLIN, 0};
         if (poll(&readable, 1, static_cast<int>(patience.count())) <= 0) {
             return false;
         }
-        const ssize_t length = recv(fd_, buffer.data(), buffer.size(), 0);
-        if (length <= 0) {
+        Wire::Packet packet;
+        if (Wire::ReceivePacket(fd_, buffer, packet) != Wire::ReceiveResult::PACKET) {
             return false;
         }
-        const auto packet =
-            ProcMgr::Agent::DecodePacket(std::span(buffer).first(static_cast<size_t>(length)));
-        const auto record = packet ? ProcMgr::Agent::DecodeRecord(packet->body) : std::nullopt;
+        const auto record = ProcMgr::Message::DecodeRecord(packet.body);
         if (!record) {
             return false;
         }
-        if (const auto states = ProcMgr::Agent::DecodeAppStates(*record)) {
+        if (const auto states = ProcMgr::Message::DecodeAppStates(*record)) {
             for (const auto& state : *states) {
                 pending_.push_back(state.appName + " " + std::to_string(state.reportType));
                 lastPid_ = state.pid;
@@ -134,20 +137,12 @@ private:
         return true;
     }
     static std::string DecodeStatus(const ProcMgr::Message::RequestMsg& record) {
-        EXPECT_EQ(record.type, 10U);
-        const uint8_t* at = record.data;
-        const auto number = [&at] {
-            uint32_t value = 0;
-            std::memcpy(&value, at, sizeof(value));
-            at += sizeof(value);
-            return value;
-        };
+        const auto statusByName = ProcMgr::Message::DecodeDetailStatus(record);
+        EXPECT_TRUE(statusByName) << "type " << record.type;
         std::string text;
-        for (uint32_t count = number(); count > 0; --count) {
-            const uint32_t length = number();
-            text += std::string(reinterpret_cast<const char*>(at), length) + "=";
-            at += length;
-            text += std::to_string(number()) + (count > 1 ? "," : "");
+        for (const auto& [name, status] :
+             statusByName.value_or(std::map<std::string, uint32_t>())) {
+            text += (text.empty() ? "" : ",") + name + "=" + std::to_string(status);
         }
         return text;
     }

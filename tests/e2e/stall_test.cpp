@@ -23,22 +23,22 @@ constexpr milliseconds SOON = 500ms * SLOWER;
 // Sends requests over as many connections as it has, as fast as they are taken.
 int FloodUpload() {
     const auto record = ProcMgr::Message::EncodeUploadRequest({getpid(), "camera", "/bin/x", {}});
-    const auto packet = ProcMgr::Agent::EncodePacket(ProcMgr::Agent::PacketKind::CALL, 1, *record);
     std::vector<UniqueFd> peers(124);
-    std::vector<uint8_t> buffer(ProcMgr::Agent::PACKET_MAX);
+    std::vector<uint8_t> buffer(Wire::PACKET_MAX);
     for (;;) {
         for (UniqueFd& peer : peers) {
             if (!peer.IsValid()) {
                 peer = ConnectSocket("/run/muxa/server/pmupload");
             }
-            while (send(peer.Get(), packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >
-                   0) {
+            while (Wire::SendPacket(peer.Get(), {Wire::PacketKind::CALL, 1}, *record) ==
+                   Wire::SendResult::SENT) {
             }
-            std::optional<size_t> length = 1;
-            while (peer.IsValid() && length > 0U) {
-                length = ProcMgr::Agent::ReceivePacket(peer.Get(), buffer);
+            Wire::Packet packet;
+            auto received = Wire::ReceiveResult::PACKET;
+            while (peer.IsValid() && received == Wire::ReceiveResult::PACKET) {
+                received = Wire::ReceivePacket(peer.Get(), buffer, packet);
             }
-            if (length == 0U) {
+            if (received == Wire::ReceiveResult::ENDED) {
                 peer.Reset();
             }
         }
