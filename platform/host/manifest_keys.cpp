@@ -8,7 +8,7 @@
 #include "platform/host/diagnostics.h"
 #include "platform/host/pattern.h"
 
-namespace ProcMgr {
+namespace PlatformHost {
 namespace {
 
 constexpr size_t MAX_NAME = 127;
@@ -23,7 +23,8 @@ const char* KindName(YamlKind kind) {
     return NAMES[static_cast<size_t>(kind)];
 }
 
-// Control characters of ASCII and, in UTF-8, of Latin-1; the blank among them.
+// Finds the blank and the control characters of ASCII, and the control characters of Latin-1 in
+// their UTF-8 form.
 bool HasBlankOrControl(std::string_view text) {
     for (size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
@@ -116,7 +117,7 @@ void ReadVfId(const ManifestValue& value, ManifestData& data) {
     data.vfId = static_cast<int32_t>(value.Number(MIN_INT32, MAX_INT32));
 }
 
-// Readers for the keys whose value is just stored: one for each type.
+// Readers for the keys whose value is stored without further checks: one for each type.
 template <std::string ManifestData::*Field>
 void ReadText(const ManifestValue& value, ManifestData& data) {
     data.*Field = value.Text();
@@ -196,7 +197,7 @@ std::string ManifestValue::Text() const {
     if (child_.node->kind != YamlKind::TEXT) {
         Fail(std::string("expected text, got ") + KindName(child_.node->kind));
     }
-    return std::string(child_.node->text);
+    return child_.node->text;
 }
 
 std::string ManifestValue::NonEmptyText() const {
@@ -260,7 +261,7 @@ int64_t ManifestValue::ParsedNumber() const {
     if (!complete || leadingZero || error == std::errc::invalid_argument) {
         Fail("expected a whole number, got " + Quoted(text));
     }
-    // Past any range that a key has, so that the caller refuses it by its own range.
+    // Larger than the range of any key, so that the caller reports the range of its key.
     constexpr uint64_t OUT_OF_RANGE = uint64_t{1} << 62;
     if (error == std::errc::result_out_of_range) {
         magnitude = OUT_OF_RANGE;
@@ -286,14 +287,14 @@ std::map<std::string, std::string> ManifestValue::TextMap() const {
     return result;
 }
 
-std::span<const YamlChild> ManifestValue::List() const {
+const std::vector<YamlChild>& ManifestValue::List() const {
     if (child_.node->kind != YamlKind::LIST) {
         Fail(std::string("expected a list, got ") + KindName(child_.node->kind));
     }
     return child_.node->children;
 }
 
-std::span<const YamlChild> ManifestValue::Map() const {
+const std::vector<YamlChild>& ManifestValue::Map() const {
     if (child_.node->kind != YamlKind::MAP) {
         Fail(std::string("expected a mapping, got ") + KindName(child_.node->kind));
     }
@@ -326,4 +327,4 @@ const ManifestKey* FindManifestKey(std::string_view name, ManifestList list) {
     return &*found;
 }
 
-}  // namespace ProcMgr
+}  // namespace PlatformHost

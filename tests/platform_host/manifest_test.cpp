@@ -245,7 +245,7 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetter) {
     EXPECT_EQ(manifests_[0].GetVfIdPattern(), "match([0-9])");
     EXPECT_EQ(manifests_[0].GetVfId(), -1);
     // A key that is added needs its line above and in the manual.
-    EXPECT_THAT(ManifestKeys(), SizeIs(30));
+    EXPECT_THAT(PlatformHost::ManifestKeys(), SizeIs(30));
 }
 
 TEST_F(ManifestTest, WrongValuesAreOneErrorWithFileLineAndKey) {
