@@ -27,7 +27,7 @@ constexpr uint32_t MAX_WORKERS = 16;
 // Time for which all workers may be held up before one more takes over.
 constexpr std::chrono::milliseconds PATIENCE{10};
 
-// True on a worker inside of a BlockingScope.
+// True on a worker between BeginBlocking and EndBlocking.
 thread_local bool isBlocking = false;
 
 // A token holds the descriptor in its lower half and the number of the watch in its upper half, so
@@ -163,34 +163,34 @@ void EventWorkers::RelieveLocked() {
     }
 }
 
-EventWorkers::BlockingScope::BlockingScope(EventWorkers& workers) : workers_(workers) {
+void EventWorkers::BeginBlocking() {
     isBlocking = true;
-    const LockGuard guard(workers_.lock_);
-    ++workers_.blocked_;
-    workers_.RelieveLocked();
+    const LockGuard guard(lock_);
+    ++blocked_;
+    RelieveLocked();
 }
 
-EventWorkers::BlockingScope::~BlockingScope() {
+void EventWorkers::EndBlocking() {
     isBlocking = false;
-    const LockGuard guard(workers_.lock_);
-    --workers_.blocked_;
-    if (workers_.isWatched_) {
-        workers_.changed_.NotifyAll();
+    const LockGuard guard(lock_);
+    --blocked_;
+    if (isWatched_) {
+        changed_.NotifyAll();
     }
 }
 
-EventWorkers::WaitingScope::WaitingScope(EventWorkers& workers) : workers_(workers) {
+void EventWorkers::BeginWaiting() {
     if (isBlocking) {
-        const LockGuard guard(workers_.lock_);
-        ++workers_.waiting_;
-        workers_.RelieveLocked();
+        const LockGuard guard(lock_);
+        ++waiting_;
+        RelieveLocked();
     }
 }
 
-EventWorkers::WaitingScope::~WaitingScope() {
+void EventWorkers::EndWaiting() {
     if (isBlocking) {
-        const LockGuard guard(workers_.lock_);
-        --workers_.waiting_;
+        const LockGuard guard(lock_);
+        --waiting_;
     }
 }
 

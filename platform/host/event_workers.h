@@ -38,32 +38,16 @@ public:
     // before this call may still call the handler afterwards.
     void Forget(uint64_t token);
 
-    // Marks the calling worker as held up: what it does may take long. When every worker has been
-    // held up for 10 ms, one more takes over, up to a limit.
-    class BlockingScope {
-    public:
-        explicit BlockingScope(EventWorkers& workers);
-        ~BlockingScope();
-        BlockingScope(const BlockingScope&) = delete;
-        BlockingScope& operator=(const BlockingScope&) = delete;
+    // Called around actions that may hold up the calling worker for long: when every worker has
+    // been held up for 10 ms, one more takes over, up to a limit.
+    void BeginBlocking();
+    void EndBlocking();
 
-    private:
-        EventWorkers& workers_;
-    };
-
-    // Marks a wait that only another worker can end. Such workers do not count towards the limit,
-    // so that the worker that ends the wait can always be started. Has no effect on a thread
-    // without a BlockingScope.
-    class WaitingScope {
-    public:
-        explicit WaitingScope(EventWorkers& workers);
-        ~WaitingScope();
-        WaitingScope(const WaitingScope&) = delete;
-        WaitingScope& operator=(const WaitingScope&) = delete;
-
-    private:
-        EventWorkers& workers_;
-    };
+    // Called around a wait that only another worker can end. Such workers do not count towards the
+    // limit, so that the worker that ends the wait can always be started. Without effect on threads
+    // that are not between BeginBlocking and EndBlocking.
+    void BeginWaiting();
+    void EndWaiting();
 
 private:
     void Run(bool isNeeded);

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <chrono>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -39,19 +38,14 @@ enum Status : uint32_t { BACK = 0, LOST = 1 };
 // True on a thread that runs a callback.
 thread_local bool isInCallback = false;
 
-// The watched names and their socket, from the first registration until all watches are ended.
-// Thread-safe.
-class Monitor : public std::enable_shared_from_this<Monitor> {
+// The watched names and their socket, which is open while names are watched. Thread-safe.
+class Monitor {
 public:
-    // Returns 0 or a negative errno.
-    int Start();
-    // Returns 0, or -125 (ECANCELED) when the monitor has been stopped.
+    // Both return 0 or a negative errno.
     int Watch(std::string_view name, pid_t pid, HeartBeatCallback callback);
     int Unwatch(std::string_view name);
-    // No callback starts any more. The socket is closed now or at the end of a running round.
-    void Stop();
-    // Waits, after Stop, for the end of a running round.
-    void WaitForRound();
+    // Ends all watches, and waits for a running callback unless it is called by one.
+    void UnwatchAll();
 
 private:
     struct Watched {
@@ -74,6 +68,7 @@ private:
     void OnReady();
     bool BeginRound() PROCMGR_EXCLUDES(lock_);
     void EndRound() PROCMGR_EXCLUDES(lock_);
+    int32_t OpenLocked() PROCMGR_REQUIRES(lock_);
     void CloseLocked() PROCMGR_REQUIRES(lock_);
     std::set<pid_t> Registered() PROCMGR_EXCLUDES(lock_);
     bool TakeBeat(pid_t pid, const std::string& name) PROCMGR_EXCLUDES(lock_);
@@ -81,37 +76,28 @@ private:
     std::optional<Notice> NextLoss(Clock::time_point now) PROCMGR_EXCLUDES(lock_);
     static void Notify(const Notice& notice);
 
-    // Used by the running round only, but for SetTimer under the lock.
+    // Used by the running round; outside of rounds, and for SetTimer, under the lock.
     PlatformHost::HeartbeatPeers peers_;
-    // Used by the running round only; max() while neither a beat nor a registration can be overdue.
+    // Used by the running round; max() while neither a beat nor a registration can be overdue.
     Clock::time_point nextCheck_ = Clock::time_point::max();
 
     Wire::Mutex lock_;
     Wire::Condition roundEnded_;
-    uint64_t watch_ PROCMGR_GUARDED_BY(lock_) = 0;
-    bool isStopped_ PROCMGR_GUARDED_BY(lock_) = false;
-    bool isInRound_ PROCMGR_GUARDED_BY(lock_) = false;
+    uint64_t watch_ PROCMGR_GUARDED_BY(lock_) = 0;  // of the socket; 0: not open
+    uint64_t roundsBegun_ PROCMGR_GUARDED_BY(lock_) = 0;
+    uint64_t roundsEnded_ PROCMGR_GUARDED_BY(lock_) = 0;
+    // The socket is to be closed at the end of the round.
+    bool isEnding_ PROCMGR_GUARDED_BY(lock_) = false;
     // A name has been registered since the begin of the round.
     bool isChanged_ PROCMGR_GUARDED_BY(lock_) = false;
     std::map<std::string, Watched, std::less<>> watched_ PROCMGR_GUARDED_BY(lock_);
 };
 
-int Monitor::Start() {
-    int32_t result = EventWorkers::Shared().Start();
-    result = result == 0 ? peers_.Open() : result;
-    if (result < 0) {
-        return result;
-    }
-    const LockGuard guard(lock_);
-    watch_ = EventWorkers::Shared().Watch(peers_.Fd(), EPOLLIN,
-                                          [self = shared_from_this()](auto) { self->OnReady(); });
-    return watch_ != 0 ? 0 : -ENOMEM;
-}
-
 int Monitor::Watch(std::string_view name, pid_t pid, HeartBeatCallback callback) {
     const LockGuard guard(lock_);
-    if (isStopped_) {
-        return -ECANCELED;
+    const int32_t result = OpenLocked();
+    if (result < 0) {
+        return result;
     }
     Watched watched;
     watched.pid = pid;
@@ -133,32 +119,50 @@ int Monitor::Unwatch(std::string_view name) {
     return 0;
 }
 
-void Monitor::Stop() {
-    const LockGuard guard(lock_);
-    if (std::exchange(isStopped_, true)) {
-        return;
-    }
+void Monitor::UnwatchAll() {
+    Wire::UniqueLock guard(lock_);
     watched_.clear();
-    if (!isInRound_) {
+    isEnding_ = watch_ != 0;
+    const uint64_t last = roundsBegun_;
+    if (roundsEnded_ == last) {
         CloseLocked();
+    } else if (!isInCallback) {
+        roundEnded_.Wait(guard,
+                         [this, last]() PROCMGR_REQUIRES(lock_) { return roundsEnded_ >= last; });
     }
+}
+
+int32_t Monitor::OpenLocked() {
+    isEnding_ = false;
+    if (watch_ != 0) {
+        return 0;
+    }
+    EventWorkers& workers = EventWorkers::Shared();
+    int32_t result = workers.Start();
+    result = result == 0 ? peers_.Open() : result;
+    if (result == 0) {
+        watch_ = workers.Watch(peers_.Fd(), EPOLLIN, [this](auto) { OnReady(); });
+        result = watch_ != 0 ? 0 : -ENOMEM;
+    }
+    if (result < 0) {
+        peers_.Close();
+    }
+    return result;
 }
 
 void Monitor::CloseLocked() {
-    EventWorkers::Shared().Forget(watch_);
-    peers_.Close();
-}
-
-void Monitor::WaitForRound() {
-    Wire::UniqueLock guard(lock_);
-    roundEnded_.Wait(guard, [this]() PROCMGR_REQUIRES(lock_) { return !isInRound_; });
+    if (std::exchange(isEnding_, false)) {
+        EventWorkers::Shared().Forget(std::exchange(watch_, 0));
+        peers_.Close();
+        nextCheck_ = Clock::time_point::max();
+    }
 }
 
 void Monitor::OnReady() {
     if (!BeginRound()) {
         return;
     }
-    const EventWorkers::BlockingScope blocking(EventWorkers::Shared());
+    EventWorkers::Shared().BeginBlocking();
     std::this_thread::sleep_for(ROUND_PAUSE);
     try {
         // Beats before the check: beats that came during a long callback are not overdue.
@@ -168,22 +172,27 @@ void Monitor::OnReady() {
     } catch (const std::exception&) {
         PlatformHost::WriteDiagnostic(LOG_ERR, "heartbeat: out of memory, a round has failed");
     }
+    EventWorkers::Shared().EndBlocking();
     EndRound();
 }
 
+// Returns false for a late event, whose watch has ended meanwhile.
 bool Monitor::BeginRound() {
     const LockGuard guard(lock_);
+    if (watch_ == 0 || roundsBegun_ != roundsEnded_) {
+        return false;
+    }
+    ++roundsBegun_;
     isChanged_ = false;
-    isInRound_ = !isStopped_;
-    return isInRound_;
+    return true;
 }
 
 void Monitor::EndRound() {
     const LockGuard guard(lock_);
-    isInRound_ = false;
-    if (isStopped_) {
+    ++roundsEnded_;
+    roundEnded_.NotifyAll();
+    if (isEnding_) {
         CloseLocked();
-        roundEnded_.NotifyAll();
         return;
     }
     const bool canBeOverdue =
@@ -266,16 +275,10 @@ void Monitor::Notify(const Notice& notice) {
     isInCallback = false;
 }
 
-// The monitor of the process; null before the first registration.
-struct Slot {
-    Wire::Mutex lock;
-    std::shared_ptr<Monitor> monitor PROCMGR_GUARDED_BY(lock);
-};
-
 // Never destroyed: the workers may still use the monitor while the process exits.
-Slot& GetSlot() {
-    static auto* const slot = new Slot;
-    return *slot;
+Monitor& GetMonitor() {
+    static auto* const monitor = new Monitor;
+    return *monitor;
 }
 
 bool IsName(const char* name, size_t length) {
@@ -289,45 +292,13 @@ int RegisterCheckHeartBeat(const char* name, size_t nameLength, int32_t pid,
     if (!IsName(name, nameLength) || pid <= 0 || !callback) {
         return -EINVAL;
     }
-    Slot& slot = GetSlot();
-    const LockGuard guard(slot.lock);
-    const std::string_view text(name, nameLength);
-    if (slot.monitor != nullptr) {
-        const int result = slot.monitor->Watch(text, pid, callback);
-        if (result != -ECANCELED) {
-            return result;
-        }
-    }
-    auto monitor = std::make_shared<Monitor>();
-    const int result = monitor->Start();
-    if (result != 0) {
-        return result;
-    }
-    slot.monitor = monitor;
-    return monitor->Watch(text, pid, std::move(callback));
+    return GetMonitor().Watch({name, nameLength}, pid, std::move(callback));
 }
 
 int UnregisterCheckHeartBeat(const char* name, size_t nameLength) {
-    if (!IsName(name, nameLength)) {
-        return -EINVAL;
-    }
-    Slot& slot = GetSlot();
-    const LockGuard guard(slot.lock);
-    return slot.monitor == nullptr ? -ENOENT : slot.monitor->Unwatch({name, nameLength});
+    return IsName(name, nameLength) ? GetMonitor().Unwatch({name, nameLength}) : -EINVAL;
 }
 
 void DisableAllCheckHeartBeat() {
-    std::shared_ptr<Monitor> monitor;
-    {
-        Slot& slot = GetSlot();
-        const LockGuard guard(slot.lock);
-        monitor = slot.monitor;
-    }
-    if (monitor == nullptr) {
-        return;
-    }
-    monitor->Stop();
-    if (!isInCallback) {
-        monitor->WaitForRound();
-    }
+    GetMonitor().UnwatchAll();
 }

@@ -61,10 +61,11 @@ bool MuxaChannel::OnReady(std::span<uint8_t> buffer) {
         return false;
     }
     if (isCalled) {
-        const EventWorkers::BlockingScope blocking(workers_);
+        workers_.BeginBlocking();
         deliveringId = id_;
         gate_->Call(id_, step == Step::REQUEST ? &request : nullptr);
         deliveringId = 0;
+        workers_.EndBlocking();
     }
     const LockGuard guard(lock_);
     isDelivering_ = false;
@@ -234,7 +235,7 @@ int32_t MuxaChannel::Call(std::span<const uint8_t> body, MuxaResponse& response,
     }
     PendingCall call{.response = response, .done = {}};
     calls_.emplace(sequence, &call);
-    const EventWorkers::WaitingScope waiting(workers_);
+    workers_.BeginWaiting();
     const auto isDone = [&call] { return call.isDone; };
     if (!deadline) {
         call.done.Wait(guard, isDone);
@@ -242,6 +243,7 @@ int32_t MuxaChannel::Call(std::span<const uint8_t> body, MuxaResponse& response,
         WithdrawLocked(sequence);
         call.result = -ETIMEDOUT;
     }
+    workers_.EndWaiting();
     return call.result;
 }
 

@@ -107,10 +107,9 @@ void MuxaEndpoint::OnConnection() {
         }
     }
     // A peer is, or may be, still waiting; without a pause the worker would spin.
-    {
-        const EventWorkers::BlockingScope blocking(workers_);
-        std::this_thread::sleep_for(ROUND_PAUSE);
-    }
+    workers_.BeginBlocking();
+    std::this_thread::sleep_for(ROUND_PAUSE);
+    workers_.EndBlocking();
     const LockGuard guard(lock_);
     isAccepting_ = false;
     ArmLocked();
