@@ -197,7 +197,7 @@ std::string ManifestValue::Text() const {
     if (child_.node->kind != YamlKind::TEXT) {
         Fail(std::string("expected text, got ") + KindName(child_.node->kind));
     }
-    return child_.node->text;
+    return std::string(child_.node->text);
 }
 
 std::string ManifestValue::NonEmptyText() const {
@@ -287,14 +287,14 @@ std::map<std::string, std::string> ManifestValue::TextMap() const {
     return result;
 }
 
-const std::vector<YamlChild>& ManifestValue::List() const {
+std::span<const YamlChild> ManifestValue::List() const {
     if (child_.node->kind != YamlKind::LIST) {
         Fail(std::string("expected a list, got ") + KindName(child_.node->kind));
     }
     return child_.node->children;
 }
 
-const std::vector<YamlChild>& ManifestValue::Map() const {
+std::span<const YamlChild> ManifestValue::Map() const {
     if (child_.node->kind != YamlKind::MAP) {
         Fail(std::string("expected a mapping, got ") + KindName(child_.node->kind));
     }

@@ -36,8 +36,8 @@ public:
     bool Bool() const;
     int64_t Number(int64_t lowest, int64_t highest) const;
     std::map<std::string, std::string> TextMap() const;
-    const std::vector<YamlChild>& List() const;
-    const std::vector<YamlChild>& Map() const;
+    std::span<const YamlChild> List() const;
+    std::span<const YamlChild> Map() const;
 
     // Text that is valid as the name of an application or service.
     std::string Name() const;

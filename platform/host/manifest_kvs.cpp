@@ -43,11 +43,11 @@ bool KvsTypeYaml::InitYamlNode(const std::string& path) {
 }
 
 bool KvsTypeYaml::GetSubKvs(const std::string& key, KvsTypeYaml& child) const {
-    PlatformHost::YamlNodePtr found = node_->yaml != nullptr ? node_->yaml->Find(key) : nullptr;
+    const auto* found = node_->yaml != nullptr ? node_->yaml->Find(key) : nullptr;
     if (found == nullptr) {
         return false;
     }
-    child.node_->yaml = std::move(found);
+    child.node_->yaml = {node_->yaml, found};
     return true;
 }
 
@@ -56,7 +56,7 @@ bool KvsTypeYaml::GetBool() const {
 }
 
 std::string KvsTypeYaml::GetString() const {
-    return node_->yaml != nullptr ? node_->yaml->text : std::string();
+    return node_->yaml != nullptr ? std::string(node_->yaml->text) : std::string();
 }
 
 size_t KvsTypeYaml::GetSize() const {
@@ -68,9 +68,7 @@ bool KvsTypeYaml::GetElement(size_t index, KvsTypeYaml& child) const {
     if (index >= GetSize()) {
         return false;
     }
-    // A copy first: `child` may be this object, which keeps the list alive.
-    PlatformHost::YamlNodePtr element = node_->yaml->children[index].node;
-    child.node_->yaml = std::move(element);
+    child.node_->yaml = {node_->yaml, node_->yaml->children[index].node};
     return true;
 }
 

@@ -115,7 +115,7 @@ private:
         }
     }
 
-    void LoadEntry(const std::string& path, uint32_t line, const std::vector<YamlChild>& children,
+    void LoadEntry(const std::string& path, uint32_t line, std::span<const YamlChild> children,
                    ManifestList list) {
         auto data = std::make_shared<ManifestData>();
         data->list = list;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <exception>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 #include <unordered_map>
@@ -22,6 +23,8 @@ namespace {
 // Limit on the size of one document in bytes, aliases counted as if they were written out.
 constexpr size_t MAX_COST = size_t{32} << 20;
 constexpr size_t NODE_COST = 64;
+// Size of a document's first block of memory in bytes; each further block is larger.
+constexpr size_t FIRST_BLOCK = size_t{16} << 10;
 
 struct TreeFault : std::runtime_error {
     TreeFault(uint32_t where, const std::string& text) : std::runtime_error(text), line(where) {}
@@ -32,7 +35,7 @@ uint32_t LineOf(const YAML::Mark& mark) {
     return mark.line < 0 ? 1 : static_cast<uint32_t>(mark.line) + 1;
 }
 
-void RefuseRepeatedKeys(const std::vector<YamlChild>& map) {
+void RefuseRepeatedKeys(std::span<const YamlChild> map) {
     std::unordered_map<std::string_view, uint32_t> lines;
     for (const YamlChild& child : map) {
         const auto [first, isNew] = lines.emplace(child.key, child.line);
@@ -47,8 +50,10 @@ void RefuseRepeatedKeys(const std::vector<YamlChild>& map) {
 class TreeBuilder : public YAML::EventHandler {
 public:
     const std::string& LastKey() const { return lastKey_; }
-    // Null when the text holds no document.
-    const YamlNodePtr& Root() const { return root_; }
+    // The root of the document, of kind NOTHING when the text holds none.
+    YamlNodePtr Root() {
+        return {memory_, root_ != nullptr ? root_ : NewNode(YamlKind::NOTHING, 1, {})};
+    }
 
     void OnDocumentStart(const YAML::Mark& mark) override {
         if (++documents_ > 1) {
@@ -89,13 +94,13 @@ public:
 
 private:
     struct OpenNode {
-        std::shared_ptr<YamlNode> node;
+        YamlNode* node = nullptr;
         YAML::anchor_t anchor = 0;
         size_t costBefore = 0;
         bool wantsValue = false;  // in a map: the last child is a key without its value
     };
     struct Anchored {
-        YamlNodePtr node;
+        const YamlNode* node = nullptr;
         size_t cost = 0;
     };
 
@@ -106,44 +111,49 @@ private:
         }
     }
 
+    // Nodes are never destroyed one by one: their memory is freed with the last YamlNodePtr.
+    YamlNode* NewNode(YamlKind kind, uint32_t line, std::string_view text) {
+        std::pmr::polymorphic_allocator<> allocator(memory_.get());
+        return allocator.new_object<YamlNode>(kind, line, text, memory_.get());
+    }
+
     void AddLeaf(YamlKind kind, uint32_t line, YAML::anchor_t anchor, const std::string& value) {
         if (value.find('\0') != std::string::npos) {
             throw TreeFault(line, "a text holds a NUL character");
         }
         const size_t cost = NODE_COST + value.size();
         Charge(cost, line);
-        Finish(std::make_shared<YamlNode>(YamlNode{kind, line, value, {}}), anchor, cost);
+        Finish(NewNode(kind, line, value), anchor, cost);
     }
 
     void Open(YamlKind kind, uint32_t line, YAML::anchor_t anchor) {
         if (open_.size() >= MAX_YAML_DEPTH) {
             throw TreeFault(line, "nested too deeply");
         }
-        auto node = std::make_shared<YamlNode>(YamlNode{kind, line, {}, {}});
-        open_.push_back(OpenNode{std::move(node), anchor, cost_});
+        open_.push_back(OpenNode{NewNode(kind, line, {}), anchor, cost_});
         Charge(NODE_COST, line);
     }
 
     void Close() {
-        const OpenNode closed = std::move(open_.back());
+        const OpenNode closed = open_.back();
         open_.pop_back();
         Finish(closed.node, closed.anchor, cost_ - closed.costBefore);
     }
 
-    void Finish(const YamlNodePtr& node, YAML::anchor_t anchor, size_t cost) {
+    void Finish(const YamlNode* node, YAML::anchor_t anchor, size_t cost) {
         if (anchor != 0) {
             anchors_[anchor] = Anchored{node, cost};
         }
         Add(node, node->line);
     }
 
-    void Add(const YamlNodePtr& node, uint32_t line) {
+    void Add(const YamlNode* node, uint32_t line) {
         if (open_.empty()) {
             root_ = node;
             return;
         }
         OpenNode& parent = open_.back();
-        std::vector<YamlChild>& children = parent.node->children;
+        std::pmr::vector<YamlChild>& children = parent.node->children;
         if (parent.node->kind == YamlKind::LIST) {
             children.push_back(YamlChild{{}, line, node});
         } else if (std::exchange(parent.wantsValue, !parent.wantsValue)) {
@@ -156,7 +166,9 @@ private:
         }
     }
 
-    YamlNodePtr root_;
+    const std::shared_ptr<std::pmr::monotonic_buffer_resource> memory_ =
+        std::make_shared<std::pmr::monotonic_buffer_resource>(FIRST_BLOCK);
+    const YamlNode* root_ = nullptr;
     std::vector<OpenNode> open_;  // from the root to the innermost list or map that is not ended
     std::unordered_map<YAML::anchor_t, Anchored> anchors_;
     std::string lastKey_;
@@ -259,7 +271,7 @@ void Build(std::string text, TreeBuilder& builder) {
 
 }  // namespace
 
-YamlNodePtr YamlNode::Find(std::string_view key) const {
+const YamlNode* YamlNode::Find(std::string_view key) const {
     if (kind != YamlKind::MAP) {
         return nullptr;
     }
@@ -280,7 +292,7 @@ YamlNodePtr ParseYamlText(std::string text, YamlError& error) {
     TreeBuilder builder;
     try {
         Build(std::move(text), builder);
-        return builder.Root() != nullptr ? builder.Root() : std::make_shared<YamlNode>();
+        return builder.Root();
     } catch (const TreeFault& fault) {
         error = YamlError{fault.line, builder.LastKey(), fault.what()};
     } catch (const YAML::Exception& invalid) {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <memory_resource>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -16,25 +17,31 @@ namespace PlatformHost {
 enum class YamlKind { NOTHING, TEXT, LIST, MAP };
 
 struct YamlNode;
-// An alias shares the node of its anchor.
-using YamlNodePtr = std::shared_ptr<const YamlNode>;
 
-// An element of a list or, with its key, of a map.
+// An element of a list or, with its key, of a map. An alias has the node of its anchor.
 struct YamlChild {
-    std::string key;
+    std::string_view key;
     uint32_t line = 0;  // of the key; in a list, of the element
-    YamlNodePtr node;
+    const YamlNode* node = nullptr;
 };
 
 struct YamlNode {
-    YamlKind kind = YamlKind::NOTHING;
-    uint32_t line = 1;  // counted from 1
-    std::string text;
-    std::vector<YamlChild> children;  // in file order; keys are unique
+    YamlNode(YamlKind kindOfNode, uint32_t where, std::string_view value,
+             std::pmr::memory_resource* memory)
+        : kind(kindOfNode), line(where), text(value, memory), children(memory) {}
+
+    const YamlKind kind;
+    const uint32_t line;  // counted from 1
+    const std::pmr::string text;
+    std::pmr::vector<YamlChild> children;  // in file order; keys are unique
 
     // The value under `key`, or null when this is not a map or has no such key.
-    YamlNodePtr Find(std::string_view key) const;
+    const YamlNode* Find(std::string_view key) const;
 };
+
+// A node that keeps its document alive. All nodes of a document are in few large blocks of memory:
+// single blocks between blocks that stay would leave the heap of the daemon full of holes.
+using YamlNodePtr = std::shared_ptr<const YamlNode>;
 
 // Why a text is not a usable YAML document.
 struct YamlError {
