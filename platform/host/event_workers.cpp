@@ -75,8 +75,7 @@ bool EventWorkers::SpawnLocked(bool isNeeded) {
     return true;
 }
 
-// One of the threads that stand by waits for the 10 ms from the moment when all workers are held
-// up.
+// While all workers are held up, one idle thread waits for the 10 ms to pass.
 void EventWorkers::StandBy(bool isNeeded) {
     Wire::UniqueLock guard(lock_);
     if (isNeeded && active_ - blocked_ <= FIRST_WORKERS) {

@@ -1,7 +1,7 @@
 // The threads of the host platform's messaging and heartbeat libraries: one epoll set and two
-// workers that wait on it and call a handler for each event. When all workers are held up for a
-// moment, further threads take over; when these workers are back, the further threads stand by. So
-// a flood of short requests is never handled by more threads than there are workers.
+// workers that wait on it and call a handler for each event. When all workers are held up for 10
+// ms, a further thread takes over; it becomes idle when a worker is free again. So a flood of short
+// requests is never handled by more threads than there are workers.
 #pragma once
 
 #include <cstdint>
@@ -62,10 +62,10 @@ private:
     Wire::Mutex lock_;
     Wire::Condition changed_;
     uint32_t total_ PROCMGR_GUARDED_BY(lock_) = 0;    // threads
-    uint32_t active_ PROCMGR_GUARDED_BY(lock_) = 0;   // threads that do not stand by
+    uint32_t active_ PROCMGR_GUARDED_BY(lock_) = 0;   // threads that are not idle
     uint32_t blocked_ PROCMGR_GUARDED_BY(lock_) = 0;  // out of active_
     uint32_t waiting_ PROCMGR_GUARDED_BY(lock_) = 0;  // out of blocked_
-    // True while a thread that stands by waits for the 10 ms to pass.
+    // An idle thread waits for the 10 ms to pass.
     bool isWatched_ PROCMGR_GUARDED_BY(lock_) = false;
     uint32_t lastWatch_ PROCMGR_GUARDED_BY(lock_) = 0;
     std::map<uint64_t, std::shared_ptr<const Handler>> handlers_ PROCMGR_GUARDED_BY(lock_);

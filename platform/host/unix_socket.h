@@ -55,7 +55,7 @@ struct AcceptedPeer {
 
 enum class AcceptResult {
     ACCEPTED,
-    REFUSED,    // the peer has gone already, or the caller closes its connection
+    REFUSED,    // the peer has ended its connection, or the caller refuses it
     NONE,       // no peer is waiting
     EXHAUSTED,  // no descriptor or memory is left; a peer is still waiting
 };
