@@ -1,16 +1,21 @@
+// KvsTypeYaml of platform/manifest.h: reads YAML files that are not manifests.
 #include <syslog.h>
 
 #include <exception>
+#include <utility>
 
 #include "platform/host/diagnostics.h"
+#include "platform/host/yaml_file.h"
 #include "platform/host/yaml_tree.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr {
 
+using PlatformHost::WriteDiagnostic;
+using PlatformHost::YamlKind;
+
 struct KvsTypeYaml::Node {
-    std::shared_ptr<const YamlTree> tree;  // keeps `yaml` alive
-    const YamlNode* yaml = nullptr;        // null: not initialised
+    PlatformHost::YamlNodePtr yaml;  // null before a successful InitYamlNode
 };
 
 KvsTypeYaml::KvsTypeYaml() : node_(std::make_unique<Node>()) {}
@@ -18,39 +23,36 @@ KvsTypeYaml::KvsTypeYaml() : node_(std::make_unique<Node>()) {}
 KvsTypeYaml::~KvsTypeYaml() = default;
 
 bool KvsTypeYaml::InitYamlNode(const std::string& path) {
-    *node_ = Node{};
+    node_->yaml.reset();
     try {
-        YamlFile file = ReadYamlFile(path, FileTrust::ANY);
+        PlatformHost::YamlFile file =
+            PlatformHost::ReadYamlFile(path, PlatformHost::FileTrust::ANY);
         if (!file.error.empty()) {
             WriteDiagnostic(LOG_ERR, path + ": " + file.error);
             return false;
         }
-        YamlError error;
-        std::shared_ptr<const YamlTree> tree = ParseYamlText(std::move(file.text), error);
-        if (!tree) {
+        PlatformHost::YamlError error;
+        node_->yaml = PlatformHost::ParseYamlText(std::move(file.text), error);
+        if (node_->yaml == nullptr) {
             WriteDiagnostic(LOG_ERR, error.Describe(path));
-            return false;
         }
-        const YamlNode* root = tree->root;
-        *node_ = Node{std::move(tree), root};
-        return true;
     } catch (const std::exception& failure) {
         WriteDiagnostic(LOG_ERR, path + ": " + failure.what());
-        return false;
     }
+    return node_->yaml != nullptr;
 }
 
 bool KvsTypeYaml::GetSubKvs(const std::string& key, KvsTypeYaml& child) const {
-    const YamlNode* found = node_->yaml != nullptr ? node_->yaml->Find(key) : nullptr;
+    const auto* found = node_->yaml != nullptr ? node_->yaml->Find(key) : nullptr;
     if (found == nullptr) {
         return false;
     }
-    *child.node_ = Node{node_->tree, found};
+    child.node_->yaml = {node_->yaml, found};
     return true;
 }
 
 bool KvsTypeYaml::GetBool() const {
-    return ParseYamlBool(GetString()).value_or(false);
+    return PlatformHost::ParseYamlBool(GetString()).value_or(false);
 }
 
 std::string KvsTypeYaml::GetString() const {
@@ -66,7 +68,7 @@ bool KvsTypeYaml::GetElement(size_t index, KvsTypeYaml& child) const {
     if (index >= GetSize()) {
         return false;
     }
-    *child.node_ = Node{node_->tree, node_->yaml->children[index].node};
+    child.node_->yaml = {node_->yaml, node_->yaml->children[index].node};
     return true;
 }
 

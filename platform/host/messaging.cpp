@@ -1,60 +1,42 @@
-// The calls of platform/messaging.h: checks of what is passed in, and the way from a descriptor to
-// what it stands for.
+// The functions of platform/messaging.h: they check their arguments and find the endpoint or
+// channel of a descriptor.
+#include "platform/messaging.h"
+
 #include <sys/types.h>
 
 #include <cerrno>
 #include <chrono>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <utility>
 
+#include "platform/host/event_workers.h"
 #include "platform/host/muxa_channel.h"
 #include "platform/host/muxa_endpoint.h"
-#include "platform/host/muxa_socket.h"
-#include "platform/host/muxa_workers.h"
-#include "platform/messaging.h"
+#include "platform/host/muxa_table.h"
+#include "platform/host/unix_socket.h"
+#include "wire/packet.h"
+#include "wire/socket_paths.h"
 
 namespace {
 
+using PlatformHost::EventWorkers;
 using PlatformHost::MuxaChannel;
 using PlatformHost::MuxaEndpoint;
+using PlatformHost::MuxaEndpointSettings;
 using PlatformHost::MuxaEntry;
-using PlatformHost::MuxaKind;
-using PlatformHost::MuxaRoom;
+using PlatformHost::MuxaTable;
+using Wire::PacketKind;
 
-struct Library {
-    PlatformHost::MuxaTable table;
-    PlatformHost::MuxaWorkers workers{
-        [this](uint64_t token, std::span<uint8_t> buffer) { Dispatch(token, buffer); }};
-
-    void Dispatch(uint64_t token, std::span<uint8_t> buffer);
-};
-
-void Library::Dispatch(uint64_t token, std::span<uint8_t> buffer) {
-    const auto id = static_cast<int32_t>(token & std::numeric_limits<int32_t>::max());
-    const MuxaEntry entry = table.Find(id);
-    if (entry.endpoint == nullptr) {
-        return;  // closed meanwhile
-    }
-    if ((token & MuxaEndpoint::LISTENER_TOKEN) != 0) {
-        entry.endpoint->OnConnection();
-    } else if ((token & MuxaEndpoint::TIMER_TOKEN) != 0) {
-        entry.endpoint->OnTimer();
-    } else if (entry.channel != nullptr && entry.channel->OnReady(buffer)) {
-        entry.endpoint->PeerEnded(id);
-    }
+// Never destroyed: the workers still use the table while the process exits.
+MuxaTable& GetTable() {
+    static auto* const table = new MuxaTable;
+    return *table;
 }
 
-// Never destroyed: the workers still use it while the process exits.
-Library& GetLibrary() {
-    static Library* const library = new Library;
-    return *library;
-}
-
-// Callers report errno beside the result.
+// Callers report errno together with the result.
 int32_t Fail(int32_t result) {
     if (result < 0) {
         errno = -result;
@@ -62,43 +44,39 @@ int32_t Fail(int32_t result) {
     return result;
 }
 
-int32_t OpenEndpoint(MuxaRoom room, PlatformHost::MuxaEndpointSettings settings) {
-    settings.isPipe = room == MuxaRoom::PIPE;
-    settings.path = PlatformHost::MuxaSocketPath(room, settings.name);
+int32_t OpenEndpoint(MuxaEndpointSettings settings) {
+    settings.path =
+        settings.isPipe ? Wire::PipePath(settings.name) : Wire::ServerPath(settings.name);
     if (settings.path.empty() || !settings.callback || settings.maxPeers == 0) {
         return -EINVAL;
     }
-    int32_t result = PlatformHost::MakeMuxaDirectories();
+    EventWorkers& workers = EventWorkers::Shared();
+    int32_t result = PlatformHost::MakeMessagingDirectories();
+    result = result == 0 ? workers.Start() : result;
     if (result < 0) {
         return result;
     }
-    Library& library = GetLibrary();
-    result = library.workers.Start();
-    if (result < 0) {
-        return result;
-    }
-    return std::make_shared<MuxaEndpoint>(std::move(settings), library.table, library.workers)
-        ->Open();
+    return std::make_shared<MuxaEndpoint>(std::move(settings), GetTable(), workers)->Open();
 }
 
 std::span<const uint8_t> BodyOf(const void* data, size_t length) {
     return {static_cast<const uint8_t*>(data), length};
 }
 
-// 0, or why these bytes cannot be the body of a packet.
+// Returns 0, or a negative errno when these bytes cannot be the body of a packet.
 int32_t CheckBody(const void* data, size_t length) {
     if (data == nullptr && length != 0) {
         return -EINVAL;
     }
-    return length > PlatformHost::MUXA_MAX_BODY ? -EMSGSIZE : 0;
+    return length > Wire::PACKET_BODY_MAX ? -EMSGSIZE : 0;
 }
 
-int32_t Send(int32_t fd, MuxaKind kind, uint64_t sequence, std::span<const uint8_t> body) {
+int32_t Send(int32_t fd, PacketKind kind, uint64_t sequence, std::span<const uint8_t> body) {
     const int32_t result = CheckBody(body.data(), body.size());
     if (result < 0) {
         return result;
     }
-    const MuxaEntry entry = GetLibrary().table.Find(fd);
+    const MuxaEntry entry = GetTable().Find(fd);
     return entry.channel == nullptr ? -EBADF : entry.channel->Send({kind, sequence}, body);
 }
 
@@ -111,14 +89,14 @@ int32_t Call(int32_t fd, const MuxaRequest* request, MuxaResponse* response,
     if (result < 0) {
         return result;
     }
-    const MuxaEntry entry = GetLibrary().table.Find(fd);
+    const MuxaEntry entry = GetTable().Find(fd);
     return entry.channel == nullptr
                ? -EBADF
                : entry.channel->Call(BodyOf(request->data, request->length), *response, deadline);
 }
 
 int32_t Close(int32_t fd) {
-    const MuxaEntry entry = GetLibrary().table.Find(fd);
+    const MuxaEntry entry = GetTable().Find(fd);
     if (entry.endpoint == nullptr) {
         return -EBADF;
     }
@@ -129,12 +107,12 @@ int32_t Close(int32_t fd) {
 }  // namespace
 
 int32_t MuxaOpen(const MuxaOpenAttributes& attributes) {
-    PlatformHost::MuxaEndpointSettings settings;
+    MuxaEndpointSettings settings;
     settings.name = attributes.name;
     settings.callback = attributes.callback;
     settings.gid = static_cast<gid_t>(attributes.value);
     settings.pid = attributes.pid;
-    return Fail(OpenEndpoint(MuxaRoom::PIPE, std::move(settings)));
+    return Fail(OpenEndpoint(std::move(settings)));
 }
 
 int32_t MuxaCreateServer(const MuxaServerAttributes& attributes, uint32_t maxPeers,
@@ -142,25 +120,26 @@ int32_t MuxaCreateServer(const MuxaServerAttributes& attributes, uint32_t maxPee
     if (flags != 0) {
         return Fail(-EINVAL);
     }
-    PlatformHost::MuxaEndpointSettings settings;
+    MuxaEndpointSettings settings;
     settings.name = attributes.name;
     settings.callback = attributes.callback;
+    settings.isPipe = false;
     settings.maxPeers = maxPeers;
-    return Fail(OpenEndpoint(MuxaRoom::SERVER, std::move(settings)));
+    return Fail(OpenEndpoint(std::move(settings)));
 }
 
 int32_t MuxaSendRequest(int32_t fd, const MuxaRequest* request) {
     if (request == nullptr) {
         return Fail(-EINVAL);
     }
-    return Fail(Send(fd, MuxaKind::REQUEST, 0, BodyOf(request->data, request->length)));
+    return Fail(Send(fd, PacketKind::REQUEST, 0, BodyOf(request->data, request->length)));
 }
 
 int32_t MuxaSendResponse(int32_t fd, const MuxaResponse* response) {
     if (response == nullptr) {
         return Fail(-EINVAL);
     }
-    return Fail(Send(fd, MuxaKind::RESPONSE, response->sequence, response->data));
+    return Fail(Send(fd, PacketKind::RESPONSE, response->sequence, response->data));
 }
 
 int32_t MuxaRPCSync(int32_t fd, MuxaRequest* request, MuxaResponse* response) {
