@@ -1,7 +1,7 @@
 // message_bench [--runs N]
 //
-// What it costs to make a full record and to read one, per record and per item, beside a plain
-// memcpy of the record in the same run. Medians of N samples.
+// Measures the time to encode and to decode a full record, per record and per item, compared with a
+// memcpy of the record in the same run. Prints medians of N samples.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,12 +25,12 @@ constexpr int REPEATS = 200;
 constexpr size_t PAYLOAD_MAX = Message::PM_PIPE_BUF_MAX;
 constexpr size_t COUNT_DIGITS = 5;
 
-// Keeps the compiler from leaving out what nobody reads.
+// Keeps the compiler from removing results that nothing reads.
 void Use(const void* pointer) {
     asm volatile("" : : "r"(pointer) : "memory");
 }
 
-// Nanoseconds that one call takes.
+// The median time of one call in nanoseconds.
 double Measure(int runs, const std::function<void()>& call) {
     std::vector<double> samples;
     for (int run = 0; run < runs; ++run) {
@@ -54,7 +54,7 @@ std::string Name(size_t number) {
     return "application_" + std::string(4 - digits.size(), '0') + digits;
 }
 
-// As many items as one record holds.
+// A record with as many items as fit into it.
 struct Full {
     RequestMsg record;
     size_t items = 0;
@@ -117,7 +117,7 @@ void MeasureGather(const char* what, const Full& full, int runs, double copy) {
     Print(what, full.items, Measure(runs, gather), copy);
 }
 
-// `unpack` is one of the routines that fill a list of items.
+// Measures `unpack`, a function that decodes a record into a list of items.
 template <typename Item>
 void MeasureUnpack(const char* what, const Full& full,
                    const std::function<void(const RequestMsg*, std::vector<Item>&)>& unpack,

@@ -1,8 +1,8 @@
 // owner_bench [--runs N]
 //
-// What an owner waits for: from its start request to the first instruction of the application's
-// main, beside a bare fork and exec of the same program in the same run; from an application's
-// death to the report of it; the answer to a query of 100 names.
+// Measures the times that an owner waits: from its start request to the first instruction of the
+// application's main, compared with a bare fork and exec of the same program in the same run; from
+// the death of an application to the report; from a query of 100 names to the answer.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -25,11 +25,12 @@ namespace {
 using ProcMgr::Message::RequestMsg;
 
 constexpr double MILLISECOND = 1e6;
-// Longer than the period in which the daemon takes a death for a crash loop.
+// A process lives this long before it is killed: longer than a check period of the daemon, which
+// takes an earlier death for a crash loop.
 constexpr std::chrono::milliseconds LIFE{60};
 constexpr int NAMES = 100;
 
-// The owner's end of its pipe. Any failure ends the program.
+// The connection of an owner to its pipe. Any failure ends the program.
 class Owner {
 public:
     explicit Owner(const std::string& name)
