@@ -8,12 +8,13 @@
 #include "channel/report_log.h"
 #include "main/common/log.h"
 #include "main/common/muxa_retry.h"
+#include "message/record_codec.h"
+#include "message/report_codec.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {
 
 using Message::AppStateInfo;
-using Message::RequestMsg;
 
 namespace {
 
@@ -203,10 +204,10 @@ ReportSender::Outcome ReportSender::Send(const std::string& name, Sending& sendi
         return Outcome::FAILED;
     }
     while (sending.sent < sending.records.size()) {
-        const RequestMsg& record = sending.records[sending.sent];
+        const auto bytes = Message::EncodeRecord(sending.records[sending.sent]);
         MuxaRequest request;
-        request.data = &record;
-        request.length = sizeof(record);
+        request.data = bytes.data();
+        request.length = static_cast<uint32_t>(bytes.size());
         const int result = MuxaSendRequest(fd, &request);
         const bool isTriedAgain = sending.report.isPicture ||
                                   (result == MUXA_TRY_AGAIN && ++sending.attempts < SEND_ATTEMPTS);
@@ -276,12 +277,12 @@ bool ReportSender::FindPicture(const std::string& name, Sending& sending) {
 bool ReportSender::Encode(const std::string& name, Sending& sending) {
     const Report& report = sending.report;
     if (!report.statuses.empty()) {
-        sending.records.resize(1);
-        if (!Serialization::EncodeDetailStatus(report.statuses, sending.records.front())) {
+        const auto record = Message::EncodeDetailStatus(report.statuses);
+        if (!record) {
             ProcMgrLog(LOG_ERR, "PROCMGR : ReportAppDetailStatus SerializeMessage failed");
-            sending.records.clear();
             return false;
         }
+        sending.records.push_back(*record);
         return true;
     }
     if (report.states.empty()) {

@@ -1,12 +1,12 @@
 #include "channel/request_dispatch.h"
 
-#include <endian.h>
-
-#include <cstring>
-#include <memory>
+#include <optional>
+#include <span>
 
 #include "main/common/log.h"
 #include "main/common/muxa_retry.h"
+#include "message/record_codec.h"
+#include "message/request_codec.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {
@@ -42,23 +42,22 @@ void RequestDispatch::RequestMsgHandler(int32_t fd, const MuxaRequest* request,
         AnswerDelayRequest(fd, *request);
         return;
     }
-    // The library's buffer has no alignment of its own.
-    const auto record = std::make_unique<RequestMsg>();
-    std::memcpy(record.get(), request->data, sizeof(*record));
-    Dispatch(*record, owner, fd);
+    const std::span bytes(static_cast<const uint8_t*>(request->data), request->length);
+    if (const auto record = Message::DecodeRecord(bytes)) {
+        Dispatch(*record, owner, fd);
+    }
 }
 
 // Known by its length: it has no type of its own.
 void RequestDispatch::AnswerDelayRequest(int32_t fd, const MuxaRequest& request) const {
-    DelayCoreAffinityReq decoded;
-    std::memcpy(&decoded, request.data, sizeof(decoded));
-    decoded.checkInterval = le32toh(decoded.checkInterval);
-    const uint32_t result = htole32(handlers_.setDelayCoreAffinity(decoded));
+    const std::span<const uint8_t, sizeof(DelayCoreAffinityReq)> bytes(
+        static_cast<const uint8_t*>(request.data), sizeof(DelayCoreAffinityReq));
+    const uint32_t result = handlers_.setDelayCoreAffinity(Message::DecodeDelayRequest(bytes));
     if (request.wantsResponse) {
+        const auto body = Message::EncodeDelayResult(result);
         MuxaResponse response;
         response.sequence = request.sequence;
-        response.data.resize(sizeof(result));
-        std::memcpy(response.data.data(), &result, sizeof(result));
+        response.data.assign(body.begin(), body.end());
         ProcMgrMuxaSendResponse(fd, &response);
     }
 }
@@ -106,11 +105,11 @@ void RequestDispatch::Dispatch(const RequestMsg& record, const std::string& owne
             return;
         }
         case Message::QUERY_APP_STATE: {
-            std::vector<std::string> names;
-            if (!DecodeQueryNames(record, names)) {
+            const auto names = Message::DecodeQuery(record);
+            if (!names) {
                 ProcMgrLog(LOG_ERR, "PROCMGR: DeserializeMessage QUERY_APP_STATE fail.");
             }
-            handlers_.queryAppState(names, owner);
+            handlers_.queryAppState(names.value_or(std::vector<std::string>()), owner);
             return;
         }
         default:

@@ -17,23 +17,36 @@
 #include <functional>
 #include <future>
 
-#include "agent/codec.h"
+#include "message/record_codec.h"
+#include "message/request_codec.h"
 #include "tests/support/private_run.h"
+#include "wire/packet.h"
 
 namespace ProcMgr::Agent {
 namespace {
 
 using namespace std::chrono_literals;
 using Message::AppStateInfo;
-using Message::RequestMsg;
 using std::chrono::steady_clock;
 using testing::ElementsAre;
+using Wire::PACKET_HEADER_SIZE;
+using Wire::PACKET_MAX;
+using Wire::PacketHeader;
+using Wire::PacketKind;
 using Wire::UniqueFd;
 
 constexpr const char* NAME = "owner";
 const std::string DIRECTORY = "/run/muxa/pipe/";
 constexpr const char* HEARTBEAT = "/run/heartbeat.sock";
 constexpr auto PATIENCE = 10s;
+
+// One packet as bytes.
+std::vector<uint8_t> Encode(const PacketHeader& header, std::span<const uint8_t> body) {
+    std::vector<uint8_t> packet(PACKET_HEADER_SIZE + body.size());
+    Wire::EncodePacketHeader(header, std::span(packet).first<PACKET_HEADER_SIZE>());
+    std::copy(body.begin(), body.end(), packet.begin() + PACKET_HEADER_SIZE);
+    return packet;
+}
 
 UniqueFd Bind(int type, const char* path) {
     UniqueFd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
@@ -77,11 +90,7 @@ public:
     }
     void SendText(Message::RequestType type, std::string_view text,
                   PacketKind kind = PacketKind::REQUEST) {
-        RequestMsg record;
-        record.type = type;
-        record.size = text.size();
-        std::memcpy(record.data, text.data(), text.size());
-        Send(EncodeRecordPacket(kind, 0, record));
+        Send(Encode({kind, 0}, Message::EncodeRecord(Message::MakeRecord(type, text))));
     }
 
 private:
@@ -90,18 +99,15 @@ private:
 };
 
 std::vector<uint8_t> StateReport(char state) {
-    const RecordPacket packet = EncodeRecordPacket(
-        PacketKind::REQUEST, 0, MakeStateReport(static_cast<BaseServiceStateType>(state - '0')));
-    return {packet.begin(), packet.end()};
+    return Encode({}, Message::EncodeRecord(Message::EncodeStateReport(
+                          static_cast<BaseServiceStateType>(state - '0'))));
 }
 
 // Type and payload of a packet that carries one record, as "type:payload".
 std::string Told(const std::vector<uint8_t>& bytes) {
-    const auto packet = DecodePacket(bytes);
-    const auto record = packet ? DecodeRecord(packet->body) : std::nullopt;
-    return record ? std::to_string(record->type) + ':' +
-                        std::string(reinterpret_cast<const char*>(record->data),
-                                    static_cast<size_t>(record->size))
+    const auto packet = Wire::DecodePacket(bytes);
+    const auto record = packet ? Message::DecodeRecord(packet->body) : std::nullopt;
+    return record ? std::to_string(record->type) + ':' + std::string(Message::PayloadOf(*record))
                   : "none";
 }
 
@@ -207,9 +213,8 @@ TEST_F(OwnerChannelTest, HandsReportsOnInOrderAndPassesOverTheRest) {
     daemon.SendText(Message::APP_STATE_REPORT, "9#cut#1#");
     daemon.SendText(Message::TERM_APP, "1#wrong-type#");
     daemon.SendText(Message::APP_STATE_REPORT, "1#response#1#0#0#0#", PacketKind::RESPONSE);
-    const RecordPacket whole = EncodeRecordPacket(PacketKind::REQUEST, 0, RequestMsg{});
-    daemon.Send(std::span(whole).first(PACKET_HEADER_SIZE));
-    std::vector<uint8_t> largest(whole.begin(), whole.end());
+    std::vector<uint8_t> largest = Encode({}, {});
+    daemon.Send(largest);
     largest.resize(PACKET_MAX);
     daemon.Send(largest);
     daemon.SendText(Message::APP_STATE_REPORT, "1#c#3#0#4#0#", PacketKind::CALL);
@@ -360,14 +365,15 @@ TEST_F(OwnerChannelTest, SetsDelayCoreAffinityAndTakesOnlyTheResultOfThatCall) {
     // The sequence number of the request; 0 when it is another one.
     const auto receive = [&]() -> uint64_t {
         const std::vector<uint8_t> bytes = daemon->Receive();
-        const auto packet = DecodePacket(bytes);
+        const auto packet = Wire::DecodePacket(bytes);
         const std::vector<uint8_t> body = {1, 0xFF, 1, 0, 4, 3, 2, 1};
-        return packet && packet->kind == PacketKind::CALL && std::ranges::equal(packet->body, body)
-                   ? packet->sequence
+        return packet && packet->header.kind == PacketKind::CALL &&
+                       std::ranges::equal(packet->body, body)
+                   ? packet->header.sequence
                    : 0;
     };
     const auto respond = [&](uint64_t sequence, std::vector<uint8_t> body) {
-        daemon->Send(EncodePacket(PacketKind::RESPONSE, sequence, body));
+        daemon->Send(Encode({PacketKind::RESPONSE, sequence}, body));
     };
     EXPECT_FALSE(channel.SetDelayCoreAffinity({}, 20ms));
     EXPECT_FALSE(daemon->Receive().empty());

@@ -12,8 +12,8 @@
 #include <functional>
 #include <future>
 
-#include "agent/codec.h"
 #include "tests/support/private_run.h"
+#include "wire/packet_io.h"
 #include "wire/unique_fd.h"
 
 namespace ProcMgr::Agent {
@@ -21,6 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using Message::UploadResult;
+using Wire::PacketKind;
 using Wire::UniqueFd;
 using Bytes = std::vector<uint8_t>;
 using Answered = std::optional<Message::UploadResponse>;
@@ -42,7 +43,7 @@ protected:
     // Takes the next call; its bytes are empty when none comes.
     Bytes Accept() {
         pollfd waited{listener_.Get(), POLLIN, 0};
-        Bytes bytes(PACKET_MAX);
+        Bytes bytes(Wire::PACKET_MAX);
         ssize_t length = 0;
         if (poll(&waited, 1, 10000) == 1) {
             peer_ = UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
@@ -51,9 +52,8 @@ protected:
         bytes.resize(length > 0 ? static_cast<size_t>(length) : 0);
         return bytes;
     }
-    void Send(const Bytes& packet) {
-        EXPECT_EQ(send(peer_.Get(), packet.data(), packet.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(packet.size()));
+    void Send(PacketKind kind, uint64_t sequence, const Bytes& body) {
+        EXPECT_EQ(Wire::SendPacket(peer_.Get(), {kind, sequence}, body), Wire::SendResult::SENT);
     }
 
     UniqueFd listener_;
@@ -73,9 +73,9 @@ TEST_F(UploadTest, RegistersWithAServerThatComesLater) {
     EXPECT_EQ(answered.wait_for(IMPATIENCE), std::future_status::timeout);
     Listen();
     const Bytes bytes = Accept();
-    const auto packet = DecodePacket(bytes);
+    const auto packet = Wire::DecodePacket(bytes);
     ASSERT_TRUE(packet);
-    EXPECT_EQ(packet->kind, PacketKind::CALL);
+    EXPECT_EQ(packet->header.kind, Wire::PacketKind::CALL);
     Message::UploadRequest request;
     ASSERT_EQ(Message::DecodeUploadRequest(packet->body, request), UploadResult::REGISTERED);
     EXPECT_EQ(request.pid, getpid());
@@ -85,10 +85,10 @@ TEST_F(UploadTest, RegistersWithAServerThatComesLater) {
 
     const auto no = Message::EncodeUploadResponse({UploadResult::TOO_MANY, {}}).value();
     const auto yes = Message::EncodeUploadResponse({UploadResult::REGISTERED, {"g1"}}).value();
-    Send(EncodePacket(PacketKind::RESPONSE, packet->sequence + 1, no));
-    Send(EncodePacket(PacketKind::REQUEST, packet->sequence, no));
+    Send(PacketKind::RESPONSE, packet->header.sequence + 1, no);
+    Send(PacketKind::REQUEST, packet->header.sequence, no);
     EXPECT_EQ(answered.wait_for(IMPATIENCE), std::future_status::timeout);
-    Send(EncodePacket(PacketKind::RESPONSE, packet->sequence, yes));
+    Send(PacketKind::RESPONSE, packet->header.sequence, yes);
     const Answered answer = answered.get();
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->result, UploadResult::REGISTERED);
@@ -104,18 +104,18 @@ TEST_F(UploadTest, NothingComesOfASilentOrBrokenServer) {
     Accept();
     const std::function<void(uint64_t)> answers[] = {
         [this](uint64_t) { peer_.Reset(); },
-        [this](uint64_t) { Send(Bytes(PACKET_HEADER_SIZE)); },
-        [this](uint64_t sequence) { Send(EncodePacket(PacketKind::RESPONSE, sequence, Bytes(4))); },
+        [this](uint64_t) { Send(PacketKind{0}, 0, {}); },
+        [this](uint64_t sequence) { Send(PacketKind::RESPONSE, sequence, Bytes(4)); },
         [this](uint64_t sequence) {
-            Send(EncodePacket(PacketKind::RESPONSE, sequence, Bytes(PACKET_BODY_MAX + 1)));
+            Send(PacketKind::RESPONSE, sequence, Bytes(Wire::PACKET_BODY_MAX + 1));
         },
     };
     for (const auto& answer : answers) {
         std::future<Answered> answered = Register(PATIENCE * 2);
         const Bytes bytes = Accept();
-        const auto packet = DecodePacket(bytes);
+        const auto packet = Wire::DecodePacket(bytes);
         ASSERT_TRUE(packet);
-        answer(packet->sequence);
+        answer(packet->header.sequence);
         EXPECT_EQ(answered.wait_for(PATIENCE), std::future_status::ready) << "is told at once";
         EXPECT_FALSE(answered.get());
     }

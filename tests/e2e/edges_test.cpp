@@ -6,9 +6,9 @@
 
 namespace {
 
-using ProcMgr::Agent::PipePath;
 using testing::Contains;
 using testing::HasSubstr;
+using Wire::PipePath;
 
 class Edges : public E2e {
 protected:

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "agent/owner_channel.h"
+#include "message/request_codec.h"
 #include "tests/e2e/e2e_fixture.h"
 #include "tests/e2e/peers.h"
 
@@ -18,18 +19,8 @@ using ProcMgr::Message::RequestMsg;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
 
-std::string Query(const std::vector<std::string>& names) {
-    std::string payload;
-    const auto append = [&payload](size_t number) {
-        const auto value = static_cast<uint32_t>(number);
-        payload.append(reinterpret_cast<const char*>(&value), sizeof(value));
-    };
-    append(names.size());
-    for (const std::string& name : names) {
-        append(name.size());
-        payload += name;
-    }
-    return payload;
+RequestMsg Query(const std::vector<std::string>& names) {
+    return ProcMgr::Message::EncodeQuery(names).value();
 }
 
 using Owners = E2e;
@@ -44,7 +35,7 @@ TEST_F(Owners, AnApplicationsLife) {
 
     vintor.Send(0, "2#a#0#0#b#0#0#");
     EXPECT_THAT(vintor.Next(2), UnorderedElementsAre("a 0", "b 0"));
-    vintor.Send(9, Query({"a", "b", "ghost"}));
+    vintor.Send(Query({"a", "b", "ghost"}));
     EXPECT_EQ(vintor.Next(), "a=0,b=0,ghost=1");
     vintor.Send(1, "1#a#0#0#");
     EXPECT_EQ(vintor.Next(), "a 1");
@@ -236,7 +227,7 @@ void Work(const std::string& name, size_t apps, int rounds, RawOwner& owner,
         expect("0");
         owner.Send(1, launch);
         expect("1");
-        owner.Send(9, Query(names));
+        owner.Send(Query(names));
         const std::string answer = owner.Next();
         ASSERT_EQ(static_cast<size_t>(std::count(answer.begin(), answer.end(), '=')), apps);
         ASSERT_EQ(answer.find("=1"), std::string::npos) << answer;

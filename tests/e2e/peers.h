@@ -10,15 +10,28 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "agent/codec.h"
+#include "message/record_codec.h"
+#include "message/report_codec.h"
 #include "tests/e2e/e2e_fixture.h"
 #include "tests/support/raw_peer.h"
+#include "wire/packet.h"
+#include "wire/socket_paths.h"
 
 using ProcMgr::Tests::RawPeer;
+
+// The bytes of one packet.
+inline std::vector<uint8_t> EncodePacket(const Wire::PacketHeader& header,
+                                         std::span<const uint8_t> body) {
+    std::vector<uint8_t> packet(Wire::PACKET_HEADER_SIZE);
+    Wire::EncodePacketHeader(header, std::span(packet).first<Wire::PACKET_HEADER_SIZE>());
+    packet.insert(packet.end(), body.begin(), body.end());
+    return packet;
+}
 
 // One connection to the pipe of a service. A record of several reports is returned report by
 // report.
@@ -30,7 +43,7 @@ public:
 
     // Waits for the pipe and reports the service as RUNNING.
     bool Attach() {
-        peer_ = RawPeer(ProcMgr::Agent::PipePath(name_), PATIENCE);
+        peer_ = RawPeer(Wire::PipePath(name_), PATIENCE);
         return peer_.IsValid() && Send(3, "1#2#");
     }
     bool Send(uint32_t type, const std::string& payload) const {
@@ -41,8 +54,7 @@ public:
         return Send(record);
     }
     bool Send(const ProcMgr::Message::RequestMsg& record) const {
-        const auto packet =
-            ProcMgr::Agent::EncodeRecordPacket(ProcMgr::Agent::PacketKind::REQUEST, 0, record);
+        const auto packet = EncodePacket({}, ProcMgr::Message::EncodeRecord(record));
         return SendBytes(packet.data(), packet.size());
     }
     bool SendBytes(const void* data, size_t size) const { return peer_.Send(data, size); }
@@ -90,16 +102,14 @@ public:
 
 private:
     bool Receive(std::chrono::milliseconds patience) {
-        const auto bytes = peer_.Receive(patience);
-        const auto packet =
-            bytes ? ProcMgr::Agent::DecodePacket(
-                        std::span(reinterpret_cast<const uint8_t*>(bytes->data()), bytes->size()))
-                  : std::nullopt;
-        const auto record = packet ? ProcMgr::Agent::DecodeRecord(packet->body) : std::nullopt;
+        const auto bytes = peer_.Receive(patience).value_or("");
+        const auto packet = Wire::DecodePacket(
+            std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
+        const auto record = packet ? ProcMgr::Message::DecodeRecord(packet->body) : std::nullopt;
         if (!record) {
             return false;
         }
-        if (const auto states = ProcMgr::Agent::DecodeAppStates(*record)) {
+        if (const auto states = ProcMgr::Message::DecodeAppStates(*record)) {
             for (const auto& state : *states) {
                 pending_.push_back(state.appName + " " + std::to_string(state.reportType));
                 lastPid_ = state.pid;
@@ -110,20 +120,11 @@ private:
         return true;
     }
     static std::string DecodeStatus(const ProcMgr::Message::RequestMsg& record) {
-        EXPECT_EQ(record.type, 10U);
-        const uint8_t* at = record.data;
-        const auto number = [&at] {
-            uint32_t value = 0;
-            std::memcpy(&value, at, sizeof(value));
-            at += sizeof(value);
-            return value;
-        };
+        const auto statuses = ProcMgr::Message::DecodeDetailStatus(record);
+        EXPECT_TRUE(statuses) << "type " << record.type;
         std::string text;
-        for (uint32_t count = number(); count > 0; --count) {
-            const uint32_t length = number();
-            text += std::string(reinterpret_cast<const char*>(at), length) + "=";
-            at += length;
-            text += std::to_string(number()) + (count > 1 ? "," : "");
+        for (const auto& [name, status] : statuses.value_or(std::map<std::string, uint32_t>())) {
+            text += (text.empty() ? "" : ",") + name + "=" + std::to_string(status);
         }
         return text;
     }

@@ -14,10 +14,19 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using Reports = RawOwner::Reports;
 
+// Takes what has come; closes the connection if the daemon has closed it.
+void TakeAnswers(RawPeer& peer) {
+    while (const auto answer = peer.Receive(0ms)) {
+        if (answer->empty()) {
+            peer.Close();
+        }
+    }
+}
+
 // Sends registrations over 124 connections, as fast as they are taken.
 int FloodUpload() {
     const auto record = ProcMgr::Message::EncodeUploadRequest({getpid(), "camera", "/bin/x", {}});
-    const auto packet = ProcMgr::Agent::EncodePacket(ProcMgr::Agent::PacketKind::CALL, 1, *record);
+    const auto packet = EncodePacket({Wire::PacketKind::CALL, 1}, *record);
     std::vector<RawPeer> peers(124);
     for (;;) {
         for (RawPeer& peer : peers) {
@@ -26,11 +35,7 @@ int FloodUpload() {
             }
             while (peer.Send(packet.data(), packet.size(), MSG_DONTWAIT)) {
             }
-            while (const auto answer = peer.Receive(0ms)) {
-                if (answer->empty()) {  // the daemon has closed the connection
-                    peer.Close();
-                }
-            }
+            TakeAnswers(peer);
         }
     }
 }

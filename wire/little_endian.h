@@ -1,12 +1,13 @@
-// Integers of a wire format, whose bytes are little-endian on any host and need no alignment. Used
-// by whoever writes or reads records: the decoders of this directory and the client library.
+// Integers of a wire format: their bytes are little-endian on any host and need no alignment. Used
+// by the packet codec of this directory, by the record codecs of message/, and through both by the
+// daemon, the platform library and the client library.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
-namespace ProcMgr::Message {
+namespace Wire {
 
 // Writes the sizeof(Number) bytes at `out`.
 template <typename Number>
@@ -28,4 +29,4 @@ Number LoadLittleEndian(const uint8_t* in) {
     return value;
 }
 
-}  // namespace ProcMgr::Message
+}  // namespace Wire
