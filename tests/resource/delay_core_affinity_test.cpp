@@ -402,10 +402,6 @@ TEST_F(PinningTest, AProcessThatIsGoneOrNotMarkedIsLeftAlone) {
     const Child plain;
     apps_.Add("gone", stranger.Pid(), {0});
     apps_.Add("plain", plain.Pid(), {0}, false);
-    for (const ManagedApp& app : apps_.apps) {
-        EXPECT_EQ(delay_.BindCoreForDelayApp(app), 0U);
-        EXPECT_TRUE(delay_.CheckMissingTids(app));
-    }
     EXPECT_EQ(Bind(1, 100, 1), 0U);
     EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Finish(1, 100, 1, 1)));
     EXPECT_EQ(CoresOf(plain.Pid()), BOTH);
