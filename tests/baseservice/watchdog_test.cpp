@@ -16,7 +16,6 @@ namespace {
 
 using Fakes::LogCapture;
 using Fakes::LogLine;
-using WatchDogSys::Recorder;
 using Strings = std::vector<std::string>;
 
 const std::string KO = "/var/sbsa_gwdt.ko";
@@ -36,7 +35,7 @@ ProcMgrSettings Enabled() {
 }
 
 void Reset() {
-    Recorder::Get() = {};
+    WatchDogSys::Calls() = {};
     LogCapture::Clear();
     ProcMgrEnv::GetInstance().SetDisableWatchDog(false);
 }
@@ -48,7 +47,7 @@ protected:
 };
 
 void Expect(const Strings& calls, const std::vector<LogLine>& lines) {
-    EXPECT_EQ(Recorder::Get().calls, calls);
+    EXPECT_EQ(WatchDogSys::Calls().Calls(), calls);
     EXPECT_EQ(LogCapture::Lines(), lines);
 }
 
@@ -61,7 +60,7 @@ TEST_F(WatchDog, NothingIsLoadedWhenItIsForbiddenOrWithoutAFile) {
     EXPECT_FALSE(InsmodKo(Enabled())) << "nor for callers that come past the other";
     Expect({}, {DISABLED, DISABLED});
     Reset();
-    Recorder::Get().failures["access"] = ENOENT;
+    WatchDogSys::Calls().Fail("access", ENOENT);
     EXPECT_FALSE(InsertWatchDogKo(Enabled()));
     Expect({"access " + KO + " 0"}, {{LOG_ERR, KO + " is not existed errno=2"}});
 }
@@ -99,11 +98,11 @@ TEST_F(WatchDog, FailuresOfLoadingTheModule) {
     ProcMgrSettings settings = Enabled();
     settings.watchDogTimeout = "30";
     settings.watchDogAction = "0";
-    Recorder::Get().failures["open"] = EACCES;
+    WatchDogSys::Calls().Fail("open", EACCES);
     EXPECT_FALSE(InsmodKo(settings));
     Expect({"open " + KO}, {{LOG_ERR, "InsmodKo failed. open ko=" + KO + " failed errno=13"}});
     Reset();
-    Recorder::Get().failures["finit_module"] = ENOEXEC;
+    WatchDogSys::Calls().Fail("finit_module", ENOEXEC);
     EXPECT_FALSE(InsmodKo(settings));
     const std::string parameters = "timeout=30 action=0 disable_on_poweroff=1";
     Expect({"open " + KO, "finit_module 12 [" + parameters + "] 0", "close 12"},
@@ -120,14 +119,14 @@ TEST_F(WatchDog, Feeding) {
                    {LOG_INFO, "Enable feeding watchdog ioctl successfully, device=" + DEVICE +
                                   ", timeout=60000ms"}});
     Reset();
-    Recorder::Get().failures["ioctl"] = ENOTTY;
+    WatchDogSys::Calls().Fail("ioctl", ENOTTY);
     EXPECT_FALSE(EnableFeedDog("60"));
     const std::string failed = "EnableFeedDog failed. ";
     Expect(calls,
            {FEED_OPENED,
             {LOG_ERR, failed + "ioctl failed. device=" + DEVICE + ", errno=25, timeout=60000 ms"}});
     Reset();
-    Recorder::Get().failures["open"] = ENOENT;
+    WatchDogSys::Calls().Fail("open", ENOENT);
     EXPECT_FALSE(EnableFeedDog("60"));
     Expect({"open " + DEVICE}, {{LOG_ERR, failed + "open device=" + DEVICE + " failed errno=2"}});
 }
@@ -145,7 +144,7 @@ TEST_F(WatchDog, ATimeoutThatIsNoNumberThrowsAndLeavesNoDescriptor) {
     }
     Reset();
     EXPECT_TRUE(EnableFeedDog("2147483"));
-    EXPECT_EQ(Recorder::Get().calls[1], "ioctl 12 0xc0085701 2147483000");
+    EXPECT_EQ(WatchDogSys::Calls().Calls()[1], "ioctl 12 0xc0085701 2147483000");
 }
 
 }  // namespace

@@ -172,23 +172,13 @@ TEST_F(Stall, AFifoInPlaceOfAProtectedProgram) {
 
 TEST_F(Stall, ALoggerThatNeverReads) {
     const Beacon victim(In("victim"));
-    harness_.Log().SetPause(NEVER);
+    harness_.Log().Hold();
     Boot(Entry("odd", "stay", "colour: red") + Victim(victim));
     pid_t pid = victim.Next(3s * SLOWER);
     EXPECT_GT(pid, 0) << "is not started";
     ExpectRestarts(victim, pid, 3, SOON);
     ExpectPromptStop();
-    harness_.Log().SetPause(0ms);
-}
-
-TEST_F(Stall, ALoggerThatReadsThreeLinesASecond) {
-    const Beacon victim(In("victim"));
-    Boot(Victim(victim));
-    pid_t pid = victim.Next();
-    ASSERT_TRUE(WaitForLine(START_UP_END));
-    harness_.Log().SetPause(333ms);
-    ExpectRestarts(victim, pid, 5, SOON);
-    harness_.Log().SetPause(0ms);
+    harness_.Log().Release();
 }
 
 TEST_F(Stall, AFloodOfUploadRequests) {
@@ -320,7 +310,7 @@ TEST_F(Stall, AllAtOnce) {
     ASSERT_TRUE(WaitForLine(START_UP_END));
     pid_t pid = victim.Next();
     const HelperProcess flood(0, 0, FloodUpload);
-    harness_.Log().SetPause(NEVER);
+    harness_.Log().Hold();
     SpoilProtected(spoilt.Next());
     std::vector<milliseconds> times;
     while (times.size() < KILLS && !HasFailure()) {
@@ -330,7 +320,7 @@ TEST_F(Stall, AllAtOnce) {
     std::sort(times.begin(), times.end());
     EXPECT_LE(times[times.size() / 2], 50ms * SLOWER);
     ExpectPromptStop();
-    harness_.Log().SetPause(0ms);
+    harness_.Log().Release();
 }
 
 }  // namespace

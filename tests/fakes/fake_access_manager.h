@@ -1,36 +1,33 @@
-// The access-manager library for unit tests: what was scripted before a fork holds in the child
-// too. Any thread may use it.
+// The access-manager library for unit tests. Results and hooks that were set before a fork are
+// valid in the child too. Any thread may use it.
 #pragma once
 
 #include <functional>
-#include <mutex>
 #include <utility>
 
 #include "platform/access_manager.h"
-#include "tests/fakes/scripted.h"
+#include "tests/fakes/recorder.h"
 
 namespace ProcMgr::Fakes {
 
 class FakeAccessManager {
 public:
-    static FakeAccessManager& Get();
-    void Reset();
+    static FakeAccessManager& Get() {
+        static FakeAccessManager fake;
+        return fake;
+    }
+    void Reset() { calls_.Reset(); }
 
-    // Result and errno of the next registration; 0 when none is left.
-    void PushInit(int result, int error);
-    // Called at each registration, without a lock.
-    void SetHook(std::function<void(const AppConfig&)> hook);
+    // Result and errno of the next ZornInitProc(); 0 without any.
+    void PushInit(int result, int error) { calls_.Push(0, {result, error}); }
+    // Called at the beginning of each ZornInitProc(), without a lock.
+    void SetHook(std::function<void(const AppConfig&)> hook) { calls_.SetHook(0, std::move(hook)); }
 
-    // For the library's functions only.
-    int OnInit(const AppConfig& config);
+    // For ZornInitProc() only.
+    std::pair<int, int> Init(const AppConfig& config) { return calls_.Add(0, config); }
 
 private:
-    FakeAccessManager() = default;
-
-    mutable std::mutex mutex_;
-    // All guarded by mutex_.
-    Scripted<std::pair<int, int>> results_{{0, 0}};
-    std::function<void(const AppConfig&)> hook_;
+    Recorder<int, AppConfig, std::pair<int, int>> calls_;  // one function: the key is 0
 };
 
 }  // namespace ProcMgr::Fakes

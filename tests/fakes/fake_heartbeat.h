@@ -1,5 +1,5 @@
-// The heartbeat library for unit tests: records registrations and lets a test say that a beat is
-// lost or back. Any thread may use it.
+// The heartbeat library for unit tests: records registrations and lets a test report a heartbeat as
+// lost or recovered. Any thread may use it.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,11 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/heartbeat.h"
-#include "tests/fakes/scripted.h"
+#include "tests/fakes/recorder.h"
 
 namespace ProcMgr::Fakes {
 
@@ -22,40 +23,66 @@ public:
         int result = 0;
     };
 
-    static FakeHeartBeat& Get();
+    static FakeHeartBeat& Get() {
+        static FakeHeartBeat fake;
+        return fake;
+    }
+    void Reset() {
+        registrations_.Reset();
+        UnregisterAll();
+    }
 
-    void Reset();
+    // The result of the next registration; 0 when none is queued.
+    void PushRegister(int result) { registrations_.Push(0, result); }
+    // Every registration, failed ones too.
+    std::vector<Registered> Registrations() const { return registrations_.Entries(); }
+    // The pid watched under `name`; nothing when the name is not watched.
+    std::optional<int32_t> Watched(const std::string& name) const {
+        const auto watch = Find(name);
+        return watch ? std::optional(watch->first) : std::nullopt;
+    }
 
-    // The result of the next registration; 0 when none is left.
-    void PushRegister(int result);
+    // Calls the callback of `name` on this thread, without a lock, and returns its result; -1 when
+    // `name` is not watched. The callback gets `pid`, by default the registered one.
+    int Notify(const std::string& name, uint32_t status) {
+        const auto watch = Find(name);
+        return watch ? Notify(name, watch->first, status) : -1;
+    }
+    int Notify(const std::string& name, int32_t pid, uint32_t status) {
+        const auto watch = Find(name);
+        return watch ? watch->second(name.c_str(), name.size(), pid, status) : -1;
+    }
 
-    std::vector<Registered> Registrations() const;  // every call
-    // The pid watched under `name`; nothing when it is not watched.
-    std::optional<int32_t> Watched(const std::string& name) const;
-
-    // Calls the callback of `name` with what was registered, on this thread and without a lock.
-    // Returns its result; -1 when `name` is not watched. `pid` in place of the registered one.
-    int Notify(const std::string& name, uint32_t status);
-    int Notify(const std::string& name, int32_t pid, uint32_t status);
-
-    // For the library's functions only.
-    int OnRegister(const std::string& name, int32_t pid, HeartBeatCallback callback);
-    int OnUnregister(const std::string& name);
-    void OnDisableAll();
+    // For the faked functions only.
+    int Register(const std::string& name, int32_t pid, HeartBeatCallback callback) {
+        const int result = registrations_.Add(0, {name, pid, 0});
+        if (result == 0) {
+            const std::lock_guard lock(mutex_);
+            watches_[name] = {pid, std::move(callback)};
+        }
+        return result;
+    }
+    void Unregister(const std::string& name) {
+        const std::lock_guard lock(mutex_);
+        watches_.erase(name);
+    }
+    void UnregisterAll() {
+        const std::lock_guard lock(mutex_);
+        watches_.clear();
+    }
 
 private:
-    struct Watch {
-        int32_t pid = 0;
-        HeartBeatCallback callback;
-    };
+    using Watch = std::pair<int32_t, HeartBeatCallback>;
 
-    FakeHeartBeat() = default;
+    std::optional<Watch> Find(const std::string& name) const {
+        const std::lock_guard lock(mutex_);
+        const auto found = watches_.find(name);
+        return found == watches_.end() ? std::nullopt : std::optional(found->second);
+    }
 
+    Recorder<int, Registered> registrations_;  // one function: the key is 0
     mutable std::mutex mutex_;
-    // All guarded by mutex_.
-    Scripted<int> registerResults_{0};
-    std::map<std::string, Watch> watches_;
-    std::vector<Registered> registrations_;
+    std::map<std::string, Watch> watches_;  // guarded by mutex_
 };
 
 }  // namespace ProcMgr::Fakes

@@ -1,85 +1,40 @@
 #include "tests/fakes/fake_muxa.h"
 
-#include <utility>
-
 namespace ProcMgr::Fakes {
 
-namespace {
-
-std::vector<uint8_t> Bytes(const MuxaRequest* request) {
-    if (request == nullptr || request->data == nullptr) {
-        return {};
-    }
-    const auto* begin = static_cast<const uint8_t*>(request->data);
-    return {begin, begin + request->length};
-}
-
-}  // namespace
-
-FakeMuxa& FakeMuxa::Get() {
-    static FakeMuxa fake;
-    return fake;
-}
-
 void FakeMuxa::Reset() {
+    calls_.Reset();
     const std::lock_guard lock(mutex_);
     nextFd_ = 100;
-    results_.clear();
-    defaults_.clear();
-    hooks_.clear();
-    counts_.clear();
     endpoints_.clear();
-    opens_.clear();
-    sends_.clear();
-    responses_.clear();
-    closes_.clear();
 }
 
-void FakeMuxa::Push(Call call, int32_t result, int count) {
-    const std::lock_guard lock(mutex_);
-    results_[call].insert(results_[call].end(), static_cast<size_t>(count), result);
+std::vector<FakeMuxa::Recorded> FakeMuxa::Of(Call call) const {
+    auto calls = calls_.Entries();
+    std::erase_if(calls, [call](const Recorded& made) { return made.call != call; });
+    return calls;
 }
 
-void FakeMuxa::SetDefault(Call call, int32_t result) {
-    const std::lock_guard lock(mutex_);
-    defaults_[call] = result;
-}
-
-void FakeMuxa::SetHook(Call call, std::function<void(int32_t)> hook) {
-    const std::lock_guard lock(mutex_);
-    hooks_[call] = std::move(hook);
-}
-
-std::vector<FakeMuxa::Opened> FakeMuxa::Opens() const {
-    const std::lock_guard lock(mutex_);
-    return opens_;
-}
-
-std::vector<FakeMuxa::Sent> FakeMuxa::Sends() const {
-    const std::lock_guard lock(mutex_);
-    return sends_;
-}
-
-std::vector<FakeMuxa::Sent> FakeMuxa::Delivered() const {
+std::vector<FakeMuxa::Recorded> FakeMuxa::Delivered() const {
     auto sends = Sends();
-    std::erase_if(sends, [](const Sent& sent) { return sent.result < 0; });
+    std::erase_if(sends, [](const Recorded& sent) { return sent.result < 0; });
     return sends;
 }
 
 std::vector<MuxaResponse> FakeMuxa::Responses() const {
-    const std::lock_guard lock(mutex_);
-    return responses_;
+    std::vector<MuxaResponse> responses;
+    for (const Recorded& made : Of(Call::RESPOND)) {
+        responses.push_back(made.response);
+    }
+    return responses;
 }
 
 std::vector<int32_t> FakeMuxa::Closes() const {
-    const std::lock_guard lock(mutex_);
-    return closes_;
-}
-
-size_t FakeMuxa::Count(Call call) const {
-    const std::lock_guard lock(mutex_);
-    const auto found = counts_.find(call);
-    return found == counts_.end() ? 0 : found->second;
+    std::vector<int32_t> fds;
+    for (const Recorded& made : Of(Call::CLOSE)) {
+        fds.push_back(made.fd);
+    }
+    return fds;
 }
 
 std::vector<int32_t> FakeMuxa::OpenFds() const {
@@ -93,12 +48,10 @@ std::vector<int32_t> FakeMuxa::OpenFds() const {
 
 int32_t FakeMuxa::FdOf(const std::string& name) const {
     const std::lock_guard lock(mutex_);
-    for (const auto& [fd, endpoint] : endpoints_) {
-        if (endpoint.name == name) {
-            return fd;
-        }
-    }
-    return -1;
+    const auto found =
+        std::find_if(endpoints_.begin(), endpoints_.end(),
+                     [&](const auto& endpoint) { return endpoint.second.first == name; });
+    return found == endpoints_.end() ? -1 : found->first;
 }
 
 bool FakeMuxa::Receive(int32_t fd, const void* data, uint32_t length) {
@@ -108,95 +61,38 @@ bool FakeMuxa::Receive(int32_t fd, const void* data, uint32_t length) {
     return CallBack(fd, &request);
 }
 
-bool FakeMuxa::Receive(int32_t fd, const MuxaRequest& request) {
-    return CallBack(fd, &request);
-}
-
-bool FakeMuxa::PeerGone(int32_t fd) {
-    return CallBack(fd, nullptr);
-}
-
 bool FakeMuxa::CallBack(int32_t fd, const MuxaRequest* request) {
-    Endpoint endpoint;
-    {
-        const std::lock_guard lock(mutex_);
-        const auto found = endpoints_.find(fd);
-        if (found == endpoints_.end()) {
-            return false;
-        }
-        endpoint = found->second;
+    std::unique_lock lock(mutex_);
+    const auto found = endpoints_.find(fd);
+    if (found == endpoints_.end()) {
+        return false;
     }
-    endpoint.callback(fd, request, endpoint.name);
+    const auto [name, callback] = found->second;
+    lock.unlock();
+    callback(fd, request, name);
     return true;
 }
 
-int32_t FakeMuxa::OnOpen(const MuxaOpenAttributes& attributes) {
-    RunHook(Call::OPEN, -1);
-    const std::lock_guard lock(mutex_);
-    const int32_t result = Next(Call::OPEN, nextFd_++);
-    if (result > 0) {
-        endpoints_[result] = {attributes.name, attributes.callback};
+int32_t FakeMuxa::Open(const MuxaOpenAttributes& attributes) {
+    std::unique_lock lock(mutex_);
+    const int32_t fresh = nextFd_++;
+    lock.unlock();
+    const int32_t fd =
+        calls_.Add(Call::OPEN, {.call = Call::OPEN, .attributes = attributes}, fresh);
+    if (fd > 0) {
+        lock.lock();
+        endpoints_[fd] = {attributes.name, attributes.callback};
     }
-    opens_.push_back({result, attributes});
-    return result;
+    return fd;
 }
 
-int32_t FakeMuxa::OnSend(int32_t fd, const MuxaRequest* request) {
-    RunHook(Call::SEND, fd);
-    const std::lock_guard lock(mutex_);
-    const int32_t result = Next(Call::SEND, 0);
-    sends_.push_back({fd, Bytes(request), result});
-    return result;
-}
-
-int32_t FakeMuxa::OnRespond(int32_t fd, const MuxaResponse& response) {
-    RunHook(Call::RESPOND, fd);
-    const std::lock_guard lock(mutex_);
-    responses_.push_back(response);
-    return Next(Call::RESPOND, 0);
-}
-
-int32_t FakeMuxa::OnOther(Call call, int32_t fd) {
-    RunHook(call, fd);
-    const std::lock_guard lock(mutex_);
-    return Next(call, 0);
-}
-
-int32_t FakeMuxa::OnClose(int32_t fd) {
-    RunHook(Call::CLOSE, fd);
-    const std::lock_guard lock(mutex_);
-    const int32_t result = Next(Call::CLOSE, 0);
-    closes_.push_back(fd);
+int32_t FakeMuxa::Close(int32_t fd) {
+    const int32_t result = Add({.call = Call::CLOSE, .fd = fd});
     if (result >= 0) {
+        const std::lock_guard lock(mutex_);
         endpoints_.erase(fd);
     }
     return result;
-}
-
-void FakeMuxa::RunHook(Call call, int32_t fd) {
-    std::function<void(int32_t)> hook;
-    {
-        const std::lock_guard lock(mutex_);
-        const auto found = hooks_.find(call);
-        if (found != hooks_.end()) {
-            hook = found->second;
-        }
-    }
-    if (hook) {
-        hook(fd);
-    }
-}
-
-int32_t FakeMuxa::Next(Call call, int32_t fallback) {
-    ++counts_[call];
-    auto& queue = results_[call];
-    if (!queue.empty()) {
-        const int32_t result = queue.front();
-        queue.pop_front();
-        return result;
-    }
-    const auto found = defaults_.find(call);
-    return found == defaults_.end() ? fallback : found->second;
 }
 
 }  // namespace ProcMgr::Fakes
@@ -204,34 +100,36 @@ int32_t FakeMuxa::Next(Call call, int32_t fallback) {
 using ProcMgr::Fakes::FakeMuxa;
 
 int32_t MuxaOpen(const MuxaOpenAttributes& attributes) {
-    return FakeMuxa::Get().OnOpen(attributes);
-}
-
-int32_t MuxaSendRequest(int32_t fd, const MuxaRequest* request) {
-    return FakeMuxa::Get().OnSend(fd, request);
+    return FakeMuxa::Get().Open(attributes);
 }
 
 int32_t MuxaCreateServer(const MuxaServerAttributes& attributes, uint32_t /*maxPeers*/,
                          uint32_t /*flags*/) {
-    MuxaOpenAttributes server;
-    server.name = attributes.name;
-    server.callback = attributes.callback;
-    return FakeMuxa::Get().OnOpen(server);
+    return FakeMuxa::Get().Open({.name = attributes.name, .callback = attributes.callback});
+}
+
+int32_t MuxaSendRequest(int32_t fd, const MuxaRequest* request) {
+    FakeMuxa::Recorded call{.call = FakeMuxa::Call::SEND, .fd = fd};
+    if (request != nullptr && request->data != nullptr) {
+        const auto* begin = static_cast<const uint8_t*>(request->data);
+        call.data.assign(begin, begin + request->length);
+    }
+    return FakeMuxa::Get().Add(call);
 }
 
 int32_t MuxaSendResponse(int32_t fd, const MuxaResponse* response) {
-    return FakeMuxa::Get().OnRespond(fd, *response);
+    return FakeMuxa::Get().Add({.call = FakeMuxa::Call::RESPOND, .fd = fd, .response = *response});
 }
 
 int32_t MuxaRPCSync(int32_t fd, MuxaRequest* /*request*/, MuxaResponse* /*response*/) {
-    return FakeMuxa::Get().OnOther(FakeMuxa::Call::RPC, fd);
+    return FakeMuxa::Get().Add({.call = FakeMuxa::Call::RPC, .fd = fd});
 }
 
 int32_t MuxaTimedRPCSync(int32_t fd, MuxaRequest* /*request*/, MuxaResponse* /*response*/,
                          int32_t /*timeout*/) {
-    return FakeMuxa::Get().OnOther(FakeMuxa::Call::TIMED_RPC, fd);
+    return FakeMuxa::Get().Add({.call = FakeMuxa::Call::TIMED_RPC, .fd = fd});
 }
 
 int32_t MuxaClosePipe(int32_t fd) {
-    return FakeMuxa::Get().OnClose(fd);
+    return FakeMuxa::Get().Close(fd);
 }

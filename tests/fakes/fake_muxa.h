@@ -3,93 +3,81 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/messaging.h"
+#include "tests/fakes/recorder.h"
 
 namespace ProcMgr::Fakes {
 
 class FakeMuxa {
 public:
-    // What scripted results belong to.
     enum class Call { OPEN, SEND, RESPOND, RPC, TIMED_RPC, CLOSE };
 
-    struct Opened {
-        int32_t result = 0;  // the descriptor, or the scripted failure
-        MuxaOpenAttributes attributes;
-    };
-    struct Sent {
-        int32_t fd = 0;
-        std::vector<uint8_t> data;
+    // One call. `attributes` is set for OPEN (pipes and servers), `data` for SEND, `response` for
+    // RESPOND; `fd` is -1 for OPEN, whose descriptor is the result.
+    struct Recorded {
+        Call call = Call::OPEN;
+        int32_t fd = -1;
         int32_t result = 0;
+        MuxaOpenAttributes attributes = {};
+        std::vector<uint8_t> data = {};
+        MuxaResponse response = {};
     };
 
-    static FakeMuxa& Get();
-
+    static FakeMuxa& Get() {
+        static FakeMuxa fake;
+        return fake;
+    }
     // Forgets everything: descriptors, records, scripts, hooks.
     void Reset();
 
-    // The next result of `call`, behind those queued before. An OPEN without a script returns a
-    // fresh descriptor (100, 101, ...), anything else 0.
-    void Push(Call call, int32_t result, int count = 1);
-    // What follows when the queue is empty.
-    void SetDefault(Call call, int32_t result);
-    // Called, without any lock, at the begin of each call of that kind.
-    void SetHook(Call call, std::function<void(int32_t fd)> hook);
+    // Appends to the queue of results. Without a queued result OPEN returns a fresh descriptor
+    // (100, 101, ...), any other call the default or 0.
+    void Push(Call call, int32_t result, int count = 1) { calls_.Push(call, result, count); }
+    void SetDefault(Call call, int32_t result) { calls_.SetDefault(call, result); }
+    // Called, without any lock, at the beginning of each call of that kind.
+    void SetHook(Call call, std::function<void(int32_t fd)> hook) {
+        calls_.SetHook(call, [hook = std::move(hook)](const Recorded& made) { hook(made.fd); });
+    }
 
-    std::vector<Opened> Opens() const;
-    std::vector<Sent> Sends() const;      // every attempt, failed ones too
-    std::vector<Sent> Delivered() const;  // only those with a result of 0 or more
+    std::vector<Recorded> Opens() const { return Of(Call::OPEN); }
+    std::vector<Recorded> Sends() const { return Of(Call::SEND); }  // failed ones too
+    std::vector<Recorded> Delivered() const;                        // sends that did not fail
     std::vector<MuxaResponse> Responses() const;
-    std::vector<int32_t> Closes() const;  // every attempt
-    size_t Count(Call call) const;
-    // Descriptors opened and not closed with success.
+    std::vector<int32_t> Closes() const;  // descriptors of all attempts
+    size_t Count(Call call) const {
+        return calls_.CountIf([call](const Recorded& made) { return made.call == call; });
+    }
+    // Descriptors that were opened and not closed with success.
     std::vector<int32_t> OpenFds() const;
     // The descriptor of the open pipe of that name; -1 without one.
     int32_t FdOf(const std::string& name) const;
 
     // Plays the peer of `fd`: calls its callback on this thread. False when `fd` is not open.
     bool Receive(int32_t fd, const void* data, uint32_t length);
-    bool Receive(int32_t fd, const MuxaRequest& request);
+    bool Receive(int32_t fd, const MuxaRequest& request) { return CallBack(fd, &request); }
     // The peer's connection ends: the callback gets no request.
-    bool PeerGone(int32_t fd);
+    bool PeerGone(int32_t fd) { return CallBack(fd, nullptr); }
 
-    // For the library's functions only.
-    int32_t OnOpen(const MuxaOpenAttributes& attributes);  // pipes and servers
-    int32_t OnSend(int32_t fd, const MuxaRequest* request);
-    int32_t OnRespond(int32_t fd, const MuxaResponse& response);
-    int32_t OnOther(Call call, int32_t fd);  // what is counted and no more
-    int32_t OnClose(int32_t fd);
+    // For the faked functions only.
+    int32_t Open(const MuxaOpenAttributes& attributes);
+    int32_t Close(int32_t fd);
+    int32_t Add(Recorded call) { return calls_.Add(call.call, call); }
 
 private:
-    struct Endpoint {
-        std::string name;
-        MuxaCallback callback;
-    };
-
-    FakeMuxa() = default;
-    void RunHook(Call call, int32_t fd);
+    std::vector<Recorded> Of(Call call) const;
     bool CallBack(int32_t fd, const MuxaRequest* request);
-    // The callers hold mutex_.
-    int32_t Next(Call call, int32_t fallback);
 
-    mutable std::mutex mutex_;
-    // All guarded by mutex_.
+    Recorder<Call, Recorded> calls_;
+    mutable std::mutex mutex_;  // guards what follows
     int32_t nextFd_ = 100;
-    std::map<Call, std::deque<int32_t>> results_;
-    std::map<Call, int32_t> defaults_;
-    std::map<Call, std::function<void(int32_t)>> hooks_;
-    std::map<Call, size_t> counts_;
-    std::map<int32_t, Endpoint> endpoints_;
-    std::vector<Opened> opens_;
-    std::vector<Sent> sends_;
-    std::vector<MuxaResponse> responses_;
-    std::vector<int32_t> closes_;
+    std::map<int32_t, std::pair<std::string, MuxaCallback>> endpoints_;  // name and callback by fd
 };
 
 }  // namespace ProcMgr::Fakes

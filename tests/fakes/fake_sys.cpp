@@ -9,41 +9,13 @@
 
 namespace ProcMgr::Fakes {
 
-FakeSys& FakeSys::Get() {
-    static FakeSys fake;
-    return fake;
-}
-
-void FakeSys::Reset() {
-    *this = FakeSys();
-}
-
-void FakeSys::Fail(const std::string& record, int error) {
-    failures_.emplace_back(record, error);
-}
-
-void FakeSys::SetFork(pid_t result, int error) {
-    fork_ = {result, error};
-}
-
 std::vector<std::string> FakeSys::StepCalls() const {
-    auto calls = calls_;
+    auto calls = Calls();
     std::erase_if(calls, [](const std::string& call) {
         return call.starts_with("sigaction") || call.starts_with("pthread_sigmask") ||
                call.starts_with("close_range");
     });
     return calls;
-}
-
-bool FakeSys::Record(const std::string& record) {
-    calls_.push_back(record);
-    for (const auto& [prefix, error] : failures_) {
-        if (record.starts_with(prefix)) {
-            errno = error;
-            return false;
-        }
-    }
-    return true;
 }
 
 }  // namespace ProcMgr::Fakes
@@ -93,8 +65,8 @@ int execv(const char* path, char* const* arguments) {
 
 pid_t fork() {
     FakeSys::Get().Record("fork");
-    errno = FakeSys::Get().ForkError();
-    return FakeSys::Get().ForkResult();
+    errno = FakeSys::Get().Fork().second;
+    return FakeSys::Get().Fork().first;
 }
 
 pid_t getpid() {
@@ -194,7 +166,7 @@ bool AppendTidToAll(const std::vector<std::string>& paths, int32_t tid, std::str
 
 }  // namespace ProcMgr
 
-// In the place of the C library's.
+// Replaces the C library's function.
 extern "C" int sched_setaffinity(pid_t pid, size_t /*size*/, const cpu_set_t* cores) noexcept {
     const std::string record =
         "sched_setaffinity " + std::to_string(pid) + ' ' + std::to_string(CPU_COUNT(cores));

@@ -1,5 +1,5 @@
-// Keeps what the daemon's code logs in place of handing it to the system logger. Any thread may
-// use it. The most recent lines only: a test that logs without end does not fill the memory.
+// Keeps the 20000 most recent lines that the daemon's code logs, in place of the system logger. Any
+// thread may use it.
 #pragma once
 
 #include <syslog.h>
@@ -22,19 +22,19 @@ public:
     static void Clear();
 
     // Whether, or how often, exactly this line was logged.
-    static bool Contains(int level, const std::string& text);
+    static bool Contains(int level, const std::string& text) { return Count(level, text) > 0; }
     static size_t Count(int level, const std::string& text);
-    // For lines that begin with a time stamp: `part` is somewhere in the line.
+    // Whether a line contains `part`; for lines that begin with a time stamp.
     static bool ContainsPart(int level, const std::string& part);
 
-    // Wait until the line is there.
+    // Wait until such a line has been logged; false after `timeout`.
     static bool WaitFor(int level, const std::string& text,
-                        std::chrono::milliseconds timeout = std::chrono::seconds(5));
+                        std::chrono::milliseconds timeout = std::chrono::seconds(30));
     static bool WaitForPart(int level, const std::string& part,
-                            std::chrono::milliseconds timeout = std::chrono::seconds(5));
+                            std::chrono::milliseconds timeout = std::chrono::seconds(30));
 };
 
-// For a test's failure message.
+// For failure messages of tests.
 void PrintTo(const LogLine& line, std::ostream* out);
 
 }  // namespace ProcMgr::Fakes

@@ -13,19 +13,24 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 #include <utility>
 
+#include "tests/support/files.h"
 #include "tests/support/private_mounts.h"
+#include "tests/support/wait.h"
+#include "wire/unique_fd.h"
 
 namespace {
+
+using ProcMgr::Tests::WriteFile;
+using Wire::UniqueFd;
 
 constexpr int EXIT_NO_NAMESPACE = 98;
 constexpr int EXIT_NO_PROGRAM = 99;
 constexpr const char* COMMAND_LINE = "/run/kernel-command-line";
 
-// Process 1 takes over orphans. It must not outlive the test, however that ends.
+// Process 1 of the namespace adopts orphans. It ends at the latest with the test.
 [[noreturn]] void RunInit() {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     signal(SIGCHLD, SIG_IGN);
@@ -34,9 +39,9 @@ constexpr const char* COMMAND_LINE = "/run/kernel-command-line";
     }
 }
 
-// Between fork and exec: system calls only, the test has threads.
+// Runs between fork and exec, where only system calls are allowed because the test has threads.
 [[noreturn]] void RunProgram(char* const* argv) {
-    // A session of its own: what signals its whole group does not meet the test.
+    // A session of its own: a signal to the daemon's process group does not reach the test.
     if (setsid() < 0 || unshare(CLONE_NEWNS) != 0 ||
         mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0 ||
         mount(COMMAND_LINE, "/proc/cmdline", nullptr, MS_BIND, nullptr) != 0) {
@@ -56,17 +61,12 @@ std::vector<char*> Argv(const std::string& program, const std::vector<std::strin
     return argv;
 }
 
-// The raw wait status; nothing when the process has not ended in time.
+// The raw wait status; nothing when the process has not ended within `timeout`.
 std::optional<int> WaitFor(pid_t pid, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
     int status = 0;
-    while (waitpid(pid, &status, WNOHANG) != pid) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return std::nullopt;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return status;
+    const bool isEnded =
+        ProcMgr::Tests::WaitUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeout);
+    return isEnded ? std::optional(status) : std::nullopt;
 }
 
 }  // namespace
@@ -93,7 +93,7 @@ void DaemonHarness::LayOut() {
         error_ = log_->Error();
         return;
     }
-    std::ofstream("/dev/kmsg", std::ios::trunc).flush();
+    WriteFile("/dev/kmsg", "");
     MountTmpfs("/run");
     SetCommandLine("console=ttyAMA0 quiet");
     MountTmpfs("/sys/fs/cgroup");
@@ -102,21 +102,22 @@ void DaemonHarness::LayOut() {
     BindFile("root:x:0:\nsvc:x:1000:\nextra:x:2000:svc\n", "/etc/group");
 }
 
-// The groups that every device has, as plain files: what is written to them can be read.
+// The control groups that every device has, as plain files, so that tests can read what was
+// written.
 void DaemonHarness::LayOutCgroups() {
     const std::filesystem::path root = "/sys/fs/cgroup";
-    for (const char* group : {"cpuset/CtrlCPU", "cpu/OTHER"}) {
-        std::filesystem::create_directories(root / group);
-        std::ofstream(root / group / "tasks").flush();
-    }
-    std::ofstream cores(root / "cpuset/CtrlCPU/cpuset.cpus");
+    std::string cores;
     for (unsigned core = 0; core < std::thread::hardware_concurrency(); ++core) {
-        cores << (core == 0 ? "" : ",") << core;
+        cores += (core == 0 ? "" : ",") + std::to_string(core);
     }
+    for (const char* group : {"cpuset/CtrlCPU", "cpu/OTHER"}) {
+        WriteFile(root / group / "tasks", "");
+    }
+    WriteFile(root / "cpuset/CtrlCPU/cpuset.cpus", cores);
 }
 
 void DaemonHarness::SetCommandLine(const std::string& text) {
-    std::ofstream(COMMAND_LINE) << text << "\n";
+    WriteFile(COMMAND_LINE, text + "\n");
 }
 
 DaemonHarness::~DaemonHarness() {
@@ -125,8 +126,8 @@ DaemonHarness::~DaemonHarness() {
 
 bool DaemonHarness::Start(const std::vector<std::string>& arguments) {
     std::vector<char*> argv = Argv(program_, arguments);
-    const int own = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
-    if (own < 0 || unshare(CLONE_NEWPID) != 0) {
+    const UniqueFd own(open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC));
+    if (!own.IsValid() || unshare(CLONE_NEWPID) != 0) {
         error_ = std::string("no PID namespace: ") + strerror(errno);
         return false;
     }
@@ -139,9 +140,8 @@ bool DaemonHarness::Start(const std::vector<std::string>& arguments) {
     if (daemon_ == 0) {
         RunProgram(argv.data());
     }
-    // What the test starts from here on is in its own namespace again.
-    setns(own, CLONE_NEWPID);
-    close(own);
+    // Later children of the test belong to its own namespace again.
+    setns(own.Get(), CLONE_NEWPID);
     return init_ > 0 && daemon_ > 0;
 }
 
@@ -158,24 +158,22 @@ bool DaemonHarness::IsRunning() {
 std::optional<int> DaemonHarness::RunAgain(const std::vector<std::string>& arguments,
                                            std::chrono::milliseconds timeout) const {
     std::vector<char*> argv = Argv(program_, arguments);
-    const int own = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
-    const std::string path = "/proc/" + std::to_string(init_) + "/ns/pid";
-    const int inside = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    std::optional<int> status;
-    if (setns(inside, CLONE_NEWPID) == 0) {
-        const pid_t second = fork();
-        if (second == 0) {
-            RunProgram(argv.data());
-        }
-        setns(own, CLONE_NEWPID);
-        status = second > 0 ? WaitFor(second, timeout) : std::nullopt;
-        if (second > 0 && !status) {
-            kill(second, SIGKILL);
-            waitpid(second, nullptr, 0);
-        }
+    const std::string inside = "/proc/" + std::to_string(init_) + "/ns/pid";
+    const UniqueFd own(open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC));
+    const UniqueFd other(open(inside.c_str(), O_RDONLY | O_CLOEXEC));
+    if (setns(other.Get(), CLONE_NEWPID) != 0) {
+        return std::nullopt;
     }
-    close(inside);
-    close(own);
+    const pid_t second = fork();
+    if (second == 0) {
+        RunProgram(argv.data());
+    }
+    setns(own.Get(), CLONE_NEWPID);
+    const auto status = WaitFor(second, timeout);
+    if (second > 0 && !status) {
+        kill(second, SIGKILL);
+        waitpid(second, nullptr, 0);
+    }
     return status;
 }
 
@@ -190,7 +188,7 @@ void DaemonHarness::KillAll() {
     if (init_ > 0) {
         kill(init_, SIGKILL);
     }
-    // Process 1 does not end before the daemon has been waited for.
+    // Process 1 of the namespace does not end before the daemon has been reaped.
     if (daemon_ > 0 && !status_) {
         waitpid(daemon_, nullptr, 0);
     }

@@ -1,5 +1,5 @@
 // Runs the built daemon as on a machine of its own: a PID namespace, an empty /run, a system logger
-// that keeps what it gets, and files in place of the machine's. Nothing of it outlives the object.
+// that keeps the lines, and private versions of the machine's files. The end-to-end tests use it.
 #pragma once
 
 #include <sys/types.h>
@@ -12,7 +12,7 @@
 
 #include "tests/support/syslog_sink.h"
 
-// One thread uses it; one at a time in a program.
+// One thread uses it; one object at a time in a program. All of it is gone with the object.
 class DaemonHarness {
 public:
     // Lays out the machine: an empty /run, the control groups CtrlCPU and OTHER as plain files, a
@@ -26,22 +26,22 @@ public:
     bool IsReady() const { return error_.empty(); }
     const std::string& Error() const { return error_; }
 
-    // What the kernel says it was booted with; by default nothing that concerns the daemon.
+    // Sets the contents of /proc/cmdline; by default nothing there concerns the daemon.
     static void SetCommandLine(const std::string& text);
 
-    // Executes the daemon. False, with Error() set, when there is no process.
+    // Starts the daemon. False when there is no process; Error() has the reason.
     bool Start(const std::vector<std::string>& arguments);
-    // Executes the program once more beside the daemon. The raw wait status; nothing when it had to
-    // be killed after `timeout`.
+    // Starts a second daemon beside the first and waits for its end. Returns its raw wait status;
+    // nothing when it was killed after `timeout`.
     std::optional<int> RunAgain(const std::vector<std::string>& arguments,
                                 std::chrono::milliseconds timeout) const;
     void Signal(int signal) const;
     bool IsRunning();
-    // As the test sees it, from outside the namespace.
+    // The daemon's pid in the namespace of the test.
     pid_t GetPid() const { return daemon_; }
-    // The raw wait status; nothing when the daemon has not ended in time.
+    // The raw wait status; nothing when the daemon has not ended within `timeout`.
     std::optional<int> WaitForExit(std::chrono::milliseconds timeout);
-    // Kills every process of the namespace and returns when all are gone.
+    // Kills every process of the namespace and returns when all have ended.
     void KillAll();
 
     SyslogSink& Log() { return *log_; }
@@ -53,7 +53,7 @@ private:
     const std::string program_;
     std::string error_;
     std::unique_ptr<SyslogSink> log_;
-    pid_t init_ = -1;  // process 1 of the namespace: when it goes, all go
+    pid_t init_ = -1;  // process 1 of the namespace: its end kills all others
     pid_t daemon_ = -1;
     std::optional<int> status_;
 };

@@ -1,44 +1,41 @@
-// Runs the body of a test in a child with a mount namespace of its own, for what a process can do
-// or be only once and for files that it must not see anywhere else.
+// Runs the body of a test in a child with a mount namespace of its own: for what a process can do
+// or be only once, and for files at fixed paths.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
-#include <string>
 
+#include "tests/support/child.h"
+#include "tests/support/files.h"
 #include "tests/support/private_mounts.h"
 
 namespace ProcMgr {
 
+using Tests::ReadFile;
+
 inline constexpr int EXIT_SKIPPED = 77;
 
-// Returns the raw wait status of the child: 0 when every expectation held.
+// Returns the raw wait status of the child: 0 when every expectation of `body` held, EXIT_SKIPPED
+// as the exit code where the kernel forbids the namespace.
 template <typename Body>
 int RunIsolated(Body body) {
     std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
+    Tests::Child child([&] {
         if (!EnterPrivateMountNamespace()) {
-            _exit(EXIT_SKIPPED);
+            return EXIT_SKIPPED;
         }
-        // What failed before the fork is no failure of this body.
+        // Failures from before the fork are not counted.
         const auto* result = testing::UnitTest::GetInstance()->current_test_info()->result();
         const int before = result->total_part_count();
         body();
         std::fflush(nullptr);
-        _exit(result->total_part_count() > before ? 1 : 0);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status;
+        return result->total_part_count() > before ? 1 : 0;
+    });
+    return child.Wait();
 }
 
-// For tests that use RunIsolated: skips them where the kernel forbids what it does.
+// The fixture of tests that use RunIsolated: skips them where the kernel forbids the namespace.
 class IsolatedTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -48,10 +45,5 @@ protected:
         }
     }
 };
-
-inline std::string ReadFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 }  // namespace ProcMgr

@@ -5,7 +5,7 @@
 
 namespace {
 
-// Replaces each run of `characters` between `before` and `after` by `word`.
+// Replaces each run of `characters` that follows `before` and precedes `after` by `word`.
 void Mask(std::string& line, std::string_view before, std::string_view characters,
           std::string_view after, std::string_view word) {
     for (size_t at = line.find(before); at != std::string::npos; at = line.find(before, at)) {

@@ -1,8 +1,8 @@
-// Takes out of log lines what differs from run to run, so that they can be compared whole.
+// Replaces the parts of log lines that differ from run to run, so that tests compare whole lines.
 #pragma once
 
 #include <string>
 
-// Boot-trace stamps become "STAMP", the numbers behind "pid=" and in "PROCMGR[...]" become "PID",
-// those behind "pipe fd=" become "N".
+// Boot-trace stamps become "STAMP", the numbers after "pid=" and in "PROCMGR[...]" become "PID",
+// the numbers after "pipe fd=" become "N".
 std::string MaskLog(const std::string& line);

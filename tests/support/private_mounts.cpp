@@ -18,8 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What is mounted here is the program's own, and may be written to. Tests enter the namespace
-// from one thread.
+// Mount points of this program, which it may write to. Not guarded: tests mount from one thread.
 std::vector<fs::path>& PrivatePlaces() {
     static std::vector<fs::path> places;
     return places;
@@ -41,7 +40,7 @@ bool IsPrivate(const fs::path& path) {
     return false;
 }
 
-// A new directory that only this namespace sees: the mount over it hides what is on the disk.
+// A new directory in memory that only this namespace sees.
 fs::path MakeStaging() {
     char path[] = "/tmp/private-mounts-XXXXXX";
     Require(mkdtemp(path) != nullptr, "mkdtemp");
@@ -49,7 +48,7 @@ fs::path MakeStaging() {
     return path;
 }
 
-// Lays a private, writable view over a directory with all that is in it.
+// Mounts a private, writable view of a directory and its contents over the directory.
 bool Overlay(const fs::path& directory) {
     const fs::path staging = MakeStaging();
     fs::create_directory(staging / "upper");
@@ -73,7 +72,7 @@ void MakeParents(const fs::path& path) {
     }
     const bool isRoot = existing == existing.root_path();
     if (isRoot && path.parent_path() != existing) {
-        // Over the root an overlay would not be seen; an empty directory is made there for real.
+        // An overlay of the root would not be visible, so an empty directory is made on the disk.
         const fs::path top = existing / *std::next(path.begin());
         fs::create_directory(top);
         MountTmpfs(top);

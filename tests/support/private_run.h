@@ -1,4 +1,4 @@
-// The fixture of tests that meet others at fixed paths below /run, or log to files there.
+// The fixture of tests that use fixed paths below /run.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -5,12 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <thread>
+
+#include "tests/support/files.h"
+#include "tests/support/wait.h"
 
 namespace {
 
@@ -19,8 +19,7 @@ namespace fs = std::filesystem;
 const fs::path CGROUP = "/sys/fs/cgroup";
 
 std::string ReadAll(const fs::path& path) {
-    std::ifstream file(path);
-    std::string text{std::istreambuf_iterator<char>(file), {}};
+    std::string text = ProcMgr::Tests::ReadFile(path);
     while (!text.empty() && text.back() == '\n') {
         text.pop_back();
     }
@@ -112,13 +111,10 @@ RealCgroups::~RealCgroups() {
     for (const std::string& home : homes_) {
         MoveTo(home);
     }
-    // A group is busy until the kernel has done away with what was killed in it.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    // A group is busy until the kernel has removed the killed processes in it.
     for (; !made_.empty(); made_.pop_back()) {
-        while (rmdir(made_.back().c_str()) != 0 && errno == EBUSY &&
-               std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        ProcMgr::Tests::WaitUntil(
+            [&] { return rmdir(made_.back().c_str()) == 0 || errno != EBUSY; });
     }
     for (const std::string& root : roots_) {
         umount2(root.c_str(), MNT_DETACH);

@@ -1,29 +1,30 @@
 #include "tests/support/syslog_sink.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <stdexcept>
 #include <utility>
 
 #include "tests/support/private_mounts.h"
+#include "tests/support/raw_peer.h"
+#include "wire/unique_fd.h"
 
 namespace {
 
+using ProcMgr::Tests::IsReadable;
+using ProcMgr::Tests::SocketAddress;
 namespace fs = std::filesystem;
 
 constexpr const char* SOCKET_PATH = "/dev/log";
@@ -34,9 +35,8 @@ std::string ErrnoText(const std::string& what) {
     return what + ": " + strerror(errno);
 }
 
-// The real /dev may be shared with the machine, so a socket must not be put there: a small
-// directory in memory is laid over it. The devices that programs need are bound and not made anew,
-// because a container may forbid mknod.
+// Mounts a private directory in memory over /dev, which may be shared with the machine. The usual
+// devices are bind mounts of the real ones, because a container may forbid mknod.
 void LayPrivateDev() {
     if (fs::exists(MARKER_PATH)) {
         return;
@@ -59,50 +59,25 @@ void LayPrivateDev() {
     std::ofstream(MARKER_PATH).flush();
 }
 
-template <typename Number>
-bool TakeNumber(std::string_view& line, Number& number) {
-    const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), number);
-    if (error != std::errc()) {
-        return false;
-    }
-    line.remove_prefix(static_cast<size_t>(end - line.data()));
-    return true;
-}
-
 // Splits "<PRI>Mmm dd hh:mm:ss ident[pid]: text"; some writers leave out the time or the pid.
-SyslogMessage ParseSyslogLine(std::string_view line) {
+SyslogMessage ParseSyslogLine(std::string line) {
+    static const std::regex head(
+        R"(<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?(?:([^\s\[:]+)(?:\[(\d+)\])?: )?)");
     while (!line.empty() && (line.back() == '\n' || line.back() == '\0')) {
-        line.remove_suffix(1);
+        line.pop_back();
     }
     SyslogMessage message;
-    message.text = line;
-    int priority = 0;
-    if (!line.starts_with('<')) {
-        return message;
+    std::smatch parts;
+    if (std::regex_search(line, parts, head, std::regex_constants::match_continuous)) {
+        const int priority = std::stoi(parts[1]);
+        message.level = LOG_PRI(priority);
+        message.facility = priority & LOG_FACMASK;
+        message.ident = parts[2];
+        message.pid = parts[3].matched ? std::stoi(parts[3]) : 0;
+        message.text = parts.suffix();
+    } else {
+        message.text = line;
     }
-    line.remove_prefix(1);
-    if (!TakeNumber(line, priority) || !line.starts_with('>')) {
-        return message;
-    }
-    line.remove_prefix(1);
-    message.level = LOG_PRI(priority);
-    message.facility = priority & LOG_FACMASK;
-    // "Mmm dd hh:mm:ss " of fixed width; other writers may leave it out.
-    constexpr size_t STAMP = 16;
-    if (line.size() >= STAMP && line[6] == ' ' && line[9] == ':' && line[12] == ':') {
-        line.remove_prefix(STAMP);
-    }
-    message.text = line;
-    const size_t colon = line.find(": ");
-    std::string_view tag = line.substr(0, std::min(colon, line.size()));
-    if (colon == std::string_view::npos || tag.find(' ') != std::string_view::npos) {
-        return message;
-    }
-    message.text = line.substr(colon + 2);
-    const size_t bracket = std::min(tag.find('['), tag.size());
-    message.ident = tag.substr(0, bracket);
-    tag.remove_prefix(std::min(bracket + 1, tag.size()));
-    TakeNumber(tag, message.pid);
     return message;
 }
 
@@ -115,19 +90,21 @@ SyslogSink::SyslogSink() {
     }
     try {
         LayPrivateDev();
-        if (!Listen()) {
-            return;
-        }
+        Listen();
     } catch (const std::exception& failure) {
         error_ = failure.what();
         return;
     }
-    closelog();  // a connection to the former logger would stay in use
+    closelog();  // closes a connection to the former logger
     thread_ = std::thread([this] { Collect(); });
 }
 
 SyslogSink::~SyslogSink() {
-    stop_ = true;
+    {
+        const std::lock_guard lock(mutex_);
+        isStopping_ = true;
+    }
+    changed_.notify_all();
     if (thread_.joinable()) {
         thread_.join();
     }
@@ -138,75 +115,59 @@ SyslogSink::~SyslogSink() {
     }
 }
 
-bool SyslogSink::Listen() {
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, SOCKET_PATH, sizeof(address.sun_path) - 1);
+void SyslogSink::Listen() {
+    const sockaddr_un address = SocketAddress(SOCKET_PATH);
     unlink(SOCKET_PATH);  // left by a sink whose process was killed
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         chmod(SOCKET_PATH, 0666) != 0) {
-        error_ = ErrnoText("cannot listen on /dev/log");
-        if (fd >= 0) {
-            close(fd);
-        }
-        return false;
+        close(fd);
+        throw std::runtime_error(ErrnoText("cannot listen on /dev/log"));
     }
     fd_ = fd;
-    return true;
 }
 
 void SyslogSink::Collect() {
-    using std::chrono::steady_clock;
-    for (auto last = steady_clock::now(); !stop_;) {
-        pollfd readable{fd_, POLLIN, 0};
-        constexpr int STOP_CHECK_MS = 50;
-        constexpr std::chrono::milliseconds PAUSE_CHECK{10};
-        const bool any = poll(&readable, 1, STOP_CHECK_MS) > 0;
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (pause_.count() > 0 && steady_clock::now() - last < pause_) {
-            lock.unlock();
-            std::this_thread::sleep_for(PAUSE_CHECK);
-        } else if (any) {
-            last = steady_clock::now();
-            DrainLocked(pause_.count() > 0 ? 1 : SIZE_MAX);
-        }
+    constexpr std::chrono::milliseconds STOP_CHECK{50};
+    std::unique_lock lock(mutex_);
+    while (!isStopping_) {
+        lock.unlock();
+        IsReadable(fd_, STOP_CHECK);
+        lock.lock();
+        changed_.wait(lock, [this] { return !isHeld_ || isStopping_; });
+        DrainLocked();
     }
 }
 
-void SyslogSink::SetPause(std::chrono::milliseconds pause) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    pause_ = pause;
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, SOCKET_PATH, sizeof(address.sun_path) - 1);
-    while (pause.count() > 0 &&
-           sendto(fd, "fill", 4, 0, reinterpret_cast<sockaddr*>(&address), sizeof(address)) > 0) {
+void SyslogSink::Hold() {
+    const std::lock_guard lock(mutex_);
+    isHeld_ = true;
+    const Wire::UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const sockaddr_un address = SocketAddress(SOCKET_PATH);
+    while (sendto(fd.Get(), "fill", 4, 0, reinterpret_cast<const sockaddr*>(&address),
+                  sizeof(address)) > 0) {
     }
-    close(fd);
 }
 
-// Readers drain the socket themselves as well: what was sent before they asked is then there,
-// whether or not the thread has run.
-void SyslogSink::DrainLocked(size_t most) {
+void SyslogSink::Release() {
+    const std::lock_guard lock(mutex_);
+    isHeld_ = false;
+    changed_.notify_all();
+}
+
+// Called by the functions that read lines as well as by the thread: a line that was sent before
+// such a call is returned by it even if the thread has not run.
+void SyslogSink::DrainLocked() {
     static std::array<char, MAX_DATAGRAM> buffer;
-    if (fd_ < 0) {
-        return;
-    }
-    bool any = false;
-    for (ssize_t got = 0;
-         most > 0 && (got = recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0; --most) {
-        messages_.push_back(ParseSyslogLine({buffer.data(), static_cast<size_t>(got)}));
-        any = true;
-    }
-    if (any) {
-        arrived_.notify_all();
+    for (ssize_t length = 0;
+         (length = recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0;) {
+        messages_.push_back(ParseSyslogLine({buffer.data(), static_cast<size_t>(length)}));
+        changed_.notify_all();
     }
 }
 
 std::vector<SyslogMessage> SyslogSink::Messages() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard lock(mutex_);
     DrainLocked();
     return messages_;
 }
@@ -229,18 +190,17 @@ size_t SyslogSink::Count(std::string_view part) {
 }
 
 bool SyslogSink::WaitFor(std::string_view part, std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock lock(mutex_);
     DrainLocked();
-    return arrived_.wait_for(lock, timeout, [&] {
-        return std::any_of(messages_.begin(), messages_.end(),
-                           [part](const SyslogMessage& message) {
-                               return message.text.find(part) != std::string::npos;
-                           });
+    return changed_.wait_for(lock, timeout, [&] {
+        return std::any_of(messages_.begin(), messages_.end(), [part](const auto& message) {
+            return message.text.find(part) != std::string::npos;
+        });
     });
 }
 
 void SyslogSink::Clear() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard lock(mutex_);
     DrainLocked();
     messages_.clear();
 }

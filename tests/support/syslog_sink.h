@@ -1,20 +1,18 @@
-// Collects what the test program and the processes that it starts write to syslog(3): it takes the
-// place of the system's logger at /dev/log, in the program's private mount namespace.
+// Collects the lines that the test program and the processes it starts write to syslog(3). The sink
+// replaces the system logger at /dev/log in the program's private mount namespace.
 #pragma once
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
-// One line as a logger receives it.
+// One line as the logger receives it.
 struct SyslogMessage {
     int level = -1;     // LOG_ERR, LOG_WARNING, ...; -1 when the line has no valid priority
     int facility = -1;  // LOG_USER, ... as in <syslog.h>
@@ -23,12 +21,12 @@ struct SyslogMessage {
     std::string text;
 };
 
-// Construct it before other threads, and before the processes that are to log to it. Its functions
-// may be called from any thread; one sink at a time.
+// Construct it before other threads and before the processes that log to it. Its functions may be
+// called from any thread; one sink at a time.
 class SyslogSink {
 public:
-    // Enters a private mount namespace and listens on /dev/log there. Of /dev, the devices that
-    // programs need stay in place.
+    // Enters a private mount namespace and listens on /dev/log there. The private /dev has the
+    // usual devices (null, zero, full, urandom, tty).
     SyslogSink();
     ~SyslogSink();
     SyslogSink(const SyslogSink&) = delete;
@@ -38,36 +36,37 @@ public:
     bool IsReady() const { return fd_ >= 0; }
     const std::string& Error() const { return error_; }
 
-    // From now on one line is taken each `pause`, and the queue is full at once; 0: all lines
-    // again. The functions below still take all that is there.
-    void SetPause(std::chrono::milliseconds pause);
+    // Stops reading and fills the queue of the socket, so that the next line that is sent waits.
+    // Release() reads again. The functions below still take all lines that have been sent.
+    void Hold();
+    void Release();
 
-    // Everything that was sent before the call, in order. Lines() has the texts only.
+    // All lines that were sent before the call, in order. Lines() returns the texts only.
     std::vector<SyslogMessage> Messages();
     std::vector<std::string> Lines() { return LinesAt(ANY_LEVEL); }
     // Texts of one level.
     std::vector<std::string> LinesAt(int level);
-    // Messages whose text holds `part`.
+    // The number of lines whose text contains `part`.
     size_t Count(std::string_view part);
-    // Waits until the text of some message holds `part`; false after `timeout`.
+    // Waits until the text of a line contains `part`; false after `timeout`.
     bool WaitFor(std::string_view part,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(10));
-    // Forgets what came so far.
+                 std::chrono::milliseconds timeout = std::chrono::seconds(30));
+    // Forgets all lines that were sent before the call.
     void Clear();
 
 private:
     static constexpr int ANY_LEVEL = -2;
 
-    bool Listen();
+    void Listen();
     void Collect();
-    void DrainLocked(size_t most = SIZE_MAX);
+    void DrainLocked();  // the caller holds mutex_
 
     int fd_ = -1;
     std::string error_;
-    std::atomic<bool> stop_{false};
-    std::mutex mutex_;  // guards messages_, pause_ and the reading of fd_
-    std::chrono::milliseconds pause_{0};
-    std::condition_variable arrived_;
+    std::mutex mutex_;  // guards what follows and the reading of fd_
+    std::condition_variable changed_;
+    bool isHeld_ = false;
+    bool isStopping_ = false;
     std::vector<SyslogMessage> messages_;
     std::thread thread_;
 };

@@ -1,5 +1,5 @@
-// Found before the daemon's own header of this name: the system calls of launch and child set-up,
-// which here only write down that they were made, or fail on demand.
+// Included in place of the daemon's header of this name: the system calls of launch and child
+// set-up, which only record their call in FakeSys, or fail on demand.
 #pragma once
 
 #include <sys/resource.h>

@@ -1,58 +1,38 @@
-#include "tests/fakes/fake_device.h"
-
+// The functions of the access-manager, heartbeat and device libraries, as the fakes implement them.
+#include <cerrno>
 #include <cstring>
 #include <sstream>
+#include <utility>
 
-namespace ProcMgr::Fakes {
+#include "tests/fakes/fake_access_manager.h"
+#include "tests/fakes/fake_device.h"
+#include "tests/fakes/fake_heartbeat.h"
 
-// Never destroyed: the device worker may still run at the end of the process.
-FakeDevice& FakeDevice::Get() {
-    static auto* const fake = new FakeDevice;
-    return *fake;
-}
-
-void FakeDevice::Reset() {
-    const std::lock_guard lock(mutex_);
-    count_ = 1;
-    nextHandle_ = 1;
-    results_.clear();
-    calls_.clear();
-}
-
-void FakeDevice::SetCount(uint32_t count) {
-    const std::lock_guard lock(mutex_);
-    count_ = count;
-}
-
-void FakeDevice::Push(const std::string& function, uint32_t result) {
-    const std::lock_guard lock(mutex_);
-    results_.try_emplace(function, 0U).first->second.Push(result);
-}
-
-std::vector<std::string> FakeDevice::Calls() const {
-    const std::lock_guard lock(mutex_);
-    return calls_;
-}
-
-uint32_t FakeDevice::Record(const std::string& function, const std::string& arguments) {
-    const std::lock_guard lock(mutex_);
-    calls_.push_back(arguments.empty() ? function : function + ' ' + arguments);
-    return results_.try_emplace(function, 0U).first->second.Next();
-}
-
-uint32_t FakeDevice::Count() const {
-    const std::lock_guard lock(mutex_);
-    return count_;
-}
-
-uint64_t FakeDevice::NextHandle() {
-    const std::lock_guard lock(mutex_);
-    return nextHandle_++;
-}
-
-}  // namespace ProcMgr::Fakes
-
+using ProcMgr::Fakes::FakeAccessManager;
 using ProcMgr::Fakes::FakeDevice;
+using ProcMgr::Fakes::FakeHeartBeat;
+
+int ZornInitProc(const AppConfig& config) {
+    const auto [result, error] = FakeAccessManager::Get().Init(config);
+    errno = error;
+    return result;
+}
+
+void ZornRetrieveService() {}
+
+int RegisterCheckHeartBeat(const char* name, size_t nameLength, int32_t pid,
+                           HeartBeatCallback callback) {
+    return FakeHeartBeat::Get().Register(std::string(name, nameLength), pid, std::move(callback));
+}
+
+int UnregisterCheckHeartBeat(const char* name, size_t nameLength) {
+    FakeHeartBeat::Get().Unregister(std::string(name, nameLength));
+    return 0;
+}
+
+void DisableAllCheckHeartBeat() {
+    FakeHeartBeat::Get().UnregisterAll();
+}
 
 uint32_t drvGetDevNum(uint32_t* count) {
     *count = FakeDevice::Get().Count();
