@@ -1,5 +1,5 @@
-// How CgroupMgr reads the host resource file: lines KEY=VALUE, where the value of a cgroup set is
-// name:percent;name:percent.
+// How CgroupMgr reads the host resource file. It has lines KEY=VALUE; the value of a cgroup set is
+// "group:percent;group:percent".
 #include <syslog.h>
 #include <unistd.h>
 
@@ -8,12 +8,12 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
-#include <exception>
 #include <memory>
 #include <string_view>
 
 #include "main/common/line_reader.h"
 #include "main/common/log.h"
+#include "main/common/numbers.h"
 #include "main/common/proc_files.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/cgroup_paths.h"
@@ -28,19 +28,22 @@ constexpr size_t LINE_LENGTH_MAX = 511;
 constexpr std::string_view SPECIAL_CHARACTERS = ":=;_'\"/";
 constexpr std::string_view QUOTES = "\"'";
 constexpr const char* CPU_SWITCH_KEY = "HOST_CPU_SWITCH";
-// Known, and without effect: no throttle file is ever written.
+// Keys without effect: the daemon writes no throttle file. Without this list they would be read as
+// cgroup sets.
 constexpr std::array IGNORED_KEYS = {"HOST_BLKIO_SWITCH"sv, "HOST_BLKIO_WRITE_BPS_SET"sv,
                                      "HOST_BLKIO_READ_BPS_SET"sv};
-// More than any kernel takes.
+// In bytes; above the limit of every kernel.
 constexpr size_t COMMAND_LINE_LENGTH_MAX = 65536;
 constexpr const char* WRITEBACK_WORD = "cgroup1_writeback";
 
-bool IsTaken(char c) {
+// Whether the character may be in a line; a line with any other character is skipped.
+bool IsAllowed(char c) {
     const auto character = static_cast<unsigned char>(c);
     return std::isalpha(character) != 0 || (c >= '0' && c <= '9') ||
            SPECIAL_CHARACTERS.find(c) != std::string_view::npos;
 }
 
+// The value without a pair of equal quotes around it.
 std::string_view Unquote(std::string_view value) {
     const bool isQuoted = value.size() >= 2 && value.front() == value.back() &&
                           QUOTES.find(value.front()) != std::string_view::npos;
@@ -61,7 +64,8 @@ void CgroupMgr::ReadCfg() {
     LogSummary();
 }
 
-// A line that is too long ends the reading: what comes behind it cannot be trusted either.
+// A line that is too long ends the reading: the file is damaged, so the lines after it are not used
+// either.
 void CgroupMgr::ReadLines() {
     const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(HOST_RESOURCE_FILE, "re"),
                                                      std::fclose);
@@ -85,7 +89,7 @@ void CgroupMgr::ReadLines() {
 void CgroupMgr::ReadLine(std::string_view line) {
     const size_t equals = line.find('=');
     if (equals == std::string_view::npos || equals == 0 || equals + 1 == line.size() ||
-        !std::all_of(line.begin(), line.end(), IsTaken)) {
+        !std::all_of(line.begin(), line.end(), IsAllowed)) {
         return;
     }
     HandleKey(std::string(line.substr(0, equals)), Unquote(line.substr(equals + 1)));
@@ -104,6 +108,8 @@ void CgroupMgr::HandleKey(const std::string& key, std::string_view value) {
     }
 }
 
+// A group without a percentage of its own, as in "a:1;2", overwrites the percentage of the group
+// before it.
 bool CgroupMgr::ParseSet(const std::string& set, std::string_view value) {
     std::string group;
     std::string token;
@@ -132,17 +138,14 @@ bool CgroupMgr::StoreEntry(const std::string& set, const std::string& group,
         return false;
     }
     const LockGuard lock(setsMutex_);
-    int32_t& percentage = cgroupSets_[set][group];
-    try {
-        percentage = std::stoi(value);
-        return true;
-    } catch (const std::exception&) {
-        percentage = 0;
+    const auto percentage = ParseLeadingNumber<int32_t>(value);
+    cgroupSets_[set][group] = percentage.value_or(0);
+    if (!percentage) {
         ProcMgrSysLog(LOG_ERR,
                       "PROCMGR: CgroupMgr cgroup set(%s) config invalid, groupName=%s, value=%s",
                       set.c_str(), group.c_str(), value.c_str());
-        return false;
     }
+    return percentage.has_value();
 }
 
 void CgroupMgr::DetectBlkIo() {
@@ -162,8 +165,8 @@ void CgroupMgr::LogSummary() const {
     ProcMgrSysLog(LOG_INFO,
                   "PROCMGR: CgroupMgr CPU_NUM=%d, hostCpuSwitch=%d, BlkIoSwitch=%d, "
                   "BufferIoSwitch=%d, isCfgOk=%d",
-                  static_cast<int>(CPU_NUM), hostCpuSwitch_, blkIoSwitch_, bufferIoSwitch_,
-                  isCfgOk_);
+                  static_cast<int>(CPU_NUM), hostCpuSwitch_.load(), blkIoSwitch_.load(),
+                  bufferIoSwitch_.load(), isCfgOk_.load());
     const LockGuard lock(setsMutex_);
     for (const auto& [set, groups] : cgroupSets_) {
         std::string text = "policy " + set + "=";
