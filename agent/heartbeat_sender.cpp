@@ -8,19 +8,22 @@
 
 #include "agent/packet_socket.h"
 #include "agent/signal_free_thread.h"
+#include "wire/socket_paths.h"
 
 namespace ProcMgr::Agent {
 namespace {
 
-constexpr const char* SOCKET_PATH = "/run/heartbeat.sock";
+using std::chrono::milliseconds;
+
 constexpr std::chrono::hours PERIOD_MAX{1};
 
-// Connects where there is no connection, or where the daemon has ended it: it closes those of
-// processes that it does not know yet, and may have been restarted.
+// Sends one beat, and connects before that if there is no connection. After a failed send it
+// connects once more: the daemon ends the connection of a process that it does not know yet, and
+// may have been restarted.
 void SendBeat(UniqueFd& connection, const std::string& name) {
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (!connection.IsValid()) {
-            connection = ConnectSocket(SOCKET_PATH);
+            connection = ConnectSocket(Wire::HEARTBEAT_SOCKET);
         }
         if (!connection.IsValid() ||
             send(connection.Get(), name.data(), name.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0 ||
@@ -39,16 +42,16 @@ HeartbeatSender::~HeartbeatSender() {
     Stop();
 }
 
-bool HeartbeatSender::Start(std::chrono::milliseconds period) {
-    if (period <= std::chrono::milliseconds::zero() || period > PERIOD_MAX) {
+bool HeartbeatSender::Start(milliseconds period) {
+    if (period <= milliseconds::zero() || period > PERIOD_MAX) {
         return false;
     }
-    const std::lock_guard control(control_);
+    const Wire::LockGuard control(control_);
     {
-        const std::lock_guard lock(mutex_);
+        const Wire::LockGuard lock(mutex_);
         period_ = period;
     }
-    changed_.notify_all();
+    changed_.NotifyAll();
     if (thread_.joinable()) {
         return true;
     }
@@ -61,12 +64,12 @@ bool HeartbeatSender::Start(std::chrono::milliseconds period) {
 }
 
 void HeartbeatSender::Stop() {
-    const std::lock_guard control(control_);
+    const Wire::LockGuard control(control_);
     {
-        const std::lock_guard lock(mutex_);
-        period_ = std::chrono::milliseconds::zero();
+        const Wire::LockGuard lock(mutex_);
+        period_ = milliseconds::zero();
     }
-    changed_.notify_all();
+    changed_.NotifyAll();
     if (thread_.joinable()) {
         thread_.join();
     }
@@ -74,11 +77,14 @@ void HeartbeatSender::Stop() {
 
 void HeartbeatSender::Run() {
     UniqueFd connection;
-    std::unique_lock lock(mutex_);
-    while (period_ > std::chrono::milliseconds::zero()) {
+    Wire::UniqueLock lock(mutex_);
+    while (period_ > milliseconds::zero()) {
+        const milliseconds period = period_;
+        lock.Unlock();
         SendBeat(connection, serviceName_);
-        const std::chrono::milliseconds period = period_;
-        changed_.wait_for(lock, period, [&] { return period_ != period; });
+        lock.Lock();
+        changed_.WaitUntil(lock, DeadlineIn(period),
+                           [this, period]() PROCMGR_REQUIRES(mutex_) { return period_ != period; });
     }
 }
 

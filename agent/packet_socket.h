@@ -1,12 +1,8 @@
-// Sockets to the daemon's pipes and servers: connects them, receives packets from them and says
-// until when to wait. Used by OwnerChannel and RegisterUpload.
+// Connections to the sockets of the daemon, and the deadlines of waits for it. Used by
+// OwnerChannel, HeartbeatSender and RegisterUpload. Functions for any thread; none waits.
 #pragma once
 
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <optional>
-#include <span>
 #include <string>
 
 #include "wire/unique_fd.h"
@@ -15,19 +11,20 @@ namespace ProcMgr::Agent {
 
 using Wire::UniqueFd;
 
-// Between two attempts to connect.
+// The pause between two attempts to connect.
 inline constexpr std::chrono::milliseconds RETRY_PAUSE{20};
-// Keeps the sum of a time-out and the clock in range.
+// The longest wait: the sum of the clock and a longer time-out could overflow.
 inline constexpr std::chrono::milliseconds LONGEST_WAIT = std::chrono::hours(24 * 365);
 
-// `timeout` may be any; what is negative is over at once.
+// The end of a wait that begins now. A negative `timeout` counts as 0, one of more than
+// LONGEST_WAIT as LONGEST_WAIT.
 std::chrono::steady_clock::time_point DeadlineIn(std::chrono::milliseconds timeout);
 
-// A socket that never blocks; not valid when nobody listens there or there is no descriptor left.
-UniqueFd ConnectSocket(const std::string& path);
+// False when the path is empty or longer than a socket address can hold.
+bool IsSocketPath(const std::string& path);
 
-// The length of the packet received, more than the buffer's when it does not fit; nothing when none
-// is there, 0 at the end of the connection.
-std::optional<size_t> ReceivePacket(int fd, std::span<uint8_t> buffer);
+// Connects a non-blocking SEQPACKET socket. Not valid when IsSocketPath(path) is false, nobody
+// listens at the path or the process has no descriptor left.
+UniqueFd ConnectSocket(const std::string& path);
 
 }  // namespace ProcMgr::Agent

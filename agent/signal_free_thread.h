@@ -1,5 +1,5 @@
-// Starts the client library's threads. They take no signal, so that the signals of the service are
-// handled on its own threads only.
+// Starts the threads of the client library with all signals blocked, so that the signals of the
+// service are handled on the service's own threads only. Used by OwnerChannel and HeartbeatSender.
 #pragma once
 
 #include <exception>

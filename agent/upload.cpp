@@ -1,19 +1,19 @@
 #include "agent/upload.h"
 
 #include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <filesystem>
 #include <span>
 #include <system_error>
 #include <thread>
+#include <vector>
 
-#include "agent/codec.h"
 #include "agent/packet_socket.h"
+#include "wire/packet_io.h"
+#include "wire/socket_paths.h"
 
 namespace ProcMgr::Agent {
 namespace {
@@ -22,8 +22,8 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using Deadline = steady_clock::time_point;
 
-// One call a connection.
-constexpr uint64_t SEQUENCE = 1;
+// Each connection carries one call.
+constexpr Wire::PacketHeader CALL{Wire::PacketKind::CALL, 1};
 
 milliseconds LeftUntil(Deadline deadline) {
     return std::max(std::chrono::ceil<milliseconds>(deadline - steady_clock::now()),
@@ -42,7 +42,7 @@ bool WaitFor(int fd, short events, Deadline deadline) {
     return false;
 }
 
-// Not valid when nobody listens there until the deadline.
+// Connects, and tries again while nobody listens at the path; not valid after the deadline.
 UniqueFd ConnectUntil(const std::string& path, Deadline deadline) {
     UniqueFd fd = ConnectSocket(path);
     while (!fd.IsValid() && steady_clock::now() < deadline) {
@@ -52,30 +52,26 @@ UniqueFd ConnectUntil(const std::string& path, Deadline deadline) {
     return fd;
 }
 
-bool SendPacket(int fd, std::span<const uint8_t> packet, Deadline deadline) {
-    while (send(fd, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0) {
-        if ((errno != EAGAIN && errno != EINTR) || !WaitFor(fd, POLLOUT, deadline)) {
-            return false;
-        }
+bool SendCall(int fd, std::span<const uint8_t> body, Deadline deadline) {
+    Wire::SendResult result = Wire::SendPacket(fd, CALL, body);
+    while (result == Wire::SendResult::FULL && WaitFor(fd, POLLOUT, deadline)) {
+        result = Wire::SendPacket(fd, CALL, body);
     }
-    return true;
+    return result == Wire::SendResult::SENT;
 }
 
 std::optional<Message::UploadResponse> ReceiveResponse(int fd, Deadline deadline) {
-    std::vector<uint8_t> buffer(PACKET_MAX);
+    std::vector<uint8_t> buffer(Wire::PACKET_MAX);
     while (WaitFor(fd, POLLIN, deadline)) {
-        const std::optional<size_t> length = ReceivePacket(fd, buffer);
-        if (!length) {
-            continue;
-        }
-        const auto packet = *length <= buffer.size()
-                                ? DecodePacket(std::span(buffer).first(*length))
-                                : std::nullopt;
-        if (!packet) {
+        Wire::Packet packet;
+        const Wire::ReceiveResult result = Wire::ReceivePacket(fd, buffer, packet);
+        if (result == Wire::ReceiveResult::ENDED) {
             return std::nullopt;
         }
-        if (packet->kind == PacketKind::RESPONSE && packet->sequence == SEQUENCE) {
-            return Message::DecodeUploadResponse(packet->body);
+        if (result == Wire::ReceiveResult::PACKET &&
+            packet.header.kind == Wire::PacketKind::RESPONSE &&
+            packet.header.sequence == CALL.sequence) {
+            return Message::DecodeUploadResponse(packet.body);
         }
     }
     return std::nullopt;
@@ -93,9 +89,8 @@ std::optional<Message::UploadResponse> RegisterUpload(const std::string& name,
     if (error || !record) {
         return std::nullopt;
     }
-    const UniqueFd fd = ConnectUntil(ServerPath(Message::UPLOAD_SERVER), deadline);
-    const auto packet = EncodePacket(PacketKind::CALL, SEQUENCE, *record);
-    if (!fd.IsValid() || !SendPacket(fd.Get(), packet, deadline)) {
+    const UniqueFd fd = ConnectUntil(Wire::ServerPath(Message::UPLOAD_SERVER), deadline);
+    if (!fd.IsValid() || !SendCall(fd.Get(), *record, deadline)) {
         return std::nullopt;
     }
     return ReceiveResponse(fd.Get(), deadline);

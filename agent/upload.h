@@ -1,5 +1,5 @@
-// Upload registration: how a process that the daemon may not have started asks it for share-pool
-// groups. Such a process includes this; it needs no channel of its own.
+// Upload registration: a process that the daemon may not have started asks the daemon for
+// share-pool groups. Such a process includes this header; it needs no OwnerChannel.
 #pragma once
 
 #include <chrono>
@@ -11,14 +11,14 @@
 
 namespace ProcMgr::Agent {
 
-// Registers the calling process under `name` and asks for `groups`, or, when there are none, for
-// all that name the process. Tries again while the daemon is not there.
+// Registers the calling process under `name` and asks for `groups` or, when the list is empty, for
+// all groups whose configuration names the process. Tries again while the daemon is absent.
 //
-// Returns what the daemon answered, which may be a refusal (see UploadResult). Nothing when there
-// is no answer within `timeout`, when the daemon ends the connection or its answer is malformed, or
-// when the name, a group or the path of the executable does not fit into the record.
+// Returns the daemon's answer, which may be a refusal (see UploadResult). Nothing when there is no
+// answer within `timeout`, when the daemon ends the connection or its answer is malformed, or when
+// the name, a group or the path of the executable does not fit into the record.
 //
-// May be called from any thread, by several at a time; waits up to `timeout`.
+// May be called from any thread, also by several at a time; waits up to `timeout`.
 std::optional<Message::UploadResponse> RegisterUpload(const std::string& name,
                                                       const std::vector<std::string>& groups,
                                                       std::chrono::milliseconds timeout);

@@ -28,6 +28,9 @@ public:
     // time-out and force-term flag take effect at the next request to terminate or restart.
     void Refresh(const ApplicationManifest& manifest);
 
+    // The configuration's present entry.
+    const AppSpec& GetEntry() const { return *entry_; }
+
     // Returns the specification of a start by the configuration's present entry, with the values of
     // a start request filled in. Returns nothing, with a log line, when a value is refused.
     std::optional<AppSpec> MakeStart(

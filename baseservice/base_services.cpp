@@ -3,21 +3,19 @@
 #include <algorithm>
 #include <utility>
 
-#include "app/sensor_node_event_reporter.h"
 #include "main/common/log.h"
 
 namespace ProcMgr {
 
-using App::SensorNodeEventReporter;
-
 BaseServices::BaseServices(App::ProcessLauncher& launcher, ReportedState& reportedState,
                            CheckRequests& checks, App::OwnerRegistry& owners,
-                           App::StateReports& reports)
+                           App::StateReports& reports, App::SensorNodeEventReporter& faults)
     : launcher_(launcher),
       reportedState_(reportedState),
       checks_(checks),
       owners_(owners),
-      reports_(reports) {}
+      reports_(reports),
+      faults_(faults) {}
 
 BaseServices::Record* BaseServices::Find(const std::string& name) {
     const auto found = std::find_if(executedBaseApp_.begin(), executedBaseApp_.end(),
@@ -28,7 +26,9 @@ BaseServices::Record* BaseServices::Find(const std::string& name) {
 bool BaseServices::Start(Record& record) {
     std::optional<App::LaunchPlan> plan = launcher_.Prepare(record);
     if (!plan || !StartInList(record, *plan)) {
-        WarnNotStarted(record);
+        ProcMgrLog(LOG_ERR, "Start %s failed, state:%s", record.appName_.c_str(),
+                   GetProcessStateStr(record.GetState()).c_str());
+        RaiseFault(record, App::EVENT_START_FAILED);
         return false;
     }
     reports_.Flush();
@@ -40,7 +40,7 @@ bool BaseServices::StartInList(Record& record, App::LaunchPlan& plan) {
     if (isStopping_) {
         return false;
     }
-    // In the list before there is a child: nothing that fails after the fork can lose it.
+    // The record is added before the fork, so that a failure after the fork cannot lose the child.
     executedBaseApp_.push_back(record);
     Record* entry = Find(record.appName_);
     if (entry == nullptr) {
@@ -59,19 +59,22 @@ bool BaseServices::StartInList(Record& record, App::LaunchPlan& plan) {
     return true;
 }
 
-void BaseServices::WarnNotStarted(const Record& record) const {
-    ProcMgrLog(LOG_ERR, "Start %s failed, state:%s", record.appName_.c_str(),
-               GetProcessStateStr(record.GetState()).c_str());
-    SensorNodeEventReporter::GetInstance().Raise(App::BASE_SERVICE_NODE, record.appName_,
-                                                 App::EVENT_START_FAILED, record.nodeType_);
+void BaseServices::RaiseFault(const Record& record, int32_t event) {
+    faults_.Raise(App::BASE_SERVICE_NODE, record.appName_, event, record.nodeType_);
+}
+
+void BaseServices::WithdrawFault(const std::string& name, int32_t event) {
+    faults_.Withdraw(App::BASE_SERVICE_NODE, name, event);
 }
 
 bool BaseServices::IsAnyUndecided(const std::set<std::string>& names) {
     const LockGuard lock(mutex_);
+    const bool isRestarting = !isStopping_;
     return std::any_of(executedBaseApp_.begin(), executedBaseApp_.end(), [&](const Record& record) {
-        // A service that has ended by itself is restarted by the next pass.
-        const bool isRestarted = record.GetState() == TERMINATED && record.IsRestartable() &&
-                                 record.reportType_ == TERMINATED_NORMAL_EXIT && !isStopping_;
+        // The next pass restarts a service that has ended normally and whose policy restarts it.
+        const bool isRestarted = isRestarting && record.GetState() == TERMINATED &&
+                                 record.IsRestartable() &&
+                                 record.reportType_ == TERMINATED_NORMAL_EXIT;
         return (record.IsUndecided() || isRestarted) && names.contains(record.appName_);
     });
 }
@@ -114,7 +117,7 @@ std::optional<ProcessState> BaseServices::GetState(const std::string& name) {
 
 bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
     const LockGuard lock(mutex_);
-    // A collected exit has freed its pid: it may belong to another process by now.
+    // Only records that are alive: the pid of a collected process may have been reused.
     const auto found =
         std::find_if(executedBaseApp_.begin(), executedBaseApp_.end(),
                      [&](const Record& record) { return record.pid_ == pid && record.IsAlive(); });
@@ -124,7 +127,8 @@ bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
     found->SetExitStatus(status);
     launcher_.Release(*found);
     const bool isYoung = std::chrono::steady_clock::now() - found->startTime_ <= CHECK_PERIOD;
-    // During the stop nothing is restarted, so nothing can crash in a loop, and reports are prompt.
+    // A service that dies soon after its start waits for the next period, so that a crash loop
+    // restarts it once per period. The stop restarts nothing, so every exit is checked at once.
     isYoung && !isStopping_ ? checks_.Request() : checks_.RequestNow();
     exited_.NotifyAll();
     return true;
@@ -139,21 +143,18 @@ void BaseServices::UpdateBaseAppState(const std::string& name, ProcessState repo
                    name.c_str());
         return;
     }
-    // A report of a process that is gone must not bring its record back to life. A readiness report
-    // that comes when the stop has begun was sent before the service saw that it is to end.
+    // A report of a process that has ended must not make its record alive again. A report of
+    // RUNNING after the stop has begun was sent before the service received its SIGTERM.
     if (!record->IsAlive() || record->GetState() == TERMINATED ||
         (isStopping_ && reported == RUNNING)) {
         return;
     }
     if (reported == RUNNING) {
-        SensorNodeEventReporter::GetInstance().Withdraw(App::BASE_SERVICE_NODE, name,
-                                                        App::EVENT_START_FAILED);
+        WithdrawFault(name, App::EVENT_START_FAILED);
     }
     checks_.Request();
-    reportedState_.Update([&] {
-        record->ChangeState(reported, App::ChangeReason::REPORTED);
-        return true;
-    });
+    record->ChangeState(reported, App::ChangeReason::REPORTED);
+    reportedState_.Notify();
 }
 
 void BaseServices::BeginStop() {
@@ -182,7 +183,8 @@ std::vector<std::string> BaseServices::GetOwners() {
     const LockGuard lock(mutex_);
     std::vector<std::string> owners;
     for (const Record& record : executedBaseApp_) {
-        // One whose pipe is not open at the moment shows in the log as not reached.
+        // Includes a service that has promised to report and whose pipe is not open at the moment:
+        // a report to it fails with a log line.
         if (record.isReporting_ || owners_.GetServiceFd(record.appName_) > 0) {
             owners.push_back(record.appName_);
         }

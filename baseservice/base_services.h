@@ -1,12 +1,13 @@
-// The base services that have been started: the list of their records, in start order, and its
-// lock. Base start-up adds to it, the reaper stores exits in it, CheckThread moves its records from
-// state to state and restarts what died, the request handlers set what services report about
-// themselves. Reports are queued under the lock, in the order of the changes; whatever may have to
-// wait (a launch's checks, the messaging and the heartbeat library) is done without it.
+// The container of the base services: the records of the services that have been started, in start
+// order, and their lock. Base start-up adds records, the reaper stores exits, CheckThread moves the
+// records from state to state and restarts services that have died, and the request handlers store
+// the states that services report. Reports are queued under the lock, in the order of the changes;
+// everything that may wait (the checks before a launch, the messaging and the heartbeat library)
+// is done without the lock.
 //
-// A record that is being launched (isLaunching_) belongs to the thread that launches it, until its
-// process has its pipe and its heartbeat watch: supervision leaves it alone meanwhile, and whoever
-// looks at it finds it neither alive nor gone (IsUndecided).
+// While a record is being launched (isLaunching_) it belongs to the thread that launches it, until
+// the new process has its pipe and its heartbeat watch. Supervision leaves the record alone in that
+// time, and the record counts as undecided (IsUndecided): neither alive nor gone.
 #pragma once
 
 #include <chrono>
@@ -23,136 +24,165 @@
 #include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
+#include "app/sensor_node_event_reporter.h"
+#include "baseservice/owner_services.h"
 #include "baseservice/reported_state.h"
+#include "main/common/check_loop.h"
 #include "main/common/check_requests.h"
 #include "main/common/mutex.h"
 #include "message/request_msg.h"
 
 namespace ProcMgr {
 
-class BaseServices {
+class BaseServices final : public OwnerServices, public Supervised {
 public:
-    // All must outlive this object.
+    // All arguments must outlive this object.
     BaseServices(App::ProcessLauncher& launcher, ReportedState& reportedState,
-                 CheckRequests& checks, App::OwnerRegistry& owners, App::StateReports& reports);
+                 CheckRequests& checks, App::OwnerRegistry& owners, App::StateReports& reports,
+                 App::SensorNodeEventReporter& faults);
 
-    // Starts the record's program, adds a copy of the record and reports the start. The lock is
-    // held from before the fork until the record can be found, so the reaper finds it however soon
-    // the child dies. False, with a log line, when there is no process. The record is being
-    // launched until Announce().
-    bool Start(App::BaseAppInfo& record);
+    // Starts the program of the record, adds a copy of the record and reports the start. The lock
+    // is held from before the fork until the record is in the list, so the reaper finds the record
+    // however early the child dies. False, with a log line, when there is no process. After true
+    // the record is being launched until Announce().
+    bool Start(App::BaseAppInfo& record) PROCMGR_EXCLUDES(mutex_);
 
-    // Opens the pipe of a service that has just been started and watches its heartbeat, when it
-    // reports itself; supervision takes over. False, with a log line, when there is no pipe.
-    bool Announce(const App::BaseAppInfo& record);
+    // Completes the launch of a service after Start(): opens the pipe and starts the heartbeat
+    // watch of a service that has promised to report, then leaves the record to supervision. False,
+    // with a log line, when the pipe could not be opened.
+    bool Announce(const App::BaseAppInfo& record) PROCMGR_EXCLUDES(mutex_);
 
-    // Whether it is still open what becomes of one of these services: its process has ended, and
-    // supervision has not dealt with that.
-    bool IsAnyUndecided(const std::set<std::string>& names);
+    // True when the process of one of these services has ended and supervision has not yet decided
+    // whether the service is restarted, or its restart is under way.
+    bool IsAnyUndecided(const std::set<std::string>& names) PROCMGR_EXCLUDES(mutex_);
 
-    // Whether every service of `depends` has been started and is alive. Logs what it finds.
-    bool CheckDepends(const std::set<std::string>& depends, const std::string& name);
+    // True when every service of `depends`, the dependencies of the service `name`, has been
+    // started and is alive. Logs each check.
+    bool CheckDepends(const std::set<std::string>& depends, const std::string& name)
+        PROCMGR_EXCLUDES(mutex_);
 
-    // Nothing when the service is not in the list. STARTING while it is being launched again.
-    std::optional<ProcessState> GetState(const std::string& name);
+    // Nothing when the service is not in the list. STARTING while the service is being restarted.
+    std::optional<ProcessState> GetState(const std::string& name) PROCMGR_EXCLUDES(mutex_);
 
-    // Stores the exit of the process `pid`; false when no service has it.
-    bool SetExitStatus(int32_t pid, int32_t status);
+    // Stores the exit of the process `pid` with its wait status; false when no record has that
+    // process. Called by the reaper before the pid is freed.
+    bool SetExitStatus(int32_t pid, int32_t status) PROCMGR_EXCLUDES(mutex_);
 
-    // One pass of CheckThread over all records: moves them from state to state, and deals with the
-    // services that have died, one after the other: report, fault event, pipe, restart by their
-    // policy.
-    void CheckBaseApps(CheckPass pass);
+    // One pass of CheckThread over all records: moves them from state to state and handles the
+    // services that have died one after the other (report, fault event, pipe, restart by policy).
+    void CheckBaseApps(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
+    void Check(CheckPass pass) override PROCMGR_EXCLUDES(mutex_) { CheckBaseApps(pass); }
 
-    // Takes the services that have ended for good out of the list, with their pipe and heartbeat.
-    void RemoveTerminatedApps();
+    // Removes the services that have ended and are not restarted, with their pipes and heartbeat
+    // watches. Called by CheckThread after each pass.
+    void RemoveTerminatedApps() override PROCMGR_EXCLUDES(mutex_);
 
-    // What a service says about itself: RUNNING or TERMINATING.
-    void UpdateBaseAppState(const std::string& name, ProcessState reported);
+    // Stores the state that a service has reported, RUNNING or TERMINATING. Ignored when the
+    // process of the service has ended; a log line when the service is not in the list.
+    void UpdateBaseAppState(const std::string& name, ProcessState reported)
+        PROCMGR_EXCLUDES(mutex_);
 
-    // Marks the service's present process as ready. True when it was not before; false, with a log
-    // line, for a service that is not in the list.
-    bool UpdateBaseServerReadyInfo(const std::string& name);
-    // Whether its present process is alive and has said that it is ready.
-    bool IsReady(const std::string& name);
+    // Marks the present process of the service as ready. True when it was alive and not marked
+    // before; false, with a log line, for a service that is not in the list.
+    bool UpdateBaseServerReadyInfo(const std::string& name) PROCMGR_EXCLUDES(mutex_);
 
-    // Names of the services that have a pipe, or are to have one, in start order.
-    std::vector<std::string> GetOwners();
+    bool IsReady(const std::string& name) override PROCMGR_EXCLUDES(mutex_);
+    std::vector<std::string> GetOwners() override PROCMGR_EXCLUDES(mutex_);
 
-    // Shows every record to the visitor; see RecordContainer.
-    bool Visit(const App::RecordVisitor& visitor);
+    // Shows every record to the visitor; see App::RecordContainer.
+    bool Visit(const App::RecordVisitor& visitor) PROCMGR_EXCLUDES(mutex_);
 
-    // Every service with its present state.
-    std::vector<Message::AppStateInfo> GetStates();
+    // Every service with its present state, in start order.
+    std::vector<Message::AppStateInfo> GetStates() PROCMGR_EXCLUDES(mutex_);
 
-    // A notification of the heartbeat library: `status` 1 lost, 0 back. Returns 1 when handled,
-    // else 0.
-    int HeartBeatNotify(const char* name, size_t nameLength, int32_t pid, uint32_t status);
+    // Handles a notification of the heartbeat library, on a thread of that library. `status` 1: the
+    // heartbeat of the process `pid` is lost, 0: it has come back. Returns 1 when the notification
+    // was handled, else 0, with a log line.
+    int HeartBeatNotify(const char* name, size_t nameLength, int32_t pid, uint32_t status)
+        PROCMGR_EXCLUDES(mutex_);
 
-    // From now on nothing is started or restarted.
-    void BeginStop();
+    // From this call on nothing is started or restarted.
+    void BeginStop() PROCMGR_EXCLUDES(mutex_);
 
-    // Begins the stop, if that has not been done, and ends every service, in reverse start order:
-    // SIGTERM, then SIGKILL when its term time-out has passed. A service is not ended before those
-    // that depend on it are gone. Needs the reaper.
-    void StopAll();
+    // Ends every service in reverse start order: SIGTERM, then SIGKILL when the service's
+    // termination time-out has passed. A service gets its SIGTERM only after the services that
+    // depend on it have ended. Implies BeginStop(). Returns when all have ended or have been given
+    // up; the reaper must run meanwhile, because it stores the exits.
+    void StopAll() PROCMGR_EXCLUDES(mutex_);
 
 private:
     using Record = App::BaseAppInfo;
     class LaunchGuard;
 
-    // What is due to a service that has been told to end.
+    // A service that StopAll() has sent SIGTERM.
     struct Ending {
-        SteadyTime due;  // the kill
+        SteadyTime killTime;
         bool isKilled = false;
     };
-    using Endings = std::map<std::string, Ending>;
+    struct Endings {
+        std::map<std::string, Ending> byName;
+        // How much longer StopAll() waits for processes that it has killed, all together.
+        std::chrono::nanoseconds killPatience = std::chrono::milliseconds(500);
+    };
 
-    // The parts of a pass and of a restart; they take the lock themselves. Each works on a copy of
-    // the record that the list had under the lock.
-    // Checks the records from `index` on, up to the first that has ended; nothing when none has.
-    std::optional<Record> CheckNext(CheckPass pass, size_t& index);
-    void GiveUp(const Record& record);
-    // Decides about the restart of a service that has died, and does it.
-    void RestartByPolicy(const std::string& name, LaunchGuard& guard);
-    std::optional<Record> DecideRestart(const std::string& name);
-    void PrepareAndFinish(const Record& copy);
-    void Reconnect(const Record& record);
-    // Gives a record that was being launched to supervision.
-    void EndLaunch(const std::string& name);
-    void RegisterHeartBeat(const Record& record);
-    // The part of Start() that is done under the lock.
-    bool StartInList(Record& record, App::LaunchPlan& plan);
-    void WarnNotStarted(const Record& record) const;
+    // The steps of a pass and of a restart. Each works on a copy of the record, made under the
+    // lock.
+    // Checks the records from `index` on, up to and with the first one that has ended, and returns
+    // a copy of that one. Nothing when the list has been checked to its end.
+    std::optional<Record> CheckNext(CheckPass pass, size_t& index) PROCMGR_EXCLUDES(mutex_);
+    void ReleaseEnded(const Record& record) PROCMGR_EXCLUDES(mutex_);
+    // Restarts a service that has died if its policy allows it. A launch that may take long is
+    // handed to another thread; `guard` is then disarmed.
+    void RestartByPolicy(const std::string& name, LaunchGuard& guard) PROCMGR_EXCLUDES(mutex_);
+    // Decides about the restart and logs the decision. A copy of the record for a restart, nothing
+    // for none.
+    std::optional<Record> DecideRestart(const std::string& name) PROCMGR_EXCLUDES(mutex_);
+    void PrepareAndRestart(const Record& copy) PROCMGR_EXCLUDES(mutex_);
+    void Reconnect(const Record& record) PROCMGR_EXCLUDES(mutex_);
+    // Ends the launch of the record: supervision checks the record again.
+    void EndLaunch(const std::string& name) PROCMGR_EXCLUDES(mutex_);
+    void RegisterHeartBeat(const Record& record) PROCMGR_EXCLUDES(mutex_);
+    // Ends the heartbeat watch of the service and the fault that the watch may have raised.
+    void EndHeartBeat(const std::string& name) PROCMGR_EXCLUDES(mutex_);
+    bool StartInList(Record& record, App::LaunchPlan& plan) PROCMGR_EXCLUDES(mutex_);
 
-    // The callers of all that follow hold mutex_.
-    // Whether a pass has something to find out about the record.
-    bool NeedsCheck(const Record& record, CheckPass pass, SteadyTime now) const;
-    Record* Find(const std::string& name);
-    // Starts a terminated service again. False, with a log line, when there is no new process.
-    bool RestartBaseApp(const std::string& name, std::optional<App::LaunchPlan> plan);
-    void CheckOne(Record& record);
-    // What is due at once to a record whose process has ended.
-    void NoteEnd(Record& record);
-    // Whether a service that is alive depends on `name`.
-    bool IsNeeded(const std::string& name) const;
-    void Terminate(const std::string& name, Endings& endings);
-    // Waits for exits, and kills what is late, while `condition` is true.
-    void WaitWhile(UniqueLock& lock, Endings& endings, const std::function<bool()>& condition);
-    // Does what is due; returns when the next thing is, nothing when all are gone or given up.
-    std::optional<SteadyTime> KillLate(Endings& endings);
+    // These queue a call of the device library and take no lock of this object.
+    void RaiseFault(const Record& record, int32_t event);
+    void WithdrawFault(const std::string& name, int32_t event);
+
+    bool NeedsCheck(const Record& record, CheckPass pass, SteadyTime now) const
+        PROCMGR_REQUIRES(mutex_);
+    Record* Find(const std::string& name) PROCMGR_REQUIRES(mutex_);
+    // Starts a service that has ended again, by `plan`. Returns its record, or null, with a log
+    // line, when there is no new process.
+    const Record* RestartBaseApp(const std::string& name, std::optional<App::LaunchPlan> plan)
+        PROCMGR_REQUIRES(mutex_);
+    void CheckOne(Record& record) PROCMGR_REQUIRES(mutex_);
+    // Queues the report about a record whose process has just been found ended, and raises its
+    // fault.
+    void ReportEnd(Record& record) PROCMGR_REQUIRES(mutex_);
+    // True when a service that is alive depends on `name`.
+    bool IsNeeded(const std::string& name) const PROCMGR_REQUIRES(mutex_);
+    void Terminate(const std::string& name, Endings& endings) PROCMGR_REQUIRES(mutex_);
+    // Waits for exits and kills the processes whose time-out has passed, until `condition` is false
+    // or no process is left to wait for. `lock` holds mutex_.
+    void WaitWhile(UniqueLock& lock, Endings& endings, const std::function<bool()>& condition)
+        PROCMGR_REQUIRES(mutex_);
+    // Kills the processes whose time-out has passed. Returns the time of the next kill or of giving
+    // up; nothing when every process has ended or been given up.
+    std::optional<SteadyTime> KillLate(Endings& endings) PROCMGR_REQUIRES(mutex_);
 
     App::ProcessLauncher& launcher_;
     ReportedState& reportedState_;
     CheckRequests& checks_;
     App::OwnerRegistry& owners_;
     App::StateReports& reports_;
+    App::SensorNodeEventReporter& faults_;
+
     Mutex mutex_;
-    Condition exited_;                     // an exit has been stored
-    std::vector<Record> executedBaseApp_;  // guarded by mutex_, its states also by reportedState_
-    bool isStopping_ = false;              // guarded by mutex_
-    // How long killed processes may still be waited for, all together; guarded by mutex_.
-    std::chrono::nanoseconds killPatience_ = std::chrono::milliseconds(500);
+    Condition exited_;  // notified when an exit has been stored
+    std::vector<Record> executedBaseApp_ PROCMGR_GUARDED_BY(mutex_);  // in start order
+    bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace ProcMgr

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <utility>
 
 #include "app/app_spec.h"
 #include "main/common/boot_trace.h"
@@ -14,7 +13,7 @@ namespace {
 
 constexpr std::chrono::milliseconds SETTLE_TIME{30};
 
-// One parser for the life of the process: it knows the dependencies of what it has parsed.
+// The parser keeps the dependencies of the services that it has parsed, for GetStartGraph().
 ParseAndDepend& Parser() {
     static ParseAndDepend parser;
     return parser;
@@ -23,11 +22,8 @@ ParseAndDepend& Parser() {
 }  // namespace
 
 BaseStartup::BaseStartup(BaseServices& services, ReportedState& reportedState,
-                         BootCommandLine& commandLine, std::function<bool()> isStopping)
-    : services_(services),
-      reportedState_(reportedState),
-      commandLine_(commandLine),
-      isStopping_(std::move(isStopping)) {}
+                         BootCommandLine& commandLine)
+    : services_(services), reportedState_(reportedState), commandLine_(commandLine) {}
 
 bool BaseStartup::ParseYamlFile(const std::string& path,
                                 std::vector<ApplicationManifest>& manifests) {
@@ -91,20 +87,21 @@ BaseStartup::Outcome BaseStartup::StartInOrder(DependGraph& graph) {
         if (outcome == Outcome::SOME_FAILED) {
             result = outcome;
         }
-        // Also those that failed: what depends on them fails at its own check.
+        // Services that have failed are removed, too: a service that depends on one of them fails
+        // at its dependency check.
         for (const std::string& name : batch) {
             graph.Pop(name);
         }
         worked.insert(batch.begin(), batch.end());
     }
-    // The stop may have ended the wait for the last service.
-    return isStopping_() ? Outcome::ABANDONED : result;
+    // A stop during the wait for the last service does not show in the result of its batch.
+    return reportedState_.IsStopped() ? Outcome::ABANDONED : result;
 }
 
 BaseStartup::Outcome BaseStartup::StartBatch(const std::set<std::string>& batch) {
     Outcome result = Outcome::ALL_STARTED;
     for (const std::string& name : batch) {
-        if (isStopping_()) {
+        if (reportedState_.IsStopped()) {
             return Outcome::ABANDONED;
         }
         const auto manifest = std::find_if(
@@ -130,10 +127,8 @@ bool BaseStartup::InitOneBaseApplication(App::BaseAppInfo& record) {
         ProcMgrLog(LOG_WARNING, "PROCMGR=%s is already running", name.c_str());
         return true;
     }
-    if (!CheckDepends(record.dependList_, name) || !services_.Start(record)) {
-        return false;
-    }
-    if (!services_.Announce(record)) {
+    if (!CheckDepends(record.dependList_, name) || !services_.Start(record) ||
+        !services_.Announce(record)) {
         return false;
     }
     if (record.isReporting_) {
@@ -143,10 +138,9 @@ bool BaseStartup::InitOneBaseApplication(App::BaseAppInfo& record) {
 }
 
 bool BaseStartup::CheckDepends(const std::set<std::string>& depends, const std::string& name) {
-    // A service whose process has ended is waited for until supervision has restarted it or not.
     for (;;) {
         const uint64_t seen = reportedState_.GetChanges();
-        if (isStopping_() || !services_.IsAnyUndecided(depends)) {
+        if (reportedState_.IsStopped() || !services_.IsAnyUndecided(depends)) {
             return services_.CheckDepends(depends, name);
         }
         reportedState_.WaitForChangeSince(seen);
@@ -156,12 +150,12 @@ bool BaseStartup::CheckDepends(const std::set<std::string>& depends, const std::
 bool BaseStartup::WaitBaseAppReport(const std::string& name) {
     constexpr bool RETRY = false;
     for (;;) {
-        // Counted before anything is looked at: every change from here on ends the wait.
+        // The counter is read before the state: a change in between ends the wait below.
         const uint64_t seen = reportedState_.GetChanges();
-        if (isStopping_()) {
+        if (reportedState_.IsStopped()) {
             return RETRY;
         }
-        // The list moves while we sleep: a service that has left it will not report any more.
+        // A service that is no longer in the list has ended and cannot report any more.
         const ProcessState state = services_.GetState(name).value_or(TERMINATED);
         if (state == RUNNING || state == TERMINATING || state == TERMINATED) {
             LogReport(name, state);

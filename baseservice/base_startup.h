@@ -1,9 +1,8 @@
-// The start of the base services: the services of a YAML file, in dependency order, each after the
-// ones it depends on; a service that promises to report itself is waited for. Runs once, on the
-// start-up thread.
+// The start of the base services of a YAML file in dependency order: a service is started after the
+// services that it depends on, and start-up waits for the report of a service that has promised
+// one. Runs once, on the start-up thread; no function of it is thread-safe.
 #pragma once
 
-#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,46 +16,50 @@ namespace ProcMgr {
 
 class BaseStartup {
 public:
-    // `isStopping` ends start-up between two services and any wait for a report; whoever makes it
-    // true notifies `reportedState`. All references must outlive this object.
-    BaseStartup(BaseServices& services, ReportedState& reportedState, BootCommandLine& commandLine,
-                std::function<bool()> isStopping);
+    // All arguments must outlive this object. `reportedState` ends start-up: after its Stop() no
+    // further service is started and every wait ends.
+    BaseStartup(BaseServices& services, ReportedState& reportedState, BootCommandLine& commandLine);
 
-    // Starts every service of the file at `path`. Logs its outcome.
+    // Starts every service of the file at `path`; the outcome is only logged. The functions below
+    // are its steps.
     void InitBaseApplication(const std::string& path);
 
-    // Appends the manifests of the file to `manifests` and the names of its services, but of those
-    // that the boot command line would have to ask for and does not, to the list of what is to be
-    // started. False when the file is unusable or a name is empty.
+    // Appends the manifests of the file to `manifests`, and to the names to be started those of its
+    // services that the boot command line does not exclude. False when the file cannot be parsed,
+    // or when a manifest has no name.
     bool ParseYamlFile(const std::string& path, std::vector<ApplicationManifest>& manifests);
 
-    // Starts one service and waits for its report. True when it is running or was already.
+    // Starts the service of `record`, unless the record has a process that is alive, and waits for
+    // its report. False, with a log line, when the service could not be started.
     bool InitOneBaseApplication(App::BaseAppInfo& record);
 
+    // Waits until supervision has restarted the services of `depends` that have ended or has given
+    // them up. True when all of them are alive then.
     bool CheckDepends(const std::set<std::string>& depends, const std::string& name);
 
-    // Waits until the service has reported RUNNING or TERMINATING or is gone. Returns whether to
-    // start it once more: never.
+    // Waits until the service has reported RUNNING or TERMINATING, has ended, or start-up ends.
+    // Returns whether the service is to be started once more; no outcome asks for that at present.
     bool WaitBaseAppReport(const std::string& name);
 
-    // Logs the flag and returns it.
+    // Logs the flag and returns it. The place where start-up would switch on the hardware watchdog.
     static bool EnableWatchDog(bool flag);
 
 private:
+    // ABANDONED: start-up has been stopped, or a service of the graph has no manifest.
     enum class Outcome { ALL_STARTED, SOME_FAILED, ABANDONED };
 
     Outcome StartInOrder(DependGraph& graph);
-    // Starts the names of one batch. ABANDONED when one of them has no manifest.
+    // Starts the services of one batch in the order of their names.
     Outcome StartBatch(const std::set<std::string>& batch);
     void LogReport(const std::string& name, ProcessState state) const;
+    // Logs the names that a dependency cycle excludes.
     void LogBlocked(const std::set<std::string>& started) const;
 
     BaseServices& services_;
     ReportedState& reportedState_;
     BootCommandLine& commandLine_;
-    const std::function<bool()> isStopping_;
-    std::vector<ApplicationManifest> manifests_;  // emptied once all have been worked through
-    std::vector<std::string> enabledNames_;
+    std::vector<ApplicationManifest> manifests_;  // of the file; emptied after the last batch
+    std::vector<std::string> enabledNames_;       // to be started, in the order of the file
 };
 
 }  // namespace ProcMgr

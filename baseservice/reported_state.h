@@ -1,6 +1,7 @@
-// Where base start-up waits for a service's state to change: a mutex that guards the states of the
-// base services, and a condition that everything that changes one announces. The innermost lock:
-// nothing but the log is locked while it is held.
+// The condition on which base start-up waits for the base services: a counter of the changes of
+// their states, and a stop flag. Base start-up reads the counter and waits; the request handlers,
+// CheckThread and the stop of the daemon wake it. The mutex is the innermost one of the lock order:
+// no other mutex is taken while a thread holds it.
 #pragma once
 
 #include <cstdint>
@@ -11,40 +12,43 @@ namespace ProcMgr {
 
 class ReportedState {
 public:
-    // Runs `change` with the mutex held and, when it returns true, wakes the waiters.
-    template <typename Change>
-    void Update(Change change) {
+    // Counts a change and wakes the waiting threads. The lock of the base services may be held.
+    void Notify() PROCMGR_EXCLUDES(mutex_) { Change(false); }
+
+    // Ends base start-up: wakes the waiting threads, which then find IsStopped().
+    void Stop() PROCMGR_EXCLUDES(mutex_) { Change(true); }
+    bool IsStopped() const PROCMGR_EXCLUDES(mutex_) {
+        const LockGuard lock(mutex_);
+        return isStopped_;
+    }
+
+    // The number of changes so far. A thread that reads the counter first, the states second, and
+    // then waits for the counter to differ misses no change.
+    uint64_t GetChanges() const PROCMGR_EXCLUDES(mutex_) {
+        const LockGuard lock(mutex_);
+        return changes_;
+    }
+
+    // Waits, without a time limit, until the counter differs from `seen`. Not with a lock held.
+    void WaitForChangeSince(uint64_t seen) PROCMGR_EXCLUDES(mutex_) {
+        UniqueLock lock(mutex_);
+        changed_.Wait(lock, [&]() PROCMGR_REQUIRES(mutex_) { return changes_ != seen; });
+    }
+
+private:
+    void Change(bool isStop) PROCMGR_EXCLUDES(mutex_) {
         {
             const LockGuard lock(mutex_);
-            if (!change()) {
-                return;
-            }
+            isStopped_ = isStopped_ || isStop;
             ++changes_;
         }
         changed_.NotifyAll();
     }
 
-    // Wakes the waiters to look again.
-    void Notify() {
-        Update([] { return true; });
-    }
-
-    // Counts the updates. Read it before looking at a state, then wait for it to move on: an update
-    // in between is not missed.
-    uint64_t GetChanges() const {
-        const LockGuard lock(mutex_);
-        return changes_;
-    }
-
-    void WaitForChangeSince(uint64_t seen) {
-        UniqueLock lock(mutex_);
-        changed_.Wait(lock, [&] { return changes_ != seen; });
-    }
-
-private:
     mutable Mutex mutex_;
     Condition changed_;
-    uint64_t changes_ = 0;  // guarded by mutex_
+    uint64_t changes_ PROCMGR_GUARDED_BY(mutex_) = 0;
+    bool isStopped_ PROCMGR_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace ProcMgr

@@ -1,5 +1,5 @@
-// The system calls of the watchdog, by their own names; tests put a header of the same name before
-// this one on the include path.
+// The system calls that watchdog.cpp makes. All of them are named here, so that another header of
+// this name, found earlier on the include path, can replace them.
 #pragma once
 
 #include <fcntl.h>

@@ -34,7 +34,7 @@ constexpr uint64_t NANOSECONDS = 1'000'000'000;
     std::exit(1);
 }
 
-// Reads everything that is sent to /dev/log, in a process of its own.
+// Starts a process that reads everything that is sent to /dev/log.
 void StartLogger() {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
@@ -107,7 +107,6 @@ void EnterPrivateSystem(bool withLogger) {
         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         Fail("mount namespace (root is needed)");
     }
-    // /dev without a log socket, with the nodes that a service may open.
     std::filesystem::create_directories("/run");
     if (mount("tmpfs", "/run", "tmpfs", 0, "mode=0755") != 0) {
         Fail("mount /run");
@@ -115,6 +114,7 @@ void EnterPrivateSystem(bool withLogger) {
     if (mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0) {
         Fail("mount /dev");
     }
+    // The devices that a service may open.
     mknod("/dev/null", S_IFCHR | 0666, 0x103);
     mknod("/dev/zero", S_IFCHR | 0666, 0x105);
     mknod("/dev/urandom", S_IFCHR | 0666, 0x109);

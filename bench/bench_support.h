@@ -1,5 +1,5 @@
-// What the benchmarks share: the stamp file of their services, the daemon under measurement in a
-// mount namespace of its own, and a few statistics.
+// Shared by all benchmarks: the stamp file of their services, the private system that the measured
+// daemon runs in, and statistics. Any failure ends the program.
 #pragma once
 
 #include <sys/types.h>
@@ -14,7 +14,7 @@ namespace Bench {
 // CLOCK_MONOTONIC in nanoseconds.
 uint64_t Now();
 
-// What a service writes into its slot when it starts.
+// The record that a service writes into its slot when it starts.
 struct Stamp {
     uint64_t time = 0;  // CLOCK_MONOTONIC in nanoseconds
     int64_t pid = 0;
@@ -30,7 +30,7 @@ public:
 
     const std::string& GetPath() const { return path_; }
     void Clear();
-    // Waits until every slot has been written after `since` and returns the stamps; ends the
+    // Waits until every slot has a stamp later than `since` and returns the stamps. Ends the
     // program after 60 s.
     std::vector<Stamp> WaitForAll(uint64_t since = 0) const;
 
@@ -42,18 +42,19 @@ private:
     int fd_;
 };
 
-// Makes /run, /var/log and /dev/log private to this process and its children. With `withLogger`
-// something reads /dev/log, as a system logger does; without, there is none, as in early boot.
+// Makes /run and /dev private to this process and its children. With `withLogger` a process reads
+// /dev/log like a system logger; without, there is no /dev/log, as in early boot.
 void EnterPrivateSystem(bool withLogger);
-// Then: gives it the control groups that every device has, as plain files, all cores in CtrlCPU.
+// Makes the control groups that every device has, as plain files, with all cores in CtrlCPU. Call
+// it after EnterPrivateSystem().
 void LayOutGroups();
 
 // Starts a program with its arguments; returns its pid.
 pid_t Spawn(const std::vector<std::string>& command);
-// SIGTERM, then waits for the exit. Returns the wait status.
+// Sends SIGTERM and waits for the exit. Returns the raw wait status.
 int Stop(pid_t pid);
 
-// The directory for manifests and stamps, inside the private /run.
+// Writes a file below the private /run and returns its path.
 std::string WriteFile(const std::string& name, const std::string& text);
 
 // Milliseconds from `start` to the last of the stamps.
@@ -62,8 +63,9 @@ double SinceStart(uint64_t start, const std::vector<Stamp>& stamps);
 double Median(std::vector<double> values);
 double Percentile(std::vector<double> values, double percent);
 
-// Proportional set size in KiB, and processor time of all its threads in nanoseconds.
+// Proportional set size in KiB; -1 when it cannot be read.
 long PssOf(pid_t pid);
+// Processor time of all threads of the process in nanoseconds.
 uint64_t CpuTimeOf(pid_t pid);
 
 }  // namespace Bench

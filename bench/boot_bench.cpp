@@ -1,8 +1,9 @@
 // boot_bench [--runs N] [--no-logger]
 //
-// How fast the daemon boots: from its own exec to the first instruction of the last service's main,
-// for 10, 100 and 500 independent services and a chain of 50, beside a bare posix_spawn loop of the
-// same program in the same run; then its memory and its idle processor time with 500 services.
+// Measures the boot: the time from the exec of the daemon to the first instruction of the last
+// service's main, for 10, 100 and 500 independent services and a chain of 50, compared with a bare
+// posix_spawn loop of the same program in the same run. Then measures memory and idle processor
+// time of the daemon with 500 services.
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 // message_bench [--runs N]
 //
-// What it costs to make a full record and to read one, per record and per item, beside a plain
-// memcpy of the record in the same run. Medians of N samples.
+// Measures the time to encode and to decode a full record, per record and per item, and compares it
+// with a plain memcpy of a record in the same run. Prints medians of N samples.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,8 +11,11 @@
 #include <utility>
 #include <vector>
 
-#include "agent/codec.h"
 #include "bench/bench_support.h"
+#include "message/binary_fields.h"
+#include "message/record_codec.h"
+#include "message/report_codec.h"
+#include "message/request_codec.h"
 #include "message/serialization.h"
 
 namespace {
@@ -25,7 +28,7 @@ constexpr int REPEATS = 200;
 constexpr size_t PAYLOAD_MAX = Message::PM_PIPE_BUF_MAX;
 constexpr size_t COUNT_DIGITS = 5;
 
-// Keeps the compiler from leaving out what nobody reads.
+// Keeps the compiler from leaving out the computation of a value that is not read.
 void Use(const void* pointer) {
     asm volatile("" : : "r"(pointer) : "memory");
 }
@@ -54,7 +57,7 @@ std::string Name(size_t number) {
     return "application_" + std::string(4 - digits.size(), '0') + digits;
 }
 
-// As many items as one record holds.
+// A record with as many items as fit, and the items as encoded pieces.
 struct Full {
     RequestMsg record;
     size_t items = 0;
@@ -84,19 +87,13 @@ Full FillText(Message::RequestType type, const std::function<std::string(size_t)
 
 Full FillQuery() {
     Full full;
-    size_t length = sizeof(uint32_t);
-    std::string body;
-    for (; length + sizeof(uint32_t) + Name(0).size() <= PAYLOAD_MAX; ++full.items) {
-        const std::string name = Name(full.items);
-        const auto size = static_cast<uint32_t>(name.size());
-        body.append(reinterpret_cast<const char*>(&size), sizeof(size)).append(name);
-        length = sizeof(uint32_t) + body.size();
+    full.items = (PAYLOAD_MAX - sizeof(uint32_t)) / (sizeof(uint32_t) + Name(0).size());
+    Message::BinaryWriter fields;
+    fields.AddNumber(full.items);
+    for (size_t i = 0; i < full.items; ++i) {
+        fields.AddText(Name(i));
     }
-    const auto count = static_cast<uint32_t>(full.items);
-    std::memcpy(full.record.data, &count, sizeof(count));
-    std::memcpy(full.record.data + sizeof(count), body.data(), body.size());
-    full.record.type = Message::QUERY_APP_STATE;
-    full.record.size = length;
+    full.record = Message::MakeRecord(Message::QUERY_APP_STATE, fields.Bytes());
     return full;
 }
 
@@ -117,7 +114,7 @@ void MeasureGather(const char* what, const Full& full, int runs, double copy) {
     Print(what, full.items, Measure(runs, gather), copy);
 }
 
-// `unpack` is one of the routines that fill a list of items.
+// `unpack` fills a list with the items of a record.
 template <typename Item>
 void MeasureUnpack(const char* what, const Full& full,
                    const std::function<void(const RequestMsg*, std::vector<Item>&)>& unpack,
@@ -138,11 +135,11 @@ void UnpackStart(const RequestMsg* record, std::vector<Message::StartAppInfo>& o
 }
 
 void UnpackQuery(const RequestMsg* record, std::vector<std::string>& out) {
-    Serialization::DecodeQueryNames(*record, out);
+    out = Message::DecodeQuery(*record).value_or(std::vector<std::string>());
 }
 
 void UnpackReport(const RequestMsg* record, std::vector<Message::AppStateInfo>& out) {
-    out = Agent::DecodeAppStates(*record).value_or(std::vector<Message::AppStateInfo>());
+    out = Message::DecodeAppStates(*record).value_or(std::vector<Message::AppStateInfo>());
 }
 
 void MeasureRequests(int runs, double copy) {
@@ -170,10 +167,9 @@ void MeasureQuery(int runs, double copy) {
     for (size_t i = 0; i < PAYLOAD_MAX / (Name(0).size() + 2 * sizeof(uint32_t)); ++i) {
         statusByName.emplace(Name(i), 2);
     }
-    RequestMsg record;
-    Expect(Serialization::EncodeDetailStatus(statusByName, record), "detail status");
+    Expect(Message::EncodeDetailStatus(statusByName).has_value(), "detail status");
     const auto encode = [&] {
-        Serialization::EncodeDetailStatus(statusByName, record);
+        const auto record = Message::EncodeDetailStatus(statusByName);
         Use(&record);
     };
     Print("answer of a query: pack", statusByName.size(), Measure(runs, encode), copy);

@@ -1,10 +1,9 @@
 // owner_bench [--runs N]
 //
-// What an owner waits for: from its start request to the first instruction of the application's
-// main, beside a bare fork and exec of the same program in the same run; from an application's
-// death to the report of it; the answer to a query of 100 names.
-#include <sys/socket.h>
-#include <sys/un.h>
+// Measures the waiting times of an owner: from its start request to the first instruction of the
+// application's main, compared with a bare fork and exec of the same program in the same run; from
+// the death of an application to the report; from a query of 100 names to the answer.
+#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,50 +16,44 @@
 #include <thread>
 #include <vector>
 
-#include "agent/codec.h"
+#include "agent/packet_socket.h"
 #include "bench/bench_support.h"
+#include "message/record_codec.h"
+#include "message/request_codec.h"
+#include "wire/packet_io.h"
+#include "wire/socket_paths.h"
 
 namespace {
 
 using ProcMgr::Message::RequestMsg;
 
 constexpr double MILLISECOND = 1e6;
-// Longer than the period in which the daemon takes a death for a crash loop.
+// A death after a shorter life counts as a crash loop.
 constexpr std::chrono::milliseconds LIFE{60};
 constexpr int NAMES = 100;
 
 // The owner's end of its pipe. Any failure ends the program.
 class Owner {
 public:
-    explicit Owner(const std::string& name)
-        : fd_(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-        const std::string path = ProcMgr::Agent::PipePath(name);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path.data(), path.size());
-        while (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    explicit Owner(const std::string& name) {
+        const std::string path = Wire::PipePath(name);
+        while (!(fd_ = ProcMgr::Agent::ConnectSocket(path)).IsValid()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
-        Send(ProcMgr::Message::BASESERVICE_STATE_REPORT, "1#2#");
+        Send(ProcMgr::Message::EncodeStateReport(ProcMgr::BaseServiceStateType::RUNNING));
     }
-    ~Owner() { close(fd_); }
-    Owner(const Owner&) = delete;
-    Owner& operator=(const Owner&) = delete;
 
-    void Send(uint32_t type, const std::string& payload) const {
-        RequestMsg record;
-        record.type = type;
-        record.size = payload.size();
-        std::memcpy(record.data, payload.data(), payload.size());
-        const auto packet =
-            ProcMgr::Agent::EncodeRecordPacket(ProcMgr::Agent::PacketKind::REQUEST, 0, record);
-        if (send(fd_, packet.data(), packet.size(), MSG_NOSIGNAL) < 0) {
+    void Send(const RequestMsg& record) const {
+        const auto bytes = ProcMgr::Message::EncodeRecord(record);
+        if (Wire::SendPacket(fd_.Get(), {}, bytes) != Wire::SendResult::SENT) {
             Fail("send");
         }
     }
-    void Receive() const {
-        std::vector<uint8_t> buffer(ProcMgr::Agent::PACKET_MAX);
-        if (recv(fd_, buffer.data(), buffer.size(), 0) <= 0) {
+    void Receive() {
+        pollfd readable{fd_.Get(), POLLIN, 0};
+        poll(&readable, 1, -1);
+        Wire::Packet packet;
+        if (Wire::ReceivePacket(fd_.Get(), buffer_, packet) != Wire::ReceiveResult::PACKET) {
             Fail("recv");
         }
     }
@@ -71,21 +64,16 @@ private:
         std::exit(1);
     }
 
-    const int fd_;
+    Wire::UniqueFd fd_;
+    std::vector<uint8_t> buffer_ = std::vector<uint8_t>(Wire::PACKET_MAX);
 };
 
-std::string QueryOf(int names) {
-    std::string payload;
-    const auto append = [&payload](uint32_t number) {
-        payload.append(reinterpret_cast<const char*>(&number), sizeof(number));
-    };
-    append(static_cast<uint32_t>(names));
-    for (int i = 0; i < names; ++i) {
-        const std::string name = "application" + std::to_string(i);
-        append(static_cast<uint32_t>(name.size()));
-        payload += name;
+RequestMsg QueryOf(int count) {
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i) {
+        names.push_back("application" + std::to_string(i));
     }
-    return payload;
+    return ProcMgr::Message::EncodeQuery(names).value();
 }
 
 double Since(uint64_t start) {
@@ -129,23 +117,25 @@ int main(int argc, char** argv) {
                                               "\", \"0\"]}\napplications:\n  - {name: app, " +
                                               program + stamps.GetPath() + "\", \"0\"]}\n");
     const pid_t daemon = Bench::Spawn({PROCESS_MANAGER, manifest});
-    const Owner owner("owner");
+    Owner owner("owner");
 
     std::vector<double> starts;
     std::vector<double> bare;
     std::vector<double> deaths;
     std::vector<double> queries;
-    const std::string query = QueryOf(NAMES);
+    const RequestMsg startApp =
+        ProcMgr::Message::MakeRecord(ProcMgr::Message::START_APP, "1#app#0#0#");
+    const RequestMsg query = QueryOf(NAMES);
     for (int run = 0; run < runs; ++run) {
         uint64_t start = Bench::Now();
-        owner.Send(ProcMgr::Message::START_APP, "1#app#0#0#");
+        owner.Send(startApp);
         const std::vector<Bench::Stamp> stamp = stamps.WaitForAll(start);
         starts.push_back(Bench::SinceStart(start, stamp));
         owner.Receive();
         std::this_thread::sleep_for(LIFE);
 
         start = Bench::Now();
-        owner.Send(ProcMgr::Message::QUERY_APP_STATE, query);
+        owner.Send(query);
         owner.Receive();
         queries.push_back(Since(start));
 

@@ -1,9 +1,9 @@
 // placement_bench [--runs N] [--seconds N]
 //
-// What it costs to put processes in their places: the time that control groups and cores of its own
-// add to the launch of a service, in real first-version control groups; then the processor time
-// that the daemon's periodic checks take with priority applications of 8 threads each, beside as
-// many base services of the same kind, which are not checked.
+// Measures placement: the time that configured control groups and cores add to the launch of a
+// service, in real first-version control groups; then the processor time of the daemon's periodic
+// checks with priority applications of 8 threads each, compared with as many base services, which
+// are not checked.
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -41,7 +41,7 @@ constexpr size_t APPS = 500;
 constexpr size_t THREADS = 8;
 constexpr std::chrono::seconds PATIENCE{60};
 constexpr std::chrono::milliseconds LOOK{5};
-// Several periods of the check.
+// Several check periods.
 constexpr std::chrono::seconds SETTLING{3};
 
 struct Options {
@@ -66,7 +66,7 @@ bool WaitUntil(const Condition& condition) {
     return true;
 }
 
-// Where the daemon finds a group.
+// The path where the daemon expects a group.
 fs::path PlaceOf(const std::string& controller, const std::string& group) {
     return fs::path("/sys/fs/cgroup") / controller / group;
 }
@@ -76,7 +76,8 @@ size_t CountLines(const fs::path& path) {
     return static_cast<size_t>(std::count(std::istreambuf_iterator<char>(file), {}, '\n'));
 }
 
-// This program's group of a controller, from the hierarchy's root; empty when there is no such one.
+// This program's group of a controller, as a path from the root of the hierarchy; empty without
+// such a hierarchy.
 std::string OwnGroupOf(const std::string& controller) {
     std::ifstream file("/proc/self/cgroup");
     std::string id;
@@ -91,16 +92,17 @@ std::string OwnGroupOf(const std::string& controller) {
     return {};
 }
 
-// The groups of the measurement, below those that this program is in, so that their limits hold on.
+// The groups of the measurement. They are made below the groups that this program is in, so that
+// the limits of those still apply.
 class ControlGroups {
 public:
-    // All cores are in CtrlCPU, so there is nothing left for an AICPU.
+    // There is no AICPU, because all cores are in CtrlCPU.
     ControlGroups() {
         Make("cpu", {"OTHER", "bench"});
         Make("cpuset", {"CtrlCPU", "bench"});
         Make("memory", {"bench"});
     }
-    // Every process in them must be gone.
+    // All processes in the groups must have ended.
     ~ControlGroups() {
         for (; !made_.empty(); made_.pop_back()) {
             if (!WaitUntil([this] { return rmdir(made_.back().c_str()) == 0; })) {
@@ -111,10 +113,10 @@ public:
     ControlGroups(const ControlGroups&) = delete;
     ControlGroups& operator=(const ControlGroups&) = delete;
 
-    // Why there are none; empty when there are.
+    // The reason why the groups could not be made; empty when they exist.
     const std::string& GetError() const { return error_; }
 
-    // Shows them in the places of the hierarchies' roots, in a private mount namespace.
+    // Mounts the groups over the roots of their hierarchies. Needs a private mount namespace.
     void Show() const {
         for (const auto& [controller, root] : roots_) {
             const fs::path place = PlaceOf(controller, "");
@@ -148,7 +150,7 @@ private:
         }
         made_.push_back(group);
         if (controller == "cpuset") {
-            // It takes no process before it has both.
+            // A cpuset group without memory nodes and cores accepts no process.
             for (const char* file : {"cpuset.mems", "cpuset.cpus"}) {
                 std::ofstream(group / file) << std::ifstream(parent / file).rdbuf();
             }
@@ -157,7 +159,7 @@ private:
 
     std::string error_;
     std::map<std::string, fs::path> roots_;  // by controller
-    std::vector<fs::path> made_;             // parents first
+    std::vector<fs::path> made_;             // directories, parents first
 };
 
 // The cores that this program may use.
@@ -203,7 +205,7 @@ std::string MakeServices(const Placement& placement, const std::string& stamps) 
     return Bench::WriteFile("platform.yaml", yaml.str());
 }
 
-// A figure counts only if the services are where they were to be put.
+// Ends the program unless all services are in their groups and on their cores.
 void CheckPlaces(const Placement& placement, const std::vector<Bench::Stamp>& stamps) {
     for (const char* controller : {"cpu", "cpuset", "memory"}) {
         const size_t found = CountLines(PlaceOf(controller, "bench") / "tasks");
@@ -216,7 +218,7 @@ void CheckPlaces(const Placement& placement, const std::vector<Bench::Stamp>& st
         cpu_set_t mask{};
         if (sched_getaffinity(static_cast<pid_t>(stamp.pid), sizeof(mask), &mask) != 0 ||
             static_cast<size_t>(CPU_COUNT(&mask)) != cores) {
-            Fail("a service is not on the cores that it was given");
+            Fail("a service is not on its configured cores");
         }
     }
 }
@@ -235,9 +237,10 @@ double StartServices(const Placement& placement, Bench::StampFile& stamps) {
 void MeasureLaunch(const Options& options) {
     Bench::StampFile stamps(SERVICES);
     std::array<std::vector<double>, PLACEMENTS.size()> times;
-    std::array<std::vector<double>, PLACEMENTS.size()> added;  // to the first one of the same run
+    std::array<std::vector<double>, PLACEMENTS.size()>
+        added;  // relative to the first placement of the run
     for (int run = 0; run < options.runs; ++run) {
-        // Each of them comes first in turn.
+        // Each placement is the first one of a run in turn.
         const auto first = static_cast<size_t>(run) % PLACEMENTS.size();
         for (size_t i = 0; i < PLACEMENTS.size(); ++i) {
             const size_t next = (first + i) % PLACEMENTS.size();
@@ -261,7 +264,7 @@ size_t CountThreads(pid_t pid) {
     return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
-// The daemon's processor time in nanoseconds while nothing happens.
+// The processor time of the daemon in nanoseconds while it only does its periodic checks.
 uint64_t MeasureIdle(bool isPriority, bool hasGroups, const Options& options) {
     Bench::StampFile stamps(APPS);
     std::ostringstream yaml;
@@ -274,7 +277,8 @@ uint64_t MeasureIdle(bool isPriority, bool hasGroups, const Options& options) {
     const pid_t daemon =
         Bench::Spawn({PROCESS_MANAGER, Bench::WriteFile("platform.yaml", yaml.str())});
     stamps.WaitForAll();
-    // A priority application is started before the daemon is in its place: the check puts it there.
+    // Priority applications are started before the daemon has placed itself; the periodic check
+    // places them.
     const auto arePlaced = [&] {
         const size_t all = APPS * THREADS + CountThreads(daemon);
         return CountLines(PlaceOf("cpu", "OTHER") / "tasks") == all &&
@@ -303,7 +307,7 @@ void MeasureChecks(bool hasGroups, const Options& options) {
     }
 }
 
-// In a process of its own, the first of a PID namespace: nothing in there outlives it.
+// Runs in the first process of a PID namespace, so that its children end with it.
 [[noreturn]] void Measure(const ControlGroups& groups, const Options& options) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     Bench::EnterPrivateSystem(true);
@@ -316,7 +320,7 @@ void MeasureChecks(bool hasGroups, const Options& options) {
         MeasureLaunch(options);
     } else {
         std::printf("launches left out: %s\n", groups.GetError().c_str());
-        // Whatever there is of groups is the machine's.
+        // Hides the groups of the machine from the daemon.
         mount("tmpfs", "/sys/fs/cgroup", "tmpfs", 0, nullptr);
     }
     MeasureChecks(hasGroups, options);
@@ -335,7 +339,7 @@ int main(int argc, char** argv) {
             options.seconds = number;
         }
     }
-    // Taken by sigwait below: whatever comes, the groups are removed.
+    // Taken by sigwait below, so that the groups are removed at each of these signals.
     sigset_t signals;
     sigset_t before;
     sigemptyset(&signals);

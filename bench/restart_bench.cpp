@@ -1,8 +1,9 @@
 // restart_bench [--kills N] [--runs N]
 //
-// How fast the daemon restarts what dies: from the kill to the first instruction of the restarted
-// service's main, beside a process that only waits and respawns, in the same run; and 200 services
-// killed at once until all run again, beside a bare posix_spawn loop of 200.
+// Measures restarts: the time from the kill of a service to the first instruction of the restarted
+// service's main, compared with a process that only waits and respawns, in the same run; and the
+// time until 200 services that are killed at once all run again, compared with a bare posix_spawn
+// loop of 200.
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,7 +22,8 @@
 
 namespace {
 
-// Longer than the period in which the daemon takes a death for a crash loop.
+// A process lives this long before it is killed: longer than a check period of the daemon, which
+// takes an earlier death for a crash loop.
 constexpr std::chrono::milliseconds LIFE{60};
 
 pid_t StartDaemon(size_t services, const Bench::StampFile& stamps) {
@@ -38,7 +40,7 @@ pid_t SpawnService(size_t slot, const Bench::StampFile& stamps) {
     return Bench::Spawn({STAMP_SERVICE, stamps.GetPath(), std::to_string(slot)});
 }
 
-// The least that a supervisor can be.
+// Starts the minimal supervisor: a process that waits for its child and spawns the next.
 pid_t StartRespawner(const Bench::StampFile& stamps) {
     const pid_t child = fork();
     if (child != 0) {
@@ -52,7 +54,7 @@ pid_t StartRespawner(const Bench::StampFile& stamps) {
     _exit(0);
 }
 
-// Kills the service; milliseconds to its new start.
+// Kills the service and returns the milliseconds until its new start.
 double KillOnce(const Bench::StampFile& stamps) {
     const auto pid = static_cast<pid_t>(stamps.WaitForAll().front().pid);
     std::this_thread::sleep_for(LIFE);
@@ -73,7 +75,7 @@ void MeasureOne(int kills) {
     const pid_t respawner = StartRespawner(bareStamps);
     std::vector<double> byDaemon;
     std::vector<double> byRespawner;
-    // In turn, so that both see the same machine.
+    // Alternately, so that both run under the same load of the machine.
     for (int i = 0; i < kills; ++i) {
         byDaemon.push_back(KillOnce(daemonStamps));
         byRespawner.push_back(KillOnce(bareStamps));

@@ -1,6 +1,6 @@
-// stamp_service FILE SLOT [THREADS]: the service of the benchmarks. The first thing it does is to
-// write the monotonic time and its pid into its slot of FILE; then it makes its further threads,
-// and all of them wait for its end.
+// stamp_service FILE SLOT [THREADS]: the service of the benchmarks. It first writes the monotonic
+// time and its pid into its slot of FILE. Then it starts threads until it has THREADS of them, by
+// default one, and all threads wait for a signal.
 #include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>

@@ -35,8 +35,8 @@ void LogNotClosed(int result) {
 
 }  // namespace
 
-OwnerPipes::OwnerPipes(MuxaCallback handler, Events events)
-    : handler_(std::move(handler)), events_(std::move(events)) {}
+OwnerPipes::OwnerPipes(MuxaCallback handler, PipeEvents* events)
+    : handler_(std::move(handler)), events_(events) {}
 
 bool OwnerPipes::RegServiceCallBack(const std::string& owner, uint32_t gid, int32_t pid) {
     if (secure_getenv(ENV_PROC_NAME) == nullptr) {
@@ -59,16 +59,16 @@ bool OwnerPipes::RegServiceCallBack(const std::string& owner, uint32_t gid, int3
         pipe.waiting = Target{gid, pid};
         if (pipe.busyFd != NOT_OPEN) {
             ProcMgrLog(LOG_INFO,
-                       "PROCMGR : the pipe of owner=%s is busy, it is opened again when its last "
-                       "request has been handled",
+                       "PROCMGR : the pipe of owner=%s is busy, a new pipe is opened when its "
+                       "last request has been handled",
                        owner.c_str());
         }
     }
     return OpenWaiting(owner);
 }
 
-// One thread at a time opens an owner's pipes: the name can be opened once. False when the last
-// attempt has failed.
+// One thread at a time opens the pipes of an owner, because the messaging library opens a name only
+// once. The thread goes on while others ask for a newer pipe. False when the last attempt failed.
 bool OwnerPipes::OpenWaiting(const std::string& owner) {
     bool isOpen = true;
     for (bool isMine = false;;) {
@@ -108,8 +108,8 @@ bool OwnerPipes::Open(const std::string& owner, const Target& target, uint64_t c
     }
     ProcMgrLog(LOG_INFO, "********* PROCMGR : RegServiceCallBack success fd=%d, targetProcName=%s",
                fd, owner.c_str());
-    if (events_.onOpen) {
-        events_.onOpen(owner);
+    if (events_ != nullptr) {
+        events_->OnPipeOpen(owner);
     }
     return true;
 }
@@ -163,8 +163,8 @@ void OwnerPipes::LeaveBusy(const std::string& owner, int fd) {
         pipe.attempts = 1;
         pipe.due = std::chrono::steady_clock::now() + CLOSE_PAUSE;
     }
-    if (events_.onBusy) {
-        events_.onBusy();
+    if (events_ != nullptr) {
+        events_->OnPipeBusy();
     }
 }
 
@@ -233,7 +233,8 @@ bool OwnerPipes::CloseAll(SteadyTime end) {
         SleepFor(open.empty() ? std::chrono::milliseconds(0) : END_PAUSE);
     }
     for (const auto& [fd, owner] : open) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : a request of owner=%s is still being handled, it is left",
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : a request of owner=%s is still being handled, its pipe is left open",
                    owner.c_str());
     }
     return open.empty();

@@ -7,11 +7,9 @@
 
 #include "app/app_spec.h"
 #include "channel/report_log.h"
-#include "main/common/boot_trace.h"
 #include "main/common/log.h"
 #include "message/enum_names.h"
 #include "message/serialization.h"
-#include "resource/core_affinity_mgr.h"
 
 namespace ProcMgr {
 
@@ -19,10 +17,10 @@ using Message::AppStateInfo;
 
 namespace {
 
-// A shorter name always fits a record.
+// The length up to which a name always fits into a record.
 constexpr size_t LONG_NAME = 3800;
 
-// Whether each item fits a record; logs the first that does not.
+// Whether each item fits into a record; logs the first one that does not.
 bool IsPackable(const std::vector<AppStateInfo>& infos) {
     const bool isDoubtful = std::any_of(infos.begin(), infos.end(), [](const AppStateInfo& info) {
         return info.appName.size() > LONG_NAME;
@@ -50,7 +48,7 @@ bool OwnerReports::Report(ProcMgr::Report report, const std::string& owner) {
         return true;
     }
     LogNoPipe(report, owner);
-    // An owner that has never had a pipe has missed nothing.
+    // An owner that has never had a pipe never gets a picture either.
     if (pipes_.IsKnown(owner)) {
         sender_.Miss(owner, report);
     }
@@ -97,25 +95,6 @@ void OwnerReports::RegisterVfs() {
     self.gid = getgid();
     self.reportType = RUNNING_NORMAL_START;
     Report(MakeReport(ReportCause::SELF, {self}), PROC_ZORNMGR);
-}
-
-void OwnerReports::RelayAppExecution(const Message::AppExecInfo& info) {
-    ProcMgrLog(LOG_INFO,
-               "%s PM receive APP_EXECUTION_REPORT msg from vintor report appName=%s, pid=%u, "
-               "gid=%u, state=%s",
-               BootStrace(BOOT_TRACE_TAG).c_str(), info.appName.c_str(), info.pid, info.gid,
-               GetAppExecStateStr(info.state).c_str());
-    AppStateInfo item;
-    item.appName = info.appName;
-    item.pid = info.pid;
-    item.gid = info.gid;
-    item.reportType = info.state != 0 ? TERMINATED_NORMAL_EXIT : RUNNING_NORMAL_START;
-    if (info.state != 0) {
-        CoreAffinityMgr::GetInstance().RecycleThreadCoreInfo(static_cast<int32_t>(info.pid),
-                                                             info.appName);
-    }
-    ReportAppState({item}, PROC_ZORNMGR);
-    Flush();
 }
 
 }  // namespace ProcMgr

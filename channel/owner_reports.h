@@ -1,5 +1,6 @@
-// The only ways in which state is reported to an owner or to the access manager. Callable from any
-// thread with any lock held: a report is queued, in the order of the calls, and sent by Flush().
+// All reports of states to owners and to the access manager go through this class. Callable from
+// any thread with any lock held, but for Flush(), which needs none to be held: a report is queued,
+// in the order of the calls, and sent by Flush().
 #pragma once
 
 #include <cstdint>
@@ -33,10 +34,9 @@ public:
     // Reports the daemon itself to the access manager.
     void RegisterVfs();
 
-    // Passes on to the access manager what `vintor` says about an application that it runs.
-    void RelayAppExecution(const Message::AppExecInfo& info);
-
 private:
+    // Queues the report. False, with a log line, when it does not fit into a record or the owner
+    // has no pipe.
     bool Report(ProcMgr::Report report, const std::string& owner);
 
     const OwnerPipes& pipes_;

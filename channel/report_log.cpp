@@ -11,8 +11,8 @@
 namespace ProcMgr {
 namespace {
 
-// An answer names what its request has named: so many lines at most, for applications without a
-// process and for those with one.
+// An answer holds as many applications as its request has named, so the lines about one answer are
+// bounded: for applications without a process, and for those with one.
 constexpr size_t UNKNOWN_LINES_MAX = 8;
 constexpr size_t KNOWN_LINES_MAX = 64;
 

@@ -1,4 +1,5 @@
-// What is logged about the outcome of a report, once it is known.
+// The log lines about the outcome of a report. The report sender and OwnerReports call them once
+// the outcome is known, on any thread.
 #pragma once
 
 #include <string>

@@ -8,17 +8,19 @@
 #include "channel/report_log.h"
 #include "main/common/log.h"
 #include "main/common/muxa_retry.h"
+#include "message/record_codec.h"
+#include "message/report_codec.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {
 
 using Message::AppStateInfo;
-using Message::RequestMsg;
 
 namespace {
 
-// Between two looks whether an owner that has missed something takes records again.
+// The pause between two attempts to send a picture, and after a lack of memory.
 constexpr std::chrono::milliseconds PICTURE_PAUSE{100};
+// The longest name of an application, in characters.
 constexpr size_t NAME_MAX_LENGTH = 127;
 
 }  // namespace
@@ -77,11 +79,11 @@ void ReportSender::Owe(Owner& owner) {
     }
 }
 
-// The queue's states are kept for the picture, by application. Answers to queries are lost.
+// Drops the queue and keeps its states, by application, for a picture. Answers to queries are lost.
 void ReportSender::Overflow(const std::string& name, Owner& owner) {
     ProcMgrLog(LOG_ERR,
-               "PROCMGR : owner=%s does not take its reports, %zu are dropped, it is told all "
-               "states when it takes records again",
+               "PROCMGR : owner=%s does not take its reports, %zu are dropped, all states "
+               "are sent when it takes records again",
                name.c_str(), owner.load.items);
     bool isPictureQueued = false;
     for (const Report& report : owner.queue) {
@@ -97,7 +99,7 @@ void ReportSender::Overflow(const std::string& name, Owner& owner) {
 void ReportSender::KeepMissed(Owner& owner, const Report& report) {
     for (const AppStateInfo& state : report.states) {
         const bool isRoom = owner.missed.size() < ITEMS_MAX || owner.missed.contains(state.appName);
-        // No application has a longer name: an answer may tell of a name that nobody has.
+        // A longer name, which no application has, can come from an answer to a request.
         if (!isRoom || state.appName.size() > NAME_MAX_LENGTH) {
             continue;
         }
@@ -110,7 +112,8 @@ void ReportSender::KeepMissed(Owner& owner, const Report& report) {
 
 void ReportSender::Flush() {
     MayWait("an owner");
-    // What is logged about other owners' reports does not count as said about a request.
+    // The lines about other owners' reports do not count against the limit of the request that the
+    // calling thread handles.
     const LogLimit::Pause pause;
     std::set<std::string> posted;
     {
@@ -142,7 +145,8 @@ void ReportSender::FlushOwner(const std::string& name, SteadyTime now) {
     }
     owner.isBusy = true;
     bool isTaken = true;
-    // No more than there is now: whoever sends must not be kept by those who go on posting.
+    // At most as many reports as are queued now: other threads that go on posting must not keep
+    // this one here.
     for (size_t left = owner.queue.size() + 1; left > 0 && isTaken && owner.HasWork(); --left) {
         TakeHead(owner);
         owner.isRetryDue = false;
@@ -202,11 +206,15 @@ ReportSender::Outcome ReportSender::Send(const std::string& name, Sending& sendi
         LogNoPipe(sending.report, name);
         return Outcome::FAILED;
     }
+    return SendRecords(name, sending, fd);
+}
+
+ReportSender::Outcome ReportSender::SendRecords(const std::string& name, Sending& sending, int fd) {
     while (sending.sent < sending.records.size()) {
-        const RequestMsg& record = sending.records[sending.sent];
+        const auto bytes = Message::EncodeRecord(sending.records[sending.sent]);
         MuxaRequest request;
-        request.data = &record;
-        request.length = sizeof(record);
+        request.data = bytes.data();
+        request.length = static_cast<uint32_t>(bytes.size());
         const int result = MuxaSendRequest(fd, &request);
         const bool isTriedAgain = sending.report.isPicture ||
                                   (result == MUXA_TRY_AGAIN && ++sending.attempts < SEND_ATTEMPTS);
@@ -224,7 +232,8 @@ ReportSender::Outcome ReportSender::Send(const std::string& name, Sending& sendi
     return Outcome::SENT;
 }
 
-// The owner has a new pipe, or none: a new process knows nothing of what the old one has taken.
+// The owner has a new pipe, or none. A new process of the owner does not know the records that the
+// old one has received.
 void ReportSender::Restart(const std::string& name, Sending& sending, int fd) {
     sending.fd = fd;
     sending.records.clear();
@@ -240,7 +249,8 @@ void ReportSender::Restart(const std::string& name, Sending& sending, int fd) {
     owner.isPictureOwed = true;
 }
 
-// The picture holds the present states, and what has been missed about applications that are gone.
+// A picture consists of the present states and of the missed states of applications that have no
+// record any more.
 bool ReportSender::FindPicture(const std::string& name, Sending& sending) {
     if (pipes_.GetServiceFd(name) < 1) {
         return false;
@@ -250,14 +260,14 @@ bool ReportSender::FindPicture(const std::string& name, Sending& sending) {
         const LockGuard lock(mutex_);
         Owner& owner = owners_[name];
         missed.swap(owner.missed);
-        // What is missed from here on is for another picture.
+        // Reports that are missed from here on need another picture.
         owner.isPictureOwed = false;
     }
-    const auto states = picture_ ? picture_(name) : std::nullopt;
+    const auto states = picture_ == nullptr ? std::nullopt : picture_->GetPicture(name);
     if (!states) {
         const LockGuard lock(mutex_);
         Owner& owner = owners_[name];
-        // Newer ones may have come meanwhile.
+        // merge() keeps the newer states, which were added while the lock was released.
         owner.missed.merge(missed);
         owner.isPictureOwed = true;
         return false;
@@ -276,12 +286,12 @@ bool ReportSender::FindPicture(const std::string& name, Sending& sending) {
 bool ReportSender::Encode(const std::string& name, Sending& sending) {
     const Report& report = sending.report;
     if (!report.statuses.empty()) {
-        sending.records.resize(1);
-        if (!Serialization::EncodeDetailStatus(report.statuses, sending.records.front())) {
+        const auto record = Message::EncodeDetailStatus(report.statuses);
+        if (!record) {
             ProcMgrLog(LOG_ERR, "PROCMGR : ReportAppDetailStatus SerializeMessage failed");
-            sending.records.clear();
             return false;
         }
+        sending.records.push_back(*record);
         return true;
     }
     if (report.states.empty()) {
@@ -325,7 +335,7 @@ bool ReportSender::Settle(Owner& owner, Outcome outcome, SteadyTime now) {
     return true;
 }
 
-// What has been told since it was missed is not told again.
+// A missed state is dropped when a newer report about the application has been sent.
 void ReportSender::ForgetMissed(Owner& owner, const Report& report) {
     for (const AppStateInfo& state : report.states) {
         const auto missed = owner.missed.find(state.appName);
@@ -351,7 +361,7 @@ bool ReportSender::RunOnce(OwnerPipes& pipes) {
     {
         UniqueLock lock(mutex_);
         const SteadyTime due = std::min(close.value_or(SteadyTime::max()), NextDue());
-        const auto isWanted = [this] { return isWoken_ || isStopping_; };
+        const auto isWanted = [this]() PROCMGR_REQUIRES(mutex_) { return isWoken_ || isStopping_; };
         if (due == SteadyTime::max()) {
             changed_.Wait(lock, isWanted);
         } else {
@@ -364,7 +374,7 @@ bool ReportSender::RunOnce(OwnerPipes& pipes) {
     }
     const SteadyTime now = std::chrono::steady_clock::now();
     pipes.CloseBusy(now);
-    for (const std::string& name : TakeDue(now)) {
+    for (const std::string& name : ListDue(now)) {
         FlushOwner(name, now);
     }
     return true;
@@ -380,7 +390,7 @@ SteadyTime ReportSender::NextDue() const {
     return next;
 }
 
-std::vector<std::string> ReportSender::TakeDue(SteadyTime now) {
+std::vector<std::string> ReportSender::ListDue(SteadyTime now) const {
     const LockGuard lock(mutex_);
     std::vector<std::string> due;
     for (const auto& [name, owner] : owners_) {
@@ -391,7 +401,7 @@ std::vector<std::string> ReportSender::TakeDue(SteadyTime now) {
     return due;
 }
 
-void ReportSender::Wake() {
+void ReportSender::OnPipeBusy() {
     const LockGuard lock(mutex_);
     isWoken_ = true;
     changed_.NotifyAll();

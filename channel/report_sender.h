@@ -1,17 +1,18 @@
-// The reports on their way to the owners. Whoever reports puts a report into the owner's queue,
-// under whatever lock orders the changes that it tells of, and has it sent when that lock has been
-// released: once, without waiting, when nothing is queued before it. What a pipe does not take is
-// sent by one thread, the report thread, in order and by the retry rule of the messaging library.
+// The queues of reports to the owners. A thread that reports puts the report into the owner's
+// queue, under the lock that orders the changes which the report is about, and calls Flush() when
+// that lock has been released: Flush() makes one attempt, without waiting, when no earlier report
+// is queued. A report that a pipe does not take is sent by one thread, the report thread, in order
+// and by the retry rule of the messaging library.
 //
-// An owner whose report has failed for good, or whose queue has overflowed, has missed something.
-// It is owed the picture: the present state of each of its applications, and the last report about
-// each application that is gone. The picture is sent as soon as the owner's pipe takes records.
+// An owner has missed something when a report to it has failed for good or its queue has
+// overflowed. The owner then gets a picture: the present state of each of its applications, and the
+// last report about each application that has no record any more. The picture is sent as soon as
+// the owner's pipe takes records.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -25,67 +26,78 @@
 
 namespace ProcMgr {
 
-// Why a report is sent, which decides what is logged about its outcome.
+// The occasion of a report. It selects the log lines about the report's outcome.
 enum class ReportCause { PLAIN, STATE_TO_ZORN, CHANGES_TO_ZORN, CHANGES_TO_OWNER, SELF };
 
-// What one call reports to one owner: states, or the answer to a query.
+// One report to one owner: states, or the answer to a query.
 struct Report {
     ReportCause cause = ReportCause::PLAIN;
     std::vector<Message::AppStateInfo> states;
     std::map<std::string, uint32_t> statuses;
-    bool isAnswer = false;   // to a request, which may name what it likes
-    bool isPicture = false;  // the states are to be found out when it is sent
-    uint64_t number = 0;     // grows with each report of an owner
+    bool isAnswer = false;   // to a request, which may name any number of applications
+    bool isPicture = false;  // `states` is filled in when the report is sent
+    uint64_t number = 0;     // the position among all reports to this owner, from 1
 };
 
-class ReportSender {
+// The states that a picture consists of.
+class PictureSource {
 public:
-    // The present states of the applications that the owner should know of; nothing when it is not
-    // to be told yet. Called without a lock.
-    using PictureSource =
-        std::function<std::optional<std::vector<Message::AppStateInfo>>(const std::string& owner)>;
+    virtual ~PictureSource() = default;
 
-    // Both must outlive this object.
-    ReportSender(const OwnerPipes& pipes, PictureSource picture)
-        : pipes_(pipes), picture_(std::move(picture)) {}
+    // The present states of the applications that `owner` receives reports about; nothing while the
+    // owner is not ready to receive them. Called on the thread that sends, without a lock.
+    virtual std::optional<std::vector<Message::AppStateInfo>> GetPicture(
+        const std::string& owner) = 0;
+};
 
-    // Queues a report. Any lock may be held. It is sent by the next Flush().
-    void Post(const std::string& owner, Report report);
-    // Keeps for the owner's picture what cannot be sent because its pipe is not open.
-    void Miss(const std::string& owner, const Report& report);
-    // Queues the picture behind what is queued.
-    void OwePicture(const std::string& owner);
+class ReportSender final : public PipeEvents {
+public:
+    // Both must outlive this object. `picture` is null when no owner gets a picture.
+    ReportSender(const OwnerPipes& pipes, PictureSource* picture)
+        : pipes_(pipes), picture_(picture) {}
 
-    // Sends what has been queued, as far as the pipes take it at once. Not with a lock held.
-    void Flush();
-    // What held the owner's reports back may have ended: its pipe has been opened, or it is ready.
-    void Retry(const std::string& owner);
+    // Queues a report; the next Flush() sends it. Any lock may be held.
+    void Post(const std::string& owner, Report report) PROCMGR_EXCLUDES(mutex_);
+    // Keeps a report for the owner's picture that cannot be sent because the owner has no pipe.
+    void Miss(const std::string& owner, const Report& report) PROCMGR_EXCLUDES(mutex_);
+    // Queues a picture after the reports that are queued.
+    void OwePicture(const std::string& owner) PROCMGR_EXCLUDES(mutex_);
 
-    // The report thread: what is to be tried again, and the pipes that are to be closed.
-    void Run(OwnerPipes& pipes);
-    // Wakes the report thread to look again; ends it.
-    void Wake();
-    void Stop();
+    // Sends the queued reports, as far as the pipes take them at once. Not with a lock held.
+    void Flush() PROCMGR_EXCLUDES(mutex_);
+    // Makes the next attempt at once: the owner's pipe has been opened, or the owner has become
+    // ready. Not with a lock held.
+    void Retry(const std::string& owner) PROCMGR_EXCLUDES(mutex_);
+
+    void OnPipeOpen(const std::string& owner) override { Retry(owner); }
+    // Wakes the report thread.
+    void OnPipeBusy() override PROCMGR_EXCLUDES(mutex_);
+
+    // The body of the report thread: sends the reports whose next attempt is due, and closes the
+    // pipes that were busy. Returns after Stop().
+    void Run(OwnerPipes& pipes) PROCMGR_EXCLUDES(mutex_);
+    void Stop() PROCMGR_EXCLUDES(mutex_);
 
 private:
-    // What a queue may hold: states, and bytes of names.
+    // The limits of one owner's queue: number of states, and bytes of application names.
     static constexpr size_t ITEMS_MAX = 4096;
     static constexpr size_t BYTES_MAX = size_t{1} << 20;
 
-    // What a report adds to a queue. A picture costs nothing before its turn.
+    // The share of a report in those limits. A picture has none: its states are not known before it
+    // is sent.
     struct Load {
         size_t items = 0;
         size_t bytes = 0;
     };
 
-    // A report whose turn has come.
+    // The report that is being sent, taken out of the queue.
     struct Sending {
         Report report;
         std::vector<Message::RequestMsg> records;
-        size_t sent = 0;       // records
-        int attempts = 0;      // at the next record
-        int fd = 0;            // of the pipe that has taken records; 0: none has yet
-        bool isFound = false;  // the picture's states are
+        size_t sent = 0;       // records that have been sent
+        int attempts = 0;      // failed attempts at the next record
+        int fd = 0;            // of the pipe that the records were sent on; 0 before the first
+        bool isFound = false;  // the states of a picture have been filled in
     };
     struct Missed {
         uint64_t number = 0;  // of the report
@@ -94,51 +106,55 @@ private:
     struct Owner {
         std::deque<Report> queue;
         Load load;                    // of the queue
-        std::optional<Sending> head;  // taken out of the queue; the sending thread's while isBusy
+        std::optional<Sending> head;  // used by the sending thread without the lock while isBusy
         bool isBusy = false;          // a thread is sending
-        bool isPictureOwed = false;   // a picture that will hold what is missed is on its way
-        bool isRetryDue = false;      // what waits is to be tried again at once
-        SteadyTime due{};             // of the next attempt
+        bool isPictureOwed = false;   // a picture is queued or is head, and its states are not
+                                      // filled in yet: it will hold what is missed now
+        bool isRetryDue = false;      // the next attempt is to be made at once
+        SteadyTime due{};             // of the next attempt; the clock's epoch: none is planned
         uint64_t lastNumber = 0;
-        std::map<std::string, Missed> missed;  // last states by application
+        std::map<std::string, Missed> missed;  // the last missed state, by application
 
         bool HasWork() const { return head || !queue.empty(); }
     };
-    // UNUSABLE: the report cannot be encoded.
+    // The result of an attempt. FULL: the pipe takes no record now. FAILED: the report has failed
+    // for good. UNUSABLE: the report cannot be encoded. NOT_NOW: a picture has to wait for Retry().
     enum class Outcome { SENT, FULL, FAILED, UNUSABLE, NOT_NOW, NO_MEMORY };
 
     static Load LoadOf(const Report& report);
-    void FlushOwner(const std::string& name, SteadyTime now);
+    void FlushOwner(const std::string& name, SteadyTime now) PROCMGR_EXCLUDES(mutex_);
     static void TakeHead(Owner& owner);
-    Outcome TrySend(const std::string& name, Sending& sending);
-    Outcome Send(const std::string& name, Sending& sending);
-    void Restart(const std::string& name, Sending& sending, int fd);
-    // Fills in the picture's states; false when it is not to be sent yet.
-    bool FindPicture(const std::string& name, Sending& sending);
+    Outcome TrySend(const std::string& name, Sending& sending) PROCMGR_EXCLUDES(mutex_);
+    Outcome Send(const std::string& name, Sending& sending) PROCMGR_EXCLUDES(mutex_);
+    static Outcome SendRecords(const std::string& name, Sending& sending, int fd);
+    // Begins the report anew, on the pipe `fd`.
+    void Restart(const std::string& name, Sending& sending, int fd) PROCMGR_EXCLUDES(mutex_);
+    // Fills in the states of a picture; false while the owner is not to get it.
+    bool FindPicture(const std::string& name, Sending& sending) PROCMGR_EXCLUDES(mutex_);
     static bool Encode(const std::string& name, Sending& sending);
-    // What follows from an attempt; true when the owner's next report may be sent. The caller holds
-    // mutex_.
-    bool Settle(Owner& owner, Outcome outcome, SteadyTime now);
+    // Applies the outcome of an attempt. True when the owner's next report may be sent.
+    bool Settle(Owner& owner, Outcome outcome, SteadyTime now) PROCMGR_REQUIRES(mutex_);
     static void KeepMissed(Owner& owner, const Report& report);
     static void Owe(Owner& owner);
     static void Overflow(const std::string& name, Owner& owner);
     static void ForgetMissed(Owner& owner, const Report& report);
-    // The time of the next attempt of any owner. The caller holds mutex_.
-    SteadyTime NextDue() const;
-    std::vector<std::string> TakeDue(SteadyTime now);
-    // The report thread goes on with the owner at `due`. The caller holds mutex_.
-    void LeaveToThread(Owner& owner, SteadyTime due);
-    bool RunOnce(OwnerPipes& pipes);
+    // The time of the next attempt for any owner.
+    SteadyTime NextDue() const PROCMGR_REQUIRES(mutex_);
+    std::vector<std::string> ListDue(SteadyTime now) const PROCMGR_EXCLUDES(mutex_);
+    // Plans the owner's next attempt at `due`, on the report thread.
+    void LeaveToThread(Owner& owner, SteadyTime due) PROCMGR_REQUIRES(mutex_);
+    bool RunOnce(OwnerPipes& pipes) PROCMGR_EXCLUDES(mutex_);
 
     const OwnerPipes& pipes_;
-    const PictureSource picture_;
+    PictureSource* const picture_;
     mutable Mutex mutex_;
     Condition changed_;
-    // All guarded by mutex_.
-    std::map<std::string, Owner> owners_;  // entries are never erased
-    std::set<std::string> posted_;         // owners with reports that nobody has tried to send
-    bool isWoken_ = false;
-    bool isStopping_ = false;
+    // By name; entries are never erased.
+    std::map<std::string, Owner> owners_ PROCMGR_GUARDED_BY(mutex_);
+    // Owners with reports that no thread has tried to send.
+    std::set<std::string> posted_ PROCMGR_GUARDED_BY(mutex_);
+    bool isWoken_ PROCMGR_GUARDED_BY(mutex_) = false;
+    bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace ProcMgr

@@ -1,12 +1,12 @@
 #include "channel/request_dispatch.h"
 
-#include <endian.h>
-
-#include <cstring>
-#include <memory>
+#include <optional>
+#include <span>
 
 #include "main/common/log.h"
 #include "main/common/muxa_retry.h"
+#include "message/record_codec.h"
+#include "message/request_codec.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {
@@ -16,7 +16,7 @@ using Message::RequestMsg;
 
 void RequestDispatch::RequestMsgHandler(int32_t fd, const MuxaRequest* request,
                                         const std::string& owner) const {
-    // Whoever sends decides how much there is to say.
+    // Bounds the lines that one request of an owner can cause.
     const LogLimit limit(owner.c_str());
     if (fd < 1) {
         ProcMgrLog(LOG_ERR, "PROCMGR : RequestMsgHandler failed: invalid fd=%d", fd);
@@ -42,23 +42,22 @@ void RequestDispatch::RequestMsgHandler(int32_t fd, const MuxaRequest* request,
         AnswerDelayRequest(fd, *request);
         return;
     }
-    // The library's buffer has no alignment of its own.
-    const auto record = std::make_unique<RequestMsg>();
-    std::memcpy(record.get(), request->data, sizeof(*record));
-    Dispatch(*record, owner, fd);
+    const std::span bytes(static_cast<const uint8_t*>(request->data), request->length);
+    if (const auto record = Message::DecodeRecord(bytes)) {
+        Dispatch(*record, owner, fd);
+    }
 }
 
-// Known by its length: it has no type of its own.
+// A delay request has no type field: its length identifies it.
 void RequestDispatch::AnswerDelayRequest(int32_t fd, const MuxaRequest& request) const {
-    DelayCoreAffinityReq decoded;
-    std::memcpy(&decoded, request.data, sizeof(decoded));
-    decoded.checkInterval = le32toh(decoded.checkInterval);
-    const uint32_t result = htole32(handlers_.setDelayCoreAffinity(decoded));
+    const std::span<const uint8_t, sizeof(DelayCoreAffinityReq)> bytes(
+        static_cast<const uint8_t*>(request.data), sizeof(DelayCoreAffinityReq));
+    const uint32_t result = handlers_.SetDelayCoreAffinity(Message::DecodeDelayRequest(bytes));
     if (request.wantsResponse) {
+        const auto body = Message::EncodeDelayResult(result);
         MuxaResponse response;
         response.sequence = request.sequence;
-        response.data.resize(sizeof(result));
-        std::memcpy(response.data.data(), &result, sizeof(result));
+        response.data.assign(body.begin(), body.end());
         ProcMgrMuxaSendResponse(fd, &response);
     }
 }
@@ -70,51 +69,58 @@ void RequestDispatch::Dispatch(const RequestMsg& record, const std::string& owne
         case Message::START_APP: {
             std::vector<Message::StartAppInfo> items;
             ProcMgrUnpackStartRequest(&record, items, owner);
-            handlers_.startApp(items, owner);
+            handlers_.StartApp(items, owner);
             return;
         }
         case Message::RESTART_APP: {
             std::vector<Message::RestartAppInfo> items;
             ProcMgrUnpackRestartRequest(&record, items, owner);
-            handlers_.restartApp(items, owner);
+            handlers_.RestartApp(items, owner);
             return;
         }
         case Message::TERM_APP: {
             std::vector<Message::TermAppInfo> items;
             ProcMgrUnpackTermRequest(&record, items);
-            handlers_.termApp(items, owner);
+            handlers_.TermApp(items, owner);
             return;
         }
         case Message::BASESERVICE_STATE_REPORT: {
             Message::BaseServiceStateInfo info;
             ProcMgrUnpackedBaseServiceStateRequest(&record, info);
-            handlers_.baseServiceState(info, owner);
+            handlers_.ReportBaseServiceState(info, owner);
             return;
         }
         case Message::APP_EXECUTION_REPORT: {
             Message::AppExecInfo info;
             ProcMgrUnpackedAppExecInfoRequest(&record, info);
-            handlers_.appExecution(info, owner);
+            handlers_.ReportAppExecution(info, owner);
             return;
         }
         case Message::LOAD_STARTUP_CFG:
-        case Message::RELOAD_STARTUP_CFG: {
-            Message::StartupCfgInfo info;
-            ProcMgrUnpackMatchDataAndPathRequest(&record, info);
-            const bool isLoad = record.type == Message::LOAD_STARTUP_CFG;
-            (isLoad ? handlers_.loadStartupCfg : handlers_.reloadStartupCfg)(info, owner, fd);
+        case Message::RELOAD_STARTUP_CFG:
+            DispatchStartupCfg(record, owner, fd);
             return;
-        }
         case Message::QUERY_APP_STATE: {
-            std::vector<std::string> names;
-            if (!DecodeQueryNames(record, names)) {
+            const auto names = Message::DecodeQuery(record);
+            if (!names) {
                 ProcMgrLog(LOG_ERR, "PROCMGR: DeserializeMessage QUERY_APP_STATE fail.");
             }
-            handlers_.queryAppState(names, owner);
+            handlers_.QueryAppState(names.value_or(std::vector<std::string>()), owner);
             return;
         }
         default:
             return;
+    }
+}
+
+void RequestDispatch::DispatchStartupCfg(const RequestMsg& record, const std::string& owner,
+                                         int32_t fd) const {
+    Message::StartupCfgInfo info;
+    Serialization::ProcMgrUnpackMatchDataAndPathRequest(&record, info);
+    if (record.type == Message::LOAD_STARTUP_CFG) {
+        handlers_.LoadStartupCfg(info, owner, fd);
+    } else {
+        handlers_.ReloadStartupCfg(info, owner, fd);
     }
 }
 

@@ -27,7 +27,7 @@ constexpr const char* ITEM_NO_WATCHDOG = "nowatchdog";
 constexpr const char* ITEM_KERNEL_UTILS = "kernel_utils";
 constexpr std::string_view ITEM_BOOT = "boot:";
 constexpr std::array REBOOT_FAILURES = {"RESUME_FAIL", "SUSPEND_FAIL"};
-// No kernel takes a longer command line.
+// The longest text that is read, in bytes; the command lines of kernels are shorter.
 constexpr size_t TEXT_MAX = 65536;
 
 std::string ReadText(const char* path) {
@@ -65,7 +65,7 @@ std::set<std::string> Split(std::string_view text) {
     return items;
 }
 
-// The keywords that stand in the path, as one of its components or as the file's stem.
+// The keywords that are a component of the path or the name of the file without its suffix.
 std::vector<std::string> KeywordsOf(const std::string& cfgPath) {
     const std::filesystem::path path(cfgPath);
     std::vector<std::string> keywords;
@@ -112,7 +112,7 @@ std::set<std::string> BootCommandLine::Extract(const std::string& key) const {
         ProcMgrLog(LOG_INFO, "key=%s not found in cmdline.", key.c_str());
         return {};
     }
-    // The value stands behind the "=" that follows the key.
+    // The value begins after the key and the "=" that follows it.
     const size_t begin = std::min(found + key.size() + 1, text_.size());
     const size_t end = std::min(text_.find(' ', begin), text_.size());
     const std::string value = text_.substr(begin, end - begin);

@@ -1,14 +1,14 @@
-// The kernel's boot command line, of which the daemon takes switches of its own:
+// The switches of the daemon on the kernel's boot command line:
 //
 //   procmgr=ITEM,ITEM,...   "nowatchdog": the watchdog module is not loaded
-//                           "boot:PATH": base-service YAML in place of the one on the command line
-//                           a keyword of OPTIONAL_SERVICES: those services are started, too
+//                           "boot:PATH": base-service file that replaces the daemon's argument
+//                           a keyword of OPTIONAL_SERVICES: its services are started, too
 //   veskmode=ITEM,...       "kernel_utils"
 //   reboot_reason=ITEM,...  "RESUME_FAIL", "SUSPEND_FAIL"
-//   slotid=NUMBER           board slot, when the device tree has none
+//   slotid=NUMBER           board slot, when the device tree does not give it
 //
-// Items are separated by ","; quotes around a value are dropped. Read once, by the main thread
-// before any other starts; what it finds is kept here and in ProcMgrEnv.
+// Items are separated by ","; quotes around a value are dropped. The main thread reads the command
+// line once, before it starts any other thread; base start-up then asks which services are enabled.
 #pragma once
 
 #include <cstdint>
@@ -18,24 +18,23 @@
 
 namespace ProcMgr {
 
-// Keywords of services that are started only when the boot command line asks for them. A manifest
-// belongs to one when a component of its file's path, or the file's name without its suffix, is the
-// keyword.
+// Keywords of services that are started only when the boot command line has the keyword. A manifest
+// has a keyword when a component of its file's path, or the file's name without its suffix, is
+// equal to the keyword.
 inline constexpr std::string_view OPTIONAL_SERVICES[] = {"debug", "diag", "factory", "trace"};
 
 class BootCommandLine {
 public:
-    // Reads the files and applies what they say to ProcMgrEnv.
+    // Reads the SELinux state and the command line, and stores the switches here and in ProcMgrEnv.
     void Read();
 
     // Whether the services of the manifest file at `cfgPath` are to be started.
     bool IsEnabled(const std::string& cfgPath);
 
-    // Logs the keywords that were asked for but that no manifest has matched.
+    // Logs the keywords of the command line that no manifest has had.
     void ReportNotConfigured() const;
 
 private:
-    void ReadCommandLine();
     // The items of the first argument whose key is `key`; empty when there is none.
     std::set<std::string> Extract(const std::string& key) const;
     void ApplyOwnItems();
@@ -43,11 +42,12 @@ private:
     void ApplyRebootReason();
 
     std::string text_;
-    std::set<std::string> items_;    // of "procmgr"
-    std::set<std::string> matched_;  // keywords that a manifest has had
+    std::set<std::string> items_;  // of "procmgr"
+    std::set<std::string>
+        matched_;  // the keywords of the manifests that IsEnabled() was asked about
 };
 
-// The board's slot id, from the device tree or the boot command line; 0 when neither has it.
+// The board's slot id from the device tree or else the boot command line; 0 when neither gives it.
 int32_t ReadSlotId();
 
 }  // namespace ProcMgr

@@ -1,5 +1,5 @@
-// The daemon's own settings file: the watchdog and the upload registration. Read once, before any
-// thread starts; a file that is missing or wrong in part leaves defaults behind.
+// The daemon's settings file: the watchdog and the upload registration. The main thread reads it
+// once, before it starts any other thread; a setting that is missing or wrong keeps its default.
 #pragma once
 
 #include <string>
@@ -19,14 +19,15 @@ struct ProcMgrSettings {
     bool pmuploadEnable = false;
 };
 
-// Fills `settings` from the file at `path`. Logs what it finds and what is missing.
+// Fills `settings` from the file at `path`. Logs the settings, and the sections and keys that are
+// missing.
 void LoadProcMgrCfg(const std::string& path, ProcMgrSettings& settings);
 
-// One section each, out of the top of the file.
+// Each reads one section of the file; `top` is the whole file.
 void LoadWatchDogCfg(const KvsTypeYaml& top, ProcMgrSettings& settings);
 void LoadPmUploadCfg(const KvsTypeYaml& top, ProcMgrSettings& settings);
 
-// One key each, out of its section. A missing enable key switches the feature on.
+// Each reads one key of its section. A missing "enable" switches the feature on.
 bool GetWatchDogEnable(const KvsTypeYaml& section);
 std::string GetWatchDogTimeout(const KvsTypeYaml& section);
 std::string GetWatchDogAction(const KvsTypeYaml& section);

@@ -1,7 +1,7 @@
 // early_log FILE
 //
-// Keeps what is logged before the platform's logger is up: listens on /dev/log, appends each line
-// to FILE, and hands over when the logger has put its own socket there.
+// Stores the log lines of the time before the platform's logger runs: listens on /dev/log, appends
+// each line to FILE, and ends when the logger has replaced the socket with its own.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -45,14 +45,14 @@ UniqueFd Listen() {
     return fd;
 }
 
-// The file under the socket's path; 0 when there is none.
+// The inode of the file at the socket's path; 0 when there is no file.
 ino_t InodeOfSocket() {
     struct stat status {};
     return stat(SOCKET_PATH.data(), &status) == 0 ? status.st_ino : 0;
 }
 
-// "<14>Nov 21 04:43:00 worker[5]: text" becomes "04:43:00 info    worker[5]: text", as the logger
-// writes it.
+// Turns "<14>Nov 21 04:43:00 worker[5]: text" into "04:43:00 info    worker[5]: text", the form
+// that the logger of the demo writes.
 std::string Format(std::string_view line) {
     constexpr size_t STAMP_LENGTH = std::string_view("Nov 21 04:43:00 ").size();
     constexpr size_t DATE_LENGTH = std::string_view("Nov 21 ").size();
@@ -72,7 +72,7 @@ std::string Format(std::string_view line) {
     return text + level + ' ' + std::string(line) + '\n';
 }
 
-// Appends what has come; false when there is no more.
+// Appends one received line to the file; false when there is none.
 bool TakeLine(int socket, int file) {
     std::array<char, 8192> buffer;
     const ssize_t length = recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
@@ -112,8 +112,8 @@ int main(int argc, char** argv) {
         }
         current = InodeOfSocket();
     }
-    // Whoever still sends here is refused from now on and turns to the new socket; what has been
-    // sent before can still be read.
+    // Senders that still use this socket get an error from now on and connect to the new one. Lines
+    // sent before can still be received.
     shutdown(socket.Get(), SHUT_RD);
     while (TakeLine(socket.Get(), file.Get())) {
     }

@@ -1,5 +1,5 @@
-// planner: an owner service. It has two applications started, looks how they are, restarts one and
-// ends both, and begins anew after a while.
+// planner: an owner service. It asks the daemon to start two applications, queries their states,
+// restarts one of them and ends both; after a pause it repeats that.
 #include <syslog.h>
 
 #include <chrono>
@@ -37,7 +37,7 @@ void Query(OwnerChannel& channel) {
     }
 }
 
-// One step; true when it is time to end.
+// Runs one step; true when a stop signal has come.
 bool Step(OwnerChannel& channel, int step) {
     switch (step) {
         case 0:

@@ -1,14 +1,15 @@
-// What the example services share: waiting for the signal that ends them.
+// Waits for the signal that ends a service. Used by all example services, on their main thread.
 #pragma once
 
 #include <chrono>
 
 namespace Example {
 
-// Takes SIGTERM and SIGINT for WaitForStop; call it first of all in main.
+// Blocks SIGTERM and SIGINT, so that WaitForStop can take them. Call it before anything else in
+// main: threads started later inherit the signal mask.
 void TakeStopSignals();
 
-// True once a stop signal has come, false when `timeout` has passed before.
+// True when a stop signal has been taken, false after `timeout` without one.
 bool WaitForStop(std::chrono::milliseconds timeout);
 void WaitForStop();
 

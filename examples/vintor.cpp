@@ -14,7 +14,7 @@ int main() {
     if (!channel.Attach(std::chrono::seconds(10))) {
         syslog(LOG_WARNING, "the daemon's pipe is not there yet, trying on");
     }
-    // Whatever has to be done before others may rely on this service belongs here.
+    // Initialise here: services that depend on this one are started after the report.
     channel.ReportRunning();
     channel.StartHeartbeat();
 

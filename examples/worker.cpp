@@ -1,7 +1,7 @@
 // worker [--name NAME] [--period SECONDS] [--fail-after SECONDS]
 //
-// A plain resident service that knows nothing of the daemon: logs a line and sleeps, again and
-// again. Without --period it logs one line only; with --fail-after it ends with status 1 then.
+// A service that does not link the client library. It logs a line at its start and one each PERIOD
+// seconds, if --period is given. With --fail-after it ends with status 1 after that time.
 #include <syslog.h>
 #include <unistd.h>
 

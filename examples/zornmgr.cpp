@@ -1,8 +1,8 @@
 // zornmgr [--state-file PATH]
 //
-// Stands in for the access manager: reports its own state and logs what the daemon reports about
-// the other services. With --state-file each report is also appended to PATH as one line:
-// name, pid, gid, report type, result, with blanks between them.
+// Replaces the access manager in the demo: reports its own state, and logs the daemon's reports
+// about the other services. With --state-file each report is also appended to PATH as one line:
+// name, pid, gid, report type, result, separated by blanks.
 #include <sys/types.h>
 #include <syslog.h>
 
@@ -48,8 +48,8 @@ int main(int argc, char** argv) {
     }
 
     ProcMgr::Agent::OwnerChannel channel("zornmgr");
-    // Before Attach, so that no report is missed. It runs on the channel's thread, and nothing else
-    // uses the file.
+    // Set before Attach, so that no report is missed. The function runs on the channel's thread and
+    // is the only user of the file.
     channel.OnAppState([&](const std::vector<AppStateInfo>& infos) {
         for (const AppStateInfo& info : infos) {
             LogReport(info);

@@ -1,5 +1,6 @@
-// Fuzzes the files that resource control reads. The first input byte says which: a line of a cpuset
-// or, where a private mount namespace can be had, the host resource file; the rest is its contents.
+// Fuzzes the files that resource control reads. The first input byte selects a line of a cpuset or,
+// if the process can create a private mount namespace, the host resource file; the other bytes are
+// the contents.
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -17,7 +18,8 @@
 
 namespace ProcMgr {
 
-// In place of the system logger; formats, so that a text which does not fit its format is found.
+// Replaces the system logger. Formats the line, so that an argument that does not fit its format is
+// found.
 void ProcMgrSysLog(int /*level*/, const char* format, ...) {
     char line[256];
     va_list arguments;
@@ -43,7 +45,8 @@ bool HidesHostFile() {
 
 void FuzzCpusetLine(const std::string& line) {
     const std::vector<uint32_t> cores = ParseCpusetLine(line, "cpuset.cpus");
-    // A range of two digits a bound has 100 cores at most, and takes a "-" for itself.
+    // Each bound of a range has two digits at most, so a range has 100 cores at most and at least
+    // one character of the line.
     if (cores.size() > 100 * (line.size() + 1)) {
         std::abort();
     }

@@ -1,7 +1,9 @@
-// Fuzzes everything that decodes a record which a peer sends to the daemon. The first input byte
-// says how: its low four bits are the record's type, then come a bit for a request of `zornmgr`,
-// one for a `size` that lies, and one for reading the payload as a dynamic block. The rest is
-// payload.
+// Fuzzes everything that decodes a record, on the daemon's side and on the owner's side. Decoded
+// values are encoded again and must then decode to the same values.
+//
+// The first input byte selects the decoder: the low four bits are the type of the record, then
+// follow a bit for a request of `zornmgr`, a bit for a wrong `size` and a bit for a block of
+// dynamic parameters without a record around it. The other bytes are the payload.
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -10,16 +12,20 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "main/common/log.h"
+#include "message/report_codec.h"
+#include "message/request_codec.h"
 #include "message/serialization.h"
 
 namespace ProcMgr {
 
-// In place of the system logger; formats, so that a text which does not fit its format is found.
+// Replaces the system logger. Formats the line, so that an argument that does not fit its format is
+// found.
 void ProcMgrLog(int /*level*/, const char* format, ...) {
     char line[256];
     va_list arguments;
@@ -61,16 +67,33 @@ size_t CountTexts(const Block& block) {
     return count;
 }
 
-// Each text but those of the last list has cost its separator.
-template <typename Item>
-void CheckItems(const std::vector<Item>& items) {
+void CheckItems(const std::vector<Message::StartAppInfo>& items) {
     Require(items.size() <= ITEMS_MAX, "as many items as are allowed");
     size_t texts = 0;
-    for (const Item& item : items) {
+    for (const Message::StartAppInfo& item : items) {
         Require(item.argv.size() <= LIST_MAX, "as many arguments as are allowed");
         texts += item.argv.size() + CountTexts(item.dynamicPara);
     }
+    // Each text has a separator in the payload, except for the texts of the last list.
     Require(texts <= PM_PIPE_BUF_MAX + LIST_MAX, "texts are bounded by the payload");
+}
+
+// Encoded items decode to the same items. An item may be too long to be encoded, because the
+// decoder fills a list up to the announced length. Long lists are left out: they would take most of
+// the time.
+void CheckEncodedItems(const std::vector<Message::StartAppInfo>& items, const std::string& sender) {
+    constexpr size_t CHECKED_MAX = 32;
+    if (items.size() > CHECKED_MAX) {
+        return;
+    }
+    const auto records = Message::EncodeLaunchRequests(Message::START_APP, items, sender);
+    std::vector<Message::StartAppInfo> all;
+    for (const RequestMsg& record : records.value_or(Message::Records())) {
+        std::vector<Message::StartAppInfo> some;
+        Require(Message::DecodeLaunchRequest(record, sender, some).empty(), "no limit is exceeded");
+        all.insert(all.end(), some.begin(), some.end());
+    }
+    Require(!records || all == items, "encoded items decode to the same items");
 }
 
 // The dynamic block as plain stream extraction reads it.
@@ -121,20 +144,48 @@ void UnpackBlock(const std::string& payload) {
 }
 
 void UnpackQuery(const RequestMsg& record) {
-    Texts names;
-    const bool isWhole = Serialization::DecodeQueryNames(record, names);
-    Require(isWhole || names.empty(), "no name of a query that is refused");
+    const std::optional<Texts> names = Message::DecodeQuery(record);
+    if (!names) {
+        return;
+    }
     std::map<std::string, uint32_t> statusByName;
     size_t size = sizeof(uint32_t);
-    for (const std::string& name : names) {
+    for (const std::string& name : *names) {
         if (statusByName.emplace(name, 4).second) {
             size += 2 * sizeof(uint32_t) + name.size();
         }
     }
-    RequestMsg answer;
-    const bool isFitting = Serialization::EncodeDetailStatus(statusByName, answer);
-    Require(isFitting == (size <= PM_PIPE_BUF_MAX), "an answer that fits is sent");
-    Require(!isFitting || answer.size == size, "an answer has its size");
+    const auto answer = Message::EncodeDetailStatus(statusByName);
+    Require(answer.has_value() == (size <= PM_PIPE_BUF_MAX), "an answer that fits is sent");
+    Require(!answer || answer->size == size, "an answer has its size");
+    const auto query = Message::EncodeQuery(*names);
+    Require(query.has_value() == answer.has_value(), "a query with an answer is sent");
+    Require(!query || Message::DecodeQuery(*query) == names, "a query decodes to the same names");
+}
+
+void UnpackStates(const RequestMsg& record) {
+    const auto states = Message::DecodeAppStates(record);
+    if (!states) {
+        return;
+    }
+    std::string payload = std::to_string(states->size()) + '#';
+    for (const Message::AppStateInfo& state : *states) {
+        payload += Message::EncodeAppState(state);
+    }
+    Require(payload.size() <= PM_PIPE_BUF_MAX, "states are bounded by the payload");
+    Require(
+        Message::DecodeAppStates(Message::MakeRecord(Message::APP_STATE_REPORT, payload)) == states,
+        "encoded states decode to the same states");
+}
+
+void UnpackDetailStatus(const RequestMsg& record) {
+    const auto statusByName = Message::DecodeDetailStatus(record);
+    if (!statusByName) {
+        return;
+    }
+    const auto again = Message::EncodeDetailStatus(*statusByName);
+    Require(again && Message::DecodeDetailStatus(*again) == statusByName,
+            "an encoded answer decodes to the same answer");
 }
 
 void Unpack(const RequestMsg& record, const std::string& sender) {
@@ -142,7 +193,8 @@ void Unpack(const RequestMsg& record, const std::string& sender) {
         case Message::START_APP: {
             std::vector<Message::StartAppInfo> items;
             Serialization::ProcMgrUnpackStartRequest(&record, items, sender);
-            return CheckItems(items);
+            CheckItems(items);
+            return CheckEncodedItems(items, sender);
         }
         case Message::RESTART_APP: {
             std::vector<Message::RestartAppInfo> items;
@@ -170,6 +222,10 @@ void Unpack(const RequestMsg& record, const std::string& sender) {
         }
         case Message::QUERY_APP_STATE:
             return UnpackQuery(record);
+        case Message::APP_STATE_REPORT:
+            return UnpackStates(record);
+        case Message::APP_DETAIL_STATUS_REPORT:
+            return UnpackDetailStatus(record);
         default:
             return;
     }
@@ -186,7 +242,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         UnpackBlock({reinterpret_cast<const char*>(data + 1), size - 1});
         return 0;
     }
-    // On the heap, where a read behind it is seen.
+    // On the heap, so that the address sanitizer finds a read outside of the record.
     const auto record = std::make_unique<RequestMsg>();
     record->type = mode & TYPE_BITS;
     record->size = (mode & IS_SIZE_WRONG) != 0 ? UINT64_MAX - size : size - 1;

@@ -1,6 +1,6 @@
-// Fuzzes the records of upload registration. The first input byte says how: a bit for a response in
-// place of a request, and one for a record of just the bytes that follow; else they are brought to
-// the record's length.
+// Fuzzes the records of upload registration. The first input byte has a bit for a response in place
+// of a request, and a bit for the length of the record: set, the record is the bytes that follow;
+// not set, they are cut or filled up to the right length.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -84,7 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return -1;
     }
     const bool isResponse = (data[0] & IS_RESPONSE) != 0;
-    // On the heap, where a read behind it is seen.
+    // On the heap, so that the address sanitizer finds a read outside of the record.
     Bytes record(data + 1, data + size);
     if ((data[0] & IS_AS_LONG_AS_GIVEN) == 0) {
         record.resize(isResponse ? UPLOAD_RESPONSE_SIZE : UPLOAD_REQUEST_SIZE);

@@ -1,14 +1,14 @@
-// The applications that owners ask for: the map of their records, and its lock. Request handlers
-// start, stop, restart and query them, the reaper stores their exits, CheckThread moves them from
-// state to state. Reports are queued under the lock, in the order of the changes, and sent after
-// it.
+// The container of the general applications, which owner services request: the map of their records
+// and its lock. Request handlers start, terminate, restart and query applications, the reaper
+// stores exits, and CheckThread moves the records from state to state. Reports are queued under the
+// lock, in the order of the changes, and sent without it.
 //
-// A launch has two parts: what may have to wait is prepared without the lock, on a copy of the
-// record, and the fork is made under it. In between the record is being launched (isLaunching_):
-// it is in the map, and neither supervision nor another request touches it.
+// A launch has two stages: the checks that may take long are done without the lock, on a copy of
+// the record, and the fork is done under it. Between the two the record is in the map and marked as
+// being launched (isLaunching_); supervision and other requests leave it alone.
 #pragma once
 
-#include <functional>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -19,150 +19,142 @@
 #include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
+#include "app/sensor_node_event_reporter.h"
+#include "baseservice/owner_services.h"
+#include "baseservice/readiness.h"
+#include "generalapp/change_reports.h"
 #include "generalapp/startup_config.h"
+#include "main/common/check_loop.h"
 #include "main/common/check_requests.h"
 #include "main/common/mutex.h"
 #include "message/request_msg.h"
 
 namespace ProcMgr {
 
-// What general applications need to know of the base services. Both take the base-service lock,
-// which comes after that of the general applications.
-struct OwnerView {
-    std::function<bool()> isZornReady;
-    // The owner services, in start order.
-    std::function<std::vector<std::string>()> getOwners;
-};
-
-class GeneralApps {
+class GeneralApps final : public Supervised, public HeldBackReports {
 public:
-    // All must outlive this object.
+    // All arguments must outlive this object.
     GeneralApps(App::ProcessLauncher& launcher, CheckRequests& checks, App::StateReports& reports,
-                const StartupConfig& config, OwnerView view);
+                App::SensorNodeEventReporter& faults, const StartupConfig& config,
+                OwnerServices& owners);
 
-    // The requests of `owner`. Each item is handled under its own hold of the lock; what is to be
-    // reported at once is sent at the end.
-    void StartApp(const std::vector<Message::StartAppInfo>& items, const std::string& owner);
-    void TermGeneralApp(const std::vector<Message::TermAppInfo>& items, const std::string& owner);
-    void RestartApp(const std::vector<Message::RestartAppInfo>& items, const std::string& owner);
-    void QueryAppState(const std::vector<std::string>& names, const std::string& owner);
+    // The requests of `owner`. The lock is held for one item at a time; the answers are sent after
+    // the last item. An item without a known application ends a start request without answers.
+    void StartApp(const std::vector<Message::StartAppInfo>& items, const std::string& owner)
+        PROCMGR_EXCLUDES(mutex_);
+    void TermGeneralApp(const std::vector<Message::TermAppInfo>& items, const std::string& owner)
+        PROCMGR_EXCLUDES(mutex_);
+    void RestartApp(const std::vector<Message::RestartAppInfo>& items, const std::string& owner)
+        PROCMGR_EXCLUDES(mutex_);
+    void QueryAppState(const std::vector<std::string>& names, const std::string& owner)
+        PROCMGR_EXCLUDES(mutex_);
 
-    // Starts the priority applications of a file, or all that are known, in their order, as far as
-    // they have no process.
-    void StartPriorityApps(const std::string& path = {});
+    // Starts the priority applications of the configuration file at `path`, or of every loaded file
+    // when `path` is empty, in the order of their priorities. Applications with a record are left
+    // out.
+    void StartPriorityApps(const std::string& path = {}) PROCMGR_EXCLUDES(mutex_);
 
-    // Stores the exit of the process `pid`; false when no application has it.
-    bool SetExitStatus(int32_t pid, int32_t status);
+    // Stores the exit of the process `pid` with its wait status; false when no record has that
+    // process. Called by the reaper before the pid is freed.
+    bool SetExitStatus(int32_t pid, int32_t status) PROCMGR_EXCLUDES(mutex_);
 
-    // One pass of CheckThread: moves the records from state to state and reports the changes.
-    void CheckGeneralApps(CheckPass pass);
-    void RemoveTerminatedApps();
+    // One pass of CheckThread: moves the records from state to state, reports the changes, and
+    // starts the new processes of restarts whose old process has ended.
+    void CheckGeneralApps(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
+    void Check(CheckPass pass) override PROCMGR_EXCLUDES(mutex_) { CheckGeneralApps(pass); }
+    // Removes the records of applications that have ended. Called by CheckThread after each pass.
+    void RemoveTerminatedApps() override PROCMGR_EXCLUDES(mutex_);
 
-    // Reports what could not be told to the access manager while it was not ready.
-    void ReportHeldBack();
+    // Reports the changes that were held back while the access manager was not ready.
+    void ReportHeldBack() override PROCMGR_EXCLUDES(mutex_);
 
-    // Shows every record to the visitor; see RecordContainer.
-    bool Visit(const App::RecordVisitor& visitor);
+    // Shows every record to the visitor; see App::RecordContainer.
+    bool Visit(const App::RecordVisitor& visitor) PROCMGR_EXCLUDES(mutex_);
 
-    // Every application with its present state; with an `owner` those that it is told of.
-    std::vector<Message::AppStateInfo> GetStates(const std::string& owner = {});
+    // Every application with its present state; with an `owner` only those whose changes are
+    // reported to that owner.
+    std::vector<Message::AppStateInfo> GetStates(const std::string& owner = {})
+        PROCMGR_EXCLUDES(mutex_);
 
-    // Ends every application: SIGTERM, then SIGKILL when its term time-out has passed. Starts
-    // nothing any more. Needs the reaper and CheckThread.
-    void StopAll();
+    // Ends every application: SIGTERM, then SIGKILL when its termination time-out has passed. From
+    // this call on nothing is started. Returns when all have ended or have been given up; the
+    // reaper and CheckThread must run meanwhile, because they store the exits and send SIGKILL.
+    void StopAll() PROCMGR_EXCLUDES(mutex_);
 
 private:
     using Record = std::shared_ptr<App::GeneralAppInfo>;
-    struct Change {
-        std::string owner;  // who is told, besides the access manager
-        Message::AppStateInfo item;
-        std::string appOwner;  // the owner of the application
-        // Of an answer: the record, and its changes when the answer was made.
-        Record record;
-        uint64_t seen = 0;
-        bool isForZorn = true;
-    };
-    // In the order in which they came about.
-    using ChangeList = std::vector<Change>;
-    // A start that has been decided: the record and, for its preparation, a copy.
+    // A launch between its two stages: the record, and the copy for the first stage.
     struct Launch {
         Record record;
         App::GeneralAppInfo copy;
     };
 
-    // Prepares a launch; nothing, with a log line, when the program may not be started. Takes no
-    // lock.
-    std::optional<App::LaunchPlan> Prepare(const App::GeneralAppInfo& copy);
-    // The parts of a pass; each takes the lock itself.
-    std::vector<App::GeneralAppInfo> CheckStates(CheckPass pass);
-    void BeginRestartEnded(const App::GeneralAppInfo& copy);
-    void RestartEnded(const App::GeneralAppInfo& copy);
-    void FinishRestartEnded(const std::string& name, std::optional<App::LaunchPlan> plan);
-    // Queues and sends the answers of a request, as far as they are still true. Takes the lock.
-    void ReportPending(const ChangeList& pending);
+    // The first stage of a launch; nothing, with a log line, when the program may not be started.
+    std::optional<App::LaunchPlan> Prepare(const App::GeneralAppInfo& copy)
+        PROCMGR_EXCLUDES(mutex_);
+    // Checks all records. Returns copies of those whose restart is due.
+    std::vector<App::GeneralAppInfo> CheckStates(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
+    // The new process of a restart whose old process has ended.
+    void BeginRestartEnded(const App::GeneralAppInfo& copy) PROCMGR_EXCLUDES(mutex_);
+    void RestartEnded(const App::GeneralAppInfo& copy) PROCMGR_EXCLUDES(mutex_);
+    void FinishRestartEnded(const std::string& name, std::optional<App::LaunchPlan> plan)
+        PROCMGR_EXCLUDES(mutex_);
+    void SendAnswers(const Answers& answers) PROCMGR_EXCLUDES(mutex_);
 
-    // The callers of all that follow hold mutex_.
-    void ReportGeneralAppChanges(const ChangeList& changes, bool isAnswer);
-    void ReportInOrder(const std::vector<Message::AppStateInfo>& items, const std::string& owner,
-                       bool isAnswer);
-    void QueueHeldBack();
-    // Queues what is in outbox_.
-    void QueueOutbox();
-    static void Answer(ChangeList& pending, const std::string& owner, const Record& record,
-                       ReportAppStateType reportType);
-    static void Answer(ChangeList& pending, const std::string& owner, const std::string& name,
-                       ReportAppStateType reportType);
-    // The record in the map, or one made from what is known; null, with a log line, for neither.
-    Record GetGeneralApp(const std::string& name, const std::string& owner);
-    void UpdateAllGeneralAppMap();
-    Record Find(const std::string& name) const;
-    bool IsInMap(const Record& record) const;
-    // One item of a request. A launch is left to the caller. BeginStart returns false when the rest
-    // of the request is to be dropped.
-    bool BeginStart(const Message::StartAppInfo& item, const std::string& owner,
-                    ChangeList& pending, std::optional<Launch>& launch);
-    void FinishStart(const Record& record, std::optional<App::LaunchPlan> plan,
-                     const std::string& owner, ChangeList& pending);
-    void Terminate(const std::string& name, const std::string& owner, ChangeList& pending);
-    std::optional<Launch> BeginRestart(const Message::RestartAppInfo& item,
-                                       const std::string& owner, ChangeList& pending);
+    // The record in the map, or a new one from the configuration, which is not in the map yet;
+    // null, with a log line, when the name is unknown.
+    Record GetGeneralApp(const std::string& name, const std::string& owner)
+        PROCMGR_REQUIRES(mutex_);
+    // Passes a changed configuration on to the records in the map.
+    void UpdateAllGeneralAppMap() PROCMGR_REQUIRES(mutex_);
+    Record Find(const std::string& name) const PROCMGR_REQUIRES(mutex_);
+    bool IsInMap(const Record& record) const PROCMGR_REQUIRES(mutex_);
+    // One item of a request. A launch that is returned is for the caller to prepare and finish.
+    std::optional<Launch> BeginStart(const Record& record, const Message::StartAppInfo& item,
+                                     Answers& answers) PROCMGR_REQUIRES(mutex_);
+    void FinishStart(const Record& record, std::optional<App::LaunchPlan> plan, Answers& answers)
+        PROCMGR_REQUIRES(mutex_);
+    void Terminate(const std::string& name, Answers& answers) PROCMGR_REQUIRES(mutex_);
+    std::optional<Launch> BeginRestart(const Message::RestartAppInfo& item, Answers& answers)
+        PROCMGR_REQUIRES(mutex_);
     void FinishDirectRestart(const Record& record, std::optional<App::LaunchPlan> plan,
-                             const std::string& owner, ChangeList& pending);
-    void RestartRunning(const Record& record, App::AppSpec next);
+                             Answers& answers) PROCMGR_REQUIRES(mutex_);
+    void RestartRunning(const Record& record, App::AppSpec next) PROCMGR_REQUIRES(mutex_);
     std::optional<Launch> HandlePriorityApps(const Record& record, App::AppSpec spec,
-                                             const std::string& owner, ChangeList& pending);
-    // Gives the record what it is started by, and puts it into the map before there is a process
-    // that could be lost.
-    Launch BeginLaunch(const Record& record, App::AppSpec spec, const std::string& owner);
-    // Forks; a record that has never had a process leaves the map again when there is none.
-    bool FinishLaunch(const Record& record, std::optional<App::LaunchPlan> plan);
-    bool TryStart(App::GeneralAppInfo& app, std::optional<App::LaunchPlan> plan);
-    static uint32_t Probe(const App::GeneralAppInfo& app);
-    void CheckOne(App::GeneralAppInfo& app, SteadyTime now);
-    // What is due about the change that the record's report type tells of.
-    void NoteChange(App::GeneralAppInfo& app);
-    static bool IsOutdated(const Change& change);
-    // Keeps what the access manager is to be told once it is ready.
-    void HoldBack(const Message::AppStateInfo& item);
-    bool HasLive() const;
-    void KillAll();
+                                             Answers& answers) PROCMGR_REQUIRES(mutex_);
+    // Gives the record the specification of its next process, marks it as being launched, and adds
+    // it to the map, so that the record is there before the process.
+    Launch BeginLaunch(const Record& record, App::AppSpec spec, const std::string& owner)
+        PROCMGR_REQUIRES(mutex_);
+    // The second stage of a launch. False, with a log line, when there is no process; a record that
+    // has never had one then leaves the map.
+    bool FinishLaunch(const Record& record, std::optional<App::LaunchPlan> plan)
+        PROCMGR_REQUIRES(mutex_);
+    // Throws nothing once there is a child.
+    bool TryStart(App::GeneralAppInfo& app, std::optional<App::LaunchPlan> plan)
+        PROCMGR_REQUIRES(mutex_);
+    void CheckOne(App::GeneralAppInfo& app, SteadyTime now) PROCMGR_REQUIRES(mutex_);
+    // Reports the change that the report type of the record describes, and raises or withdraws the
+    // fault of the application.
+    void NoteChange(App::GeneralAppInfo& app) PROCMGR_REQUIRES(mutex_);
+    bool HasLive() const PROCMGR_REQUIRES(mutex_);
+    void KillAll() PROCMGR_REQUIRES(mutex_);
+    // Queues a call of the device library; takes no lock of this object.
+    void RaiseStartFault(const App::GeneralAppInfo& app);
 
     App::ProcessLauncher& launcher_;
     CheckRequests& checks_;
     App::StateReports& reports_;
+    App::SensorNodeEventReporter& faults_;
     const StartupConfig& config_;
-    const OwnerView view_;
 
     Mutex mutex_;
-    Condition exited_;  // an exit has been stored
-    // All guarded by mutex_.
-    std::map<std::string, Record> generalAppMap_;
-    // Changes that are not queued yet. They stay until they are: the records do not tell of them
-    // again.
-    ChangeList outbox_;
-    std::vector<Message::AppStateInfo> heldBack_;
-    uint64_t seenRevision_ = 0;  // of the configuration that the records know
-    bool isStopping_ = false;
+    Condition exited_;  // notified when an exit has been stored
+    std::map<std::string, Record> generalAppMap_ PROCMGR_GUARDED_BY(mutex_);
+    ChangeReports changeReports_ PROCMGR_GUARDED_BY(mutex_);
+    // The revision of the configuration that the records in the map know.
+    uint64_t seenRevision_ PROCMGR_GUARDED_BY(mutex_) = 0;
+    bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace ProcMgr

@@ -42,7 +42,8 @@ uint32_t StartupConfig::Load(const std::string& path, const MatchData& matchData
     MayWait("the file system");
     std::vector<ApplicationManifest> manifests;
     std::set<std::string> scratch;
-    // A parser of its own: the base services' parser keeps their dependencies.
+    // A new parser, because the parser of base start-up keeps the dependencies of the base
+    // services.
     if (ParseAndDepend().ParseYaml(0, path, manifests, scratch) != 0) {
         ProcMgrLog(LOG_ERR, "process-manager LoadStartCfgInfo=%s failed", path.c_str());
         return FILE_UNUSABLE;
@@ -98,7 +99,7 @@ std::vector<ApplicationManifest> StartupConfig::GetPriorityApps(const std::strin
             apps.push_back(manifest);
         }
     }
-    // The map has them by name.
+    // Stable, because the map has sorted them by name.
     std::stable_sort(apps.begin(), apps.end(), [](const auto& one, const auto& other) {
         return one.GetStartupPriority() < other.GetStartupPriority();
     });

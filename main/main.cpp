@@ -27,11 +27,11 @@ namespace {
 
 constexpr int EXIT_STATUS_ERROR = -1;
 constexpr int EXIT_STATUS_SECOND = 1;
-// How long the access manager's library may take at the end.
+// The time that the access manager's library has for its end.
 constexpr std::chrono::milliseconds RETRIEVE_PATIENCE{300};
 
-// A daemon that was started with its standard streams closed must not get them as descriptors of
-// its own, which its children would then write to.
+// Opens the standard streams that are closed. Otherwise files that the daemon opens would get their
+// descriptors, and children would write their output into these files.
 void OpenStandardStreams() {
     int fd = -1;
     do {
@@ -42,7 +42,7 @@ void OpenStandardStreams() {
     }
 }
 
-// What the platform libraries have to say goes through the daemon's log.
+// Writes the diagnostics of the platform libraries into the daemon's log.
 void LogDiagnostic(int level, const char* text) {
     ProcMgr::ProcMgrLog(level, "%s", text);
 }
@@ -57,8 +57,8 @@ int Fail() {
 int main(int argc, char** argv) {
     using namespace ProcMgr;
 
-    // The threads allocate little: an arena of its own for each would only cost memory, and make
-    // every fork copy more.
+    // One memory arena for all threads, which allocate little: further arenas would cost memory,
+    // and every fork would have more to copy.
     mallopt(M_ARENA_MAX, 1);
     InstallContinueSignal();
     OpenStandardStreams();
@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
 
     bool isClean = true;
     const uint32_t result = ProcMgrRun(path, isClean);
-    // The shutdown has closed the log; these lines open it again.
+    // Shutdown() has closed the log.
     OpenLog();
     if (result == 0) {
         ProcMgrSysLog(LOG_INFO, "process-manager ProcMgrRun finished");
@@ -108,7 +108,7 @@ int main(int argc, char** argv) {
     isClean = access.Join(std::chrono::steady_clock::now() + RETRIEVE_PATIENCE) && isClean;
     CloseLog();
     if (!isClean) {
-        // Threads that did not end still use what a return would destroy.
+        // Threads that have not ended still use objects that a return would destroy.
         _exit(static_cast<int>(result));
     }
     return static_cast<int>(result);

@@ -13,8 +13,6 @@
 #include "app/app_spec.h"
 #include "app/integrity.h"
 #include "app/launch_defaults.h"
-#include "app/sensor_node_event_reporter.h"
-#include "config/settings.h"
 #include "main/common/boot_trace.h"
 #include "main/common/clock.h"
 #include "main/common/daemon_signals.h"
@@ -22,46 +20,46 @@
 #include "main/common/proc_mgr_env.h"
 #include "platform/heartbeat.h"
 #include "platform/power.h"
-#include "resource/bind_count.h"
-#include "resource/cgroup_mgr.h"
-#include "resource/core_affinity_mgr.h"
-#include "resource/share_pool.h"
 
 namespace ProcMgr {
 namespace {
 
-constexpr const char* QUICK_START_MARKER = "/sys/fs/cgroup/notify_pm_done";
-constexpr std::chrono::milliseconds CONTINUE_LOOK{5};
-constexpr int CONTINUE_LOOKS_MAX = 2000;
-constexpr std::chrono::milliseconds POWER_LOOK{1};
-constexpr int MARKER_LOOKS = 20;  // the marker file is looked for at every so many-th look
+// The pause between two attempts to end the power calls.
+constexpr std::chrono::milliseconds POWER_PAUSE{1};
 // How long all threads and libraries together may take to end.
 constexpr std::chrono::milliseconds END_PATIENCE{600};
+// The periods of the periodic checks in cycles. The first run comes one cycle early, because the
+// check thread counts its cycles from 0.
+constexpr CycleTimer UPLOAD_TIMER{10, 11};
+constexpr CycleTimer PLACEMENT_TIMER{20, 21};
 
-// Names what did not end in time. Returns `isEnded`.
+// Logs that the thread or library `what` did not end in time. Returns `isEnded`.
 bool Ends(const char* what, bool isEnded) {
     if (!isEnded) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : %s does not end, it is left to the end of the process",
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : %s has not ended in time and is left to the end of the process",
                    what);
     }
     return isEnded;
 }
 
-// Calls what may wait for others, on a thread of its own.
+// Makes a call that may wait for others on a thread of its own. False when the call has not
+// returned at `end`: the thread then runs until the process ends.
 bool EndsBy(SteadyTime end, const char* name, std::function<void()> call) {
     NamedThread thread(name);
     thread.Start(std::move(call));
     return Ends(name, thread.Join(end));
 }
 
-// Ends what the platform calls; a call that runs is waited for.
+// Ends the platform's calls of Suspend() and WakeUpRecover(). Waits for a call that is running,
+// until `end` at most: false then.
 bool EndPower(SteadyTime end) {
     constexpr int32_t BUSY = -16;
     while (UnregisterPowerCalls() == BUSY) {
         if (std::chrono::steady_clock::now() >= end) {
             return false;
         }
-        SleepFor(POWER_LOOK);
+        SleepFor(POWER_PAUSE);
     }
     return true;
 }
@@ -90,29 +88,34 @@ uint32_t ProcMgrRun(const std::string& path, bool& isClean) {
 
 ProcessManager::ProcessManager(const std::string& path)
     : baseServiceCfgPath(path),
-      launcher_(CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(), BindCount::GetInstance(),
-                &sharePool_),
-      dispatch_(MakeHandlers()),
+      launcher_(cgroups_, coreAffinity_, bindCount_, &sharePool_),
+      picture_(baseServices_, generalApps_),
+      sender_(pipes_, &picture_),
       pipes_([this](int32_t fd, const MuxaRequest* request,
                     const std::string& owner) { dispatch_.RequestMsgHandler(fd, request, owner); },
-             {.onOpen = [this](const std::string& owner) { sender_.Retry(owner); },
-              .onBusy = [this] { sender_.Wake(); }}),
-      sender_(pipes_, [this](const std::string& owner) { return GetPicture(owner); }),
+             &sender_),
       reports_(pipes_, sender_),
-      baseServices_(launcher_, reportedState_, checks_, pipes_, reports_),
-      generalApps_(launcher_, checks_, reports_, startupConfig_,
-                   {.isZornReady = [this] { return baseServices_.IsReady(PROC_ZORNMGR); },
-                    .getOwners = [this] { return baseServices_.GetOwners(); }}),
+      baseServices_(launcher_, reportedState_, checks_, pipes_, reports_,
+                    faults_),
+      generalApps_(launcher_, checks_, reports_, faults_,
+                   startupConfig_, baseServices_),
       managedRecords_(
           {[this](const App::RecordVisitor& visitor) { return baseServices_.Visit(visitor); },
            [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }},
           [this](const std::string& name) { return startupConfig_.Find(name).has_value(); }),
-      affinityCheck_(CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(), managedRecords_),
-      delayCoreAffinity_(CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
-                         BindCount::GetInstance(), managedRecords_),
+      affinityCheck_(cgroups_, coreAffinity_, managedRecords_),
+      delayCoreAffinity_(cgroups_, coreAffinity_, bindCount_, managedRecords_),
       uploadRegistry_(sharePool_, managedRecords_),
-      baseStartup_(baseServices_, reportedState_, bootCommandLine_,
-                   [this] { return isStopping_.load(); }),
+      readiness_(baseServices_, reports_, sender_, generalApps_),
+      requests_(
+          {generalApps_, startupConfig_, readiness_, reports_, delayCoreAffinity_, coreAffinity_}),
+      dispatch_(requests_),
+      placementCheck_(affinityCheck_, delayCoreAffinity_),
+      uploadCheck_(uploadRegistry_),
+      checkLoop_(checks_, {baseServices_, generalApps_},
+                 {{UPLOAD_TIMER, uploadCheck_}, {PLACEMENT_TIMER, placementCheck_}}),
+      quickStartWait_(isStopping_),
+      baseStartup_(baseServices_, reportedState_, bootCommandLine_),
       reaper_(
           {[this](int32_t pid, int32_t status) { return baseServices_.SetExitStatus(pid, status); },
            [this](int32_t pid, int32_t status) { return generalApps_.SetExitStatus(pid, status); },
@@ -132,7 +135,7 @@ bool ProcessManager::Init() {
     App::SetLockedMemoryLimit();
     App::InquireHomeEnvVariable();
     if (!env.IsQuickStart()) {
-        CoreAffinityMgr::GetInstance().LoadCoreLists();
+        coreAffinity_.LoadCoreLists();
     }
     ProcMgrLog(LOG_INFO, "%s, init success", BootStrace(BOOT_TRACE_TAG).c_str());
     return true;
@@ -148,6 +151,7 @@ void ProcessManager::UpdateStartupYaml() {
 }
 
 void ProcessManager::Run() {
+    // The start-up thread last: the others handle the processes that it starts.
     checkThread_.Start([this] { CheckThread(); });
     waitThread_.Start([this] { WaitThread(); });
     reportThread_.Start([this] { sender_.Run(pipes_); });
@@ -169,7 +173,7 @@ void ProcessManager::StartUp() {
         receiveChildProcessMsgThread_.Start([this] { ReceiveChildProcessMsgThread(); });
         baseStartup_.InitBaseApplication(baseServiceCfgPath);
         unlink(QUICK_START_MARKER);
-        // Parsing took memory that is not needed again.
+        // Gives the memory that parsing took back to the system.
         malloc_trim(0);
     } catch (...) {
         {
@@ -200,263 +204,20 @@ void ProcessManager::InitPriorityApps(const std::string& path) {
     WriteBootTracePoint(POINT_PRIORITY_APPS);
 }
 
-bool ProcessManager::IsContinued() {
-    for (int look = 1; !IsContinueReceived(); ++look) {
-        if (look > CONTINUE_LOOKS_MAX) {
-            return false;
-        }
-        SleepFor(CONTINUE_LOOK);
-        const bool isMarked = look % MARKER_LOOKS == 0 && access(QUICK_START_MARKER, F_OK) == 0;
-        if (isMarked || isStopping_) {
-            break;
-        }
-    }
-    return true;
-}
-
-void ProcessManager::WaitContinueSignal() {
-    ProcMgrEnv& env = ProcMgrEnv::GetInstance();
-    if (!env.IsQuickStart()) {
-        ProcMgrLog(LOG_INFO, "is not quickstart, so not wait for continue signal");
-        return;
-    }
-    const bool isContinued = IsContinued();
-    const std::string now = BootStrace(BOOT_TRACE_TAG);
-    const uint64_t counter = GetContinueCounter();
-    if (isStopping_) {
-        ProcMgrLog(LOG_INFO, "%s wait for continue startup ended by a stop", now.c_str());
-    } else if (isContinued) {
-        ProcMgrLog(LOG_INFO, "%s wait success for continue startup, catch continue signal time=%s",
-                   now.c_str(), counter == 0 ? "" : BootStraceAt(counter, BOOT_TRACE_TAG).c_str());
-    } else {
-        ProcMgrLog(LOG_INFO, "%s wait for continue startup timeout!!", now.c_str());
-    }
-    env.SetQuickStart(false);
-}
-
 void ProcessManager::ContinueProcMgrInit() {
     WriteBootTracePoint(POINT_CONTINUE_INIT);
     ProcMgrEnv& env = ProcMgrEnv::GetInstance();
     env.SetSlotId(ReadSlotId());
     ProcMgrLog(LOG_INFO, "pm Get board info success slotId_=%d", env.GetSlotId());
-    CoreAffinityMgr::GetInstance().LoadCoreLists();
-    CgroupMgr::GetInstance().ReadCfg();
+    coreAffinity_.LoadCoreLists();
+    cgroups_.ReadCfg();
     affinityCheck_.Start();
     if (settings_.pmuploadEnable && !uploadRegistry_.RegXCallBack()) {
         ProcMgrSysLog(LOG_ERR, "PROCMGR: pmuplaod RegXCallBack failed");
         return;
     }
-    App::SensorNodeEventReporter::GetInstance().RegisterNodes();
+    faults_.RegisterNodes();
     ProcMgrSysLog(LOG_INFO, "%s, ContinueProcMgrInit success", BootStrace(BOOT_TRACE_TAG).c_str());
-}
-
-RequestHandlers ProcessManager::MakeHandlers() {
-    RequestHandlers handlers;
-    handlers.startApp = [this](const auto& items, const auto& owner) {
-        generalApps_.StartApp(items, owner);
-    };
-    handlers.restartApp = [this](const auto& items, const auto& owner) {
-        generalApps_.RestartApp(items, owner);
-    };
-    handlers.termApp = [this](const auto& items, const auto& owner) {
-        generalApps_.TermGeneralApp(items, owner);
-    };
-    handlers.queryAppState = [this](const auto& names, const auto& owner) {
-        generalApps_.QueryAppState(names, owner);
-    };
-    handlers.baseServiceState = [this](const auto& info, const auto& owner) {
-        HandleBaseServiceState(owner, static_cast<BaseServiceStateType>(info.state));
-    };
-    handlers.appExecution = [this](const auto& info, const auto& owner) {
-        if (owner != PROC_VINTOR) {
-            ProcMgrLog(LOG_ERR, "PROCMGR : APP_EXECUTION_REPORT of owner=%s is not taken",
-                       owner.c_str());
-            return;
-        }
-        reports_.RelayAppExecution(info);
-    };
-    handlers.setDelayCoreAffinity = [this](const auto& request) {
-        return delayCoreAffinity_.SetDelayCoreAffinity(request);
-    };
-    handlers.loadStartupCfg = [this](const auto& info, const auto& /*owner*/, int32_t fd) {
-        LoadStartupCfg(info, fd);
-    };
-    handlers.reloadStartupCfg = [this](const auto& info, const auto& /*owner*/, int32_t fd) {
-        ReloadStartupCfg(info, fd);
-    };
-    return handlers;
-}
-
-void ProcessManager::HandleBaseServiceState(const std::string& owner, BaseServiceStateType state) {
-    ProcMgrLog(LOG_INFO, "%s PM receive BASESERVICE_STATE_REPORT msg from %s report state=%s",
-               BootStrace(BOOT_TRACE_TAG).c_str(), owner.c_str(),
-               GetBaseServiceStateTypeStr(static_cast<uint64_t>(state)).c_str());
-    const bool isZorn = owner == PROC_ZORNMGR;
-    switch (state) {
-        case BaseServiceStateType::INIT:
-            if (isZorn) {
-                reports_.RegisterVfs();
-                sender_.OwePicture(owner);
-                wasZornReady_ = false;  // it is told everything once
-                HandleReady(owner);
-                wasZornReady_ = true;
-            }
-            return;
-        case BaseServiceStateType::RESTARTING:
-            if (isZorn) {
-                reports_.RegisterVfs();
-                sender_.OwePicture(owner);
-                sender_.Flush();
-            }
-            return;
-        case BaseServiceStateType::RUNNING:
-            HandleReady(owner);
-            baseServices_.UpdateBaseAppState(owner, RUNNING);
-            return;
-        case BaseServiceStateType::TERMINATING:
-            baseServices_.UpdateBaseAppState(owner, TERMINATING);
-            return;
-    }
-}
-
-void ProcessManager::HandleReady(const std::string& owner) {
-    const bool isNew = baseServices_.UpdateBaseServerReadyInfo(owner);
-    if (!isNew || owner != PROC_ZORNMGR) {
-        sender_.Flush();
-        return;
-    }
-    // An access manager that comes back does not know what its predecessor was told.
-    if (wasZornReady_.exchange(true)) {
-        reports_.RegisterVfs();
-        sender_.OwePicture(owner);
-    }
-    generalApps_.ReportHeldBack();
-    sender_.Retry(owner);
-}
-
-std::optional<std::vector<Message::AppStateInfo>> ProcessManager::GetPicture(
-    const std::string& owner) {
-    if (owner != PROC_ZORNMGR) {
-        return generalApps_.GetStates(owner);
-    }
-    if (!baseServices_.IsReady(owner)) {
-        return std::nullopt;
-    }
-    std::vector<Message::AppStateInfo> states = baseServices_.GetStates();
-    std::erase_if(states, [](const auto& state) { return state.appName == PROC_ZORNMGR; });
-    const std::vector<Message::AppStateInfo> apps = generalApps_.GetStates();
-    states.insert(states.end(), apps.begin(), apps.end());
-    return states;
-}
-
-void ProcessManager::LoadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd) {
-    ProcMgrLog(LOG_INFO, "%s PM receive LOAD_STARTUP_CFG msg load file=%s",
-               BootStrace(BOOT_TRACE_TAG).c_str(), info.path.c_str());
-    const uint32_t ret = startupConfig_.LoadStartCfgInfo(info.path, info.matchData);
-    if (ret != StartupConfig::OK) {
-        ProcMgrLog(LOG_ERR, "LoadStartCfgInfo failed, path=%s", info.path.c_str());
-    }
-    ProcMgrLog(LOG_INFO, "%s LoadStartCfgInfo finish ret=0x%X, fd=%d",
-               BootStrace(BOOT_TRACE_TAG).c_str(), ret, fd);
-    if (ret == StartupConfig::OK) {
-        generalApps_.StartPriorityApps(info.path);
-    }
-}
-
-void ProcessManager::ReloadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd) {
-    ProcMgrLog(LOG_INFO, "%s PM receive RELOAD_STARTUP_CFG msg load file=%s",
-               BootStrace(BOOT_TRACE_TAG).c_str(), info.path.c_str());
-    const uint32_t ret = startupConfig_.ReLoadStartCfgInfo(info.path, info.matchData);
-    if (ret != StartupConfig::OK) {
-        ProcMgrLog(LOG_ERR, "ReLoadStartCfgInfo failed, path=%s", info.path.c_str());
-    }
-    ProcMgrLog(LOG_INFO, "%s ReLoadStartCfgInfo finish ret=0x%X, fd=%d",
-               BootStrace(BOOT_TRACE_TAG).c_str(), ret, fd);
-    if (ret == StartupConfig::OK) {
-        generalApps_.StartPriorityApps(info.path);
-    }
-}
-
-void ProcessManager::CheckThread() {
-    const SteadyTime begin = std::chrono::steady_clock::now();
-    uint64_t cycle = 0;
-    while (running_) {
-        CheckApplications(CheckPass::PERIODIC);
-        const uint64_t due = RunPeriodicChecks(cycle);
-        // Cycles that would find nothing are left out; the next one keeps to the period's grid.
-        const bool isAsked = checks_.WaitForAny(begin + due * CHECK_PERIOD);
-        const auto passed = (std::chrono::steady_clock::now() - begin) / CHECK_PERIOD;
-        cycle = std::max(cycle, static_cast<uint64_t>(passed));
-        if (!isAsked) {
-            continue;
-        }
-        ++cycle;
-        while (checks_.WaitForNow(begin + cycle * CHECK_PERIOD)) {
-            CheckApplications(CheckPass::EXTRA);
-        }
-    }
-    ProcMgrLog(LOG_WARNING, "PROCMGR: CheckThread exit now.");
-}
-
-uint64_t ProcessManager::RunPeriodicChecks(uint64_t cycle) {
-    try {
-        if (uploadTimer_.TakeDue(cycle)) {
-            uploadRegistry_.DropGone();
-        }
-        if (affinityTimer_.TakeDue(cycle)) {
-            CheckCoreAffinity();
-        }
-    } catch (const std::exception& error) {
-        ProcMgrLog(LOG_ERR, "PROCMGR: CheckThread : %s, try again", error.what());
-    }
-    // Nothing wakes up for registrations that are not there.
-    return uploadRegistry_.IsEmpty() ? affinityTimer_.GetNext()
-                                     : std::min(affinityTimer_.GetNext(), uploadTimer_.GetNext());
-}
-
-void ProcessManager::CheckCoreAffinity() {
-    // Before the first check the files that a recovery needs may not have been read.
-    if (!affinityCheck_.Run()) {
-        return;
-    }
-    // Looked at last: the platform may have told of it, and it has been recovered, during the
-    // check.
-    isRecoveryDue_ = wakeUpWatch_.HasWokenUp() || isRecoveryDue_;
-    if (isRecoveryDue_) {
-        delayCoreAffinity_.WakeUpRecover();
-        isRecoveryDue_ = false;
-    }
-}
-
-void ProcessManager::WakeUpRecover() {
-    wakeUpWatch_.HasWokenUp();
-    delayCoreAffinity_.WakeUpRecover();
-}
-
-void ProcessManager::CheckApplications(CheckPass pass) {
-    checks_.Begin(pass);
-    try {
-        baseServices_.CheckBaseApps(pass);
-        generalApps_.CheckGeneralApps(pass);
-        RemoveTerminatedApps();
-    } catch (const std::exception& error) {
-        // The records say what there is still to do; the next cycle tries again.
-        ProcMgrLog(LOG_ERR, "PROCMGR: CheckThread : %s, try again", error.what());
-        checks_.Request();
-    }
-}
-
-void ProcessManager::RemoveTerminatedApps() {
-    baseServices_.RemoveTerminatedApps();
-    generalApps_.RemoveTerminatedApps();
-}
-
-void ProcessManager::WaitThread() {
-    reaper_.Run(running_);
-}
-
-void ProcessManager::ReceiveChildProcessMsgThread() {
-    childErrorReader_.Run();
 }
 
 void ProcessManager::HandleSignals() {
@@ -469,32 +230,37 @@ void ProcessManager::HandleSignals() {
 }
 
 void ProcessManager::BeginStop() {
+    // First: base start-up must not start a service after the applications are being ended.
+    reportedState_.Stop();
     {
         const LockGuard lock(mutex_);
         isStopping_ = true;
     }
-    condition_.NotifyAll();
-    reportedState_.Notify();
+    stopRequested_.NotifyAll();
     launcher_.CancelSlow();
 }
 
 void ProcessManager::WaitForStop() {
     UniqueLock lock(mutex_);
-    condition_.Wait(lock, [this] { return isStopping_.load(); });
+    stopRequested_.Wait(lock, [this] { return isStopping_.load(); });
 }
 
 void ProcessManager::StopApplications() {
     ProcMgrLog(LOG_INFO, "PROCMGR : stop requested, all services are ended now");
+    // No base service is restarted from here on. The general applications are ended first, because
+    // base services own them and receive the reports about their ends.
     baseServices_.BeginStop();
     generalApps_.StopAll();
     baseServices_.StopAll();
     ProcMgrLog(LOG_INFO, "PROCMGR : all services have been ended");
 }
 
+// First everything that waits is woken, then threads and libraries are ended one after the other,
+// each after those that use it; a comment names the reason of each position.
 bool ProcessManager::Shutdown() {
     const SteadyTime end = std::chrono::steady_clock::now() + END_PATIENCE;
     BeginStop();
-    App::SensorNodeEventReporter::GetInstance().UnregisterAll();
+    faults_.UnregisterAll();
     running_ = false;
     childErrorReader_.Stop();
     checks_.Stop();
@@ -502,14 +268,20 @@ bool ProcessManager::Shutdown() {
     WakeSignalEvent();
     unlink(QUICK_START_MARKER);
     bool isClean = JoinThreads(end);
-    // After the start-up thread, which registers it.
+    // After the start-up thread, which registers the power calls.
     isClean = Ends("power", EndPower(end)) && isClean;
+    // After the power calls, which pin the same processes as the worker. A later request cannot
+    // start another worker.
     isClean = EndsBy(end, "affinity", [this] { delayCoreAffinity_.Stop(); }) && isClean;
+    // After the start-up and the check thread, which begin heartbeat watches.
     isClean = EndsBy(end, "heartbeat", DisableAllCheckHeartBeat) && isClean;
+    // After the start-up thread, which creates the server, and the check thread, which drops
+    // registrations.
     isClean = Ends("upload", uploadRegistry_.Close(end)) && isClean;
+    // After every thread that opens a pipe or sends on one.
     isClean = Ends("messages", pipes_.CloseAll(end)) && isClean;
-    // Last: the one library call that nobody else waits for.
-    isClean = Ends("device", DeviceWorker().Drain(end)) && isClean;
+    // Last: every part above may have given the device worker calls to make.
+    isClean = Ends("device", deviceWorker_.Drain(end)) && isClean;
     if (isClean) {
         ProcMgrEnv::GetInstance().CloseChildErrorPipe();
     }
@@ -518,8 +290,10 @@ bool ProcessManager::Shutdown() {
 }
 
 bool ProcessManager::JoinThreads(SteadyTime end) {
-    // The start-up thread first: it starts the last of the others.
+    // The start-up thread first, because it starts the child-error thread.
     const bool isStartUpOver = Ends(startUpThread_.GetName(), startUpThread_.Join(end));
+    // After the start-up thread, which launches too. Jobs that the check thread gives to the launch
+    // workers from here on are refused.
     bool isClean = Ends("launch", launcher_.Stop(end)) && isStartUpOver;
     for (NamedThread* thread : {&waitThread_, &checkThread_, &reportThread_}) {
         isClean = Ends(thread->GetName(), thread->Join(end)) && isClean;

@@ -1,20 +1,22 @@
-// The one daemon object: constructs the parts, hands each what it needs, runs the start-up sequence
-// and the long-lived threads, and takes everything down again.
+// The one daemon object: constructs the parts, passes each the parts that it uses, runs the
+// start-up sequence and the long-lived threads, and ends everything again. main() uses it by
+// ProcMgrRun().
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <exception>
-#include <optional>
 #include <string>
-#include <vector>
 
 #include "app/child_error_reader.h"
 #include "app/managed_records.h"
 #include "app/process_launcher.h"
 #include "app/reaper.h"
+#include "app/sensor_node_event_reporter.h"
 #include "baseservice/base_services.h"
 #include "baseservice/base_startup.h"
+#include "baseservice/quick_start_wait.h"
+#include "baseservice/readiness.h"
 #include "baseservice/reported_state.h"
 #include "baseservice/watchdog.h"
 #include "channel/owner_pipes.h"
@@ -24,29 +26,35 @@
 #include "config/boot_command_line.h"
 #include "config/settings.h"
 #include "generalapp/general_apps.h"
+#include "generalapp/owner_requests.h"
 #include "generalapp/startup_config.h"
+#include "generalapp/state_picture.h"
+#include "main/common/check_loop.h"
 #include "main/common/check_requests.h"
-#include "main/common/cycle_timer.h"
 #include "main/common/mutex.h"
 #include "main/common/threads.h"
 #include "resource/affinity_check.h"
+#include "resource/bind_count.h"
+#include "resource/cgroup_mgr.h"
+#include "resource/core_affinity_mgr.h"
 #include "resource/delay_core_affinity.h"
 #include "resource/device_worker.h"
+#include "resource/periodic_checks.h"
 #include "resource/share_pool.h"
 #include "resource/upload_registry.h"
-#include "resource/wake_up_watch.h"
 
 namespace ProcMgr {
 
-// Runs the daemon with the base services of the file at `path`, a normalised path. Returns when it
-// was told to stop: 0, or 1 when it failed. `isClean` is false when threads did not end in time:
-// the process must then end without destroying anything.
+// Runs the daemon with the base services of the file at `path`, a normalised path. Returns after a
+// stop has been requested and carried out: 0, or 1 after a failure of start-up. `isClean` becomes
+// false when threads or libraries did not end in time: the process must then end without destroying
+// anything.
 uint32_t ProcMgrRun(const std::string& path, bool& isClean);
 
 class ProcessManager {
 public:
     explicit ProcessManager(const std::string& baseServiceCfgPath);
-    // After a Shutdown() that was clean.
+    // Only after a Shutdown() that returned true.
     ~ProcessManager() = default;
     ProcessManager(const ProcessManager&) = delete;
     ProcessManager& operator=(const ProcessManager&) = delete;
@@ -54,22 +62,23 @@ public:
     // The first half of the initialisation. Its steps report their own failures: always true.
     bool Init();
 
-    // Starts the threads and the base services; returns after the applications have been stopped.
-    void Run();
+    // Starts the threads and the base services. Returns after a stop has been requested and the
+    // applications have been ended; rethrows an exception that has ended start-up.
+    void Run() PROCMGR_EXCLUDES(mutex_);
 
-    // The orderly shutdown: wakes and joins every thread, within a second. Leaves the children
-    // alone. False when something did not end in time, which the log names: this object must then
-    // live until the process ends.
-    bool Shutdown();
+    // Wakes and joins every thread and ends the libraries' calls into the daemon, within a second.
+    // Does not touch the children. False when something did not end in time, which the log names:
+    // this object must then live until the process ends.
+    bool Shutdown() PROCMGR_EXCLUDES(mutex_);
 
-    // What the platform calls before a suspend and after the resume: one that it tells of is not
-    // noticed once more by CheckThread. Callable from any thread, once start-up has come to the
-    // base services.
-    void Suspend() { delayCoreAffinity_.Suspend(); }
-    void WakeUpRecover();
+    // The platform calls these before a suspend of the system and after the resume, on any thread.
+    // A suspend that the platform has announced is not recovered from once more by the check
+    // thread. Callable once start-up has come to the base services.
+    void Suspend() { placementCheck_.Suspend(); }
+    void WakeUpRecover() { placementCheck_.WakeUpRecover(); }
 
-    // The hardware watchdog; see baseservice/watchdog.h. Ready for a start-up sequence that wants
-    // it.
+    // The hardware watchdog; see baseservice/watchdog.h. The daemon itself does not call these
+    // operations: they are for a start-up sequence of the platform that wants the watchdog.
     static bool InsertWatchDogKo(const ProcMgrSettings& settings) {
         return ProcMgr::InsertWatchDogKo(settings);
     }
@@ -82,79 +91,82 @@ public:
     }
 
 private:
-    // The thread that starts everything up: what it waits for cannot hold up the stop.
+    // The body of the start-up thread. A thread of its own, because the main thread has to react to
+    // a stop while a step of start-up waits.
     void StartUp();
-    // Quick start: waits until the platform says that start-up may go on, 10 s at most.
-    void WaitContinueSignal();
-    bool IsContinued();
-    void RegisterPower();
-    void ContinueProcMgrInit();
-    void InitPriorityApps(const std::string& path);
-    // A base-service file that the boot command line names takes the place of the argument's.
+    // A base-service file on the boot command line replaces the one of the daemon's arguments.
     void UpdateStartupYaml();
+    void InitPriorityApps(const std::string& path);
+    void WaitContinueSignal() { quickStartWait_.WaitContinueSignal(); }
+    void ContinueProcMgrInit();
+    void RegisterPower();
 
-    // Thread bodies.
-    void CheckThread();
-    void WaitThread();
-    void ReceiveChildProcessMsgThread();
+    // The bodies of the other threads.
+    void CheckThread() { checkLoop_.Run(); }
+    void WaitThread() { reaper_.Run(running_); }
+    void ReceiveChildProcessMsgThread() { childErrorReader_.Run(); }
 
-    // What the requests of owners lead to; on threads of the messaging library.
-    RequestHandlers MakeHandlers();
-    void HandleBaseServiceState(const std::string& owner, BaseServiceStateType state);
-    void HandleReady(const std::string& owner);
-    void LoadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd);
-    void ReloadStartupCfg(const Message::StartupCfgInfo& info, int32_t fd);
-
-    // Runs what is due at a cycle; returns the cycle at which the next of it is.
-    uint64_t RunPeriodicChecks(uint64_t cycle);
-    void CheckCoreAffinity();
-    void CheckApplications(CheckPass pass);
-    void RemoveTerminatedApps();
-
-    // Passes a stop signal on to whoever waits for it, and names a hang-up. Called by WaitThread.
+    // Reacts to the signals that have arrived: SIGTERM and SIGINT begin the stop, SIGHUP is logged.
+    // Called by the wait thread.
     void HandleSignals();
-    void BeginStop();
-    void WaitForStop();
+    // Wakes every thread that waits for something which the stop makes pointless.
+    void BeginStop() PROCMGR_EXCLUDES(mutex_);
+    void WaitForStop() PROCMGR_EXCLUDES(mutex_);
     void StopApplications();
     bool JoinThreads(SteadyTime end);
-    // What `owner` is told when it has missed something; see ReportSender.
-    std::optional<std::vector<Message::AppStateInfo>> GetPicture(const std::string& owner);
 
     Mutex mutex_;
-    Condition condition_;                // the stop flag has changed
-    std::exception_ptr startUpFailure_;  // guarded by mutex_
+    Condition stopRequested_;  // isStopping_ has become true
+    std::exception_ptr startUpFailure_ PROCMGR_GUARDED_BY(mutex_);
     std::string baseServiceCfgPath;
-    std::atomic<bool> running_{true};        // every thread loop ends when it is false
-    std::atomic<bool> isStopping_{false};    // an orderly stop has begun
-    std::atomic<bool> wasZornReady_{false};  // the access manager has been ready once
+    // The loops of the wait thread and the child-error thread end when it is false.
+    std::atomic<bool> running_{true};
+    // An orderly stop has begun. Set under mutex_, so that WaitForStop() does not miss the change.
+    std::atomic<bool> isStopping_{false};
 
-    ProcMgrSettings settings_;         // constant after Init
-    BootCommandLine bootCommandLine_;  // of Init, then of the start-up thread
+    ProcMgrSettings settings_;         // constant after Init()
+    BootCommandLine bootCommandLine_;  // used by Init(), then by the start-up thread
 
-    SharePool sharePool_{DeviceWorker()};
-    App::ProcessLauncher launcher_;
+    // The parts, in the order of their construction: each one after the parts that its constructor
+    // passes to it. Reports, pipes, requests and containers refer to each other in a circle, so
+    // three parts refer to parts that are constructed later: picture_ to the containers, sender_ to
+    // pipes_, and the callback of pipes_ to dispatch_. None of these is used before Run().
+    // The destruction, in reverse order, has nothing to wait for: Shutdown() has ended all threads
+    // and all calls of libraries before.
+    // The first five are single instances of the process that are never destroyed. Only this class
+    // fetches them; every other part gets references.
+    SerialWorker& deviceWorker_ = DeviceWorker();
+    CgroupMgr& cgroups_ = CgroupMgr::GetInstance();
+    CoreAffinityMgr& coreAffinity_ = CoreAffinityMgr::GetInstance();
+    BindCount& bindCount_ = BindCount::GetInstance();
+    App::SensorNodeEventReporter& faults_ = App::SensorNodeEventReporter::GetInstance();
+    SharePool sharePool_{deviceWorker_};
+    App::ProcessLauncher launcher_;  // puts processes into groups of sharePool_
     ReportedState reportedState_;
     CheckRequests checks_;
-    RequestDispatch dispatch_;  // its handlers run only between the opening and CloseAll of pipes_
-    OwnerPipes pipes_;
-    ReportSender sender_;
-    OwnerReports reports_;
+    StatePicture picture_;  // reads the states in both containers
+    ReportSender sender_;   // sends on pipes_; asks picture_ for an owner that has missed reports
+    OwnerPipes pipes_;      // reports opened pipes to sender_; passes requests to dispatch_
+    OwnerReports reports_;  // queues reports in sender_
     BaseServices baseServices_;
     StartupConfig startupConfig_;
-    GeneralApps generalApps_;
-    App::ManagedRecords managedRecords_;
+    GeneralApps generalApps_;             // asks baseServices_ for the owners
+    App::ManagedRecords managedRecords_;  // the view that resource control has of both containers
     AffinityCheck affinityCheck_;
     DelayCoreAffinity delayCoreAffinity_;
     UploadRegistry uploadRegistry_;
-    WakeUpWatch wakeUpWatch_;
-    // CheckThread's. The first time of each comes a cycle early.
-    CycleTimer uploadTimer_{10, 11};
-    CycleTimer affinityTimer_{20, 21};
-    bool isRecoveryDue_ = false;
+    Readiness readiness_;
+    OwnerRequests requests_;    // after everything that a request may change
+    RequestDispatch dispatch_;  // passes each request to requests_
+    PlacementCheck placementCheck_;
+    UploadCheck uploadCheck_;
+    CheckLoop checkLoop_;  // after everything that the check thread checks
+    QuickStartWait quickStartWait_;
     BaseStartup baseStartup_;
-    Reaper reaper_;
+    Reaper reaper_;  // stores exits in both containers and in launcher_
     ChildErrorReader childErrorReader_;
 
+    // The threads last: they use everything above.
     NamedThread startUpThread_{"start-up"};
     NamedThread checkThread_{"check"};
     NamedThread receiveChildProcessMsgThread_{"child-errors"};

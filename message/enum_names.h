@@ -1,5 +1,6 @@
-// The enumerations that travel on the channel or are printed in the log, and their names. Each
-// name function takes any value and returns an empty text for one that is not in its list.
+// The enumerations that travel on the channel or are printed in the log, and their names. Used by
+// the daemon and by the client library. Each name function returns an empty text for a value that
+// the enumeration does not have.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +18,7 @@ enum ProcessState : uint32_t {
     RESTARTING = 5,
 };
 
-// What the last check of a process found out, as its owner is told.
+// The result of the last check of a process, as reported to the owner of the process.
 enum ReportAppStateType : uint32_t {
     RUNNING_NORMAL_START = 0,
     RUNNING_NORMAL_RESTART = 1,
@@ -27,7 +28,7 @@ enum ReportAppStateType : uint32_t {
     INVALID_INTERMEDIATE_STATE = 5,  // nothing to report
 };
 
-// What a base service says about itself.
+// The state that a base service reports of itself.
 enum class BaseServiceStateType : uint32_t {
     INIT = 0,
     RESTARTING = 1,

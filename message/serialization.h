@@ -1,5 +1,6 @@
-// Encoding and decoding of what the records carry. Every routine is stateless, may be called from
-// any thread, reads no byte outside the record and throws for no input.
+// The daemon's operations on records: the codecs of message/, with the daemon's log lines and its
+// fixed handling of what does not fit. Called by channel/. Every operation is stateless, may be
+// called from any thread, reads no byte outside of a record and throws for no input.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +15,7 @@
 namespace ProcMgr::Serialization {
 
 // Encodes each item as one piece {length in bytes, text} at the end of `pieces`. False, with a log
-// line, when an item is longer than a record can carry.
+// line, when an item is longer than a record can carry; the pieces before that item stay.
 bool ProcMgrPackAppStateRequest(const std::vector<Message::AppStateInfo>& infos,
                                 std::vector<std::pair<uint32_t, std::string>>& pieces);
 
@@ -25,16 +26,14 @@ bool ProcMgrCombinePiecesMsg(Message::RequestType type,
                              std::vector<std::pair<uint32_t, std::string>>& pieces,
                              std::vector<Message::RequestMsg>& out);
 
-// Appends one record of `count` items whose joined texts are `body`.
+// Appends one record of `count` items whose joined texts are `body`. When the payload is too long,
+// the record is appended without it, but with its length in `size`, and the failure is logged.
 void ProcMgrCombineMsg(Message::RequestType type, uint32_t count, const std::string& body,
                        std::vector<Message::RequestMsg>& out);
 
-// Decodes a base service's state report; what the payload lacks stays at its default.
-void ProcMgrUnpackedBaseServiceStateRequest(const Message::RequestMsg* request,
-                                            Message::BaseServiceStateInfo& out);
-
-// Decode one request each. What the payload lacks stays at its default; what is beyond the limits
-// is logged and left out. A start or restart request of `zornmgr` has no dynamic parameters.
+// Decode a request of the type in their name. Fields that the payload lacks keep their value; items
+// beyond the limits are logged and left out. `sender` is the owner that sent the record: a start or
+// restart request of `zornmgr` has no dynamic parameters.
 void ProcMgrUnpackStartRequest(const Message::RequestMsg* request,
                                std::vector<Message::StartAppInfo>& out, const std::string& sender);
 void ProcMgrUnpackRestartRequest(const Message::RequestMsg* request,
@@ -42,19 +41,14 @@ void ProcMgrUnpackRestartRequest(const Message::RequestMsg* request,
                                  const std::string& sender);
 void ProcMgrUnpackTermRequest(const Message::RequestMsg* request,
                               std::vector<Message::TermAppInfo>& out);
+void ProcMgrUnpackedBaseServiceStateRequest(const Message::RequestMsg* request,
+                                            Message::BaseServiceStateInfo& out);
 void ProcMgrUnpackedAppExecInfoRequest(const Message::RequestMsg* request,
                                        Message::AppExecInfo& out);
 void ProcMgrUnpackMatchDataAndPathRequest(const Message::RequestMsg* request,
                                           Message::StartupCfgInfo& out);
-// The dynamic block of one item. False, with a log line, when it is not to be used.
+// Decodes the block of dynamic parameters of one item and leaves the stream after it. False, with a
+// log line, when a number is beyond its limit: the rest of the request cannot be read then.
 bool UnPackDynamicPara(std::istringstream& in, std::map<int, std::vector<std::string>>& out);
-
-// The names of a QUERY_APP_STATE request. False, with `names` empty, when a count or a length runs
-// past the payload.
-bool DecodeQueryNames(const Message::RequestMsg& request, std::vector<std::string>& names);
-
-// One APP_DETAIL_STATUS_REPORT record. False when the entries do not fit.
-bool EncodeDetailStatus(const std::map<std::string, uint32_t>& statusByName,
-                        Message::RequestMsg& out);
 
 }  // namespace ProcMgr::Serialization

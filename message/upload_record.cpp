@@ -4,10 +4,13 @@
 #include <string_view>
 #include <utility>
 
-#include "message/little_endian.h"
+#include "wire/little_endian.h"
 
 namespace ProcMgr::Message {
 namespace {
+
+using Wire::LoadLittleEndian;
+using Wire::StoreLittleEndian;
 
 constexpr size_t VERSION_OFFSET = 0;
 constexpr size_t PID_OFFSET = 4;
@@ -28,13 +31,13 @@ bool PutText(std::string_view text, std::span<uint8_t> field) {
     return true;
 }
 
-// Empty, which no text in use may be, when it does not end inside of its field.
+// Empty, which no text in use may be, when the field holds no zero byte.
 std::string GetText(std::span<const uint8_t> field) {
     const auto end = std::find(field.begin(), field.end(), 0);
     return end == field.end() ? std::string() : std::string(field.begin(), end);
 }
 
-// With the count, which is in the head of `record`.
+// Writes the number of groups to the head of `record`, and the groups from `firstOffset` on.
 bool PutGroups(const std::vector<std::string>& groups, std::span<uint8_t> record,
                size_t firstOffset) {
     if (groups.size() > UPLOAD_GROUPS_MAX) {
@@ -68,7 +71,7 @@ bool GetGroups(std::span<const uint8_t> record, size_t firstOffset,
     return true;
 }
 
-// It becomes part of log lines and must not look like a path.
+// The name becomes part of log lines and must not look like a path.
 bool IsName(std::string_view name) {
     return !name.empty() && std::none_of(name.begin(), name.end(), [](char c) {
         const auto byte = static_cast<uint8_t>(c);

@@ -1,10 +1,10 @@
-// The records of upload registration: a process that the daemon did not start, or that wants more
-// than it got at its start, asks the "pmupload" server for the share-pool groups it may use.
-// Shared by the daemon and by the client library.
+// The records of upload registration: a process that the daemon did not start, or that needs more
+// groups than it got at its start, asks the "pmupload" server for the share-pool groups that it may
+// use. Encoded and decoded by the daemon and by the client library. Pure functions for any thread.
 //
 // Both records have a fixed length. Integers are little-endian. A text ends with a zero byte inside
-// of its field; what is behind that, reserved fields and the groups beyond the count are written as
-// 0 and ignored by the receiver.
+// of its field. The bytes after that zero byte, the reserved fields and the groups after the count
+// are written as 0 and ignored by the receiver.
 //
 //   request                                response
 //   0     version, 32 bits                 0   version, 32 bits
@@ -29,7 +29,7 @@ inline constexpr const char* UPLOAD_SERVER = "pmupload";
 inline constexpr uint32_t UPLOAD_VERSION = 1;
 
 inline constexpr size_t UPLOAD_GROUPS_MAX = 16;
-// With the zero byte.
+// Bytes of a field, with the zero byte.
 inline constexpr size_t UPLOAD_NAME_SIZE = 128;
 inline constexpr size_t UPLOAD_PATH_SIZE = 1024;
 inline constexpr size_t UPLOAD_GROUP_SIZE = 64;
@@ -42,32 +42,37 @@ struct UploadRequest {
     int32_t pid = 0;   // of the sender, positive
     std::string name;  // not empty, no '/' and no control character
     std::string path;  // of the executable, absolute, as the kernel names it
-    // Wanted, each not empty; an empty list: all that name the process.
+    // The groups asked for, each not empty. An empty list asks for all groups whose configuration
+    // names the process.
     std::vector<std::string> groups;
+
+    bool operator==(const UploadRequest&) const = default;
 };
 
 enum class UploadResult : uint32_t {
     REGISTERED = 0,
-    BAD_RECORD = 1,      // its length or a field of it is wrong
-    OTHER_VERSION = 2,   // the daemon speaks UPLOAD_VERSION only
+    BAD_RECORD = 1,      // the length of the record or one of its fields is wrong
+    OTHER_VERSION = 2,   // the daemon accepts UPLOAD_VERSION only
     NOT_THE_SENDER = 3,  // pid or path are not those of the process that sent the record
-    NOT_ITS_NAME = 4,    // the name belongs to another process, or only to what the daemon starts
+    NOT_ITS_NAME = 4,    // the name belongs to another process or to one of the daemon's own
     TOO_MANY = 5,        // the daemon keeps no more registrations
 };
 
 struct UploadResponse {
     UploadResult result = UploadResult::BAD_RECORD;
-    std::vector<std::string> groups;  // that the process now belongs to
+    std::vector<std::string> groups;  // the groups that the process now belongs to
+
+    bool operator==(const UploadResponse&) const = default;
 };
 
-// Nothing when a text or the list of groups is too long, or a text holds a zero byte. The other
-// demands on a text are for the receiver to check.
+// Nothing when a text or the list of groups is too long, or a text holds a zero byte. The receiver
+// checks the other conditions.
 std::optional<std::vector<uint8_t>> EncodeUploadRequest(const UploadRequest& request);
 std::optional<std::vector<uint8_t>> EncodeUploadResponse(const UploadResponse& response);
 
-// What a record is found to be. `out` is complete only after REGISTERED, which here means: well
-// formed; else the result is BAD_RECORD or OTHER_VERSION. The version comes first: a record of
-// another one may have another length.
+// REGISTERED for a well-formed record, else BAD_RECORD or OTHER_VERSION. `out` is complete only
+// after REGISTERED. The version is checked first: records of another version may have another
+// length.
 UploadResult DecodeUploadRequest(std::span<const uint8_t> record, UploadRequest& out);
 // Nothing for a record that is not well formed.
 std::optional<UploadResponse> DecodeUploadResponse(std::span<const uint8_t> record);

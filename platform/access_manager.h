@@ -1,5 +1,5 @@
-// The access-manager library: a process that the daemon starts is registered with it, in the child,
-// before its program is executed.
+// The access-manager library. The daemon registers every process that it starts with this library:
+// the child calls it before it executes its program.
 #pragma once
 
 #include <string>
@@ -10,8 +10,9 @@ struct AppConfig {
 };
 
 // Registers the calling process. Called between fork and exec: takes no lock and starts no thread.
-// Returns a negative value, with errno set, on failure.
+// `appName`: name of the application or service; `execPath`: path of its program. Returns a
+// negative value, with errno set, on failure.
 int ZornInitProc(const AppConfig& config);
 
-// Gives back what the daemon itself holds there; called once, at the end of the daemon.
+// Releases what the library holds for the daemon itself. Called once, at the end of the daemon.
 void ZornRetrieveService();

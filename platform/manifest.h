@@ -1,6 +1,6 @@
-// The manifest and dependency library: application manifests parsed from YAML, the dependency
-// graph of the services among them, and a small reader for other YAML files. The daemon only
-// calls what is declared here; a platform library defines it.
+// The manifest and dependency library: it parses application manifests from YAML, builds the
+// dependency graph of the services, and reads other YAML files. The daemon calls the functions that
+// are declared here; a platform library defines them.
 #pragma once
 
 #include <cstddef>
@@ -17,11 +17,11 @@ namespace ProcMgr {
 // The library's own storage of one manifest; complete only inside the library.
 struct ManifestData;
 
-// Which list of its file a manifest was an entry of.
+// The list of the file in which the manifest was an entry.
 enum class ManifestList { SERVICES, APPLICATIONS };
 
-// What one application or base service is and how it is to be run. A cheap handle on immutable
-// data: copies share it, and any thread may read it.
+// The description of one application or base service. Copies share the same immutable data, so a
+// copy is cheap, and any thread may read it.
 class ApplicationManifest {
 public:
     explicit ApplicationManifest(std::shared_ptr<const ManifestData> data);
@@ -33,17 +33,17 @@ public:
     std::string GetCfgPath() const;
     uint32_t GetUid() const;
     uint32_t GetGid() const;
-    // Core numbers; empty: no cores of its own.
+    // Core numbers; empty when the manifest gives none.
     std::vector<uint32_t> GetCoreAffinity() const;
     std::string GetResGroupName() const;
     std::string GetBlkioGroupName() const;
     std::string GetCpuset() const;
-    // Controller to cgroup.
+    // Map of controller to cgroup.
     std::map<std::string, std::string> GetCGroupPath() const;
     std::string GetBinPath() const;
     std::vector<std::string> GetArguments() const;
     std::map<std::string, std::string> GetEnvArgv() const;
-    // Milliseconds between SIGTERM and what follows it.
+    // Milliseconds that the process has after SIGTERM.
     uint32_t GetTermTimeOut() const;
     std::string GetSecurityCon() const;
     // "on-failure", "on-forever", "on-until-succeed" or "no".
@@ -67,23 +67,25 @@ public:
     std::string GetStartupEntryPath() const;
     std::string GetSetRtPrio() const;
     std::string GetSetRtType() const;
-    // Pairs that a start-up configuration request must carry for this application to be loaded.
+    // Pairs that a start-up configuration request must contain for this application to be loaded.
     std::map<std::string, std::string> GetMatchData() const;
 
 private:
     std::shared_ptr<const ManifestData> data_;
 };
 
-// Vertices that wait for other vertices. Not thread-safe.
+// A graph of vertices that wait for other vertices. Not thread-safe.
 class DependGraph {
 public:
     bool IsEmpty() const;
     // Names of all vertices that wait for nothing.
     std::vector<std::string> GetNoDependVertices() const;
-    // Removes a vertex and releases the ones that waited for it; an unknown name changes nothing.
+    // Removes a vertex, so that no other vertex waits for it any more. An unknown name changes
+    // nothing.
     void Pop(const std::string& name);
 
-    // For the library that builds the graph: adds `name`, waiting for each of `depends`.
+    // Adds the vertex `name`, which waits for each of `depends`. Called by the library that builds
+    // the graph.
     void Add(const std::string& name, const std::set<std::string>& depends);
 
 private:
@@ -91,18 +93,19 @@ private:
     std::map<std::string, std::set<std::string>> releases_;
 };
 
-// Parses manifests and knows their dependencies. Not thread-safe.
+// Parses manifests and keeps their dependencies. Not thread-safe.
 class ParseAndDepend {
 public:
     // Appends one manifest for each entry of the file at `path`, included files first. On failure
-    // logs one error that names file, line and key, and leaves `manifests` as it was.
-    // `paramType` is 0; `scratch` is the caller's and holds the files read.
-    // Returns 0 on success, non-zero otherwise.
+    // logs one error that names file, line and key, and leaves `manifests` unchanged. `paramType`
+    // is 0; the paths of the files that were read are added to `scratch`. Returns 0 on success,
+    // non-zero otherwise.
     int ParseYaml(int paramType, const std::string& path,
                   std::vector<ApplicationManifest>& manifests, std::set<std::string>& scratch);
 
-    // Builds the graph of `names`, with an edge for each dependency that is also among them, from
-    // the manifests parsed before. Logs a cycle once with the names on it. Returns 0 on success.
+    // Builds the graph of `names` from the manifests parsed before, with an edge for each
+    // dependency that is also among `names`. Logs each cycle once with the names on it. Returns 0
+    // on success.
     int GetStartGraph(const std::vector<std::string>& names, DependGraph& graph);
 
     // True when a configured value is a pattern, "match(EXPR)".
@@ -114,7 +117,7 @@ private:
     std::map<std::string, std::set<std::string>> depends_;
 };
 
-// A node of any YAML file. Not thread-safe.
+// A node of a YAML file that is not a manifest. Not thread-safe.
 class KvsTypeYaml {
 public:
     KvsTypeYaml();
@@ -122,17 +125,19 @@ public:
     KvsTypeYaml(const KvsTypeYaml&) = delete;
     KvsTypeYaml& operator=(const KvsTypeYaml&) = delete;
 
-    // Makes this the top of the file at `path`; false when it cannot be read or parsed.
+    // Makes this node the top of the file at `path`. Returns false, after an error in the log, when
+    // the file cannot be read or parsed.
     bool InitYamlNode(const std::string& path);
-    // Makes `child` the value under `key`; false when this is not a mapping or has no such key.
+    // Makes `child` the value under `key`. Returns false when this node is not a mapping or has no
+    // such key.
     bool GetSubKvs(const std::string& key, KvsTypeYaml& child) const;
-    // The node as a boolean; false when it is none.
+    // The node as a boolean; false when the node is not a boolean.
     bool GetBool() const;
-    // The node as text; empty when it is not a scalar.
+    // The node as text; empty when the node is not a scalar.
     std::string GetString() const;
-    // Elements of a sequence; 0 when it is none.
+    // Number of elements; 0 when the node is not a sequence.
     size_t GetSize() const;
-    // Makes `child` the element at `index`; false when there is none.
+    // Makes `child` the element at `index`. Returns false when there is no such element.
     bool GetElement(size_t index, KvsTypeYaml& child) const;
 
 private:

@@ -1,6 +1,6 @@
-// Fixed names of the platform that the daemon and the libraries linked into it have in common. The
-// daemon itself neither sets these variables nor opens these endpoints; a library that does takes
-// their names from here.
+// Fixed names of the platform that the daemon and its platform libraries have in common. The daemon
+// itself neither sets these variables nor opens these endpoints; a library that does so takes the
+// names from this file.
 #pragma once
 
 namespace ProcMgr {

@@ -1,13 +1,13 @@
-// Bounds-checked memory functions, as the C11 bounds-checking interface has them. On any failure
-// the destination holds no more than its size allows, and the result is non-zero.
+// Bounds-checked memory functions in the form of the C11 bounds-checking interface. They write at
+// most the size of the destination, and return 0 on success, else non-zero.
 #pragma once
 
 #include <cstddef>
 
-// Copies `count` bytes. Fails, with the destination zeroed, when it is smaller than that.
+// Copies `count` bytes. Fails, with the destination zeroed, when the destination is smaller.
 int memcpy_s(void* destination, size_t destinationSize, const void* source, size_t count);
 
-// Sets `count` bytes to `value` in a way that is never optimised away.
+// Sets `count` bytes to `value`; the compiler never removes this write.
 int memset_s(void* destination, size_t destinationSize, int value, size_t count);
 
 // Copies at most `count` characters and ends the copy with a NUL. Fails, with the destination the

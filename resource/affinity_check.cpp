@@ -10,17 +10,20 @@
 #include "main/common/log.h"
 #include "main/common/proc_mgr_env.h"
 #include "resource/cgroup_paths.h"
+#include "resource/task_file.h"
 
 namespace ProcMgr {
-// Where the threads of one priority application belong.
+
+// The control groups and cores of one priority application's threads.
 struct AffinityCheck::Place {
     std::vector<std::string> taskFiles;
     std::optional<CoreMask> mask;
-    bool isPinned = true;      // its cores are checked, too
-    bool isForAiCpus = false;  // pinning it has moved it from its cpuset to that of its cores
+    bool isPinned = true;  // the cores are checked too: the application is not a delayed one
+    // The pinning to accelerator cores has moved the threads from the application's cpuset into the
+    // cpuset of these cores, where they belong.
+    bool isForAiCpus = false;
 };
 
-// Whether a delayed application has been bound to its cores.
 bool AffinityCheck::IsBound(const ManagedApp& app) const {
     return affinity_.IsStored(app.pid, app.pid);
 }
@@ -40,14 +43,14 @@ AffinityCheck::Place AffinityCheck::MakePlace(const ManagedApp& app) const {
     return place;
 }
 
-// The tasks files into which the thread has to be written.
 std::vector<std::string> AffinityCheck::FindMissing(const Place& place, int32_t tid,
-                                                    TaskFiles& files) {
+                                                    GroupMembers& members) {
     std::vector<std::string> missing;
     for (const std::string& path : place.taskFiles) {
-        const bool isLeft = place.isForAiCpus && path.starts_with(CGROUP_CPUSET_ROOT);
-        const bool isIn = isLeft ? files.IsThere(path) && files.Holds(AI_CPUSET_TASKS, tid)
-                                 : files.Holds(path, tid);
+        const bool isReplaced = place.isForAiCpus && path.starts_with(CGROUP_CPUSET_ROOT);
+        const bool isIn = isReplaced
+                              ? members.HasGroup(path) && members.Contains(AI_CPUSET_TASKS, tid)
+                              : members.Contains(path, tid);
         if (!isIn) {
             missing.push_back(path);
         }
@@ -69,9 +72,9 @@ bool AffinityCheck::Run() {
         return false;
     }
     PlaceOwnThreads();
-    TaskFiles files;
+    GroupMembers members;
     for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::RUNNING_PRIORITY)) {
-        PlacePriorityApp(app, files);
+        PlacePriorityApp(app, members);
     }
     return true;
 }
@@ -99,7 +102,7 @@ void AffinityCheck::AddOwnTids(const std::set<int32_t>& tids) {
     }
 }
 
-void AffinityCheck::PlacePriorityApp(const ManagedApp& app, TaskFiles& files) {
+void AffinityCheck::PlacePriorityApp(const ManagedApp& app, GroupMembers& members) {
     if (!affinity_.CheckIsCtrlCpu(app.name, app.cores)) {
         ProcMgrSysLog(LOG_ERR, "app=%s, pid=%d, core affinity is not in ctrlcpu", app.name.c_str(),
                       app.pid);
@@ -114,11 +117,12 @@ void AffinityCheck::PlacePriorityApp(const ManagedApp& app, TaskFiles& files) {
         if (tid != app.pid && app.notedTids.contains(tid)) {
             continue;
         }
-        const std::vector<std::string> missing = FindMissing(place, tid, files);
+        const std::vector<std::string> missing = FindMissing(place, tid, members);
         if (missing.empty() && (!place.isPinned || CoreAffinityMgr::HasCores(tid, place.mask))) {
             continue;
         }
-        // Asked after the threads were listed: they are this process's, or nothing is done.
+        // The process is looked for after its threads were listed, and before any of them is moved:
+        // otherwise they might be threads of a later process with the same pid.
         isPresent = isPresent || apps_.IsPresent(app);
         if (!isPresent) {
             return;
@@ -137,7 +141,8 @@ void AffinityCheck::PlacePriorityThread(const ManagedApp& app, int32_t tid,
         ProcMgrSysLog(LOG_WARNING, "Add priority app to cgroup tasks failed, errinfo=%s, tid=%d",
                       error.c_str(), tid);
     }
-    // To join a cpuset has undone the bind of one that has been bound.
+    // A delayed application that has been bound is pinned again here: the kernel changes the cores
+    // of a thread that joins a cpuset.
     if (app.isDelayed && !IsBound(app)) {
         return;
     }

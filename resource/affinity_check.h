@@ -1,5 +1,6 @@
-// Where the daemon's own threads and those of the priority applications belong, and the periodic
-// check that puts them there. CheckThread runs the check; the start-up thread starts it.
+// The periodic check that puts the daemon's own threads and the threads of priority applications
+// into their control groups and onto their cores. The start-up thread calls Start, CheckThread
+// calls Run.
 #pragma once
 
 #include <atomic>
@@ -10,8 +11,8 @@
 
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
+#include "resource/group_members.h"
 #include "resource/managed_apps.h"
-#include "resource/task_file.h"
 
 namespace ProcMgr {
 
@@ -21,11 +22,12 @@ public:
     AffinityCheck(const CgroupMgr& cgroups, const CoreAffinityMgr& affinity, ManagedApps& apps)
         : cgroups_(cgroups), affinity_(affinity), apps_(apps) {}
 
-    // Puts the daemon in its place; from now on the check has something to do. Once the core lists
-    // and the host resource file have been read.
+    // Places the daemon's own threads and lets Run do its work from now on. Called once, after the
+    // core lists and the host resource file have been read.
     void Start();
 
-    // One check. False, with nothing done, before Start.
+    // Places the daemon's new threads and the priority applications. False, with nothing done,
+    // before Start.
     bool Run();
 
 private:
@@ -33,12 +35,16 @@ private:
 
     void PlaceOwnThreads();
     void AddOwnTids(const std::set<int32_t>& tids);
+    // Whether a delayed application has been bound to its cores.
     bool IsBound(const ManagedApp& app) const;
     Place MakePlace(const ManagedApp& app) const;
-    static std::vector<std::string> FindMissing(const Place& place, int32_t tid, TaskFiles& files);
-    // Puts the main thread and each new thread of the application where it belongs. What is there
-    // already is not written: hundreds of processes would take the kernel long.
-    void PlacePriorityApp(const ManagedApp& app, TaskFiles& files);
+    // The tasks files of the place that the thread has to be written into.
+    static std::vector<std::string> FindMissing(const Place& place, int32_t tid,
+                                                GroupMembers& members);
+    // Places the main thread and every thread that the application is not noted to have. Threads
+    // that are in their place are not written: with hundreds of processes that would keep the
+    // kernel busy.
+    void PlacePriorityApp(const ManagedApp& app, GroupMembers& members);
     void PlacePriorityThread(const ManagedApp& app, int32_t tid,
                              const std::vector<std::string>& missing);
 
@@ -46,7 +52,9 @@ private:
     const CoreAffinityMgr& affinity_;
     ManagedApps& apps_;
     std::atomic<bool> isStarted_{false};
-    std::set<int32_t> ownTids_;  // placed before; the start-up thread's until isStarted_
+    // The daemon's threads that have been placed. Used by the start-up thread until isStarted_ is
+    // set, then by CheckThread.
+    std::set<int32_t> ownTids_;
 };
 
 }  // namespace ProcMgr

@@ -39,7 +39,7 @@ std::string NameOf(const CgroupPolicyInfo& policy) {
     return {policy.groupName, strnlen(policy.groupName, sizeof(policy.groupName))};
 }
 
-// Which policy types there are, and who serves them.
+// The function for each policy type.
 struct PolicyRow {
     uint8_t type;
     uint32_t (CgroupMgr::*update)(const CgroupPolicyInfo& policy);
@@ -58,7 +58,7 @@ uint32_t CgroupMgr::UpdateCgroup(const CgroupPolicyInfo& policy) {
     ProcMgrSysLog(LOG_INFO,
                   "PROCMGR: CgroupMgr UpdateCgroup begin, groupName=%s, type=%d, isEnable=%d, "
                   "isCfgOk_=%d",
-                  name.c_str(), policy.type, policy.isEnable, isCfgOk_);
+                  name.c_str(), policy.type, policy.isEnable, isCfgOk_.load());
     if (!isCfgOk_) {
         return CGROUP_FAILED;
     }
@@ -104,6 +104,8 @@ uint32_t CgroupMgr::UpdateCpuSet(const CgroupPolicyInfo& policy) {
     return ret;
 }
 
+// The quota in microseconds: the percentage of the group's period, times the number of hardware
+// threads. QUOTA_MIN when that is less, or when a number does not fit into 32 bits.
 int32_t CgroupMgr::ComputeQuota(const std::string& group, int32_t percentage) {
     const std::string path = CGROUP_CPU_ROOT + group + CPU_PERIOD;
     LineReader file(path);
@@ -122,12 +124,13 @@ int32_t CgroupMgr::ComputeQuota(const std::string& group, int32_t percentage) {
 void CgroupMgr::EnableDefaultCpuSet() {
     if (!hostCpuSwitch_) {
         ProcMgrSysLog(LOG_INFO, "PROCMGR: CgroupMgr EnableDefaultCpuSet hostCpuSwitch_=%d",
-                      hostCpuSwitch_);
+                      hostCpuSwitch_.load());
         return;
     }
     CgroupPolicyInfo policy;
     const int length =
         std::snprintf(policy.groupName, sizeof(policy.groupName), "%s", HOST_CPU_SET);
+    // A name that did not fit would be another set's name once it is cut.
     if (length < 0 || static_cast<size_t>(length) >= sizeof(policy.groupName)) {
         ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr EnableDefaultCpuSet copy name fail, errno=%d",
                       errno);
@@ -170,7 +173,7 @@ bool CgroupMgr::WriteToCgroup(const std::string& path, int32_t value) {
         ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr WriteToCgroup, open %s fail", path.c_str());
         return false;
     }
-    // The kernel's answer comes with the flush.
+    // The flush reports whether the kernel has accepted the value.
     return std::fprintf(file.get(), "%" PRId32, value) > 0 && std::fflush(file.get()) == 0;
 }
 

@@ -25,7 +25,7 @@ bool Contains(const std::vector<uint32_t>& cores, uint32_t core) {
     return std::find(cores.begin(), cores.end(), core) != cores.end();
 }
 
-// As the kernel reports it; nothing when the thread is gone.
+// The name that the kernel reports; nothing when the thread has ended.
 std::optional<std::string> GetThreadName(int32_t pid, int32_t tid) {
     const std::string path = ThreadPath(pid, tid, "status");
     const auto fields = ReadStatusFields(path, std::array{NAME_KEY});
@@ -66,8 +66,11 @@ bool CoreAffinityMgr::CheckLaunch(const std::string& appName,
         if (ctrlCores_.empty()) {
             return true;
         }
-        std::copy_if(cores.begin(), cores.end(), std::back_inserter(ordinary),
-                     [this](uint32_t core) { return !Contains(aiCores_, core); });
+        for (const uint32_t core : cores) {
+            if (!Contains(aiCores_, core)) {
+                ordinary.push_back(core);
+            }
+        }
     }
     return CheckIsCtrlCpu(appName, ordinary);
 }
@@ -204,19 +207,13 @@ void CoreAffinityMgr::Prune(int32_t pid, const std::set<int32_t>& tids) {
 
 void CoreAffinityMgr::StoreStrays(int32_t pid, const std::vector<uint32_t>& cores) {
     std::set<int32_t> tids;
-    // A thread that its program has moved on purpose stays where it is.
+    // While the main thread is on its cores there was no suspend that moved the process: a thread
+    // that runs elsewhere was moved by its own program and is left alone.
     if (IsPinned(pid, cores) || !GetTids(pid, tids)) {
         return;
     }
-    {
-        const LockGuard lock(mutex_);
-        std::erase_if(tids, [&](int32_t tid) {
-            const auto row = threads_.find(static_cast<uint32_t>(tid));
-            return row != threads_.end() && row->second.pid == pid;
-        });
-    }
     for (const int32_t tid : tids) {
-        if (!IsPinned(tid, cores)) {
+        if (!IsStored(pid, tid) && !IsPinned(tid, cores)) {
             Store(pid, tid, cores);
         }
     }
@@ -267,25 +264,29 @@ bool CoreAffinityMgr::WakeUpRecover(const std::vector<int32_t>& pids) {
             ProcMgrSysLog(LOG_ERR, "CoreAffinityMgr GetTids fail, pid:%d", pid);
             continue;
         }
-        const LockGuard lock(mutex_);
-        std::erase_if(threads_, [&](const auto& row) {
-            if (row.second.pid != pid) {
-                return false;
-            }
-            const bool isRestored =
-                tids.contains(static_cast<int32_t>(row.first)) && Recover(row.first, row.second);
-            if (isRestored) {
-                restored += (restored.empty() ? "" : ",") + std::to_string(row.first);
-                return false;
-            }
-            ProcMgrSysLog(LOG_WARNING,
-                          "CoreAffinityMgr WakeUpRecover CheckTidIsValid fail, pid:%d, tid:%u", pid,
-                          row.first);
-            return true;
-        });
+        RecoverProcess(pid, tids, restored);
     }
     ProcMgrSysLog(LOG_INFO, "CoreAffinityMgr WakeUpRecover tid:%s", restored.c_str());
     return true;
+}
+
+void CoreAffinityMgr::RecoverProcess(int32_t pid, const std::set<int32_t>& tids,
+                                     std::string& restored) {
+    const LockGuard lock(mutex_);
+    for (auto row = threads_.begin(); row != threads_.end();) {
+        const auto& [tid, info] = *row;
+        if (info.pid != pid) {
+            ++row;
+        } else if (tids.contains(static_cast<int32_t>(tid)) && Recover(tid, info)) {
+            restored += (restored.empty() ? "" : ",") + std::to_string(tid);
+            ++row;
+        } else {
+            ProcMgrSysLog(LOG_WARNING,
+                          "CoreAffinityMgr WakeUpRecover CheckTidIsValid fail, pid:%d, tid:%u", pid,
+                          tid);
+            row = threads_.erase(row);
+        }
+    }
 }
 
 bool CoreAffinityMgr::Recover(uint32_t tid, const ThreadCoreInfo& info) const {

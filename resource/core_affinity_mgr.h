@@ -1,7 +1,7 @@
-// Which cores the processes and threads of the platform run on. Two cpusets divide the cores:
-// "CtrlCPU" for the daemon and ordinary software, "AICPU" for accelerator work. The manager pins
-// threads, remembers the pinnings that are to outlive a suspend, and restores them. Every operation
-// may be called from any thread.
+// CoreAffinityMgr, which knows what cores the platform has and pins threads to them. Two cpusets
+// divide the cores: "CtrlCPU" for the daemon and ordinary software, "AICPU" for accelerator work.
+// The manager also keeps a table of pinnings, so that they can be restored after a suspend. The
+// launcher, the periodic affinity check and the delayed core affinity call it.
 #pragma once
 
 #include <sched.h>
@@ -23,79 +23,93 @@ inline constexpr uint32_t AFFINITY_NO_THREAD_NAME = 15795712;
 inline constexpr uint32_t AFFINITY_NO_CORES = 15795713;
 inline constexpr uint32_t AFFINITY_REFUSED = 15795714;
 
-// A core list made ready for the kernel. `aiCores`: how many of its cores are for accelerator work;
-// for each, the thread is put into that cpuset before it is pinned.
+// A list of core numbers in the form that the kernel takes. Core numbers that are not below CPU_NUM
+// are left out.
 struct CoreMask {
     cpu_set_t cores{};
+    // The number of entries in the list that are cores for accelerator work. The thread is written
+    // into the cpuset of these cores once for each of them, before it is pinned.
     uint32_t aiCores = 0;
 };
 
+// Callable from any thread, also with a lock held: the only files that it opens are those of /proc
+// and of the control groups.
 class CoreAffinityMgr {
 public:
-    // The daemon's one instance, created on first use.
+    // The daemon's one instance, created on first use. Only ProcessManager calls this; everybody
+    // else is given the instance.
     static CoreAffinityMgr& GetInstance();
 
-    // Reads both cpusets, each only while nothing is known of it.
-    void LoadCoreLists();
+    // Reads the core lists of both cpusets; a list that is not empty is not read again.
+    void LoadCoreLists() PROCMGR_EXCLUDES(coresMutex_);
 
-    // Whether a process with these cores may be launched: each one is for accelerator work or for
-    // ordinary software. True when the latter are not known.
-    bool CheckLaunch(const std::string& appName, const std::vector<uint32_t>& cores) const;
+    // Whether an application with these cores may be launched: each core belongs to one of the two
+    // cpusets. Logs the first core that does not. True while the cores for ordinary software are
+    // not known.
+    bool CheckLaunch(const std::string& appName, const std::vector<uint32_t>& cores) const
+        PROCMGR_EXCLUDES(coresMutex_);
+    // Whether every core is one for ordinary software; logs the first core that is not.
+    bool CheckIsCtrlCpu(const std::string& appName, const std::vector<uint32_t>& cores) const
+        PROCMGR_EXCLUDES(coresMutex_);
 
-    // The mask of a core list, or of the ordinary cores when it is empty. Nothing when neither is
-    // known.
-    std::optional<CoreMask> MakeMask(const std::vector<uint32_t>& cores) const;
-
-    // The mask of all cores: for what is not to keep the pinning of who started it.
+    // The mask of a core list; of the cores for ordinary software when the list is empty. Nothing
+    // when those are not known either.
+    std::optional<CoreMask> MakeMask(const std::vector<uint32_t>& cores) const
+        PROCMGR_EXCLUDES(coresMutex_);
+    // The mask of all cores below CPU_NUM: for a process that must not keep the pinning that it has
+    // inherited.
     static CoreMask AllCores();
 
-    // Pins a thread, or the main thread of a process. On failure the reason is appended to `error`.
+    // Pins the thread `id`, or the main thread of the process `id`, to the mask of MakeMask. On
+    // failure the reason is appended to `error`.
     uint32_t SetCoreAffinity(int32_t id, const std::vector<uint32_t>& cores,
-                             std::string& error) const;
-    // The same with a mask of MakeMask.
+                             std::string& error) const PROCMGR_EXCLUDES(coresMutex_);
+    // As SetCoreAffinity, with a mask.
     static uint32_t ApplyMask(int32_t id, const std::optional<CoreMask>& mask, std::string& error);
-    // Only the pinning of ApplyMask. For the child between fork and execv: takes no lock, does not
-    // log.
+    // As ApplyMask, but leaves the thread in its cpuset. For the child between fork and execv:
+    // takes no lock and does not log.
     static uint32_t PinTo(int32_t id, const std::optional<CoreMask>& mask, std::string& error);
 
-    // Remembers a pinning, a refused one included, and pins the thread. On failure logs the reason
-    // and appends it to `error`. AFFINITY_NO_THREAD_NAME, with nothing remembered, when the thread
-    // is gone.
+    // Stores the pinning in the table, then pins the thread; a pinning that the kernel refuses
+    // stays in the table. On failure logs the reason and appends it to `error`.
+    // AFFINITY_NO_THREAD_NAME, with the table unchanged, when the thread does not exist any more.
     uint32_t StoreAndSetCoreAffinity(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores,
-                                     std::string& error);
-    // Whether a pinning of the thread is remembered.
-    bool IsStored(int32_t pid, int32_t tid) const;
-    // Forgets the threads of the process that are not among `tids`.
-    void Prune(int32_t pid, const std::set<int32_t>& tids);
-    // For a process that was pinned to `cores` by the child, before its program ran, and whose main
-    // thread a suspend has moved: remembers as pinned each thread that is not known and runs
-    // elsewhere.
-    void StoreStrays(int32_t pid, const std::vector<uint32_t>& cores);
-    // Forgets the pinnings of a process. `appName` is for the log.
-    void RecycleThreadCoreInfo(int32_t pid, const std::string& appName);
+                                     std::string& error) PROCMGR_EXCLUDES(mutex_, coresMutex_);
+    // Whether the table has a pinning of the thread.
+    bool IsStored(int32_t pid, int32_t tid) const PROCMGR_EXCLUDES(mutex_);
+    // Removes the threads of the process that are not in `tids` from the table.
+    void Prune(int32_t pid, const std::set<int32_t>& tids) PROCMGR_EXCLUDES(mutex_);
+    // For a process that was pinned to `cores` before its program ran. When a suspend has moved its
+    // main thread to other cores, stores a pinning to `cores` for each of its threads that runs
+    // elsewhere and is not in the table.
+    void StoreStrays(int32_t pid, const std::vector<uint32_t>& cores)
+        PROCMGR_EXCLUDES(mutex_, coresMutex_);
+    // Removes the threads of the process from the table. `appName` is for the log.
+    void RecycleThreadCoreInfo(int32_t pid, const std::string& appName) PROCMGR_EXCLUDES(mutex_);
+    // Pins the threads of these processes as stored in the table, and removes from it the threads
+    // that have ended or changed their name. Always true: failures are logged, and the next thread
+    // is pinned.
+    bool WakeUpRecover(const std::vector<int32_t>& pids) PROCMGR_EXCLUDES(mutex_, coresMutex_);
 
-    // Whether the thread runs on no other cores than `cores`; true when it is gone.
-    bool IsPinned(int32_t tid, const std::vector<uint32_t>& cores) const;
-
-    // Whether the thread runs on exactly the cores of the mask.
+    // Whether the thread runs on no cores but `cores`; true when the thread has ended.
+    bool IsPinned(int32_t tid, const std::vector<uint32_t>& cores) const
+        PROCMGR_EXCLUDES(coresMutex_);
+    // Whether the thread runs on exactly the cores of the mask; false without a mask or when the
+    // thread has ended.
     static bool HasCores(int32_t tid, const std::optional<CoreMask>& mask);
 
-    // Whether every core is one for ordinary software; logs the first that is not.
-    bool CheckIsCtrlCpu(const std::string& appName, const std::vector<uint32_t>& cores) const;
-
-    // The threads of a process. False, with a log line, when it is gone.
+    // Adds the threads of a process to `tids`. False, with a log line, when the process has ended.
     static bool GetTids(int32_t pid, std::set<int32_t>& tids);
 
-    // Pins the remembered threads of the processes again, and forgets those that are gone.
-    bool WakeUpRecover(const std::vector<int32_t>& pids);
-
-    static void WriteTidToAIcpuSet(int32_t tid);
-    // Logs, for each accelerator core of the mask, that a thread cannot be put into their cpuset,
-    // when the cpuset is missing.
-    static void LogMissingAiCpuset(int32_t tid, const CoreMask& mask);
-    // For a process that is about to lose the right to open it: the tasks file that
-    // WriteTidToAIcpuSet writes, close-on-exec and the caller's to close; -1 when there is none.
+    // Two operations with which the launcher takes a child into the cpuset for accelerator work
+    // although the child may not open its tasks file any more.
+    //
+    // Opens that tasks file for writing, close-on-exec; the caller closes it. -1 when there is
+    // none.
     static int OpenAiCpuset();
+    // Logs, once for each accelerator core of the mask, that the thread cannot be put into the
+    // cpuset, when the cpuset does not exist.
+    static void LogMissingAiCpuset(int32_t tid, const CoreMask& mask);
 
 private:
     struct ThreadCoreInfo {
@@ -103,19 +117,23 @@ private:
         std::vector<uint32_t> cores;
         std::string name;  // at most 16 characters
     };
-    using ThreadTable = std::map<uint32_t, ThreadCoreInfo>;
 
-    // Remembers a pinning. False, with a log line, when the thread is gone.
-    bool Store(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores);
-    // Restores or forgets the thread of one row; true when it was restored. The caller holds
-    // mutex_.
-    bool Recover(uint32_t tid, const ThreadCoreInfo& info) const;
+    static void WriteTidToAIcpuSet(int32_t tid);
+    // Stores a pinning. False, with a log line, when the thread has ended.
+    bool Store(int32_t pid, int32_t tid, const std::vector<uint32_t>& cores)
+        PROCMGR_EXCLUDES(mutex_);
+    // Restores the threads of one process, appends their ids to `restored`, and removes threads
+    // that are not in `tids` or have another name than they had.
+    void RecoverProcess(int32_t pid, const std::set<int32_t>& tids, std::string& restored)
+        PROCMGR_EXCLUDES(mutex_);
+    // Pins the thread of one row. False when no thread with this id and name exists.
+    bool Recover(uint32_t tid, const ThreadCoreInfo& info) const PROCMGR_REQUIRES(mutex_);
 
-    mutable Mutex coresMutex_;  // the innermost lock; guards the two lists
-    std::vector<uint32_t> ctrlCores_;
-    std::vector<uint32_t> aiCores_;
+    mutable Mutex coresMutex_;  // taken after mutex_; no lock is taken while it is held
+    std::vector<uint32_t> ctrlCores_ PROCMGR_GUARDED_BY(coresMutex_);
+    std::vector<uint32_t> aiCores_ PROCMGR_GUARDED_BY(coresMutex_);
     mutable Mutex mutex_;
-    ThreadTable threads_;  // guarded by mutex_
+    std::map<uint32_t, ThreadCoreInfo> threads_ PROCMGR_GUARDED_BY(mutex_);  // by thread id
 };
 
 }  // namespace ProcMgr

@@ -10,27 +10,28 @@ namespace ProcMgr {
 namespace {
 
 constexpr size_t LINE_LENGTH_MAX = 8192;
+constexpr size_t BOUND_DIGITS_MAX = 2;
 
 bool IsDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// The number that its one or two last digits before `end` give; 0 when there is none.
+// The number in the one or two digits that end at `end`; 0 when there is no digit.
 uint32_t NumberBefore(std::string_view line, size_t end) {
-    if (end == 0 || !IsDigit(line[end - 1])) {
-        return 0;
+    size_t begin = end;
+    while (begin > 0 && end - begin < BOUND_DIGITS_MAX && IsDigit(line[begin - 1])) {
+        --begin;
     }
-    const auto units = static_cast<uint32_t>(line[end - 1] - '0');
-    const bool hasTens = end >= 2 && IsDigit(line[end - 2]);
-    return hasTens ? static_cast<uint32_t>(line[end - 2] - '0') * 10 + units : units;
+    return ParseNumber<uint32_t>(line.substr(begin, end - begin)).value_or(0);
 }
 
+// The number in the one or two digits that begin at `begin`; 0 when there is no digit.
 uint32_t NumberAfter(std::string_view line, size_t begin) {
     size_t end = begin;
-    while (end < line.size() && end < begin + 2 && IsDigit(line[end])) {
+    while (end < line.size() && end - begin < BOUND_DIGITS_MAX && IsDigit(line[end])) {
         ++end;
     }
-    return end == begin ? 0 : NumberBefore(line.substr(begin), end - begin);
+    return ParseNumber<uint32_t>(line.substr(begin, end - begin)).value_or(0);
 }
 
 std::vector<uint32_t> ParseRanges(std::string_view line, const std::string& path) {
@@ -49,7 +50,7 @@ std::vector<uint32_t> ParseRanges(std::string_view line, const std::string& path
     return cores;
 }
 
-// Leading digits count, what follows them does not.
+// Of each piece between commas the leading digits count; a piece without any is left out.
 std::vector<uint32_t> ParseList(std::string_view line) {
     std::vector<uint32_t> cores;
     while (!line.empty()) {

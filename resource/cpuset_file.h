@@ -1,4 +1,5 @@
-// The cores of a cpuset group, as its file lists them: numbers with commas between them, or ranges.
+// Reads the cores of a cpuset from its cpuset.cpus file: numbers with commas between them, or
+// ranges. CoreAffinityMgr and DelayCoreAffinity call it, from any thread.
 #pragma once
 
 #include <cstdint>
@@ -8,12 +9,12 @@
 
 namespace ProcMgr {
 
-// The cores that the first line of the file names; none when it cannot be read.
+// The cores in the first line of the file; empty when the file cannot be read.
 std::vector<uint32_t> ReadCpusetFile(const std::string& path);
 
-// The cores of one line. A line with a range is read for its ranges only, and of a bound at most
-// two digits are taken: that is how the cpusets of the device are to be understood. `path` is for
-// the log.
+// The cores in one line. When the line has a range, numbers outside of ranges are ignored, and the
+// bounds of a range are at most two digits long: the two next to the '-'. The cpusets of the device
+// are written for this reading. `path` is for the log.
 std::vector<uint32_t> ParseCpusetLine(std::string_view line, const std::string& path);
 
 }  // namespace ProcMgr

@@ -33,7 +33,7 @@ constexpr int CHECKS_MAX = 100;
 constexpr int CHECKS_DEFAULT = 3;
 constexpr int COUNT_MAX = 127;
 
-// What cannot be used is replaced, not refused.
+// Replaces values that are out of range by their defaults.
 void MakeValid(DelayCoreAffinityReq& request) {
     if (request.checkInterval < INTERVAL_MIN || request.checkInterval > INTERVAL_MAX) {
         ProcMgrSysLog(LOG_ERR,
@@ -56,13 +56,7 @@ uint32_t DelayCoreAffinity::SetDelayCoreAffinity(const DelayCoreAffinityReq& req
     if (request.state == Message::DELAY_BIND) {
         ret = Bind(request);
     } else if (request.state == Message::DELAY_RESET) {
-        const LockGuard lock(mutex_);
-        ret = delayState_ == BOUND ? DELAY_BUSY : DELAY_OK;
-        if (ret == DELAY_OK) {
-            delayState_ = IDLE;
-        } else {
-            ProcMgrSysLog(LOG_INFO, "SetDelayCoreAffinity return busy, not finish last check task");
-        }
+        ret = Reset();
     }
     ProcMgrSysLog(LOG_INFO,
                   "SetDelayCoreAffinity state=%u, cfg checkInterval=%u, checkNum=%d, "
@@ -70,6 +64,16 @@ uint32_t DelayCoreAffinity::SetDelayCoreAffinity(const DelayCoreAffinityReq& req
                   static_cast<unsigned>(request.state), request.checkInterval, request.checkNum,
                   request.isWakeUpEnable, static_cast<int>(ret));
     return ret;
+}
+
+uint32_t DelayCoreAffinity::Reset() {
+    const LockGuard lock(mutex_);
+    if (delayState_ == BOUND) {
+        ProcMgrSysLog(LOG_INFO, "SetDelayCoreAffinity return busy, not finish last check task");
+        return DELAY_BUSY;
+    }
+    delayState_ = IDLE;
+    return DELAY_OK;
 }
 
 uint32_t DelayCoreAffinity::Bind(const DelayCoreAffinityReq& request) {
@@ -89,7 +93,7 @@ uint32_t DelayCoreAffinity::Bind(const DelayCoreAffinityReq& request) {
         StoreRequest(request, *bind);
         return ret == AFFINITY_OK ? DELAY_OK : DELAY_FAILED;
     } catch (const std::exception& error) {
-        // No memory, or no thread: it may be asked for again.
+        // There was no memory, or no thread could be started: the owner may ask for the bind again.
         ProcMgrSysLog(LOG_ERR, "PROCMGR : the bind of delayed applications failed, %s",
                       error.what());
         const LockGuard lock(mutex_);
@@ -106,14 +110,14 @@ std::optional<uint64_t> DelayCoreAffinity::Accept() {
         return std::nullopt;
     }
     delayState_ = BOUND;
-    isPending_ = false;  // of a bind that a wake-up ended before the worker saw it
+    isPending_ = false;  // a request that a wake-up ended before the worker took it is dropped
     return ++binds_;
 }
 
 void DelayCoreAffinity::StoreRequest(const DelayCoreAffinityReq& request, uint64_t bind) {
     const LockGuard lock(mutex_);
     if (binds_ != bind) {
-        return;  // a wake-up has ended this one, and there is another
+        return;  // a wake-up has ended this bind, and a newer one has been accepted
     }
     request_ = request;
     MakeValid(request_);
@@ -126,8 +130,8 @@ void DelayCoreAffinity::StoreRequest(const DelayCoreAffinityReq& request, uint64
 
 std::vector<ManagedApp> DelayCoreAffinity::ListDelayed() {
     std::vector<ManagedApp> apps = apps_.GetManagedApps(ManagedFilter::DELAYED);
-    // Listed children that have not come to their pinning either see it there, or have done it
-    // before they are pinned here.
+    // Raised after the listing: a listed child that has not come to its own pinning either finds
+    // the count raised and pins itself, or has changed its cores before this pass pins it.
     bindCount_.Raise();
     return apps;
 }
@@ -152,20 +156,21 @@ uint32_t DelayCoreAffinity::Pin(const ManagedApp& app, int32_t tid, std::string&
         return ret;
     }
     if (access(ThreadPath(app.pid, tid).c_str(), F_OK) != 0) {
-        return AFFINITY_OK;  // it has ended: nothing is left to pin
+        return AFFINITY_OK;  // the thread has ended
     }
     error += reason;
     return ret;
 }
 
 uint32_t DelayCoreAffinity::BindCoreForDelayApp(const ManagedApp& app) {
-    if (!app.isDelayed || !apps_.IsPresent(app)) {
+    if (!apps_.IsPresent(app)) {
         return AFFINITY_OK;
     }
     std::string error;
     uint32_t result = Pin(app, app.pid, error);
     std::set<int32_t> tids;
-    // Listed first, then the process is made sure of: the threads are its own.
+    // The process is looked for after its threads were listed: otherwise they might be threads of a
+    // later process with the same pid.
     if (CoreAffinityMgr::GetTids(app.pid, tids) && apps_.IsPresent(app)) {
         affinity_.Prune(app.pid, tids);
         tids.erase(app.pid);
@@ -182,7 +187,7 @@ uint32_t DelayCoreAffinity::BindCoreForDelayApp(const ManagedApp& app) {
 
 bool DelayCoreAffinity::CheckMissingTids(const ManagedApp& app) {
     std::set<int32_t> tids;
-    if (!app.isDelayed || !apps_.IsPresent(app) || !CoreAffinityMgr::GetTids(app.pid, tids) ||
+    if (!apps_.IsPresent(app) || !CoreAffinityMgr::GetTids(app.pid, tids) ||
         !apps_.IsPresent(app)) {
         return true;
     }
@@ -220,7 +225,9 @@ bool DelayCoreAffinity::CheckAll(uint64_t bind) {
 void DelayCoreAffinity::CheckCoreAffinityThread() {
     UniqueLock lock(mutex_);
     for (;;) {
-        changed_.Wait(lock, [this] { return isStopped_ || (isPending_ && delayState_ == BOUND); });
+        changed_.Wait(lock, [this]() PROCMGR_REQUIRES(mutex_) {
+            return isStopped_ || (isPending_ && delayState_ == BOUND);
+        });
         if (isStopped_) {
             break;
         }
@@ -265,12 +272,13 @@ bool DelayCoreAffinity::IsCurrent(uint64_t bind) {
 
 void DelayCoreAffinity::WaitFor(std::chrono::milliseconds interval, uint64_t bind) {
     UniqueLock lock(mutex_);
-    changed_.WaitUntil(lock, std::chrono::steady_clock::now() + interval, [&] {
-        return isStopped_ || isSuspended_ || delayState_ != BOUND || binds_ != bind;
-    });
+    changed_.WaitUntil(
+        lock, std::chrono::steady_clock::now() + interval, [&]() PROCMGR_REQUIRES(mutex_) {
+            return isStopped_ || isSuspended_ || delayState_ != BOUND || binds_ != bind;
+        });
 }
 
-// A wake-up may have allowed a new bind meanwhile, or there is one already: those stand.
+// When a wake-up has ended this bind, the state belongs to the wake-up or to a newer bind.
 void DelayCoreAffinity::Finish(uint64_t bind) {
     const LockGuard lock(mutex_);
     if (delayState_ == BOUND && binds_ == bind) {
@@ -284,7 +292,7 @@ void DelayCoreAffinity::Suspend() {
     changed_.NotifyAll();
 }
 
-bool DelayCoreAffinity::ReadWakeUpEnable() {
+bool DelayCoreAffinity::EndBind() {
     const LockGuard lock(mutex_);
     const bool isEnabled = request_.isWakeUpEnable == 1;
     delayState_ = isEnabled ? IDLE : FINISHED;
@@ -296,15 +304,27 @@ bool DelayCoreAffinity::ReadWakeUpEnable() {
 }
 
 void DelayCoreAffinity::WakeUpRecover() {
-    const bool isReset = ReadWakeUpEnable();
-    // From here on no bind of before pins anything.
+    const bool isReset = EndBind();
+    // A pass that still runs for the ended bind finds out before it pins the next application.
     const LockGuard pass(passMutex_);
     cgroups_.EnableDefaultCpuSet();
+    PinDaemon();
+    if (affinity_.WakeUpRecover(PrepareRecovery(isReset))) {
+        ProcMgrSysLog(LOG_INFO, "WakeUpRecover success");
+    } else {
+        ProcMgrSysLog(LOG_ERR, "WakeUpRecover failed");
+    }
+}
+
+void DelayCoreAffinity::PinDaemon() {
     std::string error;
     if (affinity_.SetCoreAffinity(ProcMgrEnv::GetInstance().GetPid(), {}, error) != AFFINITY_OK) {
         ProcMgrSysLog(LOG_WARNING, "WakeUpRecover pm SetCoreAffinityToOs failed, err=%s",
                       error.c_str());
     }
+}
+
+std::vector<int32_t> DelayCoreAffinity::PrepareRecovery(bool isReset) {
     std::vector<int32_t> pids;
     uint32_t ret = AFFINITY_OK;
     for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::ALL)) {
@@ -315,6 +335,7 @@ void DelayCoreAffinity::WakeUpRecover() {
             ret = std::max(ret, ResetToCpuset(app));
             continue;
         }
+        // The child of any other application has pinned itself; a delayed one may not be bound yet.
         if (!app.isDelayed || affinity_.IsStored(app.pid, app.pid)) {
             affinity_.StoreStrays(app.pid, app.cores);
         }
@@ -324,17 +345,14 @@ void DelayCoreAffinity::WakeUpRecover() {
         ProcMgrSysLog(LOG_INFO, "Reset Core Affinity to CpuSet for delay apps, ret=%d",
                       static_cast<int>(ret));
     }
-    if (affinity_.WakeUpRecover(pids)) {
-        ProcMgrSysLog(LOG_INFO, "WakeUpRecover success");
-    } else {
-        ProcMgrSysLog(LOG_ERR, "WakeUpRecover failed");
-    }
+    return pids;
 }
 
 uint32_t DelayCoreAffinity::ResetToCpuset(const ManagedApp& app) {
     affinity_.RecycleThreadCoreInfo(app.pid, app.name);
     const std::string cpuset = CgroupMgr::IsUsableGroup(app.cpuset) ? app.cpuset : DEFAULT_CPUSET;
-    // Some of its cores may be for accelerator work: that must not move it to their cpuset again.
+    // Cores of this cpuset may be cores for accelerator work too; the threads must stay in this
+    // cpuset nevertheless.
     std::optional<CoreMask> mask =
         affinity_.MakeMask(ReadCpusetFile(CGROUP_CPUSET_ROOT + cpuset + CPUSET_CPUS));
     if (mask) {
@@ -358,13 +376,15 @@ uint32_t DelayCoreAffinity::ResetToCpuset(const ManagedApp& app) {
 }
 
 void DelayCoreAffinity::Stop() {
+    std::thread worker;
     {
         const LockGuard lock(mutex_);
         isStopped_ = true;
         changed_.NotifyAll();
+        worker.swap(worker_);
     }
-    if (worker_.joinable()) {
-        worker_.join();
+    if (worker.joinable()) {
+        worker.join();
     }
 }
 

@@ -22,9 +22,11 @@ constexpr size_t GROUPS_MAX = 256;
 constexpr const char* ACCESS_READ = "read";
 constexpr const char* ACCESS_READ_WRITE = "read-write";
 constexpr uint32_t DONE = 0;
+// The start-up goes on after this time even if the device has not created all groups yet.
 constexpr std::chrono::seconds CREATE_PATIENCE{1};
 
-// A name goes into an environment variable with commas between the names.
+// Names with commas between them are passed to programs in an environment variable, so a name holds
+// neither a comma nor a blank.
 bool IsUsableName(const std::string& name) {
     return !name.empty() && name.size() <= NAME_LENGTH_MAX &&
            std::all_of(name.begin(), name.end(),
@@ -36,12 +38,13 @@ std::string TextOf(const KvsTypeYaml& node, const std::string& key) {
     return node.GetSubKvs(key, value) ? value.GetString() : std::string();
 }
 
-// Bytes; 0 for what is no number of them.
+// The size in bytes; 0 for a text that is not a number.
 uint64_t ParseSize(const std::string& text) {
     return ParseNumber<uint64_t>(text).value_or(0);
 }
 
-// Nothing when an entry of the list is not a member.
+// The access of each member, by application. Nothing when an entry has no application or an unknown
+// access.
 std::optional<std::map<std::string, std::string>> ReadMembers(const KvsTypeYaml& group) {
     std::map<std::string, std::string> members;
     KvsTypeYaml list;
@@ -90,7 +93,8 @@ void SharePool::Load(const std::string& directory) {
         return;
     }
     if (!IsRootsAlone(directory)) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : share pool %s is not root's alone to write, it is ignored",
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : share pool %s may be written by others than root, it is ignored",
                    directory.c_str());
         return;
     }
@@ -115,7 +119,8 @@ void SharePool::LoadFile(const std::string& path) {
     KvsTypeYaml top;
     KvsTypeYaml list;
     if (!IsRootsAlone(path)) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : share pool %s is not root's alone to write, it is ignored",
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : share pool %s may be written by others than root, it is ignored",
                    path.c_str());
         return;
     }
@@ -139,7 +144,7 @@ void SharePool::LoadGroup(const KvsTypeYaml& node, const std::string& path) {
         return;
     }
     if (!groups_.try_emplace(name, Group{size, std::move(*members)}).second) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : share pool %s: group=%s is there already", path.c_str(),
+        ProcMgrLog(LOG_ERR, "PROCMGR : share pool %s: group=%s is configured already", path.c_str(),
                    name.c_str());
     }
 }
@@ -156,14 +161,13 @@ SharePoolPlan SharePool::MakePlan(
         }
     }
     for (const auto& wanted : manifestGroups) {
-        // The configured access stands.
-        const bool isThere =
+        const bool isConfigured =
             std::any_of(plan.groups.begin(), plan.groups.end(),
                         [&](const auto& group) { return group.name == wanted.first; });
         if (!IsUsableName(wanted.first)) {
             ProcMgrLog(LOG_ERR, "PROCMGR : share pool group=%s of app=%s is not usable",
                        wanted.first.c_str(), appName.c_str());
-        } else if (!isThere) {
+        } else if (!isConfigured) {
             plan.groups.push_back({wanted.first, wanted.second});
         }
     }
@@ -179,7 +183,7 @@ void SharePool::Join(const std::string& appName, int32_t pid, const SharePoolPla
             }
         }
         if (!device_.Post([=, this] { Add(appName, pid, group); })) {
-            ProcMgrLog(LOG_ERR, "PROCMGR : app=%s, pid=%d, group=%s: the device is too busy",
+            ProcMgrLog(LOG_ERR, "PROCMGR : app=%s, pid=%d, group=%s: the device has too many jobs",
                        appName.c_str(), pid, group.name.c_str());
             Leave(pid, group.name);
         }
@@ -187,7 +191,7 @@ void SharePool::Join(const std::string& appName, int32_t pid, const SharePoolPla
 }
 
 void SharePool::Add(const std::string& appName, int32_t pid, const SharePoolPlan::Group& group) {
-    // The process may have ended since, and its pid be another's.
+    // The process may have ended since Join, and its pid may belong to another process now.
     if (!IsWanted(pid, group.name)) {
         return;
     }

@@ -1,6 +1,6 @@
-// The share-pool memory groups of the accelerator: which there are, who belongs to them, and who
-// has joined. The table is read once at start-up and constant afterwards; joining may be done from
-// any thread.
+// The share-pool memory groups of the accelerator: which groups the files of the platform
+// configure, which applications belong to them, and which processes have joined. The main thread
+// loads the table; the launcher and the upload registration let processes join.
 #pragma once
 
 #include <cstdint>
@@ -25,40 +25,46 @@ struct SharePoolPlan {
         std::string access;  // "read" or "read-write"
     };
     std::vector<Group> groups;
-    bool isPreconfigured = false;  // a configured group names the process
+    bool isPreconfigured = false;  // a configured group lists the application as a member
 
-    // The groups' names with "," between them.
+    // The names of the groups with "," between them.
     std::string Names() const;
 };
 
 class SharePool {
 public:
-    // `device` is the worker that calls the device library; it must outlive this object.
+    // `device` is the worker that calls the device library. It and this object must live until the
+    // jobs that this object has given to it are done.
     explicit SharePool(SerialWorker& device) : device_(device) {}
 
-    // Reads the YAML files of the directory in the order of their names and creates each group that
-    // they configure. A file that is not root's alone to write, or that cannot be parsed, is left
-    // out, and so is a group that is not well-formed; each with a log line. Before the first
-    // launch.
+    // Reads the YAML files of the directory in the order of their names and has the device worker
+    // create each group in them; waits for that for a second at most. Skips, with a log line each,
+    // a file that others than root may write or that cannot be parsed, and a group that is not
+    // well-formed. Called once, before the first launch.
     void Load(const std::string& directory);
 
-    // The groups of the manifest, and those that name the application.
+    // The configured groups that list the application as a member, and the groups of its manifest,
+    // pairs of name and access. The configured access goes before the manifest's. Any thread.
     SharePoolPlan MakePlan(
         const std::string& appName,
         const std::vector<std::pair<std::string, std::string>>& manifestGroups) const;
 
-    // Has the device worker add a process to the groups of its plan, as far as it is not in them or
-    // being added to them. A failure is logged. Any lock may be held.
-    void Join(const std::string& appName, int32_t pid, const SharePoolPlan& plan);
+    // Has the device worker add a process to the groups of its plan that it has not joined and is
+    // not being added to. A failure is logged, and the group may be joined later. Any thread, also
+    // with the lock of a container of records held.
+    void Join(const std::string& appName, int32_t pid, const SharePoolPlan& plan)
+        PROCMGR_EXCLUDES(mutex_);
 
-    // Waits until the device worker has done every job that it has been given, or for `end`.
+    // Waits until the device worker has done every job that it has been given, but not beyond
+    // `end`. The calling thread holds no lock.
     void WaitForJoins(SteadyTime end);
 
-    // The configured groups that the process has joined.
-    std::vector<std::string> GetGroupsOf(int32_t pid);
+    // The configured groups that the process has joined. Any thread.
+    std::vector<std::string> GetGroupsOf(int32_t pid) PROCMGR_EXCLUDES(mutex_);
 
-    // Forgets a process that is gone.
-    void Forget(int32_t pid);
+    // Removes a process that has ended: a later process with the same pid has joined nothing. Any
+    // thread.
+    void Forget(int32_t pid) PROCMGR_EXCLUDES(mutex_);
 
 private:
     struct Group {
@@ -67,17 +73,21 @@ private:
     };
 
     void LoadFile(const std::string& path);
-    void CreateGroups() const;
-    void Add(const std::string& appName, int32_t pid, const SharePoolPlan::Group& group);
-    bool IsWanted(int32_t pid, const std::string& group);
-    void Leave(int32_t pid, const std::string& group);
     void LoadGroup(const KvsTypeYaml& node, const std::string& path);
+    // Jobs of the device worker.
+    void CreateGroups() const;
+    void Add(const std::string& appName, int32_t pid, const SharePoolPlan::Group& group)
+        PROCMGR_EXCLUDES(mutex_);
+
+    // Whether the process is still to be added to the group.
+    bool IsWanted(int32_t pid, const std::string& group) PROCMGR_EXCLUDES(mutex_);
+    void Leave(int32_t pid, const std::string& group) PROCMGR_EXCLUDES(mutex_);
 
     SerialWorker& device_;
-    std::map<std::string, Group> groups_;  // constant once it is loaded
+    std::map<std::string, Group> groups_;  // by name; constant after Load
     Mutex mutex_;
-    // By pid and group: whether the device has added the process; guarded by mutex_.
-    std::map<int32_t, std::map<std::string, bool>> joined_;
+    // By pid and group: true when the device has added the process, false until then.
+    std::map<int32_t, std::map<std::string, bool>> joined_ PROCMGR_GUARDED_BY(mutex_);
 };
 
 }  // namespace ProcMgr

@@ -3,11 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-
-#include "main/common/line_reader.h"
-#include "main/common/numbers.h"
-
 namespace ProcMgr {
 
 bool AppendTid(const std::string& path, int32_t tid) {
@@ -32,29 +27,6 @@ bool AppendTidToAll(const std::vector<std::string>& paths, int32_t tid, std::str
         }
     }
     return isComplete;
-}
-
-bool TaskFiles::Holds(const std::string& path, int32_t tid) {
-    const std::optional<Ids>& ids = Read(path);
-    return ids && std::binary_search(ids->begin(), ids->end(), tid);
-}
-
-const std::optional<TaskFiles::Ids>& TaskFiles::Read(const std::string& path) {
-    const auto [entry, isNew] = files_.try_emplace(path);
-    if (!isNew) {
-        return entry->second;
-    }
-    LineReader file(path);
-    if (!file.IsOpen()) {
-        return entry->second;
-    }
-    Ids& ids = entry->second.emplace();
-    while (const auto line = file.Next()) {
-        ids.push_back(ParseLeadingNumber<int32_t>(*line).value_or(0));
-    }
-    // The kernel does not promise an order.
-    std::sort(ids.begin(), ids.end());
-    return entry->second;
 }
 
 }  // namespace ProcMgr

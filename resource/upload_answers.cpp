@@ -10,7 +10,7 @@ namespace {
 
 constexpr size_t WAITING_MAX = 1000;
 
-// Without memory for the answer there may be some at the next attempt.
+// A send that fails for lack of memory is repeated, too: memory may be free at the next attempt.
 int32_t TrySend(int32_t peer, const MuxaResponse& answer) {
     MayWait("a peer");
     try {
@@ -80,7 +80,8 @@ UploadAnswers::Answer UploadAnswers::FindNext(int32_t& peer) {
 void UploadAnswers::Settle(int32_t peer, const Answer& answer, int32_t result) {
     const LockGuard lock(mutex_);
     const auto entry = waiting_.find(peer);
-    // Meanwhile the peer may have gone, and another answer come.
+    // During the attempt the connection may have ended, and another answer may have been stored for
+    // a new peer with the same descriptor.
     if (entry == waiting_.end() || entry->second.answer != answer) {
         return;
     }

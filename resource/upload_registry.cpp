@@ -27,11 +27,12 @@ namespace {
 
 constexpr uint32_t PEERS_MAX = 1000;
 constexpr size_t REGISTRATIONS_MAX = 1024;
-// How many processes one check looks at closely; all are asked for by pid.
+// One check compares the start times of this many processes; for all others it looks only whether
+// a process with the pid exists.
 constexpr int VERIFIED_PER_CHECK = 16;
-// What a caller learns about its groups is what the device has done by then.
+// A group that the device has not added the process to after this time is left out of the answer.
 constexpr std::chrono::seconds JOIN_PATIENCE{1};
-// Anyone can send records that are refused.
+// Refused requests are logged once in this time: any process can send them in masses.
 constexpr std::chrono::seconds REFUSAL_LINE_PAUSE{1};
 
 bool IsExecutableOf(int32_t pid, const std::string& path) {
@@ -40,7 +41,7 @@ bool IsExecutableOf(int32_t pid, const std::string& path) {
     return length > 0 && std::string_view(target.data(), static_cast<size_t>(length)) == path;
 }
 
-bool IsGone(int32_t pid) {
+bool IsPidFree(int32_t pid) {
     return kill(pid, 0) != 0 && errno == ESRCH;
 }
 
@@ -53,7 +54,7 @@ bool UploadRegistry::RegXCallBack() {
         if (request != nullptr) {
             HandleRequest(fd, *request);
         } else {
-            // The end of a connection is not the end of its process.
+            // The registration stays: the process goes on without its connection.
             answers_.Forget(fd);
         }
     };
@@ -63,7 +64,7 @@ bool UploadRegistry::RegXCallBack() {
 
 UploadRegistry::~UploadRegistry() {
     while (!Close(SteadyTime::max())) {
-        // A callback that still runs uses this object.
+        // Callbacks that still run use this object.
     }
 }
 
@@ -95,7 +96,8 @@ UploadResponse UploadRegistry::Register(const MuxaRequest& request) {
     if (response.result != UploadResult::REGISTERED) {
         return response;
     }
-    // Read before anything is checked: what is found out is found out about this process.
+    // Read before the checks, so that the checks are about the process that is registered, or about
+    // none when the pid has been reused.
     const std::optional<uint64_t> startTicks = ReadStartTicks(wanted.pid);
     response.result = startTicks ? Check(wanted, request) : UploadResult::NOT_THE_SENDER;
     if (response.result != UploadResult::REGISTERED) {
@@ -125,7 +127,8 @@ bool UploadRegistry::MayHaveName(const UploadRequest& wanted, uint32_t uid) {
     if (ancestor && (*ancestor == wanted.name || !apps_.IsKnown(wanted.name))) {
         return true;
     }
-    // Nobody vouches for a process that comes from no managed one, unless it is root's.
+    // Any other process without a managed ancestor, or under the name of another application, is
+    // accepted only as root, and only when no application of that name has a process.
     return uid == 0 && !apps_.HasProcess(wanted.name);
 }
 
@@ -148,7 +151,7 @@ bool UploadRegistry::Keep(const UploadRequest& wanted, uint64_t startTicks) {
     if (present == registrations_.end() && registrations_.size() >= REGISTRATIONS_MAX) {
         return false;
     }
-    // What is known of an earlier process with this pid is not this one's.
+    // The groups of an earlier process with this pid are not joined by this one.
     if (present != registrations_.end() && present->second.startTicks != startTicks) {
         sharePool_.Forget(wanted.pid);
     }
@@ -170,7 +173,8 @@ std::vector<std::string> UploadRegistry::JoinGroups(const UploadRequest& wanted)
     sharePool_.WaitForJoins(std::chrono::steady_clock::now() + JOIN_PATIENCE);
     std::vector<std::string> joined = sharePool_.GetGroupsOf(wanted.pid);
     if (joined.size() > Message::UPLOAD_GROUPS_MAX) {
-        ProcMgrLog(LOG_WARNING, "PROCMGR : pmupload app=%s, pid=%d has more groups than it is told",
+        ProcMgrLog(LOG_WARNING,
+                   "PROCMGR : pmupload app=%s, pid=%d has joined more groups than an answer holds",
                    wanted.name.c_str(), wanted.pid);
         joined.resize(Message::UPLOAD_GROUPS_MAX);
     }
@@ -197,11 +201,26 @@ bool UploadRegistry::IsEmpty() {
 
 void UploadRegistry::DropGone() {
     for (const int32_t pid : TakeGone()) {
-        // The daemon may have started another process with this pid, which keeps what it has.
+        // When the pid belongs to a new process of the daemon, the joined groups are that
+        // process's.
         if (!apps_.GetNameOf(pid)) {
             sharePool_.Forget(pid);
         }
     }
+}
+
+bool UploadRegistry::HasEnded(int32_t pid, const Registration& registration, int& toVerify,
+                              int32_t& verified) const {
+    if (IsPidFree(pid)) {
+        return true;
+    }
+    if (pid <= lastVerified_ || toVerify == 0) {
+        return false;
+    }
+    --toVerify;
+    verified = pid;
+    // Another process has the pid when its start time is another one.
+    return ReadStartTicks(pid) != registration.startTicks;
 }
 
 std::vector<int32_t> UploadRegistry::TakeGone() {
@@ -210,15 +229,9 @@ std::vector<int32_t> UploadRegistry::TakeGone() {
     int toVerify = VERIFIED_PER_CHECK;
     int32_t verified = 0;
     for (const auto& [pid, registration] : registrations_) {
-        bool isGone = IsGone(pid);
-        // Its pid may have become another's: seen at the latest after all had their turn.
-        if (!isGone && pid > lastVerified_ && toVerify > 0) {
-            --toVerify;
-            verified = pid;
-            isGone = ReadStartTicks(pid) != registration.startTicks;
-        }
-        if (isGone) {
-            ProcMgrLog(LOG_INFO, "PROCMGR : pmupload app=%s, pid=%d is gone, its registration ends",
+        if (HasEnded(pid, registration, toVerify, verified)) {
+            ProcMgrLog(LOG_INFO,
+                       "PROCMGR : pmupload app=%s, pid=%d has ended, its registration is removed",
                        registration.name.c_str(), pid);
             gone.push_back(pid);
         }

@@ -17,7 +17,8 @@ std::chrono::nanoseconds Read(clockid_t clock) {
 }  // namespace
 
 std::chrono::nanoseconds WakeUpWatch::TimeSuspended() {
-    // In this order: to be stopped in between must not look like a suspend.
+    // The clock that goes on is read first: a thread that is held up between the two readings then
+    // finds a time that is too short, not one that looks like a suspend.
     const std::chrono::nanoseconds boot = Read(CLOCK_BOOTTIME);
     return boot - Read(CLOCK_MONOTONIC);
 }
@@ -25,8 +26,8 @@ std::chrono::nanoseconds WakeUpWatch::TimeSuspended() {
 bool WakeUpWatch::HasWokenUp() {
     const LockGuard lock(mutex_);
     const std::chrono::nanoseconds before = suspended_;
-    // Too little is found by a thread that is held up between the clocks: that must not look like a
-    // suspend to the next one.
+    // The time found may be too short, see TimeSuspended: stored, it would look like a suspend to
+    // the next call.
     suspended_ = std::max(before, TimeSuspended());
     return suspended_ - before > SUSPEND_MIN;
 }

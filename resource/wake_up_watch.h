@@ -1,4 +1,6 @@
-// Notices that the system has been suspended since the last look. Any thread may look.
+// Finds out that the system has been suspended, from two clocks of the kernel: one goes on during a
+// suspend, the other does not. CheckThread asks in each affinity check; the platform's call after a
+// resume asks too, so that CheckThread does not recover from the same suspend again.
 #pragma once
 
 #include <chrono>
@@ -9,15 +11,17 @@ namespace ProcMgr {
 
 class WakeUpWatch {
 public:
-    // True when the clock that goes on during a suspend has gained more than a second on the one
-    // that does not since the last look, or since this object was made.
-    bool HasWokenUp();
+    // Whether the system has been suspended for more than a second since the last call, or since
+    // this object was created. Callable from any thread.
+    bool HasWokenUp() PROCMGR_EXCLUDES(mutex_);
 
 private:
+    // The time that the system has been suspended since its boot.
     static std::chrono::nanoseconds TimeSuspended();
 
     Mutex mutex_;
-    std::chrono::nanoseconds suspended_ = TimeSuspended();  // guarded by mutex_
+    // TimeSuspended() at the last call.
+    std::chrono::nanoseconds suspended_ PROCMGR_GUARDED_BY(mutex_) = TimeSuspended();
 };
 
 }  // namespace ProcMgr

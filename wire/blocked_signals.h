@@ -1,17 +1,18 @@
-// The signals that a new thread must not take from the program's own threads: it inherits the mask
-// of the thread that makes it.
+// Blocks signals while a thread is created, so that they are not handled on the new thread: a
+// thread starts with the signal mask of the thread that creates it. Used by the platform libraries,
+// the daemon and the client library.
 #pragma once
 
 #include <signal.h>
 
 namespace Wire {
 
-// Signals of a thread's own faults. The kernel ends a process at once whose thread has blocked the
-// signal of its fault, so they stay open.
+// Signals that the kernel sends to a thread for the thread's own fault. They are not blocked: when
+// the signal of a fault is blocked, the kernel ends the process at once, without any handler.
 inline constexpr int FAULT_SIGNALS[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
 
-// Blocks all others in the calling thread for as long as it lives. Only for the thread that made
-// it.
+// Blocks all other signals in the calling thread from the constructor to the destructor, which must
+// run on the same thread.
 class BlockedSignals {
 public:
     BlockedSignals() {

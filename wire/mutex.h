@@ -1,7 +1,7 @@
-// The mutex, locks and condition of the daemon, the platform library and the client library: the
-// standard library's with Clang's thread-safety attributes and with a rule that checked builds
-// enforce: a thread that may have to wait for somebody else (a file system, a child, a library, a
-// peer, the logger) holds no lock.
+// The mutex, locks and condition of the daemon, the platform library and the client library: those
+// of the standard library with Clang's thread-safety attributes. Checked builds enforce a rule: a
+// thread that may have to wait for something else than a mutex (a file system, a child, a library,
+// a peer, the logger) holds no mutex.
 #pragma once
 
 #include <chrono>
@@ -40,7 +40,7 @@ private:
 void CheckHeldMutexes(const char* what, int allowed);
 #endif
 
-// Marks a place where the calling thread may have to wait for somebody else. Checked builds
+// Marks a place where the calling thread may have to wait, for `what`. Checked builds
 // (PROCMGR_CHECKED) end with a message when the thread holds a mutex there.
 inline void MayWait([[maybe_unused]] const char* what) {
 #if defined(PROCMGR_CHECKED)
@@ -79,7 +79,7 @@ private:
     Mutex& mutex_;
 };
 
-// A lock that can be given back for a while.
+// A lock that can be released and taken again.
 class PROCMGR_SCOPED_CAPABILITY UniqueLock {
 public:
     explicit UniqueLock(Mutex& mutex) PROCMGR_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
@@ -106,7 +106,7 @@ private:
     bool isHeld_ = true;
 };
 
-// The waiting thread holds the lock that it waits with and no other.
+// The waiting thread holds the mutex of `lock` and no other; checked builds enforce that.
 class Condition {
 public:
     void NotifyOne() { condition_.notify_one(); }
@@ -130,7 +130,7 @@ public:
     }
 
 private:
-    // The standard library's view of a lock that is held, for the time of one wait.
+    // Lends the held mutex to the standard library for the time of one wait.
     struct Adopted {
         explicit Adopted(UniqueLock& lock) : native(lock.mutex_.mutex_, std::adopt_lock) {
 #if defined(PROCMGR_CHECKED)

@@ -12,13 +12,14 @@
 namespace Wire {
 namespace {
 
-// Pid, name, state and parent come first and are shorter than this.
+// The bytes of the file that are read. Pid, name, state and parent come first and need fewer.
 constexpr size_t STAT_HEAD = 256;
 
 }  // namespace
 
 std::optional<pid_t> ParentOf(std::string_view stat) {
-    // "PID (NAME) STATE PARENT ...": the name may hold anything, numbers and signs follow it.
+    // "PID (NAME) STATE PARENT ...": the name may contain any character, also ')'; the fields after
+    // the name cannot.
     const size_t name = stat.rfind(')');
     constexpr std::string_view STATE = ") S ";
     if (name == std::string_view::npos || stat.size() - name <= STATE.size()) {

@@ -1,6 +1,6 @@
-// Which process a peer is: tells the processes of a service from those of others. Used where the
-// messaging library decides whether a peer may have a service's pipe, and where the daemon decides
-// under which name a process may register.
+// Finds out whether a peer is a process of a service: the service's own process or a descendant.
+// The messaging library decides by that whether the peer may have the service's pipe, the daemon
+// under which name the peer may register. Functions for any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -10,17 +10,18 @@
 
 namespace Wire {
 
-// The pid of the parent out of the contents of a /proc/PID/stat; nothing when it is none.
+// The parent's pid in the contents of a file /proc/PID/stat; nothing when they are malformed.
 std::optional<pid_t> ParentOf(std::string_view stat);
 
-// The pid of the parent of a process that is there; nothing when it has gone.
+// The pid of the parent of a process; nothing when there is no such process.
 std::optional<pid_t> ReadParent(pid_t pid);
 
-// How far up a process's ancestors are looked at.
+// The number of ancestors that IsSameOrDescendant looks at.
 inline constexpr int GENERATIONS_MAX = 64;
 
-// True when `pid` is `ancestor` or descends from it over at most 64 generations that all still
-// live: who has lost its parent is a descendant of nobody's any more. False for 0 and below.
+// True when `pid` is `ancestor`, or descends from `ancestor` over at most GENERATIONS_MAX
+// generations whose processes all still exist: the kernel gives a process whose parent has ended
+// another parent. False when one of the pids is not positive.
 bool IsSameOrDescendant(pid_t pid, pid_t ancestor);
 
 }  // namespace Wire

@@ -18,8 +18,9 @@
 namespace Wire {
 namespace {
 
-// Of file systems whose files are made up when they are read, some of them by other processes. The
-// ones that linux/magic.h of older kernels does not have are written as numbers.
+// The numbers of file systems that create the contents of a file when the file is read, some of
+// them by asking another process. Those that linux/magic.h of older kernels lacks are given as
+// numbers.
 constexpr auto PSEUDO_FILE_SYSTEMS = std::to_array<uint32_t>({
     PROC_SUPER_MAGIC, SYSFS_MAGIC,           CGROUP_SUPER_MAGIC,   CGROUP2_SUPER_MAGIC,
     DEBUGFS_MAGIC,    TRACEFS_MAGIC,         SECURITYFS_MAGIC,     BPF_FS_MAGIC,
@@ -39,8 +40,8 @@ std::string ErrorText(const char* what, int code) {
     return std::string(what) + ": " + std::generic_category().message(code);
 }
 
-// Empty when what has this status is in root's hands alone. Others may write a sticky directory:
-// what is in there and root's is still removed or replaced by root only.
+// Empty when only root can change the file or directory with this status. A sticky directory may be
+// writable by others: they cannot remove or replace root's files in it.
 std::string OwnerRefusal(const struct stat& status) {
     if (status.st_uid != 0 && status.st_uid != geteuid()) {
         return "belongs to uid " + std::to_string(status.st_uid) + " and not to root";
@@ -52,8 +53,9 @@ std::string OwnerRefusal(const struct stat& status) {
     return {};
 }
 
-// Empty when every directory above the file is root's: from then on nobody else can change what
-// the path leads to. From the top, as each is only settled once those above it are.
+// Empty when only root can change each directory above the file, and thereby the file that the path
+// leads to. The check begins at the top: a directory could be replaced until the directories above
+// it have been checked.
 std::string DirectoryRefusal(const std::string& realPath) {
     for (size_t end = 0; end != std::string::npos; end = realPath.find('/', end + 1)) {
         const std::string directory = end == 0 ? "/" : realPath.substr(0, end);
@@ -87,7 +89,7 @@ std::string FileSystemRefusal(const struct statfs& status) {
     return isPseudo ? "it lies on a pseudo file system" : "";
 }
 
-// Before the opening, which of a device or of a pseudo file may have an effect.
+// The check before open(), because the opening of a device or a pseudo file may have an effect.
 std::string RefusalByPath(const std::string& realPath) {
     struct stat status {};
     struct statfs fileSystem {};
@@ -98,7 +100,7 @@ std::string RefusalByPath(const std::string& realPath) {
     return refusal.empty() ? FileSystemRefusal(fileSystem) : refusal;
 }
 
-// The same of what was really opened.
+// The same check for the file that has been opened.
 std::string RefusalByDescriptor(int fd) {
     struct stat status {};
     struct statfs fileSystem {};

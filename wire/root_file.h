@@ -1,6 +1,6 @@
-// Opens a file that decides what runs as root: manifests, and the list of the programs' digests.
-// Called by the manifest library and by the daemon. A file that anybody but root could have
-// written, or could exchange, is refused.
+// Opens files that decide what runs as root: manifests, and the list of digests of the programs.
+// Refuses a file that a user other than root could have written or could replace. Called by the
+// manifest library and by the daemon.
 #pragma once
 
 #include <string>
@@ -12,13 +12,14 @@ namespace Wire {
 struct RootFile {
     UniqueFd fd;           // open for reading; a read never waits
     std::string realPath;  // absolute and without symbolic links; empty when there is no such path
-    std::string error;     // why the file is refused, in words; empty on success
+    std::string error;     // the reason of a refusal, for the log; empty on success
 };
 
-// Opens the file at `path`, once and without waiting. It is a regular file of root's on a file
-// system that keeps files, not writable by group or others; each directory above its real path is
-// root's and, unless sticky, not writable by group or others. Where the process is not root, its
-// own user counts as root. Any thread; throws only std::bad_alloc.
+// Opens the file at `path` once and without waiting. Accepts only a regular file on a file system
+// that stores files, owned by root and not writable by group or others. Each directory above its
+// real path must be owned by root too and, unless it is sticky, not writable by group or others. In
+// a process that does not run as root, the user of the process counts as root. Any thread; throws
+// only std::bad_alloc.
 RootFile OpenRootFile(const std::string& path);
 
 }  // namespace Wire

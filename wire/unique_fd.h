@@ -1,5 +1,5 @@
-// Owns one descriptor. Used by the platform libraries, the daemon and the client library, and of
-// use to the services that link the latter.
+// Owns one descriptor. Used by the platform libraries, the daemon, the client library, and the
+// services that link the client library.
 #pragma once
 
 #include <unistd.h>
@@ -8,7 +8,7 @@
 
 namespace Wire {
 
-// A negative number is none. Not thread-safe.
+// Holds no descriptor while the number is negative. Not thread-safe.
 class UniqueFd {
 public:
     UniqueFd() = default;

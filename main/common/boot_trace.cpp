@@ -33,8 +33,8 @@ uint64_t CounterFrequency() {
 }
 #endif
 
-// Writes `text` to a file or device that is already there. Non-blocking: a console without a
-// reader must not stop the boot. False when it cannot be opened.
+// Writes `text` to an existing file or device. Non-blocking, because a console without a reader
+// must not stop the boot. False when the file cannot be opened.
 bool WriteWhole(const char* path, const std::string& text) {
     const int fd = open(path, O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {

@@ -1,5 +1,6 @@
-// Marks of the daemon's progress through boot: the stamp that begins many log lines, and numbered
-// points for the kernel's boot trace. Callable from any thread.
+// The daemon's progress through boot: the time stamp that begins many log lines, and numbered
+// points for the kernel's boot trace. Every room uses the stamp, the start-up sequence writes the
+// points. Callable from any thread.
 #pragma once
 
 #include <cstdint>
@@ -17,15 +18,17 @@ inline constexpr uint32_t POINT_ZORNMGR_READY = 0x30000001;
 inline constexpr uint32_t POINT_VINTOR_READY = 0x40000001;
 inline constexpr uint32_t POINT_ALL_STARTED = 0xFFFFFFFF;
 
-// The clock of the stamps: the processor's virtual counter where it has one. Async-signal-safe.
+// The present value of the clock that the stamps show: the processor's virtual counter, or the
+// monotonic clock in nanoseconds on a processor without one. Async-signal-safe.
 uint64_t ReadBootCounter();
 
-// "[SECONDSs][BOOT_TRACE][TAG]" with the seconds since boot, now or at a counter read before.
+// "[SECONDSs][BOOT_TRACE][TAG]" with the seconds since boot: now, or when ReadBootCounter()
+// returned `counter`.
 std::string BootStrace(const std::string& tag);
 std::string BootStraceAt(uint64_t counter, const std::string& tag);
 
-// Hands one point to the kernel's boot trace and, for the most important ones, to the serial
-// console. A kernel without the interface is no failure.
+// Writes one point to the kernel's boot trace, if the kernel has one, and the points POINT_MAIN,
+// POINT_CONTINUE_INIT and POINT_ALL_STARTED to the serial console as well.
 void WriteBootTracePoint(uint32_t code);
 
 }  // namespace ProcMgr

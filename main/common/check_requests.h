@@ -1,6 +1,7 @@
-// Where CheckThread learns that there is something to check. Containers ask for a pass whenever one
-// of their records may move; while nobody asks, the thread sleeps and its periodic cycles are left
-// out. The innermost lock: it may be taken under any other.
+// The requests for passes over what the check thread supervises. Containers request a pass whenever
+// one of their records may change its state; without a request the thread sleeps and leaves the
+// passes out. Callable from any thread. Its mutex is the innermost one: it may be taken under any
+// other.
 #pragma once
 
 #include <chrono>
@@ -10,63 +11,46 @@
 
 namespace ProcMgr {
 
-// The cycle of CheckThread.
+// The length of a cycle of the check thread.
 inline constexpr std::chrono::milliseconds CHECK_PERIOD{30};
 
-// What causes a pass over the applications. An extra pass looks only at exits of processes that had
-// lived longer than a period: it makes a restart prompt, and never a crash loop faster.
+// The kind of a pass. PERIODIC passes start on the grid of the check thread's cycles. An EXTRA pass
+// starts at once and looks only at the ends of processes that had lived longer than a cycle: it
+// makes a restart prompt, and never a crash loop faster.
 enum class CheckPass { PERIODIC, EXTRA };
 
 class CheckRequests {
 public:
-    // Asks for a pass at the next cycle.
-    void Request() { Set(false); }
-    // Asks for an extra pass at once, and for the next cycle's.
-    void RequestNow() { Set(true); }
+    // `clock` must outlive this object.
+    explicit CheckRequests(Clock& clock = Clock::System()) : clock_(clock) {}
 
-    // Ends every wait from now on.
-    void Stop() {
-        const LockGuard lock(mutex_);
-        isStopped_ = true;
-        changed_.NotifyAll();
-    }
+    // Requests a pass at the next cycle.
+    void Request() PROCMGR_EXCLUDES(mutex_) { Set(false); }
+    // Requests an extra pass at once, and a pass at the next cycle.
+    void RequestNow() PROCMGR_EXCLUDES(mutex_) { Set(true); }
 
-    // Waits while nothing is asked for, until `end` at most: false then.
-    bool WaitForAny(SteadyTime end) {
-        UniqueLock lock(mutex_);
-        return changed_.WaitUntil(lock, end, [this] { return isAsked_ || isStopped_; });
-    }
-    // Waits until `cycle`, or for something that is wanted at once: true then.
-    bool WaitForNow(SteadyTime cycle) {
-        UniqueLock lock(mutex_);
-        changed_.WaitUntil(lock, cycle, [this] { return isUrgent_ || isStopped_; });
-        return isUrgent_ && !isStopped_;
-    }
+    // Ends every wait, now and later.
+    void Stop() PROCMGR_EXCLUDES(mutex_);
+    bool IsStopped() const PROCMGR_EXCLUDES(mutex_);
 
-    // A pass begins: what was asked for up to now is its to find.
-    void Begin(CheckPass pass) {
-        const LockGuard lock(mutex_);
-        isUrgent_ = false;
-        isAsked_ = isAsked_ && pass == CheckPass::EXTRA;
-    }
+    // The check thread's operations.
+
+    // Waits until a pass is requested, or Stop() is called. False when neither was by `end`.
+    bool WaitForAny(SteadyTime end) PROCMGR_EXCLUDES(mutex_);
+    // Waits until an extra pass is requested: true. False at `end` and after Stop().
+    bool WaitForNow(SteadyTime end) PROCMGR_EXCLUDES(mutex_);
+    // Called when a pass begins: the pass serves the requests made before this call.
+    void Begin(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
 
 private:
-    void Set(bool isUrgent) {
-        const LockGuard lock(mutex_);
-        if (isAsked_ && (isUrgent_ || !isUrgent)) {
-            return;
-        }
-        isAsked_ = true;
-        isUrgent_ = isUrgent_ || isUrgent;
-        changed_.NotifyOne();
-    }
+    void Set(bool isUrgent) PROCMGR_EXCLUDES(mutex_);
 
-    Mutex mutex_;
+    Clock& clock_;
+    mutable Mutex mutex_;
     Condition changed_;
-    // All guarded by mutex_.
-    bool isAsked_ = false;
-    bool isUrgent_ = false;
-    bool isStopped_ = false;
+    bool isRequested_ PROCMGR_GUARDED_BY(mutex_) = false;
+    bool isUrgent_ PROCMGR_GUARDED_BY(mutex_) = false;  // an extra pass is requested
+    bool isStopped_ PROCMGR_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace ProcMgr

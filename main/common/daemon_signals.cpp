@@ -14,7 +14,7 @@
 namespace ProcMgr {
 namespace {
 
-// Exit status of a process that a signal ended, as shells print it.
+// Added to the number of the signal that ends a process, gives the exit status that shells print.
 constexpr int EXIT_SIGNALED = 128;
 
 std::atomic<bool> g_continueReceived{false};
@@ -22,7 +22,8 @@ std::atomic<uint64_t> g_continueCounter{0};
 std::atomic<bool> g_stopRequested{false};
 std::atomic<bool> g_hangUp{false};
 std::atomic<int> g_eventFd{-1};
-// What a fault meant before, for example to a sanitizer: by the order of FAULT_SIGNALS.
+// The earlier dispositions of the fault signals, for example a sanitizer's; in the order of
+// FAULT_SIGNALS.
 struct sigaction g_faultActions[std::size(Wire::FAULT_SIGNALS)];
 static_assert(std::atomic<uint64_t>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
@@ -42,7 +43,8 @@ void OnHangUp(int /*signal*/) {
     WakeSignalEvent();
 }
 
-// The signal is sent again under its earlier disposition; it comes when this handler returns.
+// Restores the earlier disposition and raises the signal again. The signal is blocked while this
+// handler runs, so it is delivered when the handler returns.
 void OnFault(int signal) {
     WriteLogInSignal();
     for (size_t i = 0; i < std::size(Wire::FAULT_SIGNALS); ++i) {
@@ -104,7 +106,7 @@ void InstallSignals() {
     Install(SIGCHLD, OnChildSignal, SA_RESTART | SA_NOCLDSTOP);
     Install(SIGHUP, OnHangUp, SA_RESTART);
     InstallFaultSignals();
-    // Whoever started the daemon may have left them blocked.
+    // The signals may be blocked by inheritance from the process that has started the daemon.
     sigset_t changed;
     sigemptyset(&changed);
     for (const int signal : CHANGED_SIGNALS) {

@@ -1,7 +1,8 @@
-// The signals that the daemon handles: SIGCONT ends the quick-start wait, SIGTERM and SIGINT ask
-// for an orderly stop, SIGCHLD wakes the reaper, SIGHUP and SIGPIPE are ignored, a fault of the
-// daemon's own writes out its log before it ends the process. The other handlers only store and
-// wake. Also the one list of dispositions that a child has to take back.
+// The signals that the daemon handles: SIGCONT ends the quick-start wait, SIGTERM and SIGINT
+// request an orderly stop, SIGCHLD wakes the reaper, SIGHUP is only logged, SIGPIPE is ignored. A
+// fault signal of the daemon writes out the log before it ends the process; the other handlers set
+// a flag and wake the wait thread. main() installs the handlers; the child set-up uses
+// CHANGED_SIGNALS.
 #pragma once
 
 #include <csignal>
@@ -9,31 +10,34 @@
 
 namespace ProcMgr {
 
-// Every signal whose disposition the daemon changes.
+// Every signal whose disposition the daemon changes. A child restores the default dispositions.
 inline constexpr int CHANGED_SIGNALS[] = {SIGCONT, SIGPIPE, SIGTERM, SIGINT, SIGCHLD, SIGHUP,
                                           SIGSEGV, SIGBUS,  SIGFPE,  SIGILL, SIGABRT};
 
-// Installed first of all, so that a SIGCONT sent at once is not missed.
+// To be called before anything else, so that a SIGCONT right after the daemon's start is not
+// missed.
 void InstallContinueSignal();
-// Stores the boot counter and sets the continue flag; later signals only move the counter.
+// The handler of SIGCONT: stores the boot counter and sets the continue flag. Every later SIGCONT
+// replaces the stored counter.
 void OnContinueSignal(int signal);
 bool IsContinueReceived();
-// The counter at the last SIGCONT; 0 when there was none.
+// The boot counter at the last SIGCONT; 0 before the first.
 uint64_t GetContinueCounter();
 
-// Installs all but SIGCONT's. A second stop signal ends the process at once. SIGCHLD is blocked in
-// the calling thread and those that it starts.
+// Installs the handlers of all signals but SIGCONT. A second stop signal ends the process at once.
+// Blocks SIGCHLD in the calling thread and so in the threads that it starts.
 void InstallSignals();
-// From now on the calling thread gets SIGCHLD: no other has to wake up to pass it on.
+// Unblocks SIGCHLD in the calling thread, the wait thread: the kernel then wakes no other thread
+// for the signal.
 void TakeChildSignals();
 bool IsStopRequested();
-// Whether a SIGHUP has come since the last call.
+// Whether a SIGHUP has arrived since the last call.
 bool TakeHangUp();
 
-// Becomes readable when a child has changed its state or a stop was asked for; -1 before
-// InstallSignals. Read it to make it wait again.
+// An event descriptor that becomes readable when a handled signal has arrived; -1 before
+// InstallSignals(). A read of 8 bytes clears the event.
 int GetSignalEventFd();
-// Makes it readable: async-signal-safe.
+// Makes the event descriptor readable. Async-signal-safe.
 void WakeSignalEvent();
 
 }  // namespace ProcMgr

@@ -21,8 +21,8 @@ InstanceLock::~InstanceLock() {
     }
 }
 
-// A record lock belongs to the process: a child does not inherit it, and the kernel names its
-// owner.
+// A record lock belongs to the process: a child does not inherit it, and the kernel can give the
+// pid of the process that holds it.
 std::optional<pid_t> InstanceLock::Take() {
     fd_ = open(LOCK_FILE, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, LOCK_MODE);
     if (fd_ < 0) {

@@ -1,4 +1,5 @@
-// One daemon on a machine: the lock file of the first, which the kernel releases when it is gone.
+// The lock file that keeps a machine from running two daemons. main() takes the lock; the kernel
+// releases it when the daemon's process ends.
 #pragma once
 
 #include <sys/types.h>
@@ -14,8 +15,9 @@ public:
     InstanceLock(const InstanceLock&) = delete;
     InstanceLock& operator=(const InstanceLock&) = delete;
 
-    // Takes the lock for the life of this object. Nothing on success, else the pid of the process
-    // that has it. A lock file that cannot be made is logged, and the daemon goes on without.
+    // Takes the lock for the lifetime of this object. Nothing on success, else the pid of the
+    // process that holds the lock. Nothing, with a log line, also when the lock file cannot be
+    // used: the daemon then runs without the lock.
     std::optional<pid_t> Take();
 
 private:

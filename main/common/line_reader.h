@@ -1,5 +1,6 @@
-// A text file, read line by line through a buffer of fixed size: however long its lines are, it
-// costs no more memory. For files that the daemon does not write itself.
+// Reads a text file line by line through a buffer of fixed size, so that the length of the lines
+// does not decide about the daemon's memory. For files that others write. Each object belongs to
+// one thread.
 #pragma once
 
 #include <cstddef>
@@ -17,12 +18,12 @@ class LineReader {
 public:
     static constexpr size_t DEFAULT_LENGTH_MAX = 1023;
 
-    // Opens the file, close-on-exec. A line of more than `lengthMax` characters comes in pieces.
+    // Opens the file, close-on-exec. A line of more than `lengthMax` characters is read in pieces.
     explicit LineReader(const std::string& path, size_t lengthMax = DEFAULT_LENGTH_MAX);
-    // Reads from an open descriptor, which may be none.
+    // Reads from an open descriptor. With an invalid descriptor there is no line.
     explicit LineReader(Wire::UniqueFd fd, size_t lengthMax = DEFAULT_LENGTH_MAX);
 
-    // False, with errno of the open right after construction, when there is nothing to read.
+    // False when the file could not be opened. Right after the construction errno holds the reason.
     bool IsOpen() const { return file_ != nullptr; }
 
     // The next line without its line end, valid until the next call; nothing at the end of the

@@ -12,7 +12,7 @@ namespace {
 
 std::atomic<bool> g_isKernel{false};
 
-// The limit that holds for the calling thread; null: none.
+// The limit of the calling thread; null when it has none.
 thread_local LogLimit* g_limit = nullptr;
 
 void Add(LogSink sink, int level, const char* format, va_list arguments) {
@@ -42,7 +42,7 @@ void SetLogToKernel(bool isKernel) {
 }
 
 void OpenLog() {
-    // The time zone is read from its file here, and not under the log's lock.
+    // Reads the file of the time zone now, because the first line would do so under the log's lock.
     tzset();
     openlog(PROCMGR_NAME, LOG_PID, LOG_USER);
 }

@@ -1,6 +1,6 @@
-// The daemon's one log facility. In quick-start mode lines go to the kernel log, because the system
-// logger does not run yet, otherwise to syslog. Every room calls it, from any thread; nobody waits
-// for a sink. A child between fork and exec must not log.
+// The daemon's log. In quick-start mode lines go to the kernel log, because the system logger does
+// not run yet, otherwise to syslog. Every room logs, from any thread and with any lock held: the
+// lines are queued and written by a thread of the log. A child between fork and exec must not log.
 #pragma once
 
 #include <syslog.h>
@@ -16,32 +16,33 @@ inline constexpr const char* PROCMGR_NAME = "PROCMGR";
 // Logs one line at LOG_ERR, LOG_WARNING, LOG_INFO or LOG_DEBUG.
 void ProcMgrLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// As above, but to syslog whatever the mode: for lines that must not fill the kernel log.
+// The same, but always to syslog: for lines that must not fill the kernel log.
 void ProcMgrSysLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // Selects where the lines of ProcMgrLog() go from now on: the kernel log or syslog, which is the
 // default.
 void SetLogToKernel(bool isKernel);
 
-// Opens syslog under the daemon's identity, for what libraries write there themselves.
+// Sets the daemon's identity for libraries that call syslog() themselves.
 void OpenLog();
-// Writes out what is queued, for at most `patience`, and closes the log. Lines that are logged
-// afterwards open it again.
+// Writes out the queued lines, for at most `patience`, and ends the log's thread. The next line
+// starts it again.
 void CloseLog(std::chrono::milliseconds patience = std::chrono::milliseconds(250));
-// Writes out what can be written at once; async-signal-safe.
+// Writes out the queued lines that can be written at once. Async-signal-safe; for a process that is
+// about to end.
 void WriteLogInSignal();
 
-// Bounds what the calling thread logs while it handles one request of somebody who is not trusted.
-// When the object goes, one line says how many lines were left out. One at a time in a thread.
+// Bounds the lines of the calling thread while it handles one request of an untrusted peer. The
+// destructor logs how many lines were left out. A thread has at most one such object at a time.
 class LogLimit {
 public:
-    // `subject` is named in that line and must live as long as this object.
+    // `subject` is named in the line of the destructor and must outlive this object.
     explicit LogLimit(const char* subject);
     ~LogLimit();
     LogLimit(const LogLimit&) = delete;
     LogLimit& operator=(const LogLimit&) = delete;
 
-    // While it lives, the calling thread's limit does not hold.
+    // Suspends the calling thread's limit for the lifetime of the object.
     class Pause {
     public:
         Pause();
@@ -53,11 +54,11 @@ public:
         LogLimit* const limit_;
     };
 
-    // Whether a line of that level may still be logged; counts it. True without a limit.
+    // Counts a line of that level. False when the limit leaves it out; true without a limit.
     static bool Take(int level);
 
 private:
-    // What is wrong with a request is told in so many lines, what is done for it in so many.
+    // The number of lines at LOG_WARNING and more severe, and the number of other lines.
     static constexpr size_t PROBLEMS_MAX = 8;
     static constexpr size_t NOTES_MAX = 256;
 

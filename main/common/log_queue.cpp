@@ -27,17 +27,20 @@ namespace {
 constexpr const char* KERNEL_LOG = "/dev/kmsg";
 constexpr size_t SYSTEM_RING = size_t{1} << 20;
 constexpr size_t KERNEL_RING = size_t{256} << 10;
-// A logger takes no longer line than this.
+// System loggers cut longer lines.
 constexpr size_t LINE_MAX_LENGTH = 8192;
-// Of the line that tells how many lines were dropped.
+// The room for the line about dropped lines.
 constexpr size_t COUNT_LINE_LENGTH = 256;
 constexpr size_t BATCH = 64;
-// While lines come in a burst the thread looks for them by itself, and nobody has to wake it.
+// After a line the thread stays awake for this time: in a burst of lines the logging threads then
+// do not have to wake it for each.
 constexpr std::chrono::milliseconds BURST_PAUSE{1};
-// Between two attempts to reach a logger that is absent or has no room.
+// The pause between two attempts to reach a logger that is absent.
 constexpr std::chrono::milliseconds LOGGER_PAUSE{100};
+// The longest single wait for a logger that has no room.
 constexpr std::chrono::milliseconds ROOM_PATIENCE{20};
-// Lines wait so long, in seconds, for a logger that is absent, for example at early boot.
+// The time in seconds for which a line waits for a logger that is absent, for example at early
+// boot.
 constexpr uint32_t ABSENCE_MAX = 10;
 
 uint32_t CoarseSecond() {
@@ -48,50 +51,61 @@ uint32_t CoarseSecond() {
 
 class Writer {
 public:
-    void Add(LogSink sink, int level, const char* format, va_list arguments);
-    void Close(std::chrono::milliseconds patience);
-    void WriteInSignal();
+    void Add(LogSink sink, int level, const char* format, va_list arguments)
+        PROCMGR_EXCLUDES(mutex_);
+    void Close(std::chrono::milliseconds patience) PROCMGR_EXCLUDES(mutex_);
+    // In a signal handler no lock can be taken: see LogRing::VisitInSignal().
+    void WriteInSignal() PROCMGR_UNCHECKED;
 
 private:
     enum class Progress { DONE, NO_ROOM, NO_LOGGER };
 
-    void Start();
-    void Run();
-    bool Rest(Progress progress);
-    bool IsEmpty() const { return system_.IsEmpty() && kernel_.IsEmpty(); }
-    size_t WriteHeader(LogSink sink, int level, char* out);
-    size_t WriteSystemHeader(int level, char* out);
-    void Format(LogRing& ring, LogSink sink, int level, const char* format, va_list arguments);
-    void WriteKernelLines();
-    Progress WriteSystemLines();
-    // The oldest lines, in batch_.
-    std::span<const LogRing::Line> TakeBatch(const LogRing& ring);
+    LogRing& RingOf(LogSink sink) PROCMGR_REQUIRES(mutex_) {
+        return sink == LogSink::KERNEL ? kernel_ : system_;
+    }
+    bool IsEmpty() const PROCMGR_REQUIRES(mutex_) { return system_.IsEmpty() && kernel_.IsEmpty(); }
+    void Start() PROCMGR_REQUIRES(mutex_);
+    // Return the length of the header.
+    size_t WriteHeader(LogSink sink, int level, char* out) PROCMGR_REQUIRES(mutex_);
+    size_t WriteSystemHeader(int level, char* out) PROCMGR_REQUIRES(mutex_);
+    void Format(LogSink sink, int level, const char* format, va_list arguments)
+        PROCMGR_REQUIRES(mutex_);
+
+    // The operations of the log's thread.
+    void Run() PROCMGR_EXCLUDES(mutex_);
+    // Waits until there is something to write. True when the thread is to end.
+    bool Rest(Progress progress) PROCMGR_EXCLUDES(mutex_);
+    void WriteKernelLines() PROCMGR_EXCLUDES(mutex_);
+    Progress WriteSystemLines() PROCMGR_EXCLUDES(mutex_);
+    // The oldest lines of a ring, in batch_.
+    std::span<const LogRing::Line> TakeBatch(LogSink sink) PROCMGR_EXCLUDES(mutex_);
     static void WriteKernelLine(std::string_view line);
-    void PopLines(LogRing& ring, size_t count);
-    void DropLine();
-    void ReportDropped();
+    void PopLines(LogSink sink, size_t count) PROCMGR_EXCLUDES(mutex_);
+    void DropLine() PROCMGR_EXCLUDES(mutex_);
+    void ReportDropped() PROCMGR_EXCLUDES(mutex_);
 
     Mutex mutex_;
     Condition added_;
-    // All guarded by mutex_; the bytes of a line that has been taken stay in place until it is
-    // popped, which only the thread does.
-    LogRing system_{SYSTEM_RING};
-    LogRing kernel_{KERNEL_RING};
-    uint64_t dropped_ = 0;  // lines without room since the logger last took one
-    time_t stampSecond_ = -1;
-    std::array<char, 20> stamp_{};  // for stampSecond_
-    bool isIdle_ = false;           // the thread waits to be woken
-    bool isRunning_ = false;
-    bool isClosing_ = false;
-    SteadyTime closeBy_{};
-    std::thread thread_;
+    // The bytes of a line that TakeBatch() has returned stay in place without the lock until
+    // PopLines(): only the thread removes lines.
+    LogRing system_ PROCMGR_GUARDED_BY(mutex_){SYSTEM_RING};
+    LogRing kernel_ PROCMGR_GUARDED_BY(mutex_){KERNEL_RING};
+    // Lines without room since the logger last took a line.
+    uint64_t dropped_ PROCMGR_GUARDED_BY(mutex_) = 0;
+    time_t stampSecond_ PROCMGR_GUARDED_BY(mutex_) = -1;
+    std::array<char, 20> stamp_ PROCMGR_GUARDED_BY(mutex_){};  // the text of stampSecond_
+    bool isIdle_ PROCMGR_GUARDED_BY(mutex_) = false;           // the thread waits to be woken
+    bool isRunning_ PROCMGR_GUARDED_BY(mutex_) = false;
+    bool isClosing_ PROCMGR_GUARDED_BY(mutex_) = false;
+    SteadyTime closeBy_ PROCMGR_GUARDED_BY(mutex_){};
+    std::thread thread_ PROCMGR_GUARDED_BY(mutex_);
 
-    // The thread's.
+    // Used by the log's thread, and by Close() once the thread has ended.
     SystemLogger logger_;
     std::array<LogRing::Line, BATCH> batch_{};
 };
 
-// Never destroyed: threads of libraries may log until the very end.
+// Never destroyed: threads of libraries may log until the process ends.
 Writer& GetWriter() {
     static auto* writer = new Writer;
     return *writer;
@@ -99,7 +113,7 @@ Writer& GetWriter() {
 
 void Writer::Add(LogSink sink, int level, const char* format, va_list arguments) {
     const LockGuard lock(mutex_);
-    Format(sink == LogSink::KERNEL ? kernel_ : system_, sink, level, format, arguments);
+    Format(sink, level, format, arguments);
     if (!isRunning_) {
         Start();
     }
@@ -109,7 +123,8 @@ void Writer::Add(LogSink sink, int level, const char* format, va_list arguments)
     }
 }
 
-void Writer::Format(LogRing& ring, LogSink sink, int level, const char* format, va_list arguments) {
+void Writer::Format(LogSink sink, int level, const char* format, va_list arguments) {
+    LogRing& ring = RingOf(sink);
     char* line = ring.Reserve(LINE_MAX_LENGTH);
     if (line == nullptr) {
         ++dropped_;
@@ -166,7 +181,6 @@ void Writer::Run() {
     }
 }
 
-// Waits until there is something to do again. True when the thread is to end.
 bool Writer::Rest(Progress progress) {
     UniqueLock lock(mutex_);
     const SteadyTime now = std::chrono::steady_clock::now();
@@ -177,41 +191,45 @@ bool Writer::Rest(Progress progress) {
         return false;
     }
     if (progress == Progress::NO_LOGGER) {
-        added_.WaitUntil(lock, now + LOGGER_PAUSE,
-                         [this] { return !kernel_.IsEmpty() || isClosing_; });
+        added_.WaitUntil(lock, now + LOGGER_PAUSE, [this]() PROCMGR_REQUIRES(mutex_) {
+            return !kernel_.IsEmpty() || isClosing_;
+        });
         return false;
     }
     if (IsEmpty()) {
-        added_.WaitUntil(lock, now + BURST_PAUSE, [this] { return isClosing_; });
+        added_.WaitUntil(lock, now + BURST_PAUSE,
+                         [this]() PROCMGR_REQUIRES(mutex_) { return isClosing_; });
     }
     if (IsEmpty()) {
         isIdle_ = true;
-        added_.Wait(lock, [this] { return !isIdle_ || isClosing_; });
+        added_.Wait(lock, [this]() PROCMGR_REQUIRES(mutex_) { return !isIdle_ || isClosing_; });
         isIdle_ = false;
     }
     return false;
 }
 
-std::span<const LogRing::Line> Writer::TakeBatch(const LogRing& ring) {
+std::span<const LogRing::Line> Writer::TakeBatch(LogSink sink) {
     const LockGuard lock(mutex_);
-    return std::span(batch_).first(ring.Peek(batch_));
+    return std::span(batch_).first(RingOf(sink).Peek(batch_));
 }
 
-void Writer::PopLines(LogRing& ring, size_t count) {
+void Writer::PopLines(LogSink sink, size_t count) {
     const LockGuard lock(mutex_);
+    LogRing& ring = RingOf(sink);
     for (; count > 0; --count) {
         ring.Pop();
     }
 }
 
-// Opened for each line: the kernel takes a few lines at a time from one descriptor.
+// The kernel log is opened for each line, because the kernel limits the rate of lines of one
+// descriptor.
 void Writer::WriteKernelLines() {
     MayWait("the kernel log");
-    const auto lines = TakeBatch(kernel_);
+    const auto lines = TakeBatch(LogSink::KERNEL);
     for (const LogRing::Line& line : lines) {
         WriteKernelLine(line.text);
     }
-    PopLines(kernel_, lines.size());
+    PopLines(LogSink::KERNEL, lines.size());
 }
 
 void Writer::WriteKernelLine(std::string_view line) {
@@ -223,14 +241,14 @@ void Writer::WriteKernelLine(std::string_view line) {
 }
 
 Writer::Progress Writer::WriteSystemLines() {
-    const auto lines = TakeBatch(system_);
+    const auto lines = TakeBatch(LogSink::SYSTEM);
     size_t sent = 0;
     SystemLogger::Sent result = SystemLogger::Sent::YES;
     while (sent < lines.size() && result == SystemLogger::Sent::YES) {
         result = logger_.Send(lines[sent].text);
         sent += result == SystemLogger::Sent::YES ? 1 : 0;
     }
-    PopLines(system_, sent);
+    PopLines(LogSink::SYSTEM, sent);
     if (sent > 0) {
         ReportDropped();
     }
@@ -253,7 +271,7 @@ void Writer::DropLine() {
     ++dropped_;
 }
 
-// Without room for the line the count goes on.
+// Without room for the line the count is kept for the next attempt.
 void Writer::ReportDropped() {
     const LockGuard lock(mutex_);
     char* line = dropped_ == 0 ? nullptr : system_.Reserve(COUNT_LINE_LENGTH);

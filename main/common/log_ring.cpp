@@ -5,7 +5,7 @@
 namespace ProcMgr {
 namespace {
 
-// An empty ring keeps so much of its memory and gives the rest back to the system.
+// The bytes that an empty ring keeps; it gives the rest of its memory back to the system.
 constexpr size_t KEPT = size_t{64} << 10;
 
 }  // namespace
@@ -23,7 +23,7 @@ LogRing::~LogRing() {
 
 char* LogRing::Reserve(size_t length) {
     const size_t needed = Footprint(length);
-    // The last header's place is left free: a filler always has room for its own header.
+    // Room for one more header is left free, so that a filler always has room for its own.
     const size_t end = size_ - head_ % size_;
     const bool isWrapped = end < needed + sizeof(Header);
     const size_t filler = isWrapped ? end : 0;
@@ -78,7 +78,7 @@ void LogRing::Restart() {
     if (head_ > KEPT) {
         madvise(memory_ + KEPT, size_ - KEPT, MADV_DONTNEED);
     }
-    // The tail first: a reader in a signal handler sees an empty ring at every step.
+    // The tail is moved first, so that a signal handler sees an empty ring after every step.
     tail_ = UINT64_MAX;
     head_ = 0;
     tail_ = 0;

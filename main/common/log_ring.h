@@ -1,6 +1,6 @@
-// A bounded queue of lines in one block of memory. The log's queue fills it under its lock; one
-// thread takes lines out. The memory is mapped at once and costs only the pages that lines have
-// touched: an empty ring starts at its first page again.
+// A bounded queue of lines in one block of memory. The log queue calls it under the queue's lock.
+// The whole block is mapped at the construction, but only the pages that lines have touched take
+// memory: an emptied ring starts at its first page again.
 #pragma once
 
 #include <atomic>
@@ -13,14 +13,14 @@ namespace ProcMgr {
 
 class LogRing {
 public:
-    // A ring of `size` bytes. Without memory every Reserve() is refused.
+    // A ring of `size` bytes. When there is no memory for them, Reserve() returns null.
     explicit LogRing(size_t size);
     ~LogRing();
     LogRing(const LogRing&) = delete;
     LogRing& operator=(const LogRing&) = delete;
 
-    // Room for one line of at most `length` bytes behind the last one; null when there is none.
-    // The line is in the ring after Commit() with the length that was used.
+    // Returns room for one line of at most `length` bytes; null when there is none. Commit() puts
+    // the line, with the length that it has and the present second, into the ring.
     char* Reserve(size_t length);
     void Commit(size_t length, uint32_t second);
 
@@ -29,13 +29,13 @@ public:
         uint32_t second = 0;    // as given to Commit()
     };
     bool IsEmpty() const { return tail_ == head_; }
-    // Fills `lines` with the oldest lines; returns how many there are.
+    // Fills `lines` with the oldest lines; returns their number.
     size_t Peek(std::span<Line> lines) const;
     // Removes the oldest line. Only when the ring is not empty.
     void Pop();
 
     // Calls `take` for every line that can be read without a lock. For a signal handler of a
-    // process that is about to end: what another thread does at that moment may be missing.
+    // process that is about to end: a line that another thread adds at that moment may be missing.
     template <typename Take>
     void VisitInSignal(Take take) const {
         for (uint64_t at = tail_, end = head_; at < end;) {

@@ -9,7 +9,7 @@ namespace ProcMgr {
 namespace {
 
 struct RetryRule {
-    int result;  // that is tried again
+    int result;  // after which another attempt is made
     int attempts;
     std::chrono::milliseconds pause;
 };

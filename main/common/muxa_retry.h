@@ -1,6 +1,6 @@
-// The messaging library's calls with the daemon's fixed retries, for every room that sends or
-// closes. Callable from any thread; each blocks while it retries, for 2 s at most, and returns the
-// last result of the wrapped call.
+// The calls of the messaging library with the daemon's fixed retries. Each call blocks while it
+// retries, for 2 s at most, and returns the last result of the library. Callable from any thread,
+// without a lock.
 #pragma once
 
 #include <chrono>
@@ -10,20 +10,23 @@
 
 namespace ProcMgr {
 
-// Results of the library that are worth another attempt.
+// The results of the library after which another attempt is made.
 inline constexpr int MUXA_TRY_AGAIN = -11;
 inline constexpr int MUXA_BUSY = -16;
 
-// How often a send is attempted, and the pause between two attempts.
+// The number of attempts to send, and the pause between two of them.
 inline constexpr int SEND_ATTEMPTS = 401;
 inline constexpr std::chrono::milliseconds SEND_PAUSE{5};
 
+// The daemon itself calls only the response and the close with a deadline: reports are sent by the
+// report thread, which makes its retries without waiting. The others complete the retry rules of
+// the library's calls for code that may wait, for example a start-up sequence of the platform.
 int ProcMgrMuxaSendRequest(int fd, const MuxaRequest* request);
 int ProcMgrMuxaSendResponse(int fd, const MuxaResponse* response);
 int ProcMgrMuxaRPCSync(int fd, MuxaRequest* request, MuxaResponse* response);
 int ProcMgrMuxaTimedRPCSync(int fd, MuxaRequest* request, MuxaResponse* response, int timeout);
 int ProcMgrMuxaClosePipe(int fd);
-// The same, with no attempt after `end` but one right then.
+// The same with a deadline: when `end` comes during a pause, one last attempt is made at once.
 int ProcMgrMuxaClosePipeBy(int fd, SteadyTime end);
 
 }  // namespace ProcMgr

@@ -1,5 +1,5 @@
-// Decimal numbers in texts from outside: files, the boot command line, records. Called by every
-// room, from any thread; no function throws or depends on the locale.
+// Reads decimal numbers in texts that others have written: files, the boot command line, records.
+// Every room uses it, from any thread; no function throws or depends on the locale.
 #pragma once
 
 #include <charconv>
@@ -9,8 +9,8 @@
 
 namespace ProcMgr {
 
-// The number that the whole of `text` is: digits, and for a signed type a '-' before them. Nothing
-// for any other text and for a number that Integer cannot hold.
+// The number that the whole of `text` represents: digits, and for a signed type a '-' before them.
+// Nothing for any other text and for a number that Integer cannot hold.
 template <typename Integer>
 std::optional<Integer> ParseNumber(std::string_view text) {
     Integer number = 0;

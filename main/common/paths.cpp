@@ -9,7 +9,7 @@
 namespace ProcMgr {
 namespace {
 
-// The longest path that is taken from outside.
+// The longest path that is accepted, in characters.
 constexpr size_t PATH_LENGTH_MAX = 4096;
 static_assert(PATH_MAX <= PATH_LENGTH_MAX + 1, "realpath may write PATH_MAX bytes");
 
@@ -29,7 +29,7 @@ bool StandardizationPath(const std::string& in, std::string& out) {
 
 bool IsRootsAlone(const std::string& path) {
     struct stat file {};
-    // A device is refused: to open it may have an effect.
+    // A device is refused, because opening it may have an effect.
     return stat(path.c_str(), &file) == 0 && (S_ISREG(file.st_mode) || S_ISDIR(file.st_mode)) &&
            file.st_uid == 0 && (file.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }

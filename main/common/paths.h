@@ -1,5 +1,6 @@
-// Paths that come from outside: their resolved form, and who may write to them. Callable from any
-// thread; both functions ask the path's file system, which may take long.
+// Checks of paths that others give to the daemon: the resolved form of a path, and the right to
+// write to a file. Callable from any thread without a lock, because the path's file system may take
+// long to answer.
 #pragma once
 
 #include <string>
@@ -10,8 +11,8 @@ namespace ProcMgr {
 // than 4096 characters or names nothing that exists.
 bool StandardizationPath(const std::string& in, std::string& out);
 
-// Whether this is a regular file or a directory of root's that nobody else may write to. A file
-// that decides about processes that run as root must be so.
+// Whether the path is a regular file or a directory that belongs to root and that only root may
+// write to. Required of every file that decides about processes that run as root.
 bool IsRootsAlone(const std::string& path);
 
 }  // namespace ProcMgr

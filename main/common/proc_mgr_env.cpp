@@ -38,7 +38,8 @@ void ProcMgrEnv::CreateChildErrorPipe() {
     fcntl(ends[0], F_SETFD, FD_CLOEXEC);
     fcntl(ends[1], F_SETFD, FD_CLOEXEC);
     fcntl(ends[1], F_SETFL, O_NONBLOCK);
-    // Takes what a burst of failing children says; where it may not be so large it stays smaller.
+    // Room for the error texts of many children that fail at once. The kernel may refuse the size;
+    // the pipe then keeps its default.
     fcntl(ends[1], F_SETPIPE_SZ, CHILD_ERROR_PIPE_SIZE);
     childErrorReadFd_ = ends[0];
     childErrorWriteFd_ = ends[1];

@@ -1,6 +1,6 @@
-// What the whole process knows about itself: pid, quick-start mode, the switches of the boot
-// command line, the board, the child error pipe, the HOME of what it starts. Filled during start-up
-// by the main and the start-up thread, read from any thread.
+// The properties of the daemon's process: pid, quick-start mode, switches of the boot command line,
+// board slot, child error pipe, HOME of the processes that it starts. The main thread and the
+// start-up thread set them during start-up; any thread reads them.
 #pragma once
 
 #include <sys/types.h>
@@ -11,7 +11,7 @@
 
 namespace ProcMgr {
 
-// The variable in which a process of the platform has its name.
+// The environment variable that holds the name of a process of the platform.
 inline constexpr const char* ENV_PROC_NAME = "PROC_NAME";
 
 class ProcMgrEnv {
@@ -19,18 +19,18 @@ public:
     // The one instance, created on first use.
     static ProcMgrEnv& GetInstance();
 
-    // -1 until it is stored.
+    // The pid of the daemon; -1 before StorePid().
     pid_t GetPid() const { return pid_; }
     void StorePid();
 
-    // True from the start with the quick-start argument to the end of the quick-start wait. The log
-    // goes to the kernel for that time: the system logger does not run yet.
+    // True from a start with the quick-start argument to the end of the quick-start wait. Log lines
+    // go to the kernel log for that time, because the system logger does not run yet.
     bool IsQuickStart() const { return quickStart_; }
     void SetQuickStart(bool quickStart);
 
-    // Creates the pipe over which children say why they failed before their program ran. Its
-    // descriptors do not pass into programs, and writing never blocks: a child must reach its exec
-    // even when nobody reads. Both descriptors are -1 on failure.
+    // Creates the pipe into which a child writes the reason when its set-up fails before exec. Both
+    // descriptors are close-on-exec, and -1 on failure. Writing never blocks: a child must reach
+    // its exec even when nobody reads.
     void CreateChildErrorPipe();
     void CloseChildErrorPipe();
     int GetChildErrorReadFd() const { return childErrorReadFd_; }
@@ -45,17 +45,20 @@ public:
     void SetDisableWatchDog(bool disable) { disableWatchDog_ = disable; }
     bool IsVeskcoreEnable() const { return veskcoreEnable_; }
     void SetVeskcoreEnable(bool enable) { veskcoreEnable_ = enable; }
-    // A base-service YAML in place of the command line's, normalised; empty when there is none.
+    // The base-service file that replaces the one of the daemon's arguments, as a normalised path;
+    // empty when the boot command line names none.
     const std::string& GetStartupYaml() const { return startupYaml_; }
     void SetStartupYaml(const std::string& path) { startupYaml_ = path; }
-    // "RESUME_FAIL" or "SUSPEND_FAIL" when the last boot ended so, else empty.
+    // "RESUME_FAIL" or "SUSPEND_FAIL" when the last run of the system ended with that failure, else
+    // empty. Recorded, like the two switches above, for a start-up sequence of the platform; the
+    // daemon itself only logs it.
     const std::string& GetRebootReason() const { return rebootReason_; }
     void SetRebootReason(const std::string& reason) { rebootReason_ = reason; }
 
     int32_t GetSlotId() const { return slotId_; }
     void SetSlotId(int32_t slotId) { slotId_ = slotId; }
 
-    // HOME of every process that is started; empty when no account gives it.
+    // The variable HOME of every process that is started; empty when no account has a home.
     const std::string& GetHome() const { return home_; }
     void SetHome(const std::string& home) { home_ = home; }
 
@@ -67,7 +70,7 @@ private:
     std::atomic<int> childErrorReadFd_{-1};
     std::atomic<int> childErrorWriteFd_{-1};
     std::atomic<int32_t> slotId_{0};
-    // Written before the first thread starts.
+    // Constant once the first thread has been started.
     bool selinuxEnable_ = false;
     bool disableWatchDog_ = false;
     bool veskcoreEnable_ = false;

@@ -33,7 +33,8 @@ void SerialWorker::Run() {
             UniqueLock lock(mutex_);
             isBusy_ = false;
             changed_.NotifyAll();
-            changed_.Wait(lock, [this] { return !jobs_.empty() || isStopping_; });
+            changed_.Wait(
+                lock, [this]() PROCMGR_REQUIRES(mutex_) { return !jobs_.empty() || isStopping_; });
             if (jobs_.empty()) {
                 isRunning_ = false;
                 changed_.NotifyAll();
@@ -54,7 +55,8 @@ void SerialWorker::Run() {
 
 bool SerialWorker::Drain(SteadyTime end) {
     UniqueLock lock(mutex_);
-    return changed_.WaitUntil(lock, end, [this] { return jobs_.empty() && !isBusy_; });
+    return changed_.WaitUntil(
+        lock, end, [this]() PROCMGR_REQUIRES(mutex_) { return jobs_.empty() && !isBusy_; });
 }
 
 bool SerialWorker::Stop(SteadyTime end) {
@@ -62,7 +64,8 @@ bool SerialWorker::Stop(SteadyTime end) {
         UniqueLock lock(mutex_);
         isStopping_ = true;
         changed_.NotifyAll();
-        if (!changed_.WaitUntil(lock, end, [this] { return !isRunning_; })) {
+        if (!changed_.WaitUntil(lock, end,
+                                [this]() PROCMGR_REQUIRES(mutex_) { return !isRunning_; })) {
             return false;
         }
     }

@@ -1,5 +1,6 @@
-// One thread that does jobs in the order in which they were given: for calls of a library that may
-// take long, so that nobody else waits for it.
+// One thread that runs jobs in the order in which they were posted: for calls of a library that may
+// take long and must not hold up the posting threads. The thread stays until Stop(), because its
+// jobs come throughout the daemon's life; see WorkerPool for short-lived threads.
 #pragma once
 
 #include <cstddef>
@@ -16,36 +17,36 @@ class SerialWorker {
 public:
     using Job = std::function<void()>;
 
-    // `name`, of at most 15 characters, is the thread's; the string must live on.
+    // `name`: of the thread, at most 15 characters; must outlive this object.
     explicit SerialWorker(const char* name) : name_(name) {}
     ~SerialWorker() { Stop(SteadyTime::max()); }
     SerialWorker(const SerialWorker&) = delete;
     SerialWorker& operator=(const SerialWorker&) = delete;
 
-    // Adds a job; any lock may be held. The thread is started with the first. False, and the job is
-    // dropped, when too many wait or there is no thread for it. Does not throw.
-    bool Post(Job job);
+    // Adds a job; any lock may be held. The first job starts the thread. False, and the job is
+    // dropped, when too many jobs wait or the thread cannot be started. Does not throw.
+    bool Post(Job job) PROCMGR_EXCLUDES(mutex_);
 
-    // Waits until every job that has been given is done, or for `end`: false then.
-    bool Drain(SteadyTime end);
+    // Waits until every posted job is done. False when one is not at `end`.
+    bool Drain(SteadyTime end) PROCMGR_EXCLUDES(mutex_);
 
-    // Does the jobs that wait and ends the thread. False when it still runs at `end`: it is then
-    // left to the end of the process, and the object must not be destroyed.
-    bool Stop(SteadyTime end);
+    // Runs the jobs that wait and ends the thread. False when the thread still runs at `end`: this
+    // object must then live until the process ends.
+    bool Stop(SteadyTime end) PROCMGR_EXCLUDES(mutex_);
 
 private:
     static constexpr size_t JOBS_MAX = 4096;
 
-    void Run();
+    void Run() PROCMGR_EXCLUDES(mutex_);
 
     const char* const name_;
     Mutex mutex_;
-    Condition changed_;
-    // All guarded by mutex_.
-    std::deque<Job> jobs_;
-    bool isBusy_ = false;
-    bool isStopping_ = false;
-    bool isRunning_ = false;
+    Condition changed_;  // any of the fields below has changed
+    std::deque<Job> jobs_ PROCMGR_GUARDED_BY(mutex_);
+    bool isBusy_ PROCMGR_GUARDED_BY(mutex_) = false;
+    bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
+    bool isRunning_ PROCMGR_GUARDED_BY(mutex_) = false;
+    // Set under mutex_; joined by Stop(), when isRunning_ has become false.
     std::thread thread_;
 };
 

@@ -16,7 +16,7 @@ namespace ProcMgr {
 namespace {
 
 constexpr char LOG_SOCKET[] = "/dev/log";
-// Between two attempts, where room is said to be and other senders are quicker to take it.
+// The pause after the socket has reported room: other senders may be quicker to use it.
 constexpr std::chrono::milliseconds ROOM_PAUSE{1};
 constexpr int SEND_FLAGS = MSG_DONTWAIT | MSG_NOSIGNAL;
 
@@ -60,7 +60,7 @@ bool SystemLogger::Connect() {
 
 SystemLogger::Sent SystemLogger::Send(std::string_view line) {
     MayWait("the system logger");
-    // The second attempt is for a logger that was started anew.
+    // The second attempt serves for a logger that has been restarted.
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (fd_ < 0 && !Connect()) {
             return Sent::NO_LOGGER;
@@ -74,7 +74,7 @@ SystemLogger::Sent SystemLogger::Send(std::string_view line) {
     return Sent::NO_LOGGER;
 }
 
-// A stream separates lines by their NUL and may take a line in parts.
+// On a stream lines are separated by a NUL, and a line may be accepted in parts.
 SystemLogger::Sent SystemLogger::SendOn(std::string_view line) {
     const size_t size = line.size() + (isStream_ ? 1 : 0);
     while (taken_ < size) {

@@ -1,5 +1,5 @@
-// The way to the system logger at /dev/log: a datagram socket or, as libc does it, a stream where
-// the logger has one. Nothing here waits but WaitForRoom().
+// The connection to the system logger at /dev/log: a datagram socket or, as in libc, a stream when
+// the logger has one. Only WaitForRoom() waits.
 #pragma once
 
 #include <chrono>
@@ -8,15 +8,16 @@
 
 namespace ProcMgr {
 
-// No lock of its own: the log's thread is its only user, and at the very end a signal handler.
+// Without a lock: used by the log's thread, and by a signal handler when the process is about to
+// end.
 class SystemLogger {
 public:
     enum class Sent { YES, NO_ROOM, NO_LOGGER };
 
-    // Sends one line, as syslog() writes it. The text must be followed by a NUL.
+    // Sends one line in the format of syslog(). The text must be followed by a NUL.
     Sent Send(std::string_view line);
 
-    // Waits until the logger has read, for at most `timeout`.
+    // Waits until the logger's socket has room, for at most `timeout`.
     void WaitForRoom(std::chrono::milliseconds timeout) const;
 
     // One attempt to send a line, async-signal-safe.
@@ -26,13 +27,14 @@ public:
 
 private:
     bool Connect();
-    // The socket's kind; nothing connects when it is not the logger's.
+    // Connects a socket of this type. False, with errno, when the logger's socket has another type
+    // or there is none.
     bool ConnectAs(int type);
     Sent SendOn(std::string_view line);
 
     int fd_ = -1;
     bool isStream_ = false;
-    // Bytes of the line that a stream has taken already.
+    // The bytes of the present line that a stream has accepted.
     size_t taken_ = 0;
 };
 

@@ -30,7 +30,8 @@ bool NamedThread::Join(SteadyTime end) {
     }
     {
         UniqueLock lock(state_->mutex);
-        if (!state_->ended.WaitUntil(lock, end, [this] { return state_->hasEnded; })) {
+        const auto hasEnded = [this]() PROCMGR_REQUIRES(state_->mutex) { return state_->hasEnded; };
+        if (!state_->ended.WaitUntil(lock, end, hasEnded)) {
             thread_.detach();
             return false;
         }

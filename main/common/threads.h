@@ -1,5 +1,5 @@
-// The daemon's threads: they leave every signal to the thread that asks for it, and their ends can
-// be waited for with a deadline.
+// The start and the join of the daemon's threads. Their signals are blocked, so that a signal
+// reaches the thread that unblocks it, and a join has a deadline.
 #pragma once
 
 #include <functional>
@@ -11,10 +11,11 @@
 
 namespace ProcMgr {
 
-// Starts a thread with every signal blocked but those of faults. `name` has at most 15 characters.
+// Starts a thread with every signal blocked but the fault signals. `name`: of the thread, at most
+// 15 characters; must live as long as the thread.
 std::thread StartThread(const char* name, std::function<void()> body);
 
-// One long-lived thread of the daemon. Its owner starts and joins it.
+// One long-lived thread of the daemon. The thread that owns the object starts and joins it.
 class NamedThread {
 public:
     explicit NamedThread(const char* name) : name_(name), state_(std::make_shared<State>()) {}
@@ -23,8 +24,8 @@ public:
     NamedThread& operator=(const NamedThread&) = delete;
 
     void Start(std::function<void()> body);
-    // True when the thread has ended, or never ran. False when it still runs at `end`: it is then
-    // detached, and everything that it uses must live until the process ends.
+    // True when the thread has ended or has never been started. False when it still runs at `end`:
+    // the thread is then detached, and everything that it uses must live until the process ends.
     bool Join(SteadyTime end);
     const char* GetName() const { return name_; }
 
@@ -32,11 +33,11 @@ private:
     struct State {
         Mutex mutex;
         Condition ended;
-        bool hasEnded = false;  // guarded by mutex
+        bool hasEnded PROCMGR_GUARDED_BY(mutex) = false;
     };
 
     const char* const name_;
-    const std::shared_ptr<State> state_;
+    const std::shared_ptr<State> state_;  // shared with the thread, which may outlive this object
     std::thread thread_;
 };
 

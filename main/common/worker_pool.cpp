@@ -24,7 +24,7 @@ bool WorkerPool::Post(Job job) {
             ++threads_;
         }
     } catch (const std::exception&) {
-        // A thread that runs takes the job later.
+        // Without another thread the job waits for one that runs.
         if (threads_ == 0) {
             jobs_.pop_back();
             return false;
@@ -58,7 +58,7 @@ bool WorkerPool::Stop(SteadyTime end) {
     UniqueLock lock(mutex_);
     isStopping_ = true;
     jobs_.clear();
-    return ended_.WaitUntil(lock, end, [this] { return threads_ == 0; });
+    return ended_.WaitUntil(lock, end, [this]() PROCMGR_REQUIRES(mutex_) { return threads_ == 0; });
 }
 
 }  // namespace ProcMgr

@@ -1,6 +1,6 @@
 // Threads for jobs that may take long and must not hold each other up. A thread is started when a
-// job comes and ends when none is left. The number of jobs that wait is the callers' to bound; the
-// daemon posts one for each record at most.
+// job is posted and ends when no job waits. The callers bound the number of jobs that wait: the
+// daemon posts at most one for each record.
 #pragma once
 
 #include <cstddef>
@@ -16,32 +16,32 @@ class WorkerPool {
 public:
     using Job = std::function<void()>;
 
-    // `name`, of at most 15 characters, is the threads'; the string must live on.
+    // `name`: of the threads, at most 15 characters; must outlive this object.
     explicit WorkerPool(const char* name) : name_(name) {}
     ~WorkerPool() { Stop(SteadyTime::max()); }
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    // Runs the job on a thread of the pool; beyond 16 at a time jobs wait. Any lock may be held.
-    // False, and the job is dropped, when there is no thread for it. Does not throw.
-    bool Post(Job job);
+    // Runs the job on a thread of the pool, or later when 16 jobs are running. Any lock may be
+    // held. False, and the job is dropped, after Stop() and when there is no thread for it. Does
+    // not throw.
+    bool Post(Job job) PROCMGR_EXCLUDES(mutex_);
 
-    // Waits for the jobs that run; jobs that wait are dropped. False when some still run at `end`:
-    // what they use must then live until the process ends.
-    bool Stop(SteadyTime end);
+    // Drops the jobs that wait and waits for those that run. False when some still run at `end`:
+    // everything that they use must then live until the process ends.
+    bool Stop(SteadyTime end) PROCMGR_EXCLUDES(mutex_);
 
 private:
     static constexpr size_t THREADS_MAX = 16;
 
-    void Run();
+    void Run() PROCMGR_EXCLUDES(mutex_);
 
     const char* const name_;
     Mutex mutex_;
-    Condition ended_;
-    // All guarded by mutex_.
-    std::deque<Job> jobs_;
-    size_t threads_ = 0;
-    bool isStopping_ = false;
+    Condition ended_;  // a thread has ended
+    std::deque<Job> jobs_ PROCMGR_GUARDED_BY(mutex_);
+    size_t threads_ PROCMGR_GUARDED_BY(mutex_) = 0;
+    bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace ProcMgr

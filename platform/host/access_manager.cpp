@@ -1,6 +1,6 @@
 #include "platform/access_manager.h"
 
-// There is no access manager on a plain Linux machine: every process is let through.
+// There is no access manager on a plain Linux machine: every registration succeeds.
 
 int ZornInitProc(const AppConfig& /*config*/) {
     return 0;

@@ -1,5 +1,5 @@
-// The simulated accelerator. It keeps which handle belongs to which device and writes what it is
-// told, one line a call, to a file that tests and people read:
+// The simulated accelerator. It records which handle belongs to which device, and writes one line
+// for each call to a file that tests and people read:
 //
 //   register device=0 node=NAME type=0x602 sensor=0x27 handle=1
 //   update device=0 handle=1 assert=1 event=208
@@ -8,7 +8,7 @@
 //   group-add name=NAME pid=PID access=read-write
 //
 // The line of a refused call ends in " refused"; a refused registration has handle 0. A file that
-// would grow past 1 MiB becomes the old one, and the old one before it is gone.
+// would grow past 1 MiB is renamed to device-sim.log.1 and replaces the file of that name.
 #include "platform/device.h"
 
 #include <fcntl.h>
@@ -24,9 +24,10 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
+
+#include "wire/mutex.h"
 
 namespace {
 
@@ -64,9 +65,9 @@ int OpenLog() {
     return open(LOG_PATH, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
 }
 
-// Moves the log that `fd` stands for out of the way, unless another process just did. Who opened it
-// before the move writes to the old log: a line lands in one file or the other, whole. Two
-// processes that move at the same moment can at worst lose the old log.
+// Renames the log that is open as `fd`, unless another process has done so. A process that opened
+// the log before writes its line to the renamed file: each line gets whole into one of the two
+// files. When two processes rename at the same moment, the older log can be lost.
 void MoveLog(int fd) {
     struct stat opened {};
     struct stat named {};
@@ -91,8 +92,9 @@ void Append(const char* line, size_t length) {
     }
 }
 
-// One write on an append-only descriptor, so that lines of several threads and processes stay
-// whole. Takes no lock and allocates nothing. A log that cannot be written changes no result.
+// Writes the line with one write() on an append-only descriptor, so that lines of several threads
+// and processes stay whole. Takes no lock and allocates nothing. Returns `result`, also when the
+// log cannot be written.
 __attribute__((format(printf, 2, 3))) uint32_t Record(uint32_t result, const char* format, ...) {
     std::array<char, MAX_LINE> line{};
     constexpr std::string_view REFUSED_MARK = " refused\n";
@@ -105,7 +107,7 @@ __attribute__((format(printf, 2, 3))) uint32_t Record(uint32_t result, const cha
         return result;
     }
     const size_t length = std::min(static_cast<size_t>(printed), room - 1);
-    // Names come from callers: none of them may begin a line of its own.
+    // Names come from callers and must not forge a line of their own.
     std::replace_if(
         line.begin(), line.begin() + static_cast<std::ptrdiff_t>(length),
         [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
@@ -115,35 +117,35 @@ __attribute__((format(printf, 2, 3))) uint32_t Record(uint32_t result, const cha
     return result;
 }
 
-// The handles that are out, each with its device.
+// The handles that have been given out, each with its device.
 class Handles {
 public:
     uint64_t Take(uint32_t device) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const Wire::LockGuard lock(mutex_);
         deviceOf_[++last_] = device;
         return last_;
     }
     bool Has(uint32_t device, uint64_t handle) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const Wire::LockGuard lock(mutex_);
         return Holds(device, handle);
     }
     bool GiveBack(uint32_t device, uint64_t handle) {
-        const std::lock_guard<std::mutex> lock(mutex_);
+        const Wire::LockGuard lock(mutex_);
         return Holds(device, handle) && deviceOf_.erase(handle) == 1;
     }
 
 private:
-    bool Holds(uint32_t device, uint64_t handle) const {
+    bool Holds(uint32_t device, uint64_t handle) const PROCMGR_REQUIRES(mutex_) {
         const auto found = deviceOf_.find(handle);
         return found != deviceOf_.end() && found->second == device;
     }
 
-    std::mutex mutex_;
-    std::map<uint64_t, uint32_t> deviceOf_;  // guarded by mutex_
-    uint64_t last_ = 0;                      // guarded by mutex_; handles are never used again
+    Wire::Mutex mutex_;
+    std::map<uint64_t, uint32_t> deviceOf_ PROCMGR_GUARDED_BY(mutex_);
+    uint64_t last_ PROCMGR_GUARDED_BY(mutex_) = 0;  // a handle is never given out again
 };
 
-// Lives as long as the process: nodes are unregistered by destructors that run at its end.
+// Never destroyed: destructors that run at the end of the process unregister nodes.
 Handles& AllHandles() {
     static auto* const handles = new Handles;
     return *handles;

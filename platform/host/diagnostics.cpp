@@ -6,7 +6,7 @@
 
 #include "platform/diagnostics.h"
 
-namespace ProcMgr {
+namespace PlatformHost {
 namespace {
 
 constexpr size_t MAX_QUOTED = 80;
@@ -38,8 +38,8 @@ std::string Quoted(std::string_view value) {
     return "'" + std::string(value.substr(0, MAX_QUOTED)) + "...'";
 }
 
-}  // namespace ProcMgr
+}  // namespace PlatformHost
 
 void SetDiagnosticSink(DiagnosticSink sink) {
-    ProcMgr::currentSink = sink;
+    PlatformHost::currentSink = sink;
 }

@@ -1,53 +1,51 @@
-// The calls of platform/heartbeat.h, and the one thread that receives beats and looks for those
-// that are overdue.
+// The functions of platform/heartbeat.h: the watched names, the receiving of beats and the search
+// for overdue ones, all in rounds on the workers.
 #include "platform/heartbeat.h"
 
-#include <pthread.h>
-#include <signal.h>
+#include <sys/epoll.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <thread>
 #include <utility>
 
+#include "platform/host/diagnostics.h"
+#include "platform/host/event_workers.h"
 #include "platform/host/heartbeat_peers.h"
-#include "wire/blocked_signals.h"
+#include "wire/mutex.h"
 
 namespace {
 
+using PlatformHost::EventWorkers;
+using Wire::LockGuard;
 using Clock = std::chrono::steady_clock;
 
+// Pause before each round: it limits the processor time that a flood of packets can take.
+constexpr std::chrono::milliseconds ROUND_PAUSE{10};
 constexpr std::chrono::milliseconds CHECK_PERIOD{500};
 constexpr std::chrono::milliseconds LOST_AFTER{3000};
 constexpr size_t MAX_NAME = 127;
 
 enum Status : uint32_t { BACK = 0, LOST = 1 };
 
-// Whether this thread is one that makes the callbacks.
-thread_local bool isMonitorThread = false;
+// True on a thread that runs a callback.
+thread_local bool isInCallback = false;
 
-// The watches, their socket and their thread, from the first registration to the end of all.
-// Thread-safe but for Join and Detach, one of which is called once.
-class Monitor : public std::enable_shared_from_this<Monitor> {
+// The watched names and their socket, which is open while names are watched. Thread-safe.
+class Monitor {
 public:
-    // Returns 0 or a negative errno.
-    int Start();
-    // 0, or -125 (ECANCELED) when the monitor has been stopped.
+    // Both return 0 or a negative errno.
     int Watch(std::string_view name, pid_t pid, HeartBeatCallback callback);
     int Unwatch(std::string_view name);
-    // From then on no callback is started.
-    void Stop();
-    void Join() { thread_.join(); }
-    void Detach() { thread_.detach(); }
+    // Ends all watches, and waits for a running callback unless it is called by one.
+    void UnwatchAll();
 
 private:
     struct Watched {
@@ -58,7 +56,8 @@ private:
         Clock::time_point lastBeat;
     };
 
-    // A callback to be made, taken out from under the lock: it may register and unregister.
+    // The arguments of one callback, copied under the lock: the callback itself runs without the
+    // lock, so that it may register and unregister.
     struct Notice {
         std::string name;
         pid_t pid = 0;
@@ -66,53 +65,52 @@ private:
         Status status = LOST;
     };
 
-    void Run();
-    std::optional<int> NextTimeout();
-    std::set<pid_t> Registered();
-    bool TakeBeat(pid_t pid, const std::string& name);
+    void OnReady();
+    bool BeginRound() PROCMGR_EXCLUDES(lock_);
+    void EndRound() PROCMGR_EXCLUDES(lock_);
+    int32_t OpenLocked() PROCMGR_REQUIRES(lock_);
+    void CloseLocked() PROCMGR_REQUIRES(lock_);
+    std::set<pid_t> Registered() PROCMGR_EXCLUDES(lock_);
+    bool TakeBeat(pid_t pid, const std::string& name) PROCMGR_EXCLUDES(lock_);
     void Check();
-    std::optional<Notice> NextLoss(Clock::time_point now);
+    std::optional<Notice> NextLoss(Clock::time_point now) PROCMGR_EXCLUDES(lock_);
     static void Notify(const Notice& notice);
 
-    PlatformHost::HeartbeatPeers peers_;  // used on the thread only, but for Wake
-    std::thread thread_;
-    Clock::time_point nextCheck_;  // used on the thread only
-    bool isChecking_ = false;      // used on the thread only
+    // Used by the running round; outside of rounds, and for SetTimer, under the lock.
+    PlatformHost::HeartbeatPeers peers_;
+    // Used by the running round; max() while neither a beat nor a registration can be overdue.
+    Clock::time_point nextCheck_ = Clock::time_point::max();
 
-    std::mutex lock_;  // guards the fields below
-    bool isStopped_ = false;
-    std::map<std::string, Watched, std::less<>> watched_;
+    Wire::Mutex lock_;
+    Wire::Condition roundEnded_;
+    uint64_t watch_ PROCMGR_GUARDED_BY(lock_) = 0;  // of the socket; 0: not open
+    uint64_t roundsBegun_ PROCMGR_GUARDED_BY(lock_) = 0;
+    uint64_t roundsEnded_ PROCMGR_GUARDED_BY(lock_) = 0;
+    // The socket is to be closed at the end of the round.
+    bool isEnding_ PROCMGR_GUARDED_BY(lock_) = false;
+    // A name has been registered since the begin of the round.
+    bool isChanged_ PROCMGR_GUARDED_BY(lock_) = false;
+    std::map<std::string, Watched, std::less<>> watched_ PROCMGR_GUARDED_BY(lock_);
 };
 
-int Monitor::Start() {
-    const int32_t opened = peers_.Open();
-    if (opened < 0) {
-        return opened;
-    }
-    const Wire::BlockedSignals blocked;
-    try {
-        thread_ = std::thread([self = shared_from_this()] { self->Run(); });
-    } catch (const std::system_error& error) {
-        return -error.code().value();
-    }
-    return 0;
-}
-
 int Monitor::Watch(std::string_view name, pid_t pid, HeartBeatCallback callback) {
-    const std::lock_guard guard(lock_);
-    if (isStopped_) {
-        return -ECANCELED;
+    const LockGuard guard(lock_);
+    const int32_t result = OpenLocked();
+    if (result < 0) {
+        return result;
     }
     Watched watched;
     watched.pid = pid;
     watched.callback = std::move(callback);
     watched_.insert_or_assign(std::string(name), std::move(watched));
-    peers_.Wake();  // the process may be connected already
+    // A round now: the process may be connected already.
+    isChanged_ = true;
+    peers_.SetTimer(Clock::now());
     return 0;
 }
 
 int Monitor::Unwatch(std::string_view name) {
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     const auto found = watched_.find(name);
     if (found == watched_.end()) {
         return -ENOENT;
@@ -121,67 +119,111 @@ int Monitor::Unwatch(std::string_view name) {
     return 0;
 }
 
-void Monitor::Stop() {
-    {
-        const std::lock_guard guard(lock_);
-        isStopped_ = true;
-        watched_.clear();
+void Monitor::UnwatchAll() {
+    Wire::UniqueLock guard(lock_);
+    watched_.clear();
+    isEnding_ = watch_ != 0;
+    const uint64_t last = roundsBegun_;
+    if (roundsEnded_ == last) {
+        CloseLocked();
+    } else if (!isInCallback) {
+        roundEnded_.Wait(guard,
+                         [this, last]() PROCMGR_REQUIRES(lock_) { return roundsEnded_ >= last; });
     }
-    peers_.Wake();
 }
 
-void Monitor::Run() {
-    isMonitorThread = true;
-    pthread_setname_np(pthread_self(), "heartbeat");
-    const auto takeBeat = [this](pid_t pid, const std::string& name) {
-        return TakeBeat(pid, name);
-    };
-    while (const auto timeout = NextTimeout()) {
-        peers_.Wait(*timeout);
-        // First the beats: those that came while a callback took its time are not overdue.
-        peers_.Round(Registered(), takeBeat);
-        Check();
+int32_t Monitor::OpenLocked() {
+    isEnding_ = false;
+    if (watch_ != 0) {
+        return 0;
     }
+    EventWorkers& workers = EventWorkers::Shared();
+    int32_t result = workers.Start();
+    result = result == 0 ? peers_.Open() : result;
+    if (result == 0) {
+        watch_ = workers.Watch(peers_.Fd(), EPOLLIN, [this](auto) { OnReady(); });
+        result = watch_ != 0 ? 0 : -ENOMEM;
+    }
+    if (result < 0) {
+        peers_.Close();
+    }
+    return result;
+}
+
+void Monitor::CloseLocked() {
+    if (std::exchange(isEnding_, false)) {
+        EventWorkers::Shared().Forget(std::exchange(watch_, 0));
+        peers_.Close();
+        nextCheck_ = Clock::time_point::max();
+    }
+}
+
+void Monitor::OnReady() {
+    if (!BeginRound()) {
+        return;
+    }
+    EventWorkers::Shared().BeginBlocking();
+    std::this_thread::sleep_for(ROUND_PAUSE);
+    try {
+        // Beats before the check: beats that came during a long callback are not overdue.
+        peers_.Round(Registered(),
+                     [this](pid_t pid, const std::string& name) { return TakeBeat(pid, name); });
+        Check();
+    } catch (const std::exception&) {
+        PlatformHost::WriteDiagnostic(LOG_ERR, "heartbeat: out of memory, a round has failed");
+    }
+    EventWorkers::Shared().EndBlocking();
+    EndRound();
+}
+
+// Returns false for a late event, whose watch has ended meanwhile.
+bool Monitor::BeginRound() {
+    const LockGuard guard(lock_);
+    if (watch_ == 0 || roundsBegun_ != roundsEnded_) {
+        return false;
+    }
+    ++roundsBegun_;
+    isChanged_ = false;
+    return true;
+}
+
+void Monitor::EndRound() {
+    const LockGuard guard(lock_);
+    ++roundsEnded_;
+    roundEnded_.NotifyAll();
+    if (isEnding_) {
+        CloseLocked();
+        return;
+    }
+    const bool canBeOverdue =
+        !peers_.IsEmpty() || std::any_of(watched_.begin(), watched_.end(), [](const auto& entry) {
+            return entry.second.isArmed && !entry.second.isLost;
+        });
+    const auto now = Clock::now();
+    if (!canBeOverdue) {
+        nextCheck_ = Clock::time_point::max();
+    } else if (nextCheck_ == Clock::time_point::max()) {
+        nextCheck_ = now + CHECK_PERIOD;
+    }
+    peers_.SetTimer(isChanged_ ? now : nextCheck_);
+    EventWorkers::Shared().Rearm(watch_, EPOLLIN);
 }
 
 std::set<pid_t> Monitor::Registered() {
     std::set<pid_t> pids;
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     for (const auto& [name, watched] : watched_) {
         pids.insert(watched.pid);
     }
     return pids;
 }
 
-// Milliseconds to wait, -1 while neither a beat nor a registration can be overdue; nothing when
-// stopped.
-std::optional<int> Monitor::NextTimeout() {
-    const auto isDue = [](const auto& entry) {
-        return entry.second.isArmed && !entry.second.isLost;
-    };
-    const std::lock_guard guard(lock_);
-    if (isStopped_) {
-        return std::nullopt;
-    }
-    const bool wasChecking = std::exchange(
-        isChecking_, !peers_.IsEmpty() || std::any_of(watched_.begin(), watched_.end(), isDue));
-    if (!isChecking_) {
-        return -1;
-    }
-    const auto now = Clock::now();
-    if (!wasChecking) {
-        nextCheck_ = now + CHECK_PERIOD;
-    }
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextCheck_ - now);
-    return static_cast<int>(std::max<int64_t>(0, left.count()));
-}
-
-// Notes the beat of a watched process, and tells when it had been lost; false when the process is
-// not watched under that name.
+// Records the beat of a watched process, and calls back when the process had been lost. Returns
+// false when the process is not watched under that name.
 bool Monitor::TakeBeat(pid_t pid, const std::string& name) {
     Notice notice{name, pid, {}, BACK};
     {
-        const std::lock_guard guard(lock_);
+        const LockGuard guard(lock_);
         const auto found = watched_.find(name);
         if (found == watched_.end() || found->second.pid != pid) {
             return false;
@@ -200,20 +242,20 @@ bool Monitor::TakeBeat(pid_t pid, const std::string& name) {
 
 void Monitor::Check() {
     const auto now = Clock::now();
-    if (!isChecking_ || now < nextCheck_) {
+    if (now < nextCheck_) {
         return;
     }
     nextCheck_ = now + CHECK_PERIOD;
     peers_.DropUnregistered(Registered());
-    // One at a time: what a callback unregisters is not told any more. All by the time at which the
-    // beats were read: while a callback takes its time, nobody's are.
+    // One loss at a time, because a callback may end the watches of others. All are judged at
+    // `now`: during the callbacks no beats are read.
     while (const auto notice = NextLoss(now)) {
         Notify(*notice);
     }
 }
 
 std::optional<Monitor::Notice> Monitor::NextLoss(Clock::time_point now) {
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     for (auto& [name, watched] : watched_) {
         if (watched.isArmed && !watched.isLost && now - watched.lastBeat >= LOST_AFTER) {
             watched.isLost = true;
@@ -224,32 +266,19 @@ std::optional<Monitor::Notice> Monitor::NextLoss(Clock::time_point now) {
 }
 
 void Monitor::Notify(const Notice& notice) {
+    isInCallback = true;
     try {
         notice.callback(notice.name.c_str(), notice.name.size(), notice.pid, notice.status);
     } catch (...) {
-        // A handler that fails must not take the process down.
+        // A callback that fails must not end the process.
     }
+    isInCallback = false;
 }
 
-// The process's monitor. Never destroyed: its thread may still run while the process exits.
-struct Slot {
-    std::mutex lock;  // guards monitor
-    std::shared_ptr<Monitor> monitor;
-    std::mutex disabling;  // held until the thread has ended, before `lock`
-};
-
-Slot& GetSlot() {
-    static Slot* const slot = new Slot;
-    return *slot;
-}
-
-int StartMonitor(std::shared_ptr<Monitor>& monitor) {
-    auto started = std::make_shared<Monitor>();
-    const int result = started->Start();
-    if (result == 0) {
-        monitor = std::move(started);
-    }
-    return result;
+// Never destroyed: the workers may still use the monitor while the process exits.
+Monitor& GetMonitor() {
+    static auto* const monitor = new Monitor;
+    return *monitor;
 }
 
 bool IsName(const char* name, size_t length) {
@@ -263,49 +292,13 @@ int RegisterCheckHeartBeat(const char* name, size_t nameLength, int32_t pid,
     if (!IsName(name, nameLength) || pid <= 0 || !callback) {
         return -EINVAL;
     }
-    Slot& slot = GetSlot();
-    const std::lock_guard guard(slot.lock);
-    const std::string_view text(name, nameLength);
-    if (slot.monitor != nullptr) {
-        const int result = slot.monitor->Watch(text, pid, callback);
-        if (result != -ECANCELED) {
-            return result;
-        }
-        // One of its callbacks has ended every watch; its thread goes when that returns.
-        slot.monitor->Detach();
-        slot.monitor.reset();
-    }
-    const int result = StartMonitor(slot.monitor);
-    return result != 0 ? result : slot.monitor->Watch(text, pid, std::move(callback));
+    return GetMonitor().Watch({name, nameLength}, pid, std::move(callback));
 }
 
 int UnregisterCheckHeartBeat(const char* name, size_t nameLength) {
-    if (!IsName(name, nameLength)) {
-        return -EINVAL;
-    }
-    Slot& slot = GetSlot();
-    const std::lock_guard guard(slot.lock);
-    return slot.monitor == nullptr ? -ENOENT : slot.monitor->Unwatch({name, nameLength});
+    return IsName(name, nameLength) ? GetMonitor().Unwatch({name, nameLength}) : -EINVAL;
 }
 
 void DisableAllCheckHeartBeat() {
-    Slot& slot = GetSlot();
-    if (isMonitorThread) {
-        // Called from a callback: left in place for whoever can wait for the thread.
-        const std::lock_guard guard(slot.lock);
-        if (slot.monitor != nullptr) {
-            slot.monitor->Stop();
-        }
-        return;
-    }
-    const std::lock_guard disabling(slot.disabling);
-    std::shared_ptr<Monitor> monitor;
-    {
-        const std::lock_guard guard(slot.lock);
-        monitor = std::move(slot.monitor);
-    }
-    if (monitor != nullptr) {
-        monitor->Stop();
-        monitor->Join();
-    }
+    GetMonitor().UnwatchAll();
 }

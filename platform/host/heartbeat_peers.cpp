@@ -1,7 +1,6 @@
 #include "platform/host/heartbeat_peers.h"
 
-#include <poll.h>
-#include <sys/eventfd.h>
+#include <sys/epoll.h>
 
 #include <algorithm>
 #include <array>
@@ -9,21 +8,20 @@
 #include <iterator>
 #include <utility>
 
+#include "wire/socket_paths.h"
+
 namespace PlatformHost {
 
 namespace {
 
-constexpr const char* SOCKET_PATH = "/run/heartbeat.sock";
 constexpr mode_t SOCKET_MODE = 0666;
 constexpr int BACKLOG = 64;
 constexpr size_t MAX_NAME = 127;
-// Between two rounds, in milliseconds.
-constexpr int ROUND_PAUSE = 10;
 constexpr int MAX_ACCEPTED = 64;  // in a round
 constexpr int MAX_PACKETS = 16;   // of one connection in a round
 constexpr std::chrono::seconds REGISTRATION_LIMIT{3};
-// Connections: of a process that is registered, of those that are not in all and of one user but
-// root.
+// Connections of one registered process, of all processes that are not registered, and of such
+// processes of one user other than root.
 constexpr int MAX_OF_PROCESS = 4;
 constexpr int MAX_UNREGISTERED = 64;
 constexpr int MAX_UNREGISTERED_OF_USER = 8;
@@ -31,72 +29,71 @@ constexpr int MAX_UNREGISTERED_OF_USER = 8;
 }  // namespace
 
 int32_t HeartbeatPeers::Open() {
-    wake_ = UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     epoll_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
-    if (!wake_.IsValid() || !epoll_.IsValid()) {
+    if (!epoll_.IsValid() || !timer_.Create()) {
         return -errno;
     }
-    const int32_t bound =
-        listener_.Bind(SOCK_SEQPACKET, SOCKET_PATH, SOCKET_MODE, static_cast<gid_t>(-1));
-    if (bound < 0) {
-        return bound;
+    int32_t result = listener_.Bind(Wire::HEARTBEAT_SOCKET, SOCKET_MODE, BoundSocket::NO_GROUP);
+    result = result == 0 ? listener_.Listen(BACKLOG) : result;
+    if (result < 0) {
+        return result;
     }
-    const bool isOpen = listen(listener_.Fd(), BACKLOG) == 0 &&
-                        Watch(EPOLL_CTL_ADD, wake_.Get(), EPOLLIN) &&
-                        Watch(EPOLL_CTL_ADD, listener_.Fd(), EPOLLIN);
-    return isOpen ? 0 : -errno;
+    const bool isWatched =
+        Watch(EPOLL_CTL_ADD, timer_.Fd(), EPOLLIN) && Watch(EPOLL_CTL_ADD, listener_.Fd(), EPOLLIN);
+    return isWatched ? 0 : -errno;
 }
 
-void HeartbeatPeers::Wake() {
-    eventfd_write(wake_.Get(), 1);
-}
-
-void HeartbeatPeers::Wait(int timeout) {
-    pollfd wake{wake_.Get(), POLLIN, 0};
-    poll(&wake, 1, ROUND_PAUSE);
-    // Room for all, so that after a long callback nobody's beats are left for a later round.
-    events_.resize(peers_.size() + 2);
-    const int count =
-        epoll_wait(epoll_.Get(), events_.data(), static_cast<int>(events_.size()), timeout);
-    events_.resize(static_cast<size_t>(std::max(count, 0)));
+void HeartbeatPeers::Close() {
+    while (!peers_.empty()) {
+        Drop(peers_.begin());
+    }
+    listener_.Close();
+    timer_.Close();
+    epoll_.Reset();
 }
 
 void HeartbeatPeers::Round(const std::set<pid_t>& registered, const BeatHandler& handler) {
-    bool isAsked = false;
-    for (const epoll_event& event : events_) {
+    // Room for all descriptors: after a long callback, no beat may be left for a later round.
+    std::vector<epoll_event> events(peers_.size() + 2);
+    const int count = epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()), 0);
+    events.resize(static_cast<size_t>(std::max(count, 0)));
+    bool hasConnections = false;
+    for (const epoll_event& event : events) {
         const int fd = event.data.fd;
         const auto found = peers_.find(fd);
-        if (fd == wake_.Get()) {
-            eventfd_t count = 0;
-            eventfd_read(fd, &count);
-        } else if (fd == listener_.Fd()) {
-            isAsked = true;
-        } else if (found != peers_.end() && !Serve(found->second, registered, handler)) {
+        hasConnections = hasConnections || fd == listener_.Fd();
+        if (found != peers_.end() && !Serve(found->second, registered, handler)) {
             Drop(found);
         }
     }
-    // After the ends of others: a process that connects anew finds its place free. Not in the midst
-    // of the events, as a new connection may get the number of an ended one.
-    if (isAsked) {
+    // After the loop, because the ended connections make room for new ones, and because a new
+    // connection may get the descriptor of an ended one.
+    if (hasConnections) {
         Accept(registered);
     }
-    ReadRegistered(registered);
+    for (auto& [fd, peer] : peers_) {
+        if (!peer.isRead && registered.contains(peer.credentials.pid)) {
+            peer.isRead = Watch(EPOLL_CTL_MOD, fd, EPOLLIN);
+        }
+    }
 }
 
+// Returns false when the connection is to be closed.
 bool HeartbeatPeers::Serve(const Peer& peer, const std::set<pid_t>& registered,
                            const BeatHandler& handler) {
-    // Of a connection that is not read, the one thing that is told is the end.
+    // For a connection that is not read yet, epoll reports nothing but its end.
     return (peer.isRead || registered.contains(peer.credentials.pid)) && TakeBeats(peer, handler);
 }
 
 HeartbeatPeers::Peers::iterator HeartbeatPeers::Drop(Peers::iterator peer) {
-    // A child between fork and exec still has the socket; the peer must see the end all the same.
+    // close() alone is not enough while a child between fork and exec has a copy of the socket: the
+    // set would go on reporting it, and the peer would not see the end.
     epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, peer->first, nullptr);
     shutdown(peer->first, SHUT_RDWR);
     return peers_.erase(peer);
 }
 
-// False when the connection is over: it has ended, or holds what this process may not send.
+// Returns false when the connection has ended, or holds a packet that this process may not send.
 bool HeartbeatPeers::TakeBeats(const Peer& peer, const BeatHandler& handler) {
     std::array<char, MAX_NAME> name{};
     for (int i = 0; i < MAX_PACKETS; ++i) {
@@ -115,15 +112,16 @@ bool HeartbeatPeers::TakeBeats(const Peer& peer, const BeatHandler& handler) {
 
 void HeartbeatPeers::Accept(const std::set<pid_t>& registered) {
     for (int i = 0; i < MAX_ACCEPTED; ++i) {
-        UniqueFd socket(accept4(listener_.Fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!socket.IsValid()) {
+        Peer peer;
+        const AcceptResult result = AcceptPeer(listener_.Fd(), peer);
+        if (result == AcceptResult::NONE || result == AcceptResult::EXHAUSTED) {
             return;
         }
-        ucred credentials{};
-        socklen_t length = sizeof(credentials);
-        if (getsockopt(socket.Get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) == 0 &&
-            HasRoomFor(credentials, registered)) {
-            Admit(std::move(socket), credentials);
+        const int fd = peer.socket.Get();
+        if (result == AcceptResult::ACCEPTED && HasRoomFor(peer.credentials, registered) &&
+            Watch(EPOLL_CTL_ADD, fd, 0)) {
+            peer.lastRegistered = Clock::now();
+            peers_[fd] = std::move(peer);
         }
     }
 }
@@ -146,21 +144,6 @@ bool HeartbeatPeers::HasRoomFor(const ucred& credentials, const std::set<pid_t>&
            (credentials.uid == 0 || ofUser < MAX_UNREGISTERED_OF_USER);
 }
 
-void HeartbeatPeers::Admit(UniqueFd socket, const ucred& credentials) {
-    const int fd = socket.Get();
-    if (Watch(EPOLL_CTL_ADD, fd, 0)) {
-        peers_[fd] = Peer{std::move(socket), credentials, false, Clock::now()};
-    }
-}
-
-void HeartbeatPeers::ReadRegistered(const std::set<pid_t>& registered) {
-    for (auto& [fd, peer] : peers_) {
-        if (!peer.isRead && registered.contains(peer.credentials.pid)) {
-            peer.isRead = Watch(EPOLL_CTL_MOD, fd, EPOLLIN);
-        }
-    }
-}
-
 void HeartbeatPeers::DropUnregistered(const std::set<pid_t>& registered) {
     const auto now = Clock::now();
     for (auto entry = peers_.begin(); entry != peers_.end();) {
@@ -173,7 +156,7 @@ void HeartbeatPeers::DropUnregistered(const std::set<pid_t>& registered) {
     }
 }
 
-bool HeartbeatPeers::Watch(int operation, int fd, uint32_t events) {
+bool HeartbeatPeers::Watch(int operation, int fd, uint32_t events) const {
     epoll_event event{};
     event.events = events;
     event.data.fd = fd;

@@ -1,8 +1,7 @@
-// The connections over which the heartbeat library's beats come: its socket, who may stay
-// connected, and how much is read of whom. Used by the library's one thread.
+// The connections of the heartbeat library: the socket, the limits on connections, and the bounded
+// reading of beats. Used by heartbeat.cpp in rounds on the workers.
 #pragma once
 
-#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <chrono>
@@ -12,58 +11,56 @@
 #include <string>
 #include <vector>
 
+#include "platform/host/timer_fd.h"
 #include "platform/host/unix_socket.h"
 
 namespace PlatformHost {
 
-// Not thread-safe but for Wake.
+// Not thread-safe but for SetTimer.
 class HeartbeatPeers {
 public:
     using Clock = std::chrono::steady_clock;
-    // Called for each packet; false when the process may not send that name.
+    // Called for each packet; returns false when the process may not send that name.
     using BeatHandler = std::function<bool(pid_t pid, const std::string& name)>;
 
     // Opens the socket. Returns 0 or a negative errno.
     int32_t Open();
+    // Closes the socket and all connections.
+    void Close();
 
-    // Waits until something is to be done, Wake is called or `timeout` milliseconds are over; -1:
-    // for ever. Keeps rounds apart, so that a flood costs a fixed share of the processor.
-    void Wait(int timeout);
-    void Wake();
+    // A descriptor that is readable while a connection, a packet or the timer waits for a round.
+    int Fd() const { return epoll_.Get(); }
+    // Makes Fd() readable at `when`, until the next call.
+    void SetTimer(Clock::time_point when) const { timer_.Set(when); }
 
-    // Accepts and reads what has come, a bounded part of each connection. A connection is read once
-    // its process is in `registered`.
+    // Accepts connections and reads packets, a bounded number of each connection. A connection is
+    // read from the first round in which its process is in `registered`.
     void Round(const std::set<pid_t>& registered, const BeatHandler& handler);
 
-    // Closes the connections of processes that have not been registered for longer than they may.
+    // Closes the connections of processes that have not been registered for more than 3 s.
     void DropUnregistered(const std::set<pid_t>& registered);
 
     bool IsEmpty() const { return peers_.empty(); }
 
 private:
-    struct Peer {
-        UniqueFd socket;
-        ucred credentials{};
+    struct Peer : AcceptedPeer {
         bool isRead = false;
-        Clock::time_point lastRegistered;  // at first, when it connected
+        Clock::time_point lastRegistered;  // at first, the time of the connection
     };
     using Peers = std::map<int, Peer>;  // by descriptor
 
     void Accept(const std::set<pid_t>& registered);
     bool HasRoomFor(const ucred& credentials, const std::set<pid_t>& registered) const;
-    void Admit(UniqueFd socket, const ucred& credentials);
-    void ReadRegistered(const std::set<pid_t>& registered);
-    bool Watch(int operation, int fd, uint32_t events);
+    bool Watch(int operation, int fd, uint32_t events) const;
     Peers::iterator Drop(Peers::iterator peer);
     static bool Serve(const Peer& peer, const std::set<pid_t>& registered,
                       const BeatHandler& handler);
     static bool TakeBeats(const Peer& peer, const BeatHandler& handler);
 
     BoundSocket listener_;
-    UniqueFd wake_;
-    UniqueFd epoll_;
+    TimerFd timer_;
+    UniqueFd epoll_;  // the listener, the timer and all connections
     Peers peers_;
-    std::vector<epoll_event> events_;
 };
 
 }  // namespace PlatformHost

@@ -1,5 +1,5 @@
-// The storage behind ApplicationManifest, with the default of every key. The manifest loader fills
-// it; tests and tools that need a manifest without a file build one directly:
+// The storage of an ApplicationManifest, with the default of every key. The manifest loader fills
+// it. Tests and tools that need a manifest without a file build one directly:
 // ApplicationManifest(std::make_shared<const ManifestData>(data)).
 #pragma once
 

@@ -8,7 +8,7 @@
 #include "platform/host/diagnostics.h"
 #include "platform/host/pattern.h"
 
-namespace ProcMgr {
+namespace PlatformHost {
 namespace {
 
 constexpr size_t MAX_NAME = 127;
@@ -23,7 +23,8 @@ const char* KindName(YamlKind kind) {
     return NAMES[static_cast<size_t>(kind)];
 }
 
-// Control characters of ASCII and, in UTF-8, of Latin-1; the blank among them.
+// Finds the blank and the control characters of ASCII, and the control characters of Latin-1 in
+// their UTF-8 form.
 bool HasBlankOrControl(std::string_view text) {
     for (size_t i = 0; i < text.size(); ++i) {
         const auto byte = static_cast<unsigned char>(text[i]);
@@ -116,7 +117,7 @@ void ReadVfId(const ManifestValue& value, ManifestData& data) {
     data.vfId = static_cast<int32_t>(value.Number(MIN_INT32, MAX_INT32));
 }
 
-// Readers for the keys whose value is just stored: one for each type.
+// Readers for the keys whose value is stored without further checks: one for each type.
 template <std::string ManifestData::*Field>
 void ReadText(const ManifestValue& value, ManifestData& data) {
     data.*Field = value.Text();
@@ -260,7 +261,7 @@ int64_t ManifestValue::ParsedNumber() const {
     if (!complete || leadingZero || error == std::errc::invalid_argument) {
         Fail("expected a whole number, got " + Quoted(text));
     }
-    // Past any range that a key has, so that the caller refuses it by its own range.
+    // Larger than the range of any key, so that the caller reports the range of its key.
     constexpr uint64_t OUT_OF_RANGE = uint64_t{1} << 62;
     if (error == std::errc::result_out_of_range) {
         magnitude = OUT_OF_RANGE;
@@ -326,4 +327,4 @@ const ManifestKey* FindManifestKey(std::string_view name, ManifestList list) {
     return &*found;
 }
 
-}  // namespace ProcMgr
+}  // namespace PlatformHost

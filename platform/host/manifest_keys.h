@@ -1,8 +1,9 @@
-// The keys of a manifest entry: one table that says how each key is named, where it is allowed and
-// how its value is read. The manifest loader walks it; an offline checker can list it.
+// The keys of a manifest entry: one table with the name of each key, the lists where it is allowed
+// and the function that reads its value. The manifest loader looks keys up in this table.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -12,15 +13,18 @@
 #include "platform/host/manifest_data.h"
 #include "platform/host/yaml_tree.h"
 
-namespace ProcMgr {
+namespace PlatformHost {
+
+using ProcMgr::ManifestData;
+using ProcMgr::ManifestList;
 
 // Ends the parse; what() is the whole message.
 struct ManifestFault : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// The value of one key of one file, read with checks. Refers to its arguments; `warnings` collects
-// messages that do not end the parse.
+// The value of one key of one file, read with checks. Keeps references to the arguments of its
+// constructor; `warnings` collects messages that do not end the parse.
 class ManifestValue {
 public:
     ManifestValue(const std::string& file, const YamlChild& child,
@@ -35,12 +39,12 @@ public:
     std::span<const YamlChild> List() const;
     std::span<const YamlChild> Map() const;
 
-    // Text that serves as the name of an application or service.
+    // Text that is valid as the name of an application or service.
     std::string Name() const;
-    // Text that may be a pattern, and then has to be a usable one.
+    // Text; a pattern has to be usable.
     std::string TextOrPattern() const;
 
-    // An element of this value, which reports errors under this value's key.
+    // An element of this list or map, as a value that reports errors under this value's key.
     ManifestValue Element(const YamlChild& element) const;
 
     [[noreturn]] void Fail(const std::string& problem) const;
@@ -66,11 +70,11 @@ struct ManifestKey {
 // Every key of an entry.
 std::span<const ManifestKey> ManifestKeys();
 
-// Null when `name` is no key of an entry of `list`.
+// Returns null when `name` is no key of an entry of `list`.
 const ManifestKey* FindManifestKey(std::string_view name, ManifestList list);
 
-// "FILE:LINE: key 'KEY': PROBLEM", the form of every message about a manifest file.
+// Returns "FILE:LINE: key 'KEY': PROBLEM".
 std::string ManifestMessage(const std::string& file, uint32_t line, std::string_view key,
                             const std::string& problem);
 
-}  // namespace ProcMgr
+}  // namespace PlatformHost

@@ -7,7 +7,6 @@
 #include <exception>
 #include <filesystem>
 #include <map>
-#include <memory>
 #include <optional>
 #include <utility>
 
@@ -15,15 +14,15 @@
 #include "platform/host/manifest_data.h"
 #include "platform/host/manifest_keys.h"
 
-namespace ProcMgr {
+namespace PlatformHost {
 namespace {
 
 constexpr size_t MAX_INCLUDE_DEPTH = 16;
 constexpr size_t FIRST_USER_RECORD = 1024;
 constexpr size_t MAX_USER_RECORD = size_t{1} << 20;
 
-// The primary group of a user, 0 when the user database has none; nothing when the database could
-// not be read: the user may be in there, and the group 0 is no harmless guess then.
+// Returns the primary group of a user, 0 when the user database has no such user, and nothing when
+// the database could not be read: the user may be in it, and group 0 would give privileges away.
 std::optional<uint32_t> PrimaryGroup(uint32_t uid) {
     std::vector<char> buffer(FIRST_USER_RECORD);
     passwd record{};
@@ -44,7 +43,8 @@ class Loader {
 public:
     Loader(const ManifestReader& reader, ManifestLoad& load) : reader_(reader), load_(load) {}
 
-    // `origin` is the position of the include, "" for the file that was asked for.
+    // `origin` begins the messages about an unreadable file: the position of the include; "" for
+    // the first file.
     void LoadFile(const std::string& path, const std::string& origin) {
         YamlFile file = reader_(path);
         if (!file.error.empty()) {
@@ -57,12 +57,12 @@ public:
             return;
         }
         YamlError error;
-        const std::shared_ptr<const YamlTree> tree = ParseYamlText(std::move(file.text), error);
-        if (!tree) {
+        const YamlNodePtr root = ParseYamlText(std::move(file.text), error);
+        if (root == nullptr) {
             throw ManifestFault(error.Describe(path));
         }
         reading_.push_back(file.realPath);
-        LoadRoot(path, *tree->root);
+        LoadRoot(path, *root);
         reading_.pop_back();
     }
 
@@ -76,7 +76,7 @@ private:
                                 ": expected a mapping with 'include', 'services' or "
                                 "'applications' at the top of the file");
         }
-        // Includes come first wherever the key stands.
+        // Includes come first, wherever in the file their key is.
         for (const YamlChild& child : root.children) {
             if (child.key == "include") {
                 LoadIncludes(path, ManifestValue(path, child, load_.warnings));
@@ -102,7 +102,7 @@ private:
                 include.Fail("includes nested more than " + std::to_string(MAX_INCLUDE_DEPTH) +
                              " deep");
             }
-            // An absolute target replaces the directory in front of it.
+            // The operator drops the directory when `target` is absolute.
             const std::filesystem::path full = std::filesystem::path(path).parent_path() / target;
             LoadFile(full.string(), ManifestMessage(path, element.line, "include", ""));
         }
@@ -174,9 +174,9 @@ private:
 
     const ManifestReader& reader_;
     ManifestLoad& load_;
-    std::vector<std::string> reading_;  // real paths from the first file to the current one
+    std::vector<std::string> reading_;  // real paths, from the first file to the current one
     std::map<std::string, std::string> entryOfName_;
-    std::map<uint32_t, uint32_t> groupOfUser_;  // looked up once a load
+    std::map<uint32_t, uint32_t> groupOfUser_;  // each user is looked up once for each load
 };
 
 }  // namespace
@@ -191,4 +191,4 @@ ManifestLoad LoadManifests(const std::string& path, const ManifestReader& reader
     return load;
 }
 
-}  // namespace ProcMgr
+}  // namespace PlatformHost

@@ -1,5 +1,5 @@
-// Loads one manifest file with everything that it includes. ParseAndDepend::ParseYaml is a thin
-// layer over it; a checker or a fuzz target calls it with a reader of its own.
+// Loads one manifest file with all files that it includes. ParseAndDepend::ParseYaml calls it; a
+// checker or a fuzz target can pass a reader of its own instead of reading files.
 #pragma once
 
 #include <functional>
@@ -7,22 +7,22 @@
 #include <string>
 #include <vector>
 
-#include "platform/host/yaml_tree.h"
+#include "platform/host/yaml_file.h"
 #include "platform/manifest.h"
 
-namespace ProcMgr {
+namespace PlatformHost {
 
 struct ManifestLoad {
-    std::vector<ApplicationManifest> manifests;  // in file order, includes first
-    std::set<std::string> files;                 // every file read, by its real path
-    std::vector<std::string> warnings;           // one for each thing that was ignored
-    std::string error;                           // empty on success, then `manifests` is complete
+    std::vector<ProcMgr::ApplicationManifest> manifests;  // in file order, includes first
+    std::set<std::string> files;                          // every file read, by its real path
+    std::vector<std::string> warnings;                    // one for each ignored key
+    std::string error;  // empty on success, then `manifests` is complete
 };
 
-// How the text of a file is got; ReadYamlFile with FileTrust::OWNER_ONLY for files.
+// Returns the text of the file at `path`.
 using ManifestReader = std::function<YamlFile(const std::string& path)>;
 
-// Never throws; running out of memory is an error like any other.
+// Loads the file at `path`. Any thread. Never throws: an exception becomes the error of the result.
 ManifestLoad LoadManifests(const std::string& path, const ManifestReader& reader);
 
-}  // namespace ProcMgr
+}  // namespace PlatformHost

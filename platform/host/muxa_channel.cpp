@@ -1,73 +1,40 @@
 #include "platform/host/muxa_channel.h"
 
 #include <sys/epoll.h>
-#include <syslog.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 
-#include "platform/host/diagnostics.h"
+#include "wire/packet_io.h"
 
 namespace PlatformHost {
 
 namespace {
 
+using Wire::LockGuard;
+using Wire::PacketHeader;
+using Wire::PacketKind;
+
 constexpr size_t MAX_QUEUED = 256;
 // For one peer of a server.
 constexpr std::ptrdiff_t MAX_ANSWERS = 16;
 
-// The line whose callback runs on this thread, 0 outside of callbacks.
+// The channel whose callback runs on this thread, 0 outside of callbacks.
 thread_local int32_t deliveringId = 0;
 
 }  // namespace
 
-void MuxaGate::Call(int32_t fd, const MuxaRequest* request) {
-    {
-        const std::lock_guard guard(lock_);
-        if (isClosing_) {
-            return;
-        }
-        ++running_;
-    }
-    try {
-        callback_(fd, request, name_);
-    } catch (...) {
-        // A handler that fails on one record must not take the process down; the record is lost.
-        ProcMgr::WriteDiagnostic(LOG_ERR, "messaging: a handler has failed, its record is lost");
-    }
-    const std::lock_guard guard(lock_);
-    --running_;
-}
-
-int32_t MuxaGate::Close() {
-    const std::lock_guard guard(lock_);
-    if (isClosed_) {
-        return -EBADF;
-    }
-    isClosing_ = true;
-    if (running_ > 0) {
-        return -EBUSY;
-    }
-    isClosed_ = true;
-    return 0;
-}
-
-bool MuxaGate::IsClosing() {
-    const std::lock_guard guard(lock_);
-    return isClosing_;
-}
-
-uint64_t MuxaChannel::Token() const {
-    return static_cast<uint64_t>(id_);
-}
-
-bool MuxaChannel::Attach(AcceptedPeer peer) {
-    const std::lock_guard guard(lock_);
-    if (isShut_ || !workers_.Watch(peer.socket.Get(), EPOLLIN, Token())) {
+bool MuxaChannel::Attach(AcceptedPeer peer, EventWorkers::Handler onEvent) {
+    const LockGuard guard(lock_);
+    if (isShut_) {
         return false;
     }
-    socket_ = std::move(peer.socket);
-    credentials_ = peer.credentials;
+    watch_ = workers_.Watch(peer.socket.Get(), EPOLLIN, std::move(onEvent));
+    if (watch_ == 0) {
+        return false;
+    }
+    peer_ = std::move(peer);
     isBroken_ = false;
     lastRequest_ = std::chrono::steady_clock::now();
     FlushLocked();
@@ -78,29 +45,29 @@ bool MuxaChannel::Attach(AcceptedPeer peer) {
 bool MuxaChannel::OnReady(std::span<uint8_t> buffer) {
     MuxaRequest request;
     Step step = Step::NOTHING;
-    bool isTold = false;
+    bool isCalled = false;
     {
-        const std::lock_guard guard(lock_);
-        if (!socket_.IsValid()) {
+        const LockGuard guard(lock_);
+        if (!peer_.socket.IsValid()) {
             return false;
         }
         FlushLocked();
         step = isDelivering_ ? Step::NOTHING : ReadLocked(buffer, request);
         isDelivering_ = isDelivering_ || step != Step::NOTHING;
-        isTold = !isClosing_;
+        isCalled = !isClosing_;
         ArmLocked();
     }
     if (step == Step::NOTHING) {
         return false;
     }
-    if (isTold) {
-        deliveringId = id_;
+    if (isCalled) {
         workers_.BeginBlocking();
+        deliveringId = id_;
         gate_->Call(id_, step == Step::REQUEST ? &request : nullptr);
-        workers_.EndBlocking();
         deliveringId = 0;
+        workers_.EndBlocking();
     }
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     isDelivering_ = false;
     lastRequest_ = std::chrono::steady_clock::now();
     ArmLocked();
@@ -108,38 +75,36 @@ bool MuxaChannel::OnReady(std::span<uint8_t> buffer) {
 }
 
 MuxaChannel::Step MuxaChannel::ReadLocked(std::span<uint8_t> buffer, MuxaRequest& request) {
-    MuxaHeader header;
-    size_t length = 0;
-    switch (ReceiveMuxaPacket(socket_.Get(), buffer, header, length)) {
-        case ReceiveResult::AGAIN:
+    Wire::Packet packet;
+    switch (Wire::ReceivePacket(peer_.socket.Get(), buffer, packet)) {
+        case Wire::ReceiveResult::NONE:
             return Step::NOTHING;
-        case ReceiveResult::ENDED:
+        case Wire::ReceiveResult::ENDED:
             DisconnectLocked();
             return Step::ENDED;
-        case ReceiveResult::PACKET:
+        case Wire::ReceiveResult::PACKET:
             break;
     }
-    const auto body = buffer.subspan(MUXA_HEADER_SIZE, length);
-    if (header.kind == MuxaKind::RESPONSE) {
-        CompleteLocked(header.sequence, body);
+    if (packet.header.kind == PacketKind::RESPONSE) {
+        CompleteLocked(packet.header.sequence, packet.body);
         return Step::NOTHING;
     }
-    request.data = body.data();
-    request.length = static_cast<uint32_t>(length);
-    request.wantsResponse = header.kind == MuxaKind::CALL;
-    request.sequence = header.sequence;
-    request.peerPid = credentials_.pid;
-    request.peerUid = credentials_.uid;
-    request.peerGid = credentials_.gid;
+    request.data = packet.body.data();
+    request.length = static_cast<uint32_t>(packet.body.size());
+    request.wantsResponse = packet.header.kind == PacketKind::CALL;
+    request.sequence = packet.header.sequence;
+    request.peerPid = peer_.credentials.pid;
+    request.peerUid = peer_.credentials.uid;
+    request.peerGid = peer_.credentials.gid;
     return Step::REQUEST;
 }
 
-int32_t MuxaChannel::Send(const MuxaHeader& header, std::span<const uint8_t> body) {
-    const std::lock_guard guard(lock_);
+int32_t MuxaChannel::Send(const PacketHeader& header, std::span<const uint8_t> body) {
+    const LockGuard guard(lock_);
     return SendLocked(header, body);
 }
 
-int32_t MuxaChannel::SendLocked(const MuxaHeader& header, std::span<const uint8_t> body) {
+int32_t MuxaChannel::SendLocked(const PacketHeader& header, std::span<const uint8_t> body) {
     if (isShut_) {
         return -EBADF;
     }
@@ -157,33 +122,32 @@ int32_t MuxaChannel::SendLocked(const MuxaHeader& header, std::span<const uint8_
     return 0;
 }
 
-// A response is for the peer that asked. Other records of a pipe may wait for the next peer.
-bool MuxaChannel::CanQueueLocked(MuxaKind kind) const {
-    const bool hasPeer = socket_.IsValid() && !isBroken_;
-    return hasPeer || (isPipe_ && kind != MuxaKind::RESPONSE);
+// A response can only go to the peer that sent the request. Other records of a pipe may wait for
+// the next peer.
+bool MuxaChannel::CanQueueLocked(PacketKind kind) const {
+    const bool hasPeer = peer_.socket.IsValid() && !isBroken_;
+    return hasPeer || (isPipe_ && kind != PacketKind::RESPONSE);
 }
 
-bool MuxaChannel::IsFullLocked(MuxaKind kind) const {
-    if (isPipe_ || kind != MuxaKind::RESPONSE) {
+bool MuxaChannel::IsFullLocked(PacketKind kind) const {
+    if (isPipe_ || kind != PacketKind::RESPONSE) {
         return queue_.size() >= MAX_QUEUED;
     }
     const auto isAnswer = [](const Packet& packet) {
-        return packet.header.kind == MuxaKind::RESPONSE;
+        return packet.header.kind == PacketKind::RESPONSE;
     };
     return std::count_if(queue_.begin(), queue_.end(), isAnswer) >= MAX_ANSWERS;
 }
 
-bool MuxaChannel::TrySendLocked(const MuxaHeader& header, std::span<const uint8_t> body) {
-    if (!socket_.IsValid() || isBroken_) {
+bool MuxaChannel::TrySendLocked(const PacketHeader& header, std::span<const uint8_t> body) {
+    if (!peer_.socket.IsValid() || isBroken_) {
         return false;
     }
-    const SendResult result = SendMuxaPacket(socket_.Get(), header, body);
-    if (result == SendResult::BROKEN) {
-        // The reading side then comes to the end by itself, after what the peer had sent before.
-        isBroken_ = true;
-        shutdown(socket_.Get(), SHUT_RDWR);
+    const Wire::SendResult result = Wire::SendPacket(peer_.socket.Get(), header, body);
+    if (result == Wire::SendResult::BROKEN) {
+        BreakLocked();
     }
-    return result == SendResult::SENT;
+    return result == Wire::SendResult::SENT;
 }
 
 void MuxaChannel::FlushLocked() {
@@ -195,29 +159,37 @@ void MuxaChannel::FlushLocked() {
 void MuxaChannel::ArmLocked() {
     const uint32_t input = isDelivering_ ? 0U : uint32_t{EPOLLIN};
     const uint32_t output = queue_.empty() || isBroken_ ? 0U : uint32_t{EPOLLOUT};
-    // Not with an empty set: a hang-up would be reported even so, again and again.
-    if (socket_.IsValid() && (input | output) != 0) {
-        workers_.Rearm(socket_.Get(), input | output, Token());
+    // Not with an empty set: epoll would still report a hang-up, again and again.
+    if (peer_.socket.IsValid() && (input | output) != 0) {
+        workers_.Rearm(watch_, input | output);
     }
 }
 
+// Ends the connection for the peer. The socket stays until OnReady has read the packets that the
+// peer sent before, and then finds the end.
+void MuxaChannel::BreakLocked() {
+    isBroken_ = true;
+    shutdown(peer_.socket.Get(), SHUT_RDWR);
+}
+
 void MuxaChannel::DisconnectLocked() {
-    workers_.Forget(socket_.Get());
-    // A child between fork and exec still has the socket; the peer must see the end all the same.
-    shutdown(socket_.Get(), SHUT_RDWR);
-    socket_.Reset();
+    workers_.Forget(watch_);
+    // close() alone does not end the connection while a child between fork and exec has a copy of
+    // the socket.
+    shutdown(peer_.socket.Get(), SHUT_RDWR);
+    peer_.socket.Reset();
     FailCallsLocked(-EPIPE);
     std::erase_if(queue_,
-                  [](const Packet& packet) { return packet.header.kind != MuxaKind::REQUEST; });
+                  [](const Packet& packet) { return packet.header.kind != PacketKind::REQUEST; });
 }
 
 void MuxaChannel::Shut() {
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     ShutLocked();
 }
 
 int32_t MuxaChannel::ShutIfIdle() {
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     if (isShut_) {
         return -EBADF;
     }
@@ -230,16 +202,14 @@ int32_t MuxaChannel::ShutIfIdle() {
 }
 
 MuxaChannel::Deadline MuxaChannel::EndIfSilent(Deadline now) {
-    const std::lock_guard guard(lock_);
-    if (isDelivering_ || !socket_.IsValid()) {
+    const LockGuard guard(lock_);
+    if (isDelivering_ || !peer_.socket.IsValid()) {
         return now + MAX_SILENCE;
     }
     if (now < lastRequest_ + MAX_SILENCE) {
         return lastRequest_ + MAX_SILENCE;
     }
-    // The reading side then comes to the end by itself.
-    isBroken_ = true;
-    shutdown(socket_.Get(), SHUT_RDWR);
+    BreakLocked();
     return now + MAX_SILENCE;
 }
 
@@ -247,7 +217,7 @@ void MuxaChannel::ShutLocked() {
     isShut_ = true;
     FailCallsLocked(-EBADF);
     queue_.clear();
-    if (socket_.IsValid()) {
+    if (peer_.socket.IsValid()) {
         DisconnectLocked();
     }
 }
@@ -255,51 +225,46 @@ void MuxaChannel::ShutLocked() {
 int32_t MuxaChannel::Call(std::span<const uint8_t> body, MuxaResponse& response,
                           std::optional<Deadline> deadline) {
     if (deliveringId == id_) {
-        return -EDEADLK;  // the response is read only after the callback has returned
+        return -EDEADLK;  // a response is read only after the callback has returned
     }
-    std::unique_lock guard(lock_);
+    Wire::UniqueLock guard(lock_);
     const uint64_t sequence = ++lastSequence_;
-    const int32_t sent = SendLocked({MuxaKind::CALL, sequence}, body);
+    const int32_t sent = SendLocked({PacketKind::CALL, sequence}, body);
     if (sent < 0) {
         return sent;
     }
     PendingCall call{.response = response, .done = {}};
     calls_.emplace(sequence, &call);
-    const bool isOnWorker = deliveringId != 0;
-    if (isOnWorker) {
-        workers_.BeginWaiting();
-    }
+    workers_.BeginWaiting();
     const auto isDone = [&call] { return call.isDone; };
     if (!deadline) {
-        call.done.wait(guard, isDone);
-    } else if (!call.done.wait_until(guard, *deadline, isDone)) {
+        call.done.Wait(guard, isDone);
+    } else if (!call.done.WaitUntil(guard, *deadline, isDone)) {
         WithdrawLocked(sequence);
         call.result = -ETIMEDOUT;
     }
-    if (isOnWorker) {
-        workers_.EndWaiting();
-    }
+    workers_.EndWaiting();
     return call.result;
 }
 
 void MuxaChannel::CompleteLocked(uint64_t sequence, std::span<const uint8_t> body) {
     const auto found = calls_.find(sequence);
     if (found == calls_.end()) {
-        return;  // nobody asked, or the caller has given up
+        return;  // there was no such call, or its deadline has passed
     }
     PendingCall& call = *found->second;
     calls_.erase(found);
     call.response.data.assign(body.begin(), body.end());
     call.response.sequence = sequence;
     call.isDone = true;
-    call.done.notify_one();
+    call.done.NotifyOne();
 }
 
 void MuxaChannel::FailCallsLocked(int32_t result) {
     for (const auto& [sequence, call] : calls_) {
         call->result = result;
         call->isDone = true;
-        call->done.notify_one();
+        call->done.NotifyOne();
     }
     calls_.clear();
 }
@@ -307,7 +272,7 @@ void MuxaChannel::FailCallsLocked(int32_t result) {
 void MuxaChannel::WithdrawLocked(uint64_t sequence) {
     calls_.erase(sequence);
     std::erase_if(queue_, [sequence](const Packet& packet) {
-        return packet.header.kind == MuxaKind::CALL && packet.header.sequence == sequence;
+        return packet.header.kind == PacketKind::CALL && packet.header.sequence == sequence;
     });
 }
 

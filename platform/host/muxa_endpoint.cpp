@@ -1,12 +1,10 @@
 #include "platform/host/muxa_endpoint.h"
 
 #include <sys/epoll.h>
-#include <sys/timerfd.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <limits>
 #include <new>
 #include <thread>
 #include <utility>
@@ -17,58 +15,28 @@ namespace PlatformHost {
 
 namespace {
 
+using Wire::LockGuard;
+
 constexpr mode_t PIPE_MODE = 0660;
-// Any process may register with a server; its callback is told who it is.
+// Any process may connect to a server; the callback gets the credentials of the peer.
 constexpr mode_t SERVER_MODE = 0666;
 constexpr int BACKLOG = 64;
-// Accepted in one go, and the pause after it: a flood of connections costs that much and no more.
+// Peers accepted in one round, and the pause after it: they limit the processor time that a flood
+// of connections can take.
 constexpr int MAX_ACCEPTED = 16;
 constexpr std::chrono::milliseconds ROUND_PAUSE{10};
 constexpr size_t MAX_WAITING = 4;
 constexpr std::ptrdiff_t MAX_PEERS_OF_USER = 32;
 
+// True when the peer has ended the connection and has left no packet to be read.
+bool HasEndedSilently(const AcceptedPeer& peer) {
+    uint8_t byte = 0;
+    return recv(peer.socket.Get(), &byte, sizeof(byte), MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
 }  // namespace
 
-int32_t MuxaTable::NewId() {
-    const std::lock_guard guard(lock_);
-    do {
-        lastId_ = lastId_ == std::numeric_limits<int32_t>::max() ? 1 : lastId_ + 1;
-    } while (entries_.count(lastId_) != 0);
-    return lastId_;
-}
-
-void MuxaTable::Add(int32_t id, MuxaEntry entry) {
-    const std::lock_guard guard(lock_);
-    entries_[id] = std::move(entry);
-}
-
-MuxaEntry MuxaTable::Find(int32_t id) {
-    const std::lock_guard guard(lock_);
-    const auto found = entries_.find(id);
-    return found == entries_.end() ? MuxaEntry{} : found->second;
-}
-
-void MuxaTable::Remove(int32_t id) {
-    MuxaEntry removed;  // destroyed after the lock is released
-    const std::lock_guard guard(lock_);
-    const auto found = entries_.find(id);
-    if (found != entries_.end()) {
-        removed = std::move(found->second);
-        entries_.erase(found);
-    }
-}
-
-bool MuxaTable::Reserve(const std::string& path) {
-    const std::lock_guard guard(lock_);
-    return names_.insert(path).second;
-}
-
-void MuxaTable::Release(const std::string& path) {
-    const std::lock_guard guard(lock_);
-    names_.erase(path);
-}
-
-MuxaEndpoint::MuxaEndpoint(MuxaEndpointSettings settings, MuxaTable& table, MuxaWorkers& workers)
+MuxaEndpoint::MuxaEndpoint(MuxaEndpointSettings settings, MuxaTable& table, EventWorkers& workers)
     : settings_(std::move(settings)),
       table_(table),
       workers_(workers),
@@ -81,11 +49,11 @@ int32_t MuxaEndpoint::Open() {
     if (!table_.Reserve(settings_.path)) {
         return -EADDRINUSE;
     }
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     const int32_t result = ListenLocked();
     if (result < 0) {
         table_.Remove(id_);
-        listener_.Close();
+        StopListeningLocked();
         table_.Release(settings_.path);
         return result;
     }
@@ -94,28 +62,40 @@ int32_t MuxaEndpoint::Open() {
 
 int32_t MuxaEndpoint::ListenLocked() {
     const mode_t mode = settings_.isPipe ? PIPE_MODE : SERVER_MODE;
-    const int32_t bound = listener_.Bind(SOCK_SEQPACKET, settings_.path, mode,
-                                         settings_.gid.value_or(static_cast<gid_t>(-1)));
-    if (bound < 0) {
-        return bound;
+    int32_t result = listener_.Bind(settings_.path, mode, settings_.gid);
+    result = result == 0 ? listener_.Listen(BACKLOG) : result;
+    if (result < 0) {
+        return result;
     }
-    if (listen(listener_.Fd(), BACKLOG) != 0) {
-        return -errno;
-    }
-    const auto id = static_cast<uint64_t>(id_);
+    const auto self = shared_from_this();
     if (!settings_.isPipe) {
-        timer_ = UniqueFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-        if (!timer_.IsValid() || !workers_.Watch(timer_.Get(), EPOLLIN, TIMER_TOKEN | id)) {
+        if (!timer_.Create()) {
+            return -ENOMEM;
+        }
+        timerWatch_ = workers_.Watch(timer_.Fd(), EPOLLIN, [self](auto) { self->OnTimer(); });
+        if (timerWatch_ == 0) {
             return -ENOMEM;
         }
     }
-    table_.Add(id_, {shared_from_this(), pipe_});
-    return workers_.Watch(listener_.Fd(), EPOLLIN, LISTENER_TOKEN | id) ? 0 : -ENOMEM;
+    table_.Add(id_, {self, pipe_});
+    listenerWatch_ =
+        workers_.Watch(listener_.Fd(), EPOLLIN, [self](auto) { self->OnConnection(); });
+    return listenerWatch_ != 0 ? 0 : -ENOMEM;
+}
+
+void MuxaEndpoint::StopListeningLocked() {
+    for (uint64_t* const watch : {&listenerWatch_, &timerWatch_}) {
+        if (*watch != 0) {
+            workers_.Forget(std::exchange(*watch, 0));
+        }
+    }
+    listener_.Close();
+    timer_.Close();
 }
 
 void MuxaEndpoint::OnConnection() {
     for (int i = 0; i < MAX_ACCEPTED; ++i) {
-        const std::lock_guard guard(lock_);
+        const LockGuard guard(lock_);
         const AcceptResult result = AcceptLocked();
         isAccepting_ = result != AcceptResult::NONE;
         if (!isAccepting_) {
@@ -126,34 +106,36 @@ void MuxaEndpoint::OnConnection() {
             break;
         }
     }
-    // Somebody is, or may be, still waiting; without a pause the worker would spin.
+    // A peer is, or may be, still waiting; without a pause the worker would spin.
     workers_.BeginBlocking();
     std::this_thread::sleep_for(ROUND_PAUSE);
     workers_.EndBlocking();
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     isAccepting_ = false;
     ArmLocked();
 }
 
 AcceptResult MuxaEndpoint::AcceptLocked() {
-    const bool isFull = !settings_.isPipe && peers_.size() >= settings_.maxPeers;
-    if (isClosed_ || isFull || gate_->IsClosing()) {
+    if (isClosed_ || IsFullLocked() || gate_->IsClosing()) {
         return AcceptResult::NONE;
     }
     AcceptedPeer peer;
-    const AcceptResult result = AcceptMuxaPeer(listener_.Fd(), peer);
+    const AcceptResult result = AcceptPeer(listener_.Fd(), peer);
     if (result != AcceptResult::ACCEPTED) {
         return result;
     }
     try {
-        const bool isIn = IsWelcomeLocked(peer.credentials) && AdmitLocked(std::move(peer));
-        return isIn ? AcceptResult::ACCEPTED : AcceptResult::REFUSED;
+        const bool mustWait = settings_.isPipe && !peers_.empty();
+        const bool isKept =
+            IsAllowedLocked(peer.credentials) &&
+            (mustWait ? QueueLocked(std::move(peer)) : ConnectLocked(std::move(peer)));
+        return isKept ? AcceptResult::ACCEPTED : AcceptResult::REFUSED;
     } catch (const std::bad_alloc&) {
         return AcceptResult::REFUSED;
     }
 }
 
-bool MuxaEndpoint::IsWelcomeLocked(const ucred& credentials) const {
+bool MuxaEndpoint::IsAllowedLocked(const ucred& credentials) const {
     if (credentials.uid == 0) {
         return true;
     }
@@ -164,20 +146,15 @@ bool MuxaEndpoint::IsWelcomeLocked(const ucred& credentials) const {
         return entry.second.uid == credentials.uid;
     };
     const auto isOther = [](const auto& entry) { return entry.second.uid != 0; };
-    // A quarter of the places is root's: users together cannot take them all.
+    // A quarter of the places is kept for root: the other users together cannot take all places.
     const auto places = static_cast<std::ptrdiff_t>(settings_.maxPeers - settings_.maxPeers / 4);
     return std::count_if(peers_.begin(), peers_.end(), isSameUser) < MAX_PEERS_OF_USER &&
            std::count_if(peers_.begin(), peers_.end(), isOther) < places;
 }
 
-bool MuxaEndpoint::AdmitLocked(AcceptedPeer peer) {
-    return settings_.isPipe && !peers_.empty() ? QueueLocked(std::move(peer))
-                                               : SeatLocked(std::move(peer));
-}
-
 bool MuxaEndpoint::QueueLocked(AcceptedPeer peer) {
     if (waiting_.size() >= MAX_WAITING) {
-        std::erase_if(waiting_, HasNothingToSay);
+        std::erase_if(waiting_, HasEndedSilently);
     }
     if (waiting_.size() >= MAX_WAITING) {
         return false;
@@ -186,17 +163,23 @@ bool MuxaEndpoint::QueueLocked(AcceptedPeer peer) {
     return true;
 }
 
-bool MuxaEndpoint::SeatLocked(AcceptedPeer peer) {
+bool MuxaEndpoint::ConnectLocked(AcceptedPeer peer) {
+    const auto self = shared_from_this();
     auto channel = pipe_;
     if (!settings_.isPipe) {
         channel = std::make_shared<MuxaChannel>(table_.NewId(), false, gate_, workers_);
-        // Before its first event, which is looked up there.
-        table_.Add(channel->Id(), {shared_from_this(), channel});
+        // Before the first event: its callback may send to the peer.
+        table_.Add(channel->Id(), {self, channel});
     }
     peers_.emplace(channel->Id(), Peer{channel, peer.credentials.uid});
-    if (channel->Attach(std::move(peer))) {
+    const auto onEvent = [self, channel](std::span<uint8_t> buffer) {
+        if (channel->OnReady(buffer)) {
+            self->PeerEnded(channel->Id());
+        }
+    };
+    if (channel->Attach(std::move(peer), onEvent)) {
         if (timer_.IsValid() && !isTimerSet_) {
-            SetTimerLocked(MuxaChannel::MAX_SILENCE);
+            SetTimerLocked(std::chrono::steady_clock::now() + MuxaChannel::MAX_SILENCE);
         }
         return true;
     }
@@ -208,7 +191,7 @@ bool MuxaEndpoint::SeatLocked(AcceptedPeer peer) {
 }
 
 void MuxaEndpoint::OnTimer() {
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     isTimerSet_ = false;
     if (isClosed_ || peers_.empty()) {
         return;
@@ -218,27 +201,22 @@ void MuxaEndpoint::OnTimer() {
     for (const auto& [id, peer] : peers_) {
         next = std::min(next, peer.channel->EndIfSilent(now));
     }
-    SetTimerLocked(next - now);
+    SetTimerLocked(next);
 }
 
-void MuxaEndpoint::SetTimerLocked(std::chrono::steady_clock::duration delay) {
-    using std::chrono::nanoseconds;
-    using std::chrono::seconds;
-    const auto whole = std::chrono::duration_cast<seconds>(delay);
-    itimerspec when{};
-    when.it_value.tv_sec = static_cast<time_t>(whole.count());
-    // Never 0 in all, which would stop it.
-    when.it_value.tv_nsec =
-        static_cast<long>(std::max(nanoseconds(delay - whole), nanoseconds(1)).count());
-    timerfd_settime(timer_.Get(), 0, &when, nullptr);
+void MuxaEndpoint::SetTimerLocked(TimerFd::Time when) {
+    timer_.Set(when);
     isTimerSet_ = true;
-    workers_.Rearm(timer_.Get(), EPOLLIN, TIMER_TOKEN | static_cast<uint64_t>(id_));
+    workers_.Rearm(timerWatch_, EPOLLIN);
+}
+
+bool MuxaEndpoint::IsFullLocked() const {
+    return !settings_.isPipe && peers_.size() >= settings_.maxPeers;
 }
 
 void MuxaEndpoint::ArmLocked() {
-    const bool isFull = !settings_.isPipe && peers_.size() >= settings_.maxPeers;
-    if (!isClosed_ && !isFull && !isAccepting_) {
-        workers_.Rearm(listener_.Fd(), EPOLLIN, LISTENER_TOKEN | static_cast<uint64_t>(id_));
+    if (!isClosed_ && !IsFullLocked() && !isAccepting_) {
+        workers_.Rearm(listenerWatch_, EPOLLIN);
     }
 }
 
@@ -246,12 +224,12 @@ void MuxaEndpoint::PeerEnded(int32_t id) {
     if (!settings_.isPipe) {
         table_.Remove(id);
     }
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     peers_.erase(id);
     while (!isClosed_ && !waiting_.empty() && peers_.empty()) {
         AcceptedPeer next = std::move(waiting_.front());
         waiting_.pop_front();
-        SeatLocked(std::move(next));
+        ConnectLocked(std::move(next));
     }
     ArmLocked();
 }
@@ -271,19 +249,14 @@ int32_t MuxaEndpoint::Close() {
     }
     std::map<int32_t, Peer> peers;
     {
-        const std::lock_guard guard(lock_);
+        const LockGuard guard(lock_);
         isClosed_ = true;
-        workers_.Forget(listener_.Fd());
-        listener_.Close();
-        if (timer_.IsValid()) {
-            workers_.Forget(timer_.Get());
-            timer_.Reset();
-        }
+        StopListeningLocked();
         waiting_.clear();
         peers.swap(peers_);
     }
     if (pipe_ != nullptr) {
-        pipe_->Shut();  // it has callers and records even without a peer
+        pipe_->Shut();  // even without a peer: calls and records may wait in it
     }
     for (const auto& [id, peer] : peers) {
         peer.channel->Shut();

@@ -8,13 +8,13 @@
 #include <numeric>
 #include <vector>
 
-namespace ProcMgr {
+namespace PlatformHost {
 namespace {
 
 constexpr std::string_view PREFIX = "match(";
 constexpr std::string_view SUFFIX = ")";
 
-// The number in front of the "}" of an interval "{m}", "{m,}" or "{m,n}".
+// The number of copies for an interval "{m}", "{m,}" or "{m,n}", passed without its braces.
 size_t IntervalCount(std::string_view interval) {
     const size_t comma = interval.find(',');
     const bool open = comma != std::string_view::npos && comma + 1 == interval.size();
@@ -25,11 +25,12 @@ size_t IntervalCount(std::string_view interval) {
     return std::max<size_t>(count, 1) + (open ? 1 : 0);
 }
 
-// Size of the expression with its repetitions written out, as the compiler does it: nested ones
-// multiply. An estimate (brackets count as the characters in them), cut off above the limit.
+// Estimates the size of the expression with its repetitions expanded, as the compiler expands them:
+// nested repetitions multiply. A bracket expression counts as the characters in it. The calculation
+// stops above the limit.
 size_t ExpandedSize(std::string_view expression) {
-    std::vector<size_t> groups{0};  // size of each open group without its last part
-    size_t last = 0;                // what a repetition would repeat
+    std::vector<size_t> groups{0};  // size of each open group without its last item
+    size_t last = 0;                // size of the item that a repetition would repeat
     for (size_t i = 0; i < expression.size() && groups.back() <= MAX_PATTERN_EXPANSION; ++i) {
         const char c = expression[i];
         if (c == '{') {
@@ -56,8 +57,8 @@ size_t ExpandedSize(std::string_view expression) {
     return std::accumulate(groups.begin(), groups.end(), last);
 }
 
-// Compiled alone and not inside "^(...)$": text such as "a)|(b" would compile in there and match
-// more than a whole value.
+// A compiled pattern. The expression is compiled as written and not inside "^(...)$": there, an
+// unbalanced expression such as "a)|(b" would compile and match parts of a value.
 class Regex {
 public:
     explicit Regex(const std::string& pattern) {
@@ -83,8 +84,8 @@ public:
 
     const std::string& Fault() const { return fault_; }
 
-    // The longest of the leftmost matches is the one reported: when the whole value can be
-    // matched, it is that match.
+    // POSIX reports the longest of the leftmost matches: if the whole value can match, that match
+    // is reported.
     bool MatchesWhole(const std::string& value) const {
         if (!compiled_) {
             return false;
@@ -129,4 +130,4 @@ bool MatchesPattern(const std::string& pattern, const std::string& value) {
     return Regex(pattern).MatchesWhole(value);
 }
 
-}  // namespace ProcMgr
+}  // namespace PlatformHost

@@ -1,6 +1,6 @@
-// The calls of platform/power.h, and the one thread that takes the words of the machine's scripts
-// on /run/muxa/power: `suspend` and `resume`, one a packet, each answered when its call has
-// returned.
+// The functions of platform/power.h, and the thread that receives the commands of the machine's
+// scripts on /run/muxa/power: `suspend` and `resume`, one in each packet. Each command is answered
+// when its call has returned.
 #include "platform/power.h"
 
 #include <poll.h>
@@ -13,7 +13,6 @@
 #include <cerrno>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -22,24 +21,26 @@
 #include <vector>
 
 #include "platform/host/diagnostics.h"
-#include "platform/host/muxa_socket.h"
 #include "platform/host/unix_socket.h"
 #include "wire/blocked_signals.h"
+#include "wire/mutex.h"
 
 namespace {
 
+using PlatformHost::AcceptResult;
 using PlatformHost::UniqueFd;
+using Wire::LockGuard;
 
 constexpr const char* SOCKET_PATH = "/run/muxa/power";
 constexpr mode_t SOCKET_MODE = 0600;
 constexpr int BACKLOG = 8;
 constexpr size_t MAX_PEERS = 8;
-// Until descriptors are tried for again, in milliseconds.
+// Milliseconds before the next attempt to accept when no descriptor was left.
 constexpr int PAUSE = 100;
-// The longest word and one more: what fills it is no word.
+// More than the longest command: a packet that fills the buffer is not a command.
 constexpr size_t PACKET_MAX = 16;
 
-// The socket and its thread, for the time of one registration.
+// The socket and its thread, from the registration to its end.
 class PowerSocket {
 public:
     PowerSocket(PowerCall suspend, PowerCall wakeUp)
@@ -47,9 +48,9 @@ public:
 
     // Returns 0 or a negative errno.
     int32_t Start();
-    // From then on no call begins. False while one runs.
+    // No call begins any more. Returns false while a call runs.
     bool Stop();
-    // After a Stop that was true.
+    // Waits for the end of the thread; to be called after a Stop that returned true.
     void Join() { thread_.join(); }
 
 private:
@@ -57,9 +58,9 @@ private:
     void Run();
     std::vector<pollfd> MakeWaits() const;
     void Accept();
-    // False when the connection is over.
+    // Returns false when the connection has ended.
     bool Serve(int peer);
-    // False when it has not been made, as the registration has ended.
+    // Returns false, without a call, when the registration has ended.
     bool Call(const PowerCall& call);
     bool IsStopped();
 
@@ -67,13 +68,13 @@ private:
     const PowerCall wakeUp_;
     PlatformHost::BoundSocket listener_;
     UniqueFd wake_;
-    std::vector<UniqueFd> peers_;  // the thread's
-    bool isExhausted_ = false;     // no descriptor for a peer; the thread's
+    std::vector<UniqueFd> peers_;  // used by the thread only
+    bool isExhausted_ = false;     // no descriptor was left for a peer; used by the thread only
     std::thread thread_;
 
-    std::mutex lock_;  // guards the fields below
-    bool isStopped_ = false;
-    bool isCalling_ = false;
+    Wire::Mutex lock_;
+    bool isStopped_ PROCMGR_GUARDED_BY(lock_) = false;
+    bool isCalling_ PROCMGR_GUARDED_BY(lock_) = false;
 };
 
 int32_t PowerSocket::Start() {
@@ -81,18 +82,16 @@ int32_t PowerSocket::Start() {
     if (!wake_.IsValid()) {
         return -errno;
     }
-    int32_t result = PlatformHost::MakeMuxaDirectories();
-    if (result == 0) {
-        result = listener_.Bind(SOCK_SEQPACKET, SOCKET_PATH, SOCKET_MODE, static_cast<gid_t>(-1));
-    }
-    if (result < 0) {
-        return result;
-    }
-    return listen(listener_.Fd(), BACKLOG) == 0 ? StartThread() : -errno;
+    int32_t result = PlatformHost::MakeMessagingDirectories();
+    result = result == 0
+                 ? listener_.Bind(SOCKET_PATH, SOCKET_MODE, PlatformHost::BoundSocket::NO_GROUP)
+                 : result;
+    result = result == 0 ? listener_.Listen(BACKLOG) : result;
+    return result == 0 ? StartThread() : result;
 }
 
 int32_t PowerSocket::StartThread() {
-    const Wire::BlockedSignals blocked;  // while the thread is made
+    const Wire::BlockedSignals blocked;  // the new thread inherits the mask
     try {
         thread_ = std::thread(&PowerSocket::Run, this);
     } catch (const std::system_error& error) {
@@ -102,14 +101,14 @@ int32_t PowerSocket::StartThread() {
 }
 
 bool PowerSocket::Stop() {
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     isStopped_ = true;
     eventfd_write(wake_.Get(), 1);
     return !isCalling_;
 }
 
 bool PowerSocket::IsStopped() {
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     return isStopped_;
 }
 
@@ -132,7 +131,8 @@ void PowerSocket::Run() {
     }
 }
 
-// The peers in their order, what stops the thread, and the listener while a peer can be taken.
+// Returns the entries for poll(): the peers in their order, the descriptor that stops the thread,
+// and the listener; the listener's entry is empty while no peer can be accepted.
 std::vector<pollfd> PowerSocket::MakeWaits() const {
     std::vector<pollfd> waits;
     for (const UniqueFd& peer : peers_) {
@@ -146,10 +146,10 @@ std::vector<pollfd> PowerSocket::MakeWaits() const {
 
 void PowerSocket::Accept() {
     PlatformHost::AcceptedPeer peer;
-    const PlatformHost::AcceptResult result = AcceptMuxaPeer(listener_.Fd(), peer);
-    isExhausted_ = result == PlatformHost::AcceptResult::EXHAUSTED;
-    // Others are kept out by the mode of the socket, but for those with a capability.
-    if (result == PlatformHost::AcceptResult::ACCEPTED && peer.credentials.uid == 0) {
+    const AcceptResult result = AcceptPeer(listener_.Fd(), peer);
+    isExhausted_ = result == AcceptResult::EXHAUSTED;
+    // The mode of the socket does not keep out a process of another user with a capability.
+    if (result == AcceptResult::ACCEPTED && peer.credentials.uid == 0) {
         peers_.push_back(std::move(peer.socket));
     }
 }
@@ -166,13 +166,13 @@ bool PowerSocket::Serve(int peer) {
         return false;
     }
     const std::string_view answer = isWord ? "ok" : "unknown";
-    // A peer that asks and does not read is not waited for.
+    // Does not wait for a peer that does not read its answers.
     return send(peer, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
 }
 
 bool PowerSocket::Call(const PowerCall& call) {
     {
-        const std::lock_guard guard(lock_);
+        const LockGuard guard(lock_);
         if (isStopped_) {
             return false;
         }
@@ -181,23 +181,24 @@ bool PowerSocket::Call(const PowerCall& call) {
     try {
         call();
     } catch (const std::exception& error) {
-        // A call that fails must not take the process down.
-        ProcMgr::WriteDiagnostic(LOG_ERR, std::string("power: a call failed, ") + error.what());
+        // A call that fails must not end the process.
+        PlatformHost::WriteDiagnostic(LOG_ERR,
+                                      std::string("power: a call failed, ") + error.what());
     }
-    const std::lock_guard guard(lock_);
+    const LockGuard guard(lock_);
     isCalling_ = false;
     return true;
 }
 
-// The process's registration.
+// The registration of the process.
 struct Slot {
-    std::mutex lock;  // guards socket
-    std::unique_ptr<PowerSocket> socket;
+    Wire::Mutex lock;
+    std::unique_ptr<PowerSocket> socket PROCMGR_GUARDED_BY(lock);
 };
 
 // Never destroyed: the thread may still run while the process exits.
 Slot& GetSlot() {
-    static Slot* const slot = new Slot;
+    static auto* const slot = new Slot;
     return *slot;
 }
 
@@ -208,7 +209,7 @@ int32_t RegisterPowerCalls(PowerCall suspend, PowerCall wakeUp) {
         return -EINVAL;
     }
     Slot& slot = GetSlot();
-    const std::lock_guard guard(slot.lock);
+    const LockGuard guard(slot.lock);
     if (slot.socket != nullptr) {
         return -EEXIST;
     }
@@ -221,15 +222,18 @@ int32_t RegisterPowerCalls(PowerCall suspend, PowerCall wakeUp) {
 }
 
 int32_t UnregisterPowerCalls() {
-    Slot& slot = GetSlot();
-    const std::lock_guard guard(slot.lock);
-    if (slot.socket == nullptr) {
-        return 0;
+    std::unique_ptr<PowerSocket> ended;
+    {
+        Slot& slot = GetSlot();
+        const LockGuard guard(slot.lock);
+        if (slot.socket == nullptr) {
+            return 0;
+        }
+        if (!slot.socket->Stop()) {
+            return -EBUSY;
+        }
+        ended = std::move(slot.socket);
     }
-    if (!slot.socket->Stop()) {
-        return -EBUSY;
-    }
-    slot.socket->Join();
-    slot.socket.reset();
+    ended->Join();
     return 0;
 }

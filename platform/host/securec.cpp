@@ -7,7 +7,7 @@
 
 namespace {
 
-// A size above this is a negative number that lost its sign.
+// A larger size is taken for a negative number that was converted to size_t.
 constexpr size_t MAX_SIZE = SIZE_MAX >> 1;
 
 bool Overlap(const void* first, size_t firstSize, const void* second, size_t secondSize) {
@@ -16,7 +16,7 @@ bool Overlap(const void* first, size_t firstSize, const void* second, size_t sec
     return a < b + secondSize && b < a + firstSize;
 }
 
-// Tells the compiler that somebody reads the memory, so that a store to it is never dropped.
+// Declares to the compiler that the memory is read, so that it never removes a store to it.
 void Observe(void* memory) {
     __asm__ __volatile__("" : : "r"(memory) : "memory");
 }
@@ -60,7 +60,7 @@ int strncpy_s(char* destination, size_t destinationSize, const char* source, siz
     if (source == nullptr) {
         return EmptyText(destination);
     }
-    // One look past what fits tells that it does not: the source may be endless.
+    // At most destinationSize characters are read: the source may have no NUL.
     const size_t length = strnlen(source, std::min(count, destinationSize));
     if (length >= destinationSize || Overlap(destination, length + 1, source, length)) {
         return EmptyText(destination);

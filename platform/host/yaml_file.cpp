@@ -1,28 +1,28 @@
+#include "platform/host/yaml_file.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <string>
 #include <system_error>
 #include <utility>
 
-#include "platform/host/yaml_tree.h"
 #include "wire/root_file.h"
 
-namespace ProcMgr {
+namespace PlatformHost {
 namespace {
 
 std::string ErrorText(const char* what, int code) {
     return std::string(what) + ": " + std::generic_category().message(code);
 }
 
-// Any regular file. Nothing but its kind is known, so that the path may be exchanged meanwhile: the
-// opening never waits.
+// Opens any regular file. Another file may be put at the path between the check and open(), so
+// open() must not wait either.
 Wire::RootFile OpenAnyFile(const std::string& path) {
     Wire::RootFile file;
     struct stat status {};
-    // Before the opening, which of a device may have an effect.
+    // The type is checked before open() too: opening a device can have an effect on it.
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         file.error = S_ISDIR(status.st_mode) ? "it is a directory" : "it is not a regular file";
         return file;
@@ -37,7 +37,8 @@ Wire::RootFile OpenAnyFile(const std::string& path) {
     return file;
 }
 
-// The file may grow while it is read, so the limit holds for what is read, not for its status.
+// Appends the contents of `fd` to `text`; returns the error, empty on success. The limit applies to
+// the bytes read and not to the size in the file's status: the file may grow meanwhile.
 std::string ReadAll(int fd, std::string& text) {
     while (text.size() <= MAX_YAML_FILE) {
         constexpr size_t CHUNK = 16384;
@@ -70,4 +71,4 @@ YamlFile ReadYamlFile(const std::string& path, FileTrust trust) {
     return file;
 }
 
-}  // namespace ProcMgr
+}  // namespace PlatformHost

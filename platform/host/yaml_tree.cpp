@@ -8,25 +8,23 @@
 #include <algorithm>
 #include <array>
 #include <exception>
-#include <memory>
-#include <new>
 #include <span>
 #include <sstream>
 #include <stdexcept>
-#include <string>
-#include <type_traits>
 #include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "platform/host/diagnostics.h"
+#include "platform/host/yaml_file.h"
 
-namespace ProcMgr {
+namespace PlatformHost {
 namespace {
 
-// Memory that one document may stand for, aliases counted as if they were written out.
+// Limit on the size of one document in bytes, aliases counted as if they were written out.
 constexpr size_t MAX_COST = size_t{32} << 20;
 constexpr size_t NODE_COST = 64;
+// Size of a document's first block of memory in bytes; each further block is larger.
+constexpr size_t FIRST_BLOCK = size_t{16} << 10;
 
 struct TreeFault : std::runtime_error {
     TreeFault(uint32_t where, const std::string& text) : std::runtime_error(text), line(where) {}
@@ -37,11 +35,25 @@ uint32_t LineOf(const YAML::Mark& mark) {
     return mark.line < 0 ? 1 : static_cast<uint32_t>(mark.line) + 1;
 }
 
+void RefuseRepeatedKeys(std::span<const YamlChild> map) {
+    std::unordered_map<std::string_view, uint32_t> lines;
+    for (const YamlChild& child : map) {
+        const auto [first, isNew] = lines.emplace(child.key, child.line);
+        if (!isNew) {
+            throw TreeFault(child.line, "key " + Quoted(child.key) +
+                                            " stands twice in one mapping, first in line " +
+                                            std::to_string(first->second));
+        }
+    }
+}
+
 class TreeBuilder : public YAML::EventHandler {
 public:
-    explicit TreeBuilder(YamlTree& tree) : tree_(tree) {}
-
     const std::string& LastKey() const { return lastKey_; }
+    // The root of the document, of kind NOTHING when the text holds none.
+    YamlNodePtr Root() {
+        return {memory_, root_ != nullptr ? root_ : NewNode(YamlKind::NOTHING, 1, {})};
+    }
 
     void OnDocumentStart(const YAML::Mark& mark) override {
         if (++documents_ > 1) {
@@ -76,7 +88,7 @@ public:
     }
     void OnSequenceEnd() override { Close(); }
     void OnMapEnd() override {
-        RefuseRepeatedKeys(std::span(children_).subspan(open_.back().firstChild));
+        RefuseRepeatedKeys(open_.back().node->children);
         Close();
     }
 
@@ -85,7 +97,6 @@ private:
         YamlNode* node = nullptr;
         YAML::anchor_t anchor = 0;
         size_t costBefore = 0;
-        size_t firstChild = 0;    // its children so far are children_ from here on
         bool wantsValue = false;  // in a map: the last child is a key without its value
     };
     struct Anchored {
@@ -100,32 +111,10 @@ private:
         }
     }
 
-    YamlNode* NewNode(YamlKind kind, uint32_t line) {
-        void* memory = tree_.memory.allocate(sizeof(YamlNode), alignof(YamlNode));
-        return new (memory) YamlNode{kind, line, {}, {}};
-    }
-
-    // Nodes and children are never destroyed one by one: their memory goes as a whole.
-    static_assert(std::is_trivially_destructible_v<YamlNode>);
-    static_assert(std::is_trivially_destructible_v<YamlChild>);
-
-    std::string_view Keep(std::string_view text) {
-        if (text.empty()) {
-            return {};
-        }
-        auto* const memory = static_cast<char*>(tree_.memory.allocate(text.size(), 1));
-        std::copy(text.begin(), text.end(), memory);
-        return {memory, text.size()};
-    }
-
-    std::span<const YamlChild> Keep(std::span<const YamlChild> children) {
-        if (children.empty()) {
-            return {};
-        }
-        void* memory = tree_.memory.allocate(children.size_bytes(), alignof(YamlChild));
-        auto* const first = static_cast<YamlChild*>(memory);
-        std::uninitialized_copy(children.begin(), children.end(), first);
-        return {first, children.size()};
+    // Nodes are never destroyed one by one: their memory is freed with the last YamlNodePtr.
+    YamlNode* NewNode(YamlKind kind, uint32_t line, std::string_view text) {
+        std::pmr::polymorphic_allocator<> allocator(memory_.get());
+        return allocator.new_object<YamlNode>(kind, line, text, memory_.get());
     }
 
     void AddLeaf(YamlKind kind, uint32_t line, YAML::anchor_t anchor, const std::string& value) {
@@ -134,87 +123,61 @@ private:
         }
         const size_t cost = NODE_COST + value.size();
         Charge(cost, line);
-        YamlNode* const node = NewNode(kind, line);
-        node->text = Keep(value);
-        Remember(anchor, node, cost);
-        Add(node, line);
+        Finish(NewNode(kind, line, value), anchor, cost);
     }
 
     void Open(YamlKind kind, uint32_t line, YAML::anchor_t anchor) {
         if (open_.size() >= MAX_YAML_DEPTH) {
             throw TreeFault(line, "nested too deeply");
         }
-        open_.push_back(OpenNode{NewNode(kind, line), anchor, cost_, children_.size(), false});
+        open_.push_back(OpenNode{NewNode(kind, line, {}), anchor, cost_});
         Charge(NODE_COST, line);
     }
 
     void Close() {
         const OpenNode closed = open_.back();
         open_.pop_back();
-        closed.node->children =
-            Keep(std::span<const YamlChild>(children_).subspan(closed.firstChild));
-        children_.resize(closed.firstChild);
-        Remember(closed.anchor, closed.node, cost_ - closed.costBefore);
-        Add(closed.node, closed.node->line);
+        Finish(closed.node, closed.anchor, cost_ - closed.costBefore);
     }
 
-    void Remember(YAML::anchor_t anchor, const YamlNode* node, size_t cost) {
+    void Finish(const YamlNode* node, YAML::anchor_t anchor, size_t cost) {
         if (anchor != 0) {
             anchors_[anchor] = Anchored{node, cost};
         }
+        Add(node, node->line);
     }
 
     void Add(const YamlNode* node, uint32_t line) {
         if (open_.empty()) {
-            tree_.root = node;
+            root_ = node;
             return;
         }
         OpenNode& parent = open_.back();
+        std::pmr::vector<YamlChild>& children = parent.node->children;
         if (parent.node->kind == YamlKind::LIST) {
-            children_.push_back(YamlChild{{}, line, node});
-        } else if (parent.wantsValue) {
-            children_.back().node = node;
-            parent.wantsValue = false;
+            children.push_back(YamlChild{{}, line, node});
+        } else if (std::exchange(parent.wantsValue, !parent.wantsValue)) {
+            children.back().node = node;
+        } else if (node->kind == YamlKind::TEXT) {
+            lastKey_ = node->text;
+            children.push_back(YamlChild{node->text, line, nullptr});
         } else {
-            AddKey(parent, node, line);
-        }
-    }
-
-    void AddKey(OpenNode& map, const YamlNode* key, uint32_t line) {
-        if (key->kind != YamlKind::TEXT) {
             throw TreeFault(line, "a key is not text");
         }
-        lastKey_ = key->text;
-        children_.push_back(YamlChild{key->text, line, nullptr});
-        map.wantsValue = true;
     }
 
-    static void RefuseRepeatedKeys(std::span<const YamlChild> map) {
-        std::vector<YamlChild> sorted(map.begin(), map.end());
-        std::stable_sort(sorted.begin(), sorted.end(),
-                         [](const YamlChild& a, const YamlChild& b) { return a.key < b.key; });
-        const auto twice = std::adjacent_find(
-            sorted.begin(), sorted.end(),
-            [](const YamlChild& a, const YamlChild& b) { return a.key == b.key; });
-        if (twice != sorted.end()) {
-            const YamlChild& second = *std::next(twice);
-            throw TreeFault(second.line, "key " + Quoted(second.key) +
-                                             " stands twice in one mapping, first in line " +
-                                             std::to_string(twice->line));
-        }
-    }
-
-    YamlTree& tree_;
-    std::vector<OpenNode> open_;
-    std::vector<YamlChild> children_;  // of all open nodes, the outermost one's first
+    const std::shared_ptr<std::pmr::monotonic_buffer_resource> memory_ =
+        std::make_shared<std::pmr::monotonic_buffer_resource>(FIRST_BLOCK);
+    const YamlNode* root_ = nullptr;
+    std::vector<OpenNode> open_;  // from the root to the innermost list or map that is not ended
     std::unordered_map<YAML::anchor_t, Anchored> anchors_;
     std::string lastKey_;
     size_t cost_ = 0;
     int documents_ = 0;
 };
 
-// yaml-cpp takes some control characters for the end of its input, so that the rest of the file
-// would be dropped without a word; YAML allows none of them.
+// yaml-cpp takes some control characters for the end of its input and would ignore the rest of the
+// file without an error. YAML allows none of these characters.
 void RefuseControlCharacters(std::string_view text) {
     const auto bad = std::find_if(text.begin(), text.end(), [](char c) {
         const auto byte = static_cast<unsigned char>(c);
@@ -238,8 +201,9 @@ bool IsUnclosedQuote(const YAML::Exception& fault) {
     return fault.msg == YAML::ErrorMsg::EOF_IN_SCALAR;
 }
 
-// yaml-cpp takes the end of the file for the end of a quoted text where it comes behind a quote or
-// a line break. A comment after it means nothing anywhere else, and is seen as missing the quote.
+// Makes yaml-cpp report a quoted text that is not closed: without help it accepts the end of the
+// file as the closing quote when a quote or a line break comes directly before it. A comment
+// appended to the text changes no valid document, and inside an open quote it leads to the error.
 void MarkEnd(std::string& text) {
     const size_t last = text.find_last_not_of(" \t");
     const char ending = last == std::string::npos ? '\n' : text[last];
@@ -253,10 +217,9 @@ void MarkEnd(std::string& text) {
 
 constexpr std::string_view QUOTE_END = "<end of the file>";
 
-// Notes the line where the text with QUOTE_END at its end begins.
+// Records the first line of the scalar that ends with QUOTE_END.
 class QuoteFinder : public TreeBuilder {
 public:
-    using TreeBuilder::TreeBuilder;
     void OnScalar(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t anchor,
                   const std::string& value) override {
         if (std::string_view(value).ends_with(QUOTE_END)) {
@@ -267,13 +230,12 @@ public:
     uint32_t line = 0;
 };
 
-// The line where the quote opens that `text` lacks the end of. yaml-cpp only tells the place of
-// whole texts, so the text is given each possible end; a text that does not fit where it stands is
-// in the place of the error.
+// The line of the opening quote in a `text` whose last quote is not closed. yaml-cpp reports the
+// line of complete scalars only, so the text is parsed again with each kind of closing quote
+// appended. When the closed scalar is not valid at its place, the line of that error is the answer.
 uint32_t LineOfQuote(const std::string& text) {
     for (const char quote : {'"', '\''}) {
-        YamlTree tree;
-        QuoteFinder finder(tree);
+        QuoteFinder finder;
         try {
             Parse(text + std::string(QUOTE_END) + quote + "\n#", finder);
         } catch (const TreeFault& fault) {
@@ -307,8 +269,6 @@ void Build(std::string text, TreeBuilder& builder) {
     }
 }
 
-constexpr YamlNode EMPTY_DOCUMENT{YamlKind::NOTHING, 1, {}, {}};
-
 }  // namespace
 
 const YamlNode* YamlNode::Find(std::string_view key) const {
@@ -328,13 +288,11 @@ std::string YamlError::Describe(const std::string& file) const {
     return where + text;
 }
 
-std::shared_ptr<const YamlTree> ParseYamlText(std::string text, YamlError& error) {
-    auto tree = std::make_shared<YamlTree>();
-    TreeBuilder builder(*tree);
+YamlNodePtr ParseYamlText(std::string text, YamlError& error) {
+    TreeBuilder builder;
     try {
         Build(std::move(text), builder);
-        tree->root = tree->root != nullptr ? tree->root : &EMPTY_DOCUMENT;
-        return tree;
+        return builder.Root();
     } catch (const TreeFault& fault) {
         error = YamlError{fault.line, builder.LastKey(), fault.what()};
     } catch (const YAML::Exception& invalid) {
@@ -366,4 +324,4 @@ std::optional<bool> ParseYamlBool(std::string_view text) {
     return std::nullopt;
 }
 
-}  // namespace ProcMgr
+}  // namespace PlatformHost

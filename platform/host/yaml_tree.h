@@ -1,6 +1,6 @@
-// A YAML document as a small tree with line numbers, and the reading of YAML files. Built from the
-// events of yaml-cpp with limits on size, depth and alias use, so that no file, however odd, costs
-// more than a fixed amount of memory. The manifest loader and KvsTypeYaml stand on it.
+// A YAML document as a tree of nodes with line numbers. The tree is built from the events of
+// yaml-cpp with limits on size, depth and alias use, so that the memory for any file is bounded.
+// The manifest loader and KvsTypeYaml read their files with it.
 #pragma once
 
 #include <cstddef>
@@ -8,17 +8,17 @@
 #include <memory>
 #include <memory_resource>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
-namespace ProcMgr {
+namespace PlatformHost {
 
 enum class YamlKind { NOTHING, TEXT, LIST, MAP };
 
 struct YamlNode;
 
-// An element of a list or, with its key, of a map.
+// An element of a list or, with its key, of a map. An alias has the node of its anchor.
 struct YamlChild {
     std::string_view key;
     uint32_t line = 0;  // of the key; in a list, of the element
@@ -26,21 +26,22 @@ struct YamlChild {
 };
 
 struct YamlNode {
-    YamlKind kind = YamlKind::NOTHING;
-    uint32_t line = 0;  // counted from 1
-    std::string_view text;
-    std::span<const YamlChild> children;  // in file order; keys are unique
+    YamlNode(YamlKind kindOfNode, uint32_t where, std::string_view value,
+             std::pmr::memory_resource* memory)
+        : kind(kindOfNode), line(where), text(value, memory), children(memory) {}
+
+    const YamlKind kind;
+    const uint32_t line;  // counted from 1
+    const std::pmr::string text;
+    std::pmr::vector<YamlChild> children;  // in file order; keys are unique
 
     // The value under `key`, or null when this is not a map or has no such key.
     const YamlNode* Find(std::string_view key) const;
 };
 
-// Owns a document whole: its nodes and texts lie in few large blocks, which go back to the system
-// with it and do not leave a long-running process with a heap full of holes.
-struct YamlTree {
-    std::pmr::monotonic_buffer_resource memory{size_t{16} << 10};
-    const YamlNode* root = nullptr;
-};
+// A node that keeps its document alive. All nodes of a document are in few large blocks of memory:
+// single blocks between blocks that stay would leave the heap of the daemon full of holes.
+using YamlNodePtr = std::shared_ptr<const YamlNode>;
 
 // Why a text is not a usable YAML document.
 struct YamlError {
@@ -48,36 +49,18 @@ struct YamlError {
     std::string nearKey;  // the last key before the error; empty when there was none
     std::string text;
 
-    // "FILE:LINE: near key 'KEY': TEXT", the key only when there is one.
+    // "FILE:LINE: near key 'KEY': TEXT"; the part with the key only when there is one.
     std::string Describe(const std::string& file) const;
 };
 
-// yaml-cpp keeps all tokens of a "[...]" or "{...}" until it ends, at a hundred times the size of
-// their text, so that the size of a file bounds the memory that reading it takes.
-constexpr size_t MAX_YAML_FILE = size_t{1} << 20;
 constexpr size_t MAX_YAML_DEPTH = 32;
 
-// Parses one document. An empty one has a NOTHING root, a broken one gives null and sets `error`.
-// Keys are text and unique in their map, and no text holds a NUL. Throws only std::bad_alloc.
-std::shared_ptr<const YamlTree> ParseYamlText(std::string text, YamlError& error);
+// Parses one document and returns its root; the root of an empty document is of kind NOTHING.
+// Returns null and sets `error` when the text is not valid. Keys are text and unique in their map,
+// and no text holds a NUL. Any thread; throws only std::bad_alloc.
+YamlNodePtr ParseYamlText(std::string text, YamlError& error);
 
-// The words true, yes, on, y and false, no, off, n in lower, upper or capitalised form.
+// Accepts true, yes, on, y and false, no, off, n in lower, upper or capitalised form.
 std::optional<bool> ParseYamlBool(std::string_view text);
 
-// A file read whole, or why it was not.
-struct YamlFile {
-    std::string text;
-    std::string realPath;  // of OWNER_ONLY: tells whether two paths are the same file
-    std::string error;     // empty on success
-};
-
-enum class FileTrust {
-    ANY,
-    // Only a file that Wire::OpenRootFile opens: its content decides what runs with our privileges.
-    OWNER_ONLY,
-};
-
-// Reads a regular file of at most MAX_YAML_FILE bytes. Throws only std::bad_alloc.
-YamlFile ReadYamlFile(const std::string& path, FileTrust trust);
-
-}  // namespace ProcMgr
+}  // namespace PlatformHost

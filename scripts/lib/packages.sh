@@ -1,7 +1,7 @@
-# Sourced by the scripts: installs what they need from Debian's packages.
+# Sourced by the scripts: installs the Debian packages that they need.
 
-# install_missing PACKAGE...: installs those that are not installed yet; asks the network only when
-# one is missing. No service that a package brings is started.
+# install_missing PACKAGE...: installs the packages that are missing. Uses the network only when one
+# is missing. Does not start the services that packages contain.
 install_missing() {
     if ! command -v dpkg-query >/dev/null; then
         echo "not a Debian system, please install by hand: $*" >&2
@@ -23,7 +23,7 @@ install_missing() {
     echo "installing ${missing[*]}" >&2
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive bash -c '
         set -euo pipefail
-        # Asked by the package scripts before they start a service; 101 forbids it.
+        # Package scripts call this program before they start a service; status 101 forbids it.
         guard=/usr/sbin/policy-rc.d
         if [[ ! -e $guard ]]; then
             trap "rm -f $guard" EXIT

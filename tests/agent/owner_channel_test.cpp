@@ -1,109 +1,81 @@
-// An owner's channel against a daemon's end made of plain sockets, under a /run of its own.
+// An owner's channel against the daemon's end of the sockets, played by the test below a private
+// /run.
 #include "agent/owner_channel.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <cstring>
-#include <filesystem>
 #include <functional>
 #include <future>
 
-#include "agent/codec.h"
+#include "message/record_codec.h"
+#include "message/request_codec.h"
 #include "tests/support/private_run.h"
+#include "tests/support/raw_peer.h"
+#include "wire/packet_io.h"
+#include "wire/socket_paths.h"
 
 namespace ProcMgr::Agent {
 namespace {
 
 using namespace std::chrono_literals;
 using Message::AppStateInfo;
-using Message::RequestMsg;
-using std::chrono::steady_clock;
-using testing::ElementsAre;
-using Wire::UniqueFd;
+using Tests::PATIENCE;
+using Tests::RawListener;
+using Tests::RawPeer;
+using Wire::PacketHeader;
+using Wire::PacketKind;
 
 constexpr const char* NAME = "owner";
-const std::string DIRECTORY = "/run/muxa/pipe/";
-constexpr const char* HEARTBEAT = "/run/heartbeat.sock";
-constexpr auto PATIENCE = 10s;
+constexpr const char* RUNNING = "3:1#2#";
+constexpr const char* TERMINATING = "3:1#3#";
 
-UniqueFd Bind(int type, const char* path) {
-    UniqueFd fd(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
-    unlink(path);
-    EXPECT_EQ(bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0) << path;
-    return fd;
-}
-
-bool IsReadable(int fd, std::chrono::milliseconds timeout = PATIENCE) {
-    pollfd waited{fd, POLLIN, 0};
-    return poll(&waited, 1, static_cast<int>(timeout.count())) == 1;
-}
-
-// The daemon's end of the pipe, one peer at a time.
+// The daemon's end of a pipe, one peer at a time.
 class Daemon {
 public:
-    explicit Daemon(const std::string& name = NAME)
-        : listener_(Bind(SOCK_SEQPACKET, (DIRECTORY + name).c_str())) {
-        EXPECT_EQ(listen(listener_.Get(), 4), 0);
-    }
+    explicit Daemon(const std::string& name = NAME) : listener_(Wire::PipePath(name)) {}
 
     void Accept() {
-        ASSERT_TRUE(IsReadable(listener_.Get()));
-        peer_ = UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        peer_ = listener_.Accept();
         ASSERT_TRUE(peer_.IsValid());
     }
-    // The next packet; empty when there is none or the peer has gone.
-    std::vector<uint8_t> Receive(std::chrono::milliseconds timeout = PATIENCE) {
-        std::vector<uint8_t> bytes(PACKET_MAX + 1);
-        const ssize_t length =
-            IsReadable(peer_.Get(), timeout) ? recv(peer_.Get(), bytes.data(), bytes.size(), 0) : 0;
-        bytes.resize(length > 0 ? static_cast<size_t>(length) : 0);
-        return bytes;
+    // The record in the next packet, as "TYPE:PAYLOAD". Otherwise "nothing" after `patience`, "end"
+    // at the end of the connection, or "no record".
+    std::string Next(std::chrono::milliseconds patience = PATIENCE) {
+        bytes_ = peer_.Receive(patience);
+        if (!bytes_ || bytes_->empty()) {
+            return bytes_ ? "end" : "nothing";
+        }
+        const auto packet = LastPacket();
+        const auto record = packet ? Message::DecodeRecord(packet->body) : std::nullopt;
+        return record
+                   ? std::to_string(record->type) + ':' + std::string(Message::PayloadOf(*record))
+                   : "no record";
     }
-    void Send(std::span<const uint8_t> bytes) {
-        ASSERT_EQ(send(peer_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
+    // The packet that Next has received.
+    std::optional<Wire::Packet> LastPacket() const {
+        return Wire::DecodePacket(
+            {reinterpret_cast<const uint8_t*>(bytes_->data()), bytes_->size()});
     }
-    void SendText(Message::RequestType type, std::string_view text,
-                  PacketKind kind = PacketKind::REQUEST) {
-        RequestMsg record;
-        record.type = type;
-        record.size = text.size();
-        std::memcpy(record.data, text.data(), text.size());
-        Send(EncodeRecordPacket(kind, 0, record));
+    void Send(std::span<const uint8_t> body, const PacketHeader& header = {}) {
+        ASSERT_EQ(Wire::SendPacket(peer_.Fd(), header, body), Wire::SendResult::SENT);
+    }
+    void SendRecord(Message::RequestType type, std::string_view payload,
+                    const PacketHeader& header = {}) {
+        Send(Message::EncodeRecord(Message::MakeRecord(type, payload)), header);
     }
 
 private:
-    UniqueFd listener_;
-    UniqueFd peer_;
+    RawListener listener_;
+    RawPeer peer_;
+    std::optional<std::string> bytes_;
 };
-
-std::vector<uint8_t> StateReport(char state) {
-    const RecordPacket packet = EncodeRecordPacket(
-        PacketKind::REQUEST, 0, MakeStateReport(static_cast<BaseServiceStateType>(state - '0')));
-    return {packet.begin(), packet.end()};
-}
-
-// Type and payload of a packet that carries one record, as "type:payload".
-std::string Told(const std::vector<uint8_t>& bytes) {
-    const auto packet = DecodePacket(bytes);
-    const auto record = packet ? DecodeRecord(packet->body) : std::nullopt;
-    return record ? std::to_string(record->type) + ':' +
-                        std::string(reinterpret_cast<const char*>(record->data),
-                                    static_cast<size_t>(record->size))
-                  : "none";
-}
 
 // A query for one name of one letter, and its answer.
 std::string Asked(char name) {
@@ -129,46 +101,34 @@ protected:
         ASSERT_TRUE(channel.Attach(PATIENCE));
         daemon.Accept();
     }
-    void SetUp() override {
-        PrivateRunTest::SetUp();
-        if (!IsSkipped()) {
-            std::filesystem::create_directories(DIRECTORY);
-        }
-    }
 };
 
-TEST_F(OwnerChannelTest, ReportsWhenTheDaemonComesAndAgainWhenItComesBack) {
-    OwnerChannel channel(NAME);
-    EXPECT_FALSE(channel.ReportRunning());
-    EXPECT_FALSE(channel.Attach(50ms));
+TEST_F(OwnerChannelTest, ReportsTheStateToEachDaemonOnce) {
+    std::optional<OwnerChannel> channel(NAME);
+    EXPECT_FALSE(channel->ReportRunning());
+    EXPECT_FALSE(channel->Attach(50ms));
     {
         Daemon daemon;
-        ASSERT_TRUE(channel.Attach(PATIENCE));
-        EXPECT_TRUE(channel.IsAttached());
-        daemon.Accept();
-        EXPECT_EQ(daemon.Receive(), StateReport('2'));
-        EXPECT_TRUE(channel.ReportTerminating());
-        EXPECT_EQ(daemon.Receive(), StateReport('3'));
+        Connect(*channel, daemon);
+        EXPECT_TRUE(channel->IsAttached());
+        EXPECT_EQ(daemon.Next(), RUNNING);
+        EXPECT_TRUE(channel->ReportTerminating());
+        EXPECT_EQ(daemon.Next(), TERMINATING);
     }
     Daemon restarted;
     restarted.Accept();
-    EXPECT_EQ(restarted.Receive(), StateReport('3'));
-    EXPECT_TRUE(restarted.Receive(50ms).empty()) << "reported once a connection";
+    EXPECT_EQ(restarted.Next(), TERMINATING);
+    EXPECT_EQ(restarted.Next(50ms), "nothing");
+    EXPECT_TRUE(channel->ReportRunning());
+    channel.reset();
+    EXPECT_EQ(restarted.Next(), RUNNING) << "sent before the end of the service";
+
+    OwnerChannel unusable(std::string(93, 'a'));
+    EXPECT_FALSE(unusable.Attach(PATIENCE)) << "the path of the pipe is a byte too long";
+    EXPECT_FALSE(OwnerChannel("..").StartHeartbeat());
 }
 
-TEST_F(OwnerChannelTest, AReportIsWithTheDaemonEvenWhenTheServiceEndsAtOnce) {
-    Daemon daemon;
-    {
-        OwnerChannel channel(NAME);
-        ASSERT_TRUE(channel.Attach(PATIENCE));
-        daemon.Accept();
-        EXPECT_TRUE(daemon.Receive(50ms).empty()) << "nothing before the service has reported";
-        EXPECT_TRUE(channel.ReportTerminating());
-    }
-    EXPECT_EQ(daemon.Receive(), StateReport('3'));
-}
-
-TEST_F(OwnerChannelTest, WhatAFullPipeKeepsBackIsSentLater) {
+TEST_F(OwnerChannelTest, AReportThatAFullPipeDoesNotTakeIsSentLater) {
     Daemon daemon;
     OwnerChannel channel(NAME);
     Connect(channel, daemon);
@@ -178,141 +138,137 @@ TEST_F(OwnerChannelTest, WhatAFullPipeKeepsBackIsSentLater) {
     }
     EXPECT_FALSE(channel.ReportTerminating());
     for (int i = 0; i < sent; ++i) {
-        ASSERT_EQ(daemon.Receive(), StateReport('2'));
+        ASSERT_EQ(daemon.Next(), RUNNING);
     }
     // The thread may have found room for the last RUNNING before it was replaced.
-    std::vector<uint8_t> last = daemon.Receive();
-    if (last == StateReport('2')) {
-        last = daemon.Receive();
+    std::string last = daemon.Next();
+    if (last == RUNNING) {
+        last = daemon.Next();
     }
-    EXPECT_EQ(last, StateReport('3'));
+    EXPECT_EQ(last, TERMINATING);
 }
 
-TEST_F(OwnerChannelTest, HandsReportsOnInOrderAndPassesOverTheRest) {
+TEST_F(OwnerChannelTest, HandsReportsOnInOrderAndEndsTheConnectionOnlyAfterWhatIsNoPacket) {
     Daemon daemon;
-    std::vector<std::string> names;
-    std::promise<std::thread::id> isLastThere;
+    std::string names;
+    std::promise<std::thread::id> hasLast;
     OwnerChannel channel(NAME);
     channel.OnAppState([&](const std::vector<AppStateInfo>& infos) {
         for (const AppStateInfo& info : infos) {
-            names.push_back(info.appName);
-            if (info.appName == "c") {
-                isLastThere.set_value(std::this_thread::get_id());
-            }
+            names += info.appName;
+        }
+        if (names.ends_with('c')) {
+            hasLast.set_value(std::this_thread::get_id());
         }
     });
     Connect(channel, daemon);
-
-    daemon.SendText(Message::APP_STATE_REPORT, "2#a#1#0#0#0#b#2#0#3#0#");
-    daemon.SendText(Message::APP_STATE_REPORT, "9#cut#1#");
-    daemon.SendText(Message::TERM_APP, "1#wrong-type#");
-    daemon.SendText(Message::APP_STATE_REPORT, "1#response#1#0#0#0#", PacketKind::RESPONSE);
-    const RecordPacket whole = EncodeRecordPacket(PacketKind::REQUEST, 0, RequestMsg{});
-    daemon.Send(std::span(whole).first(PACKET_HEADER_SIZE));
-    std::vector<uint8_t> largest(whole.begin(), whole.end());
-    largest.resize(PACKET_MAX);
-    daemon.Send(largest);
-    daemon.SendText(Message::APP_STATE_REPORT, "1#c#3#0#4#0#", PacketKind::CALL);
-    EXPECT_NE(isLastThere.get_future().get(), std::this_thread::get_id());
-    EXPECT_THAT(names, ElementsAre("a", "b", "c"));
-
+    daemon.SendRecord(Message::APP_STATE_REPORT, "2#a#1#0#0#0#b#2#0#3#0#");
+    daemon.SendRecord(Message::APP_STATE_REPORT, "9#cut#1#");
+    daemon.SendRecord(Message::TERM_APP, "1#wrong-type#");
+    daemon.SendRecord(Message::APP_STATE_REPORT, "1#response#1#0#0#0#", {PacketKind::RESPONSE, 0});
+    daemon.Send({});
+    daemon.Send(std::vector<uint8_t>(Wire::PACKET_BODY_MAX));
+    daemon.SendRecord(Message::APP_STATE_REPORT, "1#c#3#0#4#0#", {PacketKind::CALL, 1});
+    EXPECT_NE(hasLast.get_future().get(), std::this_thread::get_id());
+    EXPECT_EQ(names, "abc");
     channel.OnAppState(nullptr);
-    daemon.SendText(Message::APP_STATE_REPORT, "1#dropped#1#0#0#0#");
+    daemon.SendRecord(Message::APP_STATE_REPORT, "1#dropped#1#0#0#0#");
     EXPECT_TRUE(channel.ReportRunning());
-    EXPECT_EQ(daemon.Receive(), StateReport('2')) << "the connection outlives all of it";
-}
+    EXPECT_EQ(daemon.Next(), RUNNING) << "the connection is still there";
 
-TEST_F(OwnerChannelTest, EndsTheConnectionOnWhatIsNoPacketAndComesBack) {
-    Daemon daemon;
-    OwnerChannel channel(NAME);
-    Connect(channel, daemon);
-    std::vector<uint8_t> header(PACKET_HEADER_SIZE);
-    std::memcpy(header.data(), "MUXA\1", 5);
-    std::vector<std::vector<uint8_t>> bad = {
-        {header.begin(), header.end() - 1}, header, header, header};
-    bad[1][0] = 'X';
-    bad[2][4] = 4;
-    bad[3].resize(PACKET_MAX + 1);
-    for (const auto& packet : bad) {
-        daemon.Send(packet);
-        EXPECT_TRUE(daemon.Receive().empty());
+    for (const uint32_t kind : {4U, 1U}) {
+        daemon.Send(std::vector<uint8_t>(kind == 1 ? Wire::PACKET_BODY_MAX + 1 : 0),
+                    {PacketKind{kind}, 0});
+        EXPECT_EQ(daemon.Next(), "end");
         daemon.Accept();
+        EXPECT_EQ(daemon.Next(), RUNNING);
     }
-    EXPECT_TRUE(channel.Attach(PATIENCE));
 }
 
-TEST_F(OwnerChannelTest, AsksForApplications) {
-    const std::vector<Message::StartAppInfo> start = {
-        {"a", {"-v", "x y"}, {{0, {"/bin/a"}}, {2, {"K=V", "L=W"}}}}, {"b", {}, {}}};
-    const std::vector<Message::RestartAppInfo> restart = {{"b", {}, {}}};
-    using Ask = std::function<bool(OwnerChannel&)>;
-    const struct {
-        Ask ask;
-        const char* told;
-        const char* toldByAccessManager;
-    } cases[] = {
-        {[&](auto& c) { return c.StartApps(start); },
-         "0:2#a#2#-v#x y#2#0#1#/bin/a#2#2#K=V#L=W#b#0#0#", "0:2#a#2#-v#x y#b#0#"},
-        {[&](auto& c) { return c.RestartApps(restart); }, "1:1#b#0#0#", "1:1#b#0#"},
-        {[](auto& c) { return c.TermApps({{"b"}}); }, "2:1#b#", "2:1#b#"},
-        {[](auto& c) { return c.ReportState(BaseServiceStateType::INIT); }, "3:1#0#", "3:1#0#"},
-        {[](auto& c) { return c.ReportState(BaseServiceStateType::RESTARTING); }, "3:1#1#",
-         "3:1#1#"},
+TEST_F(OwnerChannelTest, SendsEachRequest) {
+    const std::vector<Message::StartAppInfo> apps = {{"a", {"-v"}, {{2, {"K=V"}}}}};
+    const std::pair<std::function<bool(OwnerChannel&)>, const char*> cases[] = {
+        {[&](auto& c) { return c.StartApps(apps); }, "0:1#a#1#-v#1#2#1#K=V#"},
+        {[&](auto& c) { return c.RestartApps(apps); }, "1:1#a#1#-v#1#2#1#K=V#"},
+        {[](auto& c) { return c.TermApps({{"b"}}); }, "2:1#b#"},
+        {[](auto& c) { return c.ReportState(BaseServiceStateType::RESTARTING); }, "3:1#1#"},
         {[](auto& c) {
              return c.ReportExecution({"b", 1, 2, 0});
          },
-         "5:1#b#1#2#0#", "5:1#b#1#2#0#"},
+         "5:1#b#1#2#0#"},
         {[](auto& c) {
              return c.LoadStartupCfg({{{"k", "v"}}, "/x"});
          },
-         "6:1#/x#1#k#v#", "6:1#/x#1#k#v#"},
+         "6:1#/x#1#k#v#"},
         {[](auto& c) {
              return c.ReloadStartupCfg({{}, "/x"});
          },
-         "7:1#/x#0#", "7:1#/x#0#"},
+         "7:1#/x#0#"},
     };
-    for (const char* name : {NAME, "zornmgr"}) {
-        Daemon daemon(name);
-        OwnerChannel channel(name);
-        EXPECT_FALSE(channel.TermApps({{"b"}})) << "nothing is kept for later";
-        ASSERT_TRUE(channel.Attach(PATIENCE));
-        daemon.Accept();
-        EXPECT_FALSE(channel.TermApps({{"b"}, {"#"}}));
-        for (const auto& [ask, told, toldByAccessManager] : cases) {
-            EXPECT_TRUE(ask(channel)) << told;
-            EXPECT_EQ(Told(daemon.Receive()),
-                      std::string(name) == NAME ? told : toldByAccessManager);
-        }
+    Daemon daemon;
+    OwnerChannel channel(NAME);
+    EXPECT_FALSE(channel.TermApps({{"b"}})) << "requests are not kept for later";
+    Connect(channel, daemon);
+    EXPECT_FALSE(channel.TermApps({{"b"}, {"#"}})) << "sends nothing";
+    for (const auto& [ask, sent] : cases) {
+        EXPECT_TRUE(ask(channel)) << sent;
+        EXPECT_EQ(daemon.Next(), sent);
     }
+    Daemon other("zornmgr");
+    OwnerChannel accessManager("zornmgr");
+    Connect(accessManager, other);
+    EXPECT_TRUE(accessManager.RestartApps(apps));
+    EXPECT_EQ(other.Next(), "1:1#a#1#-v#") << "no dynamic parameters";
 }
 
-TEST_F(OwnerChannelTest, GivesUpOnADaemonThatDoesNotReadAndHearsItMeanwhile) {
+TEST_F(OwnerChannelTest, GivesUpOnADaemonThatDoesNotReadAndStillReceives) {
     Daemon daemon;
-    std::promise<bool> isAsked;
+    std::promise<bool> isSent;
     OwnerChannel channel(NAME);
     channel.OnAppState([&](const std::vector<AppStateInfo>& infos) {
-        EXPECT_FALSE(channel.QueryAppState({"a"}, PATIENCE)) << "its answer could not be received";
-        EXPECT_FALSE(channel.SetDelayCoreAffinity({}, PATIENCE)) << "nor its result";
-        isAsked.set_value(channel.TermApps({{infos.front().appName}}));
+        EXPECT_FALSE(channel.QueryAppState({"a"}, PATIENCE)) << "no answer could be received";
+        EXPECT_FALSE(channel.SetDelayCoreAffinity({}, PATIENCE)) << "no result either";
+        isSent.set_value(channel.TermApps({{infos.front().appName}}));
     });
     Connect(channel, daemon);
-    daemon.SendText(Message::APP_STATE_REPORT, "1#first#1#0#0#0#");
-    EXPECT_TRUE(isAsked.get_future().get());
-    EXPECT_EQ(Told(daemon.Receive()), "2:1#first#");
+    daemon.SendRecord(Message::APP_STATE_REPORT, "1#first#1#0#0#0#");
+    EXPECT_TRUE(isSent.get_future().get());
+    EXPECT_EQ(daemon.Next(), "2:1#first#");
 
-    isAsked = {};
+    isSent = {};
     const std::future<void> sender = std::async(std::launch::async, [&] {
         while (channel.TermApps({{"many"}})) {
         }
     });
     EXPECT_EQ(sender.wait_for(500ms), std::future_status::timeout);
     EXPECT_FALSE(channel.QueryAppState({"a"}, 0ms));
-    EXPECT_EQ(sender.wait_for(0ms), std::future_status::timeout) << "the query gave up before";
+    EXPECT_EQ(sender.wait_for(0ms), std::future_status::timeout) << "the query gave up first";
     EXPECT_EQ(sender.wait_for(PATIENCE), std::future_status::ready);
     EXPECT_TRUE(channel.IsAttached());
-    EXPECT_EQ(Told(daemon.Receive()), "2:1#many#");
-    daemon.SendText(Message::APP_STATE_REPORT, "1#second#1#0#0#0#");
-    EXPECT_TRUE(isAsked.get_future().get()) << "there is room again";
+    EXPECT_EQ(daemon.Next(), "2:1#many#");
+    daemon.SendRecord(Message::APP_STATE_REPORT, "1#second#1#0#0#0#");
+    EXPECT_TRUE(isSent.get_future().get()) << "there is room again";
+}
+
+TEST_F(OwnerChannelTest, ListsOfSeveralCallersAreNotMixed) {
+    Daemon daemon;
+    OwnerChannel channel(NAME);
+    Connect(channel, daemon);
+    constexpr size_t RECORDS = 50;
+    std::vector<std::future<bool>> callers;
+    for (const char letter : {'a', 'b', 'c'}) {
+        callers.push_back(std::async(std::launch::async, [&channel, letter] {
+            const Message::TermAppInfo fillsARecord{std::string(3900, letter)};
+            return channel.TermApps({RECORDS, fillsARecord});
+        }));
+    }
+    std::string letters;
+    for (size_t i = 0; i < callers.size() * RECORDS; ++i) {
+        letters += daemon.Next().at(4);
+    }
+    letters.erase(std::unique(letters.begin(), letters.end()), letters.end());
+    EXPECT_EQ(letters.size(), callers.size()) << letters;
+    EXPECT_TRUE(std::ranges::all_of(callers, [](auto& caller) { return caller.get(); }));
 }
 
 TEST_F(OwnerChannelTest, QueriesOneAtATimeAndTakesOnlyTheirAnswers) {
@@ -324,24 +280,23 @@ TEST_F(OwnerChannelTest, QueriesOneAtATimeAndTakesOnlyTheirAnswers) {
     Connect(channel, daemon);
     EXPECT_FALSE(channel.QueryAppState({std::string(4000, 'x')}, PATIENCE));
     EXPECT_FALSE(channel.QueryAppState({"l"}, 20ms));
-    EXPECT_EQ(Told(daemon.Receive()), Asked('l'));
+    EXPECT_EQ(daemon.Next(), Asked('l'));
 
     const auto ask = [&](const char* name) {
         return std::async(std::launch::async,
                           [&channel, name] { return channel.QueryAppState({name}, PATIENCE); });
     };
     std::future<Answered> first = ask("a");
-    EXPECT_EQ(Told(daemon.Receive()), Asked('a'));
+    EXPECT_EQ(daemon.Next(), Asked('a'));
     std::future<Answered> second = ask("b");
     EXPECT_FALSE(channel.QueryAppState({"c"}, 20ms)) << "its turn does not come in time";
-    EXPECT_TRUE(daemon.Receive(20ms).empty()) << "the second query waits for the first answer";
-    daemon.SendText(Message::APP_DETAIL_STATUS_REPORT, Answer('l', 0));
-    daemon.SendText(Message::APP_DETAIL_STATUS_REPORT, "cut");
-    EXPECT_EQ(first.wait_for(50ms), std::future_status::timeout) << "neither is its answer";
-    daemon.SendText(Message::APP_DETAIL_STATUS_REPORT, Answer('a', 2));
+    EXPECT_EQ(daemon.Next(20ms), "nothing") << "the second query waits for the first answer";
+    daemon.SendRecord(Message::APP_DETAIL_STATUS_REPORT, Answer('l', 0));
+    daemon.SendRecord(Message::APP_DETAIL_STATUS_REPORT, "cut");
+    daemon.SendRecord(Message::APP_DETAIL_STATUS_REPORT, Answer('a', 2));
     EXPECT_EQ(first.get(), (OwnerChannel::StatusByName{{"a", 2}}));
-    EXPECT_EQ(Told(daemon.Receive()), Asked('b'));
-    daemon.SendText(Message::APP_DETAIL_STATUS_REPORT, Answer('b', 1));
+    EXPECT_EQ(daemon.Next(), Asked('b'));
+    daemon.SendRecord(Message::APP_DETAIL_STATUS_REPORT, Answer('b', 1));
     EXPECT_EQ(second.get(), (OwnerChannel::StatusByName{{"b", 1}}));
 }
 
@@ -349,91 +304,61 @@ TEST_F(OwnerChannelTest, SetsDelayCoreAffinityAndTakesOnlyTheResultOfThatCall) {
     std::optional<Daemon> daemon(std::in_place);
     OwnerChannel channel(NAME);
     EXPECT_FALSE(channel.SetDelayCoreAffinity({}, PATIENCE)) << "not attached";
-    ASSERT_TRUE(channel.Attach(PATIENCE));
-    daemon->Accept();
+    Connect(channel, *daemon);
+    const Message::DelayCoreAffinityReq request{Message::DELAY_RESET, -1, 1, 0, 0x01020304};
     const auto set = [&] {
-        return std::async(std::launch::async, [&] {
-            return channel.SetDelayCoreAffinity({Message::DELAY_RESET, -1, 1, 9, 0x01020304},
-                                                PATIENCE * 2);
-        });
+        return std::async(std::launch::async,
+                          [&] { return channel.SetDelayCoreAffinity(request, PATIENCE * 2); });
     };
-    // The sequence number of the request; 0 when it is another one.
-    const auto receive = [&]() -> uint64_t {
-        const std::vector<uint8_t> bytes = daemon->Receive();
-        const auto packet = DecodePacket(bytes);
-        const std::vector<uint8_t> body = {1, 0xFF, 1, 0, 4, 3, 2, 1};
-        return packet && packet->kind == PacketKind::CALL && std::ranges::equal(packet->body, body)
-                   ? packet->sequence
-                   : 0;
+    const auto receiveSequence = [&] {
+        daemon->Next();
+        const Wire::Packet packet = daemon->LastPacket().value();
+        EXPECT_EQ(packet.header.kind, PacketKind::CALL);
+        EXPECT_TRUE(std::ranges::equal(packet.body, Message::EncodeDelayRequest(request)));
+        return packet.header.sequence;
     };
     const auto respond = [&](uint64_t sequence, std::vector<uint8_t> body) {
-        daemon->Send(EncodePacket(PacketKind::RESPONSE, sequence, body));
+        daemon->Send(body, {PacketKind::RESPONSE, sequence});
     };
     EXPECT_FALSE(channel.SetDelayCoreAffinity({}, 20ms));
-    EXPECT_FALSE(daemon->Receive().empty());
+    EXPECT_EQ(daemon->Next(), "no record");
 
     std::future<std::optional<uint32_t>> result = set();
-    const uint64_t sequence = receive();
-    ASSERT_NE(sequence, 0U);
+    const uint64_t sequence = receiveSequence();
     EXPECT_FALSE(channel.QueryAppState({"a"}, 20ms)) << "its turn does not come in time";
     respond(sequence - 1, {1, 0, 0, 0});
     respond(sequence, {1, 0, 0});
     respond(sequence, {1, 0, 0, 0, 0});
-    EXPECT_EQ(result.wait_for(50ms), std::future_status::timeout) << "none of them is its result";
     respond(sequence, {0x0B, 0x03, 0xF1, 0});
     EXPECT_EQ(result.get(), Message::DELAY_BUSY);
 
     result = set();
-    EXPECT_GT(receive(), sequence) << "the connection has outlived all of it";
+    EXPECT_GT(receiveSequence(), sequence) << "the connection is still there";
     daemon.reset();
-    EXPECT_EQ(result.wait_for(PATIENCE), std::future_status::ready) << "the loss is told at once";
+    EXPECT_EQ(result.wait_for(PATIENCE), std::future_status::ready) << "ends with the connection";
     EXPECT_FALSE(result.get());
 }
 
-// The daemon's end of the heartbeats.
-class HeartbeatDaemon {
-public:
-    HeartbeatDaemon() { EXPECT_EQ(listen(listener_.Get(), 4), 0); }
-
-    bool Accept(std::chrono::milliseconds timeout = PATIENCE) {
-        const bool isThere = IsReadable(listener_.Get(), timeout);
-        peer_ = UniqueFd(isThere ? accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC) : -1);
-        return isThere;
-    }
-    void Refuse() { peer_.Reset(); }
-    std::string Receive() {
-        char name[64];
-        const ssize_t length =
-            IsReadable(peer_.Get()) ? recv(peer_.Get(), name, sizeof name, 0) : 0;
-        return {name, static_cast<size_t>(std::max<ssize_t>(length, 0))};
-    }
-
-private:
-    UniqueFd listener_ = Bind(SOCK_SEQPACKET, HEARTBEAT);
-    UniqueFd peer_;
-};
-
-TEST_F(OwnerChannelTest, BeatsUntilStopped) {
+TEST_F(OwnerChannelTest, SendsHeartbeatsUntilStopped) {
     OwnerChannel channel(NAME);
     EXPECT_FALSE(channel.StartHeartbeat(0ms));
-    for (int round = 0; round < 2; ++round) {  // the second one is a restarted daemon
-        HeartbeatDaemon daemon;
-        ASSERT_TRUE(channel.StartHeartbeat(round == 0 ? 3600000ms : 10ms));
-        ASSERT_TRUE(daemon.Accept());
+    for (int round = 0; round < 2; ++round) {  // the second daemon is a restarted one
+        RawListener daemon(Wire::HEARTBEAT_SOCKET);
+        ASSERT_TRUE(channel.StartHeartbeat(round == 0 ? 1h : 10ms));
+        RawPeer peer = daemon.Accept();
         for (int beat = 0; beat < 3; ++beat) {
-            EXPECT_EQ(daemon.Receive(), NAME);
+            EXPECT_EQ(peer.Receive(), NAME);
             ASSERT_TRUE(channel.StartHeartbeat(10ms)) << "a new period takes effect at once";
         }
-        daemon.Refuse();
-        ASSERT_TRUE(daemon.Accept()) << "connects again after its connection was ended";
-        EXPECT_EQ(daemon.Receive(), NAME);
+        peer.Close();
+        peer = daemon.Accept();
+        EXPECT_EQ(peer.Receive(), NAME) << "connects again after the end of its connection";
     }
     channel.StopHeartbeat();
-    HeartbeatDaemon quiet;
-    EXPECT_FALSE(quiet.Accept(50ms));
-    ASSERT_TRUE(channel.StartHeartbeat(std::chrono::hours(1)));
-    ASSERT_TRUE(quiet.Accept());
-    EXPECT_EQ(quiet.Receive(), NAME) << "the first beat is sent at once";
+    RawListener quiet(Wire::HEARTBEAT_SOCKET);
+    EXPECT_FALSE(quiet.Accept(50ms).IsValid());
+    ASSERT_TRUE(channel.StartHeartbeat(1h));
+    EXPECT_EQ(quiet.Accept().Receive(), NAME) << "the first beat is sent at once";
 }
 
 TEST_F(OwnerChannelTest, LeavesDescriptorsAndSignalsToTheService) {
@@ -445,7 +370,7 @@ TEST_F(OwnerChannelTest, LeavesDescriptorsAndSignalsToTheService) {
         ASSERT_TRUE(channel.Attach(PATIENCE));
         ASSERT_TRUE(channel.StartHeartbeat());
         EXPECT_EQ(CountCloseOnExec(), before + 2);
-        // Blocked in this thread it is pending, unless one of the channel's takes it and dies.
+        // Blocked in this thread, the signal is pending, unless a thread of the channel takes it.
         sigset_t signals;
         sigemptyset(&signals);
         sigaddset(&signals, SIGTERM);
@@ -457,45 +382,34 @@ TEST_F(OwnerChannelTest, LeavesDescriptorsAndSignalsToTheService) {
     EXPECT_EQ(CountCloseOnExec(), before);
 }
 
-// Calls everything there is, from callbacks as well, until told to end.
-void UseChannel(OwnerChannel& channel, std::atomic<int>& received,
-                const std::atomic<bool>& isDone) {
-    while (!isDone) {
-        channel.OnAppState([&](const std::vector<AppStateInfo>& infos) {
-            received += static_cast<int>(infos.size());
-            channel.ReportRunning();
-        });
-        channel.ReportRunning();
-        channel.Attach(1ms);
-        channel.StartHeartbeat(1ms);
-        channel.StopHeartbeat();
-    }
-}
-
-TEST_F(OwnerChannelTest, ManyThreadsAndAFlappingDaemon) {
-    std::atomic<int> received{0};
+TEST_F(OwnerChannelTest, ManyThreadsAndADaemonThatRestartsAgainAndAgain) {
+    std::atomic<size_t> received{0};
     std::atomic<bool> isDone{false};
     OwnerChannel channel(NAME);
     channel.Attach(0ms);
-    std::array<std::thread, 3> users;
-    for (std::thread& user : users) {
-        user = std::thread([&] { UseChannel(channel, received, isDone); });
-    }
+    const auto useAll = [&] {
+        while (!isDone) {
+            channel.OnAppState([&](const std::vector<AppStateInfo>& infos) {
+                received += infos.size();
+                channel.ReportRunning();
+            });
+            channel.ReportRunning();
+            channel.Attach(1ms);
+            channel.StartHeartbeat(1ms);
+            channel.StopHeartbeat();
+        }
+    };
+    const std::array<std::future<void>, 3> users = {std::async(std::launch::async, useAll),
+                                                    std::async(std::launch::async, useAll),
+                                                    std::async(std::launch::async, useAll)};
     for (int i = 0; i < 20; ++i) {
         Daemon daemon;
         daemon.Accept();
-        EXPECT_EQ(daemon.Receive(), StateReport('2'));
-        daemon.SendText(Message::APP_STATE_REPORT, "1#a#1#0#0#0#");
+        EXPECT_EQ(daemon.Next(), RUNNING);
+        daemon.SendRecord(Message::APP_STATE_REPORT, "1#a#1#0#0#0#");
     }
-    const auto deadline = steady_clock::now() + PATIENCE;
-    while (received == 0 && steady_clock::now() < deadline) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(Tests::WaitUntil([&] { return received > 0; }));
     isDone = true;
-    for (std::thread& user : users) {
-        user.join();
-    }
-    EXPECT_GT(received, 0);
 }
 
 }  // namespace

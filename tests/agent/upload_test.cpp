@@ -1,63 +1,49 @@
-// Upload registration against a server made of plain sockets, under a /run of its own.
+// Upload registration against a server played by the test below a private /run.
 #include "agent/upload.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <future>
 
-#include "agent/codec.h"
 #include "tests/support/private_run.h"
-#include "wire/unique_fd.h"
+#include "tests/support/raw_peer.h"
+#include "wire/packet_io.h"
 
 namespace ProcMgr::Agent {
 namespace {
 
 using namespace std::chrono_literals;
 using Message::UploadResult;
-using Wire::UniqueFd;
+using Tests::PATIENCE;
+using Wire::PacketKind;
 using Bytes = std::vector<uint8_t>;
 using Answered = std::optional<Message::UploadResponse>;
 
-constexpr auto PATIENCE = 10s;
 constexpr auto IMPATIENCE = 100ms;
 
 class UploadTest : public PrivateRunTest {
 protected:
-    void Listen() {
-        std::filesystem::create_directories("/run/muxa/server");
-        listener_ = UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strcpy(address.sun_path, "/run/muxa/server/pmupload");
-        ASSERT_EQ(bind(listener_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-        ASSERT_EQ(listen(listener_.Get(), 4), 0);
+    void Listen() { listener_.emplace("/run/muxa/server/pmupload"); }
+    // The sequence number and the body of the next call; nothing when none comes.
+    std::optional<std::pair<uint64_t, Bytes>> Accept() {
+        peer_ = listener_->Accept();
+        const std::string bytes = peer_.Receive().value_or("");
+        const auto packet =
+            Wire::DecodePacket({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+        return packet && packet->header.kind == PacketKind::CALL
+                   ? std::optional(std::pair(packet->header.sequence,
+                                             Bytes(packet->body.begin(), packet->body.end())))
+                   : std::nullopt;
     }
-    // Takes the next call; its bytes are empty when none comes.
-    Bytes Accept() {
-        pollfd waited{listener_.Get(), POLLIN, 0};
-        Bytes bytes(PACKET_MAX);
-        ssize_t length = 0;
-        if (poll(&waited, 1, 10000) == 1) {
-            peer_ = UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-            length = recv(peer_.Get(), bytes.data(), bytes.size(), 0);
-        }
-        bytes.resize(length > 0 ? static_cast<size_t>(length) : 0);
-        return bytes;
-    }
-    void Send(const Bytes& packet) {
-        EXPECT_EQ(send(peer_.Get(), packet.data(), packet.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(packet.size()));
+    void Send(PacketKind kind, uint64_t sequence, const Bytes& body) const {
+        EXPECT_EQ(Wire::SendPacket(peer_.Fd(), {kind, sequence}, body), Wire::SendResult::SENT);
     }
 
-    UniqueFd listener_;
-    UniqueFd peer_;
+    std::optional<Tests::RawListener> listener_;
+    Tests::RawPeer peer_;
 };
 
 std::future<Answered> Register(std::chrono::milliseconds timeout) {
@@ -72,12 +58,10 @@ TEST_F(UploadTest, RegistersWithAServerThatComesLater) {
     std::future<Answered> answered = Register(std::chrono::milliseconds::max());
     EXPECT_EQ(answered.wait_for(IMPATIENCE), std::future_status::timeout);
     Listen();
-    const Bytes bytes = Accept();
-    const auto packet = DecodePacket(bytes);
-    ASSERT_TRUE(packet);
-    EXPECT_EQ(packet->kind, PacketKind::CALL);
+    const auto call = Accept();
+    ASSERT_TRUE(call);
     Message::UploadRequest request;
-    ASSERT_EQ(Message::DecodeUploadRequest(packet->body, request), UploadResult::REGISTERED);
+    ASSERT_EQ(Message::DecodeUploadRequest(call->second, request), UploadResult::REGISTERED);
     EXPECT_EQ(request.pid, getpid());
     EXPECT_EQ(request.name, "me");
     EXPECT_EQ(request.path, std::filesystem::read_symlink("/proc/self/exe"));
@@ -85,38 +69,35 @@ TEST_F(UploadTest, RegistersWithAServerThatComesLater) {
 
     const auto no = Message::EncodeUploadResponse({UploadResult::TOO_MANY, {}}).value();
     const auto yes = Message::EncodeUploadResponse({UploadResult::REGISTERED, {"g1"}}).value();
-    Send(EncodePacket(PacketKind::RESPONSE, packet->sequence + 1, no));
-    Send(EncodePacket(PacketKind::REQUEST, packet->sequence, no));
-    EXPECT_EQ(answered.wait_for(IMPATIENCE), std::future_status::timeout);
-    Send(EncodePacket(PacketKind::RESPONSE, packet->sequence, yes));
+    Send(PacketKind::RESPONSE, call->first + 1, no);
+    Send(PacketKind::REQUEST, call->first, no);
+    Send(PacketKind::RESPONSE, call->first, yes);
     const Answered answer = answered.get();
     ASSERT_TRUE(answer);
     EXPECT_EQ(answer->result, UploadResult::REGISTERED);
     EXPECT_EQ(answer->groups, std::vector<std::string>{"g1"});
-    char byte = 0;
-    EXPECT_EQ(recv(peer_.Get(), &byte, 1, 0), 0) << "the connection is closed behind it";
+    EXPECT_TRUE(peer_.HasEnded());
 }
 
-TEST_F(UploadTest, NothingComesOfASilentOrBrokenServer) {
+TEST_F(UploadTest, ASilentOrBrokenServerYieldsNothing) {
     Listen();
     EXPECT_FALSE(RegisterUpload(std::string(128, 'n'), {}, PATIENCE)) << "does not fit";
     EXPECT_FALSE(RegisterUpload("me", {}, IMPATIENCE)) << "does not answer";
     Accept();
     const std::function<void(uint64_t)> answers[] = {
-        [this](uint64_t) { peer_.Reset(); },
-        [this](uint64_t) { Send(Bytes(PACKET_HEADER_SIZE)); },
-        [this](uint64_t sequence) { Send(EncodePacket(PacketKind::RESPONSE, sequence, Bytes(4))); },
+        [this](uint64_t) { peer_.Close(); },
+        [this](uint64_t sequence) { Send(PacketKind{4}, sequence, {}); },
+        [this](uint64_t sequence) { Send(PacketKind::RESPONSE, sequence, Bytes(4)); },
         [this](uint64_t sequence) {
-            Send(EncodePacket(PacketKind::RESPONSE, sequence, Bytes(PACKET_BODY_MAX + 1)));
+            Send(PacketKind::RESPONSE, sequence, Bytes(Wire::PACKET_BODY_MAX + 1));
         },
     };
     for (const auto& answer : answers) {
         std::future<Answered> answered = Register(PATIENCE * 2);
-        const Bytes bytes = Accept();
-        const auto packet = DecodePacket(bytes);
-        ASSERT_TRUE(packet);
-        answer(packet->sequence);
-        EXPECT_EQ(answered.wait_for(PATIENCE), std::future_status::ready) << "is told at once";
+        const auto call = Accept();
+        ASSERT_TRUE(call);
+        answer(call->first);
+        EXPECT_EQ(answered.wait_for(PATIENCE), std::future_status::ready) << "ends at once";
         EXPECT_FALSE(answered.get());
     }
 }

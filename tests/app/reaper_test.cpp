@@ -146,7 +146,8 @@ TEST_F(ReaperTest, NoExitIsLost) {
     OwnerPipes pipes([](int32_t, const MuxaRequest*, const std::string&) {});
     ReportSender sender(pipes, {});
     OwnerReports reports(pipes, sender);
-    BaseServices services(launcher, reportedState, checks, pipes, reports);
+    BaseServices services(launcher, reportedState, checks, pipes, reports,
+                          App::SensorNodeEventReporter::GetInstance());
     std::atomic<int> stored{0};
     const ReaperThread reaper([&](int32_t pid, int32_t status) {
         const bool isStored = services.SetExitStatus(pid, status);

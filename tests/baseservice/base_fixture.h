@@ -1,23 +1,19 @@
-// The base-service parts as the daemon wires them, with real processes and fakes for the platform
-// libraries, and threads that reap and check as the daemon's do.
+// The base-service objects wired as in the daemon, with real processes, fake platform libraries,
+// and an optional thread in place of the daemon's reaper. Tests call the passes of CheckThread.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <csignal>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <memory>
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "app/reaper.h"
@@ -29,24 +25,24 @@
 #include "tests/fakes/fake_heartbeat.h"
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
+#include "tests/support/files.h"
 #include "tests/support/log_mask.h"
+#include "tests/support/wait.h"
 
 namespace ProcMgr {
 
-inline constexpr std::chrono::seconds PATIENCE{30};
-// A program that stays until it is told to end, or the test has long been over.
-inline constexpr const char* STAYS = "exec sleep 60";
+using Fakes::FakeHeartBeat;
+using Fakes::FakeMuxa;
+using Fakes::LogCapture;
+using Fakes::LogLine;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Tests::PATIENCE;
+using Tests::WaitUntil;
 
-inline bool WaitUntil(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
+// A program that runs until a signal ends it, at most for a minute.
+inline constexpr const char* STAYS = "exec sleep 60";
 
 class BaseFixture : public testing::Test {
 protected:
@@ -54,36 +50,31 @@ protected:
         if (geteuid() != 0) {
             GTEST_SKIP() << "only root may start services";
         }
-        Fakes::FakeMuxa::Get().Reset();
-        Fakes::FakeHeartBeat::Get().Reset();
-        Fakes::LogCapture::Clear();
+        FakeMuxa::Get().Reset();
+        FakeHeartBeat::Get().Reset();
+        LogCapture::Clear();
         setenv("PROC_NAME", "PROCMGR", 1);
-        char directory[] = "/tmp/base-services-XXXXXX";
-        ASSERT_NE(mkdtemp(directory), nullptr);
-        directory_ = directory;
     }
-
     void TearDown() override {
-        Stop(checker_);
-        Stop(reaper_);
-        for (const pid_t pid : StartedPids()) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-        Fakes::FakeMuxa::Get().Reset();
-        if (!directory_.empty()) {
-            std::filesystem::remove_all(directory_);
-        }
+        reaper_ = {};
+        services_.Visit([](App::AppInfo& app) {
+            if (app.IsAlive()) {
+                kill(app.pid_, SIGKILL);
+                waitpid(app.pid_, nullptr, 0);
+            }
+            return false;
+        });
+        FakeMuxa::Get().Reset();
     }
 
-    // The daemon's reaper and CheckThread, each without its pauses.
     void StartReaper() {
-        Repeat(reaper_, [this] { collector_.CollectExits(); });
+        reaper_ = std::jthread([this](const std::stop_token& stop) {
+            while (!stop.stop_requested()) {
+                collector_.CollectExits();
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
     }
-    void StartChecker() {
-        Repeat(checker_, [this] { Check(); });
-    }
-
     // One cycle of CheckThread.
     void Check(CheckPass pass = CheckPass::PERIODIC) {
         checks_.Begin(pass);
@@ -92,13 +83,16 @@ protected:
     }
 
     ManifestData Service(const std::string& name, const std::string& script,
-                         const std::set<std::string>& depends = {}) const {
+                         const std::string& policy = "", const std::set<std::string>& depends = {},
+                         bool isReporting = false) const {
         ManifestData data;
         data.name = name;
         data.bin = "/bin/sh";
-        data.args = {directory_ + "/" + name + ".sh"};
-        std::ofstream(data.args[0]) << script << "\n";
+        data.args = {directory_ / (name + ".sh")};
+        Tests::WriteFile(data.args[0], script + "\n");
+        data.restart = policy;
         data.depends = depends;
+        data.reporting = isReporting;
         return data;
     }
     static App::BaseAppInfo Record(const ManifestData& data) {
@@ -111,37 +105,40 @@ protected:
         EXPECT_TRUE(services_.Announce(record));
         return record.pid_;
     }
-    // Waits until the reaper has stored the exit of the service.
-    static bool WaitForExitOf(const std::string& name) {
-        return WaitUntil([&] { return !Between("PROCMGR : SetExitStatus " + name, ",").empty(); });
-    }
-    void Report(const std::string& name, BaseServiceStateType state) {
-        services_.UpdateBaseAppState(
-            name, state == BaseServiceStateType::RUNNING ? RUNNING : TERMINATING);
-    }
-
-    std::string WriteYaml(const std::string& text) const {
-        std::string path = directory_ + "/base.yaml";
-        std::ofstream(path) << text;
-        EXPECT_EQ(chmod(path.c_str(), 0644), 0);
-        return path;
-    }
-    static std::vector<Fakes::LogLine> MaskedLines() {
-        auto lines = Fakes::LogCapture::Lines();
-        // Most machines lack the console that boot-trace points are echoed on.
-        std::erase_if(lines, [](const Fakes::LogLine& line) {
-            return line.text.starts_with("procmgr open file=");
+    pid_t PidOf(const std::string& name) {
+        pid_t pid = -1;
+        services_.Visit([&](const App::AppInfo& app) {
+            pid = app.appName_ == name ? app.pid_ : pid;
+            return false;
         });
-        for (auto& line : lines) {
+        return pid;
+    }
+    // Wait until the reaper has stored the exit of the service; KillAndWait() kills it first.
+    static bool WaitForExitOf(const std::string& name, size_t count = 1) {
+        return WaitUntil([&] { return CountExits(name) >= count; });
+    }
+    void KillAndWait(const std::string& name) {
+        const size_t exits = CountExits(name);
+        kill(PidOf(name), SIGKILL);
+        ASSERT_TRUE(WaitForExitOf(name, exits + 1));
+    }
+    void ReportRunning(const std::string& name) { services_.UpdateBaseAppState(name, RUNNING); }
+
+    static std::vector<LogLine> MaskedLines() {
+        auto lines = LogCapture::Lines();
+        // Most machines lack the console device on which boot-trace points are written.
+        std::erase_if(
+            lines, [](const LogLine& line) { return line.text.starts_with("procmgr open file="); });
+        for (LogLine& line : lines) {
             line.text = MaskLog(line.text);
         }
         return lines;
     }
     static bool HasLine(int level, const std::string& masked) {
         const auto lines = MaskedLines();
-        return std::find(lines.begin(), lines.end(), Fakes::LogLine{level, masked}) != lines.end();
+        return std::find(lines.begin(), lines.end(), LogLine{level, masked}) != lines.end();
     }
-    // What stands between `begin` and `end` in each line that begins with `begin`, in order.
+    // The text from `begin` to `end` of each line that begins with `begin`, in order.
     static std::vector<std::string> Between(const std::string& begin, const std::string& end) {
         std::vector<std::string> found;
         for (const auto& [level, text] : MaskedLines()) {
@@ -152,12 +149,14 @@ protected:
         }
         return found;
     }
+    static size_t CountExits(const std::string& name) {
+        return Between("PROCMGR : SetExitStatus " + name, ",").size();
+    }
     static std::vector<std::string> StartedNames() {
         return Between("STAMP Start baseApp success appName=", ",");
     }
 
-    std::string directory_;
-    std::atomic<bool> isStopping_{false};
+    const Tests::TempDirectory directory_;
     App::ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
                                    BindCount::GetInstance()};
     ReportedState reportedState_;
@@ -165,55 +164,16 @@ protected:
     OwnerPipes pipes_{[](int32_t, const MuxaRequest*, const std::string&) {}};
     ReportSender sender_{pipes_, {}};
     OwnerReports reports_{pipes_, sender_};
-    BaseServices services_{launcher_, reportedState_, checks_, pipes_, reports_};
+    App::SensorNodeEventReporter& faults_ = App::SensorNodeEventReporter::GetInstance();
+    BaseServices services_{launcher_, reportedState_, checks_, pipes_, reports_, faults_};
     BootCommandLine commandLine_;
-    BaseStartup startup_{services_, reportedState_, commandLine_,
-                         [this] { return isStopping_.load(); }};
-    Reaper collector_{{[this](int32_t pid, int32_t status) {
-                          reaped_.insert(pid);
-                          return services_.SetExitStatus(pid, status);
-                      }},
-                      [] {}};
+    BaseStartup startup_{services_, reportedState_, commandLine_};
 
 private:
-    struct Loop {
-        std::atomic<bool> running{false};
-        std::thread thread;
-    };
-
-    static void Repeat(Loop& loop, std::function<void()> body) {
-        loop.running = true;
-        loop.thread = std::thread([&loop, body = std::move(body)] {
-            while (loop.running) {
-                body();
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        });
-    }
-    static void Stop(Loop& loop) {
-        loop.running = false;
-        if (loop.thread.joinable()) {
-            loop.thread.join();
-        }
-    }
-    // The processes that were not reaped, as the log tells. Call it when the reaper has ended.
-    std::vector<pid_t> StartedPids() const {
-        std::vector<pid_t> pids;
-        for (const auto& [level, text] : Fakes::LogCapture::Lines()) {
-            const size_t at = text.find(", pid=");
-            if (at != std::string::npos && text.find("Start baseApp success") < at) {
-                const pid_t pid = std::stoi(text.substr(at + 6));
-                if (!reaped_.contains(pid)) {
-                    pids.push_back(pid);
-                }
-            }
-        }
-        return pids;
-    }
-
-    std::set<pid_t> reaped_;  // the reaper's alone while it runs
-    Loop reaper_;
-    Loop checker_;
+    Reaper collector_{
+        {[this](int32_t pid, int32_t status) { return services_.SetExitStatus(pid, status); }},
+        [] {}};
+    std::jthread reaper_;
 };
 
 }  // namespace ProcMgr

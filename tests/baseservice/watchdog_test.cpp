@@ -1,9 +1,11 @@
 #include "baseservice/watchdog.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "baseservice/watchdog_sys.h"
@@ -14,7 +16,6 @@
 namespace ProcMgr {
 namespace {
 
-using Fakes::LogCapture;
 using Fakes::LogLine;
 using Strings = std::vector<std::string>;
 
@@ -22,9 +23,7 @@ const std::string KO = "/var/sbsa_gwdt.ko";
 const std::string DEVICE = "/local/dev/veskutil_watchdog";
 const std::string PARAMETERS = "timeout=60 action=2 disable_on_poweroff=1";
 const LogLine DISABLED{LOG_WARNING, "Watchdog is disabled by cmdline parameter. Do not insert ko"};
-const LogLine NOT_LOADED{LOG_INFO, "Watchdog ko checking, ko=sbsa_gwdt has not been inserted"};
 const LogLine OPENED{LOG_INFO, "Open watchdog ko successfully, watchdog ko=" + KO + ", fd=12"};
-const LogLine LOADED{LOG_INFO, "Insmod " + KO + " success !!!, param=" + PARAMETERS};
 const LogLine FEED_OPENED{LOG_INFO,
                           "Enable feeding dog, open device=" + DEVICE + " successfully, fd=12"};
 
@@ -36,36 +35,34 @@ ProcMgrSettings Enabled() {
 
 void Reset() {
     WatchDogSys::Calls() = {};
-    LogCapture::Clear();
+    Fakes::LogCapture::Clear();
     ProcMgrEnv::GetInstance().SetDisableWatchDog(false);
+}
+
+// Compares the calls and the log lines since the last Reset(), which this function ends with.
+void Expect(const Strings& calls, const std::vector<LogLine>& lines) {
+    EXPECT_EQ(WatchDogSys::Calls().Calls(), calls);
+    EXPECT_EQ(Fakes::LogCapture::Lines(), lines);
+    Reset();
 }
 
 class WatchDog : public testing::Test {
 protected:
     void SetUp() override { Reset(); }
-    void TearDown() override { Reset(); }
 };
+using WatchDogModules = IsolatedTest;
 
-void Expect(const Strings& calls, const std::vector<LogLine>& lines) {
-    EXPECT_EQ(WatchDogSys::Calls().Calls(), calls);
-    EXPECT_EQ(LogCapture::Lines(), lines);
-}
-
-TEST_F(WatchDog, NothingIsLoadedWhenItIsForbiddenOrWithoutAFile) {
+TEST_F(WatchDog, NothingIsLoadedWhenItIsDisabledOrWithoutAFile) {
     EXPECT_FALSE(InsertWatchDogKo(ProcMgrSettings{}));
     Expect({}, {{LOG_WARNING, "sbsa_gwdt is disable, so not need insert"}});
-    Reset();
     ProcMgrEnv::GetInstance().SetDisableWatchDog(true);
     EXPECT_FALSE(InsertWatchDogKo(Enabled()));
-    EXPECT_FALSE(InsmodKo(Enabled())) << "nor for callers that come past the other";
+    EXPECT_FALSE(InsmodKo(Enabled())) << "also without the check of the caller above";
     Expect({}, {DISABLED, DISABLED});
-    Reset();
     WatchDogSys::Calls().Fail("access", ENOENT);
     EXPECT_FALSE(InsertWatchDogKo(Enabled()));
     Expect({"access " + KO + " 0"}, {{LOG_ERR, KO + " is not existed errno=2"}});
 }
-
-using WatchDogModules = IsolatedTest;
 
 TEST_F(WatchDogModules, ALoadedModuleIsNotLoadedAgain) {
     const std::string rest = " 16384 0 - Live 0x0000000000000000\n";
@@ -75,36 +72,37 @@ TEST_F(WatchDogModules, ALoadedModuleIsNotLoadedAgain) {
         {"sbsa_gwdt2" + rest + "my_sbsa_gwdt" + rest + "sbsa" + rest + "core 1 1 sbsa_gwdt, Live\n",
          false},
     };
-    for (const auto& test : cases) {
-        const int status = RunIsolated([&] {
+    for (const auto& [modules, isLoaded] : cases) {
+        const int status = RunIsolated([&, &modules = modules, isLoaded = isLoaded] {
             Reset();
             MountTmpfs("/proc");
-            BindFile(test.first, "/proc/modules");
+            BindFile(modules, "/proc/modules");
             EXPECT_TRUE(InsertWatchDogKo(Enabled()));
-            if (test.second) {
-                Expect({"access " + KO + " 0"},
-                       {{LOG_INFO, "Watchdog ko=sbsa_gwdt is already insert"}});
-            } else {
-                Expect({"access " + KO + " 0", "open " + KO,
-                        "finit_module 12 [" + PARAMETERS + "] 0", "close 12"},
-                       {NOT_LOADED, OPENED, LOADED});
+            Strings calls{"access " + KO + " 0"};
+            std::vector<LogLine> lines{{LOG_INFO, "Watchdog ko=sbsa_gwdt is already insert"}};
+            if (!isLoaded) {
+                calls.insert(calls.end(),
+                             {"open " + KO, "finit_module 12 [" + PARAMETERS + "] 0", "close 12"});
+                lines = {{LOG_INFO, "Watchdog ko checking, ko=sbsa_gwdt has not been inserted"},
+                         OPENED,
+                         {LOG_INFO, "Insmod " + KO + " success !!!, param=" + PARAMETERS}};
             }
+            Expect(calls, lines);
         });
-        EXPECT_EQ(status, 0) << test.first;
+        EXPECT_EQ(status, 0) << modules;
     }
 }
 
 TEST_F(WatchDog, FailuresOfLoadingTheModule) {
+    WatchDogSys::Calls().Fail("open", EACCES);
+    EXPECT_FALSE(InsmodKo(Enabled()));
+    Expect({"open " + KO}, {{LOG_ERR, "InsmodKo failed. open ko=" + KO + " failed errno=13"}});
     ProcMgrSettings settings = Enabled();
     settings.watchDogTimeout = "30";
     settings.watchDogAction = "0";
-    WatchDogSys::Calls().Fail("open", EACCES);
-    EXPECT_FALSE(InsmodKo(settings));
-    Expect({"open " + KO}, {{LOG_ERR, "InsmodKo failed. open ko=" + KO + " failed errno=13"}});
-    Reset();
+    const std::string parameters = "timeout=30 action=0 disable_on_poweroff=1";
     WatchDogSys::Calls().Fail("finit_module", ENOEXEC);
     EXPECT_FALSE(InsmodKo(settings));
-    const std::string parameters = "timeout=30 action=0 disable_on_poweroff=1";
     Expect({"open " + KO, "finit_module 12 [" + parameters + "] 0", "close 12"},
            {OPENED,
             {LOG_ERR,
@@ -112,20 +110,18 @@ TEST_F(WatchDog, FailuresOfLoadingTheModule) {
 }
 
 TEST_F(WatchDog, Feeding) {
-    ProcMgrEnv::GetInstance().SetDisableWatchDog(true);  // forbids loading, not feeding
+    ProcMgrEnv::GetInstance().SetDisableWatchDog(true);  // disables the load only
     EXPECT_TRUE(EnableFeedDog("60"));
     const Strings calls = {"open " + DEVICE, "ioctl 12 0xc0085701 60000", "close 12"};
     Expect(calls, {FEED_OPENED,
                    {LOG_INFO, "Enable feeding watchdog ioctl successfully, device=" + DEVICE +
                                   ", timeout=60000ms"}});
-    Reset();
     WatchDogSys::Calls().Fail("ioctl", ENOTTY);
     EXPECT_FALSE(EnableFeedDog("60"));
     const std::string failed = "EnableFeedDog failed. ";
     Expect(calls,
            {FEED_OPENED,
             {LOG_ERR, failed + "ioctl failed. device=" + DEVICE + ", errno=25, timeout=60000 ms"}});
-    Reset();
     WatchDogSys::Calls().Fail("open", ENOENT);
     EXPECT_FALSE(EnableFeedDog("60"));
     Expect({"open " + DEVICE}, {{LOG_ERR, failed + "open device=" + DEVICE + " failed errno=2"}});
@@ -133,16 +129,11 @@ TEST_F(WatchDog, Feeding) {
 
 TEST_F(WatchDog, ATimeoutThatIsNoNumberThrowsAndLeavesNoDescriptor) {
     for (const std::string timeout : {"", "99999999999", "2147484", "-2147484"}) {
-        Reset();
-        try {
-            EnableFeedDog(timeout);
-            ADD_FAILURE() << timeout;
-        } catch (const std::logic_error& error) {
-            EXPECT_STREQ(error.what(), "stoi") << timeout;
-        }
+        EXPECT_THAT([&] { EnableFeedDog(timeout); },
+                    testing::ThrowsMessage<std::logic_error>("stoi"))
+            << timeout;
         Expect({"open " + DEVICE, "close 12"}, {FEED_OPENED});
     }
-    Reset();
     EXPECT_TRUE(EnableFeedDog("2147483"));
     EXPECT_EQ(WatchDogSys::Calls().Calls()[1], "ioctl 12 0xc0085701 2147483000");
 }

@@ -1,18 +1,16 @@
-// Where processes and threads end up, read back from the kernel: control groups of the test's own,
-// with the fixed names that the daemon looks for.
-#include <poll.h>
+// The placement of processes and threads, read back from the kernel: control groups that only the
+// test uses, with the fixed names that the daemon expects.
 #include <sched.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <cstring>
+#include <fstream>
 #include <map>
 #include <set>
 
 #include "agent/owner_channel.h"
-#include "agent/packet_socket.h"
 #include "agent/upload.h"
 #include "tests/e2e/e2e_fixture.h"
+#include "tests/support/raw_peer.h"
 #include "tests/support/real_cgroups.h"
 
 namespace {
@@ -21,7 +19,7 @@ using namespace std::chrono_literals;
 using ProcMgr::Agent::OwnerChannel;
 using ProcMgr::Message::DelayCoreAffinityReq;
 
-// The process of a service, by an argument that only it has; 0 while there is none.
+// The process of a service that has `argument` in its command line; 0 while there is none.
 pid_t FindProcess(const std::string& argument) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         const std::string name = entry.path().filename();
@@ -88,9 +86,9 @@ protected:
         groups_.reset();
     }
 
-    // Waits for the service to run its program, and returns its process.
+    // Waits until the service runs its program, and returns its process.
     pid_t Await(const std::string& name) {
-        EXPECT_TRUE(WaitUntil([&] { return std::filesystem::exists(In(name + ".up")); })) << name;
+        EXPECT_TRUE(WaitForFile(name + ".up")) << name;
         return FindProcess(In(name + ".up"));
     }
     static std::string Service(const std::string& name, const std::string& more,
@@ -112,17 +110,17 @@ protected:
 TEST_F(Placement, EveryProcessIsWhereItsManifestSays) {
     DaemonHarness::SetCommandLine("quiet cgroup1_writeback");
     BindFile("HOST_CPU_SET=video:40;OTHER:60\n", "/usr/bin/vela/env.cfg");
-    Boot(Service("plain", "") +
-         Service("video",
-                 "cpuset: both, resource_group: video, blkio_group: disk, "
-                 "cgroups: {memory: video}, core_affinity: [0]") +
-         // Not root any more when it is bound.
-         Service("ai", "uid: 1000, gid: 1000, core_affinity: [1]") +
-         Service("up", "cpuset: '../..', resource_group: '../../..', cgroups: {memory: 'a/../b'}") +
-         Service("absolute", "cpuset: '/AICPU', resource_group: '/video'") +
-         Service("missing", "cpuset: nowhere, resource_group: video") +
-         Service("foreign", "core_affinity: [0, 1000]"));
-    ASSERT_TRUE(WaitForLine(START_UP_END));
+    BootWhole(
+        Service("plain", "") +
+        Service("video",
+                "cpuset: both, resource_group: video, blkio_group: disk, "
+                "cgroups: {memory: video}, core_affinity: [0]") +
+        // Is no longer root when it is bound to its cores.
+        Service("ai", "uid: 1000, gid: 1000, core_affinity: [1]") +
+        Service("up", "cpuset: '../..', resource_group: '../../..', cgroups: {memory: 'a/../b'}") +
+        Service("absolute", "cpuset: '/AICPU', resource_group: '/video'") +
+        Service("missing", "cpuset: nowhere, resource_group: video") +
+        Service("foreign", "core_affinity: [0, 1000]"));
     const std::map<std::string, std::string> expected = {
         {"plain", "/CtrlCPU /OTHER / / 0 "},  {"video", "/both /video /disk_MEMORY /disk 0 "},
         {"ai", "/AICPU /OTHER / / 1 "},       {"up", "/CtrlCPU /OTHER / / 0 "},
@@ -139,7 +137,7 @@ TEST_F(Placement, EveryProcessIsWhereItsManifestSays) {
                     "is not existed;"));
     EXPECT_TRUE(WaitForLine("CheckIsCtrlCpu app=foreign, coreId=1000 is not in CtrlCpu"));
     EXPECT_EQ(FindProcess(In("foreign.up")), 0);
-    // The daemon's own threads, those that came last included.
+    // All threads of the daemon itself.
     const pid_t daemon = harness_.GetPid();
     EXPECT_TRUE(WaitUntil([&] {
         const std::set<pid_t> tids = ThreadsOf(daemon);
@@ -171,9 +169,9 @@ TEST_F(Placement, PriorityApplicationsAndTheirThreadsArePlacedByTheCheck) {
 }
 
 TEST_F(Placement, ADelayedServiceIsBoundOnRequestWithTheThreadsThatItMakesMeanwhile) {
-    Boot(Entry("owner", "stay", "reporting: true") +
-         Service("late", "cpuset: both, core_affinity: [1], delay_core_affinity: true",
-                 "await, " + In("go") + ", breed, 20, stay"));
+    Boot(Owner("owner") + Service("late",
+                                  "cpuset: both, core_affinity: [1], delay_core_affinity: true",
+                                  "await, " + In("go") + ", breed, 20, stay"));
     OwnerChannel owner("owner");
     ASSERT_TRUE(owner.Attach(PATIENCE));
     owner.ReportRunning();
@@ -187,7 +185,7 @@ TEST_F(Placement, ADelayedServiceIsBoundOnRequestWithTheThreadsThatItMakesMeanwh
     EXPECT_EQ(CoresOf(pid), "1 ");
     EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 0U) << "ignored";
     EXPECT_TRUE(WaitForLine("coreAffinityOk=1"));
-    // Threads that free themselves behind the last check are caught by a further bind.
+    // Threads that change their cores after the last check are bound by a further request.
     EXPECT_TRUE(WaitUntil([&] {
         const std::set<pid_t> tids = ThreadsOf(pid);
         if (tids.size() >= 22 &&
@@ -211,8 +209,8 @@ TEST_F(Placement, ThePlatformTellsOfASuspendAndTheWakeUp) {
     groups_->Make("cpuset", "one", "0");
     RealCgroups::Write("cpuset", "CtrlCPU/cpuset.cpus", "0-1");
     RealCgroups::Write("cpuset", "AICPU/cpuset.cpus", "0");
-    Boot(Entry("owner", "stay", "reporting: true") +
-         // The kernel does not give it a core that is not in its cpuset.
+    Boot(Owner("owner") +
+         // The kernel refuses a core that is not in the cpuset.
          Service("late", "cpuset: one, core_affinity: [1], delay_core_affinity: true"));
     OwnerChannel owner("owner");
     ASSERT_TRUE(owner.Attach(PATIENCE));
@@ -223,35 +221,27 @@ TEST_F(Placement, ThePlatformTellsOfASuspendAndTheWakeUp) {
     request.checkNum = -1;
     EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 15794956U);
     EXPECT_TRUE(WaitForLine("PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err="));
-    const auto power = ProcMgr::Agent::ConnectSocket("/run/muxa/power");
+    const ProcMgr::Tests::RawPeer power("/run/muxa/power");
     for (const auto& [word, line] : {std::pair("suspend", "CheckCoreAffinityThread suspend"),
                                      {"resume", "WakeUpRecover success"}}) {
-        ASSERT_GT(send(power.Get(), word, strlen(word), MSG_NOSIGNAL), 0);
-        char answer[8] = {};
-        pollfd readable{power.Get(), POLLIN, 0};
-        poll(&readable, 1, 30000);
-        EXPECT_EQ(recv(power.Get(), answer, sizeof(answer), 0), 2);
-        EXPECT_STREQ(answer, "ok");
+        ASSERT_TRUE(power.Send(word));
+        EXPECT_EQ(power.Receive(), "ok");
         EXPECT_TRUE(WaitForLine(line));
     }
 }
 
-class SharePoolE2e : public E2e {};
+using SharePool = E2e;
 
-TEST_F(SharePoolE2e, ProcessesJoinTheirGroupsAndRegisterUnderTheirOwnNameOnly) {
-    if (IsSkipped()) {
-        return;
-    }
+TEST_F(SharePool, ProcessesJoinTheirGroupsAndRegisterUnderTheirOwnNameOnly) {
     MountTmpfs("/etc/sharepool");
     WriteFile("/etc/sharepool/a.yaml",
               "groups:\n"
               "  - {name: frames, size: 1048576, members: [{app: camera, access: read-write},\n"
               "                                            {app: viewer, access: read}]}\n"
               "  - {name: other, size: 4096, members: [{app: somebody, access: read}]}\n");
-    WriteFile("/etc/sharepool/b.yaml", "groups: [{name: open, size: 1}]\n");
-    ASSERT_EQ(chmod("/etc/sharepool/b.yaml", 0666), 0);
+    WriteFile("/etc/sharepool/b.yaml", "groups: [{name: open, size: 1}]\n", 0666);
     WriteFile("/etc/sharepool/c.yaml", "groups: [{name: broken\n");
-    BindFile("pmupload:\n  enable: true\n", "/etc/vela/base-plat/process-manager/procmgr_cfg.yaml");
+    BindFile("pmupload:\n  enable: true\n", SETTINGS);
     const auto upload = [](const std::string& answer) {
         return "upload, camera, " + In(answer) + ", stay";
     };
@@ -262,7 +252,7 @@ TEST_F(SharePoolE2e, ProcessesJoinTheirGroupsAndRegisterUnderTheirOwnNameOnly) {
     WriteFile(In("family.sh"), family + ":\n");
     Boot("  - {name: family, bin: /bin/sh, uid: 1000, gid: 1000, args: [" + In("family.sh") +
          "]}\n" + Entry("camera", "dump, " + In("camera") + ", " + upload("own")) +
-         // Neither of the two is the camera.
+         // Both register under the name of the camera.
          Entry("liar", upload("root"), "depends: [camera]") +
          Entry("guest", upload("guest"), "uid: 1000, gid: 1000, depends: [camera]") +
          Entry("plain", "dump, " + In("plain") + ", stay") + "applications:\n" + Entry("late"));
@@ -271,23 +261,23 @@ TEST_F(SharePoolE2e, ProcessesJoinTheirGroupsAndRegisterUnderTheirOwnNameOnly) {
         EXPECT_TRUE(WaitUntil([path = In(file)] { return !ReadFile(path).empty(); })) << file;
         EXPECT_EQ(ReadFile(In(file)), answer) << file;
     }
-    // A child of a service has its parent's name, or one that is nobody's.
+    // A child of a service may use its parent's name, or a name that is not configured.
     EXPECT_TRUE(WaitUntil([] { return ReadFile(In("family")).size() >= 6; }));
     EXPECT_EQ(ReadFile(In("family")), "0\n0\n4\n");
     const std::string dump = ReadFile(In("camera"));
     EXPECT_NE(dump.find("\nSHAREPOOL_GROUP_NAME=frames\n"), std::string::npos) << dump;
     EXPECT_NE(dump.find("\nSHAREGROUP_PRECONFIG=1\n"), std::string::npos) << dump;
-    ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists(In("plain")); }));
+    ASSERT_TRUE(WaitForFile("plain"));
     EXPECT_EQ(ReadFile(In("plain")).find("SHARE"), std::string::npos);
-    const std::string device = ReadFile("/run/device-sim.log");
+    const std::string device = ReadFile(DEVICE_LOG);
     EXPECT_NE(device.find("group-create name=frames size=1048576\n"), std::string::npos);
-    EXPECT_EQ(device.find("name=open"), std::string::npos) << "others can write to its file";
+    EXPECT_EQ(device.find("name=open"), std::string::npos) << "others may write to its file";
     const size_t added = device.find("group-add name=frames");
     EXPECT_NE(added, std::string::npos);
-    EXPECT_EQ(device.find("group-add", added + 1), std::string::npos) << "once is enough";
-    // The test itself: root, not managed, and nobody else's name.
+    EXPECT_EQ(device.find("group-add", added + 1), std::string::npos)
+        << "a process joins a group once";
+    // The test is root, but its pid is not the one that the daemon sees in its own namespace.
     const auto own = ProcMgr::Agent::RegisterUpload("viewer", {"frames", "other"}, PATIENCE);
-    // Its pid is not the one that the daemon sees in its own namespace.
     ASSERT_TRUE(own);
     EXPECT_EQ(own->result, ProcMgr::Message::UploadResult::NOT_THE_SENDER);
 }

@@ -1,3 +1,4 @@
+// Quick start: the pause in start-up, its ends, and the kernel log that replaces syslog until then.
 #include "tests/e2e/e2e_fixture.h"
 
 namespace {
@@ -15,8 +16,7 @@ protected:
         }
     }
 
-    static bool HasServiceStarted() { return std::filesystem::exists(In("svc")); }
-    // The lines of the kernel log, of which none ends with a newline.
+    // The lines of the kernel log; none of them ends with a newline.
     static std::vector<std::string> KernelLines() {
         const std::string text = MaskLog(ReadFile("/dev/kmsg"));
         constexpr size_t LEVEL = 3;  // "<6>"
@@ -32,7 +32,8 @@ protected:
     static bool IsInKernelLog(const std::string& part) {
         return ReadFile("/dev/kmsg").find(part) != std::string::npos;
     }
-    // What the kernel log holds in the end; `wait` is how the pause ended.
+    // Checks the kernel log and the first line of syslog; `wait` is the line about the end of the
+    // pause, after which everything goes to syslog.
     void ExpectKernelLog(const std::string& wait) {
         const auto kernelLines = KernelLines();
         ASSERT_FALSE(kernelLines.empty());
@@ -43,19 +44,18 @@ protected:
         EXPECT_EQ(kernelLines.back(), "<6> PROCMGR[PID] " + wait);
         const auto lines = MaskedLines();
         ASSERT_FALSE(lines.empty());
-        EXPECT_EQ(lines[0], "6 pm Get board info success slotId_=0") << "from here on it is syslog";
+        EXPECT_EQ(lines[0], "6 pm Get board info success slotId_=0") << "the first line of syslog";
     }
 };
 
 TEST_F(QuickStart, WaitsForTheContinueSignal) {
     Start({BASE_YAML, "true"});
     ASSERT_TRUE(WaitUntil([] { return IsInKernelLog("init success"); }));
-    std::this_thread::sleep_for(200ms);
-    EXPECT_FALSE(HasServiceStarted());
+    EXPECT_FALSE(Exists("svc"));
     EXPECT_TRUE(MaskedLines().empty());
     harness_.Signal(SIGCONT);
     ASSERT_TRUE(WaitForLine(START_UP_END));
-    EXPECT_TRUE(WaitUntil(HasServiceStarted));
+    EXPECT_TRUE(WaitForFile("svc"));
     ExpectKernelLog("STAMP wait success for continue startup, catch continue signal time=STAMP");
 }
 
@@ -78,7 +78,7 @@ TEST_F(QuickStart, StartUpGoesOnAfterTenSeconds) {
 TEST_F(QuickStart, AnyOtherWordIsNoQuickStart) {
     Start({BASE_YAML, "True", "true"});
     ASSERT_TRUE(WaitForLine(START_UP_END));
-    EXPECT_EQ(harness_.Log().Count("is not quickstart, so not wait for continue signal"), 1U);
+    EXPECT_EQ(Log().Count("is not quickstart, so not wait for continue signal"), 1U);
     EXPECT_EQ(ReadFile("/dev/kmsg"), "");
 }
 
@@ -86,7 +86,7 @@ TEST_F(QuickStart, AStopEndsTheWait) {
     Start({BASE_YAML, "true"});
     ASSERT_TRUE(WaitUntil([] { return IsInKernelLog("init success"); }));
     ExpectOrderlyStop();
-    EXPECT_FALSE(HasServiceStarted());
+    EXPECT_FALSE(Exists("svc"));
 }
 
 }  // namespace

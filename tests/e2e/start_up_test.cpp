@@ -1,3 +1,4 @@
+// Start-up: the whole log of a small platform, the environment of a service, reporters that die.
 #include <algorithm>
 #include <cstring>
 #include <set>
@@ -11,12 +12,12 @@ using testing::Contains;
 
 using StartUp = E2e;
 
-// Without the lines that other threads log at their own time.
+// Removes the lines that other threads log at any time.
 std::vector<std::string> MainThreadLines(std::vector<std::string> lines) {
     std::erase_if(lines, [](const std::string& line) {
         return line.find("STARTING to RUNNING") != std::string::npos;
     });
-    // Each change of any service makes the waiting thread look again, and say so.
+    // Each change of any service wakes the waiting thread, which logs its wait again.
     lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
     return lines;
 }
@@ -30,7 +31,7 @@ std::vector<std::string> Split(const std::string& text) {
     return lines;
 }
 
-// What the start of a service adds to the log.
+// Adds the lines that the start of a service logs.
 void AddStart(std::vector<std::string>& lines, const std::string& name,
               const std::vector<std::string>& depends) {
     const auto add = [&](std::string line, const std::string& other = "") {
@@ -55,10 +56,7 @@ void AddStart(std::vector<std::string>& lines, const std::string& name,
 TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
     Boot(Entry("svc_b", "stay", "depends: [zornmgr]") +
          Entry("svc_c", "stay", "depends: [svc_a, svc_b]") +
-         Entry("zornmgr",
-               "attach, zornmgr, " + In("reports") + ", await, " + In("go") +
-                   ", report, running, stay",
-               "reporting: true") +
+         Reporter("zornmgr", "await, " + In("go") + ", ") +
          Entry("svc_a", "stay", "depends: [zornmgr]"));
     ASSERT_TRUE(WaitForLine("waiting for baseApp=zornmgr"));
     WriteFile(In("go"), "");
@@ -67,7 +65,7 @@ TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
     constexpr const char* ZORNMGR_STARTED =
         "6 STAMP Start baseApp success appName=zornmgr, binPath=/run/e2e/test_service, pid=PID, "
         "isDelayCoreAffinity_=0";
-    // Some lines are longer than this file is wide.
+    // Lines that are too long for this file are joined from several literals.
     // NOLINTBEGIN(bugprone-suspicious-missing-comma)
     std::vector<std::string> expected = {
         "6 ProcMgr: main begin: baseServiceCfgPath: /run/e2e/base.yaml",
@@ -115,12 +113,12 @@ TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
     for (const std::string name : {"svc_a", "svc_b", "svc_c"}) {
         EXPECT_TRUE(WaitForLine("PROCMGR : STARTING to RUNNING appName=" + name));
     }
-    EXPECT_EQ(harness_.Log().Count("STARTING to RUNNING appName=zornmgr"), 0U);
+    EXPECT_EQ(Log().Count("STARTING to RUNNING appName=zornmgr"), 0U);
     const std::vector<std::string> reports = {
         "svc_a RUNNING_NORMAL_START", "svc_b RUNNING_NORMAL_START", "svc_c RUNNING_NORMAL_START"};
     EXPECT_TRUE(WaitUntil([&] { return Split(ReadFile(In("reports"))) == reports; }))
         << ReadFile(In("reports"));
-    for (const auto& message : harness_.Log().Messages()) {
+    for (const auto& message : Log().Messages()) {
         EXPECT_EQ(message.ident, "PROCMGR");
         EXPECT_EQ(message.facility, LOG_USER);
         EXPECT_GT(message.pid, 0);
@@ -129,8 +127,9 @@ TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
 
 TEST_F(StartUp, AServiceGetsItsIdentityAndNothingOfTheDaemon) {
     Boot(Entry("svc", "dump, " + In("dump") + ", 'stay'",
-               "uid: 1000, gid: 1000, startup_entry: /entry, env: {A: 'b c', B: ''}"));
-    ASSERT_TRUE(WaitUntil([] { return std::filesystem::exists(In("dump")); }));
+               "uid: 1000, gid: 1000, startup_entry: /entry, env: {A: 'b c', B: ''}") +
+         Entry("user", "dump, " + In("user") + ", stay", "uid: 1000"));
+    ASSERT_TRUE(WaitForFile("dump") && WaitForFile("user"));
     const auto lines = Split(ReadFile(In("dump")));
     for (const char* line :
          {"uid=1000", "gid=1000", "groups=1000 2000 ", "fds=0 1 2 ", "SigBlk=0000000000000000",
@@ -141,6 +140,8 @@ TEST_F(StartUp, AServiceGetsItsIdentityAndNothingOfTheDaemon) {
     for (const char* variable : {"LD_PRELOAD=", "OWNER_NAME=", "PROC_PLANE=", "GRP_HB="}) {
         EXPECT_THAT(lines, testing::Not(Contains(testing::StartsWith(variable))));
     }
+    // Without a configured gid a service has the primary group of its user.
+    EXPECT_THAT(ReadFile(In("user")), testing::HasSubstr("\ngid=1000\ngroups=1000 2000 \n"));
 }
 
 TEST_F(StartUp, AReporterThatDiesDoesNotHoldUpTheOthers) {
@@ -154,7 +155,7 @@ TEST_F(StartUp, AReporterThatDiesDoesNotHoldUpTheOthers) {
     EXPECT_THAT(lines, Contains("4 PROCMGR : Process=a_dies, pid=PID was self terminated, the exit "
                                 "status is 3."));
     EXPECT_THAT(lines, Contains("7 PROCMGR : EnableWatchDog flag=1"));
-    EXPECT_TRUE(WaitUntil([] { return std::filesystem::exists(In("b_next")); }));
+    EXPECT_TRUE(WaitForFile("b_next"));
 }
 
 TEST_F(StartUp, EveryExitOfManyServicesIsSeen) {
@@ -167,18 +168,17 @@ TEST_F(StartUp, EveryExitOfManyServicesIsSeen) {
     for (const std::string& name : names) {
         entries += "  - {name: " + name + ", bin: /bin/true}\n";
     }
-    Boot(entries);
-    ASSERT_TRUE(WaitForLine(START_UP_END));
+    BootWhole(entries);
     const std::string word = "to TERMINATED appName=";
-    EXPECT_TRUE(WaitUntil([&] { return harness_.Log().Count(word) == COUNT; }));
+    EXPECT_TRUE(WaitUntil([&] { return Log().Count(word) == COUNT; }));
     std::set<std::string> ended;
-    for (const std::string& line : harness_.Log().Lines()) {
+    for (const std::string& line : Log().Lines()) {
         if (const size_t at = line.find(word); at != std::string::npos) {
             ended.insert(line.substr(at + word.size(), 5));
         }
     }
     EXPECT_EQ(ended, names);
-    EXPECT_EQ(harness_.Log().Count("can not find app"), 0U);
+    EXPECT_EQ(Log().Count("can not find app"), 0U);
 }
 
 }  // namespace

@@ -1,13 +1,14 @@
+// The orderly stop: its order, its signals, and stops at awkward times.
 #include "tests/e2e/e2e_fixture.h"
 
 namespace {
 
-using namespace std::chrono_literals;
 using testing::Contains;
 
 class Stop : public E2e {
 protected:
-    // A service that says when it is ready for SIGTERM, and then that it got it.
+    // A service that makes the file NAME when it is ready for SIGTERM, and adds NAME to the file
+    // "ended" when it gets it.
     static std::string Noting(const std::string& name, const std::string& more = "") {
         return Entry(name,
                      "note-term, " + In("ended") + ", " + name + ", touch, " + In(name) + ", stay",
@@ -17,18 +18,14 @@ protected:
         return Entry(name, "ignore-term, touch, " + In(name) + ", stay", more);
     }
     static bool AreReady(const std::vector<std::string>& names) {
-        return WaitUntil([&] {
-            return std::all_of(names.begin(), names.end(),
-                               [](const auto& name) { return std::filesystem::exists(In(name)); });
-        });
+        return std::all_of(names.begin(), names.end(), WaitForFile);
     }
 };
 
 TEST_F(Stop, EndsEverythingInReverseOrder) {
-    Boot(Noting("c", "depends: [b]") + Noting("b", "depends: [a]") + Noting("a"));
-    ASSERT_TRUE(WaitForLine(START_UP_END));
+    BootWhole(Noting("c", "depends: [b]") + Noting("b", "depends: [a]") + Noting("a"));
     ASSERT_TRUE(AreReady({"a", "b", "c"}));
-    harness_.Log().Clear();
+    Log().Clear();
     ExpectOrderlyStop();
     EXPECT_EQ(ReadFile(In("ended")), "c\nb\na\n");
     const auto lines = MaskedLines();
@@ -41,53 +38,47 @@ TEST_F(Stop, EndsEverythingInReverseOrder) {
 }
 
 TEST_F(Stop, KillsWhatDoesNotEnd) {
-    Boot(Ignoring("stubborn", "term_timeout: 200") + Noting("willing"));
+    BootWhole(Ignoring("stubborn", "term_timeout: 200") + Noting("willing"));
     ASSERT_TRUE(AreReady({"stubborn", "willing"}));
-    ASSERT_TRUE(WaitForLine(START_UP_END));
     ExpectOrderlyStop();
     EXPECT_EQ(ReadFile(In("ended")), "willing\n");
-    EXPECT_EQ(harness_.Log().Count("PROCMGR : SendSignal: 9 to app=stubborn"), 1U);
-    EXPECT_EQ(harness_.Log().Count("PROCMGR : SendSignal: 9 to app=willing"), 0U);
+    EXPECT_EQ(Log().Count("PROCMGR : SendSignal: 9 to app=stubborn"), 1U);
+    EXPECT_EQ(Log().Count("PROCMGR : SendSignal: 9 to app=willing"), 0U);
 }
 
 TEST_F(Stop, InterruptIsAStopToo) {
     Boot(Noting("svc"));
     ASSERT_TRUE(AreReady({"svc"}));
-    harness_.Signal(SIGINT);
-    const auto status = harness_.WaitForExit(PATIENCE);
-    ASSERT_TRUE(status);
-    EXPECT_EQ(*status, 0);
+    ExpectOrderlyStop(SIGINT);
     EXPECT_EQ(ReadFile(In("ended")), "svc\n");
 }
 
 TEST_F(Stop, EndsTheWaitForAReport) {
-    Boot(Noting("silent", "reporting: true") + Noting("zz_never"));
-    ASSERT_TRUE(AreReady({"silent"}));
-    ASSERT_TRUE(WaitForLine("waiting for baseApp=silent"));
-    ExpectOrderlyStop();
-    EXPECT_EQ(ReadFile(In("ended")), "silent\n");
-    EXPECT_FALSE(std::filesystem::exists(In("zz_never")));
-}
-
-TEST_F(Stop, IsNoEndOfStartUpWhenTheLastServiceIsAwaited) {
-    Boot(Noting("silent", "reporting: true"));
-    ASSERT_TRUE(AreReady({"silent"}));
-    ASSERT_TRUE(WaitForLine("waiting for baseApp=silent"));
-    ExpectOrderlyStop();
-    EXPECT_EQ(harness_.Log().Count("EnableWatchDog flag=1"), 0U);
+    // With the last service awaited, the end of the wait is not the end of start-up.
+    for (const std::string& more : {Noting("zz_never"), std::string()}) {
+        std::filesystem::remove(In("ended"));
+        Boot(Noting("silent", "reporting: true") + more);
+        ASSERT_TRUE(AreReady({"silent"}));
+        ASSERT_TRUE(WaitForLine("waiting for baseApp=silent"));
+        ExpectOrderlyStop();
+        EXPECT_EQ(ReadFile(In("ended")), "silent\n");
+        EXPECT_FALSE(Exists("zz_never"));
+        EXPECT_EQ(Log().Count("EnableWatchDog flag=1"), 0U);
+        EndRun();
+        std::filesystem::remove(In("silent"));
+    }
 }
 
 TEST_F(Stop, ASecondSignalEndsAtOnce) {
-    Boot(Ignoring("stubborn", "term_timeout: 600000"));
+    BootWhole(Ignoring("stubborn", "term_timeout: 600000"));
     ASSERT_TRUE(AreReady({"stubborn"}));
-    ASSERT_TRUE(WaitForLine(START_UP_END));
     harness_.Signal(SIGTERM);
     ASSERT_TRUE(WaitForLine("PROCMGR : SendSignal: 15 to app=stubborn"));
     EXPECT_TRUE(harness_.IsRunning());
     harness_.Signal(SIGTERM);
     const auto status = harness_.WaitForExit(PATIENCE);
     ASSERT_TRUE(status);
-    EXPECT_NE(*status, 0) << "what was cut short is no success";
+    EXPECT_NE(*status, 0) << "a stop that was cut short is no success";
 }
 
 }  // namespace

@@ -1,21 +1,17 @@
+// Deaths and restarts of services, integrity protection and the choice of services at boot.
+#include <fstream>
+
 #include "tests/e2e/e2e_fixture.h"
+#include "tests/e2e/peers.h"
 
 namespace {
 
 using testing::Contains;
 using testing::HasSubstr;
 
-constexpr const char* HASH_FILE = "/etc/vela/base-plat/process-manager/bin_hash.cfg";
-// Beside the manifest: what the device library was told.
-constexpr const char* DEVICE_LOG = "/run/device-sim.log";
-
 class Supervision : public E2e {
 protected:
-    static std::string Zornmgr() {
-        return Entry("zornmgr", "attach, zornmgr, " + In("reports") + ", report, running, stay",
-                     "reporting: true");
-    }
-    // What zornmgr was told about the service: "RTRT" and so on, for RUNNING... and TERMINATED...
+    // The reports to zornmgr about the service: "RTRT" and so on, for RUNNING... and TERMINATED...
     static std::string ReportsOf(const std::string& name) {
         std::ifstream file(In("reports"));
         std::string reports;
@@ -25,7 +21,7 @@ protected:
         }
         return reports;
     }
-    // Its part of the memory that is only its own.
+    // Resident pages of the daemon that it shares with no file or process.
     long PrivatePages() const {
         std::ifstream file("/proc/" + std::to_string(harness_.GetPid()) + "/statm");
         long total = 0;
@@ -44,7 +40,7 @@ protected:
 TEST_F(Supervision, EachOfManyDeathsIsReportedOnceAndLeaksNothing) {
     constexpr size_t WARM_UP = 20;
     constexpr size_t REPORTS = 200;
-    Boot(Zornmgr() +
+    Boot(Reporter("zornmgr") +
          "  - {name: svc, bin: /bin/sleep, args: [\"0.04\"], restart: on-forever, "
          "depends: [zornmgr]}\n");
     ASSERT_TRUE(WaitUntil([] { return ReportsOf("svc").size() >= WARM_UP; }));
@@ -58,57 +54,66 @@ TEST_F(Supervision, EachOfManyDeathsIsReportedOnceAndLeaksNothing) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
     EXPECT_LE(PrivatePages(), pages + 64);
 #else
-    (void)pages;  // a sanitizer keeps what was freed
+    (void)pages;  // a sanitizer keeps freed memory
 #endif
-    // Between the death and the new pipe there is one less.
+    // While the service is being restarted, descriptors of its launch may be open or closed.
     EXPECT_NEAR(static_cast<double>(CountDescriptors()), static_cast<double>(descriptors), 2);
-    EXPECT_EQ(harness_.Log().Count("can not find app"), 0U);
+    EXPECT_EQ(Log().Count("can not find app"), 0U);
 }
 
 TEST_F(Supervision, AServiceThatKeepsDyingIsGivenUpAndStaysAFault) {
-    Boot(Zornmgr() + Entry("svc", "exit, 3", "restart: on-failure, depends: [zornmgr]") +
+    Boot(Reporter("zornmgr") + Entry("svc", "exit, 3", "restart: on-failure, depends: [zornmgr]") +
          Entry("zz", "stay"));
     ASSERT_TRUE(WaitForLine("PROCMGR : Process svc removed from the list of executedBaseApp_"));
-    EXPECT_EQ(harness_.Log().Count("Start baseApp success appName=svc"), 6U);
+    EXPECT_EQ(Log().Count("Start baseApp success appName=svc"), 6U);
     EXPECT_TRUE(WaitUntil([] { return ReportsOf("svc") == "RTRTRTRTRTRT"; })) << ReportsOf("svc");
-    std::ifstream file(DEVICE_LOG);
-    std::string last;
-    for (std::string line; std::getline(file, line);) {
-        last = line;
-    }
-    EXPECT_THAT(last, HasSubstr("update device=0"));
-    EXPECT_THAT(last, HasSubstr("event=208"));
+    const std::string calls = ReadFile(DEVICE_LOG);
+    const std::string last = calls.substr(calls.rfind('\n', calls.size() - 2) + 1);
+    EXPECT_THAT(last, testing::AllOf(HasSubstr("update device=0"), HasSubstr("event=208")));
     ExpectOrderlyStop();
     EXPECT_THAT(ReadFile(DEVICE_LOG), HasSubstr("unregister device=0"));
 }
 
+TEST_F(Supervision, AHeartbeatThatStopsIsLost) {
+    const Beacon beacon(In("beating"));
+    Boot(Entry("svc", "await, " + In("go") + ", beat, svc, hello, " + beacon.Path() + ", stay",
+               "reporting: true"));
+    ASSERT_TRUE(WaitForLine("Register heart beat checker for svc."));
+    WriteFile(In("go"), "");
+    const pid_t pid = beacon.Next();
+    ASSERT_GT(pid, 1);
+    // The process may be stopped before its first heartbeat; then it goes on and is stopped again.
+    EXPECT_TRUE(WaitUntil([&] {
+        kill(pid, SIGSTOP);
+        const bool isLost = Log().WaitFor("status=lost", std::chrono::seconds(5));
+        kill(pid, SIGCONT);
+        return isLost;
+    }));
+}
+
 TEST_F(Supervision, AModifiedProgramIsNotStarted) {
     BindFile("test_service=" + std::string(64, '0') + "\n", HASH_FILE);
-    Boot(Entry("svc", "touch, " + In("svc")) + "  - {name: other, bin: /bin/sleep, args: [9]}\n");
-    ASSERT_TRUE(WaitForLine(START_UP_END));
+    BootWhole(Entry("svc", "touch, " + In("svc")) + App("other"));
     EXPECT_THAT(MaskedLines(), Contains("3 PROCMGR : IntegrityProtect app=/run/e2e/test_service or "
                                         "sha256sum has been modified"));
-    EXPECT_FALSE(std::filesystem::exists(In("svc")));
-    EXPECT_EQ(harness_.Log().Count("Start baseApp success appName=other"), 1U);
+    EXPECT_FALSE(Exists("svc"));
+    EXPECT_EQ(Log().Count("Start baseApp success appName=other"), 1U);
 }
 
 TEST_F(Supervision, TheBootCommandLineChoosesWhatIsStarted) {
-    std::filesystem::create_directory(In("debug"));
     WriteFile(In("debug/shell.yaml"), "services:\n" + Entry("shell"));
     WriteFile(In("trace.yaml"), "services:\n" + Entry("tracer"));
     WriteFile(In("other.yaml"),
               "include: [debug/shell.yaml, trace.yaml]\nservices:\n" + Entry("other"));
     DaemonHarness::SetCommandLine("quiet procmgr=boot:" + In("other.yaml") + ",debug,diag ro");
-    Boot(Entry("unused"));
-    ASSERT_TRUE(WaitForLine(START_UP_END));
+    BootWhole(Entry("unused"));
     const auto lines = MaskedLines();
     EXPECT_THAT(lines, Contains("6 ProcMgr: update pm startup yaml from cmdline, new path: " +
                                 In("other.yaml")));
     EXPECT_THAT(lines, Contains("6 diag need enable, but not rightly configured"));
     for (const auto& [name, count] :
          {std::pair{"other", 1U}, {"shell", 1U}, {"tracer", 0U}, {"unused", 0U}}) {
-        EXPECT_EQ(harness_.Log().Count(std::string("Start baseApp success appName=") + name), count)
-            << name;
+        EXPECT_EQ(Log().Count(std::string("Start baseApp success appName=") + name), count) << name;
     }
 }
 

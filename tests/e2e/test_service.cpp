@@ -1,26 +1,24 @@
 // test_service ACTION...
 //
-// A service that does what its arguments say, one after the other:
+// A service of the end-to-end tests. It performs the actions of its command line in order:
 //   touch FILE           makes FILE
-//   dump FILE            writes down what the process is and has: see Dump
-//   await FILE           waits until FILE is there
-//   ignore-term          stays at SIGTERM
+//   dump FILE            writes the attributes of the process to FILE: see Dump
+//   await FILE           waits until FILE exists
+//   ignore-term          ignores SIGTERM
 //   note-term FILE NAME  at SIGTERM adds the line NAME to FILE and exits with 0
-//   attach NAME FILE     attaches to the pipe of the service NAME; the state reports that come on
-//                        it are added to FILE, one line "APP TYPE" each
-//   report STATE         reports "running" or "terminating" over it
-//   breed COUNT          starts so many threads, one each 20 ms; each lets itself run on every core
+//   attach NAME FILE     attaches to the pipe of the service NAME; adds the state reports that
+//                        arrive on it to FILE, one line "APP TYPE" each
+//   report STATE         reports "running" or "terminating" over the attached pipe
+//   breed COUNT          starts COUNT threads, one each 20 ms, that may run on every core
 //   upload NAME FILE     registers as NAME for all groups, adds the line "RESULT GROUP..." to FILE
-//   hello SOCKET         connects to it once
-//   skip-if FILE COUNT   leaves out the next COUNT arguments if FILE is there, else makes it
+//   hello SOCKET         connects to SOCKET once
+//   skip-if FILE COUNT   skips the next COUNT arguments if FILE exists, else makes FILE
 //   beat NAME            sends heartbeats as NAME
 //   kill-group           sends SIGTERM to its process group
 //   pose TEXT FILE PAD   shows TEXT as its command line, unreadable to its own user; then writes
-//   its
-//                        pid to FILE; PAD is as long as a page at least
+//                        its pid to FILE; PAD is at least as long as a page
 //   stay                 waits for a signal
 //   exit CODE            ends
-#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
@@ -38,6 +36,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -53,57 +52,46 @@ using namespace std::chrono_literals;
 using ProcMgr::Agent::OwnerChannel;
 
 std::vector<std::string> g_arguments;
-char* g_memory = nullptr;  // the arguments as the kernel shows them
+size_t g_at = 0;           // the next argument
+char* g_memory = nullptr;  // the command line as /proc shows it
 size_t g_memorySize = 0;
 std::unique_ptr<OwnerChannel> g_channel;
 std::unique_ptr<ProcMgr::Agent::HeartbeatSender> g_heartbeat;
 std::string g_noteLine;
 int g_noteFd = -1;
 
-std::string TakeArgument(size_t& at) {
-    if (at >= g_arguments.size()) {
+std::string TakeArgument() {
+    if (g_at >= g_arguments.size()) {
         std::cerr << "test_service: an argument is missing\n";
         _exit(64);
     }
-    return g_arguments[at++];
+    return g_arguments[g_at++];
 }
 
-std::set<int> OpenDescriptors() {
-    std::set<int> fds;
-    DIR* directory = opendir("/proc/self/fd");
-    while (const dirent* entry = readdir(directory)) {
-        const auto fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
-        if (entry->d_name[0] != '.' && fd != dirfd(directory)) {
-            fds.insert(fd);
-        }
-    }
-    closedir(directory);
-    return fds;
+// Writes a file that readers see either whole or not at all.
+void Publish(const std::string& path, const std::string& text) {
+    std::ofstream(path + ".part") << text << std::flush;
+    rename((path + ".part").c_str(), path.c_str());
 }
 
 // Lines "KEY=VALUE": uid, gid, groups, fds (numbers with a blank each), the lines SigBlk and SigIgn
 // of the process's status, arg for each argument, then the environment. The file appears whole.
 void Dump(const std::string& path) {
-    std::ofstream out(path + ".part");
+    std::ostringstream out;
     out << "uid=" << getuid() << "\ngid=" << getgid() << "\ngroups=";
     std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
     const int count = getgroups(static_cast<int>(groups.size()), groups.data());
-    const auto end = groups.begin() + count;
-    for (const gid_t group : std::set<gid_t>(groups.begin(), end)) {
+    for (const gid_t group : std::set<gid_t>(groups.begin(), groups.begin() + count)) {
         out << group << " ";
     }
     out << "\nfds=";
-    std::set<int> fds = OpenDescriptors();
-    for (const int fd : fds) {
-        char target[256]{};
-        const std::string link = "/proc/self/fd/" + std::to_string(fd);
-        if (readlink(link.c_str(), target, sizeof(target) - 1) < 0 ||
-            std::strstr(target, path.c_str()) == nullptr) {
+    for (int fd = 0; fd < 1024; ++fd) {
+        if (fcntl(fd, F_GETFD) >= 0) {
             out << fd << " ";
         }
     }
-    std::ifstream status("/proc/self/status");
     out << "\n";
+    std::ifstream status("/proc/self/status");
     for (std::string line; std::getline(status, line);) {
         if (line.starts_with("SigBlk") || line.starts_with("SigIgn")) {
             out << line.substr(0, 6) << "=" << line.substr(8) << "\n";
@@ -115,8 +103,7 @@ void Dump(const std::string& path) {
     for (char** variable = environ; *variable != nullptr; ++variable) {
         out << *variable << "\n";
     }
-    out.close();
-    rename((path + ".part").c_str(), path.c_str());
+    Publish(path, out.str());
 }
 
 void OnTerm(int /*signal*/) {
@@ -173,9 +160,9 @@ void Upload(const std::string& name, const std::string& file) {
     out << std::endl;
 }
 
-void SkipIf(const std::string& file, size_t count, size_t& at) {
+void SkipIf(const std::string& file, size_t count) {
     if (access(file.c_str(), F_OK) == 0) {
-        at += count;
+        g_at += count;
     } else {
         std::ofstream(file).flush();
     }
@@ -187,12 +174,12 @@ void Beat(const std::string& name) {
 }
 
 void Pose(const std::string& text, const std::string& file) {
-    // No zero byte is left, so that a reader gets a page of text and nothing else.
+    // No zero byte is left, so that a reader gets a page of text only.
     std::memset(g_memory, ' ', g_memorySize);
     std::copy_n(text.begin(), std::min(text.size(), g_memorySize), g_memory);
     prctl(PR_SET_DUMPABLE, 0);
-    std::ofstream(file + ".part") << getpid();
-    rename((file + ".part").c_str(), file.c_str());
+    Publish(file, std::to_string(getpid()));
+    TakeArgument();  // PAD
 }
 
 void Stay() {
@@ -201,54 +188,44 @@ void Stay() {
     }
 }
 
-using Action = std::function<void(size_t& at)>;
-
-const std::map<std::string, Action>& Actions() {
-    static const std::map<std::string, Action> actions = {
-        {"touch", [](size_t& at) { std::ofstream(TakeArgument(at)).flush(); }},
-        {"dump", [](size_t& at) { Dump(TakeArgument(at)); }},
-        {"await", [](size_t& at) { Await(TakeArgument(at)); }},
-        {"ignore-term", [](size_t& /*at*/) { signal(SIGTERM, SIG_IGN); }},
-        {"note-term",
-         [](size_t& at) {
-             const std::string file = TakeArgument(at);
-             NoteTerm(file, TakeArgument(at));
-         }},
-        {"attach",
-         [](size_t& at) {
-             const std::string name = TakeArgument(at);
-             Attach(name, TakeArgument(at));
-         }},
+// Runs an action with the arguments that follow it. Arguments are taken in separate statements,
+// because the order in which a call evaluates its arguments is not defined.
+bool Run(const std::string& action) {
+    static const std::map<std::string, std::function<void(const std::string&)>> withOne = {
+        {"touch", [](const std::string& file) { std::ofstream(file).flush(); }},
+        {"dump", Dump},
+        {"await", Await},
         {"report",
-         [](size_t& at) {
-             TakeArgument(at) == "running" ? g_channel->ReportRunning()
-                                           : g_channel->ReportTerminating();
+         [](const std::string& state) {
+             state == "running" ? g_channel->ReportRunning() : g_channel->ReportTerminating();
          }},
-        {"breed", [](size_t& at) { Breed(std::stoi(TakeArgument(at))); }},
-        {"upload",
-         [](size_t& at) {
-             const std::string name = TakeArgument(at);
-             Upload(name, TakeArgument(at));
-         }},
-        {"hello", [](size_t& at) { ProcMgr::Agent::ConnectSocket(TakeArgument(at)); }},
-        {"skip-if",
-         [](size_t& at) {
-             const std::string file = TakeArgument(at);
-             const size_t count = std::stoul(TakeArgument(at));
-             SkipIf(file, count, at);
-         }},
-        {"beat", [](size_t& at) { Beat(TakeArgument(at)); }},
-        {"kill-group", [](size_t& /*at*/) { kill(0, SIGTERM); }},
-        {"pose",
-         [](size_t& at) {
-             const std::string text = TakeArgument(at);
-             Pose(text, TakeArgument(at));
-             TakeArgument(at);
-         }},
-        {"stay", [](size_t& /*at*/) { Stay(); }},
-        {"exit", [](size_t& at) { _exit(std::stoi(TakeArgument(at))); }},
+        {"breed", [](const std::string& count) { Breed(std::stoi(count)); }},
+        {"hello", [](const std::string& path) { ProcMgr::Agent::ConnectSocket(path); }},
+        {"beat", Beat},
+        {"exit", [](const std::string& code) { _exit(std::stoi(code)); }},
     };
-    return actions;
+    static const std::map<std::string, void (*)(const std::string&, const std::string&)> withTwo = {
+        {"note-term", NoteTerm},
+        {"attach", Attach},
+        {"upload", Upload},
+        {"skip-if", [](const auto& file, const auto& count) { SkipIf(file, std::stoul(count)); }},
+        {"pose", Pose},
+    };
+    if (const auto one = withOne.find(action); one != withOne.end()) {
+        one->second(TakeArgument());
+    } else if (const auto two = withTwo.find(action); two != withTwo.end()) {
+        const std::string first = TakeArgument();
+        two->second(first, TakeArgument());
+    } else if (action == "ignore-term") {
+        signal(SIGTERM, SIG_IGN);
+    } else if (action == "kill-group") {
+        kill(0, SIGTERM);
+    } else if (action == "stay") {
+        Stay();
+    } else {
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -257,13 +234,12 @@ int main(int argc, char** argv) {
     g_arguments.assign(argv + 1, argv + argc);
     g_memory = argv[0];
     g_memorySize = static_cast<size_t>(argv[argc - 1] - argv[0]) + std::strlen(argv[argc - 1]) + 1;
-    for (size_t at = 0; at < g_arguments.size();) {
-        const auto action = Actions().find(TakeArgument(at));
-        if (action == Actions().end()) {
-            std::cerr << "test_service: " << g_arguments[at - 1] << " is no action\n";
+    while (g_at < g_arguments.size()) {
+        const std::string action = TakeArgument();
+        if (!Run(action)) {
+            std::cerr << "test_service: " << action << " is no action\n";
             return 64;
         }
-        action->second(at);
     }
     return 0;
 }

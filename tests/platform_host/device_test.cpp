@@ -1,15 +1,19 @@
+// The simulated device: results of the calls, and the log of all calls.
 #include "platform/device.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <string>
+#include <utility>
 
+#include "tests/support/files.h"
 #include "tests/support/private_run.h"
 
 namespace {
+
+using ProcMgr::Tests::ReadFile;
+using ProcMgr::Tests::WriteFile;
 
 class DeviceTest : public PrivateRunTest {
 protected:
@@ -21,17 +25,12 @@ protected:
     }
 };
 
-std::string Contents(const char* path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-TEST_F(DeviceTest, CallsAreWrittenDownAndUnknownOnesRefused) {
+TEST_F(DeviceTest, CallsAreLoggedAndUnknownHandlesRefused) {
     for (const auto& [text, expected] : {std::pair{"", 1U},
                                          {"# none\ndevices=0\n", 0U},
                                          {"devices=99999999999", 1U},
                                          {"devices=2\n", 2U}}) {
-        std::ofstream("/etc/device-sim.conf") << text;
+        WriteFile("/etc/device-sim.conf", text);
         uint32_t count = 9;
         ASSERT_EQ(drvGetDevNum(&count), 0U);
         EXPECT_EQ(count, expected) << text;
@@ -53,7 +52,7 @@ TEST_F(DeviceTest, CallsAreWrittenDownAndUnknownOnesRefused) {
     EXPECT_NE(halGrpAddProc("pool", 77, "write"), 0U);
     const std::string h = "handle=" + std::to_string(handle);
     const std::string node = "node=" + std::string(sizeof(config.name), 'n');
-    EXPECT_EQ(Contents("/run/device-sim.log"),
+    EXPECT_EQ(ReadFile("/run/device-sim.log"),
               "register device=2 " + node + " type=0x602 sensor=0x27 handle=0 refused\n" +
                   "register device=1 " + node + " type=0x602 sensor=0x27 " + h + "\n" +
                   "update device=1 " + h + " assert=1 event=208\n" + "update device=0 " + h +
@@ -64,15 +63,15 @@ TEST_F(DeviceTest, CallsAreWrittenDownAndUnknownOnesRefused) {
                   "group-add name=pool pid=77 access=write refused\n");
 }
 
-TEST_F(DeviceTest, TheLogIsMovedAtItsLimitAndLinesStayWhole) {
+TEST_F(DeviceTest, TheLogIsRenamedAtItsLimitAndLinesStayWhole) {
     const std::string line = "group-create name=g size=1\n";
-    const std::string full(((size_t{1} << 20)) - line.size(), 'x');
-    std::ofstream("/run/device-sim.log") << full;
+    const std::string full((size_t{1} << 20) - line.size(), 'x');
+    WriteFile("/run/device-sim.log", full);
     ASSERT_EQ(halGrpCreate("g", 1), 0U);
-    EXPECT_EQ(Contents("/run/device-sim.log").size(), size_t{1} << 20);
+    EXPECT_EQ(ReadFile("/run/device-sim.log").size(), size_t{1} << 20);
     ASSERT_EQ(halGrpCreate("g", 1), 0U);
-    EXPECT_TRUE(Contents("/run/device-sim.log.1") == full + line);
-    EXPECT_EQ(Contents("/run/device-sim.log"), line);
+    EXPECT_TRUE(ReadFile("/run/device-sim.log.1") == full + line);
+    EXPECT_EQ(ReadFile("/run/device-sim.log"), line);
 }
 
 }  // namespace

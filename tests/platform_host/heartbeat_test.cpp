@@ -1,90 +1,60 @@
-// The heartbeat library against processes that send their beats over plain sockets. Losses take
-// their three seconds; everything else is waited for as an event.
+// The heartbeat library with processes that send their beats over plain sockets. A loss takes three
+// seconds; every other wait ends with an event.
 #include "platform/heartbeat.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
-#include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
-#include <cstring>
 #include <ctime>
 #include <future>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/platform_host/event_list.h"
+#include "tests/support/child.h"
 #include "tests/support/private_run.h"
+#include "tests/support/raw_peer.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using ProcMgr::Tests::Child;
+using ProcMgr::Tests::RawPeer;
+using testing::ElementsAre;
 using testing::UnorderedElementsAre;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto PATIENCE = 20s;
-constexpr const char* SOCKET_PATH = "/run/heartbeat.sock";
+const std::string SOCKET_PATH = "/run/heartbeat.sock";
 
-// A connection of this process; -1 when there is no socket to connect to.
-int Connect(int flags = 0) {
-    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, SOCKET_PATH, strlen(SOCKET_PATH) + 1);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-// Sends one packet from this process and waits until the library has taken it off the socket;
-// returns whether there was a socket to take it.
+// Sends one packet from this process and waits until the library has taken it from the socket.
+// Returns false when there is no socket.
 bool Beat(const std::string& text) {
-    const int fd = Connect();
-    const bool isSent = send(fd, text.data(), text.size(), MSG_NOSIGNAL) >= 0;
-    int untaken = isSent ? 1 : 0;
-    while (untaken != 0 && ioctl(fd, SIOCOUTQ, &untaken) == 0) {
+    const RawPeer peer(SOCKET_PATH);
+    int untaken = peer.IsValid() && peer.Send(text) ? 1 : 0;
+    while (untaken != 0 && ioctl(peer.Fd(), SIOCOUTQ, &untaken) == 0) {
         std::this_thread::yield();
     }
-    close(fd);
-    return isSent;
+    return peer.IsValid();
 }
 
-bool HasEnded(int fd, std::chrono::milliseconds patience) {
-    pollfd waited{fd, POLLIN, 0};
-    return poll(&waited, 1, static_cast<int>(patience.count())) == 1;
-}
-
-// Sends one packet from a process with a pid of its own, which stays until it is ended.
-pid_t BeatFromAnotherProcess(const std::string& text) {
-    const pid_t child = fork();
-    if (child == 0) {
-        const bool isSent = send(Connect(), text.data(), text.size(), MSG_NOSIGNAL) >= 0;
-        raise(isSent ? SIGSTOP : SIGKILL);
-    }
-    int status = 0;
-    EXPECT_EQ(waitpid(child, &status, WUNTRACED), child);
-    EXPECT_TRUE(WIFSTOPPED(status));
+// A process that has sent one packet and stays.
+Child BeatingChild(const std::string& text) {
+    Child child([&] {
+        const RawPeer peer(SOCKET_PATH);
+        return peer.Send(text) ? raise(SIGSTOP) : 1;
+    });
+    EXPECT_TRUE(child.WaitForStop());
     return child;
-}
-
-void End(pid_t child) {
-    kill(child, SIGKILL);
-    EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
 class HeartbeatTest : public PrivateRunTest {
@@ -95,15 +65,13 @@ protected:
                         pid_t process = getpid()) {
         return RegisterCheckHeartBeat(name.data(), name.size(), process, std::move(callback));
     }
-    // Keeps what it is told as "NAME STATUS".
+    // Keeps each call of the callback as "NAME STATUS".
     int Register(const std::string& name, pid_t process = getpid()) {
         return Register(
             name,
             [this, process](const char* text, size_t length, int32_t pid, uint32_t status) {
                 EXPECT_EQ(pid, process);
-                const std::lock_guard guard(lock_);
-                notices_.push_back(std::string(text, length) + ' ' + std::to_string(status));
-                changed_.notify_all();
+                notices_.Add(std::string(text, length) + ' ' + std::to_string(status));
                 return 1;
             },
             process);
@@ -111,27 +79,16 @@ protected:
     static int Unregister(const std::string& name) {
         return UnregisterCheckHeartBeat(name.data(), name.size());
     }
-    // All notices, as soon as there are `count`.
-    std::vector<std::string> WaitForNotices(size_t count) {
-        std::unique_lock guard(lock_);
-        changed_.wait_for(guard, PATIENCE, [&] { return notices_.size() >= count; });
-        return notices_;
-    }
 
-private:
-    std::mutex lock_;
-    std::condition_variable changed_;
-    std::vector<std::string> notices_;
+    EventList<std::string> notices_;
 };
 
-using Notices = std::vector<std::string>;
-
-TEST_F(HeartbeatTest, OnlyWhoStoppedToBeatIsLostAndComesBack) {
+TEST_F(HeartbeatTest, OnlyAProcessThatStopsToBeatIsLostAndComesBack) {
     for (const char* name : {"quiet", "steady", "never", "impostor", "left", "renewed"}) {
         ASSERT_EQ(Register(name), 0);
     }
     struct stat status {};
-    ASSERT_EQ(stat(SOCKET_PATH, &status), 0);
+    ASSERT_EQ(stat(SOCKET_PATH.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode, mode_t{S_IFSOCK | 0666});
 
     const std::jthread beater([](const std::stop_token& isOver) {
@@ -140,8 +97,8 @@ TEST_F(HeartbeatTest, OnlyWhoStoppedToBeatIsLostAndComesBack) {
             std::this_thread::sleep_for(200ms);
         }
     });
-    const pid_t impostor = BeatFromAnotherProcess("impostor");
-    const pid_t early = BeatFromAnotherProcess("early");
+    const Child impostor = BeatingChild("impostor");
+    const Child early = BeatingChild("early");
     for (const std::string& text : {std::string(128, 'n'), std::string(), std::string("unknown"),
                                     std::string("left"), std::string("renewed")}) {
         ASSERT_TRUE(Beat(text));
@@ -150,96 +107,80 @@ TEST_F(HeartbeatTest, OnlyWhoStoppedToBeatIsLostAndComesBack) {
     ASSERT_TRUE(Beat("quiet"));
     ASSERT_EQ(Unregister("left"), 0);
     ASSERT_EQ(Register("renewed"), 0);
-    ASSERT_EQ(Register("early", early), 0);
+    ASSERT_EQ(Register("early", early.Pid()), 0);
 
-    EXPECT_THAT(WaitForNotices(2), UnorderedElementsAre("quiet 1", "early 1"))
-        << "who beats before its registration counts";
+    EXPECT_THAT(notices_.WaitFor(2), UnorderedElementsAre("quiet 1", "early 1"))
+        << "a beat before the registration counts";
     EXPECT_GE(Clock::now() - before, 3000ms);
     EXPECT_LT(Clock::now() - before, 4500ms);
     ASSERT_TRUE(Beat("quiet"));
-    // Nobody else has been lost by the time that this one is lost again.
-    EXPECT_THAT(WaitForNotices(4),
+    // When "quiet" is lost again, every other loss would have been reported too.
+    EXPECT_THAT(notices_.WaitFor(4),
                 UnorderedElementsAre("quiet 1", "early 1", "quiet 0", "quiet 1"));
-    End(impostor);
-    End(early);
 }
 
-TEST_F(HeartbeatTest, AFloodTakesLittleAndLosesNobody) {
+TEST_F(HeartbeatTest, AFloodTakesLittleAndLosesNoOtherProcess) {
     ASSERT_EQ(Register("steady"), 0);
-    const int steady = Connect();
-    const auto beat = [steady] { return send(steady, "steady", 6, MSG_NOSIGNAL) >= 0; };
-    ASSERT_TRUE(beat());
-    const int liar = Connect();
-    ASSERT_GE(send(liar, "other", 5, MSG_NOSIGNAL), 0);
-    EXPECT_TRUE(HasEnded(liar, 2000ms)) << "another service's name";
-    close(liar);
+    const RawPeer steady(SOCKET_PATH);
+    ASSERT_TRUE(steady.Send("steady"));
+    const RawPeer liar(SOCKET_PATH);
+    ASSERT_TRUE(liar.Send("other"));
+    EXPECT_TRUE(liar.HasEnded(2000ms)) << "the name of another service";
 
-    const pid_t flood = fork();
-    if (flood == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const Child flood([] {
         for (;;) {
-            const int fd = Connect(SOCK_NONBLOCK);
-            send(fd, "steady", 6, MSG_NOSIGNAL);
-            close(fd);
+            RawPeer(SOCKET_PATH, {}, SOCK_NONBLOCK).Send("steady");
         }
-    }
-    const pid_t greedy = fork();
-    if (greedy == 0) {
-        std::vector<int> kept;
-        while (setresuid(1000, 1000, 1000) == 0 && kept.size() < 20) {
-            kept.push_back(Connect());
+        return 0;
+    });
+    Child greedy(1000, 1000, [] {
+        std::vector<RawPeer> kept;
+        while (kept.size() < 20) {
+            kept.emplace_back(SOCKET_PATH);
         }
-        const auto ended =
-            std::count_if(kept.begin(), kept.end(), [](int fd) { return HasEnded(fd, 100ms); });
-        // The rest within the time in which it might still have been registered.
-        _exit(ended == 12 && HasEnded(kept[0], 5000ms) ? 0 : 1);
-    }
+        const auto ended = std::count_if(kept.begin(), kept.end(),
+                                         [](const RawPeer& peer) { return peer.HasEnded(100ms); });
+        // The library ends the others after the 3 s that a registration may take.
+        return ended == 12 && kept[0].HasEnded(5000ms) ? 0 : 1;
+    });
     const auto start = Clock::now();
     const clock_t taken = clock();
     while (Clock::now() - start < 5s) {
-        ASSERT_TRUE(beat());
+        ASSERT_TRUE(steady.Send("steady"));
         std::this_thread::sleep_for(500ms);
     }
     EXPECT_LT(clock() - taken, 2.5 * CLOCKS_PER_SEC) << "processor time of this process";
-    EXPECT_EQ(WaitForNotices(0), Notices{});
-    int status = -1;
-    EXPECT_EQ(waitpid(greedy, &status, 0), greedy);
-    EXPECT_EQ(status, 0) << "eight unregistered connections of one user";
-    End(flood);
-    close(steady);
+    EXPECT_THAT(notices_.All(), testing::IsEmpty());
+    EXPECT_EQ(greedy.ExitCode(), 0) << "eight unregistered connections of one user";
 }
 
 TEST_F(HeartbeatTest, CallbacksMayRegisterAndEndEverything) {
-    std::promise<void> told;
     const std::string name = "self";
-    ASSERT_EQ(Register(name,
-                       [&](const char*, size_t, int32_t, uint32_t) {
-                           EXPECT_EQ(Unregister(name), 0);
-                           EXPECT_EQ(Register("second"), 0);
-                           DisableAllCheckHeartBeat();
-                           EXPECT_EQ(Unregister("second"), -ENOENT);
-                           EXPECT_EQ(Register("third"), 0);
-                           told.set_value();
-                           return 1;
-                       }),
-              0);
+    const auto onLoss = [&](const char*, size_t, int32_t, uint32_t) {
+        EXPECT_EQ(Unregister(name), 0);
+        EXPECT_EQ(Register("second"), 0);
+        DisableAllCheckHeartBeat();
+        EXPECT_EQ(Unregister("second"), -ENOENT);
+        EXPECT_EQ(Register("third"), 0);
+        notices_.Add("callback");
+        return 1;
+    };
+    ASSERT_EQ(Register(name, onLoss), 0);
     ASSERT_TRUE(Beat(name));
-    told.get_future().wait();
-    // The new watch works, on a socket of its own.
+    ASSERT_THAT(notices_.WaitFor(1), ElementsAre("callback"));
     ASSERT_TRUE(Beat("third"));
-    EXPECT_EQ(WaitForNotices(1), Notices{"third 1"});
+    EXPECT_THAT(notices_.WaitFor(2), ElementsAre("callback", "third 1"));
 }
 
 TEST_F(HeartbeatTest, DisablingWaitsForTheCallbackAndEndsAll) {
     std::promise<void> isInside;
     std::promise<void> release;
-    ASSERT_EQ(Register("slow",
-                       [&](const char*, size_t, int32_t, uint32_t) {
-                           isInside.set_value();
-                           release.get_future().wait();
-                           return 1;
-                       }),
-              0);
+    const auto onLoss = [&](const char*, size_t, int32_t, uint32_t) {
+        isInside.set_value();
+        release.get_future().wait();
+        return 1;
+    };
+    ASSERT_EQ(Register("slow", onLoss), 0);
     ASSERT_EQ(Register("other"), 0);
     ASSERT_TRUE(Beat("slow"));
     ASSERT_TRUE(Beat("other"));
@@ -250,8 +191,8 @@ TEST_F(HeartbeatTest, DisablingWaitsForTheCallbackAndEndsAll) {
     disabled.get();
     EXPECT_FALSE(Beat("other"));
     EXPECT_EQ(Unregister("other"), -ENOENT);
-    // Back in service afterwards, and a file that was left behind is no obstacle.
-    ASSERT_EQ(mknod(SOCKET_PATH, S_IFREG | 0600, 0), 0);
+    // A new registration works, also with a file in the place of the socket.
+    ASSERT_EQ(mknod(SOCKET_PATH.c_str(), S_IFREG | 0600, 0), 0);
     ASSERT_EQ(Register("again"), 0);
     EXPECT_TRUE(Beat("again"));
 }

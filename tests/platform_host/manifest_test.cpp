@@ -1,3 +1,4 @@
+// The manifest library: the parsing of manifests with their errors, and the dependency graph.
 #include "platform/manifest.h"
 
 #include <gmock/gmock.h>
@@ -5,21 +6,19 @@
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syslog.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <limits>
 #include <set>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "platform/diagnostics.h"
 #include "platform/host/manifest_keys.h"
+#include "tests/support/child.h"
+#include "tests/support/files.h"
 #include "tests/support/private_mounts.h"
 
 namespace ProcMgr {
@@ -28,11 +27,11 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Pair;
 using testing::SizeIs;
 using testing::StartsWith;
 
-// Names in the order in which rounds of free vertices come out; "|" between rounds.
+// Names in the order in which rounds of free vertices come out; "|" between rounds, "!" when
+// vertices are left that never become free.
 std::string Order(DependGraph graph) {
     std::string order;
     for (auto free = graph.GetNoDependVertices(); !free.empty();
@@ -46,67 +45,40 @@ std::string Order(DependGraph graph) {
     return order + (graph.IsEmpty() ? "" : "!");
 }
 
-// What the library says, with levels.
-class DiagnosticCapture {
-public:
-    DiagnosticCapture() {
-        Clear();
-        SetDiagnosticSink([](int level, const char* text) { lines.emplace_back(level, text); });
+class ManifestTest : public testing::Test {
+protected:
+    ManifestTest() {
+        logged_.clear();
+        SetDiagnosticSink([](int level, const char* text) { logged_.emplace_back(level, text); });
     }
-    ~DiagnosticCapture() { SetDiagnosticSink(nullptr); }
-    DiagnosticCapture(const DiagnosticCapture&) = delete;
-    DiagnosticCapture& operator=(const DiagnosticCapture&) = delete;
+    ~ManifestTest() override { SetDiagnosticSink(nullptr); }
 
-    static void Clear() { lines.clear(); }
-    static std::vector<std::string> Lines() { return LinesAt(-1); }
-    static std::vector<std::string> LinesAt(int wanted) {
+    // The lines that the library has logged since the last call of Parse.
+    static std::vector<std::string> Lines(int wanted = -1) {
         std::vector<std::string> found;
-        for (const auto& [level, text] : lines) {
+        for (const auto& [level, text] : logged_) {
             found.insert(found.end(), wanted == -1 || level == wanted ? 1 : 0, text);
         }
         return found;
     }
-
-private:
-    static inline std::vector<std::pair<int, std::string>> lines;
-};
-
-class ManifestTest : public testing::Test {
-protected:
-    void SetUp() override {
-        char path[] = "/tmp/manifest-test-XXXXXX";
-        ASSERT_NE(mkdtemp(path), nullptr);
-        directory_ = path;
+    std::string Write(const std::string& name, const std::string& text) const {
+        Tests::WriteFile(directory_ / name, text);
+        return directory_ / name;
     }
-    void TearDown() override {
-        if (!directory_.empty()) {
-            std::filesystem::remove_all(directory_);
-        }
-    }
-
-    std::string Write(const std::string& name, const std::string& text) {
-        const std::filesystem::path path = std::filesystem::path(directory_) / name;
-        std::filesystem::create_directories(path.parent_path());
-        std::ofstream(path, std::ios::binary) << text;
-        EXPECT_EQ(chmod(path.c_str(), 0644), 0);
-        return path.string();
-    }
-
     bool Parse(const std::string& path) {
+        logged_.clear();
         manifests_.clear();
         return parser_.ParseYaml(0, path, manifests_, scratch_) == 0;
     }
-    // One service with name, bin and the given further lines.
-    bool ParseService(const std::string& lines) {
-        return Parse(Write("main.yaml", "services:\n- name: a\n  bin: /bin/a\n" + lines));
+    bool ParseText(const std::string& text) { return Parse(Write("main.yaml", text)); }
+    // One service with name (line 2), bin (line 3) and the given further lines.
+    bool ParseService(const std::string& more) {
+        return ParseText("services:\n- name: a\n  bin: /bin/a\n" + more);
     }
-
     void ExpectRefused(const std::string& path, const std::string& problem) {
-        sink_.Clear();
         EXPECT_FALSE(Parse(path));
-        EXPECT_THAT(sink_.LinesAt(LOG_ERR), ElementsAre(HasSubstr(problem))) << path;
+        EXPECT_THAT(Lines(LOG_ERR), ElementsAre(HasSubstr(problem))) << path;
     }
-
     std::vector<std::string> Names() const {
         std::vector<std::string> names;
         for (const ApplicationManifest& manifest : manifests_) {
@@ -114,65 +86,44 @@ protected:
         }
         return names;
     }
-
-    // The graph of `names`, or of all the services, as Order() has it.
+    // The graph of `names`, or of all the services, in the form of Order().
     std::string OrderOf(const std::vector<std::pair<std::string, std::string>>& services,
                         std::vector<std::string> names = {}) {
         std::string text = "services:\n";
         for (const auto& [name, depends] : services) {
             text += "- {name: " + name + ", bin: /b, depends: [" + depends + "]}\n";
         }
-        EXPECT_TRUE(Parse(Write("main.yaml", text)));
+        EXPECT_TRUE(ParseText(text));
         DependGraph graph;
         graph.Add("left over", {"from before"});
         EXPECT_EQ(parser_.GetStartGraph(names.empty() ? Names() : names, graph), 0);
         return Order(graph);
     }
 
-    DiagnosticCapture sink_;
-    std::string directory_;
+    static inline std::vector<std::pair<int, std::string>> logged_;
+    const Tests::TempDirectory directory_;
     ParseAndDepend parser_;
     std::vector<ApplicationManifest> manifests_;
     std::set<std::string> scratch_;
 };
 
-TEST_F(ManifestTest, EntryWithoutOptionalKeysHasTheDefaults) {
-    ASSERT_TRUE(ParseService(""));
-    ASSERT_THAT(Names(), ElementsAre("a"));
-    const ApplicationManifest& manifest = manifests_[0];
-    EXPECT_EQ(manifest.GetManifestList(), ManifestList::SERVICES);
-    EXPECT_EQ(manifest.GetCfgPath(), directory_ + "/main.yaml");
-    EXPECT_EQ(manifest.GetRestart(), "no");
-    EXPECT_EQ(manifest.GetTermTimeOut(), 5000U);
-    EXPECT_TRUE(manifest.GetIsForceTerm());
-    EXPECT_EQ(manifest.GetStartupPriority(), -1);
-    EXPECT_EQ(manifest.GetVfId(), -1);
-    EXPECT_FALSE(manifest.GetIsReporting() || manifest.GetIsDelayCoreAffinity() ||
-                 manifest.GetHeartBeatSwitch() || manifest.GetIsDynamicPara());
-    EXPECT_THAT(sink_.Lines(), IsEmpty());
+// All values of a manifest except its name, list and path.
+std::string ValuesOf(const ApplicationManifest& m) {
+    return testing::PrintToString(std::tuple(
+               m.GetBinPath(), m.GetArguments(), m.GetEnvArgv(), m.GetUid(), m.GetGid(),
+               m.GetDependList(), m.GetIsReporting(), m.GetRestart(), m.GetTermTimeOut(),
+               m.GetIsForceTerm(), m.GetNice(), m.GetCoreAffinity(), m.GetIsDelayCoreAffinity(),
+               m.GetResGroupName(), m.GetCpuset(), m.GetBlkioGroupName())) +
+           testing::PrintToString(
+               std::tuple(m.GetCGroupPath(), m.GetSetRtPrio(), m.GetSetRtType(), m.GetSecurityCon(),
+                          m.GetNodeType(), m.GetNumaType(), m.GetStartupPriority(),
+                          m.GetStartupEntryPath(), m.GetHeartBeatSwitch(), m.GetSharepoolGroups(),
+                          m.GetVfId(), m.GetVfIdPattern(), m.GetIsDynamicPara(), m.GetMatchData()));
 }
 
-TEST_F(ManifestTest, GroupIsThePrimaryOneOfTheUserUnlessGiven) {
-    if (!EnterPrivateMountNamespace()) {
-        GTEST_SKIP() << "no private mount namespace here";
-    }
-    // The record of the first user is longer than any buffer that one would start with.
-    BindFile("root:x:0:5::/:/bin/sh\nlong:x:1001:2002:" + std::string(9000, 'l') +
-                 ":/:/bin/sh\nother:x:1002:3003::/:/bin/sh\n",
-             "/etc/passwd");
-    const std::pair<const char*, uint32_t> cases[] = {
-        {"  uid: 1001\n", 2002},        {"  uid: 1002\n", 3003},
-        {"  uid: 1003\n", 0},           {"", 5},
-        {"  gid: 0\n  uid: 1001\n", 0}, {"  uid: 1001\n  gid: 7\n", 7}};
-    for (const auto& [lines, group] : cases) {
-        ASSERT_TRUE(ParseService(lines));
-        EXPECT_EQ(manifests_[0].GetGid(), group) << lines;
-    }
-}
-
-// Each value differs from its default and from its neighbours, so that a swapped key is seen.
-TEST_F(ManifestTest, EveryKeyReachesItsGetter) {
-    ASSERT_TRUE(Parse(Write("main.yaml", R"yaml(applications:
+// Each value differs from its default and from its neighbours, so that a swapped key is found.
+TEST_F(ManifestTest, EveryKeyReachesItsGetterAndHasItsDefault) {
+    ASSERT_TRUE(ParseText(R"yaml(applications:
 - name: app
   bin: match(/usr/bin/(x|y))
   args: [--level, 7, "", 'match([0-9]+)']
@@ -203,54 +154,52 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetter) {
   vf_id: 5
   dynamic: true
   match: {slot: 1, mode: fast}
-)yaml")));
-    ASSERT_THAT(sink_.Lines(), IsEmpty());
+)yaml"));
+    ASSERT_THAT(Lines(), IsEmpty());
     ASSERT_THAT(Names(), ElementsAre("app"));
-    const ApplicationManifest& manifest = manifests_[0];
-    EXPECT_EQ(manifest.GetManifestList(), ManifestList::APPLICATIONS);
-    EXPECT_EQ(manifest.GetBinPath(), "match(/usr/bin/(x|y))");
-    EXPECT_THAT(manifest.GetArguments(), ElementsAre("--level", "7", "", "match([0-9]+)"));
-    EXPECT_THAT(manifest.GetEnvArgv(),
-                ElementsAre(Pair("FREE", "match(.*)"), Pair("HOME", "/root"), Pair("LEVEL", "3")));
-    EXPECT_EQ(manifest.GetUid(), 4294967294U);
-    EXPECT_EQ(manifest.GetGid(), 16U);
-    EXPECT_THAT(manifest.GetDependList(), ElementsAre("a", "b"));
-    EXPECT_TRUE(manifest.GetIsReporting());
-    EXPECT_EQ(manifest.GetRestart(), "on-until-succeed");
-    EXPECT_EQ(manifest.GetTermTimeOut(), std::numeric_limits<uint32_t>::max());
-    EXPECT_FALSE(manifest.GetIsForceTerm());
-    EXPECT_EQ(manifest.GetNice(), -20);
-    EXPECT_THAT(manifest.GetCoreAffinity(), ElementsAre(255U, 3U, 1023U));
-    EXPECT_TRUE(manifest.GetIsDelayCoreAffinity());
-    EXPECT_EQ(manifest.GetResGroupName(), "rg");
-    EXPECT_EQ(manifest.GetCpuset(), "cs");
-    EXPECT_EQ(manifest.GetBlkioGroupName(), "bg");
-    EXPECT_THAT(manifest.GetCGroupPath(), ElementsAre(Pair("cpu", "c"), Pair("memory", "m")));
-    EXPECT_EQ(manifest.GetSetRtPrio(), "50");
-    EXPECT_EQ(manifest.GetSetRtType(), "SCHED_RR");
-    EXPECT_EQ(manifest.GetSecurityCon(), "sc");
-    EXPECT_EQ(manifest.GetNodeType(), 1538U);
-    EXPECT_EQ(manifest.GetNumaType(), 2U);
-    EXPECT_EQ(manifest.GetStartupPriority(), 7);
-    EXPECT_EQ(manifest.GetStartupEntryPath(), "/entry");
-    EXPECT_TRUE(manifest.GetHeartBeatSwitch());
-    EXPECT_THAT(manifest.GetSharepoolGroups(),
-                ElementsAre(Pair("g1", "read"), Pair("g2", "read-write")));
-    EXPECT_EQ(manifest.GetVfId(), 5);
-    EXPECT_EQ(manifest.GetVfIdPattern(), "");
-    EXPECT_TRUE(manifest.GetIsDynamicPara());
-    EXPECT_THAT(manifest.GetMatchData(), ElementsAre(Pair("mode", "fast"), Pair("slot", "1")));
-
+    EXPECT_EQ(manifests_[0].GetManifestList(), ManifestList::APPLICATIONS);
+    EXPECT_EQ(
+        ValuesOf(manifests_[0]),
+        "(\"match(/usr/bin/(x|y))\", { \"--level\", \"7\", \"\", \"match([0-9]+)\" }, "
+        "{ (\"FREE\", \"match(.*)\"), (\"HOME\", \"/root\"), (\"LEVEL\", \"3\") }, "
+        "4294967294, 16, { \"a\", \"b\" }, true, \"on-until-succeed\", 4294967295, false, -20, "
+        "{ 255, 3, 1023 }, true, \"rg\", \"cs\", \"bg\")"
+        "({ (\"cpu\", \"c\"), (\"memory\", \"m\") }, \"50\", \"SCHED_RR\", \"sc\", 1538, 2, 7, "
+        "\"/entry\", true, { (\"g1\", \"read\"), (\"g2\", \"read-write\") }, 5, \"\", true, "
+        "{ (\"mode\", \"fast\"), (\"slot\", \"1\") })");
     ASSERT_TRUE(ParseService("  vf_id: match([0-9])\n"));
-    EXPECT_EQ(manifests_[0].GetVfIdPattern(), "match([0-9])");
-    EXPECT_EQ(manifests_[0].GetVfId(), -1);
-    // A key that is added needs its line above and in the manual.
-    EXPECT_THAT(ManifestKeys(), SizeIs(30));
+    ASSERT_THAT(Lines(), IsEmpty());
+    EXPECT_EQ(manifests_[0].GetManifestList(), ManifestList::SERVICES);
+    EXPECT_EQ(manifests_[0].GetCfgPath(), directory_ / "main.yaml");
+    EXPECT_EQ(
+        ValuesOf(manifests_[0]),
+        "(\"/bin/a\", {}, {}, 0, 0, {}, false, \"no\", 5000, true, 0, {}, false, \"\", \"\", \"\")"
+        "({}, \"\", \"\", \"\", 0, 0, -1, \"\", false, {}, -1, \"match([0-9])\", false, {})");
+    // A new key needs its line above and in the manual.
+    EXPECT_THAT(PlatformHost::ManifestKeys(), SizeIs(30));
+}
+
+TEST_F(ManifestTest, GroupIsThePrimaryOneOfTheUserUnlessGiven) {
+    if (!EnterPrivateMountNamespace()) {
+        GTEST_SKIP() << "no private mount namespace here";
+    }
+    // The record of the user "long" needs a second call with a larger buffer.
+    BindFile("root:x:0:5::/:/bin/sh\nlong:x:1001:2002:" + std::string(9000, 'l') +
+                 ":/:/bin/sh\nother:x:1002:3003::/:/bin/sh\n",
+             "/etc/passwd");
+    const std::pair<const char*, uint32_t> cases[] = {
+        {"  uid: 1001\n", 2002},        {"  uid: 1002\n", 3003},
+        {"  uid: 1003\n", 0},           {"", 5},
+        {"  gid: 0\n  uid: 1001\n", 0}, {"  uid: 1001\n  gid: 7\n", 7}};
+    for (const auto& [lines, group] : cases) {
+        ASSERT_TRUE(ParseService(lines));
+        EXPECT_EQ(manifests_[0].GetGid(), group) << lines;
+    }
 }
 
 TEST_F(ManifestTest, WrongValuesAreOneErrorWithFileLineAndKey) {
     const struct {
-        std::string lines;  // behind name (line 2) and bin (line 3)
+        std::string lines;  // from line 4 on
         std::string where;
         std::string problem;
     } cases[] = {
@@ -277,11 +226,10 @@ TEST_F(ManifestTest, WrongValuesAreOneErrorWithFileLineAndKey) {
         {"applications:\n- name: a\n  bin: /b\n", "5: key 'name': ", "main.yaml:2"},
     };
     for (const auto& [lines, where, problem] : cases) {
-        SCOPED_TRACE(lines);
-        sink_.Clear();
         EXPECT_FALSE(ParseService(lines));
-        EXPECT_THAT(sink_.Lines(), ElementsAre(AllOf(StartsWith(directory_ + "/main.yaml:" + where),
-                                                     HasSubstr(problem))));
+        EXPECT_THAT(Lines(), ElementsAre(AllOf(StartsWith(directory_ / "main.yaml:" + where),
+                                               HasSubstr(problem))))
+            << lines;
     }
 }
 
@@ -311,12 +259,12 @@ TEST_F(ManifestTest, BrokenFilesAreOneErrorAndNeverMore) {
         ExpectRefused(Write("main.yaml", text), problem);
     }
     for (const char* empty : {"", "# nothing yet\n", "services: []"}) {
-        EXPECT_TRUE(Parse(Write("main.yaml", empty))) << empty;
+        EXPECT_TRUE(ParseText(empty)) << empty;
     }
-    const std::string fifo = directory_ + "/fifo";
+    const std::string fifo = directory_ / "fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     for (const auto& [path, problem] :
-         {std::pair{directory_, "it is a directory"},
+         {std::pair{directory_.Path(), "it is a directory"},
           {fifo, "not a regular file"},
           {Write("big.yaml", std::string((size_t{1} << 20) + 1, '#')), "larger than"}}) {
         ExpectRefused(path, problem);
@@ -336,7 +284,7 @@ TEST_F(ManifestTest, QuotesThatAreNeverClosedAreErrorsWhereTheyOpen) {
     };
     for (const auto& [text, line] : unclosed) {
         ExpectRefused(Write("main.yaml", text), "never closed");
-        EXPECT_THAT(sink_.Lines()[0], HasSubstr("main.yaml:" + std::to_string(line) + ": "));
+        EXPECT_THAT(Lines()[0], HasSubstr("main.yaml:" + std::to_string(line) + ": "));
     }
     for (const char* end : {"args: ['it''s', \"\\\"\"] # don't\n", "env: {A: \"b\n  'c\"}",
                             "restart: no # '", "args: []\n  ", "cpuset: |+\n   it's \"\n\n",
@@ -346,17 +294,17 @@ TEST_F(ManifestTest, QuotesThatAreNeverClosedAreErrorsWhereTheyOpen) {
 }
 
 TEST_F(ManifestTest, UnknownKeysAreWarningsAndIgnored) {
-    ASSERT_TRUE(Parse(Write("main.yaml", R"yaml(version: 2
+    ASSERT_TRUE(ParseText(R"yaml(version: 2
 services:
 - name: a
   colour: blue
   bin: /bin/a
   match: {x: y}
   sharepool_groups: [{group: g, access: read, size: 1}]
-)yaml")));
+)yaml"));
     EXPECT_THAT(manifests_[0].GetMatchData(), IsEmpty());
-    const std::string file = directory_ + "/main.yaml";
-    EXPECT_THAT(sink_.LinesAt(LOG_WARNING),
+    const std::string file = directory_ / "main.yaml";
+    EXPECT_THAT(Lines(LOG_WARNING),
                 testing::UnorderedElementsAre(
                     file + ":1: key 'version': unknown key, ignored",
                     file + ":4: key 'colour': unknown key, ignored",
@@ -364,12 +312,11 @@ services:
                     file + ":7: key 'sharepool_groups': element 1: element 'size': unknown key, "
                            "ignored"));
 
-    // Whoever takes a few lines only must get the error.
-    sink_.Clear();
+    // The error comes first, because the receiver of the lines may accept a few only.
     EXPECT_FALSE(ParseService("  a: 1\n  b: 1\n  c: 1\n  d: 1\n  e: 1\n  f: 1\n  uid: x\n"));
-    ASSERT_THAT(sink_.Lines(), SizeIs(6));
-    EXPECT_THAT(sink_.Lines().front(), StartsWith(file + ":10: key 'uid': "));
-    EXPECT_EQ(sink_.Lines().back(), file + ": 2 further warnings");
+    ASSERT_THAT(Lines(), SizeIs(6));
+    EXPECT_THAT(Lines().front(), StartsWith(file + ":10: key 'uid': "));
+    EXPECT_EQ(Lines().back(), file + ": 2 further warnings");
 }
 
 TEST_F(ManifestTest, IncludesComeFirstAndOnce) {
@@ -384,38 +331,37 @@ TEST_F(ManifestTest, IncludesComeFirstAndOnce) {
                                        two + ", sub/../two.yaml]\n");
     ASSERT_TRUE(Parse(main));
     EXPECT_THAT(Names(), ElementsAre("common", "one", "two", "last", "main"));
-    EXPECT_EQ(manifests_[1].GetCfgPath(), directory_ + "/sub/one.yaml");
+    EXPECT_EQ(manifests_[1].GetCfgPath(), directory_ / "sub/one.yaml");
     EXPECT_THAT(scratch_, testing::AllOf(SizeIs(4), testing::Contains(main)));
 }
 
-TEST_F(ManifestTest, BrokenIncludesNameWhereTheyAreAskedFor) {
-    const std::string main = directory_ + "/main.yaml";
+TEST_F(ManifestTest, BrokenIncludesAreErrorsWithTheirPosition) {
+    const std::string here = directory_.Path();
     Write("loop.yaml", "include: [main.yaml]\n");
     Write("bad.yaml", "services:\n- name: b\n");
     Write("same.yaml", "applications: [{name: a, bin: /b}]\n");
-    const std::vector<std::pair<std::string, std::string>> cases{
-        {"loop.yaml", directory_ + "/loop.yaml:1: key 'include': " + directory_ +
-                          "/main.yaml: the file includes itself"},
-        {"none.yaml", main + ":3: key 'include': " + directory_ + "/none.yaml: cannot be opened"},
-        {"bad.yaml", directory_ + "/bad.yaml:2: key 'bin': missing in the entry 'b'"},
-        {"same.yaml", main + ":5: key 'name': 'a' is also the name of the entry at " + directory_ +
-                          "/same.yaml:1"},
+    const std::pair<std::string, std::string> cases[] = {
+        {"loop", "/loop.yaml:1: key 'include': " + here + "/main.yaml: the file includes itself"},
+        {"none", "/main.yaml:3: key 'include': " + here + "/none.yaml: cannot be opened"},
+        {"bad", "/bad.yaml:2: key 'bin': missing in the entry 'b'"},
+        {"same",
+         "/main.yaml:5: key 'name': 'a' is also the name of the entry at " + here + "/same.yaml:1"},
     };
     for (const auto& [include, error] : cases) {
-        Write("main.yaml",
-              "# main\ninclude:\n- " + include + "\nservices:\n- {name: a, bin: /b}\n");
-        ExpectRefused(main, error);
+        ExpectRefused(Write("main.yaml", "# main\ninclude:\n- " + include +
+                                             ".yaml\nservices:\n- {name: a, bin: /b}\n"),
+                      here + error);
     }
     for (int i = 0; i < 20; ++i) {
         Write("chain" + std::to_string(i) + ".yaml",
               "include: [chain" + std::to_string(i + 1) + ".yaml]\n");
     }
-    ExpectRefused(directory_ + "/chain0.yaml", "nested more than 16 deep");
+    ExpectRefused(directory_ / "chain0.yaml", "nested more than 16 deep");
 }
 
-TEST_F(ManifestTest, OnlyRootMayDecideWhatRuns) {
+TEST_F(ManifestTest, FilesThatOthersMayChangeAreRefused) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root to give files away";
+        GTEST_SKIP() << "needs root to change owners";
     }
     const std::string file = Write("main.yaml", "services: [{name: a, bin: /b}]\n");
     const std::string top = Write("top.yaml", "include: [main.yaml]\n");
@@ -433,39 +379,32 @@ TEST_F(ManifestTest, OnlyRootMayDecideWhatRuns) {
     }
     ASSERT_EQ(chmod(file.c_str(), 0644), 0);
     ASSERT_EQ(chown(file.c_str(), 0, 0), 0);
-    const std::string open = directory_ + "/open";
+    const std::string open = directory_ / "open";
     const std::string inOpen = Write("open/main.yaml", "services: []\n");
-    const std::string link = directory_ + "/link.yaml";
+    const std::string link = directory_ / "link.yaml";
     ASSERT_EQ(symlink(inOpen.c_str(), link.c_str()), 0);
     ASSERT_EQ(chmod(open.c_str(), 0777), 0);
     for (const std::string& main : {inOpen, link}) {
         ExpectRefused(main, "directory " + open + " is writable by group or others");
     }
     ASSERT_EQ(chmod(open.c_str(), 01777), 0);
-    EXPECT_TRUE(Parse(link)) << "what is root's in a sticky directory is left to root";
+    EXPECT_TRUE(Parse(link)) << "only root can replace a file of root in a sticky directory";
     ASSERT_EQ(chown(open.c_str(), 1000, 0), 0);
     ExpectRefused(link, "directory " + open + " belongs to uid 1000");
 }
 
-// The memory of a process that must not be looked into is root's to look at, but says what the
-// process likes.
+// The command line of a process that must not be traced belongs to root, but the process itself
+// decides on the contents.
 TEST_F(ManifestTest, PseudoFilesAreNotRead) {
-    const pid_t attacker = fork();
-    if (attacker == 0) {
-        const bool isHidden = setresuid(1000, 1000, 1000) == 0 && prctl(PR_SET_DUMPABLE, 0) == 0;
-        raise(isHidden ? SIGSTOP : SIGKILL);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(attacker, &status, WUNTRACED), attacker);
-    ASSERT_TRUE(WIFSTOPPED(status));
-    const std::string its = "/proc/" + std::to_string(attacker);
+    const Tests::Child attacker(1000, 1000,
+                                [] { return prctl(PR_SET_DUMPABLE, 0) == 0 ? raise(SIGSTOP) : 1; });
+    ASSERT_TRUE(attacker.WaitForStop());
+    const std::string its = "/proc/" + std::to_string(attacker.Pid());
     ExpectRefused(its + "/cmdline", "directory " + its + " belongs to uid 1000");
-    // To read it is to wait for the kernel's next message.
+    // A read would wait for the next message of the kernel.
     ExpectRefused("/proc/kmsg", "it lies on a pseudo file system");
     KvsTypeYaml top;
     EXPECT_FALSE(top.InitYamlNode("/dev/tty"));
-    kill(attacker, SIGKILL);
-    EXPECT_EQ(waitpid(attacker, nullptr, 0), attacker);
 }
 
 TEST_F(ManifestTest, FailureLeavesEverythingAsItWas) {
@@ -488,11 +427,11 @@ TEST_F(ManifestTest, EdgesAreDependenciesAmongTheGivenNamesAndCyclesAreReportedO
         {"d", "b, c"}, {"c", "a"}, {"b", "a"}, {"a", ""}, {"e", "missing"}};
     EXPECT_EQ(OrderOf(services), "ae|bc|d");
     EXPECT_EQ(OrderOf(services, {"d", "a", "a"}), "ad");
-    EXPECT_EQ(OrderOf({{"a", "b"}, {"b", "a"}}, {"a"}), "a") << "half a cycle is none";
-    EXPECT_THAT(sink_.Lines(), IsEmpty());
-    // "o" is behind a cycle, and named before it, but not on it.
+    EXPECT_EQ(OrderOf({{"a", "b"}, {"b", "a"}}, {"a"}), "a") << "half a cycle is no cycle";
+    EXPECT_THAT(Lines(), IsEmpty());
+    // "o" waits for a cycle and comes before it in the order of names, but is not on it.
     EXPECT_EQ(OrderOf({{"o", "p"}, {"p", "q"}, {"q", "p, x"}, {"s", "s"}, {"x", ""}}), "x!");
-    EXPECT_THAT(sink_.LinesAt(LOG_ERR),
+    EXPECT_THAT(Lines(LOG_ERR),
                 ElementsAre(testing::EndsWith(": p -> q -> p"), testing::EndsWith(": s -> s")));
 }
 

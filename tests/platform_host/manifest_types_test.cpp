@@ -1,12 +1,12 @@
+// The parts of the manifest library beside the parsing of manifests: the graph itself, patterns and
+// the reader of other YAML files.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
 
 #include "platform/manifest.h"
+#include "tests/support/files.h"
 
 namespace ProcMgr {
 namespace {
@@ -56,13 +56,9 @@ TEST(PatternTest, ValueMatchesAsAWhole) {
 }
 
 bool Load(KvsTypeYaml& top, const std::string& text) {
-    char path[] = "/tmp/kvs-test-XXXXXX";
-    const int fd = mkstemp(path);
-    std::ofstream(path) << text;
-    close(fd);
-    const bool isLoaded = top.InitYamlNode(path);
-    unlink(path);
-    return isLoaded;
+    const Tests::TempDirectory directory;
+    Tests::WriteFile(directory / "file.yaml", text);
+    return top.InitYamlNode(directory / "file.yaml");
 }
 
 TEST(KvsTypeYamlTest, WalksAFile) {
@@ -80,7 +76,8 @@ TEST(KvsTypeYamlTest, WalksAFile) {
     ASSERT_TRUE(top.GetSubKvs("list", section));
     EXPECT_EQ(section.GetSize(), 2U);
     EXPECT_FALSE(section.GetElement(2, node));
-    // A node may be replaced by its own child, and outlives the top of its file.
+    // A node may be replaced by its own child, and stays valid after the top of its file has
+    // changed.
     ASSERT_TRUE(section.GetElement(1, section));
     ASSERT_TRUE(section.GetSubKvs("b", section));
     EXPECT_FALSE(Load(top, "a: ["));

@@ -1,44 +1,44 @@
-// The messaging library against peers that speak its packets byte by byte over plain sockets.
+// The messaging library with peers that send its packets byte by byte over plain sockets.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstring>
-#include <deque>
 #include <functional>
 #include <future>
 #include <latch>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/messaging.h"
+#include "tests/platform_host/event_list.h"
+#include "tests/support/child.h"
 #include "tests/support/private_run.h"
+#include "tests/support/raw_peer.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using ProcMgr::Tests::Child;
+using ProcMgr::Tests::RawPeer;
+using ProcMgr::Tests::WaitUntil;
+using testing::ElementsAre;
 
-// Longer than anything takes that is going to happen at all.
-constexpr auto PATIENCE = 20s;
 constexpr uint32_t GROUP = 4321;
 const std::string LARGE(60000, 'f');
 
-// Little-endian header and body, spelled out apart from the library's own code.
+// Little-endian header and body, without the library's own code.
 std::string Packet(uint32_t kind, uint64_t sequence, const std::string& body,
                    const std::string& magic = "MUXA") {
     std::string packet = magic;
@@ -63,84 +63,26 @@ std::string ServerPath(const std::string& name) {
     return "/run/muxa/server/" + name;
 }
 
-// A peer on a plain socket.
-class RawPeer {
+class Peer : public RawPeer {
 public:
-    explicit RawPeer(const std::string& path) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        memcpy(address.sun_path, path.c_str(), path.size() + 1);
-        const timeval limit{20, 0};
-        setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        error_ =
-            connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 ? 0 : errno;
+    using RawPeer::RawPeer;
+    void Say(const std::string& body) const { EXPECT_TRUE(Send(Packet(1, 0, body))); }
+    void Ask(uint64_t sequence, const std::string& body) const {
+        EXPECT_TRUE(Send(Packet(2, sequence, body)));
     }
-    ~RawPeer() { Close(); }
-    RawPeer(const RawPeer&) = delete;
-    RawPeer& operator=(const RawPeer&) = delete;
-
-    int Error() const { return error_; }
-    void Close() { close(std::exchange(fd_, -1)); }
-    void Send(const std::string& packet) const {
-        ASSERT_EQ(TrySend(packet), static_cast<ssize_t>(packet.size()));
-    }
-    ssize_t TrySend(const std::string& packet) const {
-        return send(fd_, packet.data(), packet.size(), MSG_NOSIGNAL);
-    }
-    // The next packet; "" stands for the end of the connection.
-    std::string Receive() const {
-        std::string packet(70000, '\0');
-        const ssize_t length = recv(fd_, packet.data(), packet.size(), 0);
-        if (length < 0) {
-            return errno == ECONNRESET ? "" : strerror(errno);
-        }
-        return packet.substr(0, static_cast<size_t>(length));
-    }
-
-private:
-    int fd_ = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    int error_ = 0;
+    // The next packet; "" for the end of the connection.
+    std::string Hear() const { return Receive().value_or("timeout"); }
 };
 
+// One call of a callback.
 struct Event {
     int32_t fd = 0;
     std::string name;
-    std::string body;  // "END" for the peer's end
+    std::string body;  // "END" for the end of the connection
     MuxaRequest request;
 };
 
-// Collects what a callback is told.
-class Recorder {
-public:
-    void operator()(int32_t fd, const MuxaRequest* request, const std::string& name) {
-        Event event{fd, name, "END", {}};
-        if (request != nullptr) {
-            event.body.assign(static_cast<const char*>(request->data), request->length);
-            event.request = *request;
-        }
-        const std::lock_guard guard(lock_);
-        events_.push_back(event);
-        changed_.notify_all();
-    }
-    // The event at `index`, waiting for it.
-    Event At(size_t index) {
-        std::unique_lock guard(lock_);
-        const bool isThere =
-            changed_.wait_for(guard, PATIENCE, [&] { return events_.size() > index; });
-        return isThere ? events_[index] : Event{0, "timeout", "timeout", {}};
-    }
-    size_t Count() {
-        const std::lock_guard guard(lock_);
-        return events_.size();
-    }
-
-private:
-    std::mutex lock_;
-    std::condition_variable changed_;
-    std::vector<Event> events_;
-};
-
-// Sends a call where there is a place for its response.
+// Sends a request, or a call when there is a place for the response.
 int32_t Send(int32_t fd, const std::string& body, MuxaResponse* response = nullptr,
              int32_t timeout = 0) {
     MuxaRequest request;
@@ -153,16 +95,20 @@ int32_t Respond(int32_t fd, uint64_t sequence, const std::string& body) {
     const MuxaResponse response{{body.begin(), body.end()}, sequence};
     return MuxaSendResponse(fd, &response);
 }
+int32_t CloseWhenIdle(int32_t fd) {
+    int32_t result = -EBUSY;
+    WaitUntil([&] { return (result = MuxaClosePipe(fd)) != -EBUSY; });
+    return result;
+}
 
 class MuxaTest : public PrivateRunTest {
 protected:
     void TearDown() override { CloseAll(); }
-    // Before anything that the callbacks refer to goes out of scope.
+    // To be called before an object that a callback uses goes out of scope.
     void CloseAll() {
-        for (const int32_t fd : open_) {
+        for (const int32_t fd : std::exchange(open_, {})) {
             EXPECT_EQ(CloseWhenIdle(fd), 0);
         }
-        open_.clear();
     }
     int32_t Keep(int32_t fd) {
         EXPECT_GE(fd, 1) << strerror(-fd);
@@ -172,27 +118,41 @@ protected:
         return Keep(
             MuxaOpen({.name = name, .value = GROUP, .pid = pid, .callback = std::move(callback)}));
     }
-    // A pipe, or a server, that tells the recorder.
-    int32_t OpenPipe(const std::string& name) { return OpenPipe(name, std::ref(recorder_)); }
+    // A pipe, or a server, whose callback records its calls.
+    int32_t OpenPipe(const std::string& name) { return OpenPipe(name, record_); }
     int32_t OpenServer(const std::string& name, uint32_t maxPeers) {
-        return Keep(MuxaCreateServer({name, std::ref(recorder_)}, maxPeers, 0));
+        return Keep(MuxaCreateServer({name, record_}, maxPeers, 0));
     }
     int32_t Close(int32_t fd) {
         std::erase(open_, fd);
         return CloseWhenIdle(fd);
     }
-    static int32_t CloseWhenIdle(int32_t fd) {
-        int32_t result = MuxaClosePipe(fd);
-        for (int i = 0; i < 4000 && result == -EBUSY; ++i) {
-            std::this_thread::sleep_for(5ms);
-            result = MuxaClosePipe(fd);
+    // The recorded call at `index`; waits for it.
+    Event At(size_t index) const {
+        const auto events = events_.WaitFor(index + 1);
+        return index < events.size() ? events[index] : Event{0, "timeout", "timeout", {}};
+    }
+    // The bodies of all recorded calls, as soon as there are `count`.
+    std::vector<std::string> Bodies(size_t count) const {
+        std::vector<std::string> bodies;
+        for (const Event& event : events_.WaitFor(count)) {
+            bodies.push_back(event.body);
         }
-        return result;
+        return bodies;
     }
 
-    Recorder recorder_;
+    const MuxaCallback record_ = [this](int32_t fd, const MuxaRequest* request,
+                                        const std::string& name) {
+        Event event{fd, name, "END", {}};
+        if (request != nullptr) {
+            event.body.assign(static_cast<const char*>(request->data), request->length);
+            event.request = *request;
+        }
+        events_.Add(std::move(event));
+    };
 
 private:
+    EventList<Event> events_;
     std::vector<int32_t> open_;
 };
 
@@ -219,14 +179,14 @@ TEST_F(MuxaTest, SocketFilesFollowTheContract) {
     }
     EXPECT_EQ(Close(pipe), 0);
     EXPECT_EQ(Close(server), 0);
-    EXPECT_NE(access(PipePath("Az_0.9-").c_str(), F_OK), 0);
+    EXPECT_NE(access(files[1].path.c_str(), F_OK), 0);
     EXPECT_NE(access(escaped.c_str(), F_OK), 0);
 
-    // A file that an earlier process has left behind is no obstacle.
+    // A file of an earlier process is replaced.
     OpenPipe("first");
     ASSERT_EQ(rename(PipePath("first").c_str(), PipePath("left_over").c_str()), 0);
     OpenPipe("left_over");
-    EXPECT_EQ(RawPeer(PipePath("left_over")).Error(), 0);
+    EXPECT_EQ(Peer(PipePath("left_over")).Error(), 0);
 }
 
 TEST_F(MuxaTest, WrongArgumentsAreRefused) {
@@ -236,10 +196,10 @@ TEST_F(MuxaTest, WrongArgumentsAreRefused) {
                                                      {std::string(120, 'n'), -ENAMETOOLONG},
                                                      {"taken", -EADDRINUSE}};
     for (const auto& [name, result] : cases) {
-        EXPECT_EQ(MuxaOpen({.name = name, .callback = std::ref(recorder_)}), result) << name;
+        EXPECT_EQ(MuxaOpen({.name = name, .callback = record_}), result) << name;
     }
     EXPECT_EQ(MuxaOpen({.name = "no_callback", .callback = nullptr}), -EINVAL);
-    EXPECT_EQ(RawPeer(PipePath("taken")).Error(), 0) << "the first opening is left alone";
+    EXPECT_EQ(Peer(PipePath("taken")).Error(), 0) << "the first opening stays";
     EXPECT_EQ(Send(fd, std::string(65537, 'x')), -EMSGSIZE);
     EXPECT_EQ(Close(fd), 0);
     MuxaResponse response;
@@ -254,25 +214,23 @@ TEST_F(MuxaTest, WrongArgumentsAreRefused) {
 
 TEST_F(MuxaTest, RequestsArriveInOrderAndWhole) {
     const int32_t fd = OpenPipe("in");
-    RawPeer peer(PipePath("in"));
-    const std::vector<std::string> bodies = {"", std::string(65536, '\xA5'), "last"};
-    for (const std::string& body : bodies) {
-        peer.Send(Packet(1, 0, body));
+    const Peer peer(PipePath("in"));
+    const std::vector<std::string> bodies = {"", std::string(65536, '\xA5'), "last", "question"};
+    for (size_t i = 0; i < 3; ++i) {
+        peer.Say(bodies[i]);
     }
-    peer.Send(Packet(2, 0x1122334455667788, "question"));
+    peer.Ask(0x1122334455667788, bodies[3]);
     for (size_t i = 0; i < bodies.size(); ++i) {
-        const Event event = recorder_.At(i);
+        const Event event = At(i);
         EXPECT_TRUE(event.body == bodies[i]) << i;
-        EXPECT_FALSE(event.request.wantsResponse);
+        EXPECT_EQ(event.request.wantsResponse, i == 3);
+        EXPECT_EQ(event.request.sequence, i == 3 ? 0x1122334455667788U : 0U);
         EXPECT_EQ(event.fd, fd);
         EXPECT_EQ(event.name, "in");
         EXPECT_EQ(event.request.peerPid, getpid());
     }
-    const Event question = recorder_.At(bodies.size());
-    EXPECT_TRUE(question.request.wantsResponse);
-    EXPECT_EQ(question.request.sequence, 0x1122334455667788U);
-    ASSERT_EQ(Respond(fd, question.request.sequence, "yes"), 0);
-    EXPECT_EQ(peer.Receive(), Packet(3, 0x1122334455667788, "yes"));
+    ASSERT_EQ(Respond(fd, 0x1122334455667788, "yes"), 0);
+    EXPECT_EQ(peer.Hear(), Packet(3, 0x1122334455667788, "yes"));
 }
 
 TEST_F(MuxaTest, RecordsWaitForAPeerUpToTheLimit) {
@@ -281,195 +239,160 @@ TEST_F(MuxaTest, RecordsWaitForAPeerUpToTheLimit) {
         ASSERT_EQ(Send(fd, "record " + std::to_string(i)), 0) << i;
     }
     EXPECT_EQ(Send(fd, "one too many"), -EAGAIN);
-    EXPECT_EQ(Respond(fd, 1, ""), -EPIPE) << "a response waits for nobody";
+    EXPECT_EQ(Respond(fd, 1, ""), -EPIPE) << "a response does not wait for a peer";
 
-    RawPeer peer(PipePath("queue"));
+    const Peer peer(PipePath("queue"));
     for (int i = 0; i < 256; ++i) {
-        ASSERT_EQ(peer.Receive(), Packet(1, 0, "record " + std::to_string(i)));
+        ASSERT_EQ(peer.Hear(), Packet(1, 0, "record " + std::to_string(i)));
     }
-    // A peer that does not read: the queue fills behind what the kernel holds, and nothing blocks.
+    // The peer does not read: the socket and then the queue are filled, and no call waits.
     size_t sent = 0;
     while (Send(fd, std::to_string(sent) + LARGE) == 0) {
         ++sent;
     }
     for (size_t i = 0; i < sent; ++i) {
-        ASSERT_TRUE(peer.Receive() == Packet(1, 0, std::to_string(i) + LARGE)) << i;
+        ASSERT_TRUE(peer.Hear() == Packet(1, 0, std::to_string(i) + LARGE)) << i;
     }
 }
 
-TEST_F(MuxaTest, TheNextPeerInheritsRecordsButNoResponses) {
+TEST_F(MuxaTest, TheNextPeerGetsWaitingRecordsButNoResponses) {
     const int32_t fd = OpenPipe("heir");
-    RawPeer first(PipePath("heir"));
-    first.Send(Packet(2, 9, "question"));
-    EXPECT_EQ(recorder_.At(0).body, "question");
-    RawPeer second(PipePath("heir"));
-    second.Send(Packet(1, 0, "second"));
-    const RawPeer more[] = {RawPeer(PipePath("heir")), RawPeer(PipePath("heir")),
-                            RawPeer(PipePath("heir"))};
-    EXPECT_EQ(RawPeer(PipePath("heir")).Receive(), "") << "four may wait";
-    // Far more than the kernel takes on, so that the response and the record after it are queued.
+    Peer first(PipePath("heir"));
+    first.Ask(9, "question");
+    EXPECT_EQ(At(0).body, "question");
+    const Peer second(PipePath("heir"));
+    second.Say("second");
+    const Peer more[] = {Peer(PipePath("heir")), Peer(PipePath("heir")), Peer(PipePath("heir"))};
+    EXPECT_EQ(Peer(PipePath("heir")).Hear(), "") << "four may wait";
+    // More than the socket holds, so that the response and the record after it are queued.
     for (int i = 0; i < 100; ++i) {
         ASSERT_EQ(Send(fd, LARGE), 0);
     }
     ASSERT_EQ(Respond(fd, 9, "late"), 0);
     ASSERT_EQ(Send(fd, "end"), 0);
-    EXPECT_EQ(recorder_.Count(), 1U) << "one peer at a time";
-    // To leave with so much unread resets the connection; what was sent before counts all the same.
-    first.Send(Packet(1, 0, "goodbye"));
+    EXPECT_THAT(Bodies(1), ElementsAre("question")) << "one peer at a time";
+    // With so much unread the close resets the connection; packets sent before it still count.
+    first.Say("goodbye");
     first.Close();
-    EXPECT_EQ(recorder_.At(1).body, "goodbye");
-    EXPECT_EQ(recorder_.At(2).body, "END");
-    EXPECT_EQ(recorder_.At(3).body, "second");
-    std::string packet = second.Receive();
+    EXPECT_THAT(Bodies(4), ElementsAre("question", "goodbye", "END", "second"));
+    std::string packet = second.Hear();
     EXPECT_TRUE(packet == Packet(1, 0, LARGE));
     while (packet == Packet(1, 0, LARGE)) {
-        packet = second.Receive();
+        packet = second.Hear();
     }
     EXPECT_EQ(packet, Packet(1, 0, "end"));
 }
 
 TEST_F(MuxaTest, BadPacketsEndTheConnectionOnce) {
-    const std::pair<const char*, std::string> cases[] = {
-        {"magic", Packet(1, 0, "x", "MUXB")},
-        {"kind 0", Packet(0, 0, "x")},
-        {"kind 4", Packet(4, 0, "x")},
-        {"short", Packet(1, 0, "").substr(1)},
-        {"empty", ""},
-        {"oversize", Packet(1, 0, std::string(65537, 'x'))},
-    };
     OpenPipe("strict");
-    size_t index = 0;
-    for (const auto& [what, packet] : cases) {
-        SCOPED_TRACE(what);
-        RawPeer peer(PipePath("strict"));
-        peer.Send(Packet(1, 0, what));
-        peer.Send(packet);
-        EXPECT_EQ(peer.Receive(), "");
-        EXPECT_EQ(recorder_.At(index++).body, what);
-        EXPECT_EQ(recorder_.At(index++).body, "END");
+    std::vector<std::string> calls;
+    for (const std::string& packet :
+         {Packet(1, 0, "x", "MUXB"), Packet(0, 0, "x"), Packet(4, 0, "x"),
+          Packet(1, 0, "").substr(1), std::string(), Packet(1, 0, std::string(65537, 'x'))}) {
+        const Peer peer(PipePath("strict"));
+        peer.Say("fine");
+        EXPECT_TRUE(peer.Send(packet));
+        EXPECT_EQ(peer.Hear(), "") << packet.substr(0, 20);
+        calls.insert(calls.end(), {"fine", "END"});
+        EXPECT_EQ(Bodies(calls.size()), calls);
     }
-    RawPeer next(PipePath("strict"));
-    next.Send(Packet(1, 0, "fine"));
-    EXPECT_EQ(recorder_.At(index).body, "fine");
-    EXPECT_EQ(recorder_.Count(), index + 1) << "each end is told once";
 }
 
-// Runs `action` on a thread that has these credentials, by calls that act on the thread alone.
-void RunAs(uid_t uid, gid_t gid, std::vector<gid_t> groups, const std::function<void()>& action) {
+// Runs `action` on a thread with the credentials of user 1000; the system calls change this thread
+// only.
+void RunAsUser(const std::function<void()>& action) {
     std::thread([&] {
-        ASSERT_EQ(syscall(SYS_setgroups, groups.size(), groups.data()), 0);
-        ASSERT_EQ(syscall(SYS_setresgid, gid, gid, gid), 0);
-        ASSERT_EQ(syscall(SYS_setresuid, uid, uid, uid), 0);
+        ASSERT_EQ(syscall(SYS_setgroups, 0, nullptr), 0);
+        ASSERT_EQ(syscall(SYS_setresgid, 1000, 1000, 1000), 0);
+        ASSERT_EQ(syscall(SYS_setresuid, 1000, 1000, 1000), 0);
         action();
     }).join();
 }
 
-// Runs `action` in a process of uid 1000 that has the pipes' group, and a name that looks like the
-// status of another process; returns whether it succeeded.
-bool SucceedsInAnotherProcess(const std::function<bool()>& action) {
-    const pid_t child = fork();
-    if (child == 0) {
-        const bool isReady = prctl(PR_SET_NAME, "a) S 1 (b") == 0 &&
-                             setresgid(GROUP, GROUP, GROUP) == 0 &&
-                             setresuid(1000, 1000, 1000) == 0;
-        _exit(isReady && action() ? 0 : 1);
-    }
-    int status = 1;
-    return waitpid(child, &status, 0) == child && status == 0;
-}
-
 TEST_F(MuxaTest, APipeIsForItsServiceAndItsDescendants) {
-    const pid_t other = fork();
-    if (other == 0) {
-        raise(SIGSTOP);
-    }
+    const Child other;
     const auto answer = [this](int32_t fd, const MuxaRequest* request, const std::string& name) {
         if (request != nullptr) {
             Respond(fd, request->sequence, "yes");
         }
-        recorder_(fd, request, name);
+        record_(fd, request, name);
     };
     OpenPipe("own", answer);
-    OpenPipe("others", answer, other);
+    OpenPipe("others", answer, other.Pid());
     OpenPipe("roots", answer, 0);
-    RawPeer root(PipePath("others"));  // holds its pipe, and only its own
+    const Peer root(PipePath("others"));  // takes up its pipe, and only this one
     for (const std::string name : {"own", "others", "roots"}) {
-        EXPECT_TRUE(SucceedsInAnotherProcess([name] {
-            const RawPeer peer(PipePath(name));
-            peer.TrySend(Packet(2, 7, "hello"));
-            return peer.Error() == 0 &&
-                   peer.Receive() == (name == "own" ? Packet(3, 7, "yes") : "");
-        })) << name;
+        Child peer(1000, GROUP, [name] {
+            prctl(PR_SET_NAME, "a) S 1 (b");  // looks like the status of another process
+            const Peer own(PipePath(name));
+            own.Send(Packet(2, 7, "hello"));
+            return own.Error() == 0 && own.Hear() == (name == "own" ? Packet(3, 7, "yes") : "") ? 0
+                                                                                                : 1;
+        });
+        EXPECT_EQ(peer.ExitCode(), 0) << name;
     }
-    EXPECT_EQ(recorder_.At(0).request.peerUid, 1000U);
-    EXPECT_EQ(recorder_.At(0).request.peerGid, GROUP);
-    EXPECT_EQ(recorder_.At(1).body, "END");
-    root.Send(Packet(2, 8, "still there"));
-    EXPECT_EQ(root.Receive(), Packet(3, 8, "yes"));
-    EXPECT_EQ(recorder_.Count(), 3U) << "who was not let in is not told of";
-    kill(other, SIGKILL);
-    EXPECT_EQ(waitpid(other, nullptr, 0), other);
+    EXPECT_EQ(At(0).request.peerUid, 1000U);
+    EXPECT_EQ(At(0).request.peerGid, GROUP);
+    EXPECT_EQ(At(1).body, "END");
+    root.Ask(8, "still there");
+    EXPECT_EQ(root.Hear(), Packet(3, 8, "yes"));
+    EXPECT_THAT(Bodies(3), ElementsAre("hello", "END", "still there"))
+        << "no call for a peer that was refused";
     CloseAll();
 }
 
-void FloodUntil(const std::atomic<bool>& isOver) {
-    while (!isOver) {
-        const RawPeer peer(ServerPath("flooded"));
-        for (int i = 0; i < 10; ++i) {
-            peer.TrySend(Packet(1, 0, "x"));
-        }
-    }
-}
-
 TEST_F(MuxaTest, ClosingWinsAgainstAFlood) {
-    const int32_t server = Keep(MuxaCreateServer(
-        {"flooded",
-         [](int32_t, const MuxaRequest*, const std::string&) { std::this_thread::sleep_for(5ms); }},
-        64, 0));
-    std::atomic<bool> isOver = false;
-    std::vector<std::thread> floods;
+    std::atomic<int> calls = 0;
+    const auto work = [&calls](int32_t, const MuxaRequest*, const std::string&) {
+        ++calls;
+        std::this_thread::sleep_for(5ms);
+    };
+    const int32_t server = Keep(MuxaCreateServer({"flooded", work}, 64, 0));
+    std::vector<std::jthread> floods;
     for (int i = 0; i < 4; ++i) {
-        floods.emplace_back([&isOver] { FloodUntil(isOver); });
+        floods.emplace_back([](const std::stop_token& isOver) {
+            while (!isOver.stop_requested()) {
+                const Peer peer(ServerPath("flooded"));
+                for (int j = 0; j < 10; ++j) {
+                    peer.Send(Packet(1, 0, "x"));
+                }
+            }
+        });
     }
-    std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(MuxaClosePipe(server), -EBUSY) << "the flood is no flood";
+    EXPECT_TRUE(WaitUntil([&calls] { return calls >= 40; }));
     const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(Close(server), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
-    isOver = true;
-    for (std::thread& flood : floods) {
-        flood.join();
-    }
 }
 
 TEST_F(MuxaTest, OneUserOrOnePeerTakesOnlySoMuchOfAServer) {
     OpenServer("shared", 100);
-    std::deque<RawPeer> silent;
-    RunAs(1000, 1000, {}, [&] {
+    std::vector<Peer> silent;
+    RunAsUser([&] {
         for (int i = 0; i < 32; ++i) {
             silent.emplace_back(ServerPath("shared"));
         }
-        EXPECT_EQ(RawPeer(ServerPath("shared")).Receive(), "");
+        EXPECT_EQ(Peer(ServerPath("shared")).Hear(), "");
     });
     const auto before = std::chrono::steady_clock::now();
-    RawPeer peer(ServerPath("shared"));
+    const Peer peer(ServerPath("shared"));
     std::this_thread::sleep_for(2s);
-    peer.Send(Packet(2, 1, "ask"));
-    const int32_t fd = recorder_.At(0).fd;
-    // What the kernel holds, and 16 behind it.
+    peer.Ask(1, "ask");
+    const int32_t fd = At(0).fd;
+    // The socket holds some answers, and the queue 16 more.
     int answers = 0;
     while (answers < 100 && Respond(fd, 1, LARGE) == 0) {
         ++answers;
     }
     EXPECT_LT(answers, 30);
     EXPECT_EQ(Respond(fd, 1, LARGE), -EAGAIN);
-    EXPECT_EQ(silent.back().Receive(), "");
+    EXPECT_EQ(silent.back().Hear(), "");
     EXPECT_GE(std::chrono::steady_clock::now() - before, 4s);
-    EXPECT_EQ(recorder_.At(32).body, "END") << "the end of a silent peer is told";
+    EXPECT_EQ(At(32).body, "END") << "the end of a silent peer is reported";
     for (int i = 0; i < answers; ++i) {
-        ASSERT_TRUE(peer.Receive() == Packet(3, 1, LARGE)) << "who has asked later stays longer";
+        ASSERT_TRUE(peer.Hear() == Packet(3, 1, LARGE)) << "a later request keeps a peer longer";
     }
-    EXPECT_EQ(peer.Receive(), "");
+    EXPECT_EQ(peer.Hear(), "");
 }
 
 TEST_F(MuxaTest, CloseIsBusyWhileTheCallbackRunsAndFinalAfterwards) {
@@ -482,45 +405,43 @@ TEST_F(MuxaTest, CloseIsBusyWhileTheCallbackRunsAndFinalAfterwards) {
             release.get_future().wait();
         }
     });
-    RawPeer peer(PipePath("busy"));
-    peer.Send(Packet(1, 0, "one"));
-    peer.Send(Packet(1, 0, "two"));
+    const Peer peer(PipePath("busy"));
+    peer.Say("one");
+    peer.Say("two");
     EXPECT_EQ(closedInside.get_future().get(), -EBUSY);
     EXPECT_EQ(MuxaClosePipe(fd), -EBUSY);
     release.set_value();
     EXPECT_EQ(Close(fd), 0);
-    const int atClose = calls;
-    EXPECT_EQ(peer.Receive(), "");
-    EXPECT_EQ(RawPeer(PipePath("busy")).Error(), ENOENT);
-    EXPECT_EQ(calls, atClose) << "no callback comes after the close";
+    EXPECT_EQ(peer.Hear(), "");
+    EXPECT_EQ(Peer(PipePath("busy")).Error(), ENOENT);
+    EXPECT_EQ(calls, 1) << "no callback after the first attempt to close";
 }
 
 TEST_F(MuxaTest, CallsWaitForTheResponseOfTheirSequence) {
     const int32_t fd = OpenPipe("rpc");
     MuxaResponse response;
     EXPECT_EQ(Send(fd, "nobody hears this", &response, 1), -ETIMEDOUT);
-    RawPeer peer(PipePath("rpc"));
-    peer.Send(Packet(1, 0, "here"));
-    EXPECT_EQ(recorder_.At(0).body, "here");
+    Peer peer(PipePath("rpc"));
+    peer.Say("here");
+    EXPECT_EQ(At(0).body, "here");
     EXPECT_EQ(Send(fd, "ignored", &response, 1), -ETIMEDOUT);
-    const std::string ignored = peer.Receive();
+    const std::string ignored = peer.Hear();
     EXPECT_EQ(ignored.substr(16), "ignored") << "a call that timed out in the queue is withdrawn";
 
-    auto answered =
-        std::async(std::launch::async, [&] { return Send(fd, "ask", &response, 20000); });
-    const std::string question = peer.Receive();
+    const auto ask = [&] { return Send(fd, "ask", &response, 20000); };
+    auto answered = std::async(std::launch::async, ask);
+    const std::string question = peer.Hear();
     EXPECT_EQ(question, Packet(2, 0, "").substr(0, 8) + question.substr(8, 8) + "ask");
     EXPECT_NE(question.substr(8, 8), ignored.substr(8, 8));
     peer.Send(Answer(ignored, "too late"));
-    peer.Send(Packet(1, 0, "between"));
+    peer.Say("between");
     peer.Send(Answer(question, "answer"));
     EXPECT_EQ(answered.get(), 0);
     EXPECT_EQ(std::string(response.data.begin(), response.data.end()), "answer");
-    EXPECT_EQ(recorder_.At(1).body, "between");
+    EXPECT_EQ(At(1).body, "between");
 
-    auto orphaned =
-        std::async(std::launch::async, [&] { return Send(fd, "ask", &response, 20000); });
-    EXPECT_EQ(peer.Receive().substr(16), "ask");
+    auto orphaned = std::async(std::launch::async, ask);
+    EXPECT_EQ(peer.Hear().substr(16), "ask");
     peer.Close();
     EXPECT_EQ(orphaned.get(), -EPIPE);
 }
@@ -530,7 +451,7 @@ TEST_F(MuxaTest, BlockedCallbacksHoldUpOnlyTheirOwnPipe) {
     std::atomic<int> calls = 0;
     std::latch allIn(BLOCKED);
     std::latch released(1);
-    std::deque<RawPeer> peers;
+    std::vector<Peer> peers;
     for (int i = 0; i < BLOCKED; ++i) {
         const std::string name = "blocked" + std::to_string(i);
         OpenPipe(name, [&](int32_t, const MuxaRequest*, const std::string&) {
@@ -540,58 +461,59 @@ TEST_F(MuxaTest, BlockedCallbacksHoldUpOnlyTheirOwnPipe) {
             released.wait();
         });
         peers.emplace_back(PipePath(name));
-        peers.back().Send(Packet(1, 0, "one"));
-        peers.back().Send(Packet(1, 0, "two"));
+        peers.back().Say("one");
+        peers.back().Say("two");
     }
     allIn.wait();
     OpenPipe("free");
-    RawPeer peer(PipePath("free"));
-    peer.Send(Packet(1, 0, "served"));
-    EXPECT_EQ(recorder_.At(0).body, "served");
-    EXPECT_EQ(calls, BLOCKED) << "a second request waits for the first one's callback";
+    const Peer peer(PipePath("free"));
+    peer.Say("served");
+    EXPECT_EQ(At(0).body, "served");
+    EXPECT_EQ(calls, BLOCKED) << "a second request waits for the callback of the first";
     released.count_down();
     CloseAll();
 }
 
-TEST_F(MuxaTest, ServerTellsItsPeersApart) {
+TEST_F(MuxaTest, AServerHasOneDescriptorForEachPeer) {
     const int32_t server = OpenServer("many", 2);
-    RawPeer first(ServerPath("many"));
-    first.Send(Packet(1, 0, "first"));
-    const int32_t firstFd = recorder_.At(0).fd;
-    RawPeer second(ServerPath("many"));
-    second.Send(Packet(2, 5, "second"));
-    const int32_t secondFd = recorder_.At(1).fd;
+    Peer first(ServerPath("many"));
+    first.Say("first");
+    const int32_t firstFd = At(0).fd;
+    const Peer second(ServerPath("many"));
+    second.Ask(5, "second");
+    const int32_t secondFd = At(1).fd;
     EXPECT_EQ(Respond(secondFd, 5, "ok"), 0);
     EXPECT_EQ(Send(firstFd, "to the first"), 0);
     EXPECT_EQ(Send(server, "to whom?"), -EBADF);
-    EXPECT_EQ(second.Receive(), Packet(3, 5, "ok"));
-    EXPECT_EQ(first.Receive(), Packet(1, 0, "to the first"));
+    EXPECT_EQ(second.Hear(), Packet(3, 5, "ok"));
+    EXPECT_EQ(first.Hear(), Packet(1, 0, "to the first"));
 
-    // The third has to wait for a place, whoever it is.
-    std::unique_ptr<RawPeer> third;
-    RunAs(1000, 1000, {}, [&] { third = std::make_unique<RawPeer>(ServerPath("many")); });
-    third->Send(Packet(1, 0, "third"));
+    // A third peer has to wait for a place.
+    Peer third;
+    RunAsUser([&] { third = Peer(ServerPath("many")); });
+    third.Say("third");
     first.Close();
-    EXPECT_EQ(recorder_.At(2).body, "END");
-    EXPECT_EQ(recorder_.At(2).fd, firstFd);
-    EXPECT_EQ(recorder_.At(3).body, "third");
+    EXPECT_EQ(At(2).body, "END");
+    EXPECT_EQ(At(2).fd, firstFd);
+    EXPECT_EQ(At(3).body, "third");
     EXPECT_EQ(Send(firstFd, "gone"), -EBADF);
-    // Sent away by the server: no end is told, and the others stay.
-    EXPECT_EQ(CloseWhenIdle(recorder_.At(3).fd), 0);
-    EXPECT_EQ(third->Receive(), "");
+    // The server closes one connection: no end is reported, and the others stay.
+    EXPECT_EQ(CloseWhenIdle(At(3).fd), 0);
+    EXPECT_EQ(third.Hear(), "");
     EXPECT_EQ(Send(secondFd, "still there"), 0);
     EXPECT_EQ(Close(server), 0);
-    EXPECT_EQ(second.Receive(), Packet(1, 0, "still there"));
-    EXPECT_EQ(second.Receive(), "");
-    EXPECT_EQ(recorder_.Count(), 4U);
+    EXPECT_EQ(second.Hear(), Packet(1, 0, "still there"));
+    EXPECT_EQ(second.Hear(), "");
+    EXPECT_EQ(Bodies(0).size(), 4U);
 }
 
 TEST_F(MuxaTest, WorkersTakeNoSignalsAndDescriptorsAreCloseOnExec) {
     OpenPipe("hygiene");
-    RawPeer peer(PipePath("hygiene"));
-    peer.Send(Packet(1, 0, "hello"));
-    EXPECT_EQ(recorder_.At(0).body, "hello");
-    // Blocked in this thread it is pending, unless a worker takes it and the process dies.
+    const Peer peer(PipePath("hygiene"));
+    peer.Say("hello");
+    EXPECT_EQ(At(0).body, "hello");
+    // Blocked in this thread, the signal stays pending unless a worker takes it and the process
+    // ends.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);

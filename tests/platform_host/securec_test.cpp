@@ -1,3 +1,4 @@
+// The bounds-checked memory functions: results, and what is left of the destination.
 #include "platform/securec.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +8,7 @@
 
 namespace {
 
-// A destination of 4 bytes with a guard behind it.
+// A destination of 4 bytes, followed by 4 guard bytes that no call may change.
 struct Guarded {
     char bytes[4] = {'d', 'd', 'd', 'd'};
     char guard[4] = {'g', 'g', 'g', 'g'};
@@ -15,7 +16,7 @@ struct Guarded {
     std::string All() const { return std::string(bytes, 4) + std::string(guard, 4); }
 };
 
-TEST(SecurecTest, NothingIsWrittenBehindTheDestination) {
+TEST(SecurecTest, NothingIsWrittenPastTheDestination) {
     Guarded to;
     EXPECT_EQ(memcpy_s(to.bytes, 4, "wxyz", 4), 0);
     EXPECT_NE(memcpy_s(to.bytes, SIZE_MAX, "abc", 3), 0);
@@ -31,12 +32,12 @@ TEST(SecurecTest, NothingIsWrittenBehindTheDestination) {
 }
 
 TEST(SecurecTest, StrncpyEndsWithNulOrIsEmpty) {
-    const char open[3] = {'a', 'b', 'c'};  // without a NUL, so not to be read past what is asked
+    const char open[3] = {'a', 'b', 'c'};  // without a NUL: no further character may be read
     const struct {
         size_t size;
         const char* source;
         size_t count;
-        std::string result;  // of the 4 bytes; "d" is untouched
+        std::string result;  // the 4 bytes; "d" is a byte that was not written
     } cases[] = {
         {4, open, 3, std::string("abc\0", 4)},    {4, "abcdef", 3, std::string("abc\0", 4)},
         {4, "abcd", 4, std::string("\0ddd", 4)},  {2, "ab", 2, std::string("\0ddd", 4)},

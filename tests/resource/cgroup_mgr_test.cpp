@@ -1,9 +1,9 @@
+// CgroupMgr on files in the place of the control groups and of the host resource file.
 #include "resource/cgroup_mgr.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -16,6 +16,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using Fakes::LogCapture;
+using Tests::ReadFile;
+using Tests::WriteFile;
 using Texts = std::vector<std::string>;
 
 const std::string CFG = "/usr/bin/vela/env.cfg";
@@ -23,13 +25,8 @@ const std::string ROOT = "/sys/fs/cgroup/";
 const std::string CPU = ROOT + "cpu/";
 const std::string QUOTA = "/cpu.cfs_quota_us";
 const std::string PERIOD = "/cpu.cfs_period_us";
-const std::string QUOTA_BEFORE = "18446744073709551615\n";     // longer than what is written
+const std::string QUOTA_BEFORE = "18446744073709551615\n";     // longer than every quota
 const std::string HUNDRED = std::to_string(CPU_NUM * 100000);  // percent of every core
-
-void WriteFile(const std::string& path, const std::string& contents) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path) << contents;
-}
 
 void MakeGroup(const std::string& group, const std::string& period = "100000\n") {
     WriteFile(CPU + group + PERIOD, period);
@@ -40,8 +37,7 @@ std::string Quota(const std::string& group) {
     return ReadFile(CPU + group + QUOTA);
 }
 
-// What was logged since the last call, each line as its level and its text behind the common
-// beginning.
+// The lines since the last call, each as its level and its text without the common beginning.
 Texts Log() {
     const std::string begin = "PROCMGR: CgroupMgr ";
     Texts texts;
@@ -53,8 +49,8 @@ Texts Log() {
     return texts;
 }
 
-// `switches`: of the host's CPU set, of block devices, of buffered writes, and whether the file is
-// good.
+// The summary of a read file. `switches` has a digit each for hostCpuSwitch, BlkIoSwitch,
+// BufferIoSwitch and isCfgOk.
 Texts Summary(const std::string& switches, const Texts& policies = {}) {
     Texts texts{"6 CPU_NUM=" + std::to_string(CPU_NUM) + ", hostCpuSwitch=" + switches[0] +
                 ", BlkIoSwitch=" + switches[1] + ", BufferIoSwitch=" + switches[2] +
@@ -77,7 +73,7 @@ std::string Begin(const std::string& rest) {
     return "6 UpdateCgroup begin, groupName=" + rest;
 }
 
-// A set of one group in a line of this length.
+// A line of this length with a set of one group.
 std::string LongLine(size_t length) {
     return "L=g:" + std::string(length - 5, '0') + "7";
 }
@@ -98,12 +94,11 @@ protected:
     }
 };
 
-TEST_F(CgroupMgrTest, LinesThatAreTaken) {
+TEST_F(CgroupMgrTest, ReadsSetsAndSkipsLinesThatAreNotWellFormed) {
     const std::pair<std::string, Texts> cases[] = {
         {"", {}},
         {"S=ctrl:40;user:20", {"S=ctrl:40;user:20;"}},
-        {"S=\"ctrl:40;user:20\"\n", {"S=ctrl:40;user:20;"}},
-        {"S='ctrl:40;user:20'\n", {"S=ctrl:40;user:20;"}},
+        {"S=\"ctrl:40;user:20\"\nT='a:1'\n", {"S=ctrl:40;user:20;", "T=a:1;"}},
         {"S=\"'a:1'\"\nT=\"a:1'\n", {"S='a:1;", "T=\"a:1;"}},
         {"S=\"\nS=''\nS=40\nS=:40\n", {}},
         {"b=z:1;A:2;_:3\nB/b=x:2\na=x:3\n", {"B/b=x:2;", "a=x:3;", "b=A:2;_:3;z:1;"}},
@@ -115,7 +110,6 @@ TEST_F(CgroupMgrTest, LinesThatAreTaken) {
         {"\n=a:1\nS=\nSa:1\n=\n\x7f\x02=\xff\xfe:1\nT=a:7\n", {"T=a:7;"}},
         {LongLine(511) + "\nT=a:7\n", {"L=g:7;", "T=a:7;"}},
         {"T=a:7\n#" + LongLine(511) + "\nU=a:8\n", {"T=a:7;"}},
-        {"T=a:7\n#" + LongLine(5000) + "\nU=a:8\n", {"T=a:7;"}},
     };
     for (const auto& [contents, policies] : cases) {
         CgroupMgr mgr;
@@ -126,15 +120,12 @@ TEST_F(CgroupMgrTest, LinesThatAreTaken) {
 
 TEST_F(CgroupMgrTest, ARejectedValueEndsTheReading) {
     const std::string cases[][3] = {
-        // the value, what is wrong with it, what is stored of it
+        // the value, the rest of the error line, the stored groups
         {"ctrl:40;", "(ctrl) or value() is empty", "ctrl:40;"},
-        {"ctrl:40;;user:1", "(ctrl) or value() is empty", "ctrl:40;"},
         {"\"ctrl:40;user:\"", "(user) or value() is empty", "ctrl:40;"},
         {":40;a:1", "() or value(40) is empty", ""},
-        {";", "() or value() is empty", ""},
         {"a:1;b:x;c:1", "=b, value=x", "a:1;b:0;"},
         {"a:2147483648", "=a, value=2147483648", "a:0;"},
-        {"a:99999999999999999999", "=a, value=99999999999999999999", "a:0;"},
     };
     MakeGroup("a");
     for (const auto& [value, error, stored] : cases) {
@@ -145,7 +136,7 @@ TEST_F(CgroupMgrTest, ARejectedValueEndsTheReading) {
         expected.insert(expected.begin(), "3 cgroup set(S) config invalid, groupName" + error);
         EXPECT_EQ(Log(), expected);
 
-        // What was stored before can still be set, but not through the guarded operations.
+        // Only UpdateCpuSet still sets the limits that were read before.
         EXPECT_EQ(mgr.UpdateCgroup(Policy("A", 0, 0)), CGROUP_FAILED);
         mgr.DisableCgroupCpu();
         EXPECT_EQ(Log(), Texts{Begin("A, type=0, isEnable=0, isCfgOk_=0")});
@@ -161,15 +152,10 @@ TEST_F(CgroupMgrTest, FilesThatCannotBeRead) {
     mgr.ReadCfg();
     EXPECT_EQ(Log(), Texts{"3 ReadCfg, access " + CFG + " fail, errno=2"});
     EXPECT_EQ(mgr.UpdateCgroup(Policy("S", 0, 1)), CGROUP_FAILED);
-    mgr.DisableCgroupCpu();
     mgr.EnableDefaultCpuSet();
     EXPECT_EQ(Log(),
               (Texts{Begin("S, type=0, isEnable=1, isCfgOk_=0"), "6 EnableDefaultCgroupCpu"}));
     EXPECT_EQ(mgr.GetTaskPaths({"n", 1, "", "", "io", {}}), Texts{});
-    fs::create_symlink(CFG, CFG);
-    CgroupMgr().ReadCfg();
-    EXPECT_EQ(Log(), Texts{"3 ReadCfg, access " + CFG + " fail, errno=40"});
-    fs::remove(CFG);
     fs::create_directories(CFG);
     CgroupMgr().ReadCfg();
     EXPECT_EQ(Log(), Summary("1111"));
@@ -178,7 +164,7 @@ TEST_F(CgroupMgrTest, FilesThatCannotBeRead) {
 TEST_F(CgroupMgrTest, HostCpuSwitch) {
     const std::pair<std::string, bool> cases[] = {
         {"0", false},   {"\"0\"", false}, {"'0'", false},
-        {"\"0'", true}, {"00", true},     {"off", true},
+        {"00", true},   {"off", true},    {"\"0'", true},
         {"\"\"", true}, {"'", true},      {"0\nHOST_CPU_SWITCH=1", true}};
     for (const auto& [value, isOn] : cases) {
         CgroupMgr mgr;
@@ -196,7 +182,7 @@ TEST_F(CgroupMgrTest, ComputedQuota) {
     struct Case {
         std::string period;
         int32_t percentage;
-        uint32_t perCore;  // 0: the least quota, whatever there is of hardware threads
+        uint32_t perCore;  // 0: the least quota
     };
     const Case cases[] = {
         {"100000\n", 40, 40000}, {"100000\n", 0, 0},          {"50999\n", 3, 1529},
@@ -229,7 +215,7 @@ TEST_F(CgroupMgrTest, UpdateCgroup) {
     EXPECT_EQ(mgr.UpdateCgroup(Policy("U", 1, 1)), CGROUP_FAILED);
     EXPECT_EQ(Log(), (Texts{Begin("U, type=1, isEnable=1, isCfgOk_=1"),
                             "3 UpdateCgroup name=U policy not found"}));
-    // It is made by this, and known from then on.
+    // UpdateCpuSet adds the set to the table.
     EXPECT_EQ(mgr.UpdateCpuSet(Policy("U", 0, 1)), CGROUP_OK);
     EXPECT_EQ(mgr.UpdateCgroup(Policy("U", 0, 1)), CGROUP_OK);
     LogCapture::Clear();
@@ -283,7 +269,6 @@ TEST_F(CgroupMgrTest, AddToCgroups) {
          {"cpuset/s", "cpu/c", "devices/d", "pids/p/q", "blkio/b", "memory/b_MEMORY"}},
         {{"n", 1, "c", "../s", "..", {{"..", "p"}, {"pids", "p/../q"}, {"x", "a..b"}}},
          {"cpu/c", "../p"}},
-        {{"n", 1, "/c", "/", ".", {}}, {"cpuset//", "cpu//c", "blkio/.", "memory/._MEMORY"}},
     };
     for (const auto& [task, groups] : cases) {
         std::string error = "before;";
@@ -295,7 +280,7 @@ TEST_F(CgroupMgrTest, AddToCgroups) {
         EXPECT_EQ(error, expected);
     }
 
-    // Those that are there are joined, whatever is missing before or between them.
+    // Missing groups do not keep the task out of the others.
     WriteFile(ROOT + "cpu/c/tasks", "7\n");
     WriteFile(ROOT + "memory/b_MEMORY/tasks", "");
     std::string error;
@@ -307,26 +292,29 @@ TEST_F(CgroupMgrTest, AddToCgroups) {
 }
 
 TEST_F(CgroupMgrTest, BlkIoSwitches) {
-    const Texts both{ROOT + "blkio/b/tasks", ROOT + "memory/b_MEMORY/tasks"};
-    const auto paths = [](const CgroupMgr& mgr) {
-        return mgr.GetTaskPaths({"n", 1, "", "", "b", {}});
+    struct Case {
+        bool hasBlkIo;
+        std::string commandLine;
+        std::string switches;
+        Texts groups;
     };
-    EXPECT_EQ(paths(CgroupMgr()), Texts{});
-    CgroupMgr without;
-    BindFile("cgroup1_writeback", "/proc/cmdline");
-    Read(without, "");
-    EXPECT_EQ(Log(), Summary("1001"));
-    EXPECT_EQ(paths(without), Texts{});
-    fs::create_directories(ROOT + "blkio");
-    CgroupMgr paired;
-    Read(paired, "");
-    EXPECT_EQ(Log(), Summary("1111"));
-    EXPECT_EQ(paths(paired), both);
-    CgroupMgr single;
-    BindFile("cgroup1_writebac\nk\n", "/proc/cmdline");
-    Read(single, "");
-    EXPECT_EQ(Log(), Summary("1101"));
-    EXPECT_EQ(paths(single), Texts{both[0]});
+    const Case cases[] = {{false, "cgroup1_writeback", "1001", {}},
+                          {true, "cgroup1_writeback", "1111", {"blkio/b", "memory/b_MEMORY"}},
+                          {true, "cgroup1_writebac\nk\n", "1101", {"blkio/b"}}};
+    for (const auto& [hasBlkIo, commandLine, switches, groups] : cases) {
+        if (hasBlkIo) {
+            fs::create_directories(ROOT + "blkio");
+        }
+        BindFile(commandLine, "/proc/cmdline");
+        CgroupMgr mgr;
+        Read(mgr, "");
+        EXPECT_EQ(Log(), Summary(switches));
+        Texts paths;
+        for (const std::string& group : groups) {
+            paths.push_back(ROOT + group + "/tasks");
+        }
+        EXPECT_EQ(mgr.GetTaskPaths({"n", 1, "", "", "b", {}}), paths) << commandLine;
+    }
 }
 
 }  // namespace

@@ -1,192 +1,66 @@
+// Delayed binding and its races with wake-ups, on real processes and threads; and WakeUpWatch.
 #include "resource/delay_core_affinity.h"
 
-#include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/prctl.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <csignal>
-#include <filesystem>
-#include <functional>
-#include <future>
-#include <set>
+#include <fstream>
 
 #include "main/common/proc_mgr_env.h"
-#include "resource/bind_count.h"
-#include "resource/core_affinity_mgr.h"
 #include "resource/wake_up_watch.h"
-#include "tests/fakes/log_capture.h"
-#include "tests/support/isolated.h"
+#include "tests/resource/resource_fixture.h"
 
 namespace ProcMgr {
 namespace {
 
 using namespace std::chrono_literals;
 using namespace Message;
-using Fakes::LogCapture;
-using Cores = std::set<uint32_t>;
+using std::to_string;
+using Tests::Child;
+using Tests::WaitUntil;
 
-const std::string CPUSETS = "/sys/fs/cgroup/cpuset/";
 const std::string IGNORED =
     "SetDelayCoreAffinity return directly as has recieved core affinity req before, will not "
     "update config or bind core";
-const Cores BOTH = {0, 1};
-
-Cores CoresOf(pid_t tid) {
-    cpu_set_t set{};
-    EXPECT_EQ(sched_getaffinity(tid, sizeof(set), &set), 0) << tid;
-    Cores cores;
-    for (uint32_t core = 0; core < CPU_SETSIZE; ++core) {
-        if (CPU_ISSET(core, &set)) {
-            cores.insert(core);
-        }
-    }
-    return cores;
-}
-
-void SetCores(pid_t tid, const Cores& cores) {
-    cpu_set_t set{};
-    for (const uint32_t core : cores) {
-        CPU_SET(core, &set);
-    }
-    EXPECT_EQ(sched_setaffinity(tid, sizeof(set), &set), 0) << tid;
-}
 
 std::string Wakeup(uint32_t interval, int checkNum, int wakeUp) {
-    return "CheckCoreAffinityThread wakeup,checkInterval=" + std::to_string(interval) +
-           ",checkNum=" + std::to_string(checkNum) + ",isWakeUpEnable=" + std::to_string(wakeUp);
+    return "CheckCoreAffinityThread wakeup,checkInterval=" + to_string(interval) +
+           ",checkNum=" + to_string(checkNum) + ",isWakeUpEnable=" + to_string(wakeUp);
 }
 
 std::string Finish(int count, uint32_t interval, int isOk, int wakeUp) {
-    return "CheckCoreAffinityThread finish check " + std::to_string(count) +
-           " times,check interval " + std::to_string(interval) +
-           " ms,coreAffinityOk=" + std::to_string(isOk) +
-           ", isWakeUpEnable=" + std::to_string(wakeUp);
+    return "CheckCoreAffinityThread finish check " + to_string(count) + " times,check interval " +
+           to_string(interval) + " ms,coreAffinityOk=" + to_string(isOk) +
+           ", isWakeUpEnable=" + to_string(wakeUp);
 }
 
-// A process that does nothing, on both cores.
-class Child {
-public:
-    Child() : pid_(fork()) {
-        if (pid_ == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            for (;;) {
-                pause();
-            }
-        }
-        SetCores(pid_, BOTH);
-    }
-    ~Child() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    pid_t Pid() const { return pid_; }
-
-private:
-    const pid_t pid_;
-};
-
-// Threads of this process that take both cores, whatever their maker was pinned to.
-class Threads {
-public:
-    ~Threads() {
-        end_.set_value();
-        for (std::thread& thread : threads_) {
-            thread.join();
-        }
-    }
-    // Returns when the thread has done so.
-    void Make() {
-        std::promise<pid_t> ready;
-        auto tid = ready.get_future();
-        threads_.emplace_back([&ready, end = ended_] {
-            SetCores(0, BOTH);
-            ready.set_value(gettid());
-            end.wait();
-        });
-        tids_.push_back(tid.get());
-    }
-    const std::vector<pid_t>& Tids() const { return tids_; }
-
-private:
-    std::promise<void> end_;
-    std::shared_future<void> ended_ = end_.get_future().share();
-    std::vector<std::thread> threads_;
-    std::vector<pid_t> tids_;
-};
-
-// What is set here is set before the first bind.
-class FakeApps : public ManagedApps {
-public:
-    std::vector<ManagedApp> GetManagedApps(ManagedFilter filter) override {
-        if (filter == ManagedFilter::DELAYED) {
-            onPass(++passes);
-        }
-        std::vector<ManagedApp> found = apps;
-        std::erase_if(found, [&](const ManagedApp& app) {
-            return filter == ManagedFilter::DELAYED && !app.isDelayed;
-        });
-        return found;
-    }
-    bool IsPresent(const ManagedApp& app) override { return app.name != "gone"; }
-    void NoteTids(const ManagedApp& /*app*/, const std::set<int32_t>& /*tids*/) override {}
-    std::optional<std::string> GetNameOf(int32_t /*pid*/) override { return std::nullopt; }
-    bool HasProcess(const std::string& /*name*/) override { return false; }
-    bool IsKnown(const std::string& /*name*/) override { return false; }
-
-    void Add(const std::string& name, pid_t pid, std::vector<uint32_t> cores,
-             bool isDelayed = true) {
-        apps.push_back({name, pid, {}, std::move(cores), "slow", "", "", isDelayed});
-    }
-
-    std::vector<ManagedApp> apps;
-    std::function<void(int pass)> onPass = [](int) {};  // the bind is the first
-    std::atomic<int> passes{0};
-};
-
-class DelayCoreAffinityTest : public testing::Test {
+// With a cpuset "CtrlCPU" of both cores and a cpuset "slow" of core 1, in which the applications
+// are.
+class DelayCoreAffinityTest : public ResourceTest {
 protected:
-    void SetUp() override { LogCapture::Clear(); }
+    void SetUp() override {
+        ResourceTest::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        MakeCpuset("CtrlCPU", "0-1");
+        MakeCpuset("slow", "1");
+        affinity_.LoadCoreLists();
+        ProcMgrEnv::GetInstance().StorePid();
+        LogCapture::Clear();
+    }
+    void TearDown() override {
+        delay_.Stop();
+        ResourceTest::TearDown();
+    }
     uint32_t Bind(int8_t checkNum, uint32_t interval, uint8_t wakeUp = 0) {
         return delay_.SetDelayCoreAffinity({DELAY_BIND, checkNum, wakeUp, 0, interval});
     }
     uint32_t Reset() { return delay_.SetDelayCoreAffinity({.state = DELAY_RESET}); }
+    void Add(const std::string& name, pid_t pid, const std::vector<uint32_t>& cores,
+             bool isDelayed = true) {
+        apps_.apps.push_back({name, pid, {}, cores, "slow", "", "", isDelayed});
+    }
 
     FakeApps apps_;
-    CgroupMgr cgroups_;
-    CoreAffinityMgr affinity_;
-    BindCount& bindCount_ = BindCount::GetInstance();
-    DelayCoreAffinity delay_{cgroups_, affinity_, bindCount_, apps_};
-};
-
-// With the control groups of a device that has ordinary software on both cores.
-class PinningTest : public DelayCoreAffinityTest {
-protected:
-    void SetUp() override {
-        const Cores cores = CoresOf(0);
-        if (!std::includes(cores.begin(), cores.end(), BOTH.begin(), BOTH.end())) {
-            GTEST_SKIP() << "needs the cores 0 and 1";
-        }
-        if (!EnterPrivateMountNamespace()) {
-            GTEST_SKIP() << "no private mount namespace here";
-        }
-        MountTmpfs("/sys/fs/cgroup");
-        for (const auto& [group, list] :
-             {std::pair("CtrlCPU", "0-1\n"), std::pair("slow", "1\n")}) {
-            std::filesystem::create_directories(CPUSETS + group);
-            std::ofstream(CPUSETS + group + "/cpuset.cpus") << list;
-        }
-        affinity_.LoadCoreLists();
-        ProcMgrEnv::GetInstance().StorePid();
-        DelayCoreAffinityTest::SetUp();
-    }
-    void TearDown() override {
-        delay_.Stop();
-        SetCores(0, BOTH);
-    }
+    DelayCoreAffinity delay_{cgroups_, affinity_, BindCount::GetInstance(), apps_};
 };
 
 TEST_F(DelayCoreAffinityTest, StatesWhileBoundAndAfterTheEnd) {
@@ -211,12 +85,12 @@ TEST_F(DelayCoreAffinityTest, StatesWhileBoundAndAfterTheEnd) {
 
     const auto begin = std::chrono::steady_clock::now();
     delay_.Stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s) << "the interval is not waited for";
     EXPECT_TRUE(LogCapture::Contains(LOG_INFO, "PROCMGR: CheckCoreAffinityThread exit now."));
     EXPECT_FALSE(LogCapture::Contains(LOG_INFO, Wakeup(200, 7, 0)));
 }
 
-TEST_F(DelayCoreAffinityTest, WhatCannotBeUsedIsReplaced) {
+TEST_F(DelayCoreAffinityTest, ValuesOutOfRangeAreReplaced) {
     struct Case {
         uint32_t interval;
         int8_t checkNum;
@@ -224,24 +98,24 @@ TEST_F(DelayCoreAffinityTest, WhatCannotBeUsedIsReplaced) {
         int usedCheckNum;
     };
     const Case cases[] = {
-        {50, 101, 1000, 3},  {99, -1, 1000, -1}, {100, 100, 100, 100},     {60000, -2, 60000, 3},
-        {60001, 1, 1000, 1}, {0, -128, 1000, 3}, {UINT32_MAX, 0, 1000, 0},
+        {50, 101, 1000, 3},    {99, -1, 1000, -1},  {100, 100, 100, 100},
+        {60000, -2, 60000, 3}, {60001, 1, 1000, 1}, {UINT32_MAX, 0, 1000, 0},
     };
     for (const auto& [interval, checkNum, usedInterval, usedCheckNum] : cases) {
         LogCapture::Clear();
-        DelayCoreAffinity delay(cgroups_, affinity_, bindCount_, apps_);
+        DelayCoreAffinity delay(cgroups_, affinity_, BindCount::GetInstance(), apps_);
         EXPECT_EQ(delay.SetDelayCoreAffinity({DELAY_BIND, checkNum, 1, 0, interval}), 0U);
         EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Wakeup(usedInterval, usedCheckNum, 1)));
         if (checkNum == 0) {
             EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Finish(0, usedInterval, 0, 1)));
         }
         delay.Stop();
-        EXPECT_EQ(LogCapture::Contains(
-                      LOG_ERR, "SetDelayCoreAffinity checkInterval=" + std::to_string(interval) +
-                                   " not valid,use default value 1000"),
+        EXPECT_EQ(LogCapture::Contains(LOG_ERR,
+                                       "SetDelayCoreAffinity checkInterval=" + to_string(interval) +
+                                           " not valid,use default value 1000"),
                   interval != usedInterval);
         EXPECT_EQ(LogCapture::Contains(
-                      LOG_ERR, "SetDelayCoreAffinity config checkNum=" + std::to_string(checkNum) +
+                      LOG_ERR, "SetDelayCoreAffinity config checkNum=" + to_string(checkNum) +
                                    " not valid,use default value 3"),
                   checkNum != usedCheckNum);
     }
@@ -262,31 +136,31 @@ TEST_F(DelayCoreAffinityTest, OfManyBindsAtATimeOneIsAccepted) {
     EXPECT_EQ(LogCapture::Count(LOG_INFO, Wakeup(60000, -1, 0)), 1U);
 }
 
-TEST_F(PinningTest, ThreadsMadeMeanwhileArePinnedAndStayPinned) {
-    Threads threads;
-    threads.Make();
-    const pid_t early = threads.Tids()[0];
-    apps_.Add("self", getpid(), {0});
-    apps_.onPass = [&threads](int) { threads.Make(); };
+TEST_F(DelayCoreAffinityTest, ThreadsCreatedDuringThePassesArePinnedAndStayPinned) {
+    std::vector<std::unique_ptr<IdleThread>> threads;
+    threads.push_back(std::make_unique<IdleThread>());
+    const int32_t early = threads[0]->Tid();
+    Add("self", getpid(), {0});
+    apps_.onPass = [&threads](int) { threads.push_back(std::make_unique<IdleThread>()); };
     EXPECT_EQ(Bind(-1, 100), 0U);
     EXPECT_EQ(CoresOf(early), Cores{0});
-    EXPECT_TRUE(
-        LogCapture::Contains(LOG_INFO, "StoreAndSetCoreAffinity pid:" + std::to_string(getpid()) +
-                                           " tid:" + std::to_string(early)));
-    // The third pass is the first that counts; it pins the last thread that was not.
+    EXPECT_TRUE(LogCapture::Contains(
+        LOG_INFO,
+        "StoreAndSetCoreAffinity pid:" + to_string(getpid()) + " tid:" + to_string(early)));
+    // The bind and the pass before the first re-check leave one thread to the re-check.
     ASSERT_TRUE(LogCapture::WaitFor(LOG_INFO, Finish(1, 100, 1, 0)));
-    EXPECT_EQ(threads.Tids().size(), 4U);
-    // Also those that have it from their maker.
+    EXPECT_EQ(threads.size(), 4U);
+    // The threads of the test framework and of the bind have inherited the pinning.
     std::set<int32_t> tids;
     ASSERT_TRUE(CoreAffinityMgr::GetTids(getpid(), tids));
     EXPECT_GE(tids.size(), 6U);
-    for (const pid_t tid : tids) {
+    for (const int32_t tid : tids) {
         EXPECT_EQ(CoresOf(tid), Cores{0});
         SetCores(tid, BOTH);
     }
 
     delay_.WakeUpRecover();
-    for (const pid_t tid : tids) {
+    for (const int32_t tid : tids) {
         EXPECT_EQ(CoresOf(tid), Cores{0});
     }
     EXPECT_TRUE(LogCapture::Contains(LOG_INFO, "WakeUpRecover wakeUpDelayCoreAffinity=0"));
@@ -295,11 +169,11 @@ TEST_F(PinningTest, ThreadsMadeMeanwhileArePinnedAndStayPinned) {
     EXPECT_TRUE(LogCapture::Contains(LOG_INFO, IGNORED));
 }
 
-TEST_F(PinningTest, AWakeUpMayUndoTheBindAndAllowANewOne) {
+TEST_F(DelayCoreAffinityTest, AWakeUpMayUndoTheBindAndAllowANewOne) {
     const Child delayed;
     const Child plain;
-    apps_.Add("delayed", delayed.Pid(), {0});
-    apps_.Add("plain", plain.Pid(), {0}, false);
+    Add("delayed", delayed.Pid(), {0});
+    Add("plain", plain.Pid(), {0}, false);
     std::string error;
     affinity_.StoreAndSetCoreAffinity(plain.Pid(), plain.Pid(), {0}, error);
     EXPECT_EQ(Bind(1, 100, 1), 0U);
@@ -323,12 +197,12 @@ TEST_F(PinningTest, AWakeUpMayUndoTheBindAndAllowANewOne) {
     EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Wakeup(60000, -1, 0)));
 }
 
-TEST_F(PinningTest, ACheckThatTheWakeUpMeetsDoesNotUndoIt) {
+TEST_F(DelayCoreAffinityTest, APassThatRunsDuringTheWakeUpDoesNotPinAgain) {
     const Child child;
-    apps_.Add("delayed", child.Pid(), {0});
+    Add("delayed", child.Pid(), {0});
     std::promise<void> inCheck;
     std::promise<void> isAwake;
-    // Or the wake-up waits for the check: then this one must not wait for ever.
+    // The pass waits with a limit: the wake-up may have to wait for it.
     apps_.onPass = [&](int pass) {
         if (pass == 2) {
             inCheck.set_value();
@@ -342,30 +216,24 @@ TEST_F(PinningTest, ACheckThatTheWakeUpMeetsDoesNotUndoIt) {
     EXPECT_TRUE(LogCapture::WaitForPart(LOG_INFO, "CheckCoreAffinityThread finish check "));
     EXPECT_EQ(CoresOf(child.Pid()), Cores{1});
 
-    // Nor does its end stand in the way of a new bind.
+    // Its end does not change the state of a new bind.
     EXPECT_EQ(Bind(-1, 60000), 0U);
     EXPECT_EQ(CoresOf(child.Pid()), Cores{0});
     EXPECT_EQ(Reset(), 15794955U);
     delay_.Stop();
 }
 
-TEST_F(PinningTest, ASuspendEndsTheChecksUntilTheWakeUp) {
+TEST_F(DelayCoreAffinityTest, ASuspendEndsTheChecksUntilTheWakeUp) {
     const Child child;
-    apps_.Add("refused", child.Pid(), {1023});
+    Add("refused", child.Pid(), {1023});
     EXPECT_EQ(Bind(-1, 100), 15794956U);
-    for (int i = 0; i < 500 && apps_.passes < 4; ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
-    EXPECT_GE(apps_.passes, 4);
+    ASSERT_TRUE(WaitUntil([this] { return apps_.passes >= 4; }));
     delay_.Suspend();
     ASSERT_TRUE(LogCapture::WaitForPart(LOG_INFO, "CheckCoreAffinityThread finish check "));
     EXPECT_TRUE(LogCapture::Contains(LOG_INFO, "CheckCoreAffinityThread suspend"));
     EXPECT_TRUE(LogCapture::ContainsPart(LOG_INFO, "coreAffinityOk=0, isWakeUpEnable=0"));
-    const int passes = apps_.passes;
-    std::this_thread::sleep_for(250ms);
-    EXPECT_EQ(apps_.passes, passes);
 
-    // A bind does not end the suspend, the wake-up does.
+    // A new bind does not end the suspend, the wake-up does.
     for (const int checks : {0, 2}) {
         EXPECT_EQ(Reset(), 0U);
         LogCapture::Clear();
@@ -375,70 +243,58 @@ TEST_F(PinningTest, ASuspendEndsTheChecksUntilTheWakeUp) {
     }
 }
 
-TEST_F(PinningTest, ARefusalIsReportedAndTheOthersAreBound) {
+TEST_F(DelayCoreAffinityTest, ARefusalIsReportedAndTheOthersAreBound) {
     const Child refused;
     const Child good;
-    apps_.Add("refused", refused.Pid(), {1023});
-    apps_.Add("good", good.Pid(), {1});
-    EXPECT_EQ(Bind(2, 100), 15794956U);
+    const Child plain;
+    const Child stranger;  // has the pid of an application that has ended
+    Add("refused", refused.Pid(), {1023});
+    Add("good", good.Pid(), {1});
+    Add("plain", plain.Pid(), {0}, false);
+    Add("gone", stranger.Pid(), {0});
+    EXPECT_EQ(Bind(2, 100, 1), 15794956U);
     EXPECT_EQ(CoresOf(refused.Pid()), BOTH);
     EXPECT_EQ(CoresOf(good.Pid()), Cores{1});
-    const std::string error =
-        "err=SetCoreAffinity fail pid=" + std::to_string(refused.Pid()) + ", errno=22;";
+    const std::string pid = to_string(refused.Pid());
+    const std::string error = "SetCoreAffinity fail pid=" + pid + ", errno=22;";
     EXPECT_TRUE(
-        LogCapture::ContainsPart(LOG_WARNING, "PROCMGR : BindCoreForDelayApp failed " + error));
-    EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Finish(2, 100, 0, 0)));
-    EXPECT_EQ(LogCapture::Count(LOG_WARNING,
-                                "PROCMGR : CheckMissingTids SetCoreAffinityToOs failed " + error),
-              3U);
-    const std::string pid = std::to_string(refused.Pid());
-    EXPECT_TRUE(
-        LogCapture::Contains(LOG_ERR, "SetCoreAffinityToOs fail, pid:" + pid + ", tid:" + pid +
-                                          ", errStr: " + error.substr(error.find('=') + 1)));
-}
-
-TEST_F(PinningTest, AProcessThatIsGoneOrNotMarkedIsLeftAlone) {
-    const Child stranger;  // has the pid now
-    const Child plain;
-    apps_.Add("gone", stranger.Pid(), {0});
-    apps_.Add("plain", plain.Pid(), {0}, false);
-    for (const ManagedApp& app : apps_.apps) {
-        EXPECT_EQ(delay_.BindCoreForDelayApp(app), 0U);
-        EXPECT_TRUE(delay_.CheckMissingTids(app));
-    }
-    EXPECT_EQ(Bind(1, 100, 1), 0U);
-    EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Finish(1, 100, 1, 1)));
+        LogCapture::ContainsPart(LOG_WARNING, "PROCMGR : BindCoreForDelayApp failed err=" + error));
+    EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Finish(2, 100, 0, 1)));
+    EXPECT_EQ(
+        LogCapture::Count(LOG_WARNING,
+                          "PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err=" + error),
+        3U);
+    EXPECT_TRUE(LogCapture::Contains(
+        LOG_ERR, "SetCoreAffinityToOs fail, pid:" + pid + ", tid:" + pid + ", errStr: " + error));
     EXPECT_EQ(CoresOf(plain.Pid()), BOTH);
     delay_.WakeUpRecover();
     EXPECT_EQ(CoresOf(stranger.Pid()), BOTH);
 }
 
-// The clocks of a time namespace are ahead of the machine's by as much as one likes.
+// Sets the clocks of a time namespace forward. Returns the results of two calls of HasWokenUp in
+// it: 1 for the first, 2 for the second.
 int LookAhead(const std::string& offsets) {
     constexpr int NEW_TIME = 0x80;
-    return RunIsolated([&offsets] {
+    return WEXITSTATUS(RunIsolated([&offsets] {
         WakeUpWatch watch;
         if (unshare(NEW_TIME) != 0 || !(std::ofstream("/proc/self/timens_offsets") << offsets)) {
             _exit(EXIT_SKIPPED);
         }
-        const pid_t child = fork();
-        if (child == 0) {
+        Child child([&watch] {
             const bool isFirst = watch.HasWokenUp();
-            _exit((isFirst ? 1 : 0) + (watch.HasWokenUp() ? 2 : 0));
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        _exit(WEXITSTATUS(status));
-    });
+            return (isFirst ? 1 : 0) + (watch.HasWokenUp() ? 2 : 0);
+        });
+        _exit(child.ExitCode());
+    }));
 }
 
-TEST(WakeUpWatchTest, SeesWhatOnlyOneClockHasGained) {
-    if (WEXITSTATUS(LookAhead("boottime 0 0\n")) == EXIT_SKIPPED) {
+TEST(WakeUpWatchTest, OnlyAGainOfOneClockOnTheOtherIsASuspend) {
+    if (LookAhead("boottime 0 0\n") == EXIT_SKIPPED) {
         GTEST_SKIP() << "no time namespace here";
     }
-    EXPECT_EQ(WEXITSTATUS(LookAhead("boottime 2 0\n")), 1);
-    EXPECT_EQ(WEXITSTATUS(LookAhead("boottime 0 500000000\n")), 0);
-    EXPECT_EQ(WEXITSTATUS(LookAhead("boottime 60 0\nmonotonic 60 0\n")), 0);
+    EXPECT_EQ(LookAhead("boottime 2 0\n"), 1);
+    EXPECT_EQ(LookAhead("boottime 0 500000000\n"), 0);
+    EXPECT_EQ(LookAhead("boottime 60 0\nmonotonic 60 0\n"), 0);
 }
 
 }  // namespace

@@ -1,18 +1,18 @@
+// The share-pool groups, with files in a private /etc/sharepool and a fake device library.
 #include "resource/share_pool.h"
 
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include "resource/device_worker.h"
 #include "tests/fakes/fake_device.h"
 #include "tests/fakes/log_capture.h"
+#include "tests/support/files.h"
 #include "tests/support/private_mounts.h"
 
 namespace ProcMgr {
@@ -40,14 +40,10 @@ protected:
         FakeDevice::Get().Reset();
         LogCapture::Clear();
     }
-    static void Write(const std::string& file, const std::string& contents, mode_t mode = 0644,
-                      uid_t owner = 0) {
-        const std::string path = DIRECTORY + file;
-        std::ofstream(path) << contents;
-        ASSERT_EQ(chown(path.c_str(), owner, owner), 0);
-        ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    static void Write(const std::string& file, const std::string& contents, mode_t mode = 0644) {
+        Tests::WriteFile(DIRECTORY + file, contents, mode);
     }
-    // What the device was asked for since the last time.
+    // The calls of the device library since the last time.
     static Texts TakeCalls() {
         DeviceWorker().Drain(SteadyTime::max());
         Texts calls = FakeDevice::Get().Calls();
@@ -63,13 +59,15 @@ protected:
                              const std::string& members = "[{app: cam, access: read}]") {
         return "  - {name: " + name + ", size: " + size + ", members: " + members + "}\n";
     }
+
+    SharePool pool_{DeviceWorker()};
 };
 
-TEST_F(SharePoolTest, WhatIsNotWellFormedIsLeftOut) {
+TEST_F(SharePoolTest, GroupsThatAreNotWellFormedAreSkipped) {
     const std::string longest(63, 'n');
     struct Case {
         std::string groups;
-        Texts created;  // besides the good ones around it
+        Texts created;  // without the good groups before and after them
         long errors;
     };
     const Case cases[] = {
@@ -77,16 +75,15 @@ TEST_F(SharePoolTest, WhatIsNotWellFormedIsLeftOut) {
          {"halGrpCreate " + longest + " 18446744073709551615"},
          0},
         {"  - {name: bare, size: 1}\n", {"halGrpCreate bare 1"}, 0},
-        {Group("many", "1", "[{app: a, access: read}, {app: b, access: read-write}]"),
-         {"halGrpCreate many 1"},
-         0},
-        {Group(longest + "n"), {}, 1},
-        {Group("''") + Group("'a,b'") + Group("a/b") + Group("a b") + Group("\"a\\n\""), {}, 5},
-        {"  - {size: 4096}\n  - text\n  - [list]\n  - 5\n", {}, 4},
-        {"  - {name: none}\n" + Group("zero", "0") + Group("below", "-1") + Group("part", "1.5") +
-             Group("unit", "4k") + Group("sign", "+1") + Group("more", "18446744073709551616"),
+        {Group(longest + "n") + Group("''") + Group("'a,b'") + Group("a/b") + Group("a b") +
+             Group("\"a\\n\""),
          {},
-         7},
+         6},
+        {"  - {size: 4096}\n  - text\n  - [list]\n  - 5\n", {}, 4},
+        {"  - {name: none}\n" + Group("zero", "0") + Group("below", "-1") + Group("unit", "4k") +
+             Group("sign", "+1") + Group("more", "18446744073709551616"),
+         {},
+         6},
         {Group("w", "1", "[{app: a, access: write}]") + Group("no", "1", "[{app: a}]") +
              Group("who", "1", "[{access: read}]") +
              Group("last", "1", "[{app: a, access: read}, {app: b, access: READ}]"),
@@ -104,21 +101,24 @@ TEST_F(SharePoolTest, WhatIsNotWellFormedIsLeftOut) {
     }
 }
 
-TEST_F(SharePoolTest, FilesThatAreBrokenOrOthersToWriteAreLeftOut) {
+TEST_F(SharePoolTest, FilesThatAreBrokenOrOthersMayWriteAreSkipped) {
     const std::string bad = "groups:\n" + Group("bad");
     struct Case {
         std::string contents;
         mode_t mode;
         uid_t owner;
     };
-    const Case cases[] = {
-        {"groups: [\n", 0644, 0},   {"", 0644, 0},  {"group:\n" + Group("bad"), 0644, 0},
-        {"\xff\xfe:\x01", 0644, 0}, {bad, 0664, 0}, {bad, 0646, 0},
-        {bad, 0644, 1000},
-    };
+    const Case cases[] = {{"groups: [\n", 0644, 0},
+                          {"", 0644, 0},
+                          {"\xff\xfe:\x01", 0644, 0},
+                          {bad, 0664, 0},
+                          {bad, 0646, 0},
+                          {bad, 0644, 1000},
+                          {"group:\n" + Group("bad"), 0644, 0}};
     for (const auto& [contents, mode, owner] : cases) {
         Clear();
-        Write("a.yaml", contents, mode, owner);
+        Write("a.yaml", contents, mode);
+        ASSERT_EQ(chown((DIRECTORY + "a.yaml").c_str(), owner, owner), 0);
         Write("b.yaml", "groups:\n" + Group("good"));
         SharePool(DeviceWorker()).Load(DIRECTORY);
         EXPECT_EQ(TakeCalls(), Texts{"halGrpCreate good 4096"}) << contents << mode << owner;
@@ -131,27 +131,25 @@ TEST_F(SharePoolTest, FilesThatAreBrokenOrOthersToWriteAreLeftOut) {
     fs::create_symlink("nowhere", DIRECTORY + "b.yaml");
     fs::create_directory(DIRECTORY + "c.yaml");
     Write("d.yaml", "groups: 5\n");
-    SharePool(DeviceWorker()).Load(DIRECTORY);
-    SharePool(DeviceWorker()).Load("/nowhere");
+    pool_.Load(DIRECTORY);
+    pool_.Load("/nowhere");
     EXPECT_EQ(TakeCalls(), Texts{});
 }
 
-TEST_F(SharePoolTest, AGroupThatIsThereIsNotMadeAgain) {
+TEST_F(SharePoolTest, AGroupIsCreatedOnce) {
     Write("b.yaml", "groups:\n" + Group("twice", "2", "[{app: late, access: read}]"));
     Write("a.yaml", "groups:\n" + Group("twice", "1") + Group("once", "3"));
     FakeDevice::Get().Push("halGrpCreate", 5);
-    SharePool pool(DeviceWorker());
-    pool.Load(DIRECTORY);
+    pool_.Load(DIRECTORY);
     EXPECT_THAT(TakeCalls(), UnorderedElementsAre("halGrpCreate twice 1", "halGrpCreate once 3"));
-    EXPECT_EQ(Errors(), 2);
-    EXPECT_EQ(pool.MakePlan("late", {}).Names(), "");
+    EXPECT_EQ(Errors(), 2) << "the second \"twice\", and the failure of the device";
+    EXPECT_EQ(pool_.MakePlan("late", {}).Names(), "");
 }
 
 TEST_F(SharePoolTest, PlanMergesManifestAndConfiguration) {
     Write("a.yaml", "groups:\n" + Group("a", "1", "[{app: cam, access: read-write}]") +
                         Group("b", "1", "[{app: view, access: read}, {app: cam, access: read}]"));
-    SharePool pool(DeviceWorker());
-    pool.Load(DIRECTORY);
+    pool_.Load(DIRECTORY);
     struct Case {
         std::string app;
         std::vector<std::pair<std::string, std::string>> manifest;
@@ -160,9 +158,8 @@ TEST_F(SharePoolTest, PlanMergesManifestAndConfiguration) {
         bool isPreconfigured;
     };
     const Case cases[] = {
-        {"nobody", {}, {}, "", false},
         {"nobody", {{"x", "read"}, {"x", "read-write"}}, {"x read"}, "x", false},
-        {"nobody", {{"a", "read"}}, {"a read"}, "a", false},
+        {"nobody", {{"a", "read"}, {"n,x", "read"}}, {"a read"}, "a", false},
         {"view", {}, {"b read"}, "b", true},
         {"cam",
          {{"b", "read-write"}, {"x", "read"}},
@@ -171,7 +168,7 @@ TEST_F(SharePoolTest, PlanMergesManifestAndConfiguration) {
          true},
     };
     for (const auto& [app, manifest, groups, names, isPreconfigured] : cases) {
-        const SharePoolPlan plan = pool.MakePlan(app, manifest);
+        const SharePoolPlan plan = pool_.MakePlan(app, manifest);
         Texts found;
         for (const auto& group : plan.groups) {
             found.push_back(group.name + " " + group.access);
@@ -184,41 +181,39 @@ TEST_F(SharePoolTest, PlanMergesManifestAndConfiguration) {
 }
 
 TEST_F(SharePoolTest, AFailureToJoinIsLoggedAndTriedAgain) {
-    SharePool pool(DeviceWorker());
     const SharePoolPlan plan =
-        pool.MakePlan("cam", {{"a", "read"}, {"b", "read-write"}, {"c", "read"}});
+        pool_.MakePlan("cam", {{"a", "read"}, {"b", "read-write"}, {"c", "read"}});
     FakeDevice::Get().Push("halGrpAddProc", 0);
     FakeDevice::Get().Push("halGrpAddProc", 7);
-    pool.Join("cam", 41, plan);
+    pool_.Join("cam", 41, plan);
     EXPECT_THAT(TakeCalls(), ElementsAre("halGrpAddProc a 41 read", "halGrpAddProc b 41 read-write",
                                          "halGrpAddProc c 41 read"));
     EXPECT_EQ(Errors(), 1);
     EXPECT_TRUE(LogCapture::ContainsPart(LOG_ERR, "group=b"));
-    pool.Join("cam", 41, plan);
+    pool_.Join("cam", 41, plan);
     EXPECT_THAT(TakeCalls(), ElementsAre("halGrpAddProc b 41 read-write"));
-    pool.Join("cam", 41, plan);
+    pool_.Join("cam", 41, plan);
     EXPECT_EQ(TakeCalls(), Texts{});
 
-    // Others have not, nor has the next process with this pid.
-    pool.Join("cam", 42, plan);
+    // Another process has joined nothing, nor has a later process with the same pid.
+    pool_.Join("cam", 42, plan);
     EXPECT_EQ(TakeCalls().size(), 3U);
-    pool.Forget(41);
-    pool.Join("cam", 41, plan);
+    pool_.Forget(41);
+    pool_.Join("cam", 41, plan);
     EXPECT_EQ(TakeCalls().size(), 3U);
 }
 
-// The launcher and the process itself, by its registration, may ask at the same time.
-TEST_F(SharePoolTest, NobodyIsAddedTwiceByJoinsAtOnce) {
+// The launcher and the registration of the process may ask at the same time.
+TEST_F(SharePoolTest, JoinsAtOnceAddAProcessOnce) {
     constexpr size_t GROUPS = 1000;
-    SharePool pool(DeviceWorker());
     std::atomic<size_t> arrived{0};
     const auto join = [&] {
         for (size_t group = 0; group < GROUPS; ++group) {
             ++arrived;
             while (arrived < 2 * (group + 1)) {
-                // Without a pause: both are to leave at the same moment.
+                // Without a pause, so that both threads go on at the same moment.
             }
-            pool.Join("cam", 41, {{{std::to_string(group), "read"}}, true});
+            pool_.Join("cam", 41, {{{std::to_string(group), "read"}}, true});
         }
     };
     std::thread other(join);

@@ -1,15 +1,12 @@
+// The "pmupload" server: real processes as peers, fake messaging and device libraries.
 #include "resource/upload_registry.h"
 
 #include <gmock/gmock.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <optional>
 #include <thread>
@@ -18,7 +15,7 @@
 #include "tests/fakes/fake_device.h"
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
-#include "tests/support/private_mounts.h"
+#include "tests/resource/resource_fixture.h"
 
 namespace ProcMgr {
 namespace {
@@ -26,73 +23,41 @@ namespace {
 using namespace std::chrono_literals;
 using Fakes::FakeDevice;
 using Fakes::FakeMuxa;
-using Fakes::LogCapture;
 using Message::UploadResult;
+using Tests::Child;
 using enum Message::UploadResult;
-using Texts = std::vector<std::string>;
 using Record = std::vector<uint8_t>;
 
 constexpr uint64_t SEQUENCE = 0x123456789AULL;
 
-// A process that does nothing, and a child of it that ends with it.
-class Child {
+// A process that only waits, and its child, which ends with it.
+class Family {
 public:
-    Child() {
+    Family() {
         int ends[2];
         EXPECT_EQ(pipe(ends), 0);
-        pid_ = fork();
-        if (pid_ == 0) {
-            prctl(PR_SET_PDEATHSIG, SIGKILL);
-            const pid_t child = fork();
-            if (child == 0) {
-                prctl(PR_SET_PDEATHSIG, SIGKILL);
-                const pid_t own = getpid();
-                [[maybe_unused]] const ssize_t written = write(ends[1], &own, sizeof own);
-            }
-            for (;;) {
-                pause();
-            }
-        }
-        EXPECT_EQ(read(ends[0], &its_, sizeof its_), ssize_t{sizeof its_});
+        parent_.emplace([&ends] {
+            // The child writes its pid itself: by then the kernel will end it with its parent.
+            const Child child([&ends] {
+                const pid_t pid = getpid();
+                [[maybe_unused]] const ssize_t written = write(ends[1], &pid, sizeof pid);
+                return Tests::Pause();
+            });
+            return Tests::Pause();
+        });
+        EXPECT_EQ(read(ends[0], &child_, sizeof child_), ssize_t{sizeof child_});
         close(ends[0]);
         close(ends[1]);
+        pid_ = parent_->Pid();
     }
-    ~Child() { End(); }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
     pid_t Pid() const { return pid_; }
-    pid_t PidOfIts() const { return its_; }
-    void End() {
-        if (!isEnded_) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-            isEnded_ = true;
-        }
-    }
+    pid_t ChildPid() const { return child_; }
+    void End() { parent_->Kill(); }
 
 private:
+    std::optional<Child> parent_;
     pid_t pid_ = 0;
-    pid_t its_ = 0;
-    bool isEnded_ = false;
-};
-
-// One application is managed, "camera", and another one is configured, "stranger".
-class FakeApps : public ManagedApps {
-public:
-    explicit FakeApps(pid_t camera) : camera_(camera) {}
-    std::vector<ManagedApp> GetManagedApps(ManagedFilter /*filter*/) override { return {}; }
-    bool IsPresent(const ManagedApp& /*app*/) override { return true; }
-    void NoteTids(const ManagedApp& /*app*/, const std::set<int32_t>& /*tids*/) override {}
-    std::optional<std::string> GetNameOf(int32_t pid) override {
-        return pid == camera_ ? std::optional<std::string>("camera") : std::nullopt;
-    }
-    bool HasProcess(const std::string& name) override { return name == "camera"; }
-    bool IsKnown(const std::string& name) override {
-        return HasProcess(name) || name == "stranger";
-    }
-
-private:
-    const pid_t camera_;
+    pid_t child_ = 0;
 };
 
 class UploadRegistryTest : public testing::Test {
@@ -102,17 +67,19 @@ protected:
             GTEST_SKIP() << "no private mount namespace here";
         }
         MountTmpfs("/etc/sharepool");
-        std::ofstream("/etc/sharepool/groups.yaml")
-            << "groups:\n"
-               "  - {name: extra, size: 1, members: [{app: viewer, access: read}]}\n"
-               "  - {name: frames, size: 1, members: [{app: camera, access: read-write},"
-               " {app: viewer, access: read}]}\n"
-               "  - {name: other, size: 1, members: [{app: stranger, access: read}]}\n";
+        Tests::WriteFile(
+            "/etc/sharepool/groups.yaml",
+            "groups:\n"
+            "  - {name: extra, size: 1, members: [{app: viewer, access: read}]}\n"
+            "  - {name: frames, size: 1, members: [{app: camera, access: read-write},"
+            " {app: viewer, access: read}]}\n"
+            "  - {name: other, size: 1, members: [{app: configured, access: read}]}\n");
+        apps_.apps = {{"camera", camera_.Pid(), {}, {}, "", "", "", false}};
         path_ = std::filesystem::read_symlink("/proc/self/exe");
         Renew();
     }
 
-    // A registry that knows nothing.
+    // Replaces the registry by an empty one.
     void Renew() {
         registry_.reset();
         FakeMuxa::Get().Reset();
@@ -124,7 +91,7 @@ protected:
         ASSERT_TRUE(registry_->RegXCallBack());
     }
 
-    // Plays a peer that the kernel says is this one.
+    // Plays a peer; the kernel reports `pid` and `uid` for it.
     static void Send(const Record& record, pid_t pid, uint32_t uid, bool wantsResponse = true) {
         MuxaRequest request;
         request.data = record.empty() ? nullptr : record.data();
@@ -146,7 +113,7 @@ protected:
     Record Make(pid_t pid, const std::string& name, const Texts& groups = {}) const {
         return Message::EncodeUploadRequest({pid, name, path_, groups}).value();
     }
-    // Who joined which group: "GROUP PID ACCESS", by name.
+    // The joined groups as "GROUP PID ACCESS", sorted.
     static Texts Joined() {
         DeviceWorker().Drain(SteadyTime::max());
         const std::string begin = "halGrpAddProc ";
@@ -164,7 +131,7 @@ protected:
         return std::count_if(lines.begin(), lines.end(),
                              [](const auto& line) { return line.level == LOG_WARNING; });
     }
-    // The only record was refused for this reason and has done nothing.
+    // Expects the only record since Renew() to have been refused, without an effect.
     void ExpectRefused(UploadResult result, const std::string& what) {
         EXPECT_EQ(LastResponse().result, result) << what;
         EXPECT_EQ(LastResponse().groups, Texts{}) << what;
@@ -173,21 +140,21 @@ protected:
         EXPECT_EQ(Refusals(), 1) << what;
     }
 
-    Child camera_;
-    Child guest_;
-    FakeApps apps_{camera_.Pid()};
+    Family camera_;
+    Family guest_;
+    FakeApps apps_;  // "camera"
     std::string path_;
     std::optional<SharePool> pool_;
     std::optional<UploadRegistry> registry_;
 };
 
-TEST_F(UploadRegistryTest, OnlyTheTruthIsBelieved) {
-    Child gone;
+TEST_F(UploadRegistryTest, FieldsThatTheKernelContradictsAreRefused) {
+    Family gone;
     gone.End();
     const pid_t camera = camera_.Pid();
     const pid_t guest = guest_.Pid();
-    const pid_t crew = camera_.PidOfIts();
-    const pid_t party = guest_.PidOfIts();
+    const pid_t crew = camera_.ChildPid();
+    const pid_t party = guest_.ChildPid();
     using Access = std::map<std::string, std::string>;  // by group
     const Access frames = {{"frames", "read-write"}};
     const Access both = {{"extra", "read"}, {"frames", "read"}};
@@ -209,7 +176,7 @@ TEST_F(UploadRegistryTest, OnlyTheTruthIsBelieved) {
         {guest, 0, {guest, "viewer", path_, {"other"}}, REGISTERED, {}},
         {crew, 1000, {crew, "camera", path_, {}}, REGISTERED, frames},
         {crew, 1000, {crew, "viewer", path_, {}}, REGISTERED, both},
-        {crew, 1000, {crew, "stranger", path_, {}}, NOT_ITS_NAME, {}},
+        {crew, 1000, {crew, "configured", path_, {}}, NOT_ITS_NAME, {}},
         {party, 1000, {party, "viewer", path_, {}}, NOT_ITS_NAME, {}},
         {camera, 0, {camera, "viewer", path_, {}}, NOT_ITS_NAME, {}},
         {guest, 0, {guest, "camera", path_, {}}, NOT_ITS_NAME, {}},
@@ -247,17 +214,13 @@ TEST_F(UploadRegistryTest, OnlyTheTruthIsBelieved) {
     }
 }
 
-TEST_F(UploadRegistryTest, RecordsThatAreNone) {
+TEST_F(UploadRegistryTest, RecordsThatCannotBeDecoded) {
     const pid_t guest = guest_.Pid();
     const Record good = Make(guest, "viewer");
-    Record longer = good;
-    longer.push_back(0);
     Record other = good;
     other[0] = 2;
     const std::pair<Record, UploadResult> cases[] = {
-        {{}, BAD_RECORD},     {{1, 0, 0}, BAD_RECORD}, {{good.begin(), good.end() - 1}, BAD_RECORD},
-        {longer, BAD_RECORD}, {other, OTHER_VERSION},  {{2, 0, 0, 0, 9}, OTHER_VERSION},
-    };
+        {{}, BAD_RECORD}, {{good.begin(), good.end() - 1}, BAD_RECORD}, {other, OTHER_VERSION}};
     for (const auto& [record, result] : cases) {
         Renew();
         Send(record, guest, 0);
@@ -277,7 +240,7 @@ TEST_F(UploadRegistryTest, RespondsWhenThatIsWantedAndJoinsOnce) {
     EXPECT_EQ(Joined().size(), 2U);
     EXPECT_TRUE(FakeMuxa::Get().Responses().empty());
 
-    // What failed is tried again, and what is there already is told.
+    // A join that failed is tried again; the answer names the groups that were joined before, too.
     Send(record, guest, 0);
     EXPECT_EQ(LastResponse().result, REGISTERED);
     EXPECT_EQ(LastResponse().groups, Texts{"frames"});
@@ -288,7 +251,7 @@ TEST_F(UploadRegistryTest, RespondsWhenThatIsWantedAndJoinsOnce) {
     EXPECT_EQ(Joined().size(), 4U);
     EXPECT_EQ(FakeMuxa::Get().Responses().size(), 3U);
 
-    // As the launcher does.
+    // The launcher has let the process join.
     pool_->Join("camera", camera_.Pid(), pool_->MakePlan("camera", {}));
     Send(Make(camera_.Pid(), "camera"), camera_.Pid(), 0);
     EXPECT_EQ(LastResponse().groups, Texts{"frames"});
@@ -301,7 +264,7 @@ TEST_F(UploadRegistryTest, ARegistrationLastsAsLongAsItsProcess) {
     Send(Make(camera_.Pid(), "camera"), camera_.Pid(), 1000);
     Send(Make(guest_.Pid(), "viewer", {"frames"}), guest_.Pid(), 0);
     FakeMuxa::Get().PeerGone(FakeMuxa::Get().FdOf("pmupload"));
-    // Joins again only what is not known to have joined.
+    // Adds to the device's calls only for a process that the pool does not know to have joined.
     const auto join = [this] {
         pool_->Join("viewer", guest_.Pid(), {{{"frames", "read"}}, true});
         pool_->Join("camera", camera_.Pid(), {{{"frames", "read-write"}}, true});
@@ -325,10 +288,12 @@ TEST_F(UploadRegistryTest, RefusalsAreLoggedOnceASecond) {
         Send(Make(camera_.Pid(), "viewer"), guest_.Pid(), 0);
     }
     EXPECT_EQ(Refusals(), 1);
-    std::this_thread::sleep_for(1100ms);
-    Send(Make(camera_.Pid(), "viewer"), guest_.Pid(), 0);
-    Send(Make(camera_.Pid(), "viewer"), guest_.Pid(), 0);
-    EXPECT_EQ(Refusals(), 2);
+    const SteadyTime begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(Tests::WaitUntil([this] {
+        Send(Make(camera_.Pid(), "viewer"), guest_.Pid(), 0);
+        return Refusals() == 2;
+    }));
+    EXPECT_GT(std::chrono::steady_clock::now() - begin, 500ms);
 }
 
 TEST_F(UploadRegistryTest, ServerEndpoint) {
@@ -355,7 +320,7 @@ TEST_F(UploadRegistryTest, AnAnswerThatIsNotTakenIsTriedAgainAndHoldsUpNobody) {
     FakeMuxa& muxa = FakeMuxa::Get();
     const Record record = Make(camera_.Pid(), "camera");
     const auto send = [&] { Send(record, camera_.Pid(), 0); };
-    // How many attempts there are in all, once no more are made.
+    // The number of attempts so far, as soon as it no longer grows.
     const auto attempts = [&muxa] {
         size_t before = 0;
         while (before != muxa.Count(RESPOND)) {
@@ -374,8 +339,8 @@ TEST_F(UploadRegistryTest, AnAnswerThatIsNotTakenIsTriedAgainAndHoldsUpNobody) {
 
     muxa.SetDefault(RESPOND, -11);
     send();
-    EXPECT_LT(muxa.Count(RESPOND), 100U) << "the callback does not wait";
-    send();  // one of a peer may wait
+    EXPECT_LT(muxa.Count(RESPOND), 100U) << "the callback has not waited";
+    send();  // dropped after one attempt: an answer waits already
     EXPECT_EQ(attempts(), 6U + 401 + 1);
     send();
     muxa.PeerGone(muxa.FdOf("pmupload"));

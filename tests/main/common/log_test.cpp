@@ -15,11 +15,11 @@
 #include <fstream>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include "main/common/daemon_signals.h"
 #include "main/common/proc_mgr_env.h"
 #include "tests/support/isolated.h"
+#include "tests/support/wait.h"
 
 namespace ProcMgr {
 namespace {
@@ -47,25 +47,17 @@ std::string Receive(int fd) {
     return length < 0 ? std::string() : std::string(buffer, static_cast<size_t>(length));
 }
 
-// What syslog sends: priority in the user facility, time, identity, pid, text.
+// A line of syslog(): priority in the user facility, time, identity, pid, text.
 testing::Matcher<std::string> IsSyslogLine(int level, const std::string& text) {
     return testing::MatchesRegex("<" + std::to_string(8 + level) + ">.*PROCMGR\\[" +
                                  std::to_string(getpid()) + "\\]: " + text + ".?");
 }
 
-// The next datagram, waited for.
+// Waits for the next datagram.
 std::string Next(int fd) {
     pollfd readable{fd, POLLIN, 0};
     poll(&readable, 1, 10000);
     return Receive(fd);
-}
-
-bool WaitForFile(const std::string& path, const std::string& text) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (ReadFile(path) != text && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return ReadFile(path) == text;
 }
 
 TEST_F(Log, QuickStartLinesGoToTheKernelLogUntilItEnds) {
@@ -80,8 +72,8 @@ TEST_F(Log, QuickStartLinesGoToTheKernelLogUntilItEnds) {
         ProcMgrLog(LOG_ERR, "ProcMgr: %s", "one");
         ProcMgrLog(LOG_DEBUG, "%s", longText.c_str());
         const std::string ident = "PROCMGR[" + std::to_string(getpid()) + "] ";
-        EXPECT_TRUE(
-            WaitForFile("/dev/kmsg", "old|<3> " + ident + "ProcMgr: one<7> " + ident + longText));
+        const std::string lines = "old|<3> " + ident + "ProcMgr: one<7> " + ident + longText;
+        EXPECT_TRUE(Tests::WaitUntil([&] { return ReadFile("/dev/kmsg") == lines; }));
         EXPECT_EQ(Receive(fd), "");
 
         ProcMgrSysLog(LOG_WARNING, "direct %d", 1);
@@ -98,7 +90,7 @@ TEST_F(Log, QuickStartLinesGoToTheKernelLogUntilItEnds) {
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(Log, ALoggerThatDoesNotReadHoldsNobodyUpAndTheLinesWithoutRoomAreCounted) {
+TEST_F(Log, ALoggerThatDoesNotReadDelaysNoThreadAndTheLinesWithoutRoomAreCounted) {
     const int status = RunIsolated([] {
         constexpr int LINES = 20000;
         const int fd = MakeLogSocket();
@@ -165,7 +157,7 @@ TEST_F(Log, AStreamTakesLinesThatEndWithANul) {
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(Log, AFaultOfTheDaemonsOwnWritesOutItsLog) {
+TEST_F(Log, AFaultSignalWritesTheLogOut) {
     const int status = RunIsolated([] {
         const int fd = MakeLogSocket();
         ProcMgrLog(LOG_INFO, "connected");
@@ -173,20 +165,20 @@ TEST_F(Log, AFaultOfTheDaemonsOwnWritesOutItsLog) {
         const pid_t child = fork();
         if (child == 0) {
             InstallSignals();
-            // Nobody writes the line out but the signal handler: this child has no log thread.
-            ProcMgrLog(LOG_ERR, "last words");
+            // Only the signal handler can write the line out: this child has no log thread.
+            ProcMgrLog(LOG_ERR, "last line");
             raise(SIGSEGV);
             _exit(0);
         }
         int exit = 0;
         waitpid(child, &exit, 0);
         EXPECT_FALSE(WIFEXITED(exit) && WEXITSTATUS(exit) == 0);
-        EXPECT_NE(Next(fd).find("last words"), std::string::npos);
+        EXPECT_NE(Next(fd).find("last line"), std::string::npos);
     });
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(Log, WhatIsSaidAboutOneRequestIsBounded) {
+TEST_F(Log, TheLinesAboutOneRequestAreBounded) {
     const int status = RunIsolated([] {
         const int fd = MakeLogSocket();
         {

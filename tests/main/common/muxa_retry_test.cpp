@@ -17,49 +17,38 @@ using Call = FakeMuxa::Call;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-struct Wrapper {
-    Call call;
-    int retried;
-    int other;  // a failure that another wrapper retries
-    size_t attempts;
-    milliseconds pause;
-    std::function<int()> run;
-};
-
-// Side by side, because each takes its time.
+// The calls are made side by side, because each takes one or two seconds.
 TEST(MuxaRetry, RetriesOneFailureUpToTheLastAttempt) {
     FakeMuxa::Get().Reset();
     MuxaRequest request;
-    MuxaResponse responses[3];
-    const milliseconds pause(5);
-    const Wrapper wrappers[] = {
-        {Call::SEND, -11, -16, 401, pause, [&] { return ProcMgrMuxaSendRequest(7, &request); }},
-        {Call::RESPOND, -11, -16, 401, pause,
-         [&] { return ProcMgrMuxaSendResponse(7, &responses[0]); }},
-        {Call::RPC, -11, -16, 401, pause,
-         [&] { return ProcMgrMuxaRPCSync(7, &request, &responses[1]); }},
-        {Call::TIMED_RPC, -11, -16, 401, pause,
-         [&] { return ProcMgrMuxaTimedRPCSync(7, &request, &responses[2], 250); }},
+    MuxaResponse response;
+    const struct {
+        Call call;
+        int retried;
+        int other;  // a failure after which another call of the library is retried
+        size_t attempts;
+        milliseconds pause;
+        std::function<int()> run;
+    } cases[] = {
+        {Call::SEND, -11, -16, 401, milliseconds(5),
+         [&] { return ProcMgrMuxaSendRequest(7, &request); }},
+        {Call::RESPOND, -11, -16, 401, milliseconds(5),
+         [&] { return ProcMgrMuxaSendResponse(7, &response); }},
         {Call::CLOSE, -16, -11, 10, milliseconds(100), [] { return ProcMgrMuxaClosePipe(7); }},
     };
     std::vector<std::thread> threads;
-    for (const Wrapper& wrapper : wrappers) {
-        threads.emplace_back([&wrapper] {
-            for (const int failure : {-32, wrapper.other}) {
-                FakeMuxa::Get().Push(wrapper.call, failure);
-                EXPECT_EQ(wrapper.run(), failure);
-            }
-            EXPECT_EQ(FakeMuxa::Get().Count(wrapper.call), 2U);
-
-            FakeMuxa::Get().SetDefault(wrapper.call, wrapper.retried);
+    for (const auto& test : cases) {
+        threads.emplace_back([&test] {
+            FakeMuxa::Get().Push(test.call, test.other);
+            EXPECT_EQ(test.run(), test.other);
+            FakeMuxa::Get().Push(test.call, test.retried);
+            FakeMuxa::Get().Push(test.call, 3);
+            EXPECT_EQ(test.run(), 3);
+            FakeMuxa::Get().SetDefault(test.call, test.retried);
             const auto begin = steady_clock::now();
-            EXPECT_EQ(wrapper.run(), wrapper.retried);
-            EXPECT_EQ(FakeMuxa::Get().Count(wrapper.call), 2 + wrapper.attempts);
-            EXPECT_GE(steady_clock::now() - begin, (wrapper.attempts - 1) * wrapper.pause);
-
-            FakeMuxa::Get().Push(wrapper.call, wrapper.retried);
-            FakeMuxa::Get().Push(wrapper.call, 3);
-            EXPECT_EQ(wrapper.run(), 3);
+            EXPECT_EQ(test.run(), test.retried);
+            EXPECT_EQ(FakeMuxa::Get().Count(test.call), 3 + test.attempts);
+            EXPECT_GE(steady_clock::now() - begin, (test.attempts - 1) * test.pause);
         });
     }
     for (std::thread& thread : threads) {

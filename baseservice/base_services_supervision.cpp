@@ -1,0 +1,301 @@
+// The supervision of the base services by CheckThread: state checks, the handling of services that
+// have died, restarts, the end of launches, and the removal of records.
+#include <algorithm>
+#include <chrono>
+#include <new>
+#include <utility>
+
+#include "baseservice/base_services.h"
+#include "main/common/log.h"
+
+namespace ProcMgr {
+namespace {
+
+// The result field of a report to the access manager.
+constexpr uint32_t RESULT_NONE = 0;
+constexpr uint32_t RESULT_INPUT_OUTPUT_ERROR = 1;
+
+constexpr const char* DIED =
+    "PROCMGR: CheckThread : owner=%s, pid=%d, state=%s unexpectedly terminated.";
+constexpr const char* NOT_RESTARTED =
+    "PROCMGR: CheckThread : owner=%s, pid=%d, state=%s doesn't need to restart";
+constexpr const char* RESTARTS =
+    "PROCMGR: CheckThread : owner=%s, pid=%d, state=%s will restart now";
+constexpr const char* RESTART_FAILED =
+    "PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart failed";
+constexpr const char* RESTARTED =
+    "PROCMGR: CheckThread : owner=%s, pid=%d, state=%s restart success";
+
+void LogSupervised(int level, const char* format, const App::AppInfo& app) {
+    ProcMgrLog(level, format, app.appName_.c_str(), app.pid_,
+               GetProcessStateStr(app.GetState()).c_str());
+}
+
+}  // namespace
+
+// Ends the launch of a record at the end of its scope, however the scope is left.
+class BaseServices::LaunchGuard {
+public:
+    LaunchGuard(BaseServices& services, const std::string& name)
+        : services_(services), name_(name) {}
+    ~LaunchGuard() {
+        if (isArmed_) {
+            services_.EndLaunch(name_);
+        }
+    }
+    LaunchGuard(const LaunchGuard&) = delete;
+    LaunchGuard& operator=(const LaunchGuard&) = delete;
+
+    // Leaves the end of the launch to the guard of another thread.
+    void Disarm() { isArmed_ = false; }
+
+private:
+    BaseServices& services_;
+    const std::string& name_;
+    bool isArmed_ = true;
+};
+
+void BaseServices::CheckBaseApps(CheckPass pass) {
+    size_t index = 0;
+    while (const std::optional<Record> ended = CheckNext(pass, index)) {
+        LaunchGuard guard(*this, ended->appName_);
+        ReleaseEnded(*ended);
+        if (ended->reportType_ == TERMINATED_ABNORMAL_EXIT) {
+            RestartByPolicy(ended->appName_, guard);
+        }
+    }
+}
+
+// The index stays valid between two calls: only this thread removes records.
+std::optional<BaseServices::Record> BaseServices::CheckNext(CheckPass pass, size_t& index) {
+    const LockGuard lock(mutex_);
+    const SteadyTime now = std::chrono::steady_clock::now();
+    while (index < executedBaseApp_.size()) {
+        Record& record = executedBaseApp_[index++];
+        if (!NeedsCheck(record, pass, now)) {
+            continue;
+        }
+        // The copy is made before the state changes: when it fails, the next pass finds the exit.
+        std::optional<Record> copy = record;
+        CheckOne(record);
+        if (record.GetState() == TERMINATED) {
+            copy->TakeCheckResult(record);
+            ReportEnd(record);
+            return copy;
+        }
+        // A record that has just become RUNNING has a report type that the next pass clears.
+        if (NeedsCheck(record, CheckPass::PERIODIC, now)) {
+            checks_.Request();
+        }
+    }
+    return std::nullopt;
+}
+
+bool BaseServices::NeedsCheck(const Record& record, CheckPass pass, SteadyTime now) const {
+    if (record.isLaunching_) {
+        return false;
+    }
+    if (pass == CheckPass::EXTRA) {
+        const bool isOld = isStopping_ || now - record.startTime_ > CHECK_PERIOD;
+        return record.exitStatusSet_ && record.GetState() != TERMINATED && isOld;
+    }
+    if (record.GetState() == TERMINATED) {
+        return record.IsRestartable() && !isStopping_;
+    }
+    // Until its exit, the state of such a record changes only by a report of the service.
+    const bool isWaiting =
+        record.GetState() == TERMINATING || (record.GetState() == STARTING && record.isReporting_);
+    if (isWaiting && record.IsAlive()) {
+        return false;
+    }
+    return !record.IsSettled();
+}
+
+// A service that has died is marked as being launched together with its change to TERMINATED, until
+// its restart has been decided: no other thread sees it as TERMINATED in between.
+void BaseServices::CheckOne(Record& record) {
+    const ProcessState before = record.GetState();
+    const ProcessState now = record.CheckState();
+    const bool hasDied = now == TERMINATED && record.reportType_ == TERMINATED_ABNORMAL_EXIT;
+    record.isLaunching_ = hasDied && !isStopping_;
+    if (now != before) {
+        reportedState_.Notify();
+    }
+    if (record.reportType_ == RUNNING_NORMAL_START) {
+        WithdrawFault(record.appName_, App::EVENT_START_FAILED);
+    }
+}
+
+void BaseServices::ReportEnd(Record& record) try {
+    checks_.Request();
+    if (record.reportType_ == TERMINATED_NORMAL_EXIT) {
+        reports_.ReportAppStateToZorn(record, TERMINATED_NORMAL_EXIT, RESULT_NONE);
+        return;
+    }
+    LogSupervised(LOG_WARNING, DIED, record);
+    reports_.ReportAppStateToZorn(record, TERMINATED_ABNORMAL_EXIT,
+                                  record.exitedWith125_ ? RESULT_INPUT_OUTPUT_ERROR : RESULT_NONE);
+    RaiseFault(record, App::EVENT_START_FAILED);
+} catch (const std::bad_alloc&) {
+    // Without the mark the next pass checks the record again and repeats the report.
+    record.isLaunching_ = false;
+    throw;
+}
+
+// Closes the pipe and ends the heartbeat watch of a process that has ended. A service that has not
+// promised to report may have a pipe, too; it is closed before the restart, so that the next
+// process does not attach to it.
+void BaseServices::ReleaseEnded(const Record& record) {
+    reports_.Flush();
+    const bool hasDied = record.reportType_ == TERMINATED_ABNORMAL_EXIT;
+    if (hasDied && (record.isReporting_ || owners_.GetServiceFd(record.appName_) > 0)) {
+        owners_.UnRegServiceCallBack(record.appName_);
+    }
+    EndHeartBeat(record.appName_);
+}
+
+void BaseServices::RestartByPolicy(const std::string& name, LaunchGuard& guard) {
+    const std::optional<Record> copy = DecideRestart(name);
+    if (!copy) {
+        return;
+    }
+    if (launcher_.IsQuick(*copy)) {
+        PrepareAndRestart(*copy);
+        return;
+    }
+    const auto job = [this, copy] {
+        const LaunchGuard jobGuard(*this, copy->appName_);
+        PrepareAndRestart(*copy);
+    };
+    if (launcher_.PostSlow(job)) {
+        guard.Disarm();
+    } else {
+        LogSupervised(LOG_ERR, RESTART_FAILED, *copy);
+    }
+}
+
+std::optional<BaseServices::Record> BaseServices::DecideRestart(const std::string& name) {
+    const LockGuard lock(mutex_);
+    Record* record = Find(name);
+    if (record == nullptr || isStopping_) {
+        return std::nullopt;
+    }
+    if (!record->NeedRestart(std::chrono::steady_clock::now())) {
+        LogSupervised(LOG_INFO, NOT_RESTARTED, *record);
+        return std::nullopt;
+    }
+    LogSupervised(LOG_INFO, RESTARTS, *record);
+    ProcMgrLog(LOG_INFO, "PROCMGR : Restarting process %s", name.c_str());
+    return *record;
+}
+
+void BaseServices::PrepareAndRestart(const Record& copy) {
+    std::optional<App::LaunchPlan> plan = launcher_.Prepare(copy);
+    Record started = copy;
+    {
+        const LockGuard lock(mutex_);
+        const Record* record =
+            isStopping_ ? nullptr : RestartBaseApp(copy.appName_, std::move(plan));
+        if (record == nullptr) {
+            return;
+        }
+        started.TakeProcess(*record);
+    }
+    // Base start-up may be waiting for this service, because another one depends on it.
+    reportedState_.Notify();
+    Reconnect(started);
+}
+
+const BaseServices::Record* BaseServices::RestartBaseApp(const std::string& name,
+                                                         std::optional<App::LaunchPlan> plan) {
+    Record* record = Find(name);
+    if (record == nullptr) {
+        ProcMgrLog(LOG_WARNING, "PROCMGR : Failed to find a process %s from executedBaseApp_",
+                   name.c_str());
+        return nullptr;
+    }
+    if (record->GetState() != TERMINATED) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : gonna restart process %s, but state=%s is not TERMINATED ",
+                   name.c_str(), GetProcessStateStr(record->GetState()).c_str());
+        return nullptr;
+    }
+    if (!plan || !record->StartProcess(launcher_, *plan)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : Restarting process : %s failed ", name.c_str());
+        LogSupervised(LOG_ERR, RESTART_FAILED, *record);
+        return nullptr;
+    }
+    if (!record->isReporting_) {
+        WithdrawFault(name, App::EVENT_START_FAILED);
+    }
+    reports_.ReportAppStateToZorn(*record, RUNNING_NORMAL_START, RESULT_NONE);
+    return record;
+}
+
+// Opens the pipe of the new process, whether or not the service has promised to report.
+void BaseServices::Reconnect(const Record& record) {
+    reports_.Flush();
+    if (record.isReporting_) {
+        ProcMgrLog(LOG_INFO, "PROCMGR : Register check for %s, when Restarting.",
+                   record.appName_.c_str());
+        RegisterHeartBeat(record);
+    }
+    if (!owners_.RegServiceCallBack(record.appName_, record.gid_, record.pid_)) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : procname=%s RegisterService failed",
+                   record.appName_.c_str());
+        return;
+    }
+    LogSupervised(LOG_INFO, RESTARTED, record);
+}
+
+bool BaseServices::Announce(const Record& started) {
+    const std::string& name = started.appName_;
+    const LaunchGuard guard(*this, name);
+    bool hasPipe = true;
+    if (started.isReporting_) {
+        hasPipe = owners_.RegServiceCallBack(name, started.gid_, started.pid_);
+        if (hasPipe) {
+            ProcMgrLog(LOG_INFO, "Register heart beat checker for %s.", name.c_str());
+            RegisterHeartBeat(started);
+        } else {
+            ProcMgrLog(LOG_ERR, "PROCMGR : procname=%s RegisterService failed", name.c_str());
+        }
+    }
+    return hasPipe;
+}
+
+// The pass that is requested here finds everything that has happened to the record meanwhile.
+void BaseServices::EndLaunch(const std::string& name) {
+    {
+        const LockGuard lock(mutex_);
+        Record* record = Find(name);
+        if (record != nullptr) {
+            record->isLaunching_ = false;
+        }
+    }
+    checks_.Request();
+    reportedState_.Notify();
+}
+
+void BaseServices::RemoveTerminatedApps() {
+    std::vector<std::string> removed;
+    {
+        const LockGuard lock(mutex_);
+        std::erase_if(executedBaseApp_, [&](const Record& record) {
+            if (record.GetState() != TERMINATED || record.isLaunching_ || record.IsRestartable()) {
+                return false;
+            }
+            ProcMgrLog(LOG_INFO, "PROCMGR : Process %s removed from the list of executedBaseApp_",
+                       record.appName_.c_str());
+            removed.push_back(record.appName_);
+            return true;
+        });
+    }
+    for (const std::string& name : removed) {
+        if (owners_.GetServiceFd(name) > 0) {
+            owners_.UnRegServiceCallBack(name);
+        }
+        EndHeartBeat(name);
+    }
+}
+
+}  // namespace ProcMgr

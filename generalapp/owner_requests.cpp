@@ -1,0 +1,100 @@
+#include "generalapp/owner_requests.h"
+
+#include "app/app_spec.h"
+#include "app/owner_link.h"
+#include "baseservice/readiness.h"
+#include "generalapp/general_apps.h"
+#include "generalapp/startup_config.h"
+#include "main/common/boot_trace.h"
+#include "main/common/log.h"
+#include "message/enum_names.h"
+#include "resource/core_affinity_mgr.h"
+#include "resource/delay_core_affinity.h"
+
+namespace ProcMgr {
+
+// The difference between a load and a reload: the operation and its names in the log.
+struct OwnerRequests::CfgRequest {
+    uint32_t (StartupConfig::*load)(const std::string& path,
+                                    const StartupConfig::MatchData& matchData);
+    const char* message;
+    const char* operation;
+};
+
+void OwnerRequests::StartApp(const std::vector<Message::StartAppInfo>& items,
+                             const std::string& owner) {
+    parts_.generalApps.StartApp(items, owner);
+}
+
+void OwnerRequests::RestartApp(const std::vector<Message::RestartAppInfo>& items,
+                               const std::string& owner) {
+    parts_.generalApps.RestartApp(items, owner);
+}
+
+void OwnerRequests::TermApp(const std::vector<Message::TermAppInfo>& items,
+                            const std::string& owner) {
+    parts_.generalApps.TermGeneralApp(items, owner);
+}
+
+void OwnerRequests::QueryAppState(const std::vector<std::string>& names, const std::string& owner) {
+    parts_.generalApps.QueryAppState(names, owner);
+}
+
+void OwnerRequests::ReportBaseServiceState(const Message::BaseServiceStateInfo& info,
+                                           const std::string& owner) {
+    parts_.readiness.HandleBaseServiceState(owner, static_cast<BaseServiceStateType>(info.state));
+}
+
+void OwnerRequests::ReportAppExecution(const Message::AppExecInfo& info, const std::string& owner) {
+    if (owner != PROC_VINTOR) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : APP_EXECUTION_REPORT of owner=%s is refused", owner.c_str());
+        return;
+    }
+    ProcMgrLog(LOG_INFO,
+               "%s PM receive APP_EXECUTION_REPORT msg from vintor report appName=%s, pid=%u, "
+               "gid=%u, state=%s",
+               BootStrace(BOOT_TRACE_TAG).c_str(), info.appName.c_str(), info.pid, info.gid,
+               GetAppExecStateStr(info.state).c_str());
+    Message::AppStateInfo item;
+    item.appName = info.appName;
+    item.pid = info.pid;
+    item.gid = info.gid;
+    item.reportType = info.state != 0 ? TERMINATED_NORMAL_EXIT : RUNNING_NORMAL_START;
+    if (info.state != 0) {
+        parts_.coreAffinity.RecycleThreadCoreInfo(static_cast<int32_t>(info.pid), info.appName);
+    }
+    parts_.reports.ReportAppState({item}, PROC_ZORNMGR);
+    parts_.reports.Flush();
+}
+
+void OwnerRequests::LoadStartupCfg(const Message::StartupCfgInfo& info,
+                                   const std::string& /*owner*/, int32_t fd) {
+    LoadCfg({&StartupConfig::LoadStartCfgInfo, "LOAD_STARTUP_CFG", "LoadStartCfgInfo"}, info, fd);
+}
+
+void OwnerRequests::ReloadStartupCfg(const Message::StartupCfgInfo& info,
+                                     const std::string& /*owner*/, int32_t fd) {
+    LoadCfg({&StartupConfig::ReLoadStartCfgInfo, "RELOAD_STARTUP_CFG", "ReLoadStartCfgInfo"}, info,
+            fd);
+}
+
+void OwnerRequests::LoadCfg(const CfgRequest& request, const Message::StartupCfgInfo& info,
+                            int32_t fd) {
+    ProcMgrLog(LOG_INFO, "%s PM receive %s msg load file=%s", BootStrace(BOOT_TRACE_TAG).c_str(),
+               request.message, info.path.c_str());
+    const uint32_t ret = (parts_.startupConfig.*request.load)(info.path, info.matchData);
+    if (ret != StartupConfig::OK) {
+        ProcMgrLog(LOG_ERR, "%s failed, path=%s", request.operation, info.path.c_str());
+    }
+    ProcMgrLog(LOG_INFO, "%s %s finish ret=0x%X, fd=%d", BootStrace(BOOT_TRACE_TAG).c_str(),
+               request.operation, ret, fd);
+    if (ret == StartupConfig::OK) {
+        parts_.generalApps.StartPriorityApps(info.path);
+    }
+}
+
+uint32_t OwnerRequests::SetDelayCoreAffinity(const Message::DelayCoreAffinityReq& request) {
+    return parts_.delayCoreAffinity.SetDelayCoreAffinity(request);
+}
+
+}  // namespace ProcMgr

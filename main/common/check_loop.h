@@ -1,0 +1,91 @@
+// The loop of the check thread: passes over containers of supervised records, and checks that run
+// every so many cycles. The loop knows its containers and checks by interfaces only and runs on the
+// thread that calls Run().
+//
+// Cycles lie on a grid of 30 ms that begins when the loop does. Passes are made at the first cycle,
+// at the cycle after a request, and when a periodic check is due; the cycles in between, which
+// would find nothing, are left out.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "main/common/check_requests.h"
+#include "main/common/clock.h"
+
+namespace ProcMgr {
+
+// A container of records that the loop supervises. The implementation takes its own lock.
+class Supervised {
+public:
+    virtual ~Supervised() = default;
+
+    // Moves the records from state to state. May throw: the next cycle checks again.
+    virtual void Check(CheckPass pass) = 0;
+    // Drops the records that are finished. Called after every container has been checked.
+    virtual void RemoveTerminatedApps() = 0;
+};
+
+// A check that runs every so many cycles, on the loop's thread.
+class PeriodicCheck {
+public:
+    virtual ~PeriodicCheck() = default;
+
+    // May throw: the check runs again after its period.
+    virtual void Run() = 0;
+    // False while Run() would find nothing. The loop then does not wake up for this check.
+    virtual bool IsWanted() const { return true; }
+};
+
+// The cycles at which a periodic check is due.
+class CycleTimer {
+public:
+    // Due at the cycle `first`, counted from 0, and every `period` cycles after that.
+    constexpr CycleTimer(uint64_t first, uint64_t period) : next_(first), period_(period) {}
+
+    uint64_t GetNext() const { return next_; }
+
+    // True when the check is due at `cycle`, or was due at a cycle that was left out; the timer
+    // then moves on to the next cycle of its period.
+    bool TakeDue(uint64_t cycle) {
+        if (cycle < next_) {
+            return false;
+        }
+        next_ += ((cycle - next_) / period_ + 1) * period_;
+        return true;
+    }
+
+private:
+    uint64_t next_;
+    uint64_t period_;
+};
+
+class CheckLoop {
+public:
+    struct Periodic {
+        CycleTimer timer;
+        PeriodicCheck& check;
+    };
+
+    // The containers are checked in the given order, the periodic checks run in the given order.
+    // All of them, `requests` and `clock` must outlive this object.
+    CheckLoop(CheckRequests& requests, std::vector<std::reference_wrapper<Supervised>> containers,
+              std::vector<Periodic> checks, Clock& clock = Clock::System());
+
+    // Returns after requests.Stop().
+    void Run();
+
+private:
+    void CheckContainers(CheckPass pass);
+    void RunPeriodicChecks(uint64_t cycle);
+    // The time of the next cycle at which a periodic check is due and wanted.
+    SteadyTime NextDue(SteadyTime begin) const;
+
+    CheckRequests& requests_;
+    const std::vector<std::reference_wrapper<Supervised>> containers_;
+    std::vector<Periodic> checks_;
+    Clock& clock_;
+};
+
+}  // namespace ProcMgr

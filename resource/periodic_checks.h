@@ -1,0 +1,50 @@
+// The periodic checks of the check thread: the placement of processes and threads, together with
+// the recovery after a suspend of the system, and the registrations of the "pmupload" server.
+#pragma once
+
+#include "main/common/check_loop.h"
+#include "resource/affinity_check.h"
+#include "resource/delay_core_affinity.h"
+#include "resource/upload_registry.h"
+#include "resource/wake_up_watch.h"
+
+namespace ProcMgr {
+
+// Places the daemon's own threads and those of the priority applications, and restores all
+// placements after the system has been suspended.
+class PlacementCheck final : public PeriodicCheck {
+public:
+    // Both must outlive this object.
+    PlacementCheck(AffinityCheck& affinityCheck, DelayCoreAffinity& delayCoreAffinity)
+        : affinityCheck_(affinityCheck), delayCoreAffinity_(delayCoreAffinity) {}
+
+    void Run() override;
+
+    // The platform calls the daemon back before a suspend and after the resume, on any thread. A
+    // suspend that the platform has announced is not recovered from once more by Run().
+    void Suspend() { delayCoreAffinity_.Suspend(); }
+    void WakeUpRecover();
+
+private:
+    AffinityCheck& affinityCheck_;
+    DelayCoreAffinity& delayCoreAffinity_;
+    WakeUpWatch wakeUpWatch_;
+    // The check thread's. A recovery that has been found necessary stays due until it has been
+    // made.
+    bool isRecoveryDue_ = false;
+};
+
+// Drops the upload registrations of processes that are gone.
+class UploadCheck final : public PeriodicCheck {
+public:
+    // `registry` must outlive this object.
+    explicit UploadCheck(UploadRegistry& registry) : registry_(registry) {}
+
+    void Run() override { registry_.DropGone(); }
+    bool IsWanted() const override { return !registry_.IsEmpty(); }
+
+private:
+    UploadRegistry& registry_;
+};
+
+}  // namespace ProcMgr

@@ -1,0 +1,118 @@
+#include "main/common/check_loop.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/fakes/log_capture.h"
+#include "tests/main/common/fake_clock.h"
+
+namespace ProcMgr {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+
+class CheckLoopTest : public testing::Test {
+protected:
+    // Both record their calls as "MILLISECONDS NAME"; an extra pass adds "!", a removal "-".
+    struct Container final : Supervised {
+        Container(CheckLoopTest& owner, const char* label) : test(owner), name(label) {}
+        void Check(CheckPass pass) override {
+            test.Note(name + (pass == CheckPass::EXTRA ? "!" : ""));
+            if (onCheck) {
+                std::exchange(onCheck, nullptr)();
+            }
+        }
+        void RemoveTerminatedApps() override { test.Note("-" + name); }
+        CheckLoopTest& test;
+        std::string name;
+        std::function<void()> onCheck;  // once
+    };
+    struct Periodic final : PeriodicCheck {
+        Periodic(CheckLoopTest& owner, const char* label) : test(owner), name(label) {}
+        void Run() override {
+            test.Note(name);
+            if (isFailing) {
+                throw std::runtime_error("no memory");
+            }
+        }
+        bool IsWanted() const override { return isWanted; }
+        CheckLoopTest& test;
+        std::string name;
+        bool isWanted = true;
+        bool isFailing = false;
+    };
+
+    void SetUp() override { Fakes::LogCapture::Clear(); }
+
+    void Note(const std::string& what) {
+        calls_.push_back(std::to_string(clock_.Elapsed().count()) + " " + what);
+    }
+    // The calls of a loop that is stopped after `duration`.
+    std::vector<std::string> Run(std::chrono::milliseconds duration,
+                                 std::vector<std::reference_wrapper<Supervised>> containers,
+                                 std::vector<CheckLoop::Periodic> checks = {}) {
+        clock_.At(duration, [this] { requests_.Stop(); });
+        CheckLoop(requests_, std::move(containers), std::move(checks), clock_).Run();
+        EXPECT_EQ(Fakes::LogCapture::Count(LOG_WARNING, "PROCMGR: CheckThread exit now."), 1U);
+        return calls_;
+    }
+
+    FakeClock clock_;
+    CheckRequests requests_{clock_};
+    std::vector<std::string> calls_;
+    Container a_{*this, "a"};
+    Container b_{*this, "b"};
+};
+
+TEST_F(CheckLoopTest, ARequestIsServedOnTheGridAndAnUrgentOneAtOnceToo) {
+    a_.onCheck = [this] { requests_.Request(); };
+    clock_.At(85ms, [this] { requests_.Request(); });
+    clock_.At(130ms, [this] { requests_.RequestNow(); });
+    clock_.At(135ms, [this] { requests_.Request(); });
+    clock_.At(140ms, [this] { requests_.RequestNow(); });
+    EXPECT_THAT(Run(10s, {a_}),
+                ElementsAre("0 a", "0 -a", "30 a", "30 -a", "90 a", "90 -a", "130 a!", "130 -a",
+                            "140 a!", "140 -a", "150 a", "150 -a"));
+}
+
+TEST_F(CheckLoopTest, ALongPassDoesNotShiftTheGrid) {
+    a_.onCheck = [this] {
+        clock_.Sleep(100ms);
+        requests_.Request();
+    };
+    EXPECT_THAT(Run(10s, {a_, b_}), ElementsAre("0 a", "100 b", "100 -a", "100 -b", "120 a",
+                                                "120 b", "120 -a", "120 -b"));
+}
+
+TEST_F(CheckLoopTest, PeriodicChecksRunWhenTheyAreDueAndOnlyTheWantedOnesWakeTheLoop) {
+    Periodic often{*this, "often"};
+    Periodic rare{*this, "rare"};
+    clock_.At(700ms, [&] { often.isWanted = false; });
+    EXPECT_THAT(Run(2500ms, {}, {{CycleTimer(10, 11), often}, {CycleTimer(20, 21), rare}}),
+                ElementsAre("300 often", "600 rare", "630 often", "960 often", "1230 rare",
+                            "1860 often", "1860 rare", "2490 often", "2490 rare"));
+}
+
+TEST_F(CheckLoopTest, AFailureIsLoggedAndTheWorkTriedAgain) {
+    Periodic fails{*this, "fails"};
+    Periodic works{*this, "works"};
+    fails.isFailing = true;
+    a_.onCheck = [] { throw std::runtime_error("no process"); };
+    EXPECT_THAT(Run(100ms, {a_, b_}, {{CycleTimer(0, 100), fails}, {CycleTimer(0, 100), works}}),
+                ElementsAre("0 a", "0 fails", "0 works", "30 a", "30 b", "30 -a", "30 -b"));
+    for (const char* reason : {"no process", "no memory"}) {
+        EXPECT_EQ(Fakes::LogCapture::Count(
+                      LOG_ERR, std::string("PROCMGR: CheckThread : ") + reason + ", try again"),
+                  1U);
+    }
+}
+
+}  // namespace
+}  // namespace ProcMgr

@@ -1,0 +1,107 @@
+// The packets of the messaging library: exact bytes in both directions, bytes that are no packet,
+// and the socket calls at the edges of a connection. Also the paths of the sockets.
+#include "wire/packet.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <vector>
+
+#include "wire/packet_io.h"
+#include "wire/socket_paths.h"
+#include "wire/unique_fd.h"
+
+namespace Wire {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using testing::ElementsAreArray;
+
+const Bytes GOOD = {'M',  'U',  'X',  'A',  2,    0,    0,    0,      // magic, kind
+                    0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11};  // sequence
+constexpr PacketHeader CALL{PacketKind::CALL, 0x1122334455667788};
+
+TEST(Packet, HeaderInBothDirections) {
+    std::array<uint8_t, 16> header{};
+    EncodePacketHeader(CALL, header);
+    EXPECT_THAT(header, ElementsAreArray(GOOD));
+    Bytes bytes = GOOD;
+    bytes.push_back('b');
+    const auto packet = DecodePacket(bytes);
+    ASSERT_TRUE(packet);
+    EXPECT_EQ(packet->header.kind, CALL.kind);
+    EXPECT_EQ(packet->header.sequence, CALL.sequence);
+    EXPECT_THAT(packet->body, testing::ElementsAre('b'));
+}
+
+TEST(Packet, BytesThatAreNoPacketAreRefused) {
+    for (size_t length = 0; length < GOOD.size(); ++length) {
+        // In memory of exactly its length, so that the address sanitizer finds a read past the end.
+        const auto cut = std::make_unique<uint8_t[]>(length);
+        std::copy_n(GOOD.begin(), length, cut.get());
+        EXPECT_FALSE(DecodePacket({cut.get(), length})) << length;
+    }
+    const std::pair<size_t, uint8_t> changes[] = {
+        {0, 'm'}, {1, 'u'}, {2, 'x'}, {3, 'a'}, {4, 0}, {4, 4}, {5, 1}, {7, 0x80},
+    };
+    for (const auto& [offset, value] : changes) {
+        Bytes changed = GOOD;
+        changed[offset] = value;
+        EXPECT_FALSE(DecodePacket(changed)) << offset << ": " << int{value};
+    }
+    Bytes large = GOOD;
+    large.resize(16 + 65536);
+    EXPECT_TRUE(DecodePacket(large));
+    large.push_back(0);
+    EXPECT_FALSE(DecodePacket(large));
+}
+
+TEST(Packet, TravelsOverASocketUntilTheConnectionEnds) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
+    const UniqueFd near(ends[0]);
+    UniqueFd far(ends[1]);
+    Bytes buffer(PACKET_MAX);
+    Packet packet;
+    const Bytes largest(PACKET_BODY_MAX, 'x');
+    EXPECT_EQ(ReceivePacket(near.Get(), buffer, packet), ReceiveResult::NONE);
+    ASSERT_EQ(SendPacket(far.Get(), CALL, largest), SendResult::SENT);
+    ASSERT_EQ(ReceivePacket(near.Get(), buffer, packet), ReceiveResult::PACKET);
+    EXPECT_EQ(packet.header.sequence, CALL.sequence);
+    EXPECT_TRUE(std::ranges::equal(packet.body, largest));
+
+    ASSERT_EQ(SendPacket(far.Get(), {}, Bytes(PACKET_BODY_MAX + 1)), SendResult::SENT);
+    EXPECT_EQ(ReceivePacket(near.Get(), buffer, packet), ReceiveResult::ENDED) << "too long";
+    while (SendPacket(near.Get(), {}, {}) == SendResult::SENT) {
+    }
+    EXPECT_EQ(SendPacket(near.Get(), {}, {}), SendResult::FULL);
+    // The far end is closed with packets unread: what it has sent before can still be received.
+    ASSERT_EQ(SendPacket(far.Get(), CALL, {}), SendResult::SENT);
+    far.Reset();
+    EXPECT_EQ(SendPacket(near.Get(), {}, {}), SendResult::BROKEN);
+    EXPECT_EQ(ReceivePacket(near.Get(), buffer, packet), ReceiveResult::PACKET);
+    EXPECT_EQ(ReceivePacket(near.Get(), buffer, packet), ReceiveResult::ENDED);
+}
+
+TEST(SocketPaths, EscapeWhatNoFileNameHas) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"a.B-c_9", "/run/muxa/pipe/a.B-c_9"},
+        {"../x", "/run/muxa/pipe/..%2Fx"},
+        {"a b%\xC3\xBC", "/run/muxa/pipe/a%20b%25%C3%BC"},
+        {std::string("a\0b", 3), "/run/muxa/pipe/a%00b"},
+        {"", ""},
+        {".", ""},
+        {"..", ""},
+    };
+    for (const auto& [name, path] : cases) {
+        EXPECT_EQ(PipePath(name), path) << name;
+    }
+    EXPECT_EQ(ServerPath("a/b"), "/run/muxa/server/a%2Fb");
+}
+
+}  // namespace
+}  // namespace Wire
