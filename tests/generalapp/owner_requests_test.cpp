@@ -55,14 +55,10 @@ protected:
     OwnerPipes pipes_{[](int32_t, const MuxaRequest*, const std::string&) {}};
     ReportSender sender_{pipes_, nullptr};
     OwnerReports reports_{pipes_, sender_};
-    BaseServices baseServices_{launcher_, reportedState_, checks_, pipes_, reports_};
+    App::SensorNodeEventReporter& faults_ = App::SensorNodeEventReporter::GetInstance();
+    BaseServices baseServices_{launcher_, reportedState_, checks_, pipes_, reports_, faults_};
     StartupConfig config_;
-    GeneralApps apps_{launcher_,
-                      checks_,
-                      reports_,
-                      config_,
-                      {.isZornReady = [] { return true; },
-                       .getOwners = [] { return std::vector<std::string>{"zornmgr"}; }}};
+    GeneralApps apps_{launcher_, checks_, reports_, faults_, config_, baseServices_};
     App::ManagedRecords records_{{}, [](const std::string&) { return false; }};
     DelayCoreAffinity delayed_{cgroups_, affinity_, BindCount::GetInstance(), records_};
     Readiness readiness_{baseServices_, reports_, sender_, apps_};
