@@ -70,6 +70,7 @@ private:
 
 RequestMsg QueryOf(int count) {
     std::vector<std::string> names;
+    names.reserve(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) {
         names.push_back("application" + std::to_string(i));
     }
