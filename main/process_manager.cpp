@@ -95,10 +95,8 @@ ProcessManager::ProcessManager(const std::string& path)
                     const std::string& owner) { dispatch_.RequestMsgHandler(fd, request, owner); },
              &sender_),
       reports_(pipes_, sender_),
-      baseServices_(launcher_, reportedState_, checks_, pipes_, reports_,
-                    faults_),
-      generalApps_(launcher_, checks_, reports_, faults_,
-                   startupConfig_, baseServices_),
+      baseServices_(launcher_, reportedState_, checks_, pipes_, reports_, faults_),
+      generalApps_(launcher_, checks_, reports_, faults_, startupConfig_, baseServices_),
       managedRecords_(
           {[this](const App::RecordVisitor& visitor) { return baseServices_.Visit(visitor); },
            [this](const App::RecordVisitor& visitor) { return generalApps_.Visit(visitor); }},
