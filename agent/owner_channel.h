@@ -56,7 +56,8 @@ public:
     bool ReportRunning();
     bool ReportTerminating();
 
-    // The same for any state. INIT and RESTARTING have a meaning only for the access manager.
+    // Reports the given state, with the same result. INIT and RESTARTING have an effect only when
+    // the access manager reports them.
     bool ReportState(BaseServiceStateType state) PROCMGR_EXCLUDES(mutex_);
 
     // Ask the daemon to start, restart or end applications. True when all records of the request

@@ -1,5 +1,6 @@
 // Upload registration: a process that the daemon may not have started asks the daemon for
-// share-pool groups. Such a process includes this header; it needs no OwnerChannel.
+// share-pool groups. The program of such a process includes this header; it does not need the class
+// OwnerChannel.
 #pragma once
 
 #include <chrono>
@@ -18,7 +19,7 @@ namespace ProcMgr::Agent {
 // answer within `timeout`, when the daemon ends the connection or its answer is malformed, or when
 // the name, a group or the path of the executable does not fit into the record.
 //
-// May be called from any thread, also by several at a time; waits up to `timeout`.
+// May be called from any thread, also on several threads at a time; waits up to `timeout`.
 std::optional<Message::UploadResponse> RegisterUpload(const std::string& name,
                                                       const std::vector<std::string>& groups,
                                                       std::chrono::milliseconds timeout);

@@ -12,7 +12,8 @@
 //   RESTARTING   general applications: the old process is being stopped, or (restartStarted_) the
 //                new one has been forked.
 // ChangeState() is the only function that writes the state. CheckState() of the derived classes
-// moves the record to its next state and leaves in reportType_ what is to be reported about it.
+// moves the record to its next state and stores in reportType_ the type of the report about that
+// change.
 #pragma once
 
 #include <sys/types.h>
@@ -73,11 +74,12 @@ public:
 
     // The part of the record that a manifest defines.
     const AppSpec& GetSpec() const { return *this; }
-    // Replaces that part, for the next process; pid, state and exit stay.
+    // Replaces the specification, for the next process; pid, state and exit status are kept.
     void TakeSpec(AppSpec spec) { static_cast<AppSpec&>(*this) = std::move(spec); }
 
-    // True from the end of a process until it is certain whether a restart replaces it. Services
-    // that depend on this one wait meanwhile.
+    // True from the end of a process until supervision has decided about a restart and, if it
+    // restarts the service, has forked the new process. Base start-up waits for that before it
+    // starts services that depend on this one.
     bool IsUndecided() const {
         return (isLaunching_ && !IsAlive()) || (exitStatusSet_ && state_ != TERMINATED);
     }
@@ -109,7 +111,8 @@ public:
 protected:
     AppInfo(const ApplicationManifest& manifest, const std::string& appName,
             const std::string& owner);
-    // Only the derived records are copied: a copy of this part alone would lose theirs.
+    // Protected, so that only complete derived records are copied: a copy of an AppInfo would lose
+    // the fields of the derived class.
     AppInfo(const AppInfo&) = default;
     AppInfo& operator=(const AppInfo&) = default;
     AppInfo(AppInfo&&) = default;

@@ -1,6 +1,6 @@
 // The specification of one application: the values of its manifest, as one value that is copied as
-// a whole. A record is started by a specification, and the record of a general application keeps
-// the configuration's present one beside the one that its process was started by.
+// a whole. The record of a general application holds two specifications: the one that its process
+// was started with, and the current one of the configuration.
 #pragma once
 
 #include <cstdint>

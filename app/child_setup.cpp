@@ -25,7 +25,7 @@ constexpr int EXIT_SETUP_FAILED = 1;
 // The exit status after an input/output error of the medium that holds the program.
 constexpr int EXIT_INPUT_OUTPUT_ERROR = 125;
 
-// A child that cannot set its identity must not execute its program.
+// GIVE_UP ends the child without executing the program; used when its user or groups cannot be set.
 enum class StepResult { GO_ON, GIVE_UP };
 
 // The dispositions are reset before the mask is opened: a signal that is pending then takes its
@@ -232,9 +232,10 @@ StepResult SetStartupEntry(ChildContext& child) {
     return StepResult::GO_ON;
 }
 
-// Whether the child of a delayed application keeps all cores until the application is bound. All
-// cores come first, because the child has inherited the daemon's own. A bind since the fork may
-// have pinned the child before that; the child then has to pin itself, and the result is false.
+// Whether the child of a delayed application keeps all cores until the application is bound. The
+// child is first set to all cores, because it has inherited the daemon's cores. When delayed
+// applications have been bound since the fork, that bind may have come before this call: the child
+// then has to pin itself, and the function returns false.
 bool IsBindAwaited(ChildContext& child) {
     if (!child.plan.isDelayed) {
         return false;
@@ -243,7 +244,7 @@ bool IsBindAwaited(ChildContext& child) {
     return child.binds.Get() == child.bindsBeforeFork;
 }
 
-// The parent logs it when the accelerator's tasks file is missing.
+// A missing tasks file of the accelerator's cpuset is logged by the parent, in ForkChild().
 StepResult BindCores(ChildContext& child) {
     if (IsBindAwaited(child)) {
         return StepResult::GO_ON;

@@ -25,7 +25,7 @@ constexpr int EXIT_NOT_EXECUTED = 127;
 constexpr std::string_view PLAIN_CHARACTERS =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._/+-@";
 
-// The path as one word of a shell command.
+// The path, quoted for use as one argument in a shell command.
 std::string ShellWord(const std::string& path) {
     if (path.find_first_not_of(PLAIN_CHARACTERS) == std::string::npos) {
         return path;

@@ -1,7 +1,6 @@
-// The record of a general application: a process that an owner requests, that its owner terminates
-// and restarts with a time-out, and whose new configuration counts from its next start. The
-// container of the general applications holds these records through shared pointers and guards them
-// with its lock.
+// The record of a general application: a process that an owner starts, terminates and restarts by
+// requests. A changed configuration takes effect at the next start. The container of the general
+// applications holds these records through shared pointers and guards them with its lock.
 #pragma once
 
 #include <cstdint>
@@ -43,7 +42,8 @@ public:
     SteadyTime GetTermStartTime() const { return termStartTime_; }
 
     // Stores the specification of the process that a restart will start. TakeNext() makes it the
-    // record's own, once the old process has ended; without a stored one the record stays as it is.
+    // record's own, once the old process has ended; without a stored specification TakeNext()
+    // changes nothing.
     void SetNext(AppSpec spec) { next_ = std::move(spec); }
     void TakeNext();
 

@@ -19,7 +19,7 @@ namespace {
 constexpr size_t HASH_LINE_LENGTH = 255;
 constexpr int ATTEMPTS = 5;
 constexpr std::chrono::milliseconds ATTEMPT_PAUSE{1};
-// For all attempts of one check together.
+// The time limit of one check, over all its attempts.
 constexpr std::chrono::seconds DIGEST_PATIENCE{60};
 
 // The last component of a path, without trailing slashes; nothing when no slash precedes it.

@@ -17,12 +17,13 @@ public:
     // once, before the first start. Without the file no executable is protected.
     void Load(const std::string& path);
 
-    // Whether the table has a digest for the executable, so that IntegrityProtect() takes one.
+    // Whether the table has a digest for the executable; only then IntegrityProtect() runs
+    // sha256sum.
     bool IsProtected(const std::string& appPath) const;
 
-    // True when the executable is not protected or has the expected digest; false, with a log line
-    // for every other failure than a wrong digest. Waits for a sha256sum command, 60 s at most. Any
-    // thread, not with a lock held.
+    // True when the executable is not protected or has the expected digest. False otherwise; every
+    // failure is logged, except a wrong digest, which the caller logs. Waits for a sha256sum
+    // command, 60 s at most. Any thread, not with a lock held.
     bool IntegrityProtect(const std::string& appPath);
 
     // Ends every digest that is being taken, now and later; IntegrityProtect() returns false then.

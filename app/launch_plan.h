@@ -1,5 +1,5 @@
-// Everything that a child needs between fork and execv. ProcessLauncher computes the plan in the
-// parent, before the fork; the child only reads it.
+// Everything that a child needs between fork and execv. ProcessLauncher::Prepare() computes the
+// plan in the parent, before the fork and without a lock; the child only reads it.
 #pragma once
 
 #include <sys/types.h>
@@ -33,14 +33,15 @@ struct LaunchPlan {
     UserGroups userGroups;
 
     bool raiseRealTimeLimit = false;
-    // A policy of the operating system; none: the child keeps the daemon's.
+    // The scheduling policy; without a value the child keeps the policy of the daemon.
     std::optional<int> schedPolicy;
     int rtPriority = -1;
     int nice = 0;
 
     // The tasks files of the application's control groups.
     std::vector<std::string> taskFiles;
-    // None when the application has no cores of its own and the ordinary cores are not known.
+    // Without a value when the manifest gives no cores and the list of cores for ordinary software
+    // has not been read: the child is then not pinned.
     std::optional<CoreMask> coreMask;
     // The application may use every core until it is bound to its own.
     bool isDelayed = false;

@@ -18,8 +18,8 @@
 namespace ProcMgr::App {
 namespace {
 
-// Runs an action after the fork. An exception of the action ends here, so that the caller learns of
-// the child in any case.
+// Runs an action after the fork. Catches std::bad_alloc, so that Fork() returns the pid of the
+// child in any case.
 template <typename Action>
 void WithChild(const Action& action) {
     try {
@@ -98,7 +98,8 @@ pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
     const pid_t child = Sys::fork();
     const int error = errno;
     if (child == 0) {
-        // An exception must not reach the daemon's code: only the parent may run that.
+        // An exception must not leave this function in the child: only the parent may run the
+        // daemon's code.
         try {
             RunChild(context);
         } catch (const std::exception&) {
@@ -109,7 +110,8 @@ pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
         app.SetStarted(child);
     }
     Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    // Lets a child that waits for this core run first: a start takes most of its time in execv.
+    // Gives up the processor, so that a child that is queued on this core runs first: most of the
+    // time of a start is spent in the child's execv.
     Sys::sched_yield();
     if (child > 0 && !plan.isDelayed && plan.coreMask && !context.aiTasks.IsValid()) {
         WithChild([&] { CoreAffinityMgr::LogMissingAiCpuset(child, *plan.coreMask); });

@@ -62,8 +62,8 @@ void Reaper::Collect(const siginfo_t& exit) {
     if (!isStored) {
         ProcMgrLog(LOG_WARNING, "PROCMGR: can not find app, pid=%d", pid);
     }
-    // Does not wait: a thread that runs a command may have collected the zombie already, and the
-    // pid may belong to another child, which is still alive.
+    // WNOHANG: code of a library may have collected the zombie already, and the pid may belong to
+    // another child, which is still alive.
     waitpid(pid, nullptr, WNOHANG);
 }
 

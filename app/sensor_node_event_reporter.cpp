@@ -43,8 +43,8 @@ int32_t SensorNodeEventReporter::FaultFlag(uint16_t nodeType, uint8_t sensorType
     return nodeType == FAULT_NODE_TYPE && sensorType != SENSOR_TYPE ? 1 : 0;
 }
 
-// When the worker refuses a job because too many wait, the next job that it takes shows all nodes
-// again, from the stored faults.
+// When the worker refuses a job because too many wait, isStale_ is set; the next accepted job then
+// sends the last stored fault of every node again.
 void SensorNodeEventReporter::Post(SerialWorker::Job job) {
     const bool isTaken = worker_.Post([this, job = std::move(job)] {
         job();

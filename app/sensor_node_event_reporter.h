@@ -32,8 +32,9 @@ struct SensorNodeConfig {
     int32_t deviceId = -1;  // -1 or 0: every device
 };
 
-// All functions are callable from any thread and, unless they state otherwise, with any lock held:
-// they only queue a job. The worker calls the device library, in the order of the calls here.
+// All functions are callable from any thread and, unless their comment says otherwise, with a
+// container's lock held: they only queue a job. The device worker calls the device library, in the
+// order in which the jobs were queued.
 class SensorNodeEventReporter {
 public:
     // `worker` must outlive this object and have done all its jobs before this object is destroyed.
@@ -56,13 +57,13 @@ public:
     // registration failed or is not done within a second. Not with a lock held.
     bool RegisterSensorNode(const SensorNodeConfig& config) PROCMGR_EXCLUDES(mutex_);
 
-    // Sends an event to every device of a registered node, unless it is the node's last event. For
-    // events that are not faults of an application, so that nothing is stored. `fault` is the fault
-    // flag of FaultFlag().
+    // Sends an event to every device of a registered node, unless it is the node's last event.
+    // Stores nothing: faults of applications are reported by Raise(). `fault` is the fault flag of
+    // FaultFlag().
     void ReportEvent(const std::string& name, int32_t event, int32_t fault = 0);
 
-    // Drops the stored faults of a node and unregisters it; for a node that is given up while the
-    // daemon goes on.
+    // Drops the stored faults of a node and unregisters it. The daemon itself does not call this:
+    // it unregisters all nodes at its stop.
     void UnregisterSensorNode(const std::string& name) PROCMGR_EXCLUDES(mutex_);
     void UnregisterAll() PROCMGR_EXCLUDES(mutex_);
 

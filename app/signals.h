@@ -1,5 +1,6 @@
 // Signals to managed processes. Called with the lock of the record's container held, and only while
-// the exit of the process has not been collected: a pid that is free must never be signalled.
+// the exit of the process has not been collected: the pid of a collected process may belong to
+// another process.
 #pragma once
 
 #include <cstdint>

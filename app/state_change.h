@@ -45,8 +45,8 @@ inline constexpr std::array TRANSITIONS = {
     StateChange{TERMINATING, TERMINATING, ChangeReason::TERMINATION},
     StateChange{RESTARTING, TERMINATING, ChangeReason::TERMINATION},
     StateChange{TERMINATING, RUNNING, ChangeReason::TERM_TIMED_OUT},
-    // General applications: either the running process is to end first, or there was no process and
-    // the new one has been forked.
+    // Restart of a general application: from RUNNING, the old process has to end first; from
+    // INITSTATE and TERMINATED, the new process has been forked already.
     StateChange{RUNNING, RESTARTING, ChangeReason::RESTART},
     StateChange{INITSTATE, RESTARTING, ChangeReason::RESTART},
     StateChange{TERMINATED, RESTARTING, ChangeReason::RESTART},

@@ -1,6 +1,6 @@
-// The system calls of a launch and of the child set-up, under their own names in a namespace. A
-// header of the same name that comes earlier on the include path can replace them; the tests of the
-// child set-up record the calls that way and make each one fail.
+// The system calls of a launch and of the child set-up, under their own names in a namespace. The
+// tests of the child set-up put a header of the same name earlier on the include path: it records
+// the calls and can make each one fail. Code between fork and execv calls these names only.
 #pragma once
 
 #include <grp.h>

@@ -34,7 +34,8 @@ UserGroups LookUpUserGroups(uint32_t uid) {
     int count = USER_GROUPS_MAX;
     found.groups.resize(USER_GROUPS_MAX);
     const int listed = getgrouplist(user->pw_name, user->pw_gid, found.groups.data(), &count);
-    // Every child inherits the memory, so the record is wiped.
+    // The record is overwritten, because every child inherits the memory, and the record may
+    // contain the password hash of the user.
     if (memset_s(texts.data(), texts.size(), 0, texts.size()) != 0 ||
         memset_s(user, sizeof(*user), 0, sizeof(*user)) != 0) {
         found.result = UserGroups::Result::NOT_WIPED;
@@ -95,7 +96,8 @@ UserGroups UserGroupsCache::LookUp(uint32_t uid) {
     const std::string stamp = ReadStamp();
     UserGroups user = LookUpUserGroups(uid);
     const LockGuard lock(mutex_);
-    // A result from before a change of the database is not kept for the time after it.
+    // The stamp is compared again: a result that was read before the database changed is not
+    // stored.
     if (user.result == UserGroups::Result::FOUND && stamp == stamp_) {
         found_.insert_or_assign(uid, user);
     }

@@ -1,9 +1,9 @@
 // The container of the base services: the records of the services that have been started, in start
-// order, and their lock. Base start-up adds records, the reaper stores exits, CheckThread moves the
-// records from state to state and restarts services that have died, and the request handlers store
-// the states that services report. Reports are queued under the lock, in the order of the changes;
-// everything that may wait (the checks before a launch, the messaging and the heartbeat library)
-// is done without the lock.
+// order, and their lock. Base start-up adds records, the reaper stores exits, the check thread
+// moves the records from state to state and restarts services that have died, and the request
+// handlers store the states that services report. Reports are queued under the lock, in the order
+// of the changes; everything that may wait (the checks before a launch, the messaging and the
+// heartbeat library) is done without the lock.
 //
 // While a record is being launched (isLaunching_) it belongs to the thread that launches it, until
 // the new process has its pipe and its heartbeat watch. Supervision leaves the record alone in that
@@ -43,8 +43,8 @@ public:
 
     // Starts the program of the record, adds a copy of the record and reports the start. The lock
     // is held from before the fork until the record is in the list, so the reaper finds the record
-    // however early the child dies. False, with a log line, when there is no process. After true
-    // the record is being launched until Announce().
+    // however early the child dies. False, with a log line, when there is no process. When the
+    // function has returned true, isLaunching_ stays set until Announce() returns.
     bool Start(App::BaseAppInfo& record) PROCMGR_EXCLUDES(mutex_);
 
     // Completes the launch of a service after Start(): opens the pipe and starts the heartbeat
@@ -68,13 +68,13 @@ public:
     // process. Called by the reaper before the pid is freed.
     bool SetExitStatus(int32_t pid, int32_t status) PROCMGR_EXCLUDES(mutex_);
 
-    // One pass of CheckThread over all records: moves them from state to state and handles the
+    // One pass of the check thread over all records: moves them from state to state and handles the
     // services that have died one after the other (report, fault event, pipe, restart by policy).
     void CheckBaseApps(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
     void Check(CheckPass pass) override PROCMGR_EXCLUDES(mutex_) { CheckBaseApps(pass); }
 
     // Removes the services that have ended and are not restarted, with their pipes and heartbeat
-    // watches. Called by CheckThread after each pass.
+    // watches. Called by the check thread after each pass.
     void RemoveTerminatedApps() override PROCMGR_EXCLUDES(mutex_);
 
     // Stores the state that a service has reported, RUNNING or TERMINATING. Ignored when the
@@ -134,8 +134,8 @@ private:
     // Restarts a service that has died if its policy allows it. A launch that may take long is
     // handed to another thread; `guard` is then disarmed.
     void RestartByPolicy(const std::string& name, LaunchGuard& guard) PROCMGR_EXCLUDES(mutex_);
-    // Decides about the restart and logs the decision. A copy of the record for a restart, nothing
-    // for none.
+    // Decides about the restart and logs the decision. Returns a copy of the record when the
+    // service is to be restarted.
     std::optional<Record> DecideRestart(const std::string& name) PROCMGR_EXCLUDES(mutex_);
     void PrepareAndRestart(const Record& copy) PROCMGR_EXCLUDES(mutex_);
     void Reconnect(const Record& record) PROCMGR_EXCLUDES(mutex_);
@@ -153,8 +153,8 @@ private:
     bool NeedsCheck(const Record& record, CheckPass pass, SteadyTime now) const
         PROCMGR_REQUIRES(mutex_);
     Record* Find(const std::string& name) PROCMGR_REQUIRES(mutex_);
-    // Starts a service that has ended again, by `plan`. Returns its record, or null, with a log
-    // line, when there is no new process.
+    // Starts a new process, by `plan`, for a service whose process has ended. Returns its record,
+    // or null, with a log line, when there is no new process.
     const Record* RestartBaseApp(const std::string& name, std::optional<App::LaunchPlan> plan)
         PROCMGR_REQUIRES(mutex_);
     void CheckOne(Record& record) PROCMGR_REQUIRES(mutex_);

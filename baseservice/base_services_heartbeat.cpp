@@ -52,7 +52,8 @@ int BaseServices::HeartBeatNotify(const char* name, size_t nameLength, int32_t p
         case HEARTBEAT_LOST:
             ProcMgrLog(LOG_INFO, "Process heart beat notify. (app=%s,pid=%d,status=lost)",
                        app.c_str(), pid);
-            // The watch of a process that has ended is over, and nobody would withdraw its fault.
+            // No fault is raised for a process that has ended: its heartbeat watch has been
+            // removed, and no later call would withdraw the fault.
             if (record->IsAlive() && record->pid_ == pid) {
                 RaiseFault(*record, App::EVENT_HEARTBEAT_LOST);
             }

@@ -1,5 +1,5 @@
-// The supervision of the base services by CheckThread: state checks, the handling of services that
-// have died, restarts, the end of launches, and the removal of records.
+// The supervision of the base services by the check thread: state checks, the handling of services
+// that have died, restarts, the end of launches, and the removal of records.
 #include <algorithm>
 #include <chrono>
 #include <new>
@@ -83,7 +83,7 @@ std::optional<BaseServices::Record> BaseServices::CheckNext(CheckPass pass, size
             ReportEnd(record);
             return copy;
         }
-        // A record that has just become RUNNING has a report type that the next pass clears.
+        // The pass requested here resets reportType_ of a record that has just become RUNNING.
         if (NeedsCheck(record, CheckPass::PERIODIC, now)) {
             checks_.Request();
         }
@@ -102,7 +102,8 @@ bool BaseServices::NeedsCheck(const Record& record, CheckPass pass, SteadyTime n
     if (record.GetState() == TERMINATED) {
         return record.IsRestartable() && !isStopping_;
     }
-    // Until its exit, the state of such a record changes only by a report of the service.
+    // A service that is TERMINATING, or STARTING and has promised to report, changes its state only
+    // by its own report or by its exit.
     const bool isWaiting =
         record.GetState() == TERMINATING || (record.GetState() == STARTING && record.isReporting_);
     if (isWaiting && record.IsAlive()) {
@@ -137,7 +138,7 @@ void BaseServices::ReportEnd(Record& record) try {
                                   record.exitedWith125_ ? RESULT_INPUT_OUTPUT_ERROR : RESULT_NONE);
     RaiseFault(record, App::EVENT_START_FAILED);
 } catch (const std::bad_alloc&) {
-    // Without the mark the next pass checks the record again and repeats the report.
+    // isLaunching_ is reset, so that the next pass checks the record again and repeats the report.
     record.isLaunching_ = false;
     throw;
 }

@@ -38,7 +38,7 @@ public:
     bool CheckDepends(const std::set<std::string>& depends, const std::string& name);
 
     // Waits until the service has reported RUNNING or TERMINATING, has ended, or start-up ends.
-    // Returns whether the service is to be started once more; no outcome asks for that at present.
+    // Always returns false; true is reserved for `start the service once more`.
     bool WaitBaseAppReport(const std::string& name);
 
     // Logs the flag and returns it. The place where start-up would switch on the hardware watchdog.

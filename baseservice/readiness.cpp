@@ -18,7 +18,7 @@ void Readiness::HandleBaseServiceState(const std::string& owner, BaseServiceStat
         case BaseServiceStateType::INIT:
             if (isZorn) {
                 IntroduceTo(owner);
-                // Cleared, so that HandleReady() does not queue the same once more.
+                // Reset, so that HandleReady() does not call IntroduceTo() a second time.
                 wasZornReady_ = false;
                 HandleReady(owner);
                 wasZornReady_ = true;
@@ -46,7 +46,8 @@ void Readiness::HandleReady(const std::string& owner) {
         sender_.Flush();
         return;
     }
-    // A new process of the access manager does not know what its predecessor has received.
+    // A new process of the access manager has not received the reports that the previous process
+    // received.
     if (wasZornReady_.exchange(true)) {
         IntroduceTo(owner);
     }

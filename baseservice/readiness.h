@@ -14,7 +14,8 @@ class BaseServices;
 class OwnerReports;
 class ReportSender;
 
-// Reports about applications that wait for the access manager to be ready.
+// The reports about applications that are held back until the access manager is ready. Implemented
+// by GeneralApps.
 class HeldBackReports {
 public:
     virtual ~HeldBackReports() = default;
@@ -34,17 +35,18 @@ public:
     void HandleBaseServiceState(const std::string& owner, BaseServiceStateType state);
 
 private:
-    // Notes that the present process of the service is ready, and sends what waited for that.
+    // Stores that the present process of the service is ready, and sends the reports that were held
+    // back until then.
     void HandleReady(const std::string& owner);
-    // Queues all that a new process of the access manager has to know.
+    // Queues the report about the daemon itself and a picture.
     void IntroduceTo(const std::string& accessManager);
 
     BaseServices& services_;
     OwnerReports& reports_;
     ReportSender& sender_;
     HeldBackReports& heldBack_;
-    // The access manager has been ready once since the daemon's start. From then on a new process
-    // of it gets all states anew.
+    // The access manager has been ready once since the daemon's start. From then on each new
+    // process of the access manager receives all states again.
     std::atomic<bool> wasZornReady_{false};
 };
 

@@ -1,7 +1,7 @@
 // The condition on which base start-up waits for the base services: a counter of the changes of
 // their states, and a stop flag. Base start-up reads the counter and waits; the request handlers,
-// CheckThread and the stop of the daemon wake it. The mutex is the innermost one of the lock order:
-// no other mutex is taken while a thread holds it.
+// the check thread and the stop of the daemon wake it. Its mutex is the last of the three ordered
+// locks: no other mutex is taken while it is held.
 #pragma once
 
 #include <cstdint>

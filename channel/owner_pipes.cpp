@@ -68,7 +68,8 @@ bool OwnerPipes::RegServiceCallBack(const std::string& owner, uint32_t gid, int3
 }
 
 // One thread at a time opens the pipes of an owner, because the messaging library opens a name only
-// once. The thread goes on while others ask for a newer pipe. False when the last attempt failed.
+// once. When another thread registers the owner again in the meantime, the opening thread opens
+// that newer pipe as well. False when the last attempt failed.
 bool OwnerPipes::OpenWaiting(const std::string& owner) {
     bool isOpen = true;
     for (bool isMine = false;;) {

@@ -16,15 +16,16 @@
 
 namespace ProcMgr {
 
-// The events of pipes that the report thread has to know. Both functions are called on the thread
-// that causes the event, without a lock.
+// The events of pipes on which the report thread acts. Implemented by ReportSender. Both functions
+// are called on the thread that causes the event, without a lock.
 class PipeEvents {
 public:
     virtual ~PipeEvents() = default;
 
     // The owner's pipe has been opened.
     virtual void OnPipeOpen(const std::string& owner) = 0;
-    // A pipe could not be closed at once: OwnerPipes::NextClose() has changed.
+    // A pipe could not be closed at once: the report thread has to call OwnerPipes::NextClose()
+    // again.
     virtual void OnPipeBusy() = 0;
 };
 
@@ -63,12 +64,13 @@ private:
     };
     struct Pipe {
         int fd = NOT_OPEN;
-        uint64_t changes = 0;           // registrations and their ends; an open that was begun
-                                        // before the last of them is out of date
+        // Number of registrations and unregistrations; a pipe whose opening began before the last
+        // of them is closed again.
+        uint64_t changes = 0;
         bool isOpening = false;         // a thread is in OpenWaiting()
         int busyFd = NOT_OPEN;          // a pipe that is still to be closed
-        int attempts = 0;               // made to close busyFd
-        SteadyTime due{};               // of the next attempt to close busyFd
+        int attempts = 0;               // number of attempts to close busyFd
+        SteadyTime due{};               // time of the next attempt to close busyFd
         std::optional<Target> waiting;  // for a pipe that is to be opened when busyFd is closed
     };
     static constexpr int NOT_OPEN = -1;

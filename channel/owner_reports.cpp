@@ -48,7 +48,8 @@ bool OwnerReports::Report(ProcMgr::Report report, const std::string& owner) {
         return true;
     }
     LogNoPipe(report, owner);
-    // An owner that has never had a pipe never gets a picture either.
+    // The states are not kept for an owner that has never had a pipe: no picture is ever sent to
+    // it.
     if (pipes_.IsKnown(owner)) {
         sender_.Miss(owner, report);
     }

@@ -1,6 +1,6 @@
-// All reports of states to owners and to the access manager go through this class. Callable from
-// any thread with any lock held, but for Flush(), which needs none to be held: a report is queued,
-// in the order of the calls, and sent by Flush().
+// Queues all reports of states to owners and to the access manager, in the order of the calls;
+// Flush() sends them. All functions are callable from any thread; all but Flush() may be called
+// with any lock held.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +31,7 @@ public:
                                const std::string& owner) override;
     void Flush() override { sender_.Flush(); }
 
-    // Reports the daemon itself to the access manager.
+    // Reports to the access manager that the daemon itself runs.
     void RegisterVfs();
 
 private:

@@ -11,7 +11,7 @@ namespace ProcMgr {
 void LogSent(const Report& report, const std::string& owner);
 // The owner has no open pipe.
 void LogNoPipe(const Report& report, const std::string& owner);
-// The messaging library has refused a record for good.
+// The messaging library has refused a record, and no further attempt is made.
 void LogNotSent(const Report& report, const std::string& owner, int fd, int result);
 void LogNotPacked(const std::string& owner);
 void LogNotCombined(const std::string& owner);

@@ -99,7 +99,8 @@ void ReportSender::Overflow(const std::string& name, Owner& owner) {
 void ReportSender::KeepMissed(Owner& owner, const Report& report) {
     for (const AppStateInfo& state : report.states) {
         const bool isRoom = owner.missed.size() < ITEMS_MAX || owner.missed.contains(state.appName);
-        // A longer name, which no application has, can come from an answer to a request.
+        // The name in an answer comes from the request and may be longer than the name of any
+        // application.
         if (!isRoom || state.appName.size() > NAME_MAX_LENGTH) {
             continue;
         }
@@ -145,8 +146,8 @@ void ReportSender::FlushOwner(const std::string& name, SteadyTime now) {
     }
     owner.isBusy = true;
     bool isTaken = true;
-    // At most as many reports as are queued now: other threads that go on posting must not keep
-    // this one here.
+    // The loop sends at most as many reports as are queued now, so that posts of other threads
+    // cannot prolong it without end.
     for (size_t left = owner.queue.size() + 1; left > 0 && isTaken && owner.HasWork(); --left) {
         TakeHead(owner);
         owner.isRetryDue = false;
@@ -232,8 +233,9 @@ ReportSender::Outcome ReportSender::SendRecords(const std::string& name, Sending
     return Outcome::SENT;
 }
 
-// The owner has a new pipe, or none. A new process of the owner does not know the records that the
-// old one has received.
+// Called when the descriptor of the owner's pipe has changed. The report is encoded and sent again
+// from its first record, because a new process of the owner has not received the records that were
+// sent to the old process.
 void ReportSender::Restart(const std::string& name, Sending& sending, int fd) {
     sending.fd = fd;
     sending.records.clear();

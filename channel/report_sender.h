@@ -4,10 +4,10 @@
 // is queued. A report that a pipe does not take is sent by one thread, the report thread, in order
 // and by the retry rule of the messaging library.
 //
-// An owner has missed something when a report to it has failed for good or its queue has
-// overflowed. The owner then gets a picture: the present state of each of its applications, and the
-// last report about each application that has no record any more. The picture is sent as soon as
-// the owner's pipe takes records.
+// An owner has missed a report when the report has finally failed (see Outcome) or the owner's
+// queue has overflowed. The owner then gets a picture: the present state of each of its
+// applications, and the last report about each application that has no record any more. The picture
+// is sent as soon as the owner's pipe takes records.
 #pragma once
 
 #include <cstddef>
@@ -26,7 +26,8 @@
 
 namespace ProcMgr {
 
-// The occasion of a report. It selects the log lines about the report's outcome.
+// What caused a report; selects the log lines about its outcome. SELF: the report about the daemon
+// itself.
 enum class ReportCause { PLAIN, STATE_TO_ZORN, CHANGES_TO_ZORN, CHANGES_TO_OWNER, SELF };
 
 // One report to one owner: states, or the answer to a query.
@@ -34,7 +35,9 @@ struct Report {
     ReportCause cause = ReportCause::PLAIN;
     std::vector<Message::AppStateInfo> states;
     std::map<std::string, uint32_t> statuses;
-    bool isAnswer = false;   // to a request, which may name any number of applications
+    // the report answers a request; its number of items is then not bounded by the number of
+    // applications
+    bool isAnswer = false;
     bool isPicture = false;  // `states` is filled in when the report is sent
     uint64_t number = 0;     // the position among all reports to this owner, from 1
 };
@@ -58,9 +61,11 @@ public:
 
     // Queues a report; the next Flush() sends it. Any lock may be held.
     void Post(const std::string& owner, Report report) PROCMGR_EXCLUDES(mutex_);
-    // Keeps a report for the owner's picture that cannot be sent because the owner has no pipe.
+    // Stores the states of a report that cannot be sent, because the owner has no pipe, for the
+    // owner's next picture.
     void Miss(const std::string& owner, const Report& report) PROCMGR_EXCLUDES(mutex_);
-    // Queues a picture after the reports that are queued.
+    // Queues a picture at the end of the owner's queue, unless one is queued already. (Name:
+    // QueuePicture.)
     void OwePicture(const std::string& owner) PROCMGR_EXCLUDES(mutex_);
 
     // Sends the queued reports, as far as the pipes take them at once. Not with a lock held.
@@ -83,8 +88,8 @@ private:
     static constexpr size_t ITEMS_MAX = 4096;
     static constexpr size_t BYTES_MAX = size_t{1} << 20;
 
-    // The share of a report in those limits. A picture has none: its states are not known before it
-    // is sent.
+    // The number of states and of name bytes by which a report counts towards these limits. A
+    // picture counts 0, because its states are filled in when it is sent.
     struct Load {
         size_t items = 0;
         size_t bytes = 0;

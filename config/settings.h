@@ -1,5 +1,7 @@
 // The daemon's settings file: the watchdog and the upload registration. The main thread reads it
-// once, before it starts any other thread; a setting that is missing or wrong keeps its default.
+// once, before it starts any other thread. A key that is missing or wrong keeps its default, except
+// "enable": a section without it switches its feature on. watchDogFile and watchDogModule are not
+// read from the file.
 #pragma once
 
 #include <string>

@@ -127,8 +127,8 @@ void ChangeReports::ReportGeneralAppChanges(const ChangeList& changes, bool isAn
     }
 }
 
-// One report may carry its items in another order, so several changes of one application are
-// queued as several reports.
+// The items of one report are sorted when it is encoded, so several changes of one application are
+// queued as separate reports.
 void ChangeReports::ReportInOrder(const std::vector<AppStateInfo>& items, const std::string& owner,
                                   bool isAnswer) {
     std::vector<AppStateInfo> batch;

@@ -42,7 +42,7 @@ public:
     const ChangeList& GetList() const { return list_; }
 
     void Add(std::shared_ptr<const App::GeneralAppInfo> record, ReportAppStateType reportType);
-    // About a name that neither a record nor the configuration has.
+    // Adds an answer about a name for which there is neither a record nor a configuration entry.
     void AddUnknown(const std::string& name, ReportAppStateType reportType);
 
 private:
@@ -56,7 +56,8 @@ public:
     ChangeReports(App::StateReports& reports, OwnerServices& owners)
         : reports_(reports), owners_(owners) {}
 
-    // Makes room for one Note(), so that a change of state is not followed by a failure to note it.
+    // Reserves memory for one Note(), so that Note() cannot fail after the state of the record has
+    // been changed.
     void ReserveForNote();
 
     // Keeps the change that supervision has found in the record, with `result` as the result field
@@ -74,8 +75,8 @@ public:
     void QueueNoted();
     void QueueHeldBack();
     void QueueHeldBackIfReady();
-    // Queues the noted and the held-back changes first, then those answers that no newer change has
-    // made wrong.
+    // Queues the noted and the held-back changes first, then the answers whose record has not been
+    // reported with a newer state since.
     void QueueAnswers(const Answers& answers);
 
 private:

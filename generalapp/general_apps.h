@@ -1,7 +1,7 @@
 // The container of the general applications, which owner services request: the map of their records
 // and its lock. Request handlers start, terminate, restart and query applications, the reaper
-// stores exits, and CheckThread moves the records from state to state. Reports are queued under the
-// lock, in the order of the changes, and sent without it.
+// stores exits, and the check thread moves the records from state to state. Reports are queued
+// under the lock, in the order of the changes, and sent without it.
 //
 // A launch has two stages: the checks that may take long are done without the lock, on a copy of
 // the record, and the fork is done under it. Between the two the record is in the map and marked as
@@ -39,7 +39,9 @@ public:
                 OwnerServices& owners);
 
     // The requests of `owner`. The lock is held for one item at a time; the answers are sent after
-    // the last item. An item without a known application ends a start request without answers.
+    // the last item. When an item of a start request names an application that has no record and no
+    // configuration, the request ends at that item and none of its answers is sent; applications
+    // that earlier items have started keep running.
     void StartApp(const std::vector<Message::StartAppInfo>& items, const std::string& owner)
         PROCMGR_EXCLUDES(mutex_);
     void TermGeneralApp(const std::vector<Message::TermAppInfo>& items, const std::string& owner)
@@ -58,11 +60,12 @@ public:
     // process. Called by the reaper before the pid is freed.
     bool SetExitStatus(int32_t pid, int32_t status) PROCMGR_EXCLUDES(mutex_);
 
-    // One pass of CheckThread: moves the records from state to state, reports the changes, and
+    // One pass of the check thread: moves the records from state to state, reports the changes, and
     // starts the new processes of restarts whose old process has ended.
     void CheckGeneralApps(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
     void Check(CheckPass pass) override PROCMGR_EXCLUDES(mutex_) { CheckGeneralApps(pass); }
-    // Removes the records of applications that have ended. Called by CheckThread after each pass.
+    // Removes the records of applications that have ended. Called by the check thread after each
+    // pass.
     void RemoveTerminatedApps() override PROCMGR_EXCLUDES(mutex_);
 
     // Reports the changes that were held back while the access manager was not ready.
@@ -78,7 +81,8 @@ public:
 
     // Ends every application: SIGTERM, then SIGKILL when its termination time-out has passed. From
     // this call on nothing is started. Returns when all have ended or have been given up; the
-    // reaper and CheckThread must run meanwhile, because they store the exits and send SIGKILL.
+    // reaper and the check thread must run meanwhile, because they store the exits and send
+    // SIGKILL.
     void StopAll() PROCMGR_EXCLUDES(mutex_);
 
 private:
@@ -94,7 +98,9 @@ private:
         PROCMGR_EXCLUDES(mutex_);
     // Checks all records. Returns copies of those whose restart is due.
     std::vector<App::GeneralAppInfo> CheckStates(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
-    // The new process of a restart whose old process has ended.
+    // Start the new process of a restart whose old process has ended: BeginRestartEnded() marks the
+    // record and selects the thread, RestartEnded() prepares, FinishRestartEnded() forks under the
+    // lock.
     void BeginRestartEnded(const App::GeneralAppInfo& copy) PROCMGR_EXCLUDES(mutex_);
     void RestartEnded(const App::GeneralAppInfo& copy) PROCMGR_EXCLUDES(mutex_);
     void FinishRestartEnded(const std::string& name, std::optional<App::LaunchPlan> plan)
@@ -109,7 +115,8 @@ private:
     void UpdateAllGeneralAppMap() PROCMGR_REQUIRES(mutex_);
     Record Find(const std::string& name) const PROCMGR_REQUIRES(mutex_);
     bool IsInMap(const Record& record) const PROCMGR_REQUIRES(mutex_);
-    // One item of a request. A launch that is returned is for the caller to prepare and finish.
+    // Each handles one item of a request. When a launch is returned, the caller calls Prepare()
+    // without the lock and then the Finish function of the request.
     std::optional<Launch> BeginStart(const Record& record, const Message::StartAppInfo& item,
                                      Answers& answers) PROCMGR_REQUIRES(mutex_);
     void FinishStart(const Record& record, std::optional<App::LaunchPlan> plan, Answers& answers)
@@ -152,7 +159,7 @@ private:
     Condition exited_;  // notified when an exit has been stored
     std::map<std::string, Record> generalAppMap_ PROCMGR_GUARDED_BY(mutex_);
     ChangeReports changeReports_ PROCMGR_GUARDED_BY(mutex_);
-    // The revision of the configuration that the records in the map know.
+    // The revision of the configuration that was last applied to the records in the map.
     uint64_t seenRevision_ PROCMGR_GUARDED_BY(mutex_) = 0;
     bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
 };

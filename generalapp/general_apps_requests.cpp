@@ -109,7 +109,8 @@ std::optional<GeneralApps::Launch> GeneralApps::BeginStart(const Record& record,
                    name.c_str());
         return std::nullopt;
     }
-    // The record describes a process that is alive, the configuration only the next one.
+    // For a live process the record decides whether it is a priority application; the configuration
+    // applies to the next process only.
     if (record->IsAlive() ? record->IsPriority() : spec->IsPriority()) {
         return HandlePriorityApps(record, std::move(*spec), answers);
     }
@@ -134,7 +135,7 @@ std::optional<GeneralApps::Launch> GeneralApps::BeginStart(const Record& record,
     return BeginLaunch(record, std::move(*spec), answers.GetOwner());
 }
 
-// The next pass of CheckThread reports that the application runs.
+// The next pass of the check thread reports that the application runs.
 void GeneralApps::FinishStart(const Record& record, std::optional<App::LaunchPlan> plan,
                               Answers& answers) {
     if (FinishLaunch(record, std::move(plan))) {
@@ -157,7 +158,8 @@ std::optional<GeneralApps::Launch> GeneralApps::HandlePriorityApps(const Record&
                answers.GetOwner().c_str());
     const bool isStopped = record->GetState() == TERMINATED || record->GetState() == INITSTATE;
     if (isStopped && !record->isLaunching_) {
-        // The requester gets the report about the outcome, too.
+        // asker_ makes supervision report the outcome to the requester as well as to the access
+        // manager.
         const std::string& owner = answers.GetOwner();
         record->asker_ = owner == PROC_ZORNMGR ? std::string() : owner;
         return BeginLaunch(record, std::move(spec), PROC_ZORNMGR);
@@ -315,7 +317,7 @@ void GeneralApps::FinishDirectRestart(const Record& record, std::optional<App::L
                record->appName_.c_str(), record->pid_, isRemoved, isTerminated);
 }
 
-// Only ends the old process: CheckThread starts the new one after the exit.
+// Only ends the old process: the check thread starts the new one after the exit.
 void GeneralApps::RestartRunning(const Record& record, App::AppSpec next) {
     record->savedForceTerm_ = record->forceTerm_;
     record->SetNext(std::move(next));

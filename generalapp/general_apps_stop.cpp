@@ -11,8 +11,8 @@
 namespace ProcMgr {
 namespace {
 
-// After the last termination time-out: how long CheckThread may take to kill the applications that
-// have not ended, and then the kernel to end them, before the stop goes on without them.
+// After the last termination time-out: how long the check thread may take to kill the applications
+// that have not ended, and then the kernel to end them, before the stop goes on without them.
 constexpr std::chrono::milliseconds CHECK_PATIENCE{200};
 constexpr std::chrono::milliseconds KILL_PATIENCE{300};
 
@@ -36,7 +36,7 @@ void GeneralApps::StopAll() {
         app->TermProcess();
         app->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
         app->BeginTermination(now);
-        // CheckThread kills the process after its time-out even if its manifest forbids kills.
+        // The check thread kills the process after its time-out even if its manifest forbids kills.
         app->forceTerm_ = true;
         end = std::max(end, now + std::chrono::milliseconds(app->termTimeout_));
     }

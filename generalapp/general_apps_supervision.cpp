@@ -1,5 +1,5 @@
-// The supervision of the general applications by CheckThread: state checks, reports and faults of
-// the changes, restarts, and the removal of records.
+// The supervision of the general applications by the check thread: state checks, reports and faults
+// of the changes, restarts, and the removal of records.
 #include <algorithm>
 #include <chrono>
 #include <utility>
@@ -68,8 +68,8 @@ std::vector<GeneralAppInfo> GeneralApps::CheckStates(CheckPass pass) {
     return restarts;
 }
 
-// An exception before the record is marked as being launched leaves the restart due: the next pass
-// tries again.
+// When an exception is thrown before isLaunching_ is set, IsRestartDue() stays true and the next
+// pass tries again.
 void GeneralApps::BeginRestartEnded(const GeneralAppInfo& copy) {
     const bool isQuick = launcher_.IsQuick(copy);
     const auto job = [this, copy] { RestartEnded(copy); };

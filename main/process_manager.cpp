@@ -51,8 +51,8 @@ bool EndsBy(SteadyTime end, const char* name, std::function<void()> call) {
     return Ends(name, thread.Join(end));
 }
 
-// Ends the platform's calls of Suspend() and WakeUpRecover(). Waits for a call that is running,
-// until `end` at most: false then.
+// Ends the platform's calls of Suspend() and WakeUpRecover(). Waits for a running call; returns
+// false when the call still runs at `end`.
 bool EndPower(SteadyTime end) {
     constexpr int32_t BUSY = -16;
     while (UnregisterPowerCalls() == BUSY) {
@@ -228,7 +228,7 @@ void ProcessManager::HandleSignals() {
 }
 
 void ProcessManager::BeginStop() {
-    // First: base start-up must not start a service after the applications are being ended.
+    // Base start-up is stopped first, so that it starts no service once StopApplications() runs.
     reportedState_.Stop();
     {
         const LockGuard lock(mutex_);

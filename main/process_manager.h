@@ -72,8 +72,8 @@ public:
     bool Shutdown() PROCMGR_EXCLUDES(mutex_);
 
     // The platform calls these before a suspend of the system and after the resume, on any thread.
-    // A suspend that the platform has announced is not recovered from once more by the check
-    // thread. Callable once start-up has come to the base services.
+    // After an announced suspend the check thread does not repeat the recovery. The platform calls
+    // them only after RegisterPower().
     void Suspend() { placementCheck_.Suspend(); }
     void WakeUpRecover() { placementCheck_.WakeUpRecover(); }
 
@@ -130,11 +130,12 @@ private:
     // The parts, in the order of their construction: each one after the parts that its constructor
     // passes to it. Reports, pipes, requests and containers refer to each other in a circle, so
     // three parts refer to parts that are constructed later: picture_ to the containers, sender_ to
-    // pipes_, and the callback of pipes_ to dispatch_. None of these is used before Run().
-    // The destruction, in reverse order, has nothing to wait for: Shutdown() has ended all threads
-    // and all calls of libraries before.
-    // The first five are single instances of the process that are never destroyed. Only this class
-    // fetches them; every other part gets references.
+    // pipes_, and the callback of pipes_ to dispatch_. None of these is used before Run(). The
+    // destruction, in reverse order, has nothing to wait for: Shutdown() has ended all threads and
+    // all calls of libraries before. The first five are single instances of the process that are
+    // never destroyed. Only this class calls their accessor functions; the other parts get
+    // references. One exception: SensorNodeEventReporter::GetInstance() calls DeviceWorker()
+    // itself.
     SerialWorker& deviceWorker_ = DeviceWorker();
     CgroupMgr& cgroups_ = CgroupMgr::GetInstance();
     CoreAffinityMgr& coreAffinity_ = CoreAffinityMgr::GetInstance();

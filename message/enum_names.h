@@ -45,7 +45,7 @@ std::string GetAppState(uint64_t value);
 std::string GetAppExecStateStr(uint64_t value);
 std::string GetSysState(uint64_t value);
 
-// True when no character is a non-digit; an empty text is all digits.
+// True when every character is a digit, and for an empty text.
 bool IsStrDigits(const std::string& text);
 
 }  // namespace ProcMgr

@@ -1,6 +1,6 @@
 // The record as bytes, its payload, and the distribution of a list of encoded items over records.
-// Called by the codecs of requests and reports, and by whoever sends or receives a record: the
-// daemon's channel and the client library. Pure functions for any thread; none reads outside of its
+// Called by the codecs of requests and reports, and by the daemon's channel/ and the client
+// library, which send and receive records. Pure functions for any thread; none reads outside of its
 // argument.
 #pragma once
 

@@ -18,8 +18,8 @@ bool IsWhole(const RequestMsg& record, RequestType type) {
     return record.type == type && record.size <= PM_PIPE_BUF_MAX;
 }
 
-// Unlike FieldReader, these take nothing but whole fields and plain digits: a report that is not
-// exactly what the daemon writes is not the daemon's.
+// Unlike FieldReader, the functions below accept only complete fields and plain digits: a report
+// that differs from the daemon's format is malformed.
 
 // Takes the next field and its separator off `text`; false when there is no separator.
 bool TakeField(std::string_view& text, std::string_view& field) {

@@ -18,7 +18,7 @@ namespace ProcMgr::Message {
 // The longest encoded item of an APP_STATE_REPORT that the daemon accepts, in bytes.
 inline constexpr size_t STATE_ITEM_MAX = 3959;
 
-// One item of an APP_STATE_REPORT, of any length. A separator in the name is not looked for.
+// One item of an APP_STATE_REPORT, of any length. The name is not checked for separators.
 std::string EncodeAppState(const AppStateInfo& info);
 // The items of an APP_STATE_REPORT. Nothing when the record is of another type or claims more bytes
 // than a record has, or when any item is missing, cut short or has no number where one belongs.

@@ -58,7 +58,7 @@ std::vector<LimitBreach> DecodeLaunchRequest(const RequestMsg& record, std::stri
 std::optional<LimitBreach> DecodeDynamicPara(FieldReader& in,
                                              std::map<int, std::vector<std::string>>& out);
 
-// TERM_APP; refusals and breaches as above.
+// TERM_APP. The encoder refuses, and the decoder reports breaches, as for START_APP.
 std::optional<Records> EncodeTermRequests(const std::vector<TermAppInfo>& items);
 std::optional<LimitBreach> DecodeTermRequest(const RequestMsg& record,
                                              std::vector<TermAppInfo>& out);

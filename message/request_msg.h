@@ -36,6 +36,7 @@ enum RequestType : uint32_t {
     APP_EXECUTION_REPORT = 5,
     LOAD_STARTUP_CFG = 6,
     RELOAD_STARTUP_CFG = 7,
+    // 8 is not used.
     QUERY_APP_STATE = 9,
     APP_DETAIL_STATUS_REPORT = 10,
 };

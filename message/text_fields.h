@@ -41,8 +41,8 @@ private:
     bool isReadable_ = true;
 };
 
-// Reads fields with the results of an input string stream, at a fraction of its cost. After a field
-// that is missing or is no number the reader has failed, like a stream, and reads nothing more.
+// Reads fields with the same results as std::istringstream, but faster. After a field that is
+// missing or is no number the reader has failed, like a stream, and reads nothing more.
 class FieldReader {
 public:
     explicit FieldReader(std::string_view bytes) : rest_(bytes) {}

@@ -31,7 +31,8 @@ bool PutText(std::string_view text, std::span<uint8_t> field) {
     return true;
 }
 
-// Empty, which no text in use may be, when the field holds no zero byte.
+// Returns the text of a field. Returns an empty text, which is not valid in any field, when the
+// field holds no zero byte.
 std::string GetText(std::span<const uint8_t> field) {
     const auto end = std::find(field.begin(), field.end(), 0);
     return end == field.end() ? std::string() : std::string(field.begin(), end);

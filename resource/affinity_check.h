@@ -1,5 +1,5 @@
 // The periodic check that puts the daemon's own threads and the threads of priority applications
-// into their control groups and onto their cores. The start-up thread calls Start, CheckThread
+// into their control groups and onto their cores. The start-up thread calls Start, the check thread
 // calls Run.
 #pragma once
 
@@ -41,9 +41,9 @@ private:
     // The tasks files of the place that the thread has to be written into.
     static std::vector<std::string> FindMissing(const Place& place, int32_t tid,
                                                 GroupMembers& members);
-    // Places the main thread and every thread that the application is not noted to have. Threads
-    // that are in their place are not written: with hundreds of processes that would keep the
-    // kernel busy.
+    // Places the main thread and every thread that is not in the stored list of the application's
+    // threads (ManagedApp::notedTids). Threads that are in their place are not written: with
+    // hundreds of processes that would keep the kernel busy.
     void PlacePriorityApp(const ManagedApp& app, GroupMembers& members);
     void PlacePriorityThread(const ManagedApp& app, int32_t tid,
                              const std::vector<std::string>& missing);
@@ -53,7 +53,7 @@ private:
     ManagedApps& apps_;
     std::atomic<bool> isStarted_{false};
     // The daemon's threads that have been placed. Used by the start-up thread until isStarted_ is
-    // set, then by CheckThread.
+    // set, then by the check thread.
     std::set<int32_t> ownTids_;
 };
 

@@ -1,6 +1,6 @@
-// Tells children that have been forked, but have not run their program yet, of a bind of the
-// delayed applications. DelayCoreAffinity raises the count; the launcher reads it before the fork,
-// and the child reads it again after it.
+// A counter in shared memory by which a child between fork and execv detects that delayed
+// applications have been bound since its fork. DelayCoreAffinity raises the count; the launcher
+// reads it before the fork, and the child reads it again after it.
 #pragma once
 
 #include <atomic>

@@ -130,7 +130,8 @@ void CgroupMgr::EnableDefaultCpuSet() {
     CgroupPolicyInfo policy;
     const int length =
         std::snprintf(policy.groupName, sizeof(policy.groupName), "%s", HOST_CPU_SET);
-    // A name that did not fit would be another set's name once it is cut.
+    // A name that is too long for groupName is refused, because the cut name could be the name of
+    // another set.
     if (length < 0 || static_cast<size_t>(length) >= sizeof(policy.groupName)) {
         ProcMgrSysLog(LOG_ERR, "PROCMGR: CgroupMgr EnableDefaultCpuSet copy name fail, errno=%d",
                       errno);

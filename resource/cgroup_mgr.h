@@ -46,17 +46,17 @@ struct CgroupTaskInfo {
 // files that they open are those of the control groups.
 class CgroupMgr {
 public:
-    // The daemon's one instance, created on first use. Only ProcessManager calls this; everybody
-    // else is given the instance.
+    // The daemon's one instance, created on first use. Only ProcessManager calls this; the other
+    // classes get a reference.
     static CgroupMgr& GetInstance();
 
     // Reads the host resource file. Called once, before the base services are launched.
     void ReadCfg() PROCMGR_EXCLUDES(setsMutex_);
 
-    // Sets or lifts the limits of a set of the host resource file. CGROUP_FAILED, with a log line
-    // but for a bad host resource file, when the file was bad, the set or the type is unknown, or a
-    // limit could not be written. The daemon itself changes only the host's own set; this is the
-    // entry for platform code that switches other sets.
+    // Sets or lifts the limits of a set of the host resource file. Returns CGROUP_FAILED when the
+    // host resource file was bad (not logged), or, with a log line, when the set or the type is
+    // unknown or a limit could not be written. The daemon itself changes only the host's own set;
+    // this is the entry for platform code that switches other sets.
     uint32_t UpdateCgroup(const CgroupPolicyInfo& policy) PROCMGR_EXCLUDES(setsMutex_);
     // As UpdateCgroup for CPU quotas, but also after a bad host resource file, with the sets that
     // had been read. An unknown set is added to the table as an empty set, and is known to
@@ -64,9 +64,9 @@ public:
     uint32_t UpdateCpuSet(const CgroupPolicyInfo& policy) PROCMGR_EXCLUDES(setsMutex_);
     // Sets the limits of the host's own set, unless the host resource file switches them off.
     void EnableDefaultCpuSet() PROCMGR_EXCLUDES(setsMutex_);
-    // Lifts the CPU limits of every group directly under the cpu controller; nothing after a bad
-    // host resource file. No part of the daemon lifts all limits today; like UpdateCgroup this is
-    // an entry for platform code.
+    // Lifts the CPU limits of every group directly under the cpu controller; does nothing when the
+    // host resource file was bad. No part of the daemon lifts all limits today; like UpdateCgroup
+    // this is an entry for platform code.
     void DisableCgroupCpu() const;
 
     // Puts a process or thread into its groups. False when some groups do not exist: each of them
@@ -94,8 +94,8 @@ private:
 
     mutable Mutex setsMutex_;  // not held while a file is read or written
     std::map<std::string, CgroupSet> cgroupSets_ PROCMGR_GUARDED_BY(setsMutex_);
-    // Changed by ReadCfg only; atomic because CheckThread may launch a priority application again
-    // while the start-up thread is in ReadCfg.
+    // Changed by ReadCfg only; atomic because the check thread may launch a priority application
+    // again while the start-up thread is in ReadCfg.
     std::atomic<bool> hostCpuSwitch_{true};
     std::atomic<bool> isCfgOk_{true};
     std::atomic<bool> blkIoSwitch_{false};     // the blkio controller exists

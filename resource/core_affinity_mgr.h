@@ -1,4 +1,4 @@
-// CoreAffinityMgr, which knows what cores the platform has and pins threads to them. Two cpusets
+// CoreAffinityMgr stores the core lists of the platform and pins threads to cores. Two cpusets
 // divide the cores: "CtrlCPU" for the daemon and ordinary software, "AICPU" for accelerator work.
 // The manager also keeps a table of pinnings, so that they can be restored after a suspend. The
 // launcher, the periodic affinity check and the delayed core affinity call it.
@@ -36,8 +36,8 @@ struct CoreMask {
 // and of the control groups.
 class CoreAffinityMgr {
 public:
-    // The daemon's one instance, created on first use. Only ProcessManager calls this; everybody
-    // else is given the instance.
+    // The daemon's one instance, created on first use. Only ProcessManager calls this; the other
+    // classes get a reference.
     static CoreAffinityMgr& GetInstance();
 
     // Reads the core lists of both cpusets; a list that is not empty is not read again.

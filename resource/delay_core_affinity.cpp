@@ -13,6 +13,7 @@
 #include "main/common/log.h"
 #include "main/common/proc_files.h"
 #include "main/common/proc_mgr_env.h"
+#include "main/common/threads.h"
 #include "resource/cgroup_paths.h"
 #include "resource/cpuset_file.h"
 
@@ -124,7 +125,7 @@ void DelayCoreAffinity::StoreRequest(const DelayCoreAffinityReq& request, uint64
     isPending_ = true;
     changed_.NotifyAll();
     if (!worker_.joinable() && !isStopped_) {
-        worker_ = std::thread(&DelayCoreAffinity::CheckCoreAffinityThread, this);
+        worker_ = StartThread("delay-bind", [this] { CheckCoreAffinityThread(); });
     }
 }
 

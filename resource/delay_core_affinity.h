@@ -1,7 +1,7 @@
 // Delayed core affinity: an application that is marked for it is not pinned at its launch but when
 // an owner asks for the bind; a worker thread then pins the threads that the application creates
 // afterwards. Also the recovery of all pinnings after a suspend. Owners' requests come on messaging
-// threads; the recovery runs on CheckThread or on the thread of the platform's power call.
+// threads; the recovery runs on the check thread or on the thread of the platform's power call.
 #pragma once
 
 #include <atomic>
@@ -61,7 +61,7 @@ private:
     // state is not IDLE.
     std::optional<uint64_t> Accept() PROCMGR_EXCLUDES(mutex_);
     // Stores the request, with defaults for values that are out of range, and wakes the worker,
-    // which the first request starts. Nothing when `bind` is not the newest bind. Throws
+    // which the first request starts. Does nothing when `bind` is not the newest bind. Throws
     // std::system_error when the worker cannot be started.
     void StoreRequest(const Message::DelayCoreAffinityReq& request, uint64_t bind)
         PROCMGR_EXCLUDES(mutex_);
@@ -92,8 +92,8 @@ private:
     void WaitFor(std::chrono::milliseconds interval, uint64_t bind) PROCMGR_EXCLUDES(mutex_);
     void Finish(uint64_t bind) PROCMGR_EXCLUDES(mutex_);
 
-    // Ends the current bind and the suspend. Returns whether delayed applications go back to their
-    // cpuset.
+    // Resets the state of the current bind, and isSuspended_. Returns whether delayed applications
+    // go back to their cpuset.
     bool EndBind() PROCMGR_EXCLUDES(mutex_);
     void PinDaemon();
     // Puts the delayed applications back to their cpuset when `isReset` is set. Returns the

@@ -1,6 +1,6 @@
 // The one thread that calls the device library, whose calls may take long: so no other thread waits
 // for the device, and the calls are made in the order in which they were asked for. ProcessManager
-// hands it to the share-pool groups; the reporter of sensor-node events asks for it itself.
+// passes it to SharePool; SensorNodeEventReporter::GetInstance() calls DeviceWorker() itself.
 #pragma once
 
 #include "main/common/serial_worker.h"

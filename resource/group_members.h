@@ -1,6 +1,6 @@
 // Which threads are in which control groups, as the groups' tasks files list them. The affinity
-// check makes one object for each of its runs, so that hundreds of threads cost one reading of each
-// file.
+// check makes one object for each of its runs, so that each file is read once, even for hundreds of
+// threads.
 #pragma once
 
 #include <cstdint>

@@ -43,7 +43,7 @@ public:
     // right afterwards, but its pid is not reused before the exit has been stored in the record.
     virtual bool IsPresent(const ManagedApp& app) = 0;
 
-    // Stores which threads the process has; nothing when IsPresent(app) is false.
+    // Stores the ids of the threads of the process; does nothing when IsPresent(app) is false.
     virtual void NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) = 0;
 
     // The name of the application whose process has this pid.

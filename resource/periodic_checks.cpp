@@ -3,12 +3,13 @@
 namespace ProcMgr {
 
 void PlacementCheck::Run() {
-    // Before the first check the files that a recovery needs may not have been read.
+    // Run() of the affinity check returns false until its Start(): the core lists and the host
+    // resource file, which a recovery needs, may not have been read before.
     if (!affinityCheck_.Run()) {
         return;
     }
-    // Read after the check: the platform may have announced a suspend, and had it recovered from,
-    // during the check.
+    // HasWokenUp() is called after the check, because the platform may have announced a suspend and
+    // called WakeUpRecover() during the check.
     isRecoveryDue_ = wakeUpWatch_.HasWokenUp() || isRecoveryDue_;
     if (isRecoveryDue_) {
         delayCoreAffinity_.WakeUpRecover();

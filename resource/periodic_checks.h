@@ -20,8 +20,8 @@ public:
 
     void Run() override;
 
-    // The platform calls the daemon back before a suspend and after the resume, on any thread. A
-    // suspend that the platform has announced is not recovered from once more by Run().
+    // The platform calls the daemon back before a suspend and after the resume, on any thread.
+    // After an announced suspend Run() does not repeat the recovery.
     void Suspend() { delayCoreAffinity_.Suspend(); }
     void WakeUpRecover();
 
@@ -29,8 +29,8 @@ private:
     AffinityCheck& affinityCheck_;
     DelayCoreAffinity& delayCoreAffinity_;
     WakeUpWatch wakeUpWatch_;
-    // The check thread's. A recovery that has been found necessary stays due until it has been
-    // made.
+    // Used by the check thread only. True from the detection of a suspend until the recovery has
+    // been made.
     bool isRecoveryDue_ = false;
 };
 

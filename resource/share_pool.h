@@ -44,7 +44,7 @@ public:
     void Load(const std::string& directory);
 
     // The configured groups that list the application as a member, and the groups of its manifest,
-    // pairs of name and access. The configured access goes before the manifest's. Any thread.
+    // pairs of name and access. When both name a group, the configured access is used. Any thread.
     SharePoolPlan MakePlan(
         const std::string& appName,
         const std::vector<std::pair<std::string, std::string>>& manifestGroups) const;

@@ -1,7 +1,7 @@
-// The "pmupload" server: a process registers with its pid, name and executable, joins share-pool
-// groups and is sent the names of its groups. Any process can connect, so every field of a request
-// is checked against the kernel's data. Requests come on threads of the messaging library;
-// CheckThread removes the registrations of processes that have ended.
+// The "pmupload" server: a process registers with its pid, name and executable; the server adds it
+// to share-pool groups and answers with their names. Any process can connect, so every field of a
+// request is checked against the kernel's data. Requests come on threads of the messaging library;
+// The check thread removes the registrations of processes that have ended.
 #pragma once
 
 #include <chrono>
@@ -36,7 +36,7 @@ public:
     // the destructor would wait for them. Called by the main thread.
     bool Close(SteadyTime end);
 
-    // Removes the registrations of processes that have ended. Called by CheckThread.
+    // Removes the registrations of processes that have ended. Called by the check thread.
     void DropGone() PROCMGR_EXCLUDES(mutex_);
     // Whether there is no registration, so that DropGone need not be called. Any thread.
     bool IsEmpty() PROCMGR_EXCLUDES(mutex_);

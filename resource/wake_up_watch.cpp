@@ -26,8 +26,8 @@ std::chrono::nanoseconds WakeUpWatch::TimeSuspended() {
 bool WakeUpWatch::HasWokenUp() {
     const LockGuard lock(mutex_);
     const std::chrono::nanoseconds before = suspended_;
-    // The time found may be too short, see TimeSuspended: stored, it would look like a suspend to
-    // the next call.
+    // The result of TimeSuspended() may be too small. std::max keeps the old value then: a smaller
+    // stored value would make the next call report a suspend.
     suspended_ = std::max(before, TimeSuspended());
     return suspended_ - before > SUSPEND_MIN;
 }

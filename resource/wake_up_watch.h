@@ -1,6 +1,7 @@
-// Finds out that the system has been suspended, from two clocks of the kernel: one goes on during a
-// suspend, the other does not. CheckThread asks in each affinity check; the platform's call after a
-// resume asks too, so that CheckThread does not recover from the same suspend again.
+// Finds out that the system has been suspended, from two clocks of the kernel: CLOCK_BOOTTIME runs
+// during a suspend, CLOCK_MONOTONIC does not. The check thread asks in each affinity check; the
+// platform's call after a resume asks too, so that the check thread does not recover from the same
+// suspend again.
 #pragma once
 
 #include <chrono>

@@ -1,6 +1,6 @@
 // The loop of the check thread: passes over containers of supervised records, and checks that run
-// every so many cycles. The loop knows its containers and checks by interfaces only and runs on the
-// thread that calls Run().
+// every so many cycles. The loop uses its containers and checks only through the interfaces below,
+// on the thread that calls Run().
 //
 // Cycles lie on a grid of 30 ms that begins when the loop does. Passes are made at the first cycle,
 // at the cycle after a request, and when a periodic check is due; the cycles in between, which

@@ -1,7 +1,7 @@
-// The requests for passes over what the check thread supervises. Containers request a pass whenever
-// one of their records may change its state; without a request the thread sleeps and leaves the
-// passes out. Callable from any thread. Its mutex is the innermost one: it may be taken under any
-// other.
+// The requests for check passes over the records. Containers request a pass whenever one of their
+// records may change its state; without a request the thread sleeps and leaves the passes out.
+// Callable from any thread. No other mutex is taken while its mutex is held, so it may be taken
+// under any other.
 #pragma once
 
 #include <chrono>
@@ -15,8 +15,9 @@ namespace ProcMgr {
 inline constexpr std::chrono::milliseconds CHECK_PERIOD{30};
 
 // The kind of a pass. PERIODIC passes start on the grid of the check thread's cycles. An EXTRA pass
-// starts at once and looks only at the ends of processes that had lived longer than a cycle: it
-// makes a restart prompt, and never a crash loop faster.
+// starts at once and looks only at the ends of processes that had lived longer than a cycle:
+// processes that have lived longer than a cycle are restarted at once; a process that ends within a
+// cycle of its start is restarted at most once per cycle.
 enum class CheckPass { PERIODIC, EXTRA };
 
 class CheckRequests {
@@ -29,7 +30,7 @@ public:
     // Requests an extra pass at once, and a pass at the next cycle.
     void RequestNow() PROCMGR_EXCLUDES(mutex_) { Set(true); }
 
-    // Ends every wait, now and later.
+    // Ends the present waits; later waits return at once.
     void Stop() PROCMGR_EXCLUDES(mutex_);
     bool IsStopped() const PROCMGR_EXCLUDES(mutex_);
 

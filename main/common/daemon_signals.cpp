@@ -14,7 +14,8 @@
 namespace ProcMgr {
 namespace {
 
-// Added to the number of the signal that ends a process, gives the exit status that shells print.
+// The exit status that shells print for a process that a signal has ended is this value plus the
+// signal number.
 constexpr int EXIT_SIGNALED = 128;
 
 std::atomic<bool> g_continueReceived{false};

@@ -42,7 +42,7 @@ std::optional<pid_t> InstanceLock::Take() {
                        errno);
             return std::nullopt;
         }
-        // The first one may have ended in between.
+        // The daemon that held the lock may have ended since the attempt to lock.
         if (lock.l_type != F_UNLCK) {
             return lock.l_pid;
         }

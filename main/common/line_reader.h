@@ -1,6 +1,5 @@
-// Reads a text file line by line through a buffer of fixed size, so that the length of the lines
-// does not decide about the daemon's memory. For files that others write. Each object belongs to
-// one thread.
+// Reads a text file line by line through a buffer of fixed size, so that a long line cannot take
+// much memory. For files that other programs write. Each object belongs to one thread.
 #pragma once
 
 #include <cstddef>

@@ -29,7 +29,7 @@ constexpr size_t SYSTEM_RING = size_t{1} << 20;
 constexpr size_t KERNEL_RING = size_t{256} << 10;
 // System loggers cut longer lines.
 constexpr size_t LINE_MAX_LENGTH = 8192;
-// The room for the line about dropped lines.
+// Buffer size, in bytes, of the line that reports the number of dropped lines.
 constexpr size_t COUNT_LINE_LENGTH = 256;
 constexpr size_t BATCH = 64;
 // After a line the thread stays awake for this time: in a burst of lines the logging threads then
@@ -77,7 +77,7 @@ private:
     bool Rest(Progress progress) PROCMGR_EXCLUDES(mutex_);
     void WriteKernelLines() PROCMGR_EXCLUDES(mutex_);
     Progress WriteSystemLines() PROCMGR_EXCLUDES(mutex_);
-    // The oldest lines of a ring, in batch_.
+    // Fills batch_ with the oldest lines of a ring and returns them.
     std::span<const LogRing::Line> TakeBatch(LogSink sink) PROCMGR_EXCLUDES(mutex_);
     static void WriteKernelLine(std::string_view line);
     void PopLines(LogSink sink, size_t count) PROCMGR_EXCLUDES(mutex_);
@@ -90,7 +90,7 @@ private:
     // PopLines(): only the thread removes lines.
     LogRing system_ PROCMGR_GUARDED_BY(mutex_){SYSTEM_RING};
     LogRing kernel_ PROCMGR_GUARDED_BY(mutex_){KERNEL_RING};
-    // Lines without room since the logger last took a line.
+    // Number of lines dropped for lack of room since the logger last accepted a line.
     uint64_t dropped_ PROCMGR_GUARDED_BY(mutex_) = 0;
     time_t stampSecond_ PROCMGR_GUARDED_BY(mutex_) = -1;
     std::array<char, 20> stamp_ PROCMGR_GUARDED_BY(mutex_){};  // the text of stampSecond_
@@ -165,7 +165,7 @@ void Writer::Start() {
         thread_ = StartThread("log", [this] { Run(); });
         isRunning_ = true;
     } catch (const std::exception&) {
-        // The next line tries again.
+        // The next Add() tries again to start the thread.
     }
 }
 

@@ -18,9 +18,9 @@ inline constexpr int MUXA_BUSY = -16;
 inline constexpr int SEND_ATTEMPTS = 401;
 inline constexpr std::chrono::milliseconds SEND_PAUSE{5};
 
-// The daemon itself calls only the response and the close with a deadline: reports are sent by the
-// report thread, which makes its retries without waiting. The others complete the retry rules of
-// the library's calls for code that may wait, for example a start-up sequence of the platform.
+// The daemon itself calls only ProcMgrMuxaSendResponse() and ProcMgrMuxaClosePipeBy(): reports are
+// sent by ReportSender, which retries without blocking. The other functions are for code outside
+// the daemon that may block, for example a start-up sequence of the platform.
 int ProcMgrMuxaSendRequest(int fd, const MuxaRequest* request);
 int ProcMgrMuxaSendResponse(int fd, const MuxaResponse* response);
 int ProcMgrMuxaRPCSync(int fd, MuxaRequest* request, MuxaResponse* response);

@@ -29,8 +29,8 @@ public:
     void SetQuickStart(bool quickStart);
 
     // Creates the pipe into which a child writes the reason when its set-up fails before exec. Both
-    // descriptors are close-on-exec, and -1 on failure. Writing never blocks: a child must reach
-    // its exec even when nobody reads.
+    // descriptors are close-on-exec, and -1 on failure. The write end is non-blocking, because a
+    // child must reach its exec even when the child-error thread does not read.
     void CreateChildErrorPipe();
     void CloseChildErrorPipe();
     int GetChildErrorReadFd() const { return childErrorReadFd_; }

@@ -1,6 +1,6 @@
 // One thread that runs jobs in the order in which they were posted: for calls of a library that may
-// take long and must not hold up the posting threads. The thread stays until Stop(), because its
-// jobs come throughout the daemon's life; see WorkerPool for short-lived threads.
+// take long, so that the posting threads do not wait for them. The thread stays until Stop(),
+// because its jobs come throughout the daemon's life; see WorkerPool for short-lived threads.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,6 @@
-// The start and the join of the daemon's threads. Their signals are blocked, so that a signal
-// reaches the thread that unblocks it, and a join has a deadline.
+// Starts and joins the daemon's threads. A thread is started with all signals but the fault signals
+// blocked, so that the kernel delivers signals to the main thread and SIGCHLD to the wait thread; a
+// join has a deadline.
 #pragma once
 
 #include <functional>

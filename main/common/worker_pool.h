@@ -1,6 +1,6 @@
-// Threads for jobs that may take long and must not hold each other up. A thread is started when a
-// job is posted and ends when no job waits. The callers bound the number of jobs that wait: the
-// daemon posts at most one for each record.
+// A pool of threads for jobs that may take long and must not wait for each other. Post() starts a
+// thread for the job, up to 16; a thread ends when no job waits. The callers bound the number of
+// jobs that wait: the daemon posts at most one for each record.
 #pragma once
 
 #include <cstddef>
@@ -16,15 +16,15 @@ class WorkerPool {
 public:
     using Job = std::function<void()>;
 
-    // `name`: of the threads, at most 15 characters; must outlive this object.
+    // `name`: the name of the threads, at most 15 characters; must outlive this object.
     explicit WorkerPool(const char* name) : name_(name) {}
     ~WorkerPool() { Stop(SteadyTime::max()); }
     WorkerPool(const WorkerPool&) = delete;
     WorkerPool& operator=(const WorkerPool&) = delete;
 
-    // Runs the job on a thread of the pool, or later when 16 jobs are running. Any lock may be
-    // held. False, and the job is dropped, after Stop() and when there is no thread for it. Does
-    // not throw.
+    // Runs the job on a thread of the pool, or later when 16 jobs are running. The caller may hold
+    // any lock. Returns false and drops the job after Stop() and when no thread can be started.
+    // Does not throw.
     bool Post(Job job) PROCMGR_EXCLUDES(mutex_);
 
     // Drops the jobs that wait and waits for those that run. False when some still run at `end`:

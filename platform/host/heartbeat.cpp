@@ -103,7 +103,7 @@ int Monitor::Watch(std::string_view name, pid_t pid, HeartBeatCallback callback)
     watched.pid = pid;
     watched.callback = std::move(callback);
     watched_.insert_or_assign(std::string(name), std::move(watched));
-    // A round now: the process may be connected already.
+    // Requests a round at once, because the process may be connected already.
     isChanged_ = true;
     peers_.SetTimer(Clock::now());
     return 0;

@@ -20,8 +20,8 @@ constexpr size_t MAX_NAME = 127;
 constexpr int MAX_ACCEPTED = 64;  // in a round
 constexpr int MAX_PACKETS = 16;   // of one connection in a round
 constexpr std::chrono::seconds REGISTRATION_LIMIT{3};
-// Connections of one registered process, of all processes that are not registered, and of such
-// processes of one user other than root.
+// Limits on connections: for one registered process, for all processes that are not registered
+// together, and for those of one user other than root.
 constexpr int MAX_OF_PROCESS = 4;
 constexpr int MAX_UNREGISTERED = 64;
 constexpr int MAX_UNREGISTERED_OF_USER = 8;

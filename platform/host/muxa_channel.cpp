@@ -17,7 +17,7 @@ using Wire::PacketHeader;
 using Wire::PacketKind;
 
 constexpr size_t MAX_QUEUED = 256;
-// For one peer of a server.
+// The number of unsent responses that are queued for one peer of a server.
 constexpr std::ptrdiff_t MAX_ANSWERS = 16;
 
 // The channel whose callback runs on this thread, 0 outside of callbacks.

@@ -64,7 +64,8 @@ void PrintTo(const LogLine& line, std::ostream* out) {
 
 }  // namespace ProcMgr::Fakes
 
-// Replaces the daemon's own log queue.
+// The functions of main/common/log_queue.h: this file is linked in place of log_queue.cpp and
+// stores the lines instead of writing them.
 namespace ProcMgr::LogQueue {
 
 void Add(LogSink /*sink*/, int level, const char* format, va_list arguments) {

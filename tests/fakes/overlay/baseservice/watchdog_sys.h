@@ -1,5 +1,6 @@
-// Included in place of the daemon's header of this name: the system calls of the watchdog, which
-// only record their call as "NAME ARGUMENTS", or fail on demand. One thread.
+// Included in place of the daemon's header of this name: the system calls of watchdog.cpp. Each
+// function records "NAME ARGUMENTS" and does nothing else, or fails when the test demands it. For
+// use on one thread.
 #pragma once
 
 #include <fcntl.h>
