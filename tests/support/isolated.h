@@ -44,6 +44,11 @@ protected:
             GTEST_SKIP() << "no private mount namespace here";
         }
     }
+    // Runs `body` with RunIsolated; its failures are failures of the test.
+    template <typename Body>
+    static void Isolated(Body body) {
+        EXPECT_EQ(RunIsolated(body), 0);
+    }
 };
 
 }  // namespace ProcMgr

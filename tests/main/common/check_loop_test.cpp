@@ -1,13 +1,6 @@
 #include "main/common/check_loop.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "tests/fakes/log_capture.h"
 #include "tests/main/common/fake_clock.h"
