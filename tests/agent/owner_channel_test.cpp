@@ -35,6 +35,11 @@ constexpr const char* TERMINATING = "3:1#3#";
 class Daemon {
 public:
     explicit Daemon(const std::string& name = NAME) : listener_(Wire::PipePath(name)) {}
+    // Waits for the connection of the channel.
+    explicit Daemon(OwnerChannel& channel, const std::string& name = NAME) : Daemon(name) {
+        EXPECT_TRUE(channel.Attach(PATIENCE));
+        Accept();
+    }
 
     void Accept() {
         peer_ = listener_.Accept();
@@ -64,12 +69,6 @@ public:
                     const PacketHeader& header = {}) {
         Send(Message::EncodeRecord(Message::MakeRecord(type, payload)), header);
     }
-    void SendStates(std::string_view payload, const PacketHeader& header = {}) {
-        SendRecord(Message::APP_STATE_REPORT, payload, header);
-    }
-    void SendAnswer(std::string_view payload) {
-        SendRecord(Message::APP_DETAIL_STATUS_REPORT, payload);
-    }
 
 private:
     RawListener listener_;
@@ -94,21 +93,14 @@ int CountCloseOnExec() {
     return count;
 }
 
-class OwnerChannelTest : public PrivateRunTest {
-protected:
-    static void Connect(OwnerChannel& channel, Daemon& daemon) {
-        ASSERT_TRUE(channel.Attach(PATIENCE));
-        daemon.Accept();
-    }
-};
+using OwnerChannelTest = PrivateRunTest;
 
 TEST_F(OwnerChannelTest, ReportsTheStateToEachDaemonOnce) {
     std::optional<OwnerChannel> channel(NAME);
     EXPECT_FALSE(channel->ReportRunning());
     EXPECT_FALSE(channel->Attach(50ms));
     {
-        Daemon daemon;
-        Connect(*channel, daemon);
+        Daemon daemon(*channel);
         EXPECT_TRUE(channel->IsAttached());
         EXPECT_EQ(daemon.Next(), RUNNING);
         EXPECT_TRUE(channel->ReportTerminating());
@@ -128,9 +120,8 @@ TEST_F(OwnerChannelTest, ReportsTheStateToEachDaemonOnce) {
 }
 
 TEST_F(OwnerChannelTest, AReportThatAFullPipeDoesNotTakeIsSentLater) {
-    Daemon daemon;
     OwnerChannel channel(NAME);
-    Connect(channel, daemon);
+    Daemon daemon(channel);
     int sent = 0;
     while (channel.ReportRunning()) {
         ASSERT_LT(++sent, 100000);
@@ -148,7 +139,6 @@ TEST_F(OwnerChannelTest, AReportThatAFullPipeDoesNotTakeIsSentLater) {
 }
 
 TEST_F(OwnerChannelTest, HandsReportsOnInOrderAndEndsTheConnectionOnlyAfterWhatIsNoPacket) {
-    Daemon daemon;
     std::string names;
     std::promise<std::thread::id> hasLast;
     OwnerChannel channel(NAME);
@@ -160,18 +150,18 @@ TEST_F(OwnerChannelTest, HandsReportsOnInOrderAndEndsTheConnectionOnlyAfterWhatI
             hasLast.set_value(std::this_thread::get_id());
         }
     });
-    Connect(channel, daemon);
-    daemon.SendStates("2#a#1#0#0#0#b#2#0#3#0#");
-    daemon.SendStates("9#cut#1#");
+    Daemon daemon(channel);
+    daemon.SendRecord(Message::APP_STATE_REPORT, "2#a#1#0#0#0#b#2#0#3#0#");
+    daemon.SendRecord(Message::APP_STATE_REPORT, "9#cut#1#");
     daemon.SendRecord(Message::TERM_APP, "1#wrong-type#");
-    daemon.SendStates("1#response#1#0#0#0#", {PacketKind::RESPONSE, 0});
+    daemon.SendRecord(Message::APP_STATE_REPORT, "1#response#1#0#0#0#", {PacketKind::RESPONSE, 0});
     daemon.Send({});
     daemon.Send(std::vector<uint8_t>(Wire::PACKET_BODY_MAX));
-    daemon.SendStates("1#c#3#0#4#0#", {PacketKind::CALL, 1});
+    daemon.SendRecord(Message::APP_STATE_REPORT, "1#c#3#0#4#0#", {PacketKind::CALL, 1});
     EXPECT_NE(hasLast.get_future().get(), std::this_thread::get_id());
     EXPECT_EQ(names, "abc");
     channel.OnAppState(nullptr);
-    daemon.SendStates("1#dropped#1#0#0#0#");
+    daemon.SendRecord(Message::APP_STATE_REPORT, "1#dropped#1#0#0#0#");
     EXPECT_TRUE(channel.ReportRunning());
     EXPECT_EQ(daemon.Next(), RUNNING) << "the connection is still there";
 
@@ -186,10 +176,9 @@ TEST_F(OwnerChannelTest, HandsReportsOnInOrderAndEndsTheConnectionOnlyAfterWhatI
 
 TEST_F(OwnerChannelTest, SendsEachRequest) {
     const std::vector<Message::StartAppInfo> apps = {{"a", {"-v"}, {{2, {"K=V"}}}}};
-    Daemon daemon;
     OwnerChannel channel(NAME);
     EXPECT_FALSE(channel.TermApps({{"b"}})) << "requests are not kept for later";
-    Connect(channel, daemon);
+    Daemon daemon(channel);
     EXPECT_FALSE(channel.TermApps({{"b"}, {"#"}})) << "sends nothing";
     EXPECT_TRUE(channel.StartApps(apps) && channel.RestartApps(apps) && channel.TermApps({{"b"}}));
     EXPECT_TRUE(channel.ReportState(BaseServiceStateType::RESTARTING));
@@ -199,15 +188,13 @@ TEST_F(OwnerChannelTest, SendsEachRequest) {
                              "5:1#b#1#2#0#", "6:1#/x#0#", "7:1#/x#0#"}) {
         EXPECT_EQ(daemon.Next(), sent);
     }
-    Daemon other("zornmgr");
     OwnerChannel accessManager("zornmgr");
-    Connect(accessManager, other);
+    Daemon other(accessManager, "zornmgr");
     EXPECT_TRUE(accessManager.RestartApps(apps));
     EXPECT_EQ(other.Next(), "1:1#a#1#-v#") << "no dynamic parameters";
 }
 
 TEST_F(OwnerChannelTest, GivesUpOnADaemonThatDoesNotReadAndStillReceives) {
-    Daemon daemon;
     std::promise<bool> isSent;
     OwnerChannel channel(NAME);
     channel.OnAppState([&](const std::vector<AppStateInfo>& infos) {
@@ -215,8 +202,8 @@ TEST_F(OwnerChannelTest, GivesUpOnADaemonThatDoesNotReadAndStillReceives) {
         EXPECT_FALSE(channel.SetDelayCoreAffinity({}, PATIENCE)) << "no result either";
         isSent.set_value(channel.TermApps({{infos.front().appName}}));
     });
-    Connect(channel, daemon);
-    daemon.SendStates("1#first#1#0#0#0#");
+    Daemon daemon(channel);
+    daemon.SendRecord(Message::APP_STATE_REPORT, "1#first#1#0#0#0#");
     EXPECT_TRUE(isSent.get_future().get());
     EXPECT_EQ(daemon.Next(), "2:1#first#");
 
@@ -231,14 +218,13 @@ TEST_F(OwnerChannelTest, GivesUpOnADaemonThatDoesNotReadAndStillReceives) {
     EXPECT_EQ(sender.wait_for(PATIENCE), std::future_status::ready);
     EXPECT_TRUE(channel.IsAttached());
     EXPECT_EQ(daemon.Next(), "2:1#many#");
-    daemon.SendStates("1#second#1#0#0#0#");
+    daemon.SendRecord(Message::APP_STATE_REPORT, "1#second#1#0#0#0#");
     EXPECT_TRUE(isSent.get_future().get()) << "there is room again";
 }
 
 TEST_F(OwnerChannelTest, ListsOfSeveralCallersAreNotMixed) {
-    Daemon daemon;
     OwnerChannel channel(NAME);
-    Connect(channel, daemon);
+    Daemon daemon(channel);
     constexpr size_t RECORDS = 50;
     std::vector<std::future<bool>> callers;
     for (const char letter : {'a', 'b', 'c'}) {
@@ -257,11 +243,10 @@ TEST_F(OwnerChannelTest, ListsOfSeveralCallersAreNotMixed) {
 
 TEST_F(OwnerChannelTest, QueriesOneAtATimeAndTakesOnlyTheirAnswers) {
     using Answered = std::optional<OwnerChannel::StatusByName>;
-    Daemon daemon;
     OwnerChannel channel(NAME);
     EXPECT_EQ(channel.QueryAppState({}, 0ms), OwnerChannel::StatusByName()) << "nothing to ask";
     EXPECT_FALSE(channel.QueryAppState({"a"}, PATIENCE)) << "not attached";
-    Connect(channel, daemon);
+    Daemon daemon(channel);
     EXPECT_FALSE(channel.QueryAppState({std::string(4000, 'x')}, PATIENCE));
     EXPECT_FALSE(channel.QueryAppState({"l"}, 20ms));
     EXPECT_EQ(daemon.Next(), Asked('l'));
@@ -275,20 +260,20 @@ TEST_F(OwnerChannelTest, QueriesOneAtATimeAndTakesOnlyTheirAnswers) {
     std::future<Answered> second = ask("b");
     EXPECT_FALSE(channel.QueryAppState({"c"}, 20ms)) << "its turn does not come in time";
     EXPECT_EQ(daemon.Next(20ms), "nothing") << "the second query waits for the first answer";
-    daemon.SendAnswer(Answer('l', 0));
-    daemon.SendAnswer("cut");
-    daemon.SendAnswer(Answer('a', 2));
+    daemon.SendRecord(Message::APP_DETAIL_STATUS_REPORT, Answer('l', 0));
+    daemon.SendRecord(Message::APP_DETAIL_STATUS_REPORT, "cut");
+    daemon.SendRecord(Message::APP_DETAIL_STATUS_REPORT, Answer('a', 2));
     EXPECT_EQ(first.get(), (OwnerChannel::StatusByName{{"a", 2}}));
     EXPECT_EQ(daemon.Next(), Asked('b'));
-    daemon.SendAnswer(Answer('b', 1));
+    daemon.SendRecord(Message::APP_DETAIL_STATUS_REPORT, Answer('b', 1));
     EXPECT_EQ(second.get(), (OwnerChannel::StatusByName{{"b", 1}}));
 }
 
 TEST_F(OwnerChannelTest, SetsDelayCoreAffinityAndTakesOnlyTheResultOfThatCall) {
-    std::optional<Daemon> daemon(std::in_place);
     OwnerChannel channel(NAME);
     EXPECT_FALSE(channel.SetDelayCoreAffinity({}, PATIENCE)) << "not attached";
-    Connect(channel, *daemon);
+    std::optional<Daemon> daemon;
+    daemon.emplace(channel);
     const Message::DelayCoreAffinityReq request{Message::DELAY_RESET, -1, 1, 0, 0x01020304};
     std::future<std::optional<uint32_t>> result;
     // Makes the call and returns its sequence number.
