@@ -9,9 +9,7 @@
 namespace ProcMgr {
 namespace {
 
-struct BootCommandLineTest : IsolatedTest {
-    using IsolatedTest::Isolated;
-};
+using BootCommandLineTest = IsolatedTest;
 using Fakes::LogCapture;
 
 // Runs `body` in a child in which /proc holds this command line and nothing else.

@@ -44,6 +44,8 @@ protected:
             GTEST_SKIP() << "no private mount namespace here";
         }
     }
+
+public:
     // Runs `body` with RunIsolated; its failures are failures of the test.
     template <typename Body>
     static void Isolated(Body body) {
