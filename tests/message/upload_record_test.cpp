@@ -57,10 +57,10 @@ TEST(UploadRecord, LongestTextsComeBackAndLongerOnesAreRefused) {
         [](auto& r) { r.groups.back() += 'g'; }, [](auto& r) { r.groups.emplace_back("g"); },
         [](auto& r) { r.name[1] = '\0'; },       [](auto& r) { r.groups[1][1] = '\0'; },
     };
-    for (size_t i = 0; i < std::size(changes); ++i) {
+    for (const auto& change : changes) {
         UploadRequest changed = largest;
-        changes[i](changed);
-        EXPECT_FALSE(EncodeUploadRequest(changed)) << i;
+        change(changed);
+        EXPECT_FALSE(EncodeUploadRequest(changed)) << &change - changes;
     }
 }
 

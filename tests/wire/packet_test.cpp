@@ -78,19 +78,10 @@ TEST(Packet, TravelsOverASocketUntilTheConnectionEnds) {
 }
 
 TEST(SocketPaths, EscapeWhatNoFileNameHas) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"a.B-c_9", "/run/muxa/pipe/a.B-c_9"},
-        {"../x", "/run/muxa/pipe/..%2Fx"},
-        {"a b%\xC3\xBC", "/run/muxa/pipe/a%20b%25%C3%BC"},
-        {std::string("a\0b", 3), "/run/muxa/pipe/a%00b"},
-        {"", ""},
-        {".", ""},
-        {"..", ""},
-    };
-    for (const auto& [name, path] : cases) {
-        EXPECT_EQ(PipePath(name), path) << name;
-    }
-    EXPECT_EQ(ServerPath("a/b"), "/run/muxa/server/a%2Fb");
+    EXPECT_EQ(PipePath(std::string("../a\0b", 6)), "/run/muxa/pipe/..%2Fa%00b");
+    EXPECT_EQ(PipePath("."), "");
+    EXPECT_EQ(PipePath(".."), "");
+    EXPECT_EQ(ServerPath("a.B-c_9 %\xC3\xBC"), "/run/muxa/server/a.B-c_9%20%25%C3%BC");
 }
 
 }  // namespace
