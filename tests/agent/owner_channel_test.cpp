@@ -331,7 +331,7 @@ TEST_F(OwnerChannelTest, SendsHeartbeatsUntilStopped) {
 TEST_F(OwnerChannelTest, LeavesDescriptorsAndSignalsToTheService) {
     Daemon daemon;
     std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first one
-    const size_t before = CountCloseOnExec();
+    const int before = CountCloseOnExec();
     {
         OwnerChannel channel(NAME);
         ASSERT_TRUE(channel.Attach(PATIENCE));

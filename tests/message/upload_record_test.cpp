@@ -67,7 +67,7 @@ TEST(UploadRecord, LongestTextsComeBackAndLongerOnesAreRefused) {
 TEST(UploadRecord, MalformedRequestsAreRefused) {
     const Bytes good = EncodeUploadRequest(REQUEST).value();
     UploadRequest decoded;
-    for (const size_t length : {0, 3, 2191, 2193}) {
+    for (const size_t length : {0U, 3U, 2191U, 2193U}) {
         Bytes record = good;
         record.resize(length);
         EXPECT_EQ(Decode(record, decoded), UploadResult::BAD_RECORD) << length;
