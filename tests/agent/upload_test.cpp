@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <functional>
 #include <future>
 
 #include "tests/support/private_run.h"
@@ -27,16 +25,13 @@ constexpr auto IMPATIENCE = 100ms;
 class UploadTest : public PrivateRunTest {
 protected:
     void Listen() { listener_.emplace("/run/muxa/server/pmupload"); }
-    // The sequence number and the body of the next call; nothing when none comes.
-    std::optional<std::pair<uint64_t, Bytes>> Accept() {
+    // The next call; nothing when none comes. Its body is valid until the next Accept.
+    std::optional<Wire::Packet> Accept() {
         peer_ = listener_->Accept();
-        const std::string bytes = peer_.Receive().value_or("");
-        const auto packet =
-            Wire::DecodePacket({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
-        return packet && packet->header.kind == PacketKind::CALL
-                   ? std::optional(std::pair(packet->header.sequence,
-                                             Bytes(packet->body.begin(), packet->body.end())))
-                   : std::nullopt;
+        received_ = peer_.Receive().value_or("");
+        const auto* bytes = reinterpret_cast<const uint8_t*>(received_.data());
+        const auto packet = Wire::DecodePacket({bytes, received_.size()});
+        return packet && packet->header.kind == PacketKind::CALL ? packet : std::nullopt;
     }
     void Send(PacketKind kind, uint64_t sequence, const Bytes& body) const {
         EXPECT_EQ(Wire::SendPacket(peer_.Fd(), {kind, sequence}, body), Wire::SendResult::SENT);
@@ -44,6 +39,7 @@ protected:
 
     std::optional<Tests::RawListener> listener_;
     Tests::RawPeer peer_;
+    std::string received_;
 };
 
 std::future<Answered> Register(std::chrono::milliseconds timeout) {
@@ -61,21 +57,17 @@ TEST_F(UploadTest, RegistersWithAServerThatComesLater) {
     const auto call = Accept();
     ASSERT_TRUE(call);
     Message::UploadRequest request;
-    ASSERT_EQ(Message::DecodeUploadRequest(call->second, request), UploadResult::REGISTERED);
-    EXPECT_EQ(request.pid, getpid());
-    EXPECT_EQ(request.name, "me");
-    EXPECT_EQ(request.path, std::filesystem::read_symlink("/proc/self/exe"));
-    EXPECT_EQ(request.groups, (std::vector<std::string>{"g1", "g2"}));
+    ASSERT_EQ(Message::DecodeUploadRequest(call->body, request), UploadResult::REGISTERED);
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe");
+    EXPECT_EQ(request, (Message::UploadRequest{getpid(), "me", program, {"g1", "g2"}}));
 
     const auto no = Message::EncodeUploadResponse({UploadResult::TOO_MANY, {}}).value();
     const auto yes = Message::EncodeUploadResponse({UploadResult::REGISTERED, {"g1"}}).value();
-    Send(PacketKind::RESPONSE, call->first + 1, no);
-    Send(PacketKind::REQUEST, call->first, no);
-    Send(PacketKind::RESPONSE, call->first, yes);
-    const Answered answer = answered.get();
-    ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->result, UploadResult::REGISTERED);
-    EXPECT_EQ(answer->groups, std::vector<std::string>{"g1"});
+    const uint64_t sequence = call->header.sequence;
+    Send(PacketKind::RESPONSE, sequence + 1, no);
+    Send(PacketKind::REQUEST, sequence, no);
+    Send(PacketKind::RESPONSE, sequence, yes);
+    EXPECT_EQ(answered.get(), (Message::UploadResponse{UploadResult::REGISTERED, {"g1"}}));
     EXPECT_TRUE(peer_.HasEnded());
 }
 
@@ -84,19 +76,21 @@ TEST_F(UploadTest, ASilentOrBrokenServerYieldsNothing) {
     EXPECT_FALSE(RegisterUpload(std::string(128, 'n'), {}, PATIENCE)) << "does not fit";
     EXPECT_FALSE(RegisterUpload("me", {}, IMPATIENCE)) << "does not answer";
     Accept();
-    const std::function<void(uint64_t)> answers[] = {
-        [this](uint64_t) { peer_.Close(); },
-        [this](uint64_t sequence) { Send(PacketKind{4}, sequence, {}); },
-        [this](uint64_t sequence) { Send(PacketKind::RESPONSE, sequence, Bytes(4)); },
-        [this](uint64_t sequence) {
-            Send(PacketKind::RESPONSE, sequence, Bytes(Wire::PACKET_BODY_MAX + 1));
-        },
+    const std::pair<PacketKind, Bytes> answers[] = {
+        {PacketKind{4}, {}},
+        {PacketKind::RESPONSE, Bytes(4)},
+        {PacketKind::RESPONSE, Bytes(Wire::PACKET_BODY_MAX + 1)},
+        {PacketKind::RESPONSE, {}},  // closes the connection instead
     };
-    for (const auto& answer : answers) {
+    for (const auto& [kind, body] : answers) {
         std::future<Answered> answered = Register(PATIENCE * 2);
         const auto call = Accept();
         ASSERT_TRUE(call);
-        answer(call->first);
+        if (kind == PacketKind::RESPONSE && body.empty()) {
+            peer_.Close();
+        } else {
+            Send(kind, call->header.sequence, body);
+        }
         EXPECT_EQ(answered.wait_for(PATIENCE), std::future_status::ready) << "ends at once";
         EXPECT_FALSE(answered.get());
     }

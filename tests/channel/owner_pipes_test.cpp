@@ -1,13 +1,6 @@
 #include "channel/owner_pipes.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cerrno>
-#include <chrono>
-#include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
@@ -23,11 +16,11 @@ using Call = FakeMuxa::Call;
 
 class OwnerPipesTest : public testing::Test, public PipeEvents {
 protected:
-    void SetUp() override {
-        Reset();
+    OwnerPipesTest() {
         setenv("PROC_NAME", "PROCMGR", 1);
+        Reset();
     }
-    void TearDown() override { FakeMuxa::Get().Reset(); }
+    ~OwnerPipesTest() override { FakeMuxa::Get().Reset(); }
     void OnPipeOpen(const std::string& owner) override { events_.push_back(owner); }
     void OnPipeBusy() override { events_.emplace_back("busy"); }
 

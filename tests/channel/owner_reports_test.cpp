@@ -1,17 +1,12 @@
 #include "channel/owner_reports.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstring>
-#include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "app/base_app_info.h"
 #include "channel/owner_pipes.h"
+#include "message/record_codec.h"
 #include "platform/host/manifest_data.h"
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
@@ -23,8 +18,8 @@ namespace {
 using Fakes::FakeMuxa;
 using Fakes::LogCapture;
 using Call = FakeMuxa::Call;
-using Message::RequestMsg;
 using Tests::WaitUntil;
+using Records = std::vector<std::string>;
 
 class OwnerReportsTest : public testing::Test, public PictureSource {
 protected:
@@ -36,13 +31,19 @@ protected:
         }
         LogCapture::Clear();
     }
-    void TearDown() override { FakeMuxa::Get().Reset(); }
+    void TearDown() override {
+        sender_.Stop();
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        FakeMuxa::Get().Reset();
+    }
 
     std::optional<std::vector<Message::AppStateInfo>> GetPicture(const std::string&) override {
         return present_;
     }
-    static bool WaitForRecords(size_t count) {
-        return WaitUntil([=] { return Delivered().size() >= count; });
+    void StartReportThread() {
+        thread_ = std::thread([this] { sender_.Run(pipes_); });
     }
     // Reports more states to "owner" than its queue holds.
     void Overflow() {
@@ -52,15 +53,12 @@ protected:
     }
 
     // The delivered records as "TYPE:PAYLOAD".
-    static std::vector<std::string> Delivered() {
-        std::vector<std::string> records;
+    static Records Delivered() {
+        Records records;
         for (const auto& sent : FakeMuxa::Get().Delivered()) {
-            RequestMsg record;
-            EXPECT_EQ(sent.data.size(), sizeof record);
-            std::memcpy(&record, sent.data.data(), std::min(sent.data.size(), sizeof record));
+            const auto record = Message::DecodeRecord(sent.data).value();
             records.push_back(std::to_string(record.type) + ':' +
-                              std::string(reinterpret_cast<char*>(record.data),
-                                          std::min<size_t>(record.size, 3964)));
+                              std::string(Message::PayloadOf(record)));
         }
         return records;
     }
@@ -69,6 +67,7 @@ protected:
     std::vector<Message::AppStateInfo> present_;
     ReportSender sender_{pipes_, this};
     OwnerReports reports_{pipes_, sender_};
+    std::thread thread_;
 };
 
 TEST_F(OwnerReportsTest, EveryFailureIsLogged) {
@@ -89,36 +88,8 @@ TEST_F(OwnerReportsTest, EveryFailureIsLogged) {
     EXPECT_FALSE(LogCapture::ContainsPart(LOG_INFO, "PM report appState"));
 }
 
-// Runs the report thread for the lifetime of the object.
-class ReportThread {
-public:
-    ReportThread(ReportSender& sender, OwnerPipes& pipes)
-        : sender_(sender), thread_([&] { sender.Run(pipes); }) {}
-    ~ReportThread() {
-        sender_.Stop();
-        thread_.join();
-    }
-
-private:
-    ReportSender& sender_;
-    std::thread thread_;
-};
-
-TEST_F(OwnerReportsTest, AReportThatAPipeDoesNotTakeIsSentLaterAndInOrder) {
-    const ReportThread thread(sender_, pipes_);
-    FakeMuxa::Get().Push(Call::SEND, -11, 20);
-    reports_.ReportAppState({{"a", 1, 0, 0, 0}}, "owner");
-    sender_.Flush();
-    reports_.ReportAppState({{"b", 2, 0, 4, 0}}, "owner");
-    reports_.ReportAppDetailStatus({{"c", 1}}, "owner");
-    sender_.Flush();
-    ASSERT_TRUE(WaitForRecords(3));
-    EXPECT_THAT(Delivered(), testing::ElementsAre("4:1#a#1#0#0#0#", "4:1#b#2#0#4#0#",
-                                                  testing::StartsWith("10:")));
-}
-
 TEST_F(OwnerReportsTest, AnOwnerThatHasMissedReportsGetsAllStates) {
-    const ReportThread thread(sender_, pipes_);
+    StartReportThread();
     present_ = {{"here", 7, 0, 0, 0}};
     FakeMuxa::Get().SetDefault(Call::SEND, -11);
     Overflow();
@@ -134,10 +105,7 @@ TEST_F(OwnerReportsTest, AnOwnerThatHasMissedReportsGetsAllStates) {
     FakeMuxa::Get().SetDefault(Call::SEND, 0);
     std::string all;
     EXPECT_TRUE(WaitUntil([&] {
-        all.clear();
-        for (const std::string& record : Delivered()) {
-            all += record;
-        }
+        all = testing::PrintToString(Delivered());
         return all.find("here#7#0#0#0#") != std::string::npos &&
                all.find("ended#1#0#4#0#") != std::string::npos &&
                all.find("late#1#0#4#0#") != std::string::npos;
@@ -145,15 +113,17 @@ TEST_F(OwnerReportsTest, AnOwnerThatHasMissedReportsGetsAllStates) {
 }
 
 TEST_F(OwnerReportsTest, AReportThatFailsForGoodIsPartOfThePicture) {
-    const ReportThread thread(sender_, pipes_);
+    StartReportThread();
     FakeMuxa::Get().Push(Call::SEND, -11, 401);
     reports_.ReportAppState({{"gone", 1, 0, 4, 0}}, "owner");
     sender_.Flush();
     reports_.ReportAppState({{"next", 2, 0, 0, 0}}, "owner");
+    reports_.ReportAppDetailStatus({{"c", 1}}, "owner");
     sender_.Flush();
-    ASSERT_TRUE(WaitForRecords(2));
+    ASSERT_TRUE(WaitUntil([] { return Delivered().size() >= 3; }));
     EXPECT_TRUE(LogCapture::ContainsPart(LOG_ERR, "SendRequestMsg failed, err code=-11"));
-    EXPECT_EQ(Delivered(), (std::vector<std::string>{"4:1#next#2#0#0#0#", "4:1#gone#1#0#4#0#"}));
+    EXPECT_THAT(Delivered(), testing::ElementsAre("4:1#next#2#0#0#0#", testing::StartsWith("10:"),
+                                                  "4:1#gone#1#0#4#0#"));
 }
 
 TEST_F(OwnerReportsTest, AReportWithoutAPipeIsSentWhenThePipeIsOpenAgain) {
@@ -163,7 +133,7 @@ TEST_F(OwnerReportsTest, AReportWithoutAPipeIsSentWhenThePipeIsOpenAgain) {
     EXPECT_TRUE(Delivered().empty());
     ASSERT_TRUE(pipes_.RegServiceCallBack("owner", 0, 0));
     sender_.Retry("owner");
-    EXPECT_EQ(Delivered(), std::vector<std::string>{"4:1#app#1#0#4#0#"});
+    EXPECT_EQ(Delivered(), Records{"4:1#app#1#0#4#0#"});
 }
 
 TEST_F(OwnerReportsTest, TheAccessManagerGetsTheStatesOfAllOtherServices) {
@@ -174,7 +144,7 @@ TEST_F(OwnerReportsTest, TheAccessManagerGetsTheStatesOfAllOtherServices) {
     app.pid_ = 77;
     reports_.ReportAppStateToZorn(app, TERMINATED_ABNORMAL_EXIT, 1);
     sender_.Flush();
-    EXPECT_EQ(Delivered(), std::vector<std::string>{"4:1#svc#77#33#4#1#"});
+    EXPECT_EQ(Delivered(), Records{"4:1#svc#77#33#4#1#"});
     EXPECT_EQ(FakeMuxa::Get().Sends()[0].fd, pipes_.GetServiceFd("zornmgr"));
     EXPECT_TRUE(
         LogCapture::Contains(LOG_INFO, "PROCMGR : report svc's state: 4 to zornmgr successfully"));

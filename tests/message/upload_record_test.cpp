@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <memory>
 
 namespace ProcMgr::Message {
@@ -31,10 +30,6 @@ Bytes RecordOf(size_t length, std::initializer_list<std::pair<size_t, std::strin
     return record;
 }
 
-void Fill(Bytes& record, size_t offset, size_t length, uint8_t byte = 'x') {
-    std::fill_n(record.begin() + static_cast<ptrdiff_t>(offset), length, byte);
-}
-
 TEST(UploadRecord, HasTheseBytes) {
     EXPECT_EQ(EncodeUploadRequest(REQUEST), RecordOf(2192, {{0, {"\1\0\0\0\4\3\2\1\2\0\0\0", 12}},
                                                             {16, REQUEST.name},
@@ -51,6 +46,9 @@ TEST(UploadRecord, LongestTextsComeBackAndLongerOnesAreRefused) {
     UploadRequest decoded{1, "old", "old", {"old"}};
     ASSERT_EQ(Decode(EncodeUploadRequest(largest).value(), decoded), UploadResult::REGISTERED);
     EXPECT_EQ(decoded, largest);
+    Bytes tooMany = EncodeUploadRequest(largest).value();
+    tooMany[8] = 17;
+    EXPECT_EQ(Decode(tooMany, decoded), UploadResult::BAD_RECORD) << "17 groups";
     const UploadResponse response{UploadResult::TOO_MANY, largest.groups};
     EXPECT_EQ(DecodeUploadResponse(EncodeUploadResponse(response).value()), response);
 
@@ -59,49 +57,45 @@ TEST(UploadRecord, LongestTextsComeBackAndLongerOnesAreRefused) {
         [](auto& r) { r.groups.back() += 'g'; }, [](auto& r) { r.groups.emplace_back("g"); },
         [](auto& r) { r.name[1] = '\0'; },       [](auto& r) { r.groups[1][1] = '\0'; },
     };
-    for (size_t i = 0; i < std::size(changes); ++i) {
+    for (const auto& change : changes) {
         UploadRequest changed = largest;
-        changes[i](changed);
-        EXPECT_FALSE(EncodeUploadRequest(changed)) << i;
+        change(changed);
+        EXPECT_FALSE(EncodeUploadRequest(changed)) << &change - changes;
     }
 }
 
 TEST(UploadRecord, MalformedRequestsAreRefused) {
+    const Bytes good = EncodeUploadRequest(REQUEST).value();
+    UploadRequest decoded;
+    for (const size_t length : {0U, 3U, 2191U, 2193U}) {
+        Bytes record = good;
+        record.resize(length);
+        EXPECT_EQ(Decode(record, decoded), UploadResult::BAD_RECORD) << length;
+    }
+    EXPECT_EQ(Decode(Bytes(4, 2), decoded), UploadResult::OTHER_VERSION) << "whatever its length";
     constexpr auto GOOD = UploadResult::REGISTERED;
     constexpr auto BAD = UploadResult::BAD_RECORD;
-    constexpr auto OTHER = UploadResult::OTHER_VERSION;
-    const struct {
-        const char* what;
-        std::function<void(Bytes&)> change;
-        UploadResult result;
-    } cases[] = {
-        {"no record", [](auto& r) { r.clear(); }, BAD},
-        {"part of a version", [](auto& r) { r.assign(3, 2); }, BAD},
-        {"cut", [](auto& r) { r.pop_back(); }, BAD},
-        {"longer", [](auto& r) { r.push_back(0); }, BAD},
-        {"another version, and shorter", [](auto& r) { r.assign(4, 2); }, OTHER},
-        {"pid 0", [](auto& r) { Fill(r, 4, 4, 0); }, BAD},
-        {"pid -1", [](auto& r) { Fill(r, 4, 4, 0xFF); }, BAD},
-        {"an empty group", [](auto& r) { r[8] = 3; }, BAD},
-        {"17 groups", [](auto& r) { Fill(r, 1168, 1024), r[8] = 17; }, BAD},
-        {"number of groups, high byte", [](auto& r) { r[11] = 0x80; }, BAD},
-        {"a group without an end", [](auto& r) { Fill(r, 1232, 64); }, BAD},
-        {"no name", [](auto& r) { r[16] = 0; }, BAD},
-        {"a name without an end", [](auto& r) { Fill(r, 16, 128); }, BAD},
-        {"a line end in the name", [](auto& r) { r[17] = '\n'; }, BAD},
-        {"a delete in the name", [](auto& r) { r[17] = 0x7F; }, BAD},
-        {"a path for a name", [](auto& r) { r[17] = '/'; }, BAD},
-        {"a relative path", [](auto& r) { r[144] = 'x'; }, BAD},
-        {"a path without an end", [](auto& r) { Fill(r, 145, 1023); }, BAD},
-        {"ignored bytes", [](auto& r) { Fill(r, 12, 4), Fill(r, 100, 44), Fill(r, 1296, 896); },
-         GOOD},
+    const std::tuple<const char*, ptrdiff_t, size_t, uint8_t, UploadResult> changes[] = {
+        {"pid 0", 4, 4, 0, BAD},
+        {"pid -1", 4, 4, 0xFF, BAD},
+        {"an empty group", 8, 1, 3, BAD},
+        {"a group without an end", 1232, 64, 'x', BAD},
+        {"no name", 16, 1, 0, BAD},
+        {"a name without an end", 16, 128, 'x', BAD},
+        {"a line end in the name", 17, 1, '\n', BAD},
+        {"a delete in the name", 17, 1, 0x7F, BAD},
+        {"a path for a name", 17, 1, '/', BAD},
+        {"a relative path", 144, 1, 'x', BAD},
+        {"a path without an end", 145, 1023, 'x', BAD},
+        {"the gap", 12, 4, 'x', GOOD},
+        {"bytes after the name", 100, 44, 'x', GOOD},
+        {"bytes after the groups", 1296, 896, 'x', GOOD},
     };
-    for (const auto& [what, change, result] : cases) {
-        Bytes record = EncodeUploadRequest(REQUEST).value();
-        change(record);
-        UploadRequest decoded;
+    for (const auto& [what, offset, length, byte, result] : changes) {
+        Bytes record = good;
+        std::fill_n(record.begin() + offset, length, byte);
         EXPECT_EQ(Decode(record, decoded), result) << what;
-        EXPECT_TRUE(result != GOOD || decoded == REQUEST) << what;
+        EXPECT_TRUE(result == BAD || decoded == REQUEST) << what;
     }
 }
 
@@ -111,7 +105,7 @@ TEST(UploadRecord, MalformedResponsesAreRefused) {
     EXPECT_FALSE(DecodeUploadResponse({}));
     EXPECT_FALSE(DecodeUploadResponse(std::span(good).first(good.size() - 1)));
     // Version, result, number of groups, group.
-    const std::pair<size_t, uint8_t> changes[] = {{0, 2}, {4, 6}, {7, 1}, {8, 2}, {8, 17}, {16, 0}};
+    const std::pair<size_t, uint8_t> changes[] = {{0, 2}, {4, 6}, {7, 1}, {8, 2}, {16, 0}};
     for (const auto& [offset, value] : changes) {
         Bytes changed = good;
         changed[offset] = value;

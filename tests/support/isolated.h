@@ -44,6 +44,13 @@ protected:
             GTEST_SKIP() << "no private mount namespace here";
         }
     }
+
+public:
+    // Runs `body` with RunIsolated; its failures are failures of the test.
+    template <typename Body>
+    static void Isolated(Body body) {
+        EXPECT_EQ(RunIsolated(body), 0);
+    }
 };
 
 }  // namespace ProcMgr

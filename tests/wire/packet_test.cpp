@@ -3,13 +3,10 @@
 #include "wire/packet.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <memory>
-#include <vector>
 
 #include "wire/packet_io.h"
 #include "wire/socket_paths.h"
@@ -19,17 +16,15 @@ namespace Wire {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-using testing::ElementsAreArray;
 
 const Bytes GOOD = {'M',  'U',  'X',  'A',  2,    0,    0,    0,      // magic, kind
                     0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11};  // sequence
 constexpr PacketHeader CALL{PacketKind::CALL, 0x1122334455667788};
 
 TEST(Packet, HeaderInBothDirections) {
-    std::array<uint8_t, 16> header{};
-    EncodePacketHeader(CALL, header);
-    EXPECT_THAT(header, ElementsAreArray(GOOD));
-    Bytes bytes = GOOD;
+    Bytes bytes(16);
+    EncodePacketHeader(CALL, std::span<uint8_t, 16>(bytes));
+    EXPECT_EQ(bytes, GOOD);
     bytes.push_back('b');
     const auto packet = DecodePacket(bytes);
     ASSERT_TRUE(packet);
@@ -61,46 +56,32 @@ TEST(Packet, BytesThatAreNoPacketAreRefused) {
 }
 
 TEST(Packet, TravelsOverASocketUntilTheConnectionEnds) {
-    std::array<int, 2> ends{};
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
     const UniqueFd near(ends[0]);
     UniqueFd far(ends[1]);
     Bytes buffer(PACKET_MAX);
     Packet packet;
-    const Bytes largest(PACKET_BODY_MAX, 'x');
     EXPECT_EQ(ReceivePacket(near.Get(), buffer, packet), ReceiveResult::NONE);
-    ASSERT_EQ(SendPacket(far.Get(), CALL, largest), SendResult::SENT);
-    ASSERT_EQ(ReceivePacket(near.Get(), buffer, packet), ReceiveResult::PACKET);
-    EXPECT_EQ(packet.header.sequence, CALL.sequence);
-    EXPECT_TRUE(std::ranges::equal(packet.body, largest));
-
     ASSERT_EQ(SendPacket(far.Get(), {}, Bytes(PACKET_BODY_MAX + 1)), SendResult::SENT);
     EXPECT_EQ(ReceivePacket(near.Get(), buffer, packet), ReceiveResult::ENDED) << "too long";
     while (SendPacket(near.Get(), {}, {}) == SendResult::SENT) {
     }
     EXPECT_EQ(SendPacket(near.Get(), {}, {}), SendResult::FULL);
     // The far end is closed with packets unread: what it has sent before can still be received.
-    ASSERT_EQ(SendPacket(far.Get(), CALL, {}), SendResult::SENT);
+    ASSERT_EQ(SendPacket(far.Get(), CALL, Bytes(PACKET_BODY_MAX)), SendResult::SENT);
     far.Reset();
     EXPECT_EQ(SendPacket(near.Get(), {}, {}), SendResult::BROKEN);
     EXPECT_EQ(ReceivePacket(near.Get(), buffer, packet), ReceiveResult::PACKET);
+    EXPECT_EQ(packet.body.size(), PACKET_BODY_MAX);
     EXPECT_EQ(ReceivePacket(near.Get(), buffer, packet), ReceiveResult::ENDED);
 }
 
 TEST(SocketPaths, EscapeWhatNoFileNameHas) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"a.B-c_9", "/run/muxa/pipe/a.B-c_9"},
-        {"../x", "/run/muxa/pipe/..%2Fx"},
-        {"a b%\xC3\xBC", "/run/muxa/pipe/a%20b%25%C3%BC"},
-        {std::string("a\0b", 3), "/run/muxa/pipe/a%00b"},
-        {"", ""},
-        {".", ""},
-        {"..", ""},
-    };
-    for (const auto& [name, path] : cases) {
-        EXPECT_EQ(PipePath(name), path) << name;
-    }
-    EXPECT_EQ(ServerPath("a/b"), "/run/muxa/server/a%2Fb");
+    EXPECT_EQ(PipePath(std::string("../a\0b", 6)), "/run/muxa/pipe/..%2Fa%00b");
+    EXPECT_EQ(PipePath("."), "");
+    EXPECT_EQ(PipePath(".."), "");
+    EXPECT_EQ(ServerPath("a.B-c_9 %\xC3\xBC"), "/run/muxa/server/a.B-c_9%20%25%C3%BC");
 }
 
 }  // namespace

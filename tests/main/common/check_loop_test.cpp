@@ -1,13 +1,6 @@
 #include "main/common/check_loop.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "tests/fakes/log_capture.h"
 #include "tests/main/common/fake_clock.h"
@@ -20,33 +13,25 @@ using testing::ElementsAre;
 
 class CheckLoopTest : public testing::Test {
 protected:
-    // Both record their calls as "MILLISECONDS NAME"; an extra pass adds "!", a removal "-".
-    struct Container final : Supervised {
-        Container(CheckLoopTest& owner, const char* label) : test(owner), name(label) {}
-        void Check(CheckPass pass) override {
-            test.Note(name + (pass == CheckPass::EXTRA ? "!" : ""));
-            if (onCheck) {
-                std::exchange(onCheck, nullptr)();
-            }
-        }
+    // A container and a periodic check. Records its calls as "MILLISECONDS NAME"; an extra pass
+    // adds
+    // "!", a removal "-".
+    struct Part final : Supervised, PeriodicCheck {
+        Part(CheckLoopTest& owner, const char* label) : test(owner), name(label) {}
+        void Check(CheckPass pass) override { Run(pass == CheckPass::EXTRA ? "!" : ""); }
         void RemoveTerminatedApps() override { test.Note("-" + name); }
-        CheckLoopTest& test;
-        std::string name;
-        std::function<void()> onCheck;  // once
-    };
-    struct Periodic final : PeriodicCheck {
-        Periodic(CheckLoopTest& owner, const char* label) : test(owner), name(label) {}
-        void Run() override {
-            test.Note(name);
-            if (isFailing) {
-                throw std::runtime_error("no memory");
+        void Run() override { Run(""); }
+        bool IsWanted() const override { return isWanted; }
+        void Run(const char* mark) {
+            test.Note(name + mark);
+            if (onRun) {
+                std::exchange(onRun, nullptr)();
             }
         }
-        bool IsWanted() const override { return isWanted; }
         CheckLoopTest& test;
         std::string name;
+        std::function<void()> onRun;  // once
         bool isWanted = true;
-        bool isFailing = false;
     };
 
     void SetUp() override { Fakes::LogCapture::Clear(); }
@@ -67,12 +52,12 @@ protected:
     FakeClock clock_;
     CheckRequests requests_{clock_};
     std::vector<std::string> calls_;
-    Container a_{*this, "a"};
-    Container b_{*this, "b"};
+    Part a_{*this, "a"};
+    Part b_{*this, "b"};
 };
 
 TEST_F(CheckLoopTest, ARequestIsServedOnTheGridAndAnUrgentOneAtOnceToo) {
-    a_.onCheck = [this] { requests_.Request(); };
+    a_.onRun = [this] { requests_.Request(); };
     clock_.At(85ms, [this] { requests_.Request(); });
     clock_.At(130ms, [this] { requests_.RequestNow(); });
     clock_.At(135ms, [this] { requests_.Request(); });
@@ -83,7 +68,7 @@ TEST_F(CheckLoopTest, ARequestIsServedOnTheGridAndAnUrgentOneAtOnceToo) {
 }
 
 TEST_F(CheckLoopTest, ALongPassDoesNotShiftTheGrid) {
-    a_.onCheck = [this] {
+    a_.onRun = [this] {
         clock_.Sleep(100ms);
         requests_.Request();
     };
@@ -92,8 +77,8 @@ TEST_F(CheckLoopTest, ALongPassDoesNotShiftTheGrid) {
 }
 
 TEST_F(CheckLoopTest, PeriodicChecksRunWhenTheyAreDueAndOnlyTheWantedOnesWakeTheLoop) {
-    Periodic often{*this, "often"};
-    Periodic rare{*this, "rare"};
+    Part often{*this, "often"};
+    Part rare{*this, "rare"};
     clock_.At(700ms, [&] { often.isWanted = false; });
     EXPECT_THAT(Run(2500ms, {}, {{CycleTimer(10, 11), often}, {CycleTimer(20, 21), rare}}),
                 ElementsAre("300 often", "600 rare", "630 often", "960 often", "1230 rare",
@@ -101,10 +86,10 @@ TEST_F(CheckLoopTest, PeriodicChecksRunWhenTheyAreDueAndOnlyTheWantedOnesWakeThe
 }
 
 TEST_F(CheckLoopTest, AFailureIsLoggedAndTheWorkTriedAgain) {
-    Periodic fails{*this, "fails"};
-    Periodic works{*this, "works"};
-    fails.isFailing = true;
-    a_.onCheck = [] { throw std::runtime_error("no process"); };
+    Part fails{*this, "fails"};
+    Part works{*this, "works"};
+    fails.onRun = [] { throw std::runtime_error("no memory"); };
+    a_.onRun = [] { throw std::runtime_error("no process"); };
     EXPECT_THAT(Run(100ms, {a_, b_}, {{CycleTimer(0, 100), fails}, {CycleTimer(0, 100), works}}),
                 ElementsAre("0 a", "0 fails", "0 works", "30 a", "30 b", "30 -a", "30 -b"));
     for (const char* reason : {"no process", "no memory"}) {
