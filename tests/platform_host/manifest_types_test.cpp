@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "platform/manifest.h"
 #include "tests/support/files.h"
@@ -29,12 +30,9 @@ TEST(DependGraphTest, PopReleasesOnlyWhatWaited) {
 }
 
 TEST(PatternTest, ValueMatchesAsAWhole) {
-    const struct {
-        std::string pattern;
-        std::string value;
-        bool matches;
-    } cases[] = {
+    const std::tuple<std::string, std::string, bool> cases[] = {
         {"match(abc)", "abcd", false},
+        {"match(ab)", "xab", false},
         {"match((a|ab)(c|bcd))", "abcd", true},
         {"match(/usr/bin/[^/]+)", "/usr/bin/../sh", false},
         {"match(a)", "a\n", false},
@@ -81,6 +79,7 @@ TEST(KvsTypeYamlTest, WalksAFile) {
     ASSERT_TRUE(section.GetElement(1, section));
     ASSERT_TRUE(section.GetSubKvs("b", section));
     EXPECT_FALSE(Load(top, "a: ["));
+    EXPECT_FALSE(top.InitYamlNode("/dev/null")) << "not a regular file";
     EXPECT_EQ(section.GetString(), "c");
     EXPECT_FALSE(top.GetSubKvs("list", node));
 }
