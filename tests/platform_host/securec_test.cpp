@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -33,12 +33,8 @@ TEST(SecurecTest, NothingIsWrittenPastTheDestination) {
 
 TEST(SecurecTest, StrncpyEndsWithNulOrIsEmpty) {
     const char open[3] = {'a', 'b', 'c'};  // without a NUL: no further character may be read
-    const struct {
-        size_t size;
-        const char* source;
-        size_t count;
-        std::string result;  // the 4 bytes; "d" is a byte that was not written
-    } cases[] = {
+    // The destination's size, the source, the count, and the 4 bytes: "d" is one not written.
+    const std::tuple<size_t, const char*, size_t, std::string> cases[] = {
         {4, open, 3, std::string("abc\0", 4)},    {4, "abcdef", 3, std::string("abc\0", 4)},
         {4, "abcd", 4, std::string("\0ddd", 4)},  {2, "ab", 2, std::string("\0ddd", 4)},
         {4, nullptr, 3, std::string("\0ddd", 4)}, {0, "abc", 3, "dddd"},
