@@ -1,5 +1,5 @@
-// The manifest library: the parsing of manifests with their errors, the dependency graph, patterns and
-// the reader of other YAML files.
+// The manifest library: the parsing of manifests with their errors, the dependency graph, patterns
+// and the reader of other YAML files.
 #include "platform/manifest.h"
 
 #include <gmock/gmock.h>
@@ -50,17 +50,15 @@ protected:
         return "services:\n- name: a\n  bin: /bin/a\n" + more;
     }
     // `path` leads to one line in the log: an error that begins with `start`.
-    void ExpectRefused(const std::string& path, const std::string& problem,
-                       const std::string& start = "") {
-        EXPECT_FALSE(Parse(path));
-        EXPECT_THAT(logged_, ElementsAre(AllOf(StartsWith("3 " + start), HasSubstr(problem))))
-            << path;
-    }
-    // As above for a text, whose error begins with file, line and `where`.
-    void ExpectRefused(const std::string& text, int line, const std::string& where,
+    void ExpectRefused(const std::string& path, const std::string& start,
                        const std::string& problem) {
-        ExpectRefused(Write("main.yaml", text), problem,
-                      directory_ / "main.yaml:" + std::to_string(line) + ": " + where);
+        EXPECT_FALSE(Parse(path));
+        EXPECT_THAT(logged_, ElementsAre(AllOf(StartsWith("3 " + start), HasSubstr(problem))));
+    }
+    // As above for a text; `where` begins with the line of the error.
+    void ExpectTextRefused(const std::string& text, const std::string& where,
+                           const std::string& problem) {
+        ExpectRefused(Write("main.yaml", text), directory_ / "main.yaml:" + where, problem);
     }
     std::vector<std::string> Names() const {
         std::vector<std::string> names;
@@ -105,15 +103,13 @@ protected:
 // All values of a manifest except its name, list and path.
 std::string ValuesOf(const ApplicationManifest& m) {
     return testing::PrintToString(std::tuple(
-               m.GetBinPath(), m.GetArguments(), m.GetEnvArgv(), m.GetUid(), m.GetGid(),
-               m.GetDependList(), m.GetIsReporting(), m.GetRestart(), m.GetTermTimeOut(),
-               m.GetIsForceTerm(), m.GetNice(), m.GetCoreAffinity(), m.GetIsDelayCoreAffinity(),
-               m.GetResGroupName(), m.GetCpuset(), m.GetBlkioGroupName())) +
-           testing::PrintToString(
-               std::tuple(m.GetCGroupPath(), m.GetSetRtPrio(), m.GetSetRtType(), m.GetSecurityCon(),
-                          m.GetNodeType(), m.GetNumaType(), m.GetStartupPriority(),
-                          m.GetStartupEntryPath(), m.GetHeartBeatSwitch(), m.GetSharepoolGroups(),
-                          m.GetVfId(), m.GetVfIdPattern(), m.GetIsDynamicPara(), m.GetMatchData()));
+        m.GetBinPath(), m.GetArguments(), m.GetEnvArgv(), m.GetUid(), m.GetGid(), m.GetDependList(),
+        m.GetIsReporting(), m.GetRestart(), m.GetTermTimeOut(), m.GetIsForceTerm(), m.GetNice(),
+        m.GetCoreAffinity(), m.GetIsDelayCoreAffinity(), m.GetResGroupName(), m.GetCpuset(),
+        m.GetBlkioGroupName(), m.GetCGroupPath(), m.GetSetRtPrio(), m.GetSetRtType(),
+        m.GetSecurityCon(), m.GetNodeType(), m.GetNumaType(), m.GetStartupPriority(),
+        m.GetStartupEntryPath(), m.GetHeartBeatSwitch(), m.GetSharepoolGroups(), m.GetVfId(),
+        m.GetVfIdPattern(), m.GetIsDynamicPara(), m.GetMatchData()));
 }
 
 // Each value differs from its default and from its neighbours, so that a swapped key is found.
@@ -137,8 +133,8 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetterAndHasItsDefault) {
         "(\"match(/usr/bin/(x|y))\", { \"--level\", \"7\", \"\", \"match([0-9]+)\" }, "
         "{ (\"FREE\", \"match(.*)\"), (\"HOME\", \"/root\"), (\"LEVEL\", \"3\") }, "
         "4294967294, 16, { \"a\", \"b\" }, true, \"on-until-succeed\", 4294967295, false, -20, "
-        "{ 255, 3, 1023 }, true, \"rg\", \"cs\", \"bg\")"
-        "({ (\"cpu\", \"c\"), (\"memory\", \"m\") }, \"50\", \"SCHED_RR\", \"sc\", 1538, 2, 7, "
+        "{ 255, 3, 1023 }, true, \"rg\", \"cs\", \"bg\", "
+        "{ (\"cpu\", \"c\"), (\"memory\", \"m\") }, \"50\", \"SCHED_RR\", \"sc\", 1538, 2, 7, "
         "\"/entry\", true, { (\"g1\", \"read\"), (\"g2\", \"read-write\") }, 5, \"\", true, "
         "{ (\"mode\", \"fast\"), (\"slot\", \"1\") })");
     ASSERT_TRUE(ParseText(Service("  vf_id: match([0-9])\n")));
@@ -147,8 +143,8 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetterAndHasItsDefault) {
     EXPECT_EQ(manifests_[0].GetCfgPath(), directory_ / "main.yaml");
     EXPECT_EQ(
         ValuesOf(manifests_[0]),
-        "(\"/bin/a\", {}, {}, 0, 0, {}, false, \"no\", 5000, true, 0, {}, false, \"\", \"\", \"\")"
-        "({}, \"\", \"\", \"\", 0, 0, -1, \"\", false, {}, -1, \"match([0-9])\", false, {})");
+        "(\"/bin/a\", {}, {}, 0, 0, {}, false, \"no\", 5000, true, 0, {}, false, \"\", \"\", \"\", "
+        "{}, \"\", \"\", \"\", 0, 0, -1, \"\", false, {}, -1, \"match([0-9])\", false, {})");
     // A new key needs its line above and in the manual.
     EXPECT_THAT(PlatformHost::ManifestKeys(), SizeIs(30));
 }
@@ -172,29 +168,28 @@ TEST_F(ManifestTest, GroupIsThePrimaryOneOfTheUserUnlessGiven) {
 }
 
 TEST_F(ManifestTest, WrongValuesAreOneErrorWithFileLineAndKey) {
-    // The lines of the service from line 4 on, the line and key of the error, and its text.
-    const std::tuple<std::string, int, std::string, std::string> cases[] = {
-        {"  uid: -1\n", 4, "key 'uid': ", "from 0 to 4294967294"},
-        {"  uid: 010\n", 4, "key 'uid': ", "whole number"},
-        {"  uid: [0]\n", 4, "key 'uid': ", "got a list"},
-        {"  core_affinity: [1, 1024]\n", 4, "key 'core_affinity': ", "element 2: "},
+    // The lines of the service from line 4 on, the place of the error, and its text.
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"  uid: -1\n", "4: key 'uid': ", "from 0 to 4294967294"},
+        {"  uid: 010\n", "4: key 'uid': ", "whole number"},
+        {"  uid: [0]\n", "4: key 'uid': ", "got a list"},
+        {"  core_affinity: [1, 1024]\n", "4: key 'core_affinity': ", "element 2: "},
         // Messages cannot forge lines, nor fill the log.
-        {"  restart: \"x\\n<0>PANIC\"\n", 4, "key 'restart': ", "'x?<0>PANIC'"},
-        {"  restart: " + std::string(100000, 'x') + "\n", 4, "key 'restart': ", "xxx...'"},
-        {"  reporting: maybe\n", 4, "key 'reporting': ", "true or false"},
-        {"  env: {A=B: c}\n", 4, "key 'env': ", "no '='"},
-        {"  args: ['match(a)|(b)']\n", 4, "key 'args': ", "unusable pattern"},
-        {"  args: ['match((((a{255}){255}){255}))']\n", 4, "key 'args': ", "too much"},
-        {"  depends: [ok, 'a b']\n", 4, "key 'depends': ", "element 2: a name holds no"},
-        {"  sharepool_groups: [{group: g}]\n", 4, "key 'sharepool_groups': ", "'access'"},
-        {"  uid: 1\n  uid: 2\n", 5, "near key 'uid': ", "stands twice"},
-        {"- bin: /bin/b\n", 4, "key 'name': ", "missing"},
-        {"- name: b\n  bin: relative\n", 5, "key 'bin': ", "absolute path"},
-        {"- {name: " + std::string(128, 'n') + ", bin: /b}\n", 4, "key 'name': ", "1 to 127"},
-        {"applications:\n- name: a\n  bin: /b\n", 5, "key 'name': ", "main.yaml:2"},
+        {"  restart: \"x\\n<0>PANIC\"\n", "4: key 'restart': ", "'x?<0>PANIC'"},
+        {"  restart: " + std::string(100000, 'x') + "\n", "4: key 'restart': ", "xxx...'"},
+        {"  reporting: maybe\n", "4: key 'reporting': ", "true or false"},
+        {"  env: {A=B: c}\n", "4: key 'env': ", "no '='"},
+        {"  args: ['match(a)|(b)']\n", "4: key 'args': ", "unusable pattern"},
+        {"  depends: [ok, 'a b']\n", "4: key 'depends': ", "element 2: a name holds no"},
+        {"  sharepool_groups: [{group: g}]\n", "4: key 'sharepool_groups': ", "'access'"},
+        {"  uid: 1\n  uid: 2\n", "5: near key 'uid': ", "stands twice"},
+        {"- bin: /bin/b\n", "4: key 'name': ", "missing"},
+        {"- name: b\n  bin: relative\n", "5: key 'bin': ", "absolute path"},
+        {"- {name: " + std::string(128, 'n') + ", bin: /b}\n", "4: key 'name': ", "1 to 127"},
+        {"applications:\n- name: a\n  bin: /b\n", "5: key 'name': ", "main.yaml:2"},
     };
-    for (const auto& [lines, line, where, problem] : cases) {
-        ExpectRefused(Service(lines), line, where, problem);
+    for (const auto& [lines, where, problem] : cases) {
+        ExpectTextRefused(Service(lines), where, problem);
     }
 }
 
@@ -203,29 +198,29 @@ TEST_F(ManifestTest, BrokenFilesAreOneErrorAndNeverMore) {
                              "\n- &b [*a, *a, *a, *a, *a, *a, *a, *a]\n"
                              "- [*b, *b, *b, *b, *b, *b, *b, *b]\n";
     const std::string unclosed = "the quote that opens here is never closed";
-    const std::tuple<std::string, int, std::string> cases[] = {
-        {"services: []\n---\nservices: []\n", 2, "more than one document"},
-        {std::string(20000, '['), 1, "nested too deeply"},
-        {bomb, 3, "too large"},
-        {"services: &s [*s]", 1, "inside its own anchor"},
-        {"? [a]\n: b\n", 1, "a key is not text"},
-        {"services: []\nservices: []\n", 2, "stands twice"},
-        {std::string("services: []\n\0x", 15), 2, "not a text file"},
-        {"services: [{name: \"a\\0b\", bin: /b}]", 1, "NUL"},
-        {"text", 1, "expected a mapping"},
-        {"a: \"", 1, unclosed},
-        {"a: 1\nb: \"x\nc: d\n   ", 2, unclosed},
-        {"a: 'it''\n", 1, unclosed},
-        {"a: \"x\\\"\r\n", 1, unclosed},
-        {"a: [1, \"b\nc: d\n", 1, unclosed},
-        {"a: 1\n\"b\nc\n", 2, unclosed},
-        {"# it's\na: |\n it's\n \"lone\nb: 'x # y\"\n", 5, unclosed},
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"services: []\n---\nservices: []\n", "2: ", "more than one document"},
+        {std::string(20000, '['), "1: ", "nested too deeply"},
+        {bomb, "3: ", "too large"},
+        {"services: &s [*s]", "1: ", "inside its own anchor"},
+        {"? [a]\n: b\n", "1: ", "a key is not text"},
+        {"services: []\nservices: []\n", "2: ", "stands twice"},
+        {std::string("services: []\n\0x", 15), "2: ", "not a text file"},
+        {"services: [{name: \"a\\0b\", bin: /b}]", "1: ", "NUL"},
+        {"text", "1: ", "expected a mapping"},
+        {"a: \"", "1: ", unclosed},
+        {"a: 1\nb: \"x\nc: d\n   ", "2: ", unclosed},
+        {"a: 'it''\n", "1: ", unclosed},
+        {"a: \"x\\\"\r\n", "1: ", unclosed},
+        {"a: [1, \"b\nc: d\n", "1: ", unclosed},
+        {"a: 1\n\"b\nc\n", "2: ", unclosed},
+        {"# it's\na: |\n it's\n \"lone\nb: 'x # y\"\n", "5: ", unclosed},
     };
     for (const auto& [text, line, problem] : cases) {
-        ExpectRefused(text, line, "", problem);
+        ExpectTextRefused(text, line, problem);
     }
-    ExpectRefused(directory_.Path(), "it is a directory");
-    ExpectRefused(Write("big.yaml", std::string((size_t{1} << 20) + 1, '#')), "larger than");
+    ExpectRefused(directory_.Path(), "", "it is a directory");
+    ExpectRefused(Write("big.yaml", std::string((size_t{1} << 20) + 1, '#')), "", "larger than");
     for (const char* empty : {"", "# nothing yet\n", "services: []"}) {
         EXPECT_TRUE(ParseText(empty)) << empty;
     }
@@ -256,19 +251,26 @@ TEST_F(ManifestTest, UnknownKeysAreWarningsAndIgnored) {
     EXPECT_EQ(logged_.back(), file + ": 2 further warnings");
 }
 
-TEST_F(ManifestTest, IncludesComeFirstAndOnce) {
+TEST_F(ManifestTest, IncludesComeFirstAndOnceAndAFailureChangesNothing) {
     Write("common.yaml", "services: [{name: common, bin: /b}]\n");
     Write("sub/one.yaml", "include: [../common.yaml]\nservices: [{name: one, bin: /b}]\n");
     const std::string two =
         Write("two.yaml", "applications: [{name: two, bin: /b}]\ninclude: [common.yaml]\n");
     ASSERT_TRUE(
         ParseText("applications: [{name: last, bin: /b}]\n"
-                  "services: [{name: main, bin: /b}]\n"
+                  "services: [{name: main, bin: /b, depends: [one]}]\n"
                   "include: [sub/one.yaml, " +
                   two + ", sub/../two.yaml]\n"));
-    EXPECT_THAT(Names(), ElementsAre("common", "one", "two", "last", "main"));
     EXPECT_EQ(manifests_[1].GetCfgPath(), directory_ / "sub/one.yaml");
+    // "main" without its dependency, and then an error.
+    const std::string bad =
+        Write("bad.yaml", "services: [{name: main, bin: /b}, {name: x, bin: /b, uid: x}]\n");
+    EXPECT_NE(parser_.ParseYaml(0, bad, manifests_, scratch_), 0);
+    EXPECT_THAT(Names(), ElementsAre("common", "one", "two", "last", "main"));
     EXPECT_THAT(scratch_, AllOf(SizeIs(4), testing::Contains(directory_ / "main.yaml")));
+    DependGraph graph;
+    ASSERT_EQ(parser_.GetStartGraph({"main", "one"}, graph), 0);
+    EXPECT_THAT(graph.GetNoDependVertices(), ElementsAre("one"));
 }
 
 TEST_F(ManifestTest, BrokenIncludesAreErrorsWithTheirPosition) {
@@ -286,14 +288,13 @@ TEST_F(ManifestTest, BrokenIncludesAreErrorsWithTheirPosition) {
     for (const auto& [include, error] : cases) {
         ExpectRefused(Write("main.yaml", "# main\ninclude:\n- " + include +
                                              ".yaml\nservices:\n- {name: a, bin: /b}\n"),
-                      here + error);
+                      here + error, "");
     }
     for (int i = 0; i < 20; ++i) {
         Write("chain" + std::to_string(i) + ".yaml",
               "include: [chain" + std::to_string(i + 1) + ".yaml]\n");
     }
-    ExpectRefused(directory_ / "chain0.yaml", "nested more than 16 deep",
-                  directory_ / "chain15.yaml:1: ");
+    ExpectRefused(here + "/chain0.yaml", here + "/chain15.yaml:1: ", "nested more than 16 deep");
 }
 
 TEST_F(ManifestTest, FilesThatOthersMayChangeAreRefused) {
@@ -310,35 +311,20 @@ TEST_F(ManifestTest, FilesThatOthersMayChangeAreRefused) {
     for (const auto& [mode, owner, problem] : cases) {
         ASSERT_EQ(chmod(file.c_str(), mode), 0);
         ASSERT_EQ(chown(file.c_str(), owner, 0), 0);
-        ExpectRefused(file, problem);
-        ExpectRefused(top, problem);
+        ExpectRefused(file, "", problem);
+        ExpectRefused(top, "", problem);
     }
     const std::string open = directory_ / "open";
     const std::string inOpen = Write("open/main.yaml", "services: []\n");
     const std::string link = directory_ / "link.yaml";
     ASSERT_EQ(symlink(inOpen.c_str(), link.c_str()), 0);
     ASSERT_EQ(chmod(open.c_str(), 0777), 0);
-    ExpectRefused(inOpen, "directory " + open + " is writable by group or others");
-    ExpectRefused(link, "directory " + open + " is writable by group or others");
+    ExpectRefused(inOpen, "", "directory " + open + " is writable by group or others");
+    ExpectRefused(link, "", "directory " + open + " is writable by group or others");
     ASSERT_EQ(chmod(open.c_str(), 01777), 0);
     EXPECT_TRUE(Parse(link)) << "only root can replace a file of root in a sticky directory";
     ASSERT_EQ(chown(open.c_str(), 1000, 0), 0);
-    ExpectRefused(link, "directory " + open + " belongs to uid 1000");
-}
-
-TEST_F(ManifestTest, FailureLeavesEverythingAsItWas) {
-    const std::string good =
-        Write("good.yaml", "services: [{name: a, bin: /b, depends: [b]}, {name: b, bin: /b}]\n");
-    // "a" without its dependency, and then an error.
-    const std::string bad =
-        Write("bad.yaml", "services: [{name: a, bin: /b}, {name: x, bin: /b, uid: x}]\n");
-    ASSERT_EQ(parser_.ParseYaml(0, good, manifests_, scratch_), 0);
-    EXPECT_NE(parser_.ParseYaml(0, bad, manifests_, scratch_), 0);
-    EXPECT_THAT(Names(), ElementsAre("a", "b"));
-    EXPECT_THAT(scratch_, ElementsAre(good));
-    DependGraph graph;
-    ASSERT_EQ(parser_.GetStartGraph({"a", "b"}, graph), 0);
-    EXPECT_THAT(graph.GetNoDependVertices(), ElementsAre("b"));
+    ExpectRefused(link, "", "directory " + open + " belongs to uid 1000");
 }
 
 TEST_F(ManifestTest, EdgesAreDependenciesAmongTheGivenNamesAndCyclesAreReportedOnce) {
@@ -381,42 +367,30 @@ TEST(PatternTest, ValueMatchesAsAWhole) {
         {"match(.*)", std::string("a\0b", 3), false},
         // Would compile, and match too much, inside "^(...)$".
         {"match(a)|(b)", "a", false},
-        {"match([)", "[", false},
         {"match(((a{255}){255}){255})", "a", false},
         {"match((((((((((((((((a+)+)+)+)+)+)+)+)+)+)+)+)+)+)+)+)", "a", false},
         {"match(" + std::string(2000, '(') + std::string(2000, ')') + ")", "", false},
         {"a", "a", false},  // no pattern
     };
     for (const auto& [pattern, value, matches] : cases) {
-        EXPECT_EQ(ParseAndDepend::IsDynamicParaMatch(pattern, value), matches)
-            << pattern << " on " << value.substr(0, 60);
+        EXPECT_EQ(ParseAndDepend::IsDynamicParaMatch(pattern, value), matches) << pattern;
     }
 }
 
-TEST_F(ManifestTest, OtherYamlFilesAreWalkedNodeByNode) {
+TEST_F(ManifestTest, ANodeOfAnotherYamlFileOutlivesItsTop) {
     KvsTypeYaml top;
-    ASSERT_TRUE(top.InitYamlNode(
-        Write("file.yaml", "watch_dog:\n  enable: Yes\n  timeout: 030s\nlist: [a, {b: c}]\n")));
-    KvsTypeYaml section;
     KvsTypeYaml node;
-    ASSERT_TRUE(top.GetSubKvs("watch_dog", section));
-    ASSERT_TRUE(section.GetSubKvs("enable", node));
-    EXPECT_TRUE(node.GetBool());
-    ASSERT_TRUE(section.GetSubKvs("timeout", node));
-    EXPECT_EQ(node.GetString(), "030s");
-    EXPECT_FALSE(node.GetBool());
-
-    ASSERT_TRUE(top.GetSubKvs("list", section));
-    EXPECT_EQ(section.GetSize(), 2U);
-    EXPECT_FALSE(section.GetElement(2, node));
-    // A node may be replaced by its own child, and stays valid after the top of its file has
-    // changed.
-    ASSERT_TRUE(section.GetElement(1, section));
-    ASSERT_TRUE(section.GetSubKvs("b", section));
+    ASSERT_TRUE(top.InitYamlNode(Write("file.yaml", "list: [a, {b: c}]\n")));
+    ASSERT_TRUE(top.GetSubKvs("list", node));
+    EXPECT_EQ(node.GetSize(), 2U);
+    EXPECT_FALSE(node.GetElement(2, top));
+    // A node may be replaced by its own child.
+    ASSERT_TRUE(node.GetElement(1, node));
+    ASSERT_TRUE(node.GetSubKvs("b", node));
     EXPECT_FALSE(top.InitYamlNode(Write("file.yaml", "a: [")));
     EXPECT_FALSE(top.InitYamlNode("/dev/null")) << "not a regular file";
-    EXPECT_EQ(section.GetString(), "c");
-    EXPECT_FALSE(top.GetSubKvs("list", node));
+    EXPECT_FALSE(top.GetSubKvs("list", top));
+    EXPECT_EQ(node.GetString(), "c");
 }
 
 }  // namespace

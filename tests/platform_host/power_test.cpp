@@ -12,7 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using ProcMgr::Tests::RawPeer;
-using ProcMgr::Tests::WaitUntil;
 
 const std::string SOCKET_PATH = "/run/muxa/power";
 
@@ -61,12 +60,11 @@ TEST_F(PowerTest, CommandsMakeTheCallsOnceEachAndPeersAreLimited) {
 TEST_F(PowerTest, TheEndWaitsForACallAndLetsNoOtherBegin) {
     std::promise<void> begun;
     std::promise<void> go;
-    std::atomic<int32_t> ownEnd{0};
     const auto suspend = [&] {
         ++suspends_;
         begun.set_value();
         go.get_future().wait();
-        ownEnd = UnregisterPowerCalls();
+        EXPECT_EQ(UnregisterPowerCalls(), -EBUSY);
     };
     ASSERT_EQ(RegisterPowerCalls(suspend, [this] { ++resumes_; }), 0);
     const RawPeer peer(SOCKET_PATH);
@@ -77,9 +75,8 @@ TEST_F(PowerTest, TheEndWaitsForACallAndLetsNoOtherBegin) {
     EXPECT_EQ(UnregisterPowerCalls(), -EBUSY);
     go.set_value();
     EXPECT_EQ(peer.Receive(), "ok");
-    EXPECT_TRUE(WaitUntil([] { return UnregisterPowerCalls() != -EBUSY; }));
+    EXPECT_TRUE(ProcMgr::Tests::WaitUntil([] { return UnregisterPowerCalls() != -EBUSY; }));
     EXPECT_EQ(other.Receive(), "");
-    EXPECT_EQ(ownEnd, -EBUSY);
     EXPECT_EQ(suspends_, 1);
     EXPECT_EQ(resumes_, 0);
     EXPECT_NE(access(SOCKET_PATH.c_str(), F_OK), 0);
