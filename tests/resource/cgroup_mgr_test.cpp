@@ -53,14 +53,7 @@ CgroupPolicyInfo Policy(const std::string& group, uint8_t type, uint8_t isEnable
     return policy;
 }
 
-std::string Begin(const std::string& rest) {
-    return "6 UpdateCgroup begin, groupName=" + rest;
-}
-
-// A line of this length with a set of one group.
-std::string LongLine(size_t length) {
-    return "L=g:" + std::string(length - 5, '0') + "7";
-}
+const std::string BEGIN = "6 UpdateCgroup begin, groupName=";
 
 class CgroupMgrTest : public ResourceTest {
 protected:
@@ -73,6 +66,7 @@ protected:
 };
 
 TEST_F(CgroupMgrTest, ReadsSetsAndSkipsLinesThatAreNotWellFormed) {
+    const std::string longest = "L=g:" + std::string(506, '0') + "7";
     const std::pair<std::string, Texts> cases[] = {
         {"", {}},
         {"S=\"ctrl:40;user:20\"\nT='a:1'\n", {"S=ctrl:40;user:20;", "T=a:1;"}},
@@ -85,7 +79,7 @@ TEST_F(CgroupMgrTest, ReadsSetsAndSkipsLinesThatAreNotWellFormed) {
         {"S =a:1\nS= a:1\nS=a:40.5\nS=a:-1\n#S=a:1\nS=a:1\t\nS=a:1\r\nS=\xe4:1\nT=a:7\n",
          {"T=a:7;"}},
         {"\n=a:1\nS=\nSa:1\n=\n\x7f\x02=\xff\xfe:1\nT=a:7\n", {"T=a:7;"}},
-        {LongLine(511) + "\nT=a:7\n#" + LongLine(511) + "\nU=a:8\n", {"L=g:7;", "T=a:7;"}},
+        {longest + "\nT=a:7\n#" + longest + "\nU=a:8\n", {"L=g:7;", "T=a:7;"}},
     };
     for (const auto& [contents, policies] : cases) {
         CgroupMgr mgr;
@@ -110,7 +104,7 @@ TEST_F(CgroupMgrTest, ARejectedValueEndsTheReading) {
         mgr.DisableCgroupCpu();
         Texts expected = Summary("1000", {"A=a:100;", "S=" + stored});
         expected.insert(expected.begin(), "3 cgroup set(S) config invalid, groupName" + error);
-        expected.push_back(Begin("A, type=0, isEnable=0, isCfgOk_=0"));
+        expected.push_back(BEGIN + "A, type=0, isEnable=0, isCfgOk_=0");
         EXPECT_EQ(Log(), expected);
         EXPECT_EQ(mgr.UpdateCpuSet(Policy("A", 0, 1)), CGROUP_OK);
         EXPECT_EQ(Quota("a"), HUNDRED);
@@ -163,9 +157,9 @@ TEST_F(CgroupMgrTest, UpdateCgroup) {
     fs::create_directories(CPU + "c" + QUOTA);
     EXPECT_EQ(mgr_.UpdateCgroup(Policy("U", 1, 1)), CGROUP_FAILED);
     EXPECT_EQ(mgr_.UpdateCgroup(Policy("T", 255, 0)), CGROUP_FAILED);
-    EXPECT_EQ(Log(), (Texts{Begin("U, type=1, isEnable=1, isCfgOk_=1"),
+    EXPECT_EQ(Log(), (Texts{BEGIN + "U, type=1, isEnable=1, isCfgOk_=1",
                             "3 UpdateCgroup name=U policy not found",
-                            Begin("T, type=255, isEnable=0, isCfgOk_=1"),
+                            BEGIN + "T, type=255, isEnable=0, isCfgOk_=1",
                             "3 UpdateCgroup name=T policy type=255 invalid"}));
     // UpdateCpuSet adds the set to the table.
     EXPECT_EQ(mgr_.UpdateCpuSet(Policy("U", 0, 1)), CGROUP_OK);
@@ -180,13 +174,13 @@ TEST_F(CgroupMgrTest, UpdateCgroup) {
     const std::string c = CPU + "c";
     EXPECT_EQ(
         Log(),
-        (Texts{Begin("T, type=0, isEnable=1, isCfgOk_=1"), "3 open " + a + PERIOD + " fail",
+        (Texts{BEGIN + "T, type=0, isEnable=1, isCfgOk_=1", "3 open " + a + PERIOD + " fail",
                "3 WriteToCgroup, access " + a + QUOTA + " fail, errno=2",
                "3 UpdateCpuSet write file=" + a + QUOTA + " fail", "3 open " + c + PERIOD + " fail",
                "3 WriteToCgroup, open " + c + QUOTA + " fail",
                "3 UpdateCpuSet write file=" + c + QUOTA + " fail",
                "6 UpdateCgroup finish, ret=15794959",
-               Begin(longest + ", type=0, isEnable=0, isCfgOk_=1"),
+               BEGIN + longest + ", type=0, isEnable=0, isCfgOk_=1",
                "6 UpdateCgroup finish, ret=0"}));
 }
 

@@ -70,8 +70,6 @@ public:
         tid_ = tid.get_future().get();
     }
     ~IdleThread() { End(); }
-    IdleThread(const IdleThread&) = delete;
-    IdleThread& operator=(const IdleThread&) = delete;
 
     int32_t Tid() const { return tid_; }
     std::string Ids() const { return ", pid:" + to_string(getpid()) + ", tid:" + to_string(tid_); }

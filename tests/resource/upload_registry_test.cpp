@@ -24,27 +24,28 @@ constexpr uint64_t SEQUENCE = 0x123456789AULL;
 class Family {
 public:
     Family() {
-        int ends[2];
-        EXPECT_EQ(pipe(ends), 0);
-        parent_.emplace([&ends] {
+        EXPECT_EQ(pipe(ends_), 0);
+        parent_.emplace([this] {
             // The child writes its pid itself: by then the kernel will end it with its parent.
-            const Child child([&ends] {
+            const Child child([this] {
                 const pid_t pid = getpid();
-                [[maybe_unused]] const ssize_t written = write(ends[1], &pid, sizeof pid);
-                return Tests::Pause();
+                return write(ends_[1], &pid, sizeof pid) == sizeof pid ? Tests::Pause() : 1;
             });
             return Tests::Pause();
         });
-        EXPECT_EQ(read(ends[0], &child_, sizeof child_), ssize_t{sizeof child_});
-        close(ends[0]);
-        close(ends[1]);
+        EXPECT_EQ(read(ends_[0], &child_, sizeof child_), ssize_t{sizeof child_});
         pid_ = parent_->Pid();
+    }
+    ~Family() {
+        close(ends_[0]);
+        close(ends_[1]);
     }
     pid_t Pid() const { return pid_; }
     pid_t ChildPid() const { return child_; }
     void End() { parent_->Kill(); }
 
 private:
+    int ends_[2] = {};
     std::optional<Child> parent_;
     pid_t pid_ = 0;
     pid_t child_ = 0;
@@ -241,14 +242,11 @@ TEST_F(UploadRegistryTest, RefusalsAreLoggedOnceASecond) {
 
 TEST_F(UploadRegistryTest, ServerEndpoint) {
     FakeMuxa& muxa = FakeMuxa::Get();
-    EXPECT_GT(muxa.FdOf("pmupload"), 0);
     muxa.Push(FakeMuxa::Call::CLOSE, -16, 10 + 2 + 1);
     EXPECT_FALSE(registry_->Close(SteadyTime::max()));
     EXPECT_EQ(muxa.Closes().size(), 10U);
-    const SteadyTime end = std::chrono::steady_clock::now() + 30ms;
-    EXPECT_FALSE(registry_->Close(end));
+    EXPECT_FALSE(registry_->Close(std::chrono::steady_clock::now() + 30ms));
     EXPECT_EQ(muxa.Closes().size(), 12U) << "one at once, one at the end";
-    EXPECT_LT(std::chrono::steady_clock::now() - end, 60ms);
     EXPECT_TRUE(registry_->Close(SteadyTime::max()));
     EXPECT_EQ(muxa.OpenFds(), std::vector<int32_t>{});
 
@@ -285,22 +283,6 @@ TEST_F(UploadRegistryTest, AnAnswerThatIsNotTakenIsTriedAgainAndHoldsUpNobody) {
     send();
     muxa.PeerGone(muxa.FdOf("pmupload"));
     expectNoMoreThan(muxa.Count(RESPOND) + 1);
-}
-
-TEST_F(UploadRegistryTest, RequestsAndChecksAtOnce) {
-    const Record record = Make(camera_.Pid(), "camera");
-    const auto send = [&] {
-        for (int i = 0; i < 100; ++i) {
-            Send(record, camera_.Pid(), 0);
-            registry_->DropGone();
-        }
-    };
-    std::thread peers[] = {std::thread(send), std::thread(send), std::thread(send)};
-    for (std::thread& peer : peers) {
-        peer.join();
-    }
-    EXPECT_EQ(FakeMuxa::Get().Responses().size(), 300U);
-    EXPECT_EQ(Joined().size(), 1U);
 }
 
 }  // namespace
