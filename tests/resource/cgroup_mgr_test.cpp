@@ -152,36 +152,34 @@ TEST_F(CgroupMgrTest, ComputedQuota) {
 TEST_F(CgroupMgrTest, UpdateCgroup) {
     const std::string longest(63, 'S');
     Read(mgr_, longest + "=b:100\nT=a:100;b:100;c:0\n");
-    LogCapture::Clear();
     MakeGroup("b");
     fs::create_directories(CPU + "c" + QUOTA);
     EXPECT_EQ(mgr_.UpdateCgroup(Policy("U", 1, 1)), CGROUP_FAILED);
-    EXPECT_EQ(mgr_.UpdateCgroup(Policy("T", 255, 0)), CGROUP_FAILED);
-    EXPECT_EQ(Log(), (Texts{BEGIN + "U, type=1, isEnable=1, isCfgOk_=1",
-                            "3 UpdateCgroup name=U policy not found",
-                            BEGIN + "T, type=255, isEnable=0, isCfgOk_=1",
-                            "3 UpdateCgroup name=T policy type=255 invalid"}));
-    // UpdateCpuSet adds the set to the table.
-    EXPECT_EQ(mgr_.UpdateCpuSet(Policy("U", 0, 1)), CGROUP_OK);
+    EXPECT_EQ(mgr_.UpdateCpuSet(Policy("U", 0, 1)), CGROUP_OK);  // adds the set to the table
     EXPECT_EQ(mgr_.UpdateCgroup(Policy("U", 0, 1)), CGROUP_OK);
-    EXPECT_EQ(Quota("b"), QUOTA_BEFORE);
     LogCapture::Clear();
+    EXPECT_EQ(mgr_.UpdateCgroup(Policy("V", 1, 1)), CGROUP_FAILED);
+    EXPECT_EQ(mgr_.UpdateCgroup(Policy("T", 255, 0)), CGROUP_FAILED);
+    EXPECT_EQ(Quota("b"), QUOTA_BEFORE);
     EXPECT_EQ(mgr_.UpdateCgroup(Policy("T", 0, 1)), CGROUP_FAILED);
     EXPECT_EQ(Quota("b"), HUNDRED);
     EXPECT_EQ(mgr_.UpdateCgroup(Policy(longest, 0, 0)), CGROUP_OK);
     EXPECT_EQ(Quota("b"), "-1");
-    const std::string a = CPU + "a";
-    const std::string c = CPU + "c";
+    const auto of = [](const std::string& group, const std::string& file) {
+        return CPU + group + file + " fail";
+    };
     EXPECT_EQ(
         Log(),
-        (Texts{BEGIN + "T, type=0, isEnable=1, isCfgOk_=1", "3 open " + a + PERIOD + " fail",
-               "3 WriteToCgroup, access " + a + QUOTA + " fail, errno=2",
-               "3 UpdateCpuSet write file=" + a + QUOTA + " fail", "3 open " + c + PERIOD + " fail",
-               "3 WriteToCgroup, open " + c + QUOTA + " fail",
-               "3 UpdateCpuSet write file=" + c + QUOTA + " fail",
-               "6 UpdateCgroup finish, ret=15794959",
-               BEGIN + longest + ", type=0, isEnable=0, isCfgOk_=1",
-               "6 UpdateCgroup finish, ret=0"}));
+        (Texts{
+            BEGIN + "V, type=1, isEnable=1, isCfgOk_=1", "3 UpdateCgroup name=V policy not found",
+            BEGIN + "T, type=255, isEnable=0, isCfgOk_=1",
+            "3 UpdateCgroup name=T policy type=255 invalid",
+            BEGIN + "T, type=0, isEnable=1, isCfgOk_=1", "3 open " + of("a", PERIOD),
+            "3 WriteToCgroup, access " + of("a", QUOTA) + ", errno=2",
+            "3 UpdateCpuSet write file=" + of("a", QUOTA), "3 open " + of("c", PERIOD),
+            "3 WriteToCgroup, open " + of("c", QUOTA),
+            "3 UpdateCpuSet write file=" + of("c", QUOTA), "6 UpdateCgroup finish, ret=15794959",
+            BEGIN + longest + ", type=0, isEnable=0, isCfgOk_=1", "6 UpdateCgroup finish, ret=0"}));
 }
 
 TEST_F(CgroupMgrTest, DisableCgroupCpuVisitsTheFirstLevelOnly) {
@@ -228,28 +226,29 @@ TEST_F(CgroupMgrTest, AddToCgroups) {
 }
 
 TEST_F(CgroupMgrTest, BlkIoSwitchesAndFilesThatCannotBeRead) {
-    // The tasks files of the blkio group "b", and whether the host resource file was good.
-    const auto paths = [](const Texts& log) {
-        CgroupMgr mgr;
-        mgr.ReadCfg();
-        EXPECT_EQ(Log(), log);
-        EXPECT_EQ(mgr.UpdateCpuSet(Policy("S", 0, 1)), CGROUP_OK);
-        const uint32_t result = mgr.UpdateCgroup(Policy("S", 0, 1));
-        EXPECT_EQ(result, log.front().front() == '3' ? CGROUP_FAILED : CGROUP_OK);
-        LogCapture::Clear();
-        return mgr.GetTaskPaths({"n", 1, "", "", "b", {}});
+    // The tasks files of the blkio group "b".
+    const auto paths = [this](const std::string& switches) {
+        mgr_.ReadCfg();
+        EXPECT_EQ(Log(), Summary(switches));
+        return mgr_.GetTaskPaths({"n", 1, "", "", "b", {}});
     };
-    BindFile("cgroup1_writeback", "/proc/cmdline");
-    WriteFile(CFG, "");
-    EXPECT_EQ(paths(Summary("1001")), Texts{});
-    fs::create_directories(CGROUPS + "blkio");
-    fs::remove(CFG);
-    EXPECT_EQ(paths({"3 ReadCfg, access " + CFG + " fail, errno=2"}), Texts{});
-    fs::create_directories(CFG);
     const std::string group = CGROUPS + "blkio/b/tasks";
-    EXPECT_EQ(paths(Summary("1111")), (Texts{group, CGROUPS + "memory/b_MEMORY/tasks"}));
     BindFile("cgroup1_writebac\nk\n", "/proc/cmdline");
-    EXPECT_EQ(paths(Summary("1101")), Texts{group});
+    WriteFile(CFG, "");
+    EXPECT_EQ(paths("1001"), Texts{});
+    fs::create_directories(CGROUPS + "blkio");
+    EXPECT_EQ(paths("1101"), Texts{group});
+    BindFile("cgroup1_writeback", "/proc/cmdline");
+    fs::remove(CFG);
+    fs::create_directories(CFG);
+    EXPECT_EQ(paths("1111"), (Texts{group, CGROUPS + "memory/b_MEMORY/tasks"}));
+    fs::remove(CFG);
+    CgroupMgr mgr;
+    mgr.ReadCfg();
+    EXPECT_EQ(mgr.UpdateCgroup(Policy("S", 0, 1)), CGROUP_FAILED);
+    EXPECT_EQ(Log(), (Texts{"3 ReadCfg, access " + CFG + " fail, errno=2",
+                            BEGIN + "S, type=0, isEnable=1, isCfgOk_=0"}));
+    EXPECT_EQ(mgr.GetTaskPaths({"n", 1, "", "", "b", {}}), Texts{});
 }
 
 }  // namespace
