@@ -205,27 +205,7 @@ TEST_F(DelayCoreAffinityTest, APassThatRunsDuringTheWakeUpDoesNotPinAgain) {
     delay_.Stop();
 }
 
-TEST_F(DelayCoreAffinityTest, ASuspendEndsTheChecksUntilTheWakeUp) {
-    const Child child;
-    Add("refused", child.Pid(), {1023});
-    EXPECT_EQ(Bind(-1, 100), 15794956U);
-    ASSERT_TRUE(WaitUntil([this] { return apps_.passes >= 4; }));
-    delay_.Suspend();
-    ASSERT_TRUE(LogCapture::WaitForPart(LOG_INFO, "CheckCoreAffinityThread finish check "));
-    EXPECT_TRUE(LogCapture::Contains(LOG_INFO, "CheckCoreAffinityThread suspend"));
-    EXPECT_TRUE(LogCapture::ContainsPart(LOG_INFO, "coreAffinityOk=0, isWakeUpEnable=0"));
-
-    // A new bind does not end the suspend, the wake-up does.
-    for (const int checks : {0, 2}) {
-        EXPECT_EQ(Reset(), 0U);
-        LogCapture::Clear();
-        EXPECT_EQ(Bind(2, 100), 15794956U);
-        EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Finish(checks, 100, 0, 0)));
-        delay_.WakeUpRecover();
-    }
-}
-
-TEST_F(DelayCoreAffinityTest, ARefusalIsReportedAndTheOthersAreBound) {
+TEST_F(DelayCoreAffinityTest, ASuspendEndsTheChecksOfARefusedBindUntilTheWakeUp) {
     const Child refused;
     const Child good;
     const Child plain;
@@ -234,21 +214,29 @@ TEST_F(DelayCoreAffinityTest, ARefusalIsReportedAndTheOthersAreBound) {
     Add("good", good.Pid(), {1});
     Add("plain", plain.Pid(), {0}, false);
     Add("gone", stranger.Pid(), {0});
-    EXPECT_EQ(Bind(2, 100, 1), 15794956U);
+    EXPECT_EQ(Bind(-1, 100), 15794956U);
     EXPECT_EQ(CoresOf(refused.Pid()), BOTH);
     EXPECT_EQ(CoresOf(good.Pid()), Cores{1});
-    const std::string error =
-        "SetCoreAffinity fail pid=" + to_string(refused.Pid()) + ", errno=22;";
-    EXPECT_TRUE(
-        LogCapture::ContainsPart(LOG_WARNING, "PROCMGR : BindCoreForDelayApp failed err=" + error));
-    EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Finish(2, 100, 0, 1)));
-    EXPECT_EQ(
-        LogCapture::Count(LOG_WARNING,
-                          "PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err=" + error),
-        3U);
     EXPECT_EQ(CoresOf(plain.Pid()), BOTH);
-    delay_.WakeUpRecover();
-    EXPECT_EQ(CoresOf(stranger.Pid()), BOTH);
+    const std::string error =
+        " failed err=SetCoreAffinity fail pid=" + to_string(refused.Pid()) + ", errno=22;";
+    EXPECT_TRUE(LogCapture::ContainsPart(LOG_WARNING, "PROCMGR : BindCoreForDelayApp" + error));
+    ASSERT_TRUE(WaitUntil([this] { return apps_.passes >= 4; }));
+    delay_.Suspend();
+    ASSERT_TRUE(LogCapture::WaitForPart(LOG_INFO, "coreAffinityOk=0, isWakeUpEnable=0"));
+    EXPECT_TRUE(LogCapture::Contains(LOG_INFO, "CheckCoreAffinityThread suspend"));
+
+    // A new bind does not end the suspend, the wake-up does.
+    for (const int checks : {0, 2}) {
+        EXPECT_EQ(Reset(), 0U);
+        LogCapture::Clear();
+        EXPECT_EQ(Bind(2, 100), 15794956U);
+        EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, Finish(checks, 100, 0, 0)));
+        const std::string line = "PROCMGR : CheckMissingTids SetCoreAffinityToOs" + error;
+        EXPECT_EQ(LogCapture::Count(LOG_WARNING, line), 1U + static_cast<size_t>(checks));
+        delay_.WakeUpRecover();
+        EXPECT_EQ(CoresOf(stranger.Pid()), BOTH);
+    }
 }
 
 // Sets the clocks of a time namespace forward. Returns the results of two calls of HasWokenUp in

@@ -34,7 +34,7 @@ protected:
     SharePool pool_{DeviceWorker()};
 };
 
-TEST_F(SharePoolTest, GroupsThatAreNotWellFormedAreSkipped) {
+TEST_F(SharePoolTest, GroupsThatAreNotWellFormedOrKnownAlreadyAreSkipped) {
     const std::string longest(63, 'n');
     const Texts bad = {Group(longest + "n"),
                        Group("''"),
@@ -60,10 +60,14 @@ TEST_F(SharePoolTest, GroupsThatAreNotWellFormedAreSkipped) {
         groups += group;
     }
     Write("a.yaml", groups + "  - {name: bare, size: 1}\n");
+    Write("b.yaml", "groups:\n" + Group("bare", "2", "[{app: late, access: read}]"));
+    FakeDevice::Get().Push("halGrpCreate", 5);
     pool_.Load(DIRECTORY);
     EXPECT_THAT(TakeCalls(), ElementsAre("halGrpCreate bare 1",
                                          "halGrpCreate " + longest + " 18446744073709551615"));
-    EXPECT_EQ(CountLines(LOG_ERR), std::ssize(bad));
+    EXPECT_EQ(CountLines(LOG_ERR), std::ssize(bad) + 2)
+        << "also for the second \"bare\", and for the failure of the device";
+    EXPECT_EQ(pool_.MakePlan("late", {}).Names(), "");
 }
 
 TEST_F(SharePoolTest, FilesThatAreBrokenOrOthersMayWriteAreSkipped) {
@@ -86,16 +90,6 @@ TEST_F(SharePoolTest, FilesThatAreBrokenOrOthersMayWriteAreSkipped) {
     pool_.Load("/nowhere");
     EXPECT_THAT(TakeCalls(), ElementsAre("halGrpCreate good 4096"));
     EXPECT_EQ(CountLines(LOG_ERR), 10) << "one for each file from a to j";
-}
-
-TEST_F(SharePoolTest, AGroupIsCreatedOnce) {
-    Write("b.yaml", "groups:\n" + Group("twice", "2", "[{app: late, access: read}]"));
-    Write("a.yaml", "groups:\n" + Group("twice", "1") + Group("once", "3"));
-    FakeDevice::Get().Push("halGrpCreate", 5);
-    pool_.Load(DIRECTORY);
-    EXPECT_THAT(TakeCalls(), ElementsAre("halGrpCreate once 3", "halGrpCreate twice 1"));
-    EXPECT_EQ(CountLines(LOG_ERR), 2) << "the second \"twice\", and the failure of the device";
-    EXPECT_EQ(pool_.MakePlan("late", {}).Names(), "");
 }
 
 TEST_F(SharePoolTest, PlanMergesManifestAndConfiguration) {
