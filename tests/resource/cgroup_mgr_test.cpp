@@ -1,32 +1,18 @@
 // CgroupMgr on files in the place of the control groups and of the host resource file.
-#include "resource/cgroup_mgr.h"
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <string>
-#include <vector>
-
 #include "resource/cpu_num.h"
-#include "tests/fakes/log_capture.h"
-#include "tests/support/isolated.h"
+#include "tests/resource/resource_fixture.h"
 
 namespace ProcMgr {
 namespace {
 
 namespace fs = std::filesystem;
-using Fakes::LogCapture;
-using Tests::ReadFile;
-using Tests::WriteFile;
-using Texts = std::vector<std::string>;
 
 const std::string CFG = "/usr/bin/vela/env.cfg";
-const std::string ROOT = "/sys/fs/cgroup/";
-const std::string CPU = ROOT + "cpu/";
+const std::string CPU = CGROUPS + "cpu/";
 const std::string QUOTA = "/cpu.cfs_quota_us";
 const std::string PERIOD = "/cpu.cfs_period_us";
-const std::string QUOTA_BEFORE = "18446744073709551615\n";     // longer than every quota
-const std::string HUNDRED = std::to_string(CPU_NUM * 100000);  // percent of every core
+const std::string QUOTA_BEFORE = "18446744073709551615\n";  // longer than every quota
+const std::string HUNDRED = to_string(CPU_NUM * 100000);    // percent of every core
 
 void MakeGroup(const std::string& group, const std::string& period = "100000\n") {
     WriteFile(CPU + group + PERIOD, period);
@@ -43,7 +29,7 @@ Texts Log() {
     Texts texts;
     for (const auto& [level, text] : LogCapture::Lines()) {
         EXPECT_EQ(text.substr(0, begin.size()), begin);
-        texts.push_back(std::to_string(level) + " " + text.substr(begin.size()));
+        texts.push_back(to_string(level) + " " + text.substr(begin.size()));
     }
     LogCapture::Clear();
     return texts;
@@ -52,7 +38,7 @@ Texts Log() {
 // The summary of a read file. `switches` has a digit each for hostCpuSwitch, BlkIoSwitch,
 // BufferIoSwitch and isCfgOk.
 Texts Summary(const std::string& switches, const Texts& policies = {}) {
-    Texts texts{"6 CPU_NUM=" + std::to_string(CPU_NUM) + ", hostCpuSwitch=" + switches[0] +
+    Texts texts{"6 CPU_NUM=" + to_string(CPU_NUM) + ", hostCpuSwitch=" + switches[0] +
                 ", BlkIoSwitch=" + switches[1] + ", BufferIoSwitch=" + switches[2] +
                 ", isCfgOk=" + switches[3]};
     for (const std::string& policy : policies) {
@@ -62,54 +48,38 @@ Texts Summary(const std::string& switches, const Texts& policies = {}) {
 }
 
 CgroupPolicyInfo Policy(const std::string& group, uint8_t type, uint8_t isEnable) {
-    CgroupPolicyInfo policy;
+    CgroupPolicyInfo policy{{}, type, isEnable};
     group.copy(policy.groupName, sizeof(policy.groupName) - 1);
-    policy.type = type;
-    policy.isEnable = isEnable;
     return policy;
 }
 
-std::string Begin(const std::string& rest) {
-    return "6 UpdateCgroup begin, groupName=" + rest;
-}
+const std::string BEGIN = "6 UpdateCgroup begin, groupName=";
 
-// A line of this length with a set of one group.
-std::string LongLine(size_t length) {
-    return "L=g:" + std::string(length - 5, '0') + "7";
-}
-
-class CgroupMgrTest : public testing::Test {
+class CgroupMgrTest : public ResourceTest {
 protected:
-    void SetUp() override {
-        if (!EnterPrivateMountNamespace()) {
-            GTEST_SKIP() << "no private mount namespace here";
-        }
-        MountTmpfs("/usr/bin/vela");
-        MountTmpfs("/sys/fs/cgroup");
-        LogCapture::Clear();
-    }
     static void Read(CgroupMgr& mgr, const std::string& contents) {
         WriteFile(CFG, contents);
         mgr.ReadCfg();
     }
+
+    CgroupMgr mgr_;
 };
 
 TEST_F(CgroupMgrTest, ReadsSetsAndSkipsLinesThatAreNotWellFormed) {
+    const std::string longest = "L=g:" + std::string(506, '0') + "7";
     const std::pair<std::string, Texts> cases[] = {
         {"", {}},
-        {"S=ctrl:40;user:20", {"S=ctrl:40;user:20;"}},
         {"S=\"ctrl:40;user:20\"\nT='a:1'\n", {"S=ctrl:40;user:20;", "T=a:1;"}},
         {"S=\"'a:1'\"\nT=\"a:1'\n", {"S='a:1;", "T=\"a:1;"}},
         {"S=\"\nS=''\nS=40\nS=:40\n", {}},
-        {"b=z:1;A:2;_:3\nB/b=x:2\na=x:3\n", {"B/b=x:2;", "a=x:3;", "b=A:2;_:3;z:1;"}},
+        {"b=z:1;A:2;_:3\nB/b=x:2\na=x:3", {"B/b=x:2;", "a=x:3;", "b=A:2;_:3;z:1;"}},
         {"S=a:1;b:1\nS=b:2;c:40;20\n", {"S=a:1;b:2;c:20;"}},
         {"S=a:b:4x\nT=a:2147483647\nU=a=b:1=\n", {"S=b:4;", "T=a:2147483647;", "U=a=b:1;"}},
         {"HOST_BLKIO_SWITCH=a:\nHOST_BLKIO_WRITE_BPS_SET=a:x\nHOST_BLKIO_READ_BPS_SET=;\n", {}},
         {"S =a:1\nS= a:1\nS=a:40.5\nS=a:-1\n#S=a:1\nS=a:1\t\nS=a:1\r\nS=\xe4:1\nT=a:7\n",
          {"T=a:7;"}},
         {"\n=a:1\nS=\nSa:1\n=\n\x7f\x02=\xff\xfe:1\nT=a:7\n", {"T=a:7;"}},
-        {LongLine(511) + "\nT=a:7\n", {"L=g:7;", "T=a:7;"}},
-        {"T=a:7\n#" + LongLine(511) + "\nU=a:8\n", {"T=a:7;"}},
+        {longest + "\nT=a:7\n#" + longest + "\nU=a:8\n", {"L=g:7;", "T=a:7;"}},
     };
     for (const auto& [contents, policies] : cases) {
         CgroupMgr mgr;
@@ -120,10 +90,8 @@ TEST_F(CgroupMgrTest, ReadsSetsAndSkipsLinesThatAreNotWellFormed) {
 
 TEST_F(CgroupMgrTest, ARejectedValueEndsTheReading) {
     const std::string cases[][3] = {
-        // the value, the rest of the error line, the stored groups
-        {"ctrl:40;", "(ctrl) or value() is empty", "ctrl:40;"},
+        // the value, the rest of the error line, the groups that are stored all the same
         {"\"ctrl:40;user:\"", "(user) or value() is empty", "ctrl:40;"},
-        {":40;a:1", "() or value(40) is empty", ""},
         {"a:1;b:x;c:1", "=b, value=x", "a:1;b:0;"},
         {"a:2147483648", "=a, value=2147483648", "a:0;"},
     };
@@ -131,45 +99,26 @@ TEST_F(CgroupMgrTest, ARejectedValueEndsTheReading) {
     for (const auto& [value, error, stored] : cases) {
         CgroupMgr mgr;
         Read(mgr, "A=a:100\nS=" + value + "\nT=a:1\nHOST_CPU_SWITCH=0\n");
-        Texts expected =
-            Summary("1000", stored.empty() ? Texts{"A=a:100;"} : Texts{"A=a:100;", "S=" + stored});
-        expected.insert(expected.begin(), "3 cgroup set(S) config invalid, groupName" + error);
-        EXPECT_EQ(Log(), expected);
-
         // Only UpdateCpuSet still sets the limits that were read before.
         EXPECT_EQ(mgr.UpdateCgroup(Policy("A", 0, 0)), CGROUP_FAILED);
         mgr.DisableCgroupCpu();
-        EXPECT_EQ(Log(), Texts{Begin("A, type=0, isEnable=0, isCfgOk_=0")});
+        Texts expected = Summary("1000", {"A=a:100;", "S=" + stored});
+        expected.insert(expected.begin(), "3 cgroup set(S) config invalid, groupName" + error);
+        expected.push_back(BEGIN + "A, type=0, isEnable=0, isCfgOk_=0");
+        EXPECT_EQ(Log(), expected);
         EXPECT_EQ(mgr.UpdateCpuSet(Policy("A", 0, 1)), CGROUP_OK);
         EXPECT_EQ(Quota("a"), HUNDRED);
     }
-}
-
-TEST_F(CgroupMgrTest, FilesThatCannotBeRead) {
-    fs::create_directories(ROOT + "blkio");
-    BindFile("cgroup1_writeback", "/proc/cmdline");
-    CgroupMgr mgr;
-    mgr.ReadCfg();
-    EXPECT_EQ(Log(), Texts{"3 ReadCfg, access " + CFG + " fail, errno=2"});
-    EXPECT_EQ(mgr.UpdateCgroup(Policy("S", 0, 1)), CGROUP_FAILED);
-    mgr.EnableDefaultCpuSet();
-    EXPECT_EQ(Log(),
-              (Texts{Begin("S, type=0, isEnable=1, isCfgOk_=0"), "6 EnableDefaultCgroupCpu"}));
-    EXPECT_EQ(mgr.GetTaskPaths({"n", 1, "", "", "io", {}}), Texts{});
-    fs::create_directories(CFG);
-    CgroupMgr().ReadCfg();
-    EXPECT_EQ(Log(), Summary("1111"));
+    Read(mgr_, "S=:40;a:1\n");
+    EXPECT_EQ(Log().front(), "3 cgroup set(S) config invalid, groupName() or value(40) is empty");
 }
 
 TEST_F(CgroupMgrTest, HostCpuSwitch) {
-    const std::pair<std::string, bool> cases[] = {
-        {"0", false},   {"\"0\"", false}, {"'0'", false},
-        {"00", true},   {"off", true},    {"\"0'", true},
-        {"\"\"", true}, {"'", true},      {"0\nHOST_CPU_SWITCH=1", true}};
-    for (const auto& [value, isOn] : cases) {
+    MakeGroup("a");
+    for (const std::string value : {"0", "'0'", "00", "\"0'", "'", "0\nHOST_CPU_SWITCH=1"}) {
+        const bool isOn = value != "0" && value != "'0'";
         CgroupMgr mgr;
         Read(mgr, "HOST_CPU_SET=a:100\nHOST_CPU_SWITCH=" + value + "\n");
-        MakeGroup("a");
         LogCapture::Clear();
         mgr.EnableDefaultCpuSet();
         EXPECT_EQ(Quota("a"), isOn ? HUNDRED : QUOTA_BEFORE) << value;
@@ -185,69 +134,63 @@ TEST_F(CgroupMgrTest, ComputedQuota) {
         uint32_t perCore;  // 0: the least quota
     };
     const Case cases[] = {
-        {"100000\n", 40, 40000}, {"100000\n", 0, 0},          {"50999\n", 3, 1529},
-        {"99\n", 1, 0},          {"1000", 2147483, 21474830}, {"1000", 2147484, 0},
-        {"99999999999\n", 1, 0}, {"-100000\n", 40, 0},        {"abc\n", 40, 0},
+        {"100000\n", 40, 40000},     {"100000\n", 0, 0},   {"50999\n", 3, 1529},
+        {"1000", 2147483, 21474830}, {"1000", 2147484, 0}, {"99999999999\n", 1, 0},
+        {"-100000\n", 40, 0},
     };
     for (const auto& [period, percentage, perCore] : cases) {
         MakeGroup("g/h", period);
         CgroupMgr mgr;
-        Read(mgr, "S=g/h:" + std::to_string(percentage) + "\n");
+        Read(mgr, "S=g/h:" + to_string(percentage) + "\n");
         EXPECT_EQ(mgr.UpdateCpuSet(Policy("S", 0, 1)), CGROUP_OK);
         const uint64_t quota = uint64_t{perCore} * CPU_NUM;
-        EXPECT_EQ(Quota("g/h"), std::to_string(quota > INT32_MAX || quota < 1000 ? 1000 : quota))
+        EXPECT_EQ(Quota("g/h"), to_string(quota > INT32_MAX || quota < 1000 ? 1000 : quota))
             << period << percentage;
-        EXPECT_EQ(mgr.UpdateCpuSet(Policy("S", 0, 0)), CGROUP_OK);
-        EXPECT_EQ(Quota("g/h"), "-1");
     }
 }
 
 TEST_F(CgroupMgrTest, UpdateCgroup) {
-    CgroupMgr mgr;
     const std::string longest(63, 'S');
-    Read(mgr, longest + "=b:100\nT=a:100;b:100;c:0\n");
-    LogCapture::Clear();
+    Read(mgr_, longest + "=b:100\nT=a:100;b:100;c:0\n");
     MakeGroup("b");
     fs::create_directories(CPU + "c" + QUOTA);
+    EXPECT_EQ(mgr_.UpdateCgroup(Policy("U", 1, 1)), CGROUP_FAILED);
+    EXPECT_EQ(mgr_.UpdateCpuSet(Policy("U", 0, 1)), CGROUP_OK);  // adds the set to the table
+    EXPECT_EQ(mgr_.UpdateCgroup(Policy("U", 0, 1)), CGROUP_OK);
+    LogCapture::Clear();
+    EXPECT_EQ(mgr_.UpdateCgroup(Policy("V", 1, 1)), CGROUP_FAILED);
+    EXPECT_EQ(mgr_.UpdateCgroup(Policy("T", 255, 0)), CGROUP_FAILED);
+    EXPECT_EQ(Quota("b"), QUOTA_BEFORE);
+    EXPECT_EQ(mgr_.UpdateCgroup(Policy("T", 0, 1)), CGROUP_FAILED);
+    EXPECT_EQ(Quota("b"), HUNDRED);
+    EXPECT_EQ(mgr_.UpdateCgroup(Policy(longest, 0, 0)), CGROUP_OK);
+    EXPECT_EQ(Quota("b"), "-1");
     const auto of = [](const std::string& group, const std::string& file) {
         return CPU + group + file + " fail";
     };
-    EXPECT_EQ(mgr.UpdateCgroup(Policy("U", 1, 1)), CGROUP_FAILED);
-    EXPECT_EQ(Log(), (Texts{Begin("U, type=1, isEnable=1, isCfgOk_=1"),
-                            "3 UpdateCgroup name=U policy not found"}));
-    // UpdateCpuSet adds the set to the table.
-    EXPECT_EQ(mgr.UpdateCpuSet(Policy("U", 0, 1)), CGROUP_OK);
-    EXPECT_EQ(mgr.UpdateCgroup(Policy("U", 0, 1)), CGROUP_OK);
-    LogCapture::Clear();
-    EXPECT_EQ(mgr.UpdateCgroup(Policy("T", 255, 0)), CGROUP_FAILED);
-    EXPECT_EQ(Log(), (Texts{Begin("T, type=255, isEnable=0, isCfgOk_=1"),
-                            "3 UpdateCgroup name=T policy type=255 invalid"}));
-    EXPECT_EQ(Quota("b"), QUOTA_BEFORE);
-    EXPECT_EQ(mgr.UpdateCgroup(Policy("T", 0, 1)), CGROUP_FAILED);
-    EXPECT_EQ(Log(), (Texts{Begin("T, type=0, isEnable=1, isCfgOk_=1"), "3 open " + of("a", PERIOD),
-                            "3 WriteToCgroup, access " + of("a", QUOTA) + ", errno=2",
-                            "3 UpdateCpuSet write file=" + of("a", QUOTA),
-                            "3 open " + of("c", PERIOD), "3 WriteToCgroup, open " + of("c", QUOTA),
-                            "3 UpdateCpuSet write file=" + of("c", QUOTA),
-                            "6 UpdateCgroup finish, ret=15794959"}));
-    EXPECT_EQ(Quota("b"), HUNDRED);
-    EXPECT_EQ(mgr.UpdateCgroup(Policy(longest, 0, 0)), CGROUP_OK);
-    EXPECT_EQ(Log(), (Texts{Begin(longest + ", type=0, isEnable=0, isCfgOk_=1"),
-                            "6 UpdateCgroup finish, ret=0"}));
-    EXPECT_EQ(Quota("b"), "-1");
+    EXPECT_EQ(
+        Log(),
+        (Texts{
+            BEGIN + "V, type=1, isEnable=1, isCfgOk_=1", "3 UpdateCgroup name=V policy not found",
+            BEGIN + "T, type=255, isEnable=0, isCfgOk_=1",
+            "3 UpdateCgroup name=T policy type=255 invalid",
+            BEGIN + "T, type=0, isEnable=1, isCfgOk_=1", "3 open " + of("a", PERIOD),
+            "3 WriteToCgroup, access " + of("a", QUOTA) + ", errno=2",
+            "3 UpdateCpuSet write file=" + of("a", QUOTA), "3 open " + of("c", PERIOD),
+            "3 WriteToCgroup, open " + of("c", QUOTA),
+            "3 UpdateCpuSet write file=" + of("c", QUOTA), "6 UpdateCgroup finish, ret=15794959",
+            BEGIN + longest + ", type=0, isEnable=0, isCfgOk_=1", "6 UpdateCgroup finish, ret=0"}));
 }
 
 TEST_F(CgroupMgrTest, DisableCgroupCpuVisitsTheFirstLevelOnly) {
-    const CgroupMgr mgr;
-    mgr.DisableCgroupCpu();
-    EXPECT_EQ(Log(), Texts{"3 open dir=" + CPU + " fail"});
+    mgr_.DisableCgroupCpu();
     for (const std::string group : {"a", ".b", "a/sub", "../elsewhere", "."}) {
         MakeGroup(group);
     }
     fs::create_directories(CPU + "bare");
-    fs::create_directory_symlink(ROOT + "elsewhere", CPU + "link");
-    mgr.DisableCgroupCpu();
-    EXPECT_EQ(Log(), (Texts{"6 DisableCgroupCpu",
+    fs::create_directory_symlink(CGROUPS + "elsewhere", CPU + "link");
+    mgr_.DisableCgroupCpu();
+    EXPECT_EQ(Log(), (Texts{"3 open dir=" + CPU + " fail", "6 DisableCgroupCpu",
                             "3 WriteToCgroup, access " + CPU + "bare" + QUOTA + " fail, errno=2"}));
     EXPECT_EQ(Quota("a") + Quota(".b"), "-1-1");
     for (const std::string group : {"a/sub", "../elsewhere", "."}) {
@@ -257,64 +200,55 @@ TEST_F(CgroupMgrTest, DisableCgroupCpuVisitsTheFirstLevelOnly) {
 
 TEST_F(CgroupMgrTest, AddToCgroups) {
     BindFile("quiet\nro xcgroup1_writeback=1\n", "/proc/cmdline");
-    fs::create_directories(ROOT + "blkio");
-    CgroupMgr mgr;
-    Read(mgr, "");
-    const auto missing = [](const std::string& group) {
-        return "add to group failed, cgroup path=" + ROOT + group + "/tasks is not existed;";
-    };
-    const std::pair<CgroupTaskInfo, Texts> cases[] = {
-        {{"n", 1, "", "", "", {}}, {}},
-        {{"n", 1, "c", "s", "b", {{"pids", "p/q"}, {"devices", "d"}, {"memory", ""}}},
-         {"cpuset/s", "cpu/c", "devices/d", "pids/p/q", "blkio/b", "memory/b_MEMORY"}},
-        {{"n", 1, "c", "../s", "..", {{"..", "p"}, {"pids", "p/../q"}, {"x", "a..b"}}},
-         {"cpu/c", "../p"}},
-    };
-    for (const auto& [task, groups] : cases) {
-        std::string error = "before;";
-        std::string expected = error;
-        for (const std::string& group : groups) {
-            expected += missing(group);
-        }
-        EXPECT_EQ(mgr.AddToCgroups(task, error), groups.empty());
-        EXPECT_EQ(error, expected);
+    fs::create_directories(CGROUPS + "blkio");
+    Read(mgr_, "");
+    std::string error = "before;";
+    std::string expected = error;
+    EXPECT_TRUE(mgr_.AddToCgroups({"n", 1, "", "", "", {}}, error));
+    EXPECT_FALSE(mgr_.AddToCgroups(
+        {"n", 1, "c", "s", "b", {{"pids", "p/q"}, {"devices", "d"}, {"memory", ""}}}, error));
+    EXPECT_FALSE(mgr_.AddToCgroups(
+        {"n", 1, "c", "../s", "..", {{"..", "p"}, {"pids", "p/../q"}, {"x", "a..b"}}}, error));
+    for (const char* group : {"cpuset/s", "cpu/c", "devices/d", "pids/p/q", "blkio/b",
+                              "memory/b_MEMORY", "cpu/c", "../p"}) {
+        expected +=
+            "add to group failed, cgroup path=" + CGROUPS + group + "/tasks is not existed;";
     }
+    EXPECT_EQ(error, expected);
 
     // Missing groups do not keep the task out of the others.
-    WriteFile(ROOT + "cpu/c/tasks", "7\n");
-    WriteFile(ROOT + "memory/b_MEMORY/tasks", "");
-    std::string error;
-    EXPECT_FALSE(mgr.AddToCgroups({"n", 4711, "c", "s", "b", {}}, error));
-    EXPECT_EQ(error, missing("cpuset/s") + missing("blkio/b"));
-    EXPECT_TRUE(mgr.AddToCgroups({"n", INT32_MAX, "c", "../s", "", {}}, error));
-    EXPECT_EQ(ReadFile(ROOT + "cpu/c/tasks"), "7\n4711\n2147483647\n");
-    EXPECT_EQ(ReadFile(ROOT + "memory/b_MEMORY/tasks"), "4711\n");
+    WriteFile(CGROUPS + "cpu/c/tasks", "7\n");
+    WriteFile(CGROUPS + "memory/b_MEMORY/tasks", "");
+    EXPECT_FALSE(mgr_.AddToCgroups({"n", 4711, "c", "s", "b", {}}, error));
+    EXPECT_TRUE(mgr_.AddToCgroups({"n", INT32_MAX, "c", "../s", "", {}}, error));
+    EXPECT_EQ(ReadFile(CGROUPS + "cpu/c/tasks"), "7\n4711\n2147483647\n");
+    EXPECT_EQ(ReadFile(CGROUPS + "memory/b_MEMORY/tasks"), "4711\n");
 }
 
-TEST_F(CgroupMgrTest, BlkIoSwitches) {
-    struct Case {
-        bool hasBlkIo;
-        std::string commandLine;
-        std::string switches;
-        Texts groups;
-    };
-    const Case cases[] = {{false, "cgroup1_writeback", "1001", {}},
-                          {true, "cgroup1_writeback", "1111", {"blkio/b", "memory/b_MEMORY"}},
-                          {true, "cgroup1_writebac\nk\n", "1101", {"blkio/b"}}};
-    for (const auto& [hasBlkIo, commandLine, switches, groups] : cases) {
-        if (hasBlkIo) {
-            fs::create_directories(ROOT + "blkio");
-        }
-        BindFile(commandLine, "/proc/cmdline");
-        CgroupMgr mgr;
-        Read(mgr, "");
+TEST_F(CgroupMgrTest, BlkIoSwitchesAndFilesThatCannotBeRead) {
+    // The tasks files of the blkio group "b".
+    const auto paths = [this](const std::string& switches) {
+        mgr_.ReadCfg();
         EXPECT_EQ(Log(), Summary(switches));
-        Texts paths;
-        for (const std::string& group : groups) {
-            paths.push_back(ROOT + group + "/tasks");
-        }
-        EXPECT_EQ(mgr.GetTaskPaths({"n", 1, "", "", "b", {}}), paths) << commandLine;
-    }
+        return mgr_.GetTaskPaths({"n", 1, "", "", "b", {}});
+    };
+    const std::string group = CGROUPS + "blkio/b/tasks";
+    BindFile("cgroup1_writebac\nk\n", "/proc/cmdline");
+    WriteFile(CFG, "");
+    EXPECT_EQ(paths("1001"), Texts{});
+    fs::create_directories(CGROUPS + "blkio");
+    EXPECT_EQ(paths("1101"), Texts{group});
+    BindFile("cgroup1_writeback", "/proc/cmdline");
+    fs::remove(CFG);
+    fs::create_directories(CFG);
+    EXPECT_EQ(paths("1111"), (Texts{group, CGROUPS + "memory/b_MEMORY/tasks"}));
+    fs::remove(CFG);
+    CgroupMgr mgr;
+    mgr.ReadCfg();
+    EXPECT_EQ(mgr.UpdateCgroup(Policy("S", 0, 1)), CGROUP_FAILED);
+    EXPECT_EQ(Log(), (Texts{"3 ReadCfg, access " + CFG + " fail, errno=2",
+                            BEGIN + "S, type=0, isEnable=1, isCfgOk_=0"}));
+    EXPECT_EQ(mgr.GetTaskPaths({"n", 1, "", "", "b", {}}), Texts{});
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 // CoreAffinityMgr on threads of this process, the reading of cpusets, and AffinityCheck.
+#include <gmock/gmock.h>
+
 #include <fstream>
-#include <map>
 
 #include "main/common/proc_mgr_env.h"
 #include "resource/affinity_check.h"
-#include "resource/core_affinity_mgr.h"
 #include "resource/cpu_num.h"
 #include "resource/cpuset_file.h"
 #include "tests/resource/resource_fixture.h"
@@ -12,19 +12,23 @@
 namespace ProcMgr {
 namespace {
 
-using std::to_string;
-using Tests::ReadFile;
-using Tests::WriteFile;
 using List = std::vector<uint32_t>;
 
 constexpr int32_t NO_PID = INT32_MAX;  // above every pid of the kernel
 
-class CoreAffinityTest : public ResourceTest {
+class CoreAffinityTest : public PinningTest {
 protected:
-    uint32_t StoreAndSet(int32_t pid, int32_t tid, const List& cores) {
-        std::string error;
-        return affinity_.StoreAndSetCoreAffinity(pid, tid, cores, error);
+    uint32_t Set(int32_t tid, const List& cores) {
+        return affinity_.SetCoreAffinity(tid, cores, error_);
     }
+    uint32_t StoreAndSet(int32_t pid, int32_t tid, const List& cores) {
+        return affinity_.StoreAndSetCoreAffinity(pid, tid, cores, error_);
+    }
+    static std::string Refusal(int32_t tid) {
+        return "SetCoreAffinity fail pid=" + to_string(tid) + ", errno=22;";
+    }
+
+    std::string error_ = "before;";
 };
 
 TEST(CpusetFile, Lines) {
@@ -33,11 +37,9 @@ TEST(CpusetFile, Lines) {
         {{0}, {"0-x", "-"}},
         {{7}, {" 7", "7x", " 7-7"}},
         {{0, 1, 2}, {"0,1,2", "x-2", "0-2,8", "8,0-2", "100-2"}},
-        {{0, 0, 1, 2}, {"0--2"}},
         {{0, 1, 4, 5}, {"0-1,4-5"}},
         {{100, 3, 100}, {"100,3,100,"}},
         {{8, 9, 10, 11}, {"8-11", "08-114"}},
-        {{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, {"100-101"}},
     };
     for (const auto& [cores, lines] : cases) {
         for (const std::string& line : lines) {
@@ -61,86 +63,33 @@ TEST_F(CoreAffinityTest, CoreListsAreReadUntilTheyAreKnown) {
     }
     LogCapture::Clear();
     EXPECT_TRUE(affinity_.CheckIsCtrlCpu("app", {2, 0, 1, 0}));
-    EXPECT_TRUE(affinity_.CheckIsCtrlCpu("app", {}));
     EXPECT_FALSE(affinity_.CheckIsCtrlCpu("app", {1, 7, 4}));
     EXPECT_EQ(LogCapture::Lines(),
               (Lines{{LOG_ERR, "CheckIsCtrlCpu app=app, coreId=7 is not in CtrlCpu"}}));
 }
 
-TEST_F(CoreAffinityTest, SetCoreAffinity) {
-    const IdleThread idle;
-    std::string error = "before;";
-    EXPECT_EQ(affinity_.SetCoreAffinity(idle.Tid(), {}, error), AFFINITY_NO_CORES);
-    EXPECT_EQ(error, "before;default ctrl cpu is null;");
-    MakeCpuset("CtrlCPU", "1");
-    affinity_.LoadCoreLists();
-    const std::pair<List, Cores> cases[] = {
-        // the wanted cores and the resulting ones; none: the kernel refuses
-        {{CPU_NUM, 1023, 1024, 5000, UINT32_MAX}, {}},
-        {{}, {1}},
-        {{1, CPU_NUM, 0, 1024, UINT32_MAX, 1}, BOTH},
-        {{0}, {0}},
-    };
-    for (const auto& [cores, expected] : cases) {
-        error = "before;";
-        const bool isRefused = expected.empty();
-        EXPECT_EQ(affinity_.SetCoreAffinity(idle.Tid(), cores, error),
-                  isRefused ? AFFINITY_REFUSED : AFFINITY_OK);
-        const std::string id = to_string(idle.Tid());
-        EXPECT_EQ(error,
-                  isRefused ? "before;SetCoreAffinity fail pid=" + id + ", errno=22;" : "before;");
-        EXPECT_EQ(CoresOf(idle.Tid()), isRefused ? BOTH : expected);
-    }
-}
-
 TEST_F(CoreAffinityTest, EachAcceleratorCorePutsTheThreadIntoItsCpuset) {
     const IdleThread idle;
-    const std::string tid = to_string(idle.Tid());
-    const std::string tasks = CGROUPS + "cpuset/AICPU/tasks";
+    const int32_t tid = idle.Tid();
+    EXPECT_EQ(Set(tid, {}), AFFINITY_NO_CORES);
+    MakeCpuset("CtrlCPU", "0");
     MakeCpuset("AICPU", "1," + to_string(CPU_NUM));
     affinity_.LoadCoreLists();
-    std::string error;
-    EXPECT_EQ(affinity_.SetCoreAffinity(idle.Tid(), {1, CPU_NUM, 1}, error), AFFINITY_OK);
-    EXPECT_EQ(CoresOf(idle.Tid()), Cores{1});
+    EXPECT_EQ(Set(tid, {}), AFFINITY_OK);
+    EXPECT_EQ(CoresOf(tid), Cores{0});
+    LogCapture::Clear();
+    EXPECT_EQ(Set(tid, {1, CPU_NUM, 0, 1024, UINT32_MAX, 1}), AFFINITY_OK);
+    EXPECT_EQ(CoresOf(tid), BOTH);
+    const std::string tasks = CGROUPS + "cpuset/AICPU/tasks";
     EXPECT_EQ(LogCapture::Lines(),
-              Lines(2, {LOG_ERR, "WriteTidToAIcpuSet failed tid: " + tid + ", aicpuSet: " + tasks +
-                                     " is not existed"}));
+              Lines(2, {LOG_ERR, "WriteTidToAIcpuSet failed tid: " + to_string(tid) +
+                                     ", aicpuSet: " + tasks + " is not existed"}));
     WriteFile(tasks, "1\n");
-    EXPECT_EQ(affinity_.SetCoreAffinity(idle.Tid(), {1, CPU_NUM, 1}, error), AFFINITY_OK);
-    EXPECT_EQ(affinity_.SetCoreAffinity(idle.Tid(), {CPU_NUM}, error), AFFINITY_REFUSED);
-    EXPECT_EQ(ReadFile(tasks), "1\n" + tid + "\n" + tid + "\n");
-}
-
-// The log lines of RecycleThreadCoreInfo show the contents of the table.
-TEST_F(CoreAffinityTest, StoredPinnings) {
-    IdleThread gone;
-    gone.End();
-    const IdleThread idle;
-    const std::string pid = to_string(getpid());
-    const std::string tid = to_string(idle.Tid());
-    EXPECT_EQ(StoreAndSet(getpid(), idle.Tid(), {0}), AFFINITY_OK);
-    EXPECT_EQ(CoresOf(idle.Tid()), Cores{0});
-    EXPECT_EQ(StoreAndSet(getpid(), idle.Tid(), {CPU_NUM}), AFFINITY_REFUSED);
-    EXPECT_TRUE(LogCapture::Contains(LOG_ERR, "SetCoreAffinityToOs fail" + idle.Ids() +
-                                                  ", errStr: SetCoreAffinity fail pid=" + tid +
-                                                  ", errno=22;"));
-    LogCapture::Clear();
-    const std::string ids = "pid:" + pid + " tid:" + to_string(gone.Tid());
-    EXPECT_EQ(StoreAndSet(getpid(), gone.Tid(), {0}), AFFINITY_NO_THREAD_NAME);
-    EXPECT_EQ(LogCapture::Lines(),
-              (Lines{{LOG_INFO, "StoreAndSetCoreAffinity " + ids},
-                     {LOG_ERR, "fopen /proc/" + pid + "/task/" + to_string(gone.Tid()) +
-                                   "/status fail, errno: 2"},
-                     {LOG_ERR, "GetThreadName fail, " + ids + ", errno: 2"}}));
-
-    EXPECT_EQ(StoreAndSet(1, 1, {CPU_NUM}), AFFINITY_REFUSED);
-    LogCapture::Clear();
-    for (const int32_t process : {getpid(), 1, 1}) {
-        affinity_.RecycleThreadCoreInfo(process, "app");
-    }
-    const std::string recycled = "RecycleThreadCoreInfo finished app: app, tid: ";
-    EXPECT_EQ(LogCapture::Lines(), (Lines{{LOG_INFO, recycled + tid + ", pid: " + pid},
-                                          {LOG_INFO, recycled + "1, pid: 1"}}));
+    EXPECT_EQ(Set(tid, {1, CPU_NUM, 1}), AFFINITY_OK);
+    EXPECT_EQ(Set(tid, {CPU_NUM, 1023, 1024, 5000, UINT32_MAX}), AFFINITY_REFUSED);
+    EXPECT_EQ(CoresOf(tid), Cores{1});
+    EXPECT_EQ(ReadFile(tasks), "1\n" + to_string(tid) + "\n" + to_string(tid) + "\n");
+    EXPECT_EQ(error_, "before;default ctrl cpu is null;" + Refusal(tid));
 }
 
 TEST_F(CoreAffinityTest, WakeUpRecoverForgetsThreadsThatHaveEndedOrChangedTheirName) {
@@ -150,35 +99,50 @@ TEST_F(CoreAffinityTest, WakeUpRecoverForgetsThreadsThatHaveEndedOrChangedTheirN
     const IdleThread kept(" ()\t\\:");
     for (const IdleThread* idle : {&std::as_const(dead), &renamed, &kept}) {
         EXPECT_EQ(StoreAndSet(getpid(), idle->Tid(), {0}), AFFINITY_OK);
+        EXPECT_EQ(CoresOf(idle->Tid()), Cores{0});
     }
-    EXPECT_EQ(StoreAndSet(getpid(), refused.Tid(), {CPU_NUM}), AFFINITY_REFUSED);
     EXPECT_EQ(StoreAndSet(1, 1, {CPU_NUM}), AFFINITY_REFUSED);
+    EXPECT_EQ(StoreAndSet(getpid(), refused.Tid(), {CPU_NUM}), AFFINITY_REFUSED);
     dead.End();
+    EXPECT_EQ(StoreAndSet(getpid(), dead.Tid(), {0}), AFFINITY_NO_THREAD_NAME);
+    const std::string pid = to_string(getpid());
+    const std::string tid = to_string(dead.Tid());
+    for (const std::string& line :
+         {"SetCoreAffinityToOs fail" + refused.Ids() + ", errStr: " + Refusal(refused.Tid()),
+          "fopen /proc/" + pid + "/task/" + tid + "/status fail, errno: 2",
+          "GetThreadName fail, pid:" + pid + " tid:" + tid + ", errno: 2"}) {
+        EXPECT_TRUE(LogCapture::Contains(LOG_ERR, line)) << line;
+    }
     std::ofstream("/proc/self/task/" + to_string(renamed.Tid()) + "/comm") << "name with spac2";
 
     const std::string begin = "CoreAffinityMgr WakeUpRecover CheckTidIsValid ";
-    for (const size_t isFirst : {1U, 0U}) {
+    const auto recover = [this] {
         LogCapture::Clear();
         EXPECT_TRUE(affinity_.WakeUpRecover({NO_PID, getpid()}));
-        EXPECT_TRUE(LogCapture::Contains(LOG_ERR, "opendir /proc/2147483647/task/ fail, errno: 2"));
-        EXPECT_TRUE(LogCapture::Contains(LOG_ERR, "CoreAffinityMgr GetTids fail, pid:2147483647"));
-        for (const IdleThread* idle : {&std::as_const(dead), &renamed}) {
-            EXPECT_EQ(LogCapture::Count(LOG_WARNING, begin + "fail" + idle->Ids()), isFirst);
-        }
-        std::set<std::string> restored;
-        for (const IdleThread* idle : {&kept, &refused}) {
-            EXPECT_TRUE(LogCapture::Contains(LOG_INFO, begin + "success" + idle->Ids()));
-            restored.insert(to_string(idle->Tid()));
-        }
-        EXPECT_TRUE(LogCapture::Contains(
-            LOG_WARNING, "RecoverCoreAffinity SetCoreAffinityToOs failed" + refused.Ids() +
-                             ", err=SetCoreAffinity fail pid=" + to_string(refused.Tid()) +
-                             ", errno=22;"));
-        EXPECT_FALSE(LogCapture::ContainsPart(LOG_INFO, "pid:1,"));
-        EXPECT_EQ(
-            LogCapture::Lines().back().text,
-            "CoreAffinityMgr WakeUpRecover tid:" + *restored.begin() + "," + *restored.rbegin());
+        return LogCapture::Lines();
+    };
+    EXPECT_THAT(recover(),
+                testing::IsSupersetOf(Lines{{LOG_WARNING, begin + "fail" + dead.Ids()},
+                                            {LOG_WARNING, begin + "fail" + renamed.Ids()}}));
+    const auto [low, high] = std::minmax({kept.Tid(), refused.Tid()});
+    const Lines expected = {
+        {LOG_ERR, "opendir /proc/2147483647/task/ fail, errno: 2"},
+        {LOG_ERR, "CoreAffinityMgr GetTids fail, pid:2147483647"},
+        {LOG_INFO, begin + "success" + kept.Ids()},
+        {LOG_INFO, begin + "success" + refused.Ids()},
+        {LOG_WARNING, "RecoverCoreAffinity SetCoreAffinityToOs failed" + refused.Ids() +
+                          ", err=" + Refusal(refused.Tid())},
+        {LOG_INFO, "CoreAffinityMgr WakeUpRecover tid:" + to_string(low) + "," + to_string(high)}};
+    EXPECT_THAT(recover(), testing::UnorderedElementsAreArray(expected));
+
+    LogCapture::Clear();
+    for (const int32_t process : {getpid(), 1, 1}) {
+        affinity_.RecycleThreadCoreInfo(process, "app");
     }
+    const std::string recycled = "RecycleThreadCoreInfo finished app: app, tid: ";
+    EXPECT_EQ(LogCapture::Lines(), (Lines{{LOG_INFO, recycled + to_string(low) + ", pid: " + pid},
+                                          {LOG_INFO, recycled + to_string(high) + ", pid: " + pid},
+                                          {LOG_INFO, recycled + "1, pid: 1"}}));
 }
 
 TEST_F(CoreAffinityTest, WakeUpRecoverPinsAgain) {
@@ -197,11 +161,6 @@ TEST_F(CoreAffinityTest, WakeUpRecoverPinsAgain) {
     EXPECT_EQ(CoresOf(stray.Tid()), Cores{0});
     EXPECT_EQ(CoresOf(unknown.Tid()), Cores{1});
     EXPECT_TRUE(affinity_.IsPinned(stored.Tid(), {0, 1}));
-
-    affinity_.RecycleThreadCoreInfo(getpid(), "app");
-    SetCores(stored.Tid(), {1});
-    EXPECT_TRUE(affinity_.WakeUpRecover({getpid()}));
-    EXPECT_EQ(CoresOf(stored.Tid()), Cores{1});
 }
 
 // The applications of these tests all have the process of the test.
@@ -215,14 +174,10 @@ protected:
             WriteFile(CGROUPS + group + "/tasks", "");
         }
     }
-    // How often each id was written into a group.
-    static std::map<int32_t, int> Written(const std::string& group) {
-        std::map<int32_t, int> counts;
+    // How often the thread was written into the group.
+    static long Written(const std::string& group, int32_t tid) {
         std::ifstream file(CGROUPS + group + "/tasks");
-        for (int32_t tid = 0; file >> tid;) {
-            ++counts[tid];
-        }
-        return counts;
+        return std::count(std::istream_iterator<int32_t>(file), {}, tid);
     }
 
     FakeApps apps_;
@@ -233,7 +188,7 @@ TEST_F(AffinityCheckTest, NewThreadsArePlaced) {
     Load("0", {"cpuset/CtrlCPU", "cpu/OTHER", "cpuset/set", "cpu/group"});
     const IdleThread early;
     EXPECT_FALSE(check_.Run());
-    EXPECT_TRUE(Written("cpu/OTHER").empty());
+    EXPECT_EQ(ReadFile(CGROUPS + "cpu/OTHER/tasks"), "");
     check_.Start();
     EXPECT_EQ(CoresOf(getpid()), Cores{0});
     apps_.apps = {{"own", getpid(), {}, {0}, "set", "group", "io", false},
@@ -247,40 +202,37 @@ TEST_F(AffinityCheckTest, NewThreadsArePlaced) {
     EXPECT_EQ(CoresOf(late.Tid()), Cores{0});
     for (const int32_t tid : {early.Tid(), late.Tid()}) {
         // Once as a thread of the daemon, so that nothing is left to write for "default".
-        EXPECT_EQ(Written("cpuset/CtrlCPU")[tid], 1);
-        EXPECT_EQ(Written("cpu/OTHER")[tid], 1);
-        EXPECT_EQ(Written("cpuset/set")[tid], 1);
-        EXPECT_EQ(Written("cpu/group")[tid], 2);
+        EXPECT_EQ(Written("cpuset/CtrlCPU", tid), 1);
+        EXPECT_EQ(Written("cpu/OTHER", tid), 1);
+        EXPECT_EQ(Written("cpuset/set", tid), 1);
+        EXPECT_EQ(Written("cpu/group", tid), 2);
     }
-    EXPECT_TRUE(Written("cpuset/set").contains(getpid()));
+    EXPECT_GT(Written("cpuset/set", getpid()), 0);
 
-    const std::string missing = "add to group failed, cgroup path=" + CGROUPS;
-    const std::string noSet = missing + "cpuset/no/tasks is not existed;";
-    const std::string noGroup = missing + "cpu/none/tasks is not existed;";
-    const std::string tid = to_string(late.Tid());
-    // The kernel would have refused the cores of "delayed" as it refused those of "lost".
-    EXPECT_FALSE(LogCapture::ContainsPart(LOG_WARNING, "app=delayed"));
-    EXPECT_TRUE(LogCapture::Contains(
-        LOG_WARNING, "priority app SetCoreAffinityToOs failed, errinfo=SetCoreAffinity fail pid=" +
-                         tid + ", errno=22;, app=lost"));
-    for (const std::string& error : {noSet, noSet + noGroup}) {
-        EXPECT_EQ(LogCapture::Count(
-                      LOG_WARNING,
-                      "Add priority app to cgroup tasks failed, errinfo=" + error + ", tid=" + tid),
-                  1U);
-    }
-    for (const std::string name : {"own", "default", "delayed", "lost"}) {
-        EXPECT_EQ(LogCapture::Count(LOG_ERR, "app=" + name + ", pid=" + to_string(getpid()) +
-                                                 ", core affinity is not in ctrlcpu"),
-                  name == "delayed" || name == "lost" ? 3U : 0U);
-    }
     apps_.apps.clear();
     std::filesystem::remove_all(CGROUPS + "cpu");
     const IdleThread last;
     check_.Run();
-    EXPECT_TRUE(LogCapture::Contains(
-        LOG_WARNING, "Add pm tids to cgroup tasks failed, errinfo=" + missing +
-                         "cpu/OTHER/tasks is not existed;, tid=" + to_string(last.Tid())));
+    const std::string missing =
+        " cgroup tasks failed, errinfo=add to group failed, cgroup path=" + CGROUPS;
+    const std::string noGroup =
+        "add to group failed, cgroup path=" + CGROUPS + "cpu/none/tasks is not existed;";
+    const std::string noSet = "Add priority app to" + missing + "cpuset/no/tasks is not existed;";
+    const std::string tid = ", tid=" + to_string(late.Tid());
+    for (const std::string& line :
+         {noSet + tid, noSet + noGroup + tid,
+          "Add pm tids to" + missing +
+              "cpu/OTHER/tasks is not existed;, tid=" + to_string(last.Tid()),
+          "priority app SetCoreAffinityToOs failed, errinfo=" + Refusal(late.Tid()) +
+              ", app=lost"}) {
+        EXPECT_EQ(LogCapture::Count(LOG_WARNING, line), 1U) << line;
+    }
+    // The kernel would have refused the cores of "delayed" as it refused those of "lost".
+    EXPECT_FALSE(LogCapture::ContainsPart(LOG_WARNING, "app=delayed"));
+    EXPECT_EQ(LogCapture::Count(LOG_ERR, "app=lost, pid=" + to_string(getpid()) +
+                                             ", core affinity is not in ctrlcpu"),
+              3U);
+    EXPECT_FALSE(LogCapture::ContainsPart(LOG_ERR, "app=own"));
 }
 
 TEST_F(AffinityCheckTest, OnlyAProcessThatWasMovedIsMovedBack) {
@@ -295,9 +247,9 @@ TEST_F(AffinityCheckTest, OnlyAProcessThatWasMovedIsMovedBack) {
         SetCores(getpid(), pass == 0 ? Cores{0} : Cores{1});
     }
     // The pinning to accelerator cores has put it into their cpuset, where it stays.
-    EXPECT_EQ(Written("cpuset/AICPU")[getpid()], 2);
-    EXPECT_EQ(Written("cpuset/CtrlCPU")[getpid()], 2);
-    EXPECT_EQ(Written("cpu/OTHER")[getpid()], 1);
+    EXPECT_EQ(Written("cpuset/AICPU", getpid()), 2);
+    EXPECT_EQ(Written("cpuset/CtrlCPU", getpid()), 2);
+    EXPECT_EQ(Written("cpu/OTHER", getpid()), 1);
     replaced.reset();
     const IdleThread late;
     check_.Run();

@@ -1,5 +1,5 @@
-// Shared by the tests of resource control: threads and their cores, control groups as plain files,
-// and applications that are managed.
+// Shared by the tests of resource control: threads and their cores, private versions of the files
+// and directories that are read and written, and applications that are managed.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,25 +9,25 @@
 
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <functional>
 #include <future>
-#include <optional>
-#include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/managed_apps.h"
+#include "tests/fakes/fake_device.h"
 #include "tests/fakes/log_capture.h"
 #include "tests/support/isolated.h"
 #include "tests/support/wait.h"
 
 namespace ProcMgr {
 
+using Fakes::FakeDevice;
 using Fakes::LogCapture;
+using std::to_string;
+using Tests::ReadFile;
+using Tests::WriteFile;
 using Cores = std::set<uint32_t>;
 using Lines = std::vector<Fakes::LogLine>;
 using Texts = std::vector<std::string>;
@@ -47,12 +47,13 @@ inline Cores CoresOf(int32_t tid) {
     return cores;
 }
 
-inline void SetCores(int32_t tid, const Cores& cores) {
+// False when the kernel refuses these cores.
+inline bool SetCores(int32_t tid, const Cores& cores) {
     cpu_set_t set{};
     for (const uint32_t core : cores) {
         CPU_SET(core, &set);
     }
-    EXPECT_EQ(sched_setaffinity(tid, sizeof(set), &set), 0) << tid;
+    return sched_setaffinity(tid, sizeof(set), &set) == 0;
 }
 
 // A thread of this process that only waits, on both cores.
@@ -60,31 +61,25 @@ class IdleThread {
 public:
     explicit IdleThread(const std::string& name = "idle") {
         std::promise<int32_t> tid;
-        auto started = tid.get_future();
-        thread_ = std::thread([name, &tid, end = end_.get_future().share()] {
+        thread_ = std::thread([&name, &tid, end = end_.get_future()] {
             prctl(PR_SET_NAME, name.c_str());
             SetCores(0, BOTH);
             tid.set_value(gettid());
             end.wait();
         });
-        tid_ = started.get();
+        tid_ = tid.get_future().get();
     }
     ~IdleThread() { End(); }
-    IdleThread(const IdleThread&) = delete;
-    IdleThread& operator=(const IdleThread&) = delete;
 
     int32_t Tid() const { return tid_; }
-    std::string Ids() const {
-        return ", pid:" + std::to_string(getpid()) + ", tid:" + std::to_string(tid_);
-    }
+    std::string Ids() const { return ", pid:" + to_string(getpid()) + ", tid:" + to_string(tid_); }
     // Returns after the thread has left /proc.
     void End() {
         if (thread_.joinable()) {
             end_.set_value();
             thread_.join();
-            EXPECT_TRUE(Tests::WaitUntil([this] {
-                return !std::filesystem::exists("/proc/self/task/" + std::to_string(tid_));
-            }));
+            const std::string path = "/proc/self/task/" + to_string(tid_);
+            EXPECT_TRUE(Tests::WaitUntil([&path] { return !std::filesystem::exists(path); }));
         }
     }
 
@@ -94,17 +89,22 @@ private:
     int32_t tid_ = 0;
 };
 
+// How many lines of that level were logged.
+inline long CountLines(int level) {
+    const Lines lines = LogCapture::Lines();
+    return std::count_if(lines.begin(), lines.end(),
+                         [level](const auto& line) { return line.level == level; });
+}
+
 // Managed applications. The fields are set before other threads use the object.
 class FakeApps : public ManagedApps {
 public:
     std::vector<ManagedApp> GetManagedApps(ManagedFilter filter) override {
+        std::vector<ManagedApp> found = apps;
         if (filter == ManagedFilter::DELAYED) {
             onPass(++passes);
+            std::erase_if(found, [](const ManagedApp& app) { return !app.isDelayed; });
         }
-        std::vector<ManagedApp> found = apps;
-        std::erase_if(found, [&](const ManagedApp& app) {
-            return filter == ManagedFilter::DELAYED && !app.isDelayed;
-        });
         return found;
     }
     bool IsPresent(const ManagedApp& app) override { return app.name != "gone"; }
@@ -132,29 +132,33 @@ public:
     std::atomic<int> passes{0};
 };
 
-// Files in place of the control groups, and both managers.
+// Empty directories in place of the control groups and of the configuration.
 class ResourceTest : public testing::Test {
 protected:
-    void SetUp() override {
-        const Cores cores = CoresOf(0);
-        if (!std::includes(cores.begin(), cores.end(), BOTH.begin(), BOTH.end())) {
-            GTEST_SKIP() << "needs the cores 0 and 1";
-        }
+    void SetUp() final {
         if (!EnterPrivateMountNamespace()) {
             GTEST_SKIP() << "no private mount namespace here";
         }
-        MountTmpfs("/sys/fs/cgroup");
+        for (const char* path : {"/sys/fs/cgroup", "/usr/bin/vela", "/etc/sharepool"}) {
+            MountTmpfs(path);
+        }
+        FakeDevice::Get().Reset();
         LogCapture::Clear();
+        Prepare();
     }
-    // The tests pin the main thread, too.
-    void TearDown() override {
-        cpu_set_t both{};
-        CPU_SET(0, &both);
-        CPU_SET(1, &both);
-        sched_setaffinity(0, sizeof(both), &both);
+    virtual void Prepare() {}
+};
+
+// Threads may be pinned to the cores 0 and 1.
+class PinningTest : public ResourceTest {
+protected:
+    void Prepare() override {
+        if (!SetCores(0, BOTH) || CoresOf(0) != BOTH) {
+            GTEST_SKIP() << "needs the cores 0 and 1";
+        }
     }
     static void MakeCpuset(const std::string& name, const std::string& cores) {
-        Tests::WriteFile(CGROUPS + "cpuset/" + name + "/cpuset.cpus", cores + "\n");
+        WriteFile(CGROUPS + "cpuset/" + name + "/cpuset.cpus", cores + "\n");
     }
 
     CgroupMgr cgroups_;
