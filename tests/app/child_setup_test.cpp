@@ -2,33 +2,19 @@
 #include "app/child_setup.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <cerrno>
-#include <csignal>
-#include <string>
-#include <vector>
-
-#include "app/base_app_info.h"
-#include "app/general_app_info.h"
-#include "app/process_launcher.h"
 #include "main/common/daemon_signals.h"
-#include "resource/bind_count.h"
 #include "resource/cpu_num.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/fake_access_manager.h"
 #include "tests/fakes/fake_sys.h"
-#include "tests/fakes/log_capture.h"
 
 namespace ProcMgr::App {
 namespace {
 
 using Fakes::FakeAccessManager;
 using Fakes::FakeSys;
-using Fakes::LogCapture;
-using Fakes::LogLine;
-using testing::ElementsAreArray;
 
 constexpr int EXECUTED = -1;
 constexpr int ERROR_FD = 77;
@@ -68,15 +54,15 @@ LaunchPlan FullPlan(AppKind kind) {
     return plan;
 }
 
-class ChildSetupTest : public testing::Test {
+class ChildSetupTest : public AppTest {
 protected:
     void SetUp() override {
+        AppTest::SetUp();
         FakeSys::Get().Reset();
         FakeAccessManager::Get().Reset();
         FakeAccessManager::Get().SetHook([](const AppConfig& config) {
             FakeSys::Get().Record("ZornInitProc " + config.appName + ' ' + config.execPath);
         });
-        LogCapture::Clear();
     }
 
     // Runs the child's part of a launch. Returns EXECUTED or the exit status.
@@ -97,15 +83,11 @@ protected:
         return calls;
     }
 
-    static size_t CountCalls(const std::string& prefix) {
+    static std::ptrdiff_t CountCalls(const std::string& prefix) {
         const auto calls = FakeSys::Get().Calls();
-        return static_cast<size_t>(std::count_if(calls.begin(), calls.end(), [&](const auto& call) {
-            return call.starts_with(prefix);
-        }));
+        return std::count_if(calls.begin(), calls.end(),
+                             [&](const auto& call) { return call.starts_with(prefix); });
     }
-
-    ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
-                              BindCount::GetInstance()};
 };
 
 TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
@@ -149,25 +131,25 @@ TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
         // Only a result below zero is a failure of the registration.
         FakeAccessManager::Get().PushInit(1, EACCES);
         EXPECT_EQ(Run(FullPlan(kind)), EXECUTED);
-        EXPECT_THAT(FakeSys::Get().StepCalls(), ElementsAreArray(calls));
+        EXPECT_THAT(FakeSys::Get().StepCalls(), testing::ElementsAreArray(calls));
     }
 }
 
 TEST_F(ChildSetupTest, ADelayedApplicationPinsItselfOnlyAfterABindSinceTheFork) {
     LaunchPlan plan = FullPlan(AppKind::BASE);
     plan.isDelayed = true;
-    for (const size_t binds : {0U, 1U}) {
+    for (const bool isBound : {false, true}) {
         FakeSys::Get().Reset();
-        FakeAccessManager::Get().SetHook([binds](const AppConfig& /*config*/) {
-            if (binds > 0) {
+        FakeAccessManager::Get().SetHook([isBound](const AppConfig& /*config*/) {
+            if (isBound) {
                 BindCount::GetInstance().Raise();
             }
         });
         EXPECT_EQ(Run(plan), EXECUTED);
-        EXPECT_EQ(CountCalls("sched_setaffinity 4711 "), 1 + binds);
+        EXPECT_EQ(CountCalls("sched_setaffinity 4711 "), isBound ? 2 : 1);
         const auto calls = FakeSys::Get().StepCalls();
         EXPECT_EQ(calls.at(calls.size() - 2),
-                  "sched_setaffinity 4711 " + std::to_string(binds > 0 ? 1 : CPU_NUM));
+                  "sched_setaffinity 4711 " + std::to_string(isBound ? 1 : CPU_NUM));
     }
 }
 
@@ -189,10 +171,8 @@ TEST_F(ChildSetupTest, FailuresAreReportedInOneWriteAndTheProgramStillRuns) {
     const std::string scheduler = "sched_setscheduler failed errno=1,type=1,priority=50;";
     const std::string home =
         "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=/home/x, errno=1;";
-    const std::string pool = "Set share pool env failed, errno=1;";
-    const std::string variable =
-        "setenv failed, errno=1;";  // once: the first failure ends the step
-    const std::string access = "ZornInitProc failed, errno=5;";
+    // The first variable that fails ends its step, so this is there once.
+    const std::string access = "setenv failed, errno=1;ZornInitProc failed, errno=5;";
     const std::string preload = "SetAppAsanEnv preload failed errno=1;";
     const struct {
         AppKind kind;
@@ -201,15 +181,15 @@ TEST_F(ChildSetupTest, FailuresAreReportedInOneWriteAndTheProgramStillRuns) {
     } cases[] = {
         {AppKind::BASE,
          {"prlimit", "sched_setscheduler", "join /cpu/", "setenv", "sched_setaffinity"},
-         "prlimit failed,errno=1;" + scheduler + "not joined /cpu/tasks;" + pool + variable +
-             access + home + preload +
+         "prlimit failed,errno=1;" + scheduler +
+             "not joined /cpu/tasks;Set share pool env failed, errno=1;" + access + home + preload +
              "Set restart env failed, errno=1;Set startup entry path env failed, errno=1;" +
              "SetCoreAffinity fail pid=4711, errno=1;"},
         {AppKind::GENERAL,
          {"getrlimit", "sched_setscheduler", "nice", "setenv PROC_PLANE", "setenv HOME",
           "setenv OWNER_NAME", "setenv GRP_HB", "setenv LD_PRELOAD"},
          "getrlimit failed,errno=1;" + scheduler + "SetPlaneEnv PROC_PLANE failed errno=1;" + home +
-             variable + access + "SetHeartBeatSwitchEnv  failed errno=1;" + preload},
+             access + "SetHeartBeatSwitchEnv  failed errno=1;" + preload},
     };
     for (const auto& [kind, calls, text] : cases) {
         FakeSys::Get().Reset();
@@ -273,54 +253,56 @@ TEST_F(ChildSetupTest, ExecFailureReplacesTheTextAndDecidesTheExitCode) {
 TEST_F(ChildSetupTest, AForkThatFailsLeavesNoProcess) {
     FakeSys::Get().SetFork(-1, EAGAIN);
     BaseAppInfo base(Manifest(SomeService()));
-    EXPECT_FALSE(StartNow(base, launcher_));
+    EXPECT_FALSE(StartNow(base));
     EXPECT_EQ(base.GetState(), INITSTATE);
-    GeneralAppInfo general("svc", Manifest(SomeService()), "EM");
-    EXPECT_FALSE(StartNow(general, launcher_));
-    EXPECT_EQ(
-        LogCapture::Lines(),
-        (std::vector<LogLine>{{3, "PROCMGR : Start baseApp svc failed errno=11"},
-                              {3, "PROCMGR: Start generalApp failed. fork failed: errno=11"}}));
-    EXPECT_EQ(CountCalls("execv") + CountCalls("_exit"), 0U);
-
+    EXPECT_EQ(LogCapture::Lines(), (Lines{{3, "PROCMGR : Start baseApp svc failed errno=11"}}));
+    GeneralAppInfo general = GeneralApp();
     general.pid_ = 12;
-    MoveTo(general, RESTARTING);
     general.killSent_ = true;
     general.SetExitStatus(SIGKILL);
+    MoveTo(general, RESTARTING);
     EXPECT_TRUE(general.IsRestartDue());
-    EXPECT_EQ(general.FinishRestart(StartNow(general, launcher_)), TERMINATED);
+    EXPECT_EQ(general.FinishRestart(StartNow(general)), TERMINATED);
     EXPECT_EQ(general.reportType_, TERMINATED_ABNORMAL_EXIT);
     EXPECT_FALSE(general.restartStarted_);
-    EXPECT_TRUE(LogCapture::Contains(6, "PROCMGR : RESTARTING to TERMINATED appName=svc, pid=12"));
     EXPECT_FALSE(general.IsAlive()) << "its pid is free";
+    EXPECT_EQ(LogCapture::Lines(),
+              (Lines{{3, "PROCMGR: Start generalApp failed. fork failed: errno=11"},
+                     {6, "PROCMGR : RESTARTING to TERMINATED appName=svc, pid=12"}}));
+    EXPECT_EQ(CountCalls("execv") + CountCalls("_exit"), 0);
 }
 
 TEST_F(ChildSetupTest, AnExceptionEndsTheChild) {
-    FakeSys::Get().SetFork(0);
     FakeAccessManager::Get().SetHook([](const AppConfig&) { throw std::bad_alloc(); });
-    BaseAppInfo app(Manifest(SomeService()));
-    EXPECT_THROW(StartNow(app, launcher_), Fakes::ChildExited);
-    EXPECT_EQ(CountCalls("execv"), 0U);
+    GeneralAppInfo app = GeneralApp();
+    EXPECT_THROW(StartNow(app), Fakes::ChildExited);
+    EXPECT_EQ(CountCalls("execv"), 0);
 }
 
 TEST_F(ChildSetupTest, AForkedChildGetsTheValuesOfItsRecord) {
-    FakeSys::Get().SetFork(0);
     ManifestData data = SomeService();
     data.args = {"-v"};
     data.env = {{"LD_PRELOAD", "/lib/libasan.so.6"}};
     data.setRtPrio = "50";
     data.setRtType = "SCHED_RR";
     data.heartbeat = true;
-    GeneralAppInfo app("svc", Manifest(data), "vintor");
-    EXPECT_THROW(StartNow(app, launcher_), Fakes::ChildExecuted);
+    GeneralAppInfo app = GeneralApp(data, "vintor");
+    EXPECT_THROW(StartNow(app), Fakes::ChildExecuted);
+    BaseAppInfo dead(Manifest(SomeService()));
+    dead.pid_ = 12;
+    MoveTo(dead, RUNNING);
+    dead.SetExitStatus(EXIT_1);
+    EXPECT_EQ(dead.CheckState(), TERMINATED);
+    EXPECT_THROW(StartNow(dead), Fakes::ChildExecuted);
     const auto calls = FakeSys::Get().StepCalls();
-    for (const char* call : {"sched_setscheduler 4711 2 50", "setenv PROC_PLANE=PLANE_DATA",
-                             "setenv OWNER_NAME=vintor", "setenv GRP_HB=1",
-                             "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
-                             "execv /bin/true|/bin/true|-v", "ZornInitProc svc /bin/true"}) {
+    for (const char* call :
+         {"sched_setscheduler 4711 2 50", "setenv PROC_PLANE=PLANE_DATA",
+          "setenv OWNER_NAME=vintor", "setenv GRP_HB=1",
+          "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1", "execv /bin/true|/bin/true|-v",
+          "ZornInitProc svc /bin/true", "setenv IS_RESTART=1"}) {
         EXPECT_THAT(calls, testing::Contains(call));
     }
-    EXPECT_EQ(CountCalls("nice"), 0U);
+    EXPECT_EQ(CountCalls("nice"), 0);
     EXPECT_TRUE(Writes().empty());
 }
 

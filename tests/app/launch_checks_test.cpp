@@ -1,21 +1,12 @@
 #include "app/launch_checks.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <string>
-#include <vector>
-
-#include "tests/fakes/log_capture.h"
+#include "tests/app/app_test_support.h"
 #include "tests/support/isolated.h"
 
 namespace ProcMgr::App {
 namespace {
 
 using LaunchChecks = IsolatedTest;
-
-using Fakes::LogCapture;
-using Fakes::LogLine;
 
 constexpr const char* PROGRAM = "/run/program;1";
 constexpr gid_t FILE_GROUP = 2000;
@@ -59,7 +50,7 @@ TEST_F(LaunchChecks, ArgumentsAndAbsentPrograms) {
         }
         const LogLine refusal{LOG_ERR,
                               "PROCMGR : CheckChildProParas App=svc arguments include illegal str"};
-        EXPECT_EQ(LogCapture::Lines(), std::vector<LogLine>(9, refusal));
+        EXPECT_EQ(LogCapture::Lines(), Lines(9, refusal));
         EXPECT_TRUE(CheckChildProParas("svc", PROGRAM, 0, {"", "a b", "'\"*?~#!{}[]\\\n%"}, users));
         for (const std::string path : {"", "/run/absent", "/run/dangling"}) {
             EXPECT_FALSE(CheckChildProParas("svc", path, 0, {}, users));
@@ -93,29 +84,27 @@ TEST_F(LaunchChecks, Permissions) {
         {1128, 0010, 0, " uid=1001, gid=0"},
         {1129, 0010, 3001, " uid=1001, gid=3001"},
     };
-    for (const auto& test : cases) {
-        const int status = RunIsolated([&] {
-            LayUserDatabase();
-            LayProgram(test.mode, test.group);
+    const int status = RunIsolated([&] {
+        LayUserDatabase();
+        for (const auto& [uid, mode, group, refusal] : cases) {
+            LayProgram(mode, group);
             UserGroupsCache users;
             LogCapture::Clear();
-            EXPECT_EQ(CheckChildProParas("svc", PROGRAM, test.uid, {}, users),
-                      test.refusal.empty());
+            EXPECT_EQ(CheckChildProParas("svc", PROGRAM, uid, {}, users), refusal.empty()) << uid;
             const std::string failed = "PROCMGR : Start App=svc failed, ";
-            std::vector<LogLine> lines;
-            if (test.uid == 7777) {
-                lines.push_back(
-                    {LOG_ERR, failed + "uid=7777 is not in the user database, error=0"});
+            Lines lines;
+            if (uid == 7777) {
+                lines.push_back({3, failed + "uid=7777 is not in the user database, error=0"});
             }
-            if (!test.refusal.empty()) {
-                const std::string who = test.uid == 0 ? " is root" : "=" + std::to_string(test.uid);
-                lines.push_back({LOG_ERR, failed + "cfg uid" + who + ", but binPath=" + PROGRAM +
-                                              test.refusal + " not have x permission !!"});
+            if (!refusal.empty()) {
+                const std::string who = uid == 0 ? " is root" : "=" + std::to_string(uid);
+                lines.push_back({3, failed + "cfg uid" + who + ", but binPath=" + PROGRAM +
+                                        refusal + " not have x permission !!"});
             }
             EXPECT_EQ(LogCapture::Lines(), lines);
-        });
-        EXPECT_EQ(status, 0) << test.uid << ' ' << std::oct << test.mode;
-    }
+        }
+    });
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace
