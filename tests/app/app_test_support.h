@@ -1,39 +1,33 @@
 // Manifests, records and starts for the tests of this room.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <array>
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
+#include <vector>
 
-#include "app/app_info.h"
+#include "app/base_app_info.h"
+#include "app/general_app_info.h"
 #include "app/process_launcher.h"
 #include "main/common/proc_files.h"
 #include "platform/host/manifest_data.h"
-#include "platform/manifest.h"
+#include "tests/fakes/log_capture.h"
 
 namespace ProcMgr::App {
 
-// Moves a record to `state` by changes that its life cycle permits.
+using Fakes::LogCapture;
+using Fakes::LogLine;
+using Lines = std::vector<LogLine>;
+
+constexpr int32_t EXIT_1 = 1 << 8;  // a wait status
+
+// Puts a new record into `state`, whatever its life cycle permits.
 inline void MoveTo(AppInfo& app, ProcessState state) {
-    if (app.GetState() != INITSTATE && app.GetState() != TERMINATED) {
-        app.ChangeState(TERMINATED, ChangeReason::EXITED);
-    }
-    if (state == INITSTATE || state == app.GetState()) {
-        return;
-    }
-    app.ChangeState(STARTING, ChangeReason::STARTED);
-    if (state != STARTING) {
-        app.ChangeState(RUNNING, ChangeReason::FOUND_RUNNING);
-    }
-    if (state == TERMINATING) {
-        app.ChangeState(TERMINATING, ChangeReason::TERMINATION);
-    } else if (state == TERMINATED) {
-        app.ChangeState(TERMINATED, ChangeReason::EXITED);
-    } else if (state == RESTARTING) {
-        app.ChangeState(RESTARTING, ChangeReason::RESTART);
-    }
+    app.ChangeState(state, ChangeReason::STARTED);
+    LogCapture::Clear();  // of the line about a change that is not permitted
 }
 
 inline ApplicationManifest Manifest(const ManifestData& data) {
@@ -49,11 +43,9 @@ inline ManifestData SomeService() {
     return data;
 }
 
-// Does both stages of a start.
-template <typename App>
-bool StartNow(App& app, ProcessLauncher& launcher) {
-    std::optional<LaunchPlan> plan = launcher.Prepare(app);
-    return plan && app.StartProcess(launcher, *plan);
+inline GeneralAppInfo GeneralApp(const ManifestData& data = SomeService(),
+                                 const std::string& owner = "EM") {
+    return GeneralAppInfo("svc", Manifest(data), owner);
 }
 
 // The value of a key in the status file of a process; empty when the process does not exist.
@@ -61,5 +53,21 @@ inline std::string StatusValue(pid_t pid, std::string_view key) {
     const auto fields = ReadStatusFields(ProcPath(pid, "status"), std::array{key});
     return fields ? fields->front() : std::string();
 }
+
+// The fixture of tests of records and their starts.
+class AppTest : public testing::Test {
+protected:
+    void SetUp() override { LogCapture::Clear(); }
+
+    // Does both stages of a start.
+    template <typename App>
+    bool StartNow(App& app) {
+        std::optional<LaunchPlan> plan = launcher_.Prepare(app);
+        return plan && app.StartProcess(launcher_, *plan);
+    }
+
+    ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                              BindCount::GetInstance()};
+};
 
 }  // namespace ProcMgr::App

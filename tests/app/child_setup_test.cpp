@@ -2,37 +2,22 @@
 #include "app/child_setup.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <cerrno>
-#include <csignal>
-#include <string>
-#include <vector>
-
-#include "app/base_app_info.h"
-#include "app/general_app_info.h"
-#include "app/process_launcher.h"
 #include "main/common/daemon_signals.h"
-#include "resource/bind_count.h"
 #include "resource/cpu_num.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/fake_access_manager.h"
 #include "tests/fakes/fake_sys.h"
-#include "tests/fakes/log_capture.h"
 
 namespace ProcMgr::App {
 namespace {
 
 using Fakes::FakeAccessManager;
 using Fakes::FakeSys;
-using Fakes::LogCapture;
-using Fakes::LogLine;
-using testing::ElementsAreArray;
 
 constexpr int EXECUTED = -1;
-constexpr int ERROR_FD = 77;
-const std::string RTPRIO = std::to_string(RLIMIT_RTPRIO);
+static_assert(RLIMIT_RTPRIO == 14);  // the number in the recorded calls
 const std::string PREFIX = "write 77 app=svc,pid=4711,";
 
 // A plan with a value for every step.
@@ -64,19 +49,19 @@ LaunchPlan FullPlan(AppKind kind) {
     plan.heartBeatSwitch = true;
     plan.afterAbnormalExit = true;
     plan.accessConfig = {"svc", "/bin/svc"};
-    plan.errorFd = ERROR_FD;
+    plan.errorFd = 77;
     return plan;
 }
 
-class ChildSetupTest : public testing::Test {
+class ChildSetupTest : public AppTest {
 protected:
     void SetUp() override {
+        AppTest::SetUp();
         FakeSys::Get().Reset();
         FakeAccessManager::Get().Reset();
         FakeAccessManager::Get().SetHook([](const AppConfig& config) {
             FakeSys::Get().Record("ZornInitProc " + config.appName + ' ' + config.execPath);
         });
-        LogCapture::Clear();
     }
 
     // Runs the child's part of a launch. Returns EXECUTED or the exit status.
@@ -91,83 +76,74 @@ protected:
         }
     }
 
-    static std::vector<std::string> Writes() {
+    // The calls that begin with `prefix`.
+    static std::vector<std::string> Calls(const std::string& prefix) {
         auto calls = FakeSys::Get().Calls();
-        std::erase_if(calls, [](const auto& call) { return !call.starts_with("write"); });
+        std::erase_if(calls, [&](const auto& call) { return !call.starts_with(prefix); });
         return calls;
     }
-
-    static size_t CountCalls(const std::string& prefix) {
-        const auto calls = FakeSys::Get().Calls();
-        return static_cast<size_t>(std::count_if(calls.begin(), calls.end(), [&](const auto& call) {
-            return call.starts_with(prefix);
-        }));
-    }
-
-    ProcessLauncher launcher_{CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
-                              BindCount::GetInstance()};
 };
 
 TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
-    // 'b': only for a base service, 'g': only for a general application.
-    const std::pair<char, std::string> steps[] = {
-        {' ', "setsid"},
-        {' ', "getpid"},
-        {' ', "getrlimit " + RTPRIO},
-        {' ', "prlimit " + RTPRIO + " 99 99"},
-        {' ', "sched_setscheduler 4711 1 50"},
-        {'g', "nice -5"},
-        {' ', "join /cpuset/tasks 4711"},
-        {' ', "join /cpu/tasks 4711"},
-        {' ', "setgroups 7,30"},
-        {' ', "setgid 7"},
-        {' ', "setuid 8"},
-        {' ', "setenv SHAREPOOL_GROUP_NAME=video,audio"},
-        {' ', "setenv SHAREGROUP_PRECONFIG=1"},
-        {'g', "setenv PROC_PLANE=PLANE_MANAGE"},
-        {'g', "setenv HOME=/home/x"},
-        {' ', "setenv A=1"},
-        {' ', "setenv B="},
-        {'g', "setenv OWNER_NAME=EM"},
-        {' ', "ZornInitProc svc /bin/svc"},
-        {'b', "setenv HOME=/home/x"},
-        {'g', "setenv GRP_HB=1"},
-        {' ', "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1"},
-        {'b', "setenv IS_RESTART=1"},
-        {'b', "setenv STARTUP_ENTRY_PATH=/entry"},
-        {' ', "sched_setaffinity 4711 1"},
-        {' ', "execv /bin/svc|/bin/svc|-a|two words|"},
+    // "b:": only for a base service, "g:": only for a general application.
+    const std::vector<std::string> steps = {
+        "setsid",
+        "getpid",
+        "getrlimit 14",
+        "prlimit 14 99 99",
+        "sched_setscheduler 4711 1 50",
+        "g:nice -5",
+        "join /cpuset/tasks 4711",
+        "join /cpu/tasks 4711",
+        "setgroups 7,30",
+        "setgid 7",
+        "setuid 8",
+        "setenv SHAREPOOL_GROUP_NAME=video,audio",
+        "setenv SHAREGROUP_PRECONFIG=1",
+        "g:setenv PROC_PLANE=PLANE_MANAGE",
+        "g:setenv HOME=/home/x",
+        "setenv A=1",
+        "setenv B=",
+        "g:setenv OWNER_NAME=EM",
+        "ZornInitProc svc /bin/svc",
+        "b:setenv HOME=/home/x",
+        "g:setenv GRP_HB=1",
+        "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
+        "b:setenv IS_RESTART=1",
+        "b:setenv STARTUP_ENTRY_PATH=/entry",
+        "sched_setaffinity 4711 1",
+        "execv /bin/svc|/bin/svc|-a|two words|",
     };
-    for (const auto& [kind, mark] : {std::pair(AppKind::GENERAL, 'g'), {AppKind::BASE, 'b'}}) {
+    for (const auto& [kind, other] : {std::pair(AppKind::GENERAL, "b:"), {AppKind::BASE, "g:"}}) {
         std::vector<std::string> calls;
-        for (const auto& [only, call] : steps) {
-            if (only == ' ' || only == mark) {
-                calls.push_back(call);
+        for (const std::string& step : steps) {
+            if (!step.starts_with(other)) {
+                calls.push_back(step.substr(step[1] == ':' ? 2 : 0));
             }
         }
         FakeSys::Get().Reset();
         // Only a result below zero is a failure of the registration.
         FakeAccessManager::Get().PushInit(1, EACCES);
         EXPECT_EQ(Run(FullPlan(kind)), EXECUTED);
-        EXPECT_THAT(FakeSys::Get().StepCalls(), ElementsAreArray(calls));
+        EXPECT_THAT(FakeSys::Get().StepCalls(), testing::ElementsAreArray(calls));
     }
 }
 
 TEST_F(ChildSetupTest, ADelayedApplicationPinsItselfOnlyAfterABindSinceTheFork) {
     LaunchPlan plan = FullPlan(AppKind::BASE);
     plan.isDelayed = true;
-    for (const size_t binds : {0U, 1U}) {
+    for (const bool isBound : {false, true}) {
         FakeSys::Get().Reset();
-        FakeAccessManager::Get().SetHook([binds](const AppConfig& /*config*/) {
-            if (binds > 0) {
+        FakeAccessManager::Get().SetHook([isBound](const AppConfig& /*config*/) {
+            if (isBound) {
                 BindCount::GetInstance().Raise();
             }
         });
         EXPECT_EQ(Run(plan), EXECUTED);
-        EXPECT_EQ(CountCalls("sched_setaffinity 4711 "), 1 + binds);
+        EXPECT_EQ(Calls("sched_setaffinity 4711 ").size(), isBound ? 2U : 1U);
         const auto calls = FakeSys::Get().StepCalls();
         EXPECT_EQ(calls.at(calls.size() - 2),
-                  "sched_setaffinity 4711 " + std::to_string(binds > 0 ? 1 : CPU_NUM));
+                  "sched_setaffinity 4711 " + std::to_string(isBound ? 1 : CPU_NUM));
     }
 }
 
@@ -189,10 +165,8 @@ TEST_F(ChildSetupTest, FailuresAreReportedInOneWriteAndTheProgramStillRuns) {
     const std::string scheduler = "sched_setscheduler failed errno=1,type=1,priority=50;";
     const std::string home =
         "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=/home/x, errno=1;";
-    const std::string pool = "Set share pool env failed, errno=1;";
-    const std::string variable =
-        "setenv failed, errno=1;";  // once: the first failure ends the step
-    const std::string access = "ZornInitProc failed, errno=5;";
+    // The first variable that fails ends its step, so this is there once.
+    const std::string access = "setenv failed, errno=1;ZornInitProc failed, errno=5;";
     const std::string preload = "SetAppAsanEnv preload failed errno=1;";
     const struct {
         AppKind kind;
@@ -201,15 +175,15 @@ TEST_F(ChildSetupTest, FailuresAreReportedInOneWriteAndTheProgramStillRuns) {
     } cases[] = {
         {AppKind::BASE,
          {"prlimit", "sched_setscheduler", "join /cpu/", "setenv", "sched_setaffinity"},
-         "prlimit failed,errno=1;" + scheduler + "not joined /cpu/tasks;" + pool + variable +
-             access + home + preload +
+         "prlimit failed,errno=1;" + scheduler +
+             "not joined /cpu/tasks;Set share pool env failed, errno=1;" + access + home + preload +
              "Set restart env failed, errno=1;Set startup entry path env failed, errno=1;" +
              "SetCoreAffinity fail pid=4711, errno=1;"},
         {AppKind::GENERAL,
          {"getrlimit", "sched_setscheduler", "nice", "setenv PROC_PLANE", "setenv HOME",
           "setenv OWNER_NAME", "setenv GRP_HB", "setenv LD_PRELOAD"},
          "getrlimit failed,errno=1;" + scheduler + "SetPlaneEnv PROC_PLANE failed errno=1;" + home +
-             variable + access + "SetHeartBeatSwitchEnv  failed errno=1;" + preload},
+             access + "SetHeartBeatSwitchEnv  failed errno=1;" + preload},
     };
     for (const auto& [kind, calls, text] : cases) {
         FakeSys::Get().Reset();
@@ -218,18 +192,13 @@ TEST_F(ChildSetupTest, FailuresAreReportedInOneWriteAndTheProgramStillRuns) {
         }
         FakeAccessManager::Get().PushInit(-1, EIO);
         EXPECT_EQ(Run(FullPlan(kind)), EXECUTED);
-        EXPECT_EQ(Writes(), std::vector{PREFIX + text});
+        EXPECT_EQ(Calls("write"), std::vector{PREFIX + text});
     }
 }
 
 TEST_F(ChildSetupTest, AChildWithoutItsIdentityRunsNoProgram) {
     using Result = UserGroups::Result;
-    const struct {
-        Result groups;
-        std::string call;
-        std::string text;
-        std::string lastCall;
-    } cases[] = {
+    const std::tuple<Result, std::string, std::string, std::string> cases[] = {
         {Result::NO_USER, "nothing", "getpwuid is null;", "join /cpu/tasks 4711"},
         {Result::NOT_WIPED, "nothing", "SetGroups memset_s failed error=34;",
          "join /cpu/tasks 4711"},
@@ -238,19 +207,18 @@ TEST_F(ChildSetupTest, AChildWithoutItsIdentityRunsNoProgram) {
         {Result::FOUND, "setgid", "SetAppGid=7 failed error=1;", "setgid 7"},
         {Result::FOUND, "setuid", "SetAppUid=8,failed error=1;", "setuid 8"},
     };
-    for (const auto& test : cases) {
+    for (const auto& [groups, failing, text, lastCall] : cases) {
         FakeSys::Get().Reset();
-        FakeSys::Get().Fail(test.call, EPERM);
+        FakeSys::Get().Fail(failing, EPERM);
         FakeSys::Get().Fail("getrlimit", EPERM);
         LaunchPlan plan = FullPlan(AppKind::BASE);
-        plan.userGroups.result = test.groups;
+        plan.userGroups.result = groups;
         plan.userGroups.error = 34;
-        EXPECT_EQ(Run(plan), 1) << test.call;
-        const std::vector end = {test.lastCall, PREFIX + "getrlimit failed,errno=1;" + test.text,
+        EXPECT_EQ(Run(plan), 1) << failing;
+        const std::vector end = {lastCall, PREFIX + "getrlimit failed,errno=1;" + text,
                                  std::string("_exit 1")};
         const auto calls = FakeSys::Get().StepCalls();
-        ASSERT_GE(calls.size(), end.size());
-        EXPECT_TRUE(std::equal(end.begin(), end.end(), calls.end() - 3)) << test.call;
+        EXPECT_EQ(std::vector(calls.end() - 3, calls.end()), end);
     }
 }
 
@@ -266,62 +234,63 @@ TEST_F(ChildSetupTest, ExecFailureReplacesTheTextAndDecidesTheExitCode) {
         const std::vector writes = {
             PREFIX + "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=/home/x, errno=12;",
             PREFIX + "execv failed, execPath_=/bin/svc, errno=" + std::to_string(error) + ";"};
-        EXPECT_EQ(Writes(), writes);
+        EXPECT_EQ(Calls("write"), writes);
     }
 }
 
 TEST_F(ChildSetupTest, AForkThatFailsLeavesNoProcess) {
     FakeSys::Get().SetFork(-1, EAGAIN);
     BaseAppInfo base(Manifest(SomeService()));
-    EXPECT_FALSE(StartNow(base, launcher_));
+    EXPECT_FALSE(StartNow(base));
     EXPECT_EQ(base.GetState(), INITSTATE);
-    GeneralAppInfo general("svc", Manifest(SomeService()), "EM");
-    EXPECT_FALSE(StartNow(general, launcher_));
-    EXPECT_EQ(
-        LogCapture::Lines(),
-        (std::vector<LogLine>{{3, "PROCMGR : Start baseApp svc failed errno=11"},
-                              {3, "PROCMGR: Start generalApp failed. fork failed: errno=11"}}));
-    EXPECT_EQ(CountCalls("execv") + CountCalls("_exit"), 0U);
-
+    EXPECT_EQ(LogCapture::Lines(), (Lines{{3, "PROCMGR : Start baseApp svc failed errno=11"}}));
+    GeneralAppInfo general = GeneralApp();
     general.pid_ = 12;
-    MoveTo(general, RESTARTING);
     general.killSent_ = true;
     general.SetExitStatus(SIGKILL);
+    MoveTo(general, RESTARTING);
     EXPECT_TRUE(general.IsRestartDue());
-    EXPECT_EQ(general.FinishRestart(StartNow(general, launcher_)), TERMINATED);
+    EXPECT_EQ(general.FinishRestart(StartNow(general)), TERMINATED);
     EXPECT_EQ(general.reportType_, TERMINATED_ABNORMAL_EXIT);
     EXPECT_FALSE(general.restartStarted_);
-    EXPECT_TRUE(LogCapture::Contains(6, "PROCMGR : RESTARTING to TERMINATED appName=svc, pid=12"));
     EXPECT_FALSE(general.IsAlive()) << "its pid is free";
+    EXPECT_EQ(LogCapture::Lines(),
+              (Lines{{3, "PROCMGR: Start generalApp failed. fork failed: errno=11"},
+                     {6, "PROCMGR : RESTARTING to TERMINATED appName=svc, pid=12"}}));
+    EXPECT_TRUE(Calls("execv").empty() && Calls("_exit").empty());
 }
 
 TEST_F(ChildSetupTest, AnExceptionEndsTheChild) {
-    FakeSys::Get().SetFork(0);
     FakeAccessManager::Get().SetHook([](const AppConfig&) { throw std::bad_alloc(); });
-    BaseAppInfo app(Manifest(SomeService()));
-    EXPECT_THROW(StartNow(app, launcher_), Fakes::ChildExited);
-    EXPECT_EQ(CountCalls("execv"), 0U);
+    GeneralAppInfo app = GeneralApp();
+    EXPECT_THROW(StartNow(app), Fakes::ChildExited);
+    EXPECT_TRUE(Calls("execv").empty());
 }
 
 TEST_F(ChildSetupTest, AForkedChildGetsTheValuesOfItsRecord) {
-    FakeSys::Get().SetFork(0);
     ManifestData data = SomeService();
     data.args = {"-v"};
     data.env = {{"LD_PRELOAD", "/lib/libasan.so.6"}};
     data.setRtPrio = "50";
     data.setRtType = "SCHED_RR";
     data.heartbeat = true;
-    GeneralAppInfo app("svc", Manifest(data), "vintor");
-    EXPECT_THROW(StartNow(app, launcher_), Fakes::ChildExecuted);
+    GeneralAppInfo app = GeneralApp(data, "vintor");
+    EXPECT_THROW(StartNow(app), Fakes::ChildExecuted);
+    BaseAppInfo dead(Manifest(SomeService()));
+    dead.pid_ = 12;
+    MoveTo(dead, RUNNING);
+    dead.SetExitStatus(EXIT_1);
+    EXPECT_EQ(dead.CheckState(), TERMINATED);
+    EXPECT_THROW(StartNow(dead), Fakes::ChildExecuted);
     const auto calls = FakeSys::Get().StepCalls();
-    for (const char* call : {"sched_setscheduler 4711 2 50", "setenv PROC_PLANE=PLANE_DATA",
-                             "setenv OWNER_NAME=vintor", "setenv GRP_HB=1",
-                             "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
-                             "execv /bin/true|/bin/true|-v", "ZornInitProc svc /bin/true"}) {
+    for (const char* call :
+         {"sched_setscheduler 4711 2 50", "setenv PROC_PLANE=PLANE_DATA",
+          "setenv OWNER_NAME=vintor", "setenv GRP_HB=1",
+          "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1", "execv /bin/true|/bin/true|-v",
+          "ZornInitProc svc /bin/true", "setenv IS_RESTART=1"}) {
         EXPECT_THAT(calls, testing::Contains(call));
     }
-    EXPECT_EQ(CountCalls("nice"), 0U);
-    EXPECT_TRUE(Writes().empty());
+    EXPECT_TRUE(Calls("nice").empty() && Calls("write").empty());
 }
 
 }  // namespace

@@ -1,21 +1,18 @@
+// Checks and defaults of launches, with private versions of the files that they read.
 #include "app/launch_checks.h"
 
-#include <gtest/gtest.h>
-#include <unistd.h>
+#include <sys/resource.h>
 
-#include <string>
-#include <vector>
-
-#include "tests/fakes/log_capture.h"
+#include "app/launch_defaults.h"
+#include "main/common/proc_mgr_env.h"
+#include "tests/app/app_test_support.h"
 #include "tests/support/isolated.h"
 
 namespace ProcMgr::App {
 namespace {
 
 using LaunchChecks = IsolatedTest;
-
-using Fakes::LogCapture;
-using Fakes::LogLine;
+using LaunchDefaults = IsolatedTest;
 
 constexpr const char* PROGRAM = "/run/program;1";
 constexpr gid_t FILE_GROUP = 2000;
@@ -41,9 +38,8 @@ void LayUserDatabase() {
 
 void LayProgram(mode_t mode, gid_t group) {
     MountTmpfs("/run");
-    Tests::WriteFile(PROGRAM, "");
+    Tests::WriteFile(PROGRAM, "", mode);
     ASSERT_EQ(chown(PROGRAM, 1001, group), 0);
-    ASSERT_EQ(chmod(PROGRAM, mode), 0);
 }
 
 TEST_F(LaunchChecks, ArgumentsAndAbsentPrograms) {
@@ -59,7 +55,7 @@ TEST_F(LaunchChecks, ArgumentsAndAbsentPrograms) {
         }
         const LogLine refusal{LOG_ERR,
                               "PROCMGR : CheckChildProParas App=svc arguments include illegal str"};
-        EXPECT_EQ(LogCapture::Lines(), std::vector<LogLine>(9, refusal));
+        EXPECT_EQ(LogCapture::Lines(), Lines(9, refusal));
         EXPECT_TRUE(CheckChildProParas("svc", PROGRAM, 0, {"", "a b", "'\"*?~#!{}[]\\\n%"}, users));
         for (const std::string path : {"", "/run/absent", "/run/dangling"}) {
             EXPECT_FALSE(CheckChildProParas("svc", path, 0, {}, users));
@@ -93,29 +89,59 @@ TEST_F(LaunchChecks, Permissions) {
         {1128, 0010, 0, " uid=1001, gid=0"},
         {1129, 0010, 3001, " uid=1001, gid=3001"},
     };
-    for (const auto& test : cases) {
-        const int status = RunIsolated([&] {
-            LayUserDatabase();
-            LayProgram(test.mode, test.group);
+    const int status = RunIsolated([&] {
+        LayUserDatabase();
+        for (const auto& [uid, mode, group, refusal] : cases) {
+            LayProgram(mode, group);
             UserGroupsCache users;
             LogCapture::Clear();
-            EXPECT_EQ(CheckChildProParas("svc", PROGRAM, test.uid, {}, users),
-                      test.refusal.empty());
-            const std::string failed = "PROCMGR : Start App=svc failed, ";
-            std::vector<LogLine> lines;
-            if (test.uid == 7777) {
-                lines.push_back(
-                    {LOG_ERR, failed + "uid=7777 is not in the user database, error=0"});
+            EXPECT_EQ(CheckChildProParas("svc", PROGRAM, uid, {}, users), refusal.empty()) << uid;
+            const std::string who = uid == 0 ? " is root" : "=" + std::to_string(uid);
+            EXPECT_EQ(LogCapture::Contains(LOG_ERR, "PROCMGR : Start App=svc failed, cfg uid" +
+                                                        who + ", but binPath=" + PROGRAM + refusal +
+                                                        " not have x permission !!"),
+                      !refusal.empty())
+                << uid;
+        }
+    });
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(LaunchDefaults, HomeAndLockedMemoryLimit) {
+    constexpr rlim_t BEFORE = 4096;
+    const std::pair<std::string, rlim_t> cases[] = {
+        {"-1\n", BEFORE},
+        {"99999999999999999999999\n", BEFORE},
+        {"unlimited\n", RLIM_INFINITY},
+        {"8192", 8192},
+    };
+    const int status = RunIsolated([&] {
+        MountTmpfs("/etc");
+        Tests::WriteFile("/etc/passwd",
+                         "a:x:1000:1000:A,,:/home/a\nb:x:1000:1000::/home/b:/bin/sh\n");
+        InquireHomeEnvVariable();
+        EXPECT_EQ(ProcMgrEnv::GetInstance().GetHome(), "/home/a");
+        for (const auto& [value, expected] : cases) {
+            Tests::WriteFile("/etc/korin_common_env.conf",
+                             "OTHER=1\nexport MAX_LOCKED_MEMORY_LIMIT=" + value);
+            struct rlimit limit {};
+            ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &limit), 0);
+            const rlim_t highest = limit.rlim_max;
+            limit.rlim_cur = BEFORE;
+            ASSERT_EQ(setrlimit(RLIMIT_MEMLOCK, &limit), 0);
+            LogCapture::Clear();
+            SetLockedMemoryLimit();
+            ASSERT_EQ(getrlimit(RLIMIT_MEMLOCK, &limit), 0);
+            if (expected > highest && limit.rlim_cur == BEFORE) {
+                // Some machines forbid even root to raise a limit. The failure is logged.
+                EXPECT_FALSE(LogCapture::Lines().empty());
+                continue;
             }
-            if (!test.refusal.empty()) {
-                const std::string who = test.uid == 0 ? " is root" : "=" + std::to_string(test.uid);
-                lines.push_back({LOG_ERR, failed + "cfg uid" + who + ", but binPath=" + PROGRAM +
-                                              test.refusal + " not have x permission !!"});
-            }
-            EXPECT_EQ(LogCapture::Lines(), lines);
-        });
-        EXPECT_EQ(status, 0) << test.uid << ' ' << std::oct << test.mode;
-    }
+            EXPECT_EQ(limit.rlim_cur, expected) << value;
+            EXPECT_EQ(limit.rlim_max, expected == BEFORE ? highest : expected) << value;
+        }
+    });
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace

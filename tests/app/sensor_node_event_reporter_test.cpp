@@ -1,20 +1,12 @@
 #include "app/sensor_node_event_reporter.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
-
-#include "main/common/serial_worker.h"
+#include "tests/app/app_test_support.h"
 #include "tests/fakes/fake_device.h"
-#include "tests/fakes/log_capture.h"
 
 namespace ProcMgr::App {
 namespace {
 
 using Fakes::FakeDevice;
-using Fakes::LogCapture;
-using Fakes::LogLine;
 using Strings = std::vector<std::string>;
 
 const std::string PREFIX = "SensorNodeEventReporter ";
@@ -46,14 +38,13 @@ TEST_F(SensorNode, WithoutAUsableCountThereIsOneDevice) {
     for (const auto& [result, count] : cases) {
         FakeDevice::Get().SetCount(count);
         FakeDevice::Get().Push("drvGetDevNum", result);
-        LogCapture::Clear();
         SensorNodeEventReporter reporter(worker_);
-        reporter.RegisterSensorNode({"a", 1, 2});
-        EXPECT_EQ(LogCapture::Lines().front(),
-                  (LogLine{LOG_ERR, PREFIX + "GetDeviceNum fail. drvRet=" + std::to_string(result) +
-                                        ", devNum=" + std::to_string(count)}));
-        EXPECT_EQ(CallsOf([&] { reporter.ReportEvent("a", 208); }).size(), 1U);
-        EXPECT_EQ(CallsOf([&] { reporter.ReportEvent("a", 208); }).size(), 0U) << "is shown";
+        const auto registers = [&] { reporter.RegisterSensorNode({"a", 1, 2}); };
+        EXPECT_EQ(CallsOf(registers),
+                  (Strings{"drvGetDevNum", "halSensorNodeRegister 0 a 0x1 0x2"}));
+        EXPECT_TRUE(LogCapture::Contains(
+            LOG_ERR, PREFIX + "GetDeviceNum fail. drvRet=" + std::to_string(result) +
+                         ", devNum=" + std::to_string(count)));
     }
 }
 
@@ -70,10 +61,8 @@ TEST_F(SensorNode, TheNodesOfTheDaemon) {
               (Strings{"halSensorNodeUnregister 0 1", "halSensorNodeUnregister 1 2",
                        "halSensorNodeUnregister 0 3", "halSensorNodeUnregister 1 4"}));
     EXPECT_EQ(CallsOf([&] {
-                  reporter_.UnregisterAll();
                   reporter_.ReportEvent(BASE_SERVICE_NODE, 208);
                   reporter_.Raise(BASE_SERVICE_NODE, "a", 208, 0);
-                  reporter_.Withdraw(BASE_SERVICE_NODE, "a", 208);
                   reporter_.UnregisterSensorNode(BASE_SERVICE_NODE);
               }),
               Strings{});
@@ -92,7 +81,7 @@ TEST_F(SensorNode, AFailingDeviceDoesNotStopTheOthers) {
     device.Push("halSensorNodeUnregister", 6);
     EXPECT_EQ(CallsOf([&] { reporter_.UnregisterSensorNode("n"); }),
               (Strings{"halSensorNodeUnregister 0 1", "halSensorNodeUnregister 2 2"}));
-    const std::pair<int, std::string> lines[] = {
+    const Lines lines = {
         {LOG_ERR, "RegisterSensorNode for n failed. (ret=9)"},
         {LOG_INFO,
          "RegisterSensorNode for n success, nodeType=0x602, sensorType=0x27, reportIds size=2"},
