@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -14,6 +13,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "tests/support/wait.h"
 
 namespace ProcMgr::Fakes {
 
@@ -25,9 +26,6 @@ template <typename Key, typename Entry, typename Result = int32_t>
 class Recorder {
 public:
     using Hook = std::function<void(const Entry&)>;
-
-    // Keeps the `limit` most recent calls.
-    explicit Recorder(size_t limit = SIZE_MAX) : limit_(limit) {}
 
     // Forgets the calls, the scripted results and the hooks.
     void Reset() {
@@ -65,9 +63,6 @@ public:
             entry.result = result;
         }
         entries_.push_back(std::move(entry));
-        if (entries_.size() > limit_) {
-            entries_.pop_front();
-        }
         changed_.notify_all();
         return result;
     }
@@ -75,18 +70,18 @@ public:
     // All recorded calls, oldest first.
     std::vector<Entry> Entries() const {
         const std::lock_guard lock(mutex_);
-        return {entries_.begin(), entries_.end()};
+        return entries_;
     }
     template <typename Predicate>
     size_t CountIf(Predicate predicate) const {
         const std::lock_guard lock(mutex_);
         return static_cast<size_t>(std::count_if(entries_.begin(), entries_.end(), predicate));
     }
-    // Waits until a call that fulfils `predicate` has been recorded; false after `timeout`.
+    // Waits until a call that fulfils `predicate` has been recorded; false when none comes.
     template <typename Predicate>
-    bool WaitFor(Predicate predicate, std::chrono::milliseconds timeout) const {
+    bool WaitFor(Predicate predicate) const {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] {
+        return changed_.wait_for(lock, Tests::PATIENCE, [&] {
             return std::any_of(entries_.begin(), entries_.end(), predicate);
         });
     }
@@ -108,13 +103,12 @@ private:
         return fallback;
     }
 
-    const size_t limit_;
     mutable std::mutex mutex_;  // guards everything below
     mutable std::condition_variable changed_;
     std::map<Key, std::deque<Result>> results_;
     std::map<Key, Result> defaults_;
     std::map<Key, Hook> hooks_;
-    std::deque<Entry> entries_;
+    std::vector<Entry> entries_;
 };
 
 // System calls as lines of text "NAME ARGUMENTS". One thread.
