@@ -1,5 +1,6 @@
 // The base-service objects wired as in the daemon, with real processes, fake platform libraries,
-// and an optional thread in place of the daemon's reaper. Tests call the passes of CheckThread.
+// and an optional thread in place of the daemon's reaper. Tests call the passes of CheckThread. The
+// fixtures of the general applications are derived from this one.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -8,12 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <memory>
 #include <set>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "app/reaper.h"
@@ -22,6 +20,8 @@
 #include "channel/owner_pipes.h"
 #include "channel/owner_reports.h"
 #include "platform/host/manifest_data.h"
+#include "resource/device_worker.h"
+#include "tests/fakes/fake_device.h"
 #include "tests/fakes/fake_heartbeat.h"
 #include "tests/fakes/fake_muxa.h"
 #include "tests/fakes/log_capture.h"
@@ -31,12 +31,13 @@
 
 namespace ProcMgr {
 
+using Fakes::FakeDevice;
 using Fakes::FakeHeartBeat;
 using Fakes::FakeMuxa;
 using Fakes::LogCapture;
-using Fakes::LogLine;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using Tests::PATIENCE;
 using Tests::WaitUntil;
@@ -52,28 +53,49 @@ protected:
         }
         FakeMuxa::Get().Reset();
         FakeHeartBeat::Get().Reset();
+        FakeDevice::Get().Reset();
         LogCapture::Clear();
         setenv("PROC_NAME", "PROCMGR", 1);
     }
     void TearDown() override {
         reaper_ = {};
-        services_.Visit([](App::AppInfo& app) {
+        Visit([](App::AppInfo& app) {
             if (app.IsAlive()) {
                 kill(app.pid_, SIGKILL);
                 waitpid(app.pid_, nullptr, 0);
             }
             return false;
         });
+        faults_.UnregisterAll();
         FakeMuxa::Get().Reset();
+    }
+
+    // The container under test.
+    virtual bool Visit(const App::RecordVisitor& visitor) { return services_.Visit(visitor); }
+    virtual bool StoreExit(int32_t pid, int32_t status) {
+        return services_.SetExitStatus(pid, status);
     }
 
     void StartReaper() {
         reaper_ = std::jthread([this](const std::stop_token& stop) {
-            while (!stop.stop_requested()) {
+            const auto collect = [&] {
                 collector_.CollectExits();
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
+                return stop.stop_requested();
+            };
+            WaitUntil(collect, std::chrono::hours(1));
         });
+    }
+    // The reaper and the sensor nodes, whose worker thread logs at any time.
+    void Supervise() {
+        if (!IsSkipped()) {
+            faults_.RegisterNodes();
+            StartReaper();
+            LogCapture::Clear();
+        }
+    }
+    static std::vector<std::string> DeviceCalls() {
+        DeviceWorker().Drain(SteadyTime::max());
+        return FakeDevice::Get().Calls();
     }
     // One cycle of CheckThread.
     void Check(CheckPass pass = CheckPass::PERIODIC) {
@@ -107,7 +129,7 @@ protected:
     }
     pid_t PidOf(const std::string& name) {
         pid_t pid = -1;
-        services_.Visit([&](const App::AppInfo& app) {
+        Visit([&](const App::AppInfo& app) {
             pid = app.appName_ == name ? app.pid_ : pid;
             return false;
         });
@@ -124,27 +146,24 @@ protected:
     }
     void ReportRunning(const std::string& name) { services_.UpdateBaseAppState(name, RUNNING); }
 
-    static std::vector<LogLine> MaskedLines() {
-        auto lines = LogCapture::Lines();
-        // Most machines lack the console device on which boot-trace points are written.
-        std::erase_if(
-            lines, [](const LogLine& line) { return line.text.starts_with("procmgr open file="); });
-        for (LogLine& line : lines) {
-            line.text = MaskLog(line.text);
+    // "LEVEL TEXT" of all lines, without the parts that differ from run to run.
+    static std::vector<std::string> MaskedLines() {
+        std::vector<std::string> lines;
+        for (const auto& [level, text] : LogCapture::Lines()) {
+            // Most machines lack the console device on which boot-trace points are written.
+            if (!text.starts_with("procmgr open file=")) {
+                lines.push_back(std::to_string(level) + " " + MaskLog(text));
+            }
         }
         return lines;
     }
-    static bool HasLine(int level, const std::string& masked) {
-        const auto lines = MaskedLines();
-        return std::find(lines.begin(), lines.end(), LogLine{level, masked}) != lines.end();
-    }
-    // The text from `begin` to `end` of each line that begins with `begin`, in order.
+    // The text from `begin` to `end` of each line whose text begins with `begin`, in order.
     static std::vector<std::string> Between(const std::string& begin, const std::string& end) {
         std::vector<std::string> found;
-        for (const auto& [level, text] : MaskedLines()) {
-            if (text.starts_with(begin)) {
-                found.push_back(
-                    text.substr(begin.size(), text.find(end, begin.size()) - begin.size()));
+        for (const std::string& line : MaskedLines()) {
+            const size_t from = 2 + begin.size();
+            if (line.find(begin) == 2) {
+                found.push_back(line.substr(from, line.find(end, from) - from));
             }
         }
         return found;
@@ -169,10 +188,8 @@ protected:
     BootCommandLine commandLine_;
     BaseStartup startup_{services_, reportedState_, commandLine_};
 
-private:
-    Reaper collector_{
-        {[this](int32_t pid, int32_t status) { return services_.SetExitStatus(pid, status); }},
-        [] {}};
+    Reaper collector_{{[this](int32_t pid, int32_t status) { return StoreExit(pid, status); }},
+                      [] {}};
     std::jthread reaper_;
 };
 

@@ -9,38 +9,17 @@ namespace {
 
 class BaseStartupTest : public BaseFixture {
 protected:
-    void TearDown() override {
-        reportedState_.Stop();
-        startupEnd_ = {};
-        BaseFixture::TearDown();
-    }
-
     // One entry of a YAML list of services; `more` are further keys.
-    static std::string Entry(const std::string& name, const std::string& more = "") {
-        return "  - {name: " + name + ", bin: /bin/sh, args: [-c, '" + STAYS + "']" +
-               (more.empty() ? "" : ", " + more) + "}\n";
+    static std::string Entry(const std::string& name, const std::string& more = "depends: []") {
+        return "  - {name: " + name + ", bin: /bin/sh, args: [-c, '" + STAYS + "'], " + more +
+               "}\n";
     }
     std::string WriteYaml(const std::string& entries) const {
         Tests::WriteFile(directory_ / "base.yaml", "services:\n" + entries);
         return directory_ / "base.yaml";
     }
     void Init(const std::string& entries) { startup_.InitBaseApplication(WriteYaml(entries)); }
-    // Runs start-up on another thread, because it may wait.
-    void InitInBackground(const std::string& entries) {
-        startupEnd_ = std::async(std::launch::async, [this, entries] { Init(entries); });
-    }
-    bool HasEnded() { return startupEnd_.wait_for(PATIENCE) == std::future_status::ready; }
-
-    std::future<void> startupEnd_;
 };
-
-TEST_F(BaseStartupTest, AServiceThatRunsIsNotStartedAgain) {
-    App::BaseAppInfo record = Record(Service("svc", STAYS));
-    EXPECT_TRUE(startup_.InitOneBaseApplication(record));
-    EXPECT_TRUE(startup_.InitOneBaseApplication(record));
-    EXPECT_THAT(StartedNames(), ElementsAre("svc"));
-    EXPECT_EQ(LogCapture::Count(LOG_WARNING, "PROCMGR=svc is already running"), 1U);
-}
 
 TEST_F(BaseStartupTest, AServiceWithoutAManifestAbandonsStartUp) {
     // The name comes from a file whose manifests are dropped here.
@@ -49,38 +28,48 @@ TEST_F(BaseStartupTest, AServiceWithoutAManifestAbandonsStartUp) {
     ASSERT_EQ(dropped.size(), 1U);
     Init(Entry("a") + Entry("z") + Entry("later", "depends: [a]"));
     EXPECT_THAT(StartedNames(), ElementsAre("a"));
-    EXPECT_TRUE(HasLine(LOG_ERR, "PROCMGR : can't find missing"));
+    EXPECT_THAT(MaskedLines(), Contains("3 PROCMGR : can't find missing"));
     EXPECT_FALSE(LogCapture::ContainsPart(LOG_INFO, "InitBaseApplication end"));
 }
 
-TEST_F(BaseStartupTest, TheNextServiceWaitsForTheReport) {
-    InitInBackground(Entry("a", "reporting: true, gid: 7") + Entry("b"));
-    ASSERT_TRUE(LogCapture::WaitFor(
-        LOG_INFO, "PROCMGR: waiting for baseApp=a reported state, RUNNING OR TERMINATING.",
-        PATIENCE));
-    EXPECT_THAT(StartedNames(), ElementsAre("a"));
-    EXPECT_EQ(FakeHeartBeat::Get().Watched("a"), PidOf("a"));
-    ReportRunning("a");
-    ASSERT_TRUE(HasEnded());
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAMP InitBaseApp:a success, report RUNNING!"));
-    EXPECT_THAT(StartedNames(), ElementsAre("a", "b"));
+TEST_F(BaseStartupTest, AReportBeforeTheWaitIsNotMissedAndADependentWaitsForTheRestart) {
+    StartReaper();
+    // The first process ends after its report; the second one reports, too.
+    FakeMuxa::Get().SetHook(FakeMuxa::Call::OPEN, [this](int32_t) {
+        ReportRunning("early");
+        if (CountExits("early") == 0) {
+            KillAndWait("early");
+        }
+    });
+    const auto startUp = std::async(std::launch::async, [this] {
+        Init(Entry("early", "reporting: true, gid: 7, restart: on-forever") +
+             Entry("late", "depends: [early]"));
+    });
+    EXPECT_TRUE(
+        LogCapture::WaitForPart(LOG_INFO, " InitBaseApp:early success, report RUNNING!", PATIENCE));
+    EXPECT_EQ(FakeHeartBeat::Get().Watched("early"), PidOf("early"));
+    Check();
+    EXPECT_TRUE(WaitUntil([] { return StartedNames().size() == 3; }));
+    reportedState_.Stop();
+    startUp.wait();
+    EXPECT_THAT(StartedNames(), ElementsAre("early", "early", "late"));
+    EXPECT_FALSE(LogCapture::ContainsPart(LOG_INFO, "waiting for baseApp"));
     const auto opens = FakeMuxa::Get().Opens();
-    ASSERT_EQ(opens.size(), 1U) << "only a service that reports has a pipe";
-    EXPECT_EQ(opens[0].attributes.name, "a");
+    ASSERT_EQ(opens.size(), 2U) << "only a service that reports has a pipe";
+    EXPECT_EQ(opens[0].attributes.name, "early");
     EXPECT_EQ(opens[0].attributes.value, 7U) << "the gid decides who may attach to the pipe";
 }
 
-TEST_F(BaseStartupTest, AReportBeforeTheWaitIsNotMissed) {
-    FakeMuxa::Get().SetHook(FakeMuxa::Call::OPEN, [this](int32_t) { ReportRunning("early"); });
-    InitInBackground(Entry("early", "reporting: true"));
-    ASSERT_TRUE(HasEnded());
-    EXPECT_TRUE(HasLine(LOG_INFO, "STAMP InitBaseApp:early success, report RUNNING!"));
-    EXPECT_FALSE(LogCapture::ContainsPart(LOG_INFO, "waiting for baseApp"));
-}
-
-TEST_F(BaseStartupTest, AServiceThatIsNotListedIsNotWaitedFor) {
+TEST_F(BaseStartupTest, ServicesThatRunOrAreNotListedAndTheStop) {
+    App::BaseAppInfo record = Record(Service("svc", STAYS));
+    EXPECT_TRUE(startup_.InitOneBaseApplication(record));
+    EXPECT_TRUE(startup_.InitOneBaseApplication(record));
+    EXPECT_EQ(LogCapture::Count(LOG_WARNING, "PROCMGR=svc is already running"), 1U);
     EXPECT_FALSE(startup_.WaitBaseAppReport("vanished"));
-    EXPECT_TRUE(HasLine(LOG_WARNING, "STAMP InitBaseApp:vanished has been 4!"));
+    EXPECT_THAT(MaskedLines(), Contains("4 STAMP InitBaseApp:vanished has been 4!"));
+    reportedState_.Stop();
+    Init(Entry("late"));
+    EXPECT_THAT(StartedNames(), ElementsAre("svc"));
 }
 
 TEST_F(BaseStartupTest, FailuresOfHeartbeatAndPipe) {
@@ -88,9 +77,11 @@ TEST_F(BaseStartupTest, FailuresOfHeartbeatAndPipe) {
     FakeHeartBeat::Get().PushRegister(5);
     FakeMuxa::Get().SetHook(FakeMuxa::Call::OPEN, [this](int32_t) { ReportRunning("z_nobeat"); });
     Init(Entry("nopipe", "reporting: true") + Entry("z_nobeat", "reporting: true"));
-    EXPECT_TRUE(HasLine(LOG_ERR, "PROCMGR : procname=nopipe RegisterService failed"));
-    EXPECT_TRUE(HasLine(LOG_ERR, "process-manager cur time:STAMP, start baseApp=nopipe failed"));
-    EXPECT_TRUE(HasLine(LOG_ERR, "Register heart beat for z_nobeat failed. (ret=5)"));
+    for (const char* line : {"3 PROCMGR : procname=nopipe RegisterService failed",
+                             "3 process-manager cur time:STAMP, start baseApp=nopipe failed",
+                             "3 Register heart beat for z_nobeat failed. (ret=5)"}) {
+        EXPECT_THAT(MaskedLines(), Contains(line));
+    }
     EXPECT_EQ(FakeHeartBeat::Get().Registrations().size(), 1U);
 }
 

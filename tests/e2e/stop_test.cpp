@@ -23,11 +23,12 @@ protected:
 };
 
 TEST_F(Stop, EndsEverythingInReverseOrder) {
-    BootWhole(Noting("c", "depends: [b]") + Noting("b", "depends: [a]") + Noting("a"));
-    ASSERT_TRUE(AreReady({"a", "b", "c"}));
+    BootWhole(Noting("c", "depends: [b]") + Noting("b", "depends: [a]") + Noting("a") +
+              "applications:\n" + Noting("app", "startup_priority: 1"));
+    ASSERT_TRUE(AreReady({"a", "b", "c", "app"}));
     Log().Clear();
     ExpectOrderlyStop();
-    EXPECT_EQ(ReadFile(In("ended")), "c\nb\na\n");
+    EXPECT_EQ(ReadFile(In("ended")), "app\nc\nb\na\n");
     const auto lines = MaskedLines();
     for (const char* line : {"4 PROCMGR: WaitThread exit now.", "4 PROCMGR: CheckThread exit now.",
                              "4 PROCMGR: ReceiveChildProcessMsgThread exit now."}) {
