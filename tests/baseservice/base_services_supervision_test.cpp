@@ -136,15 +136,21 @@ TEST_F(SupervisionTest, AnExtraPassHandlesEachServiceThatLivedForAPeriod) {
     Start(Service("two", STAYS, "on-forever"));
     Check();
     Start(Service("young", STAYS, "on-forever"));
-    services_.Visit([](App::AppInfo& app) {
-        app.startTime_ += CHECK_PERIOD * (app.appName_ == "young" ? 1000 : -2);
-        return false;
-    });
+    const auto setStart = [this](const std::set<std::string>& names, SteadyTime start) {
+        services_.Visit([&](App::AppInfo& app) {
+            app.startTime_ = names.contains(app.appName_) ? start : app.startTime_;
+            return false;
+        });
+    };
+    const SteadyTime now = std::chrono::steady_clock::now();
+    setStart({"one", "two"}, now - CHECK_PERIOD * 2);
+    setStart({"young"}, now + std::chrono::hours(1));
     KillAndWait("young");
     EXPECT_FALSE(checks_.WaitForNow(SteadyTime{})) << "a crash loop restarts once per period";
     KillAndWait("two");
     KillAndWait("one");
     EXPECT_TRUE(checks_.WaitForNow(SteadyTime{}));
+    setStart({"young"}, std::chrono::steady_clock::now());
     Check(CheckPass::EXTRA);
     EXPECT_THAT(Between("PROCMGR: CheckThread : owner=", ","),
                 ElementsAre("one", "one", "one", "two", "two", "two"))

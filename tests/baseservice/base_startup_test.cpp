@@ -1,5 +1,6 @@
 #include "baseservice/base_startup.h"
 
+#include <atomic>
 #include <future>
 
 #include "tests/baseservice/base_fixture.h"
@@ -35,8 +36,10 @@ TEST_F(BaseStartupTest, AServiceWithoutAManifestAbandonsStartUp) {
 TEST_F(BaseStartupTest, AReportBeforeTheWaitIsNotMissedAndADependentWaitsForTheRestart) {
     StartReaper();
     // The first process ends after its report; the second one reports, too.
-    FakeMuxa::Get().SetHook(FakeMuxa::Call::OPEN, [this](int32_t) {
+    std::atomic<pid_t> startUpThread{0};
+    FakeMuxa::Get().SetHook(FakeMuxa::Call::OPEN, [&](int32_t) {
         ReportRunning("early");
+        startUpThread = gettid();
         if (CountExits("early") == 0) {
             KillAndWait("early");
         }
@@ -48,6 +51,9 @@ TEST_F(BaseStartupTest, AReportBeforeTheWaitIsNotMissedAndADependentWaitsForTheR
     EXPECT_TRUE(
         LogCapture::WaitForPart(LOG_INFO, " InitBaseApp:early success, report RUNNING!", PATIENCE));
     EXPECT_EQ(FakeHeartBeat::Get().Watched("early"), PidOf("early"));
+    // Until the thread sleeps.
+    const std::string stat = "/proc/self/task/" + std::to_string(startUpThread) + "/stat";
+    ASSERT_TRUE(WaitUntil([&] { return Tests::ReadFile(stat).find(") S ") != stat.npos; }));
     Check();
     EXPECT_TRUE(WaitUntil([] { return StartedNames().size() == 3; }));
     reportedState_.Stop();
