@@ -17,12 +17,6 @@ namespace ProcMgr::Fakes {
 
 class FakeHeartBeat {
 public:
-    struct Registered {
-        std::string name;
-        int32_t pid = 0;
-        int result = 0;
-    };
-
     static FakeHeartBeat& Get() {
         static FakeHeartBeat fake;
         return fake;
@@ -34,8 +28,8 @@ public:
 
     // The result of the next registration; 0 when none is queued.
     void PushRegister(int result) { registrations_.Push(0, result); }
-    // Every registration, failed ones too.
-    std::vector<Registered> Registrations() const { return registrations_.Entries(); }
+    // The name of every registration, failed ones too.
+    std::vector<std::string> Registrations() const { return registrations_.Entries(); }
     // The pid watched under `name`; nothing when the name is not watched.
     std::optional<int32_t> Watched(const std::string& name) const {
         const auto watch = Find(name);
@@ -43,19 +37,15 @@ public:
     }
 
     // Calls the callback of `name` on this thread, without a lock, and returns its result; -1 when
-    // `name` is not watched. The callback gets `pid`, by default the registered one.
+    // `name` is not watched.
     int Notify(const std::string& name, uint32_t status) {
         const auto watch = Find(name);
-        return watch ? Notify(name, watch->first, status) : -1;
-    }
-    int Notify(const std::string& name, int32_t pid, uint32_t status) {
-        const auto watch = Find(name);
-        return watch ? watch->second(name.c_str(), name.size(), pid, status) : -1;
+        return watch ? watch->second(name.c_str(), name.size(), watch->first, status) : -1;
     }
 
     // For the faked functions only.
     int Register(const std::string& name, int32_t pid, HeartBeatCallback callback) {
-        const int result = registrations_.Add(0, {name, pid, 0});
+        const int result = registrations_.Add(0, name);
         if (result == 0) {
             const std::lock_guard lock(mutex_);
             watches_[name] = {pid, std::move(callback)};
@@ -80,7 +70,7 @@ private:
         return found == watches_.end() ? std::nullopt : std::optional(found->second);
     }
 
-    Recorder<int, Registered> registrations_;  // one function: the key is 0
+    Recorder<int, std::string> registrations_;  // one function: the key is 0
     mutable std::mutex mutex_;
     std::map<std::string, Watch> watches_;  // guarded by mutex_
 };

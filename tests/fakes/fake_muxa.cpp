@@ -21,22 +21,6 @@ std::vector<FakeMuxa::Recorded> FakeMuxa::Delivered() const {
     return sends;
 }
 
-std::vector<MuxaResponse> FakeMuxa::Responses() const {
-    std::vector<MuxaResponse> responses;
-    for (const Recorded& made : Of(Call::RESPOND)) {
-        responses.push_back(made.response);
-    }
-    return responses;
-}
-
-std::vector<int32_t> FakeMuxa::Closes() const {
-    std::vector<int32_t> fds;
-    for (const Recorded& made : Of(Call::CLOSE)) {
-        fds.push_back(made.fd);
-    }
-    return fds;
-}
-
 std::vector<int32_t> FakeMuxa::OpenFds() const {
     const std::lock_guard lock(mutex_);
     std::vector<int32_t> fds;
@@ -52,13 +36,6 @@ int32_t FakeMuxa::FdOf(const std::string& name) const {
         std::find_if(endpoints_.begin(), endpoints_.end(),
                      [&](const auto& endpoint) { return endpoint.second.first == name; });
     return found == endpoints_.end() ? -1 : found->first;
-}
-
-bool FakeMuxa::Receive(int32_t fd, const void* data, uint32_t length) {
-    MuxaRequest request;
-    request.data = data;
-    request.length = length;
-    return CallBack(fd, &request);
 }
 
 bool FakeMuxa::CallBack(int32_t fd, const MuxaRequest* request) {

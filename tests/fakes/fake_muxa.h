@@ -49,18 +49,16 @@ public:
     std::vector<Recorded> Opens() const { return Of(Call::OPEN); }
     std::vector<Recorded> Sends() const { return Of(Call::SEND); }  // failed ones too
     std::vector<Recorded> Delivered() const;                        // sends that did not fail
-    std::vector<MuxaResponse> Responses() const;
-    std::vector<int32_t> Closes() const;  // descriptors of all attempts
-    size_t Count(Call call) const {
-        return calls_.CountIf([call](const Recorded& made) { return made.call == call; });
-    }
+    std::vector<MuxaResponse> Responses() const { return Of(Call::RESPOND, &Recorded::response); }
+    // The descriptors of all attempts.
+    std::vector<int32_t> Closes() const { return Of(Call::CLOSE, &Recorded::fd); }
+    size_t Count(Call call) const { return Of(call).size(); }
     // Descriptors that were opened and not closed with success.
     std::vector<int32_t> OpenFds() const;
     // The descriptor of the open pipe of that name; -1 without one.
     int32_t FdOf(const std::string& name) const;
 
     // Plays the peer of `fd`: calls its callback on this thread. False when `fd` is not open.
-    bool Receive(int32_t fd, const void* data, uint32_t length);
     bool Receive(int32_t fd, const MuxaRequest& request) { return CallBack(fd, &request); }
     // The peer's connection ends: the callback gets no request.
     bool PeerGone(int32_t fd) { return CallBack(fd, nullptr); }
@@ -72,6 +70,14 @@ public:
 
 private:
     std::vector<Recorded> Of(Call call) const;
+    template <typename Field>
+    std::vector<Field> Of(Call call, Field Recorded::*field) const {
+        std::vector<Field> fields;
+        for (const Recorded& made : Of(call)) {
+            fields.push_back(made.*field);
+        }
+        return fields;
+    }
     bool CallBack(int32_t fd, const MuxaRequest* request);
 
     Recorder<Call, Recorded> calls_;

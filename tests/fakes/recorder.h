@@ -15,6 +15,8 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/wait.h"
+
 namespace ProcMgr::Fakes {
 
 // Calls of several functions: Key names the function, Entry describes one call, Result is what the
@@ -25,9 +27,6 @@ template <typename Key, typename Entry, typename Result = int32_t>
 class Recorder {
 public:
     using Hook = std::function<void(const Entry&)>;
-
-    // Keeps the `limit` most recent calls.
-    explicit Recorder(size_t limit = SIZE_MAX) : limit_(limit) {}
 
     // Forgets the calls, the scripted results and the hooks.
     void Reset() {
@@ -65,9 +64,6 @@ public:
             entry.result = result;
         }
         entries_.push_back(std::move(entry));
-        if (entries_.size() > limit_) {
-            entries_.pop_front();
-        }
         changed_.notify_all();
         return result;
     }
@@ -75,18 +71,18 @@ public:
     // All recorded calls, oldest first.
     std::vector<Entry> Entries() const {
         const std::lock_guard lock(mutex_);
-        return {entries_.begin(), entries_.end()};
+        return entries_;
     }
     template <typename Predicate>
     size_t CountIf(Predicate predicate) const {
         const std::lock_guard lock(mutex_);
         return static_cast<size_t>(std::count_if(entries_.begin(), entries_.end(), predicate));
     }
-    // Waits until a call that fulfils `predicate` has been recorded; false after `timeout`.
+    // Waits until a call that fulfils `predicate` has been recorded; false after `patience`.
     template <typename Predicate>
-    bool WaitFor(Predicate predicate, std::chrono::milliseconds timeout) const {
+    bool WaitFor(Predicate predicate, std::chrono::milliseconds patience = Tests::PATIENCE) const {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, timeout, [&] {
+        return changed_.wait_for(lock, patience, [&] {
             return std::any_of(entries_.begin(), entries_.end(), predicate);
         });
     }
@@ -108,13 +104,12 @@ private:
         return fallback;
     }
 
-    const size_t limit_;
     mutable std::mutex mutex_;  // guards everything below
     mutable std::condition_variable changed_;
     std::map<Key, std::deque<Result>> results_;
     std::map<Key, Result> defaults_;
     std::map<Key, Hook> hooks_;
-    std::deque<Entry> entries_;
+    std::vector<Entry> entries_;
 };
 
 // System calls as lines of text "NAME ARGUMENTS". One thread.
