@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <csignal>
 #include <future>
 
@@ -347,6 +349,36 @@ TEST_F(OwnerChannelTest, LeavesDescriptorsAndSignalsToTheService) {
         pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     }
     EXPECT_EQ(CountCloseOnExec(), before);
+}
+
+TEST_F(OwnerChannelTest, ManyThreadsAndADaemonThatRestartsAgainAndAgain) {
+    std::atomic<size_t> received{0};
+    std::atomic<bool> isDone{false};
+    OwnerChannel channel(NAME);
+    channel.Attach(0ms);
+    const auto useAll = [&] {
+        while (!isDone) {
+            channel.OnAppState([&](const std::vector<AppStateInfo>& infos) {
+                received += infos.size();
+                channel.ReportRunning();
+            });
+            channel.ReportRunning();
+            channel.Attach(1ms);
+            channel.StartHeartbeat(1ms);
+            channel.StopHeartbeat();
+        }
+    };
+    const std::array<std::future<void>, 3> users = {std::async(std::launch::async, useAll),
+                                                    std::async(std::launch::async, useAll),
+                                                    std::async(std::launch::async, useAll)};
+    for (int i = 0; i < 20; ++i) {
+        Daemon daemon;
+        daemon.Accept();
+        EXPECT_EQ(daemon.Next(), RUNNING);
+        daemon.SendRecord(Message::APP_STATE_REPORT, "1#a#1#0#0#0#");
+    }
+    EXPECT_TRUE(Tests::WaitUntil([&] { return received > 0; }));
+    isDone = true;
 }
 
 }  // namespace

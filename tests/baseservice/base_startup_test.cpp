@@ -48,8 +48,7 @@ TEST_F(BaseStartupTest, AReportBeforeTheWaitIsNotMissedAndADependentWaitsForTheR
         Init(Entry("early", "reporting: true, gid: 7, restart: on-forever") +
              Entry("late", "depends: [early]"));
     });
-    EXPECT_TRUE(
-        LogCapture::WaitForPart(LOG_INFO, " InitBaseApp:early success, report RUNNING!", PATIENCE));
+    EXPECT_TRUE(LogCapture::WaitForPart(LOG_INFO, " InitBaseApp:early success, report RUNNING!"));
     EXPECT_EQ(FakeHeartBeat::Get().Watched("early"), PidOf("early"));
     // Until the thread sleeps.
     const std::string stat = "/proc/self/task/" + std::to_string(startUpThread) + "/stat";

@@ -34,9 +34,10 @@ public:
         return Store().CountIf(HasPart(level, part)) > 0;
     }
 
-    // Wait until such a line has been logged; false when none comes.
-    static bool WaitFor(int level, const std::string& text) {
-        return Store().WaitFor(IsLine(level, text));
+    // Wait until such a line has been logged; false when none comes within `patience`.
+    static bool WaitFor(int level, const std::string& text,
+                        std::chrono::milliseconds patience = Tests::PATIENCE) {
+        return Store().WaitFor(IsLine(level, text), patience);
     }
     static bool WaitForPart(int level, const std::string& part) {
         return Store().WaitFor(HasPart(level, part));

@@ -77,11 +77,11 @@ public:
         const std::lock_guard lock(mutex_);
         return static_cast<size_t>(std::count_if(entries_.begin(), entries_.end(), predicate));
     }
-    // Waits until a call that fulfils `predicate` has been recorded; false when none comes.
+    // Waits until a call that fulfils `predicate` has been recorded; false after `patience`.
     template <typename Predicate>
-    bool WaitFor(Predicate predicate) const {
+    bool WaitFor(Predicate predicate, std::chrono::milliseconds patience = Tests::PATIENCE) const {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, Tests::PATIENCE, [&] {
+        return changed_.wait_for(lock, patience, [&] {
             return std::any_of(entries_.begin(), entries_.end(), predicate);
         });
     }
