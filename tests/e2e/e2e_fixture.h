@@ -6,12 +6,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <syslog.h>
 
-#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -45,7 +44,7 @@ inline constexpr const char* START_UP_END = "PROCMGR : EnableWatchDog flag=";
 class E2e : public testing::Test {
 protected:
     void SetUp() override {
-        if (!harness_.IsReady()) {
+        if (!harness_.Error().empty()) {
             GTEST_SKIP() << harness_.Error();
         }
         // A copy, because the users that services run as may not be allowed to read the build.
@@ -55,25 +54,21 @@ protected:
     }
 
     void TearDown() override {
-        if (harness_.IsReady() && isStarted_ && !harness_.WaitForExit(std::chrono::seconds(0))) {
+        if (harness_.IsStarted()) {
             ExpectOrderlyStop();
         }
-        if (HasFailure() && harness_.IsReady()) {
+        if (HasFailure()) {
             for (const auto& message : Log().Messages()) {
                 std::cerr << message.level << " " << message.text << "\n";
             }
         }
     }
 
-    // Starting and stopping the daemon. Boot() starts it with these entries of the list of
-    // services, BootWhole() also waits for the end of start-up.
-    void Start(const std::vector<std::string>& arguments) {
-        isStarted_ = harness_.Start(arguments);
-        ASSERT_TRUE(isStarted_) << harness_.Error();
-    }
+    // Boot() starts the daemon with these entries of the list of services, BootWhole() also waits
+    // for the end of start-up.
     void Boot(const std::string& entries) {
         WriteFile(BASE_YAML, "services:\n" + entries);
-        Start({BASE_YAML});
+        harness_.Start({BASE_YAML});
     }
     void BootWhole(const std::string& entries) {
         Boot(entries);
@@ -81,11 +76,11 @@ protected:
     }
     void ExpectOrderlyStop(int signal = SIGTERM) {
         harness_.Signal(signal);
-        const auto status = harness_.WaitForExit(PATIENCE);
+        const auto status = harness_.WaitForExit();
         ASSERT_TRUE(status) << "the daemon does not end";
         EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << "status " << *status;
     }
-    // Before the next Start() in the same test.
+    // Before the next start in the same test, and when the end was not an orderly stop.
     void EndRun() {
         harness_.KillAll();
         Log().Clear();
@@ -121,7 +116,7 @@ protected:
     }
 
     SyslogSink& Log() { return harness_.Log(); }
-    bool WaitForLine(const std::string& part) { return Log().WaitFor(part, PATIENCE); }
+    bool WaitForLine(const std::string& part) { return Log().WaitFor(part); }
     // "LEVEL TEXT" of all lines, with the parts masked that differ from run to run.
     std::vector<std::string> MaskedLines() {
         std::vector<std::string> lines;
@@ -135,7 +130,4 @@ protected:
     }
 
     DaemonHarness harness_{PROCESS_MANAGER};
-
-private:
-    bool isStarted_ = false;
 };

@@ -55,9 +55,9 @@ public:
     }
     bool Send(const ProcMgr::Message::RequestMsg& record) const {
         const auto packet = EncodePacket({}, ProcMgr::Message::EncodeRecord(record));
-        return SendBytes(packet.data(), packet.size());
+        return peer_.Send(packet.data(), packet.size());
     }
-    bool SendBytes(const void* data, size_t size) const { return peer_.Send(data, size); }
+    bool SendBytes(const std::string& packet) const { return peer_.Send(packet); }
     // Later sends fail when the daemon takes nothing for this long.
     void SetSendTimeout(std::chrono::milliseconds timeout) const {
         const timeval time{timeout.count() / 1000, timeout.count() % 1000 * 1000};

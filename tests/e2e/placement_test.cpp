@@ -3,14 +3,13 @@
 #include <sched.h>
 
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <set>
 
 #include "agent/owner_channel.h"
 #include "agent/upload.h"
 #include "tests/e2e/e2e_fixture.h"
-#include "tests/support/raw_peer.h"
+#include "tests/e2e/peers.h"
 #include "tests/support/real_cgroups.h"
 
 namespace {
@@ -18,21 +17,6 @@ namespace {
 using namespace std::chrono_literals;
 using ProcMgr::Agent::OwnerChannel;
 using ProcMgr::Message::DelayCoreAffinityReq;
-
-// The process of a service that has `argument` in its command line; 0 while there is none.
-pid_t FindProcess(const std::string& argument) {
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-        const std::string name = entry.path().filename();
-        std::ifstream file(entry.path() / "cmdline", std::ios::binary);
-        std::string line;
-        std::getline(file, line);  // does not throw when the process has just ended
-        if (name.find_first_not_of("0123456789") == std::string::npos &&
-            line.starts_with(SERVICE) && line.find(argument) != std::string::npos) {
-            return std::stoi(name);
-        }
-    }
-    return 0;
-}
 
 std::set<pid_t> ThreadsOf(pid_t pid) {
     std::set<pid_t> tids;
@@ -57,6 +41,8 @@ std::string CoresOf(pid_t tid) {
 
 class Placement : public E2e {
 protected:
+    static constexpr const char* QUOTA = "/sys/fs/cgroup/cpu/video/cpu.cfs_quota_us";
+
     void SetUp() override {
         E2e::SetUp();
         if (IsSkipped()) {
@@ -65,20 +51,20 @@ protected:
         if (std::thread::hardware_concurrency() < 2) {
             GTEST_SKIP() << "needs two cores";
         }
-        groups_.emplace(std::vector<std::string>{"cpu", "cpuset", "memory", "blkio"});
-        if (!groups_->IsReady()) {
-            GTEST_SKIP() << groups_->Error();
+        try {
+            groups_.emplace(std::vector<std::string>{"cpu", "cpuset", "memory", "blkio"});
+        } catch (const std::runtime_error& failure) {
+            GTEST_SKIP() << failure.what();
         }
         groups_->Make("cpuset", "CtrlCPU", "0");
         groups_->Make("cpuset", "AICPU", "1");
         groups_->Make("cpuset", "both", "0-1");
-        for (const char* group : {"OTHER", "video"}) {
-            groups_->Make("cpu", group);
-        }
+        groups_->Make("cpu", "OTHER");
+        groups_->Make("cpu", "video");
         groups_->Make("memory", "video");
         groups_->Make("memory", "disk_MEMORY");
         groups_->Make("blkio", "disk");
-        RealCgroups::Write("cpu", "video/cpu.cfs_quota_us", "50000");
+        WriteFile(QUOTA, "50000");
     }
     void TearDown() override {
         E2e::TearDown();
@@ -86,14 +72,19 @@ protected:
         groups_.reset();
     }
 
-    // Waits until the service runs its program, and returns its process.
-    pid_t Await(const std::string& name) {
-        EXPECT_TRUE(WaitForFile(name + ".up")) << name;
-        return FindProcess(In(name + ".up"));
+    // A service that announces its process before it performs `args`.
+    std::string Service(const std::string& name, const std::string& more,
+                        const std::string& args = "stay") {
+        beacons_.try_emplace(name, In(name));
+        return Entry(name, "hello, " + In(name) + ", " + args, more);
     }
-    static std::string Service(const std::string& name, const std::string& more,
-                               const std::string& args = "stay") {
-        return Entry(name, "touch, " + In(name + ".up") + ", " + args, more);
+    // Waits until the service runs its program, and returns its process.
+    pid_t Await(const std::string& name) { return beacons_.at(name).Next(); }
+    // Whether `isPlaced` holds for each thread of a process, at least `count`.
+    template <typename Predicate>
+    static bool AreAllPlaced(pid_t pid, size_t count, Predicate isPlaced) {
+        const std::set<pid_t> tids = ThreadsOf(pid);
+        return tids.size() >= count && std::all_of(tids.begin(), tids.end(), isPlaced);
     }
     // "CPUSET CPU MEMORY BLKIO CORES" of a thread.
     std::string Where(pid_t pid, pid_t tid) {
@@ -105,6 +96,7 @@ protected:
     }
 
     std::optional<RealCgroups> groups_;
+    std::map<std::string, Beacon> beacons_;
 };
 
 TEST_F(Placement, EveryProcessIsWhereItsManifestSays) {
@@ -131,17 +123,16 @@ TEST_F(Placement, EveryProcessIsWhereItsManifestSays) {
         ASSERT_GT(pid, 0) << name;
         EXPECT_EQ(Where(pid, pid), where) << name;
     }
-    EXPECT_EQ(RealCgroups::Read("cpu", "video/cpu.cfs_quota_us"), "50000");
+    EXPECT_EQ(ReadFile(QUOTA), "50000\n");
     EXPECT_TRUE(
         WaitForLine("add to group failed, cgroup path=/sys/fs/cgroup/cpuset/nowhere/tasks "
                     "is not existed;"));
     EXPECT_TRUE(WaitForLine("CheckIsCtrlCpu app=foreign, coreId=1000 is not in CtrlCpu"));
-    EXPECT_EQ(FindProcess(In("foreign.up")), 0);
+    EXPECT_EQ(Log().Count("success appName=foreign"), 0U);
     // All threads of the daemon itself.
     const pid_t daemon = harness_.GetPid();
     EXPECT_TRUE(WaitUntil([&] {
-        const std::set<pid_t> tids = ThreadsOf(daemon);
-        return std::all_of(tids.begin(), tids.end(), [&](pid_t tid) {
+        return AreAllPlaced(daemon, 1, [&](pid_t tid) {
             return groups_->GroupOf(daemon, tid, "cpuset") == "/CtrlCPU" &&
                    groups_->GroupOf(daemon, tid, "cpu") == "/OTHER" && CoresOf(tid) == "0 ";
         });
@@ -155,15 +146,12 @@ TEST_F(Placement, PriorityApplicationsAndTheirThreadsArePlacedByTheCheck) {
                                      "core_affinity: [0], resource_group: video",
                                      "breed, 3, stay") +
                              Service("second", "startup_priority: 2", "breed, 3, stay"));
-    Start({BASE_YAML});
+    harness_.Start({BASE_YAML});
     for (const auto& [name, where] :
          {std::pair("first", "/both /video / / 0 "), {"second", "/CtrlCPU /OTHER / / 0 "}}) {
         const pid_t pid = Await(name);
         EXPECT_TRUE(WaitUntil([&pid, this, expected = std::string(where)] {
-            const std::set<pid_t> tids = ThreadsOf(pid);
-            return tids.size() >= 5 && std::all_of(tids.begin(), tids.end(), [&](pid_t tid) {
-                       return Where(pid, tid) == expected;
-                   });
+            return AreAllPlaced(pid, 5, [&](pid_t tid) { return Where(pid, tid) == expected; });
         })) << name;
     }
 }
@@ -187,9 +175,7 @@ TEST_F(Placement, ADelayedServiceIsBoundOnRequestWithTheThreadsThatItMakesMeanwh
     EXPECT_TRUE(WaitForLine("coreAffinityOk=1"));
     // Threads that change their cores after the last check are bound by a further request.
     EXPECT_TRUE(WaitUntil([&] {
-        const std::set<pid_t> tids = ThreadsOf(pid);
-        if (tids.size() >= 22 &&
-            std::all_of(tids.begin(), tids.end(), [](pid_t tid) { return CoresOf(tid) == "1 "; })) {
+        if (AreAllPlaced(pid, 22, [](pid_t tid) { return CoresOf(tid) == "1 "; })) {
             return true;
         }
         for (const bool isBind : {false, true}) {
@@ -207,8 +193,8 @@ TEST_F(Placement, ADelayedServiceIsBoundOnRequestWithTheThreadsThatItMakesMeanwh
 
 TEST_F(Placement, ThePlatformTellsOfASuspendAndTheWakeUp) {
     groups_->Make("cpuset", "one", "0");
-    RealCgroups::Write("cpuset", "CtrlCPU/cpuset.cpus", "0-1");
-    RealCgroups::Write("cpuset", "AICPU/cpuset.cpus", "0");
+    WriteFile("/sys/fs/cgroup/cpuset/CtrlCPU/cpuset.cpus", "0-1");
+    WriteFile("/sys/fs/cgroup/cpuset/AICPU/cpuset.cpus", "0");
     Boot(Owner("owner") +
          // The kernel refuses a core that is not in the cpuset.
          Service("late", "cpuset: one, core_affinity: [1], delay_core_affinity: true"));
@@ -221,7 +207,7 @@ TEST_F(Placement, ThePlatformTellsOfASuspendAndTheWakeUp) {
     request.checkNum = -1;
     EXPECT_EQ(owner.SetDelayCoreAffinity(request, PATIENCE), 15794956U);
     EXPECT_TRUE(WaitForLine("PROCMGR : CheckMissingTids SetCoreAffinityToOs failed err="));
-    const ProcMgr::Tests::RawPeer power("/run/muxa/power");
+    const RawPeer power("/run/muxa/power");
     for (const auto& [word, line] : {std::pair("suspend", "CheckCoreAffinityThread suspend"),
                                      {"resume", "WakeUpRecover success"}}) {
         ASSERT_TRUE(power.Send(word));

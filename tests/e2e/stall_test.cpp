@@ -12,16 +12,6 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-using Reports = RawOwner::Reports;
-
-// Takes what has come; closes the connection if the daemon has closed it.
-void TakeAnswers(RawPeer& peer) {
-    while (const auto answer = peer.Receive(0ms)) {
-        if (answer->empty()) {
-            peer.Close();
-        }
-    }
-}
 
 // Sends registrations over 124 connections, as fast as they are taken.
 int FloodUpload() {
@@ -35,7 +25,11 @@ int FloodUpload() {
             }
             while (peer.Send(packet.data(), packet.size(), MSG_DONTWAIT)) {
             }
-            TakeAnswers(peer);
+            while (const auto answer = peer.Receive(0ms)) {
+                if (answer->empty()) {
+                    peer.Close();
+                }
+            }
         }
     }
 }
@@ -111,69 +105,33 @@ protected:
         return "  - {name: protected, bin: " + In("protected") + ", args: [hello, " +
                beacon.Path() + ", stay], restart: on-failure}\n";
     }
-    // Replaces the program by a FIFO that nobody writes to, and makes the daemon restart it.
-    static void SpoilProtected(pid_t pid) {
-        std::filesystem::remove(In("protected"));
-        ASSERT_EQ(mkfifo(In("protected").c_str(), 0755), 0);
-        Kill(pid);
-    }
-    static void EnableUpload() { BindFile("pmupload:\n  enable: true\n", SETTINGS); }
 };
 
-// The peers that hold up the daemon in one run; they go on until the test has ended.
-struct Peers {
-    const char* name;
-    size_t restarts;
-    bool hasFifo = false;    // in place of a protected program
-    bool hasFlood = false;   // of registrations
-    bool hasStorms = false;  // one owner that never reads, one that reads ten records per second
-    bool hasLogger = false;  // that reads nothing after start-up
-};
-
-void PrintTo(const Peers& peers, std::ostream* out) {
-    *out << peers.name;
-}
-
-class StallTest : public Stall, public testing::WithParamInterface<Peers> {};
-
-TEST_P(StallTest, HoldsUpNeitherRestartsNorTheStop) {
-    const Peers& who = GetParam();
-    EnableUpload();
+// At the same time: a FIFO in place of a protected program, a flood of registrations, an owner that
+// never reads, one that reads ten records per second, a logger that reads nothing after start-up.
+TEST_F(Stall, PeersHoldUpNeitherRestartsNorTheStop) {
+    BindFile("pmupload:\n  enable: true\n", SETTINGS);
     const Beacon spoilt(In("spoilt"));
     const Beacon victim(In("victim"));
-    std::string entries = (who.hasFifo ? Protected(spoilt) : "") + Victim(victim);
     std::vector<Child> peers;
-    if (who.hasStorms) {
-        entries += Owner("never") + Owner("slow") + "applications:\n";
-        for (const std::string name : {"never", "slow"}) {
-            entries += Apps(name, STORM_APPS, "bin: /bin/true");
-            peers.emplace_back([name] { return Storm(name, name == "slow"); });
-        }
+    std::string entries =
+        Protected(spoilt) + Victim(victim) + Owner("never") + Owner("slow") + "applications:\n";
+    for (const std::string name : {"never", "slow"}) {
+        entries += Apps(name, STORM_APPS, "bin: /bin/true");
+        peers.emplace_back([name] { return Storm(name, name == "slow"); });
     }
     BootWhole(entries);
-    if (who.hasStorms) {
-        ASSERT_TRUE(WaitForFile("never") && WaitForFile("slow"));
-    }
-    if (who.hasFlood) {
-        peers.emplace_back(FloodUpload);
-    }
-    if (who.hasLogger) {
-        Log().Hold();
-    }
-    if (who.hasFifo) {
-        SpoilProtected(spoilt.Next());
-    }
-    ExpectRestarts(victim, victim.Next(), who.restarts);
+    ASSERT_TRUE(WaitForFile("never") && WaitForFile("slow"));
+    peers.emplace_back(FloodUpload);
+    Log().Hold();
+    // Nobody writes to the FIFO that takes the place of the program.
+    std::filesystem::remove(In("protected"));
+    ASSERT_EQ(mkfifo(In("protected").c_str(), 0755), 0);
+    Kill(spoilt.Next());
+    ExpectRestarts(victim, victim.Next(), 60);
     ExpectOrderlyStop();
     Log().Release();
 }
-
-INSTANTIATE_TEST_SUITE_P(Peers, StallTest,
-                         testing::Values(Peers{.name = "Fifo", .restarts = 5, .hasFifo = true},
-                                         Peers{.name = "Flood", .restarts = 10, .hasFlood = true},
-                                         Peers{.name = "Owners", .restarts = 10, .hasStorms = true},
-                                         Peers{"AllAtOnce", 60, true, true, true, true}),
-                         [](const auto& peers) { return std::string(peers.param.name); });
 
 TEST_F(Stall, ALoggerThatNeverReadsDoesNotHoldUpStartUp) {
     const Beacon victim(In("victim"));
@@ -194,14 +152,13 @@ TEST_F(Stall, AnOwnerThatPausesGetsTheLastStateOfEachApplication) {
     RawOwner vintor("vintor");
     ASSERT_TRUE(vintor.Attach());
     ASSERT_TRUE(WaitForLine(START_UP_END));
-    Reports expected;
+    RawOwner::Reports expected;
     for (size_t i = 0; i < APPS; ++i) {
         const std::string name = "app-" + std::to_string(i);
         ASSERT_TRUE(vintor.Send(0, "1#" + name + "#0#0#"));
         expected[name] = i % 2 == 0 ? "3" : "0";
     }
-    EXPECT_EQ(vintor.ReadUntil([](const Reports& last) { return last.size() == APPS; }).size(),
-              APPS);
+    EXPECT_EQ(vintor.ReadUntil([](const auto& last) { return last.size() == APPS; }).size(), APPS);
     // On the test's connection, but from another process: the daemon may take the requests late.
     Child sender([&] {
         for (size_t i = 0; i < REQUESTS; ++i) {
@@ -213,48 +170,8 @@ TEST_F(Stall, AnOwnerThatPausesGetsTheLastStateOfEachApplication) {
         return 0;
     });
     ASSERT_TRUE(WaitForLine("ReportAppState failed: SendRequestMsg vintor failed"));
-    EXPECT_EQ(vintor.ReadUntil([&](const Reports& last) { return last == expected; }), expected);
+    EXPECT_EQ(vintor.ReadUntil([&](const auto& last) { return last == expected; }), expected);
     EXPECT_EQ(sender.ExitCode(), 0);
-}
-
-TEST_F(Stall, AnAccessManagerThatPausesGetsADeath) {
-    Boot(Owner("zornmgr") + Owner("vintor") +
-         Entry("svc", "await, " + In("go") + ", exit, 3", "depends: [zornmgr]"));
-    RawOwner zornmgr("zornmgr");
-    RawOwner vintor("vintor");
-    ASSERT_TRUE(vintor.Attach() && zornmgr.Attach());
-    ASSERT_TRUE(WaitForLine(START_UP_END));
-    for (int i = 0; i < 600; ++i) {
-        vintor.Send(5, "1#guest-" + std::to_string(i % 10) + "#77#88#0#");
-    }
-    WriteFile(In("go"), "");
-    ASSERT_TRUE(WaitForLine("ReportAppState failed: SendRequestMsg zornmgr failed"));
-    const auto isDead = [](const Reports& last) {
-        return last.contains("svc") && (last.at("svc") == "3" || last.at("svc") == "4");
-    };
-    EXPECT_TRUE(isDead(zornmgr.ReadUntil(isDead)));
-}
-
-TEST_F(Stall, IdleConnectionsKeepNobodyFromRegistering) {
-    EnableUpload();
-    BootWhole(Entry("svc"));
-    const auto begin = steady_clock::now();
-    Child idle(1000, 1000, [] {
-        std::vector<RawPeer> peers;
-        while (peers.size() < 128) {
-            peers.emplace_back(UPLOAD_SOCKET);
-        }
-        WriteFile(In("idle"), "");
-        return std::all_of(peers.begin(), peers.end(),
-                           [](const RawPeer& peer) { return !peer.IsValid() || peer.HasEnded(); })
-                   ? 0
-                   : 1;
-    });
-    ASSERT_TRUE(WaitForFile("idle"));
-    EXPECT_TRUE(ProcMgr::Agent::RegisterUpload("camera", {}, PATIENCE)) << "no answer";
-    EXPECT_TRUE(idle.IsRunning()) << "the answer waited for the end of idle connections";
-    EXPECT_EQ(idle.ExitCode(), 0) << "idle connections stay open";
-    EXPECT_GE(steady_clock::now() - begin, 4s) << "some may be idle for 5 s";
 }
 
 }  // namespace

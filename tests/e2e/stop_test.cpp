@@ -49,6 +49,8 @@ TEST_F(Stop, KillsWhatDoesNotEnd) {
 TEST_F(Stop, InterruptIsAStopToo) {
     Boot(Noting("svc"));
     ASSERT_TRUE(AreReady({"svc"}));
+    harness_.Signal(SIGHUP);
+    EXPECT_TRUE(WaitForLine("SIGHUP")) << "changes nothing";
     ExpectOrderlyStop(SIGINT);
     EXPECT_EQ(ReadFile(In("ended")), "svc\n");
 }
@@ -76,9 +78,10 @@ TEST_F(Stop, ASecondSignalEndsAtOnce) {
     ASSERT_TRUE(WaitForLine("PROCMGR : SendSignal: 15 to app=stubborn"));
     EXPECT_TRUE(harness_.IsRunning());
     harness_.Signal(SIGTERM);
-    const auto status = harness_.WaitForExit(PATIENCE);
+    const auto status = harness_.WaitForExit();
     ASSERT_TRUE(status);
     EXPECT_NE(*status, 0) << "a stop that was cut short is no success";
+    EndRun();
 }
 
 }  // namespace

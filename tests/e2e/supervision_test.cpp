@@ -24,11 +24,9 @@ protected:
     // Resident pages of the daemon that it shares with no file or process.
     long PrivatePages() const {
         std::ifstream file("/proc/" + std::to_string(harness_.GetPid()) + "/statm");
-        long total = 0;
-        long resident = 0;
-        long shared = 0;
-        file >> total >> resident >> shared;
-        return resident - shared;
+        long pages[3]{};  // in total, resident, shared
+        file >> pages[0] >> pages[1] >> pages[2];
+        return pages[1] - pages[2];
     }
     size_t CountDescriptors() const {
         const std::filesystem::directory_iterator fds("/proc/" + std::to_string(harness_.GetPid()) +

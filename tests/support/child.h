@@ -7,9 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <exception>
 #include <functional>
-#include <iostream>
 #include <utility>
 
 namespace ProcMgr::Tests {
@@ -25,7 +23,7 @@ inline int Pause() {
 // when the test's thread ends. One thread uses the object.
 class Child {
 public:
-    // Forks; the child runs `body` and exits with the result. An exception ends it with 126.
+    // Forks; the child runs `body` and exits with the result. An exception aborts it.
     explicit Child(const std::function<int()>& body = Pause) {
         // Blocked until the child has its own dispositions: an early signal must not run a handler
         // that the test has installed.
@@ -92,7 +90,7 @@ public:
     }
 
 private:
-    [[noreturn]] static void Run(const std::function<int()>& body) {
+    [[noreturn]] static void Run(const std::function<int()>& body) noexcept {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         // The handlers of a sanitizer, of SIGSEGV and the like, stay.
         for (const int number : {SIGHUP, SIGINT, SIGPIPE, SIGTERM, SIGCHLD, SIGCONT, SIGUSR1,
@@ -102,12 +100,7 @@ private:
         sigset_t none;
         sigemptyset(&none);
         pthread_sigmask(SIG_SETMASK, &none, nullptr);
-        try {
-            _exit(body());
-        } catch (const std::exception& error) {
-            std::cerr << "child: " << error.what() << std::endl;
-        }
-        _exit(126);
+        _exit(body());
     }
 
     pid_t pid_ = -1;

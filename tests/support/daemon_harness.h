@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/child.h"
 #include "tests/support/syslog_sink.h"
+#include "tests/support/wait.h"
 
 // One thread uses it; one object at a time in a program. All of it is gone with the object.
 class DaemonHarness {
@@ -22,25 +24,25 @@ public:
     DaemonHarness(const DaemonHarness&) = delete;
     DaemonHarness& operator=(const DaemonHarness&) = delete;
 
-    // False where the kernel forbids it: skip the test with Error() as the reason.
-    bool IsReady() const { return error_.empty(); }
+    // Why the kernel forbids the machine, which is the reason to skip the test; empty without one.
     const std::string& Error() const { return error_; }
 
     // Sets the contents of /proc/cmdline; by default nothing there concerns the daemon.
     static void SetCommandLine(const std::string& text);
 
-    // Starts the daemon. False when there is no process; Error() has the reason.
-    bool Start(const std::vector<std::string>& arguments);
+    // Starts the daemon. Throws std::runtime_error when there can be no process.
+    void Start(const std::vector<std::string>& arguments);
     // Starts a second daemon beside the first and waits for its end. Returns its raw wait status;
-    // nothing when it was killed after `timeout`.
-    std::optional<int> RunAgain(const std::vector<std::string>& arguments,
-                                std::chrono::milliseconds timeout) const;
+    // nothing when it had to be killed.
+    std::optional<int> RunAgain(const std::vector<std::string>& arguments) const;
     void Signal(int signal) const;
-    bool IsRunning();
+    // Whether the daemon has been started, and not been removed by KillAll().
+    bool IsStarted() const { return daemon_.has_value(); }
+    bool IsRunning() const { return IsStarted() && daemon_->IsRunning(); }
     // The daemon's pid in the namespace of the test.
-    pid_t GetPid() const { return daemon_; }
-    // The raw wait status; nothing when the daemon has not ended within `timeout`.
-    std::optional<int> WaitForExit(std::chrono::milliseconds timeout);
+    pid_t GetPid() const { return daemon_->Pid(); }
+    // The raw wait status; nothing when the daemon has not ended within `patience`.
+    std::optional<int> WaitForExit(std::chrono::milliseconds patience = ProcMgr::Tests::PATIENCE);
     // Kills every process of the namespace and returns when all have ended.
     void KillAll();
 
@@ -48,12 +50,10 @@ public:
 
 private:
     void LayOut();
-    static void LayOutCgroups();
 
     const std::string program_;
     std::string error_;
     std::unique_ptr<SyslogSink> log_;
-    pid_t init_ = -1;  // process 1 of the namespace: its end kills all others
-    pid_t daemon_ = -1;
-    std::optional<int> status_;
+    std::optional<ProcMgr::Tests::Child> init_;  // process 1 of the namespace: its end kills all
+    std::optional<ProcMgr::Tests::Child> daemon_;
 };

@@ -1,34 +1,17 @@
 #include "tests/support/log_mask.h"
 
-#include <algorithm>
-#include <string_view>
+#include <regex>
+#include <utility>
 
-namespace {
-
-// Replaces each run of `characters` that follows `before` and precedes `after` by `word`.
-void Mask(std::string& line, std::string_view before, std::string_view characters,
-          std::string_view after, std::string_view word) {
-    for (size_t at = line.find(before); at != std::string::npos; at = line.find(before, at)) {
-        at += before.size();
-        const size_t end = std::min(line.find_first_not_of(characters, at), line.size());
-        if (end > at && std::string_view(line).substr(end).starts_with(after)) {
-            line.replace(at, end - at, word);
-        }
+std::string MaskLog(std::string line) {
+    static const std::pair<std::regex, const char*> masks[] = {
+        {std::regex(R"(\[[0-9.]+s\]\[BOOT_TRACE\]\[PM\])"), "STAMP"},
+        {std::regex("pid=[0-9]+"), "pid=PID"},
+        {std::regex("pipe fd=[0-9]+"), "pipe fd=N"},
+        {std::regex(R"( PROCMGR\[[0-9]+\] )"), " PROCMGR[PID] "},
+    };
+    for (const auto& [pattern, mask] : masks) {
+        line = std::regex_replace(line, pattern, mask);
     }
-}
-
-}  // namespace
-
-std::string MaskLog(const std::string& line) {
-    static constexpr std::string_view DIGITS = "0123456789";
-    static constexpr std::string_view STAMP = "[s][BOOT_TRACE][PM]";
-    std::string masked = line;
-    Mask(masked, "[", "0123456789.", "s][BOOT_TRACE][PM]", "");
-    for (size_t at = 0; (at = masked.find(STAMP)) != std::string::npos;) {
-        masked.replace(at, STAMP.size(), "STAMP");
-    }
-    Mask(masked, "pid=", DIGITS, "", "PID");
-    Mask(masked, "pipe fd=", DIGITS, "", "N");
-    Mask(masked, " PROCMGR[", DIGITS, "] ", "PID");
-    return masked;
+    return line;
 }

@@ -5,4 +5,4 @@
 
 // Boot-trace stamps become "STAMP", the numbers after "pid=" and in "PROCMGR[...]" become "PID",
 // the numbers after "pipe fd=" become "N".
-std::string MaskLog(const std::string& line);
+std::string MaskLog(std::string line);

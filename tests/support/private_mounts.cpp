@@ -3,66 +3,58 @@
 #include <sched.h>
 #include <stdlib.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <vector>
+
+#include "tests/support/files.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-// Mount points of this program, which it may write to. Not guarded: tests mount from one thread.
-std::vector<fs::path>& PrivatePlaces() {
-    static std::vector<fs::path> places;
-    return places;
-}
+// All mount points, oldest first. Not guarded: tests mount from one thread.
+std::vector<fs::path> g_mounts;
 
-void Require(bool isDone, const std::string& what) {
-    if (!isDone) {
-        throw std::runtime_error(what + ": " + strerror(errno));
-    }
-}
-
+// Directories below a mount point are private; a bound file contains none.
 bool IsPrivate(const fs::path& path) {
-    for (const fs::path& place : PrivatePlaces()) {
+    return std::any_of(g_mounts.begin(), g_mounts.end(), [&](const fs::path& place) {
         const fs::path relative = path.lexically_relative(place);
-        if (!relative.empty() && *relative.begin() != "..") {
-            return true;
-        }
-    }
-    return false;
+        return !relative.empty() && *relative.begin() != "..";
+    });
 }
 
-// A new directory in memory that only this namespace sees.
-fs::path MakeStaging() {
+// A new directory in memory.
+std::string MakeStaging() {
     char path[] = "/tmp/private-mounts-XXXXXX";
     Require(mkdtemp(path) != nullptr, "mkdtemp");
     Require(mount("tmpfs", path, "tmpfs", 0, "mode=0755") == 0, "mount a tmpfs");
     return path;
 }
 
-// Mounts a private, writable view of a directory and its contents over the directory.
-bool Overlay(const fs::path& directory) {
-    const fs::path staging = MakeStaging();
-    fs::create_directory(staging / "upper");
-    fs::create_directory(staging / "work");
-    const std::string options = "lowerdir=" + directory.string() +
-                                ",upperdir=" + (staging / "upper").string() +
-                                ",workdir=" + (staging / "work").string();
-    const bool isMounted = mount("overlay", directory.c_str(), "overlay", 0, options.c_str()) == 0;
-    umount2(staging.c_str(), MNT_DETACH);
-    rmdir(staging.c_str());
-    if (isMounted) {
-        PrivatePlaces().push_back(directory);
-    }
-    return isMounted;
+// The mounts of its contents stay.
+void RemoveStaging(const std::string& path) {
+    umount2(path.c_str(), MNT_DETACH);
+    rmdir(path.c_str());
+}
+
+// Mounts a private, writable view of a directory and its contents over the directory, where the
+// kernel allows it. The view keeps changes in a directory in memory.
+void Overlay(const fs::path& directory) {
+    const std::string staging = MakeStaging();
+    const std::string upper = staging + "/upper";
+    const std::string work = staging + "/work";
+    fs::create_directory(upper);
+    fs::create_directory(work);
+    Mount("overlay", directory, "overlay",
+          "lowerdir=" + directory.string() + ",upperdir=" + upper + ",workdir=" + work);
+    RemoveStaging(staging);
 }
 
 void MakeParents(const fs::path& path) {
@@ -84,6 +76,12 @@ void MakeParents(const fs::path& path) {
 
 }  // namespace
 
+void Require(bool isDone, const std::string& what) {
+    if (!isDone) {
+        throw std::runtime_error(what + ": " + strerror(errno));
+    }
+}
+
 bool EnterPrivateMountNamespace() {
     static bool isInside = false;
     if (!isInside) {
@@ -93,25 +91,38 @@ bool EnterPrivateMountNamespace() {
     return isInside;
 }
 
+bool Mount(const std::string& source, const std::string& path, const char* type,
+           const std::string& options) {
+    const bool isMounted = mount(source.c_str(), path.c_str(), type, type == nullptr ? MS_BIND : 0,
+                                 options.c_str()) == 0;
+    if (isMounted) {
+        g_mounts.emplace_back(path);
+    }
+    return isMounted;
+}
+
 void MountTmpfs(const std::string& path) {
     if (!fs::exists(path)) {
         MakeParents(path);
         fs::create_directory(path);
     }
-    Require(mount("tmpfs", path.c_str(), "tmpfs", 0, "mode=0755") == 0, "mount " + path);
-    PrivatePlaces().emplace_back(path);
+    Require(Mount("tmpfs", path, "tmpfs", "mode=0755"), "mount " + path);
 }
 
 void BindFile(const std::string& contents, const std::string& path) {
-    const fs::path staging = MakeStaging();
-    const fs::path file = staging / "file";
-    std::ofstream(file) << contents;
-    Require(chmod(file.c_str(), 0644) == 0, "chmod");
+    // Not on the disk: nothing can be mounted over a bound file that has been removed.
+    const std::string staging = MakeStaging();
+    ProcMgr::Tests::WriteFile(staging + "/file", contents);
     if (!fs::exists(path)) {
         MakeParents(path);
-        std::ofstream(path, std::ios::app).flush();
+        ProcMgr::Tests::WriteFile(path, "");
     }
-    Require(mount(file.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0, "bind " + path);
-    umount2(staging.c_str(), MNT_DETACH);
-    rmdir(staging.c_str());
+    Require(Mount(staging + "/file", path), "bind " + path);
+    RemoveStaging(staging);
+}
+
+void UnmountAll() {
+    for (; !g_mounts.empty(); g_mounts.pop_back()) {
+        umount2(g_mounts.back().c_str(), MNT_DETACH);
+    }
 }

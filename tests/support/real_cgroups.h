@@ -4,41 +4,35 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
 class RealCgroups {
 public:
-    // Needs a private mount namespace with a writable /sys/fs/cgroup.
+    // Needs a private mount namespace with a writable /sys/fs/cgroup. Throws std::runtime_error,
+    // with the reason to skip the test, where the kernel has no first-version hierarchy of a
+    // controller or does not allow to mount it.
     explicit RealCgroups(const std::vector<std::string>& controllers);
     // All processes in the groups, except the test itself, must have ended.
     ~RealCgroups();
     RealCgroups(const RealCgroups&) = delete;
     RealCgroups& operator=(const RealCgroups&) = delete;
 
-    // False where the kernel has no first-version hierarchy of a controller or does not allow to
-    // mount it: skip the test with Error() as the reason.
-    bool IsReady() const { return error_.empty(); }
-    const std::string& Error() const { return error_; }
-
     // Makes a group. A cpuset group gets the memory nodes of its parent and `cores`.
     void Make(const std::string& controller, const std::string& group,
               const std::string& cores = "");
-    static void Write(const std::string& controller, const std::string& file,
-                      const std::string& value);
-    static std::string Read(const std::string& controller, const std::string& file);
 
     // The group of the thread, from /proc; "/" for the directory of the test, and the whole path of
     // a group outside of that directory.
     std::string GroupOf(pid_t pid, pid_t tid, const std::string& controller) const;
 
 private:
+    RealCgroups() = default;
     void Take(const std::string& controller);
 
-    std::string error_;
-    std::string name_;
-    std::vector<std::string> roots_;  // mount points of the hierarchies
+    const std::string name_ = "procmgr-test-" + std::to_string(getpid());
     std::vector<std::string> homes_;  // former group of the test, by hierarchy
     std::vector<std::string> made_;   // directories of groups, parents first
 };

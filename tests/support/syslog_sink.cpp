@@ -1,101 +1,68 @@
 #include "tests/support/syslog_sink.h"
 
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <map>
 #include <regex>
-#include <stdexcept>
-#include <utility>
 
+#include "tests/support/files.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/raw_peer.h"
-#include "wire/unique_fd.h"
 
 namespace {
 
 using ProcMgr::Tests::IsReadable;
-using ProcMgr::Tests::SocketAddress;
-namespace fs = std::filesystem;
+using Wire::UniqueFd;
 
 constexpr const char* SOCKET_PATH = "/dev/log";
-constexpr const char* MARKER_PATH = "/dev/.private-dev";
+const sockaddr_un ADDRESS = ProcMgr::Tests::SocketAddress(SOCKET_PATH);
 constexpr size_t MAX_DATAGRAM = 65536;
 
-std::string ErrnoText(const std::string& what) {
-    return what + ": " + strerror(errno);
+UniqueFd MakeSocket() {
+    return UniqueFd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 // Mounts a private directory in memory over /dev, which may be shared with the machine. The usual
 // devices are bind mounts of the real ones, because a container may forbid mknod.
 void LayPrivateDev() {
-    if (fs::exists(MARKER_PATH)) {
-        return;
-    }
-    std::vector<std::pair<std::string, int>> devices;
+    std::map<std::string, UniqueFd> devices;
     for (const char* path : {"/dev/null", "/dev/zero", "/dev/full", "/dev/urandom", "/dev/tty"}) {
-        devices.emplace_back(path, open(path, O_PATH | O_CLOEXEC));
+        devices.emplace(path, open(path, O_PATH | O_CLOEXEC));
     }
     MountTmpfs("/dev");
     for (const auto& [path, original] : devices) {
-        std::ofstream(path).flush();
-        const std::string source = "/proc/self/fd/" + std::to_string(original);
-        if (original >= 0 && mount(source.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0) {
-            throw std::runtime_error(ErrnoText("bind " + path));
-        }
-        close(original);
+        ProcMgr::Tests::WriteFile(path, "");
+        Require(
+            !original.IsValid() || Mount("/proc/self/fd/" + std::to_string(original.Get()), path),
+            "bind " + path);
     }
-    fs::create_directory("/dev/shm");
-    fs::create_symlink("/proc/self/fd", "/dev/fd");
-    std::ofstream(MARKER_PATH).flush();
 }
 
-// Splits "<PRI>Mmm dd hh:mm:ss ident[pid]: text"; some writers leave out the time or the pid.
-SyslogMessage ParseSyslogLine(std::string line) {
-    static const std::regex head(
-        R"(<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?(?:([^\s\[:]+)(?:\[(\d+)\])?: )?)");
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\0')) {
-        line.pop_back();
-    }
-    SyslogMessage message;
+// Splits "<PRI>Mmm dd hh:mm:ss ident[pid]: text". A line of another form is text only.
+SyslogMessage ParseSyslogLine(const std::string& line) {
+    static const std::regex form(R"(<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\s\[:]+)\[(\d+)\]: )");
     std::smatch parts;
-    if (std::regex_search(line, parts, head, std::regex_constants::match_continuous)) {
-        const int priority = std::stoi(parts[1]);
-        message.level = LOG_PRI(priority);
-        message.facility = priority & LOG_FACMASK;
-        message.ident = parts[2];
-        message.pid = parts[3].matched ? std::stoi(parts[3]) : 0;
-        message.text = parts.suffix();
-    } else {
-        message.text = line;
+    if (!std::regex_search(line, parts, form, std::regex_constants::match_continuous)) {
+        return {.text = line};
     }
-    return message;
+    const int priority = std::stoi(parts[1]);
+    return {LOG_PRI(priority), priority & LOG_FACMASK, parts[2], std::stoi(parts[3]),
+            parts.suffix()};
 }
 
 }  // namespace
 
 SyslogSink::SyslogSink() {
-    if (!EnterPrivateMountNamespace()) {
-        error_ = ErrnoText("no private mount namespace");
-        return;
-    }
-    try {
-        LayPrivateDev();
-        Listen();
-    } catch (const std::exception& failure) {
-        error_ = failure.what();
-        return;
-    }
-    closelog();  // closes a connection to the former logger
+    LayPrivateDev();
+    fd_ = MakeSocket();
+    Require(bind(fd_.Get(), reinterpret_cast<const sockaddr*>(&ADDRESS), sizeof(ADDRESS)) == 0 &&
+                chmod(SOCKET_PATH, 0666) == 0,
+            "listen on /dev/log");
     thread_ = std::thread([this] { Collect(); });
 }
 
@@ -108,23 +75,6 @@ SyslogSink::~SyslogSink() {
     if (thread_.joinable()) {
         thread_.join();
     }
-    if (fd_ >= 0) {
-        close(fd_);
-        unlink(SOCKET_PATH);
-        closelog();
-    }
-}
-
-void SyslogSink::Listen() {
-    const sockaddr_un address = SocketAddress(SOCKET_PATH);
-    unlink(SOCKET_PATH);  // left by a sink whose process was killed
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        chmod(SOCKET_PATH, 0666) != 0) {
-        close(fd);
-        throw std::runtime_error(ErrnoText("cannot listen on /dev/log"));
-    }
-    fd_ = fd;
 }
 
 void SyslogSink::Collect() {
@@ -132,7 +82,7 @@ void SyslogSink::Collect() {
     std::unique_lock lock(mutex_);
     while (!isStopping_) {
         lock.unlock();
-        IsReadable(fd_, STOP_CHECK);
+        IsReadable(fd_.Get(), STOP_CHECK);
         lock.lock();
         changed_.wait(lock, [this] { return !isHeld_ || isStopping_; });
         DrainLocked();
@@ -142,10 +92,9 @@ void SyslogSink::Collect() {
 void SyslogSink::Hold() {
     const std::lock_guard lock(mutex_);
     isHeld_ = true;
-    const Wire::UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const sockaddr_un address = SocketAddress(SOCKET_PATH);
-    while (sendto(fd.Get(), "fill", 4, 0, reinterpret_cast<const sockaddr*>(&address),
-                  sizeof(address)) > 0) {
+    const UniqueFd fd = MakeSocket();
+    while (sendto(fd.Get(), "fill", 4, 0, reinterpret_cast<const sockaddr*>(&ADDRESS),
+                  sizeof(ADDRESS)) > 0) {
     }
 }
 
@@ -160,7 +109,7 @@ void SyslogSink::Release() {
 void SyslogSink::DrainLocked() {
     static std::array<char, MAX_DATAGRAM> buffer;
     for (ssize_t length = 0;
-         (length = recv(fd_, buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0;) {
+         (length = recv(fd_.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT)) >= 0;) {
         messages_.push_back(ParseSyslogLine({buffer.data(), static_cast<size_t>(length)}));
         changed_.notify_all();
     }
@@ -172,12 +121,10 @@ std::vector<SyslogMessage> SyslogSink::Messages() {
     return messages_;
 }
 
-std::vector<std::string> SyslogSink::LinesAt(int level) {
+std::vector<std::string> SyslogSink::Lines() {
     std::vector<std::string> lines;
-    for (SyslogMessage& message : Messages()) {
-        if (level == ANY_LEVEL || message.level == level) {
-            lines.push_back(std::move(message.text));
-        }
+    for (const SyslogMessage& message : Messages()) {
+        lines.push_back(message.text);
     }
     return lines;
 }

@@ -1,5 +1,5 @@
-// Collects the lines that the test program and the processes it starts write to syslog(3). The sink
-// replaces the system logger at /dev/log in the program's private mount namespace.
+// Collects the lines that processes which the test starts write to syslog(3). The sink replaces the
+// system logger at /dev/log in the program's private mount namespace.
 #pragma once
 
 #include <sys/types.h>
@@ -12,29 +12,28 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/wait.h"
+#include "wire/unique_fd.h"
+
 // One line as the logger receives it.
 struct SyslogMessage {
-    int level = -1;     // LOG_ERR, LOG_WARNING, ...; -1 when the line has no valid priority
+    int level = -1;     // LOG_ERR, LOG_WARNING, ...
     int facility = -1;  // LOG_USER, ... as in <syslog.h>
-    std::string ident;
-    pid_t pid = 0;  // 0 when the line has none
-    std::string text;
+    std::string ident = {};
+    pid_t pid = 0;
+    std::string text = {};
 };
 
 // Construct it before other threads and before the processes that log to it. Its functions may be
 // called from any thread; one sink at a time.
 class SyslogSink {
 public:
-    // Enters a private mount namespace and listens on /dev/log there. The private /dev has the
-    // usual devices (null, zero, full, urandom, tty).
+    // Mounts a private /dev with the usual devices (null, zero, full, urandom, tty) and listens on
+    // /dev/log there. Needs a private mount namespace. Throws std::runtime_error on failure.
     SyslogSink();
     ~SyslogSink();
     SyslogSink(const SyslogSink&) = delete;
     SyslogSink& operator=(const SyslogSink&) = delete;
-
-    // False where the kernel allows no private /dev: skip the test with Error() as the reason.
-    bool IsReady() const { return fd_ >= 0; }
-    const std::string& Error() const { return error_; }
 
     // Stops reading and fills the queue of the socket, so that the next line that is sent waits.
     // Release() reads again. The functions below still take all lines that have been sent.
@@ -43,26 +42,20 @@ public:
 
     // All lines that were sent before the call, in order. Lines() returns the texts only.
     std::vector<SyslogMessage> Messages();
-    std::vector<std::string> Lines() { return LinesAt(ANY_LEVEL); }
-    // Texts of one level.
-    std::vector<std::string> LinesAt(int level);
+    std::vector<std::string> Lines();
     // The number of lines whose text contains `part`.
     size_t Count(std::string_view part);
     // Waits until the text of a line contains `part`; false after `timeout`.
     bool WaitFor(std::string_view part,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(30));
+                 std::chrono::milliseconds timeout = ProcMgr::Tests::PATIENCE);
     // Forgets all lines that were sent before the call.
     void Clear();
 
 private:
-    static constexpr int ANY_LEVEL = -2;
-
-    void Listen();
     void Collect();
     void DrainLocked();  // the caller holds mutex_
 
-    int fd_ = -1;
-    std::string error_;
+    Wire::UniqueFd fd_;
     std::mutex mutex_;  // guards what follows and the reading of fd_
     std::condition_variable changed_;
     bool isHeld_ = false;
