@@ -30,20 +30,31 @@ bool IsPrivate(const fs::path& path) {
     });
 }
 
-// Mounts a private, writable view of a directory and its contents over the directory, where the
-// kernel allows it. The view keeps changes in a directory in memory.
-void Overlay(const fs::path& directory) {
+// A new directory in memory.
+std::string MakeStaging() {
     char path[] = "/tmp/private-mounts-XXXXXX";
     Require(mkdtemp(path) != nullptr, "mkdtemp");
     Require(mount("tmpfs", path, "tmpfs", 0, "mode=0755") == 0, "mount a tmpfs");
-    const std::string upper = std::string(path) + "/upper";
-    const std::string work = std::string(path) + "/work";
+    return path;
+}
+
+// The mounts of its contents stay.
+void RemoveStaging(const std::string& path) {
+    umount2(path.c_str(), MNT_DETACH);
+    rmdir(path.c_str());
+}
+
+// Mounts a private, writable view of a directory and its contents over the directory, where the
+// kernel allows it. The view keeps changes in a directory in memory.
+void Overlay(const fs::path& directory) {
+    const std::string staging = MakeStaging();
+    const std::string upper = staging + "/upper";
+    const std::string work = staging + "/work";
     fs::create_directory(upper);
     fs::create_directory(work);
     Mount("overlay", directory, "overlay",
           "lowerdir=" + directory.string() + ",upperdir=" + upper + ",workdir=" + work);
-    umount2(path, MNT_DETACH);
-    rmdir(path);
+    RemoveStaging(staging);
 }
 
 void MakeParents(const fs::path& path) {
@@ -99,16 +110,15 @@ void MountTmpfs(const std::string& path) {
 }
 
 void BindFile(const std::string& contents, const std::string& path) {
-    char file[] = "/tmp/bound-file-XXXXXX";
-    close(mkstemp(file));
-    ProcMgr::Tests::WriteFile(file, contents);
+    // Not on the disk: nothing can be mounted over a bound file that has been removed.
+    const std::string staging = MakeStaging();
+    ProcMgr::Tests::WriteFile(staging + "/file", contents);
     if (!fs::exists(path)) {
         MakeParents(path);
         ProcMgr::Tests::WriteFile(path, "");
     }
-    const bool isBound = Mount(file, path);
-    unlink(file);
-    Require(isBound, "bind " + path);
+    Require(Mount(staging + "/file", path), "bind " + path);
+    RemoveStaging(staging);
 }
 
 void UnmountAll() {
