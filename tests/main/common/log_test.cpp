@@ -2,15 +2,21 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <filesystem>
+
 #include "main/common/daemon_signals.h"
 #include "main/common/proc_mgr_env.h"
+#include "tests/support/files.h"
 #include "tests/support/isolated.h"
 #include "tests/support/raw_peer.h"
+#include "tests/support/wait.h"
 
 namespace ProcMgr {
 namespace {
 
 using namespace std::chrono_literals;
+namespace fs = std::filesystem;
 using Log = IsolatedTest;
 
 // An empty /dev with a system logger's socket in it.
@@ -130,11 +136,26 @@ TEST_F(Log, AStreamTakesLinesThatEndWithANul) {
     });
 }
 
+// Waits until the log thread is idle. A child that is forked while the thread holds the lock of the
+// log queue could not log.
+void WaitForIdleLogThread() {
+    int looks = 0;
+    EXPECT_TRUE(Tests::WaitUntil([&] {
+        const fs::directory_iterator threads("/proc/self/task");
+        const bool isAsleep = std::any_of(begin(threads), end(threads), [](const auto& thread) {
+            return Tests::ReadFile(thread.path() / "stat").find("(log) S") != std::string::npos;
+        });
+        looks = isAsleep ? looks + 1 : 0;
+        return looks == 10;  // after the short sleep that ends a burst of lines
+    }));
+}
+
 TEST_F(Log, AFaultSignalWritesTheLogOut) {
     Isolated([] {
         const int fd = MakeLogSocket();
         ProcMgrLog(LOG_INFO, "connected");
         EXPECT_THAT(Next(fd), IsSyslogLine(LOG_INFO, "connected"));
+        WaitForIdleLogThread();
         // Only the signal handler can write the line out: the child has no log thread.
         Tests::Child child([] {
             InstallSignals();
