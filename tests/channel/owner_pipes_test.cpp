@@ -95,7 +95,8 @@ TEST_F(OwnerPipesTest, ABusyPipeIsClosedLaterAndItsSuccessorOpenedThen) {
             EXPECT_EQ(FakeMuxa::Get().Count(Call::CLOSE), before);
             pipes_.CloseBusy(*due);
         }
-        EXPECT_EQ(FakeMuxa::Get().Closes(), std::vector<int32_t>(busy + 1, fd));
+        EXPECT_EQ(FakeMuxa::Get().Closes(),
+                  std::vector<int32_t>(static_cast<size_t>(busy) + 1, fd));
         EXPECT_TRUE(LogCapture::ContainsPart(busy == 19 ? LOG_INFO : LOG_ERR, line)) << line;
         EXPECT_EQ(FakeMuxa::Get().Opens().back().attributes.pid, 55);
         EXPECT_THAT(events_, ElementsAre("owner", "busy", "owner"));

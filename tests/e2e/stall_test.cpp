@@ -13,6 +13,20 @@ using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
+// Sends as many registrations as the socket takes, and reads the answers.
+void FloodOnce(RawPeer& peer, const std::vector<uint8_t>& packet) {
+    if (!peer.IsValid()) {
+        peer = RawPeer(UPLOAD_SOCKET);
+    }
+    while (peer.Send(packet.data(), packet.size(), MSG_DONTWAIT)) {
+    }
+    while (const auto answer = peer.Receive(0ms)) {
+        if (answer->empty()) {
+            peer.Close();
+        }
+    }
+}
+
 // Sends registrations over 124 connections, as fast as they are taken.
 int FloodUpload() {
     const auto record = ProcMgr::Message::EncodeUploadRequest({getpid(), "camera", "/bin/x", {}});
@@ -20,16 +34,7 @@ int FloodUpload() {
     std::vector<RawPeer> peers(124);
     for (;;) {
         for (RawPeer& peer : peers) {
-            if (!peer.IsValid()) {
-                peer = RawPeer(UPLOAD_SOCKET);
-            }
-            while (peer.Send(packet.data(), packet.size(), MSG_DONTWAIT)) {
-            }
-            while (const auto answer = peer.Receive(0ms)) {
-                if (answer->empty()) {
-                    peer.Close();
-                }
-            }
+            FloodOnce(peer, packet);
         }
     }
 }

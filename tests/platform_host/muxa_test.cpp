@@ -308,11 +308,11 @@ TEST_F(MuxaTest, OneUserOrOnePeerTakesOnlySoMuchOfAServer) {
             for (int i = 0; i < places; ++i) {
                 silent.emplace_back(ServerPath(server));
             }
-            if (Peer(ServerPath(server)).Hear() != "") {
+            if (!Peer(ServerPath(server)).Hear().empty()) {
                 return 1;
             }
         }
-        return silent.front().Hear() == "" && silent.back().Hear() == "" ? 0 : 2;
+        return silent.front().Hear().empty() && silent.back().Hear().empty() ? 0 : 2;
     });
     const Peer peer(ServerPath("shared"));  // goes on asking, and so stays
     EXPECT_TRUE(WaitUntil([&] {
