@@ -1,4 +1,4 @@
-// The record of one managed process: the specification that it was started by, its pid, its state
+// The record of one managed process: the manifest values that it was started by, its pid, its state
 // and its exit status. Base services and general applications derive their records from it. A
 // record has no lock of its own: every access needs the lock of the container that holds it.
 //
@@ -74,7 +74,7 @@ public:
 
     // The part of the record that a manifest defines.
     const AppSpec& GetSpec() const { return *this; }
-    // Replaces the specification, for the next process; pid, state and exit status are kept.
+    // Replaces the manifest values, for the next process; pid, state and exit status are kept.
     void TakeSpec(AppSpec spec) { static_cast<AppSpec&>(*this) = std::move(spec); }
 
     // True from the end of a process until supervision has decided about a restart and, if it

@@ -1,5 +1,5 @@
-// The specification of one application: the values of its manifest, as one value that is copied as
-// a whole. The record of a general application holds two specifications: the one that its process
+// The manifest values of one application, as one value that is copied as
+// a whole. The record of a general application holds two of these: the one that its process
 // was started with, and the current one of the configuration.
 #pragma once
 
@@ -29,7 +29,7 @@ inline constexpr const char* RESTART_NO = "no";
 
 namespace ProcMgr::App {
 
-// The scheduling policy of a specification. ToSystemPolicy() translates it when it is applied.
+// The scheduling policy of an application. ToSystemPolicy() translates it when it is applied.
 enum class SchedPolicyType : uint32_t {
     OTHER = 0,
     BATCH = 1,

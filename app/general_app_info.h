@@ -30,7 +30,7 @@ public:
     // The configuration's present entry.
     const AppSpec& GetEntry() const { return *entry_; }
 
-    // Returns the specification of a start by the configuration's present entry, with the values of
+    // Returns the values of a start by the configuration's present entry, with the values of
     // a start request filled in. Returns nothing, with a log line, when a value is refused.
     std::optional<AppSpec> MakeStart(
         const std::vector<std::string>& argv,
@@ -41,8 +41,8 @@ public:
     void SetTermStartTime(SteadyTime now) { termStartTime_ = now; }
     SteadyTime GetTermStartTime() const { return termStartTime_; }
 
-    // Stores the specification of the process that a restart will start. TakeNext() makes it the
-    // record's own, once the old process has ended; without a stored specification TakeNext()
+    // Stores the values of the process that a restart will start. TakeNext() makes it the
+    // record's own, once the old process has ended; without stored values TakeNext()
     // changes nothing.
     void SetNext(AppSpec spec) { next_ = std::move(spec); }
     void TakeNext();
@@ -78,7 +78,7 @@ private:
 
     SteadyTime termStartTime_{};
     std::shared_ptr<const AppSpec> entry_;  // the configuration's present entry
-    std::optional<AppSpec> next_;           // the specification of SetNext()
+    std::optional<AppSpec> next_;           // the values of SetNext()
 };
 
 }  // namespace ProcMgr::App

@@ -129,7 +129,7 @@ private:
     void RestartRunning(const Record& record, App::AppSpec next) PROCMGR_REQUIRES(mutex_);
     std::optional<Launch> HandlePriorityApps(const Record& record, App::AppSpec spec,
                                              Answers& answers) PROCMGR_REQUIRES(mutex_);
-    // Gives the record the specification of its next process, marks it as being launched, and adds
+    // Gives the record the values of its next process, marks it as being launched, and adds
     // it to the map, so that the record is there before the process.
     Launch BeginLaunch(const Record& record, App::AppSpec spec, const std::string& owner)
         PROCMGR_REQUIRES(mutex_);
