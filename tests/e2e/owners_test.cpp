@@ -27,10 +27,10 @@ using Owners = E2e;
 
 TEST_F(Owners, AnApplicationsLife) {
     Boot(Owner("vintor") + Owner("zornmgr") + "applications:\n" + App("a") + App("b"));
-    ProcMgr::Agent::OwnerChannel vintor("vintor");
-    RawOwner zornmgr("zornmgr");
     std::mutex mutex;
     std::set<std::string> reports;
+    ProcMgr::Agent::OwnerChannel vintor("vintor");  // destroyed before what its callback uses
+    RawOwner zornmgr("zornmgr");
     vintor.OnAppState([&](const auto& infos) {
         const std::lock_guard lock(mutex);
         for (const auto& info : infos) {
