@@ -17,8 +17,10 @@ namespace ProcMgr {
 struct OwnerRequests::CfgRequest {
     uint32_t (StartupConfig::*load)(const std::string& path,
                                     const StartupConfig::MatchData& matchData);
-    const char* message;
-    const char* operation;
+    // Formats of the log lines.
+    const char* received;  // takes stamp and path
+    const char* failed;    // takes path
+    const char* finished;  // takes stamp, result and descriptor
 };
 
 void OwnerRequests::StartApp(const std::vector<Message::StartAppInfo>& items,
@@ -69,25 +71,27 @@ void OwnerRequests::ReportAppExecution(const Message::AppExecInfo& info, const s
 
 void OwnerRequests::LoadStartupCfg(const Message::StartupCfgInfo& info,
                                    const std::string& /*owner*/, int32_t fd) {
-    LoadCfg({&StartupConfig::LoadStartCfgInfo, "LOAD_STARTUP_CFG", "LoadStartCfgInfo"}, info, fd);
+    LoadCfg({&StartupConfig::LoadStartCfgInfo, "%s PM receive LOAD_STARTUP_CFG msg load file=%s",
+             "LoadStartCfgInfo failed, path=%s", "%s LoadStartCfgInfo finish ret=0x%X, fd=%d"},
+            info, fd);
 }
 
 void OwnerRequests::ReloadStartupCfg(const Message::StartupCfgInfo& info,
                                      const std::string& /*owner*/, int32_t fd) {
-    LoadCfg({&StartupConfig::ReLoadStartCfgInfo, "RELOAD_STARTUP_CFG", "ReLoadStartCfgInfo"}, info,
-            fd);
+    LoadCfg(
+        {&StartupConfig::ReLoadStartCfgInfo, "%s PM receive RELOAD_STARTUP_CFG msg load file=%s",
+         "ReLoadStartCfgInfo failed, path=%s", "%s ReLoadStartCfgInfo finish ret=0x%X, fd=%d"},
+        info, fd);
 }
 
 void OwnerRequests::LoadCfg(const CfgRequest& request, const Message::StartupCfgInfo& info,
                             int32_t fd) {
-    ProcMgrLog(LOG_INFO, "%s PM receive %s msg load file=%s", BootStrace(BOOT_TRACE_TAG).c_str(),
-               request.message, info.path.c_str());
+    ProcMgrLog(LOG_INFO, request.received, BootStrace(BOOT_TRACE_TAG).c_str(), info.path.c_str());
     const uint32_t ret = (parts_.startupConfig.*request.load)(info.path, info.matchData);
     if (ret != StartupConfig::OK) {
-        ProcMgrLog(LOG_ERR, "%s failed, path=%s", request.operation, info.path.c_str());
+        ProcMgrLog(LOG_ERR, request.failed, info.path.c_str());
     }
-    ProcMgrLog(LOG_INFO, "%s %s finish ret=0x%X, fd=%d", BootStrace(BOOT_TRACE_TAG).c_str(),
-               request.operation, ret, fd);
+    ProcMgrLog(LOG_INFO, request.finished, BootStrace(BOOT_TRACE_TAG).c_str(), ret, fd);
     if (ret == StartupConfig::OK) {
         parts_.generalApps.StartPriorityApps(info.path);
     }

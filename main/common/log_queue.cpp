@@ -141,8 +141,7 @@ size_t Writer::WriteHeader(LogSink sink, int level, char* out) {
     if (sink == LogSink::SYSTEM) {
         return WriteSystemHeader(level, out);
     }
-    const int length =
-        std::snprintf(out, LINE_MAX_LENGTH, "<%d> %s[%d] ", level, PROCMGR_NAME, getpid());
+    const int length = std::snprintf(out, LINE_MAX_LENGTH, "<%d> PROCMGR[%d] ", level, getpid());
     return static_cast<size_t>(std::max(length, 0));
 }
 
