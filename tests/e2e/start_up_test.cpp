@@ -11,10 +11,16 @@ using testing::HasSubstr;
 
 using StartUp = E2e;
 
+// Whether the thread that sends reports logged the line.
+bool IsOfReport(const std::string& line) {
+    return line.find("PM report appState to") != std::string::npos ||
+           line.find("'s state: 0 to zornmgr") != std::string::npos;
+}
+
 // Removes the lines that other threads log at any time.
 std::vector<std::string> MainThreadLines(std::vector<std::string> lines) {
     std::erase_if(lines, [](const std::string& line) {
-        return line.find("STARTING to RUNNING") != std::string::npos;
+        return IsOfReport(line) || line.find("STARTING to RUNNING") != std::string::npos;
     });
     // Each change of any service wakes the waiting thread, which logs its wait again.
     lines.erase(std::unique(lines.begin(), lines.end()), lines.end());
@@ -26,7 +32,7 @@ std::string Started(const std::string& name) {
            ", binPath=/run/e2e/test_service, pid=PID, isDelayCoreAffinity_=0";
 }
 
-// Adds the lines that the start of a service logs when the access manager runs.
+// Adds the lines that the main thread logs at the start of a service.
 void AddStart(std::vector<std::string>& lines, const std::string& name,
               const std::vector<std::string>& depends) {
     const std::string head = "6 PROCMGR : ";
@@ -35,10 +41,13 @@ void AddStart(std::vector<std::string>& lines, const std::string& name,
         lines.push_back(head + name + "'s dependcy " + other + " has been started");
     }
     lines.push_back(Started(name));
-    lines.push_back(
-        "6 STAMP PM report appState to zornmgr, appState=RUNNING_NORMAL_START, appName=" + name +
-        ", pid=PID");
-    lines.push_back(head + "report " + name + "'s state: 0 to zornmgr successfully");
+}
+
+// The lines of one report of a start.
+std::vector<std::string> Reported(const std::string& name) {
+    return {"6 STAMP PM report appState to zornmgr, appState=RUNNING_NORMAL_START, appName=" +
+                name + ", pid=PID",
+            "6 PROCMGR : report " + name + "'s state: 0 to zornmgr successfully"};
 }
 
 TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
@@ -95,9 +104,16 @@ TEST_F(StartUp, TheWholeLogOfASmallPlatform) {
     expected.push_back("7 PROCMGR : EnableWatchDog flag=1");
     EXPECT_EQ(MainThreadLines(MaskedLines()), expected);
 
+    std::vector<std::string> reports;
     for (const std::string name : {"svc_a", "svc_b", "svc_c"}) {
         EXPECT_TRUE(WaitForLine("PROCMGR : STARTING to RUNNING appName=" + name));
+        EXPECT_TRUE(WaitForLine("report " + name + "'s state: 0 to zornmgr successfully"));
+        const auto lines = Reported(name);
+        reports.insert(reports.end(), lines.begin(), lines.end());
     }
+    auto reported = MaskedLines();
+    std::erase_if(reported, [](const std::string& line) { return !IsOfReport(line); });
+    EXPECT_EQ(reported, reports);
     EXPECT_EQ(Log().Count("STARTING to RUNNING appName=zornmgr"), 0U);
     EXPECT_TRUE(WaitUntil([] {
         return ReadFile(In("reports")) ==
