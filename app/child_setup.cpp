@@ -2,31 +2,39 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "app/sys.h"
 #include "main/common/daemon_signals.h"
+#include "main/common/numbers.h"
 #include "resource/task_file.h"
 
 namespace ProcMgr::App {
 namespace {
 
-constexpr const char* ENV_PROC_PLANE = "PROC_PLANE";
-
 constexpr rlim_t REAL_TIME_LIMIT = 99;
-// Bytes of error text for which memory is allocated before the fork.
-constexpr size_t ERROR_RESERVE = 2048;
 constexpr int EXIT_SETUP_FAILED = 1;
 // The exit status after an input/output error of the medium that holds the program.
 constexpr int EXIT_INPUT_OUTPUT_ERROR = 125;
 
 // GIVE_UP ends the child without executing the program; used when its user or groups cannot be set.
 enum class StepResult { GO_ON, GIVE_UP };
+
+// Adds "TEXTerror;" to the message.
+void AddFailure(ChildContext& child, std::string_view text, int error) {
+    child.message += text;
+    child.message += Decimal(error);
+    child.message += ";";
+}
+// As above, with errno.
+void AddFailure(ChildContext& child, std::string_view text) {
+    AddFailure(child, text, errno);
+}
 
 // The dispositions are reset before the mask is opened: a signal that is pending then takes its
 // default action instead of running a handler of the daemon in the child.
@@ -59,6 +67,12 @@ StepResult SealDescriptors(ChildContext& /*child*/) {
 
 StepResult StorePid(ChildContext& child) {
     child.pid = Sys::getpid();
+    child.message += "app=";
+    child.message += child.plan.appName;
+    child.message += ",pid=";
+    child.message += Decimal(child.pid);
+    child.message += ",";
+    child.message.EndHead();
     return StepResult::GO_ON;
 }
 
@@ -68,13 +82,13 @@ StepResult RaiseRealTimeLimit(ChildContext& child) {
     }
     rlimit limit{};
     if (Sys::getrlimit(RLIMIT_RTPRIO, &limit) != 0) {
-        child.error += "getrlimit failed,errno=" + std::to_string(errno) + ";";
+        AddFailure(child, "getrlimit failed,errno=");
         return StepResult::GO_ON;
     }
     limit.rlim_cur = REAL_TIME_LIMIT;
     limit.rlim_max = REAL_TIME_LIMIT;
     if (Sys::prlimit(child.pid, RLIMIT_RTPRIO, &limit, nullptr) != 0) {
-        child.error += "prlimit failed,errno=" + std::to_string(errno) + ";";
+        AddFailure(child, "prlimit failed,errno=");
     }
     return StepResult::GO_ON;
 }
@@ -87,9 +101,13 @@ StepResult SetScheduler(ChildContext& child) {
     sched_param parameter{};
     parameter.sched_priority = child.plan.rtPriority;
     if (Sys::sched_setscheduler(child.pid, policy, &parameter) != 0) {
-        child.error += "sched_setscheduler failed errno=" + std::to_string(errno) +
-                       ",type=" + std::to_string(policy) +
-                       ",priority=" + std::to_string(child.plan.rtPriority) + ";";
+        child.message += "sched_setscheduler failed errno=";
+        child.message += Decimal(errno);
+        child.message += ",type=";
+        child.message += Decimal(policy);
+        child.message += ",priority=";
+        child.message += Decimal(child.plan.rtPriority);
+        child.message += ";";
     }
     return StepResult::GO_ON;
 }
@@ -102,7 +120,7 @@ StepResult SetNice(ChildContext& child) {
 }
 
 StepResult JoinControlGroups(ChildContext& child) {
-    AppendTidToAll(child.plan.taskFiles, child.pid, child.error);
+    AppendTidToAll(child.plan.taskFiles, child.pid, child.message);
     return StepResult::GO_ON;
 }
 
@@ -110,10 +128,10 @@ bool SetGroups(ChildContext& child) {
     const UserGroups& user = child.plan.userGroups;
     switch (user.result) {
         case UserGroups::Result::NO_USER:
-            child.error += "getpwuid is null;";
+            child.message += "getpwuid is null;";
             return false;
         case UserGroups::Result::NOT_WIPED:
-            child.error += "SetGroups memset_s failed error=" + std::to_string(user.error) + ";";
+            AddFailure(child, "SetGroups memset_s failed error=", user.error);
             return false;
         case UserGroups::Result::TOO_MANY:
             return false;
@@ -128,107 +146,34 @@ StepResult SetIdentity(ChildContext& child) {
         return StepResult::GIVE_UP;
     }
     if (Sys::setgid(child.plan.gid) != 0) {
-        child.error += "SetAppGid=" + std::to_string(child.plan.gid) +
-                       " failed error=" + std::to_string(errno) + ";";
+        child.message += "SetAppGid=";
+        child.message += Decimal(child.plan.gid);
+        AddFailure(child, " failed error=");
         return StepResult::GIVE_UP;
     }
     if (Sys::setuid(child.plan.uid) != 0) {
-        child.error += "SetAppUid=" + std::to_string(child.plan.uid) +
-                       ",failed error=" + std::to_string(errno) + ";";
+        child.message += "SetAppUid=";
+        child.message += Decimal(child.plan.uid);
+        AddFailure(child, ",failed error=");
         return StepResult::GIVE_UP;
     }
     return StepResult::GO_ON;
 }
 
-// setenv takes a lock of the C library. No thread of the daemon changes the environment while a
-// launch is under way, so no thread held that lock at the fork.
-bool SetEnv(const std::string& key, const std::string& value) {
-    return Sys::setenv(key.c_str(), value.c_str(), 1) == 0;
-}
-
-bool SetConfiguredEnv(ChildContext& child) {
-    for (const auto& [key, value] : child.plan.envs) {
-        if (!SetEnv(key, value)) {
-            child.error += "setenv failed, errno=" + std::to_string(errno) + ";";
-            return false;
-        }
-    }
-    return true;
-}
-
-StepResult SetSharePool(ChildContext& child) {
-    const SharePoolPlan& pool = child.plan.sharePool;
-    if (pool.groups.empty()) {
-        return StepResult::GO_ON;
-    }
-    if (!SetEnv("SHAREPOOL_GROUP_NAME", child.plan.sharePoolNames) ||
-        !SetEnv("SHAREGROUP_PRECONFIG", pool.isPreconfigured ? "1" : "0")) {
-        child.error += "Set share pool env failed, errno=" + std::to_string(errno) + ";";
-    }
-    return StepResult::GO_ON;
-}
-
-StepResult SetPlane(ChildContext& child) {
-    if (!SetEnv(ENV_PROC_PLANE, child.plan.plane)) {
-        child.error += std::string("SetPlaneEnv ") + ENV_PROC_PLANE +
-                       " failed errno=" + std::to_string(errno) + ";";
-    }
-    return StepResult::GO_ON;
-}
-
-StepResult SetHome(ChildContext& child) {
-    if (!SetEnv("HOME", child.plan.home)) {
-        child.error += "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=" + child.plan.home +
-                       ", errno=" + std::to_string(errno) + ";";
-    }
-    return StepResult::GO_ON;
-}
-
-StepResult SetEnvironment(ChildContext& child) {
-    SetConfiguredEnv(child);
-    return StepResult::GO_ON;
-}
-
-StepResult SetEnvironmentAndOwner(ChildContext& child) {
-    if (SetConfiguredEnv(child) && !SetEnv("OWNER_NAME", child.plan.ownerName)) {
-        child.error += "setenv failed, errno=" + std::to_string(errno) + ";";
-    }
+StepResult ReportEnvironmentBeforeAccess(ChildContext& child) {
+    child.message += child.plan.environment.errorBeforeAccess;
     return StepResult::GO_ON;
 }
 
 StepResult RegisterAccess(ChildContext& child) {
     if (ZornInitProc(child.plan.accessConfig) < 0) {
-        child.error += "ZornInitProc failed, errno=" + std::to_string(errno) + ";";
+        AddFailure(child, "ZornInitProc failed, errno=");
     }
     return StepResult::GO_ON;
 }
 
-StepResult SetHeartBeatSwitch(ChildContext& child) {
-    if (child.plan.heartBeatSwitch && !SetEnv("GRP_HB", "1")) {
-        child.error += "SetHeartBeatSwitchEnv  failed errno=" + std::to_string(errno) + ";";
-    }
-    return StepResult::GO_ON;
-}
-
-StepResult SetPreload(ChildContext& child) {
-    if (!child.plan.preload.empty() && !SetEnv("LD_PRELOAD", child.plan.preload)) {
-        child.error += "SetAppAsanEnv preload failed errno=" + std::to_string(errno) + ";";
-    }
-    return StepResult::GO_ON;
-}
-
-StepResult SetRestartMarker(ChildContext& child) {
-    if (!SetEnv("IS_RESTART", child.plan.afterAbnormalExit ? "1" : "0")) {
-        child.error += "Set restart env failed, errno=" + std::to_string(errno) + ";";
-    }
-    return StepResult::GO_ON;
-}
-
-StepResult SetStartupEntry(ChildContext& child) {
-    if (!child.plan.startupEntryPath.empty() &&
-        !SetEnv("STARTUP_ENTRY_PATH", child.plan.startupEntryPath)) {
-        child.error += "Set startup entry path env failed, errno=" + std::to_string(errno) + ";";
-    }
+StepResult ReportEnvironmentAfterAccess(ChildContext& child) {
+    child.message += child.plan.environment.errorAfterAccess;
     return StepResult::GO_ON;
 }
 
@@ -240,7 +185,7 @@ bool IsBindAwaited(ChildContext& child) {
     if (!child.plan.isDelayed) {
         return false;
     }
-    CoreAffinityMgr::PinTo(child.pid, CoreAffinityMgr::AllCores(), child.error);
+    CoreAffinityMgr::PinTo(child.pid, CoreAffinityMgr::AllCores(), child.message);
     return child.binds.Get() == child.bindsBeforeFork;
 }
 
@@ -249,12 +194,12 @@ StepResult BindCores(ChildContext& child) {
     if (IsBindAwaited(child)) {
         return StepResult::GO_ON;
     }
-    if (child.aiTasks.IsValid()) {
-        const std::string line = std::to_string(child.pid) + '\n';
-        [[maybe_unused]] const ssize_t written =
-            Sys::write(child.aiTasks.Get(), line.data(), line.size());
+    if (child.aiTasks >= 0) {
+        const Decimal number(child.pid);
+        const std::string_view id = number;
+        [[maybe_unused]] const ssize_t written = Sys::write(child.aiTasks, id.data(), id.size());
     }
-    CoreAffinityMgr::PinTo(child.pid, child.plan.coreMask, child.error);
+    CoreAffinityMgr::PinTo(child.pid, child.plan.coreMask, child.message);
     return StepResult::GO_ON;
 }
 
@@ -274,49 +219,44 @@ constexpr std::array STEPS = {
     ChildStep{SetNice, AppKind::GENERAL},
     ChildStep{JoinControlGroups, {}},
     ChildStep{SetIdentity, {}},
-    ChildStep{SetSharePool, {}},
-    ChildStep{SetPlane, AppKind::GENERAL},
-    ChildStep{SetHome, AppKind::GENERAL},
-    ChildStep{SetEnvironmentAndOwner, AppKind::GENERAL},
-    ChildStep{SetEnvironment, AppKind::BASE},
+    ChildStep{ReportEnvironmentBeforeAccess, {}},
     ChildStep{RegisterAccess, {}},
-    ChildStep{SetHome, AppKind::BASE},
-    ChildStep{SetHeartBeatSwitch, AppKind::GENERAL},
-    ChildStep{SetPreload, {}},
-    ChildStep{SetRestartMarker, AppKind::BASE},
-    ChildStep{SetStartupEntry, AppKind::BASE},
+    ChildStep{ReportEnvironmentAfterAccess, {}},
     ChildStep{BindCores, {}},
 };
 
-// Writes "app=NAME,pid=PID,TEXT" to the plan's error descriptor in one piece. Writes nothing when
-// there is no text or no descriptor.
+// Writes the message, "app=NAME,pid=PID,TEXT", to the plan's error descriptor in one piece. Writes
+// nothing when there is no text or no descriptor.
 void ReportChildError(const ChildContext& child) {
     const int fd = child.plan.errorFd;
-    if (child.error.empty() || fd == -1) {
+    if (child.message.IsEmpty() || fd == -1) {
         return;
     }
-    const std::string message =
-        "app=" + child.plan.appName + ",pid=" + std::to_string(child.pid) + "," + child.error;
-    // A pipe takes up to PIPE_BUF bytes as a whole. A longer message could mix with the message of
-    // another child, so the rest is cut off.
-    const size_t length = std::min<size_t>(message.size(), PIPE_BUF);
-    [[maybe_unused]] const ssize_t written = Sys::write(fd, message.data(), length);
+    const std::string_view text = child.message.Get();
+    [[maybe_unused]] const ssize_t written = Sys::write(fd, text.data(), text.size());
+}
+
+// execve declares its strings without const but does not change them.
+char* ToArgument(const std::string& text) {
+    return const_cast<char*>(text.c_str());
 }
 
 }  // namespace
 
-ChildContext::ChildContext(const LaunchPlan& launchPlan, const BindCount& bindCount)
-    : plan(launchPlan), binds(bindCount), bindsBeforeFork(bindCount.Get()) {
-    // execv declares its strings without const but does not change them.
-    argv.push_back(const_cast<char*>(plan.execPath.c_str()));
+ChildContext::ChildContext(LaunchPlan launchPlan, const BindCount& bindCount)
+    : plan(std::move(launchPlan)), binds(bindCount), bindsBeforeFork(bindCount.Get()) {
+    argv.reserve(plan.arguments.size() + 2);
+    argv.push_back(ToArgument(plan.execPath));
     for (const std::string& argument : plan.arguments) {
-        argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(ToArgument(argument));
     }
     argv.push_back(nullptr);
-    error.reserve(ERROR_RESERVE);
-    if (plan.coreMask && plan.coreMask->aiCores > 0) {
-        aiTasks = Wire::UniqueFd(CoreAffinityMgr::OpenAiCpuset());
+    const std::vector<std::string>& variables = plan.environment.block.Get();
+    envp.reserve(variables.size() + 1);
+    for (const std::string& variable : variables) {
+        envp.push_back(ToArgument(variable));
     }
+    envp.push_back(nullptr);
 }
 
 void RunChild(ChildContext& child) {
@@ -329,10 +269,12 @@ void RunChild(ChildContext& child) {
         }
     }
     ReportChildError(child);
-    Sys::execv(plan.execPath.c_str(), child.argv.data());
+    Sys::execve(plan.execPath.c_str(), child.argv.data(), child.envp.data());
     const int error = errno;
-    child.error =
-        "execv failed, execPath_=" + plan.execPath + ", errno=" + std::to_string(error) + ";";
+    child.message.Clear();
+    child.message += "execv failed, execPath_=";
+    child.message += plan.execPath;
+    AddFailure(child, ", errno=", error);
     ReportChildError(child);
     Sys::_exit(error == EIO ? EXIT_INPUT_OUTPUT_ERROR : EXIT_SETUP_FAILED);
 }

@@ -1,6 +1,8 @@
-// The child's part of a launch: a table of steps over the launch plan that runs between fork and
-// execv. ProcessLauncher is the only caller. The child takes no lock of the daemon, writes no log
-// line and never returns into the daemon's code.
+// The child's part of a launch: a table of steps over the launch plan that runs between the
+// creation of the child and execve. ProcessLauncher is the only caller. The child may still share
+// the memory of the daemon, see child_slots.h: it makes system calls, reads what was computed
+// before, and writes nothing but its ChildContext and errno. It takes no lock, allocates no memory,
+// writes no log line and never returns into the daemon's code.
 #pragma once
 
 #include <sys/types.h>
@@ -9,29 +11,35 @@
 #include <string>
 #include <vector>
 
+#include "app/child_environment.h"
+#include "app/child_message.h"
 #include "app/launch_plan.h"
 #include "resource/bind_count.h"
-#include "wire/unique_fd.h"
 
 namespace ProcMgr::App {
 
-// The working state of one child. The parent creates it before the fork, so that its memory and the
-// descriptor exist already; the child changes its own copy.
+// Everything that one child uses. The parent creates it before the child, so that the memory exists
+// already, and keeps it until the child has executed its program. Afterwards the child alone
+// changes it.
 struct ChildContext {
-    // `launchPlan` and `bindCount` must outlive this object.
-    ChildContext(const LaunchPlan& launchPlan, const BindCount& bindCount);
+    // `bindCount` must outlive this object.
+    ChildContext(LaunchPlan launchPlan, const BindCount& bindCount);
+    ChildContext(const ChildContext&) = delete;
+    ChildContext& operator=(const ChildContext&) = delete;
 
-    const LaunchPlan& plan;
+    const LaunchPlan plan;
     const BindCount& binds;
     const uint32_t bindsBeforeFork;
-    // The arguments of execv: pointers into the plan, then null.
+    // The arguments and variables of execve: pointers into the above, then null.
     std::vector<char*> argv;
-    // The tasks file of the accelerator's cpuset, opened while the process is still root. Empty for
-    // an application without accelerator cores, and when the file cannot be opened.
-    Wire::UniqueFd aiTasks;
+    std::vector<char*> envp;
+    // The tasks file of the accelerator's cpuset, opened while the process is still root; the
+    // parent closes its own descriptor. Negative for an application without accelerator cores, and
+    // when the file cannot be opened.
+    int aiTasks = -1;
     pid_t pid = 0;
     // One entry, ending in ";", for each step that failed.
-    std::string error;
+    ChildMessage message;
 };
 
 // Runs the steps of the plan's kind of application and executes the program. Failures are written

@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "app/child_environment.h"
+#include "app/child_slots.h"
 #include "app/user_groups.h"
 #include "platform/access_manager.h"
 #include "resource/cgroup_mgr.h"
@@ -62,10 +64,15 @@ struct LaunchPlan {
     AppConfig accessConfig;
     // The descriptor to which the child writes its failures; -1: none are written.
     int errorFd = -1;
+
+    // Made of the values above, when they are complete.
+    ChildEnvironment environment;
+    // The place of a child that shares the daemon's memory; without one the child is forked.
+    ChildSlots::Lease slot;
 };
 
-// Makes the plan of a record, except userGroups, sharePool and sharePoolNames, which
-// ProcessLauncher fills in. Any thread; reads no file.
+// Makes the plan of a record, except userGroups, sharePool, sharePoolNames, environment and slot,
+// which ProcessLauncher fills in. Any thread; reads no file.
 LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app, const CgroupMgr& cgroups,
                           const CoreAffinityMgr& affinity);
 LaunchPlan MakeLaunchPlan(const BaseAppInfo& app, const CgroupMgr& cgroups,

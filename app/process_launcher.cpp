@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <exception>
 #include <new>
+#include <utility>
 
 #include "app/base_app_info.h"
 #include "app/child_setup.h"
@@ -14,6 +15,7 @@
 #include "main/common/boot_trace.h"
 #include "main/common/log.h"
 #include "main/common/proc_mgr_env.h"
+#include "wire/unique_fd.h"
 
 namespace ProcMgr::App {
 namespace {
@@ -27,6 +29,29 @@ void WithChild(const Action& action) {
     } catch (const std::bad_alloc&) {
         ProcMgrLog(LOG_ERR, "PROCMGR : out of memory after the start of a process");
     }
+}
+
+int RunSharedChild(void* context) {
+    RunChild(*static_cast<ChildContext*>(context));
+}
+
+// Below 0 without a slot, and when the kernel refuses a child that shares the memory.
+pid_t CloneChild(const std::shared_ptr<ChildContext>& context, ChildSlots::Lease slot) {
+    return slot.IsValid() ? slot.Create(RunSharedChild, context.get(), context) : -1;
+}
+
+pid_t ForkChild(ChildContext& context) {
+    const pid_t child = Sys::fork();
+    if (child == 0) {
+        // An exception must not leave this function in the child: only the parent may run the
+        // daemon's code.
+        try {
+            RunChild(context);
+        } catch (const std::exception&) {
+            Sys::_exit(EXIT_FAILURE);
+        }
+    }
+    return child;
 }
 
 }  // namespace
@@ -54,13 +79,15 @@ bool ProcessLauncher::IsQuick(const AppInfo& app) {
 }
 
 pid_t ProcessLauncher::Fork(GeneralAppInfo& app, LaunchPlan& plan) {
-    const pid_t child = ForkChild(app, plan);
+    ChildSlots::Lease slot = std::move(plan.slot);
+    const auto context = std::make_shared<ChildContext>(std::move(plan), binds_);
+    const pid_t child = CreateChild(app, context, std::move(slot));
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR: Start generalApp failed. fork failed: errno=%d", errno);
         return child;
     }
     WithChild([&] {
-        JoinSharePool(app, plan);
+        JoinSharePool(app, context->plan);
         ProcMgrLog(LOG_INFO,
                    "%s Start generalApp success appName=%s, child_pid=%d, isDelayCoreAffinity_=%d",
                    BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), child,
@@ -70,7 +97,9 @@ pid_t ProcessLauncher::Fork(GeneralAppInfo& app, LaunchPlan& plan) {
 }
 
 pid_t ProcessLauncher::Fork(BaseAppInfo& app, LaunchPlan& plan) {
-    const pid_t child = ForkChild(app, plan);
+    ChildSlots::Lease slot = std::move(plan.slot);
+    const auto context = std::make_shared<ChildContext>(std::move(plan), binds_);
+    const pid_t child = CreateChild(app, context, std::move(slot));
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Start baseApp %s failed errno=%d", app.appName_.c_str(),
                    errno);
@@ -82,44 +111,38 @@ pid_t ProcessLauncher::Fork(BaseAppInfo& app, LaunchPlan& plan) {
                    "isDelayCoreAffinity_=%d",
                    BootStrace(BOOT_TRACE_TAG).c_str(), app.appName_.c_str(), app.execPath_.c_str(),
                    child, app.isDelayCoreAffinity_);
-        JoinSharePool(app, plan);
+        JoinSharePool(app, context->plan);
     });
     return child;
 }
 
-// All signals are blocked around the fork, so that no handler of the daemon runs in the child.
-pid_t ProcessLauncher::ForkChild(AppInfo& app, LaunchPlan& plan) {
-    ChildContext context(plan, binds_);
+// All signals are blocked meanwhile, so that no handler of the daemon runs in the child.
+pid_t ProcessLauncher::CreateChild(AppInfo& app, const std::shared_ptr<ChildContext>& context,
+                                   ChildSlots::Lease slot) {
+    const std::optional<CoreMask>& mask = context->plan.coreMask;
+    const bool isForAccelerator = mask && mask->aiCores > 0;
+    const Wire::UniqueFd aiTasks(isForAccelerator ? CoreAffinityMgr::OpenAiCpuset() : -1);
+    context->aiTasks = aiTasks.Get();
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     Sys::pthread_sigmask(SIG_SETMASK, &all, &before);
     app.startTime_ = std::chrono::steady_clock::now();
-    const pid_t child = Sys::fork();
-    const int error = errno;
-    if (child == 0) {
-        // An exception must not leave this function in the child: only the parent may run the
-        // daemon's code.
-        try {
-            RunChild(context);
-        } catch (const std::exception&) {
-            Sys::_exit(EXIT_FAILURE);
-        }
+    pid_t child = CloneChild(context, std::move(slot));
+    if (child < 0) {
+        child = ForkChild(*context);
     }
+    const int error = errno;
     if (child > 0) {
         app.SetStarted(child);
     }
     Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    // Gives up the processor, so that a child that is queued on this core runs first: most of the
-    // time of a start is spent in the child's execv.
-    Sys::sched_yield();
-    if (child > 0 && !plan.isDelayed && plan.coreMask && !context.aiTasks.IsValid()) {
-        WithChild([&] { CoreAffinityMgr::LogMissingAiCpuset(child, *plan.coreMask); });
+    if (child > 0 && !context->plan.isDelayed && isForAccelerator && !aiTasks.IsValid()) {
+        WithChild([&] { CoreAffinityMgr::LogMissingAiCpuset(child, *mask); });
     }
     errno = error;
     return child;
 }
-
 void ProcessLauncher::Release(const AppInfo& app) {
     affinity_.RecycleThreadCoreInfo(app.pid_, app.appName_);
     if (sharePool_ != nullptr) {
@@ -135,6 +158,9 @@ void ProcessLauncher::FinishPlan(
         plan.sharePool = sharePool_->MakePlan(app.appName_, manifestGroups);
         plan.sharePoolNames = plan.sharePool.Names();
     }
+    plan.environment = MakeChildEnvironment(plan);
+    // Last: nothing else is waited for while the launch has a slot.
+    plan.slot = slots_.Take();
 }
 
 void ProcessLauncher::JoinSharePool(const AppInfo& app, const LaunchPlan& plan) {

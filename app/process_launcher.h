@@ -5,11 +5,13 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "app/child_slots.h"
 #include "app/integrity.h"
 #include "app/launch_plan.h"
 #include "app/user_groups.h"
@@ -22,6 +24,7 @@ namespace ProcMgr::App {
 class AppInfo;
 class BaseAppInfo;
 class GeneralAppInfo;
+struct ChildContext;
 
 class ProcessLauncher {
 public:
@@ -45,10 +48,11 @@ public:
     // Whether Prepare() would neither take a digest nor ask the user database.
     bool IsQuick(const AppInfo& app);
 
-    // Creates the child and stores its pid in the record. Returns the pid, or -1, with a log line,
-    // when there is no child. Throws nothing after the fork. Failures in the child appear only in
-    // its error text and its exit status. The caller holds the lock of the record's container until
-    // the container can find the record by the pid, so that the reaper finds it, too.
+    // Creates the child and stores its pid in the record; uses up the plan. Returns the pid, or -1,
+    // with a log line, when there is no child. Throws nothing once there is a child. Does not wait
+    // for the child, which may not have executed its program yet. Failures in the child appear only
+    // in its error text and its exit status. The caller holds the lock of the record's container
+    // until the container can find the record by the pid, so that the reaper finds it, too.
     pid_t Fork(GeneralAppInfo& app, LaunchPlan& plan);
     pid_t Fork(BaseAppInfo& app, LaunchPlan& plan);
 
@@ -71,7 +75,8 @@ public:
 
 private:
     // Creates the child; below 0, with errno, on failure.
-    pid_t ForkChild(AppInfo& app, LaunchPlan& plan);
+    static pid_t CreateChild(AppInfo& app, const std::shared_ptr<ChildContext>& context,
+                             ChildSlots::Lease slot);
     void FinishPlan(const AppInfo& app,
                     const std::vector<std::pair<std::string, std::string>>& manifestGroups,
                     LaunchPlan& plan);
@@ -84,6 +89,7 @@ private:
     SharePool* const sharePool_;
     UserGroupsCache userGroups_;
     IntegrityTable integrity_;
+    ChildSlots slots_{ZornNeedsOwnMemory() ? 0 : ChildSlots::DefaultCount()};
     // The jobs use all of the above: the pool is destroyed first.
     WorkerPool slowJobs_{"launch"};
 };

@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -16,7 +17,7 @@ namespace ProcMgr::Sys {
 
 using ::_exit;
 using ::close_range;
-using ::execv;
+using ::execve;
 using ::fork;
 using ::getpid;
 using ::getrlimit;
@@ -25,12 +26,21 @@ using ::prlimit;
 using ::pthread_sigmask;
 using ::sched_setscheduler;
 using ::sched_yield;
-using ::setenv;
-using ::setgid;
-using ::setgroups;
 using ::setsid;
-using ::setuid;
 using ::sigaction;
 using ::write;
+
+// The C library's functions of these names change every thread of the process, which it finds in
+// memory that a child may share with the daemon. These change the calling thread, the only one of
+// the child.
+inline int setgid(gid_t gid) {
+    return static_cast<int>(::syscall(SYS_setgid, gid));
+}
+inline int setgroups(size_t count, const gid_t* groups) {
+    return static_cast<int>(::syscall(SYS_setgroups, count, groups));
+}
+inline int setuid(uid_t uid) {
+    return static_cast<int>(::syscall(SYS_setuid, uid));
+}
 
 }  // namespace ProcMgr::Sys

@@ -130,20 +130,6 @@ uint32_t CoreAffinityMgr::ApplyMask(int32_t id, const std::optional<CoreMask>& m
     return PinTo(id, mask, error);
 }
 
-uint32_t CoreAffinityMgr::PinTo(int32_t id, const std::optional<CoreMask>& mask,
-                                std::string& error) {
-    if (!mask) {
-        error += "default ctrl cpu is null;";
-        return AFFINITY_NO_CORES;
-    }
-    if (sched_setaffinity(id, sizeof(mask->cores), &mask->cores) != 0) {
-        error += "SetCoreAffinity fail pid=" + std::to_string(id) +
-                 ", errno=" + std::to_string(errno) + ";";
-        return AFFINITY_REFUSED;
-    }
-    return AFFINITY_OK;
-}
-
 void CoreAffinityMgr::WriteTidToAIcpuSet(int32_t tid) {
     if (!AppendTid(AI_CPUSET_TASKS, tid)) {
         LogMissingAiTasks(tid);

@@ -6,6 +6,7 @@
 
 #include <sched.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "main/common/mutex.h"
+#include "main/common/numbers.h"
 
 namespace ProcMgr {
 
@@ -67,8 +69,24 @@ public:
     // As SetCoreAffinity, with a mask.
     static uint32_t ApplyMask(int32_t id, const std::optional<CoreMask>& mask, std::string& error);
     // As ApplyMask, but leaves the thread in its cpuset. For the child between fork and execv:
-    // takes no lock and does not log.
-    static uint32_t PinTo(int32_t id, const std::optional<CoreMask>& mask, std::string& error);
+    // takes no lock, allocates no memory and does not log. `Text`: as in AppendTidToAll().
+    template <typename Text>
+    static uint32_t PinTo(int32_t id, const std::optional<CoreMask>& mask, Text& error) {
+        if (!mask) {
+            error += "default ctrl cpu is null;";
+            return AFFINITY_NO_CORES;
+        }
+        if (sched_setaffinity(id, sizeof(mask->cores), &mask->cores) != 0) {
+            const Decimal number(errno);
+            error += "SetCoreAffinity fail pid=";
+            error += Decimal(id);
+            error += ", errno=";
+            error += number;
+            error += ";";
+            return AFFINITY_REFUSED;
+        }
+        return AFFINITY_OK;
+    }
 
     // Stores the pinning in the table, then pins the thread; a pinning that the kernel refuses
     // stays in the table. On failure logs the reason and appends it to `error`.

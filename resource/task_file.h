@@ -1,6 +1,7 @@
 // Puts a process or thread into a control group by writing its id into the group's tasks file. The
 // launcher, CgroupMgr and the affinity check call it, from any thread; a child may call it between
-// fork and execv, so nothing here takes a lock or logs.
+// fork and execv, so nothing here takes a lock, allocates memory or
+// logs.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +15,20 @@ namespace ProcMgr {
 bool AppendTid(const std::string& path, int32_t tid);
 
 // Writes the id into each of the files. False when some files do not exist: each of them is named
-// at the end of `error`, and the others are written all the same.
-bool AppendTidToAll(const std::vector<std::string>& paths, int32_t tid, std::string& error);
+// at the end of `error`, and the others are written all the same. `Text`: std::string, or the
+// fixed buffer of a child; anything to which a std::string_view can be added.
+template <typename Text>
+bool AppendTidToAll(const std::vector<std::string>& paths, int32_t tid, Text& error) {
+    bool isComplete = true;
+    for (const std::string& path : paths) {
+        if (!AppendTid(path, tid)) {
+            error += "add to group failed, cgroup path=";
+            error += path;
+            error += " is not existed;";
+            isComplete = false;
+        }
+    }
+    return isComplete;
+}
 
 }  // namespace ProcMgr

@@ -1,6 +1,7 @@
 #include "main/common/daemon_signals.h"
 
 #include <sys/eventfd.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -48,6 +49,8 @@ void OnHangUp(int /*signal*/) {
 // handler runs, so it is delivered when the handler returns.
 void OnFault(int signal) {
     WriteLogInSignal();
+    // The kernel writes no core of a process whose memory a child had when it changed its user.
+    prctl(PR_SET_DUMPABLE, 1);
     for (size_t i = 0; i < std::size(Wire::FAULT_SIGNALS); ++i) {
         if (Wire::FAULT_SIGNALS[i] == signal) {
             sigaction(signal, &g_faultActions[i], nullptr);

@@ -1,8 +1,11 @@
-// Reads decimal numbers in texts that others have written: files, the boot command line, records.
-// Every room uses it, from any thread; no function throws or depends on the locale.
+// Reads decimal numbers in texts that others have written: files, the boot command line, records;
+// and writes them where no memory may be allocated. Every room uses it, from any thread; no
+// function throws or depends on the locale.
 #pragma once
 
+#include <array>
 #include <charconv>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 #include <system_error>
@@ -27,5 +30,20 @@ std::optional<Integer> ParseLeadingNumber(std::string_view text) {
     const auto parsed = std::from_chars(text.data(), text.data() + text.size(), number);
     return parsed.ec == std::errc() ? std::optional(number) : std::nullopt;
 }
+
+// The decimal text of a number, in the object itself.
+class Decimal {
+public:
+    explicit Decimal(int64_t number)
+        : size_(static_cast<size_t>(
+              std::to_chars(text_.data(), text_.data() + text_.size(), number).ptr -
+              text_.data())) {}
+
+    operator std::string_view() const { return {text_.data(), size_}; }
+
+private:
+    std::array<char, 20> text_;  // the longest number has 20 characters
+    size_t size_;
+};
 
 }  // namespace ProcMgr

@@ -6,4 +6,8 @@ int ZornInitProc(const AppConfig& /*config*/) {
     return 0;
 }
 
+bool ZornNeedsOwnMemory() {
+    return false;
+}
+
 void ZornRetrieveService() {}

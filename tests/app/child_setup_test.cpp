@@ -65,8 +65,9 @@ protected:
     }
 
     // Runs the child's part of a launch. Returns EXECUTED or the exit status.
-    static int Run(const LaunchPlan& plan) {
-        ChildContext child(plan, BindCount::GetInstance());
+    static int Run(LaunchPlan plan) {
+        plan.environment = MakeChildEnvironment(plan);
+        ChildContext child(std::move(plan), BindCount::GetInstance());
         try {
             RunChild(child);
         } catch (const Fakes::ChildExecuted&) {
@@ -85,8 +86,21 @@ protected:
 };
 
 TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
-    // "b:": only for a base service, "g:": only for a general application.
+    // "b:": only for a base service, "g:": only for a general application. The parent sets the
+    // variables before there is a child.
     const std::vector<std::string> steps = {
+        "setenv SHAREPOOL_GROUP_NAME=video,audio",
+        "setenv SHAREGROUP_PRECONFIG=1",
+        "g:setenv PROC_PLANE=PLANE_MANAGE",
+        "g:setenv HOME=/home/x",
+        "setenv A=1",
+        "setenv B=",
+        "g:setenv OWNER_NAME=EM",
+        "b:setenv HOME=/home/x",
+        "g:setenv GRP_HB=1",
+        "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
+        "b:setenv IS_RESTART=1",
+        "b:setenv STARTUP_ENTRY_PATH=/entry",
         "setsid",
         "getpid",
         "getrlimit 14",
@@ -98,29 +112,21 @@ TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
         "setgroups 7,30",
         "setgid 7",
         "setuid 8",
-        "setenv SHAREPOOL_GROUP_NAME=video,audio",
-        "setenv SHAREGROUP_PRECONFIG=1",
-        "g:setenv PROC_PLANE=PLANE_MANAGE",
-        "g:setenv HOME=/home/x",
-        "setenv A=1",
-        "setenv B=",
-        "g:setenv OWNER_NAME=EM",
         "ZornInitProc svc /bin/svc",
-        "b:setenv HOME=/home/x",
-        "g:setenv GRP_HB=1",
-        "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
-        "b:setenv IS_RESTART=1",
-        "b:setenv STARTUP_ENTRY_PATH=/entry",
         "sched_setaffinity 4711 1",
-        "execv /bin/svc|/bin/svc|-a|two words|",
     };
+    const std::string program = "execve /bin/svc|/bin/svc|-a|two words|";
     for (const auto& [kind, other] : {std::pair(AppKind::GENERAL, "b:"), {AppKind::BASE, "g:"}}) {
         std::vector<std::string> calls;
+        std::string executed = program;
         for (const std::string& step : steps) {
             if (!step.starts_with(other)) {
                 calls.push_back(step.substr(step[1] == ':' ? 2 : 0));
+                const std::string& call = calls.back();
+                executed += call.starts_with("setenv ") ? call.substr(6) : "";
             }
         }
+        calls.push_back(executed);
         FakeSys::Get().Reset();
         // Only a result below zero is a failure of the registration.
         FakeAccessManager::Get().PushInit(1, EACCES);
@@ -130,16 +136,16 @@ TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
 }
 
 TEST_F(ChildSetupTest, ADelayedApplicationPinsItselfOnlyAfterABindSinceTheFork) {
-    LaunchPlan plan = FullPlan(AppKind::BASE);
-    plan.isDelayed = true;
     for (const bool isBound : {false, true}) {
+        LaunchPlan plan = FullPlan(AppKind::BASE);
+        plan.isDelayed = true;
         FakeSys::Get().Reset();
         FakeAccessManager::Get().SetHook([isBound](const AppConfig& /*config*/) {
             if (isBound) {
                 BindCount::GetInstance().Raise();
             }
         });
-        EXPECT_EQ(Run(plan), EXECUTED);
+        EXPECT_EQ(Run(std::move(plan)), EXECUTED);
         EXPECT_EQ(Calls("sched_setaffinity 4711 ").size(), isBound ? 2U : 1U);
         const auto calls = FakeSys::Get().StepCalls();
         EXPECT_EQ(calls.at(calls.size() - 2),
@@ -150,7 +156,7 @@ TEST_F(ChildSetupTest, ADelayedApplicationPinsItselfOnlyAfterABindSinceTheFork) 
 TEST_F(ChildSetupTest, SignalsAreBackAtTheirDefaultsBeforeTheProgramRuns) {
     EXPECT_EQ(Run(FullPlan(AppKind::BASE)), EXECUTED);
     const auto calls = FakeSys::Get().Calls();
-    EXPECT_TRUE(calls.back().starts_with("execv"));
+    EXPECT_TRUE(calls.back().starts_with("execve"));
     // A signal that is unblocked before that would run a handler of the daemon in the child.
     const auto unblock = std::find(calls.begin(), calls.end(),
                                    "pthread_sigmask " + std::to_string(SIG_SETMASK) + " EMPTY");
@@ -176,7 +182,9 @@ TEST_F(ChildSetupTest, FailuresAreReportedInOneWriteAndTheProgramStillRuns) {
         {AppKind::BASE,
          {"prlimit", "sched_setscheduler", "join /cpu/", "setenv", "sched_setaffinity"},
          "prlimit failed,errno=1;" + scheduler +
-             "not joined /cpu/tasks;Set share pool env failed, errno=1;" + access + home + preload +
+             "add to group failed, cgroup path=/cpu/tasks is not existed;Set share pool env "
+             "failed, errno=1;" +
+             access + home + preload +
              "Set restart env failed, errno=1;Set startup entry path env failed, errno=1;" +
              "SetCoreAffinity fail pid=4711, errno=1;"},
         {AppKind::GENERAL,
@@ -214,7 +222,7 @@ TEST_F(ChildSetupTest, AChildWithoutItsIdentityRunsNoProgram) {
         LaunchPlan plan = FullPlan(AppKind::BASE);
         plan.userGroups.result = groups;
         plan.userGroups.error = 34;
-        EXPECT_EQ(Run(plan), 1) << failing;
+        EXPECT_EQ(Run(std::move(plan)), 1) << failing;
         const std::vector end = {lastCall, PREFIX + "getrlimit failed,errno=1;" + text,
                                  std::string("_exit 1")};
         const auto calls = FakeSys::Get().StepCalls();
@@ -226,7 +234,7 @@ TEST_F(ChildSetupTest, ExecFailureReplacesTheTextAndDecidesTheExitCode) {
     const std::pair<int, int> cases[] = {{EIO, 125}, {ENOENT, 1}};
     for (const auto& [error, status] : cases) {
         FakeSys::Get().Reset();
-        FakeSys::Get().Fail("execv", error);
+        FakeSys::Get().Fail("execve", error);
         FakeSys::Get().Fail("setenv HOME", ENOMEM);
         // A report that fails changes errno, but not the exit code.
         FakeSys::Get().Fail("write", error == EIO ? EAGAIN : EIO);
@@ -257,14 +265,14 @@ TEST_F(ChildSetupTest, AForkThatFailsLeavesNoProcess) {
     EXPECT_EQ(LogCapture::Lines(),
               (Lines{{3, "PROCMGR: Start generalApp failed. fork failed: errno=11"},
                      {6, "PROCMGR : RESTARTING to TERMINATED appName=svc, pid=12"}}));
-    EXPECT_TRUE(Calls("execv").empty() && Calls("_exit").empty());
+    EXPECT_TRUE(Calls("execve").empty() && Calls("_exit").empty());
 }
 
 TEST_F(ChildSetupTest, AnExceptionEndsTheChild) {
     FakeAccessManager::Get().SetHook([](const AppConfig&) { throw std::bad_alloc(); });
     GeneralAppInfo app = GeneralApp();
     EXPECT_THROW(StartNow(app), Fakes::ChildExited);
-    EXPECT_TRUE(Calls("execv").empty());
+    EXPECT_TRUE(Calls("execve").empty());
 }
 
 TEST_F(ChildSetupTest, AForkedChildGetsTheValuesOfItsRecord) {
@@ -283,13 +291,14 @@ TEST_F(ChildSetupTest, AForkedChildGetsTheValuesOfItsRecord) {
     EXPECT_EQ(dead.CheckState(), TERMINATED);
     EXPECT_THROW(StartNow(dead), Fakes::ChildExecuted);
     const auto calls = FakeSys::Get().StepCalls();
-    for (const char* call :
-         {"sched_setscheduler 4711 2 50", "setenv PROC_PLANE=PLANE_DATA",
-          "setenv OWNER_NAME=vintor", "setenv GRP_HB=1",
-          "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1", "execv /bin/true|/bin/true|-v",
-          "ZornInitProc svc /bin/true", "setenv IS_RESTART=1"}) {
+    for (const char* call : {"sched_setscheduler 4711 2 50", "setenv PROC_PLANE=PLANE_DATA",
+                             "setenv OWNER_NAME=vintor", "setenv GRP_HB=1",
+                             "setenv LD_PRELOAD=libasan.so.4:libzorn.so.1",
+                             "ZornInitProc svc /bin/true", "setenv IS_RESTART=1"}) {
         EXPECT_THAT(calls, testing::Contains(call));
     }
+    EXPECT_TRUE(calls.back().starts_with("execve /bin/true|/bin/true "));
+    EXPECT_EQ(Calls("execve /bin/true|/bin/true|-v ").size(), 1U);
     EXPECT_TRUE(Calls("nice").empty() && Calls("write").empty());
 }
 

@@ -1,8 +1,14 @@
 // Launches of real programs, observed through /proc, and the reader of the child error pipe.
 #include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <filesystem>
+#include <mutex>
+#include <random>
+#include <set>
+#include <string_view>
 #include <thread>
 
 #include "app/child_error_reader.h"
@@ -10,12 +16,29 @@
 #include "main/common/proc_mgr_env.h"
 #include "tests/app/app_test_support.h"
 #include "tests/fakes/fake_access_manager.h"
+#include "tests/support/files.h"
 #include "tests/support/wait.h"
 
 namespace ProcMgr::App {
 namespace {
 
-class LaunchTest : public AppTest {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool IS_SANITIZED = true;
+#else
+constexpr bool IS_SANITIZED = false;
+#endif
+
+class MemoryChoice : public testing::WithParamInterface<const char*> {
+protected:
+    MemoryChoice() { Fakes::FakeAccessManager::SetNeedsOwnMemory(GetParam() == OWN); }
+    ~MemoryChoice() { Fakes::FakeAccessManager::SetNeedsOwnMemory(true); }
+
+    static constexpr std::string_view OWN = "own";
+};
+
+// Each test runs with children that are forked and with children that share the memory of this
+// process until they execute their program.
+class LaunchTest : public MemoryChoice, public AppTest {
 protected:
     LaunchTest() { ProcMgrEnv::GetInstance().CreateChildErrorPipe(); }
     ~LaunchTest() override {
@@ -27,8 +50,7 @@ protected:
     }
 
     // Starts a service that sleeps and waits until its program runs.
-    void StartSleeping() {
-        ManifestData data = SomeService();
+    void StartSleeping(ManifestData data = SomeService()) {
         data.bin = "/bin/sleep";
         data.args = {"60"};
         BaseAppInfo app(Manifest(data));
@@ -40,7 +62,7 @@ protected:
     pid_t pid_ = -1;
 };
 
-TEST_F(LaunchTest, ALaunchKeepsTheSignalMaskAndPassesOnNoDescriptor) {
+TEST_P(LaunchTest, ALaunchKeepsTheSignalMaskAndPassesOnNoDescriptor) {
     sigset_t mask;
     sigset_t before;
     sigemptyset(&mask);
@@ -63,15 +85,16 @@ TEST_F(LaunchTest, ALaunchKeepsTheSignalMaskAndPassesOnNoDescriptor) {
     close(fd);
 }
 
-TEST_F(LaunchTest, AFullErrorPipeDoesNotStopAChild) {
+TEST_P(LaunchTest, AFullErrorPipeDoesNotStopAChild) {
     const int fd = ProcMgrEnv::GetInstance().GetChildErrorWriteFd();
     while (write(fd, "x", 1) == 1) {
     }
-    Fakes::FakeAccessManager::Get().PushInit(-1, EIO);
-    StartSleeping();
+    ManifestData data = SomeService();
+    data.env = {{"NO=NAME", "1"}};  // cannot be set, which the child reports
+    StartSleeping(data);
 }
 
-TEST_F(LaunchTest, TheErrorPipeIsReadInPiecesOfABuffer) {
+TEST_P(LaunchTest, TheErrorPipeIsReadInPiecesOfABuffer) {
     const std::string text(1000, 'x');
     ASSERT_EQ(write(ProcMgrEnv::GetInstance().GetChildErrorWriteFd(), text.data(), text.size()),
               1000);
@@ -86,33 +109,122 @@ TEST_F(LaunchTest, TheErrorPipeIsReadInPiecesOfABuffer) {
                      {LOG_WARNING, received + "101, err: " + text.substr(0, 101)}}));
 }
 
-TEST_F(LaunchTest, AChildNeverWaitsForALockOfAnotherThread) {
-    std::atomic<bool> isRunning{true};
-    std::thread logger([&] {
-        while (isRunning) {
-            ProcMgrLog(LOG_DEBUG, "noise %d", 1);
-        }
-    });
-    std::thread allocator([&] {
-        while (isRunning) {
-            EXPECT_EQ(std::string(5000, 'x').size(), 5000U);
-        }
-    });
-    ManifestData data = SomeService();
-    data.env = {{"A", std::string(500, 'a')}};
-    alarm(60);  // ends the test when a launch hangs
-    for (int i = 0; i < 300; ++i) {
-        GeneralAppInfo app = GeneralApp(data);
+// The slots of children that share the memory are used up by children that hang.
+TEST_P(LaunchTest, AChildThatHangsHoldsUpNoOther) {
+    const Tests::TempDirectory directory;
+    const std::string fifo = directory / "tasks";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::vector<pid_t> hanging;
+    for (int i = 0; i < 6; ++i) {
+        BaseAppInfo app(Manifest(SomeService()));
+        std::optional<LaunchPlan> plan = launcher_.Prepare(app);
+        plan->taskFiles = {fifo};  // opening it waits for a reader
+        ASSERT_TRUE(app.StartProcess(launcher_, *plan));
+        hanging.push_back(app.pid_);
+    }
+    StartSleeping();
+    const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+    for (const pid_t pid : hanging) {
         int status = -1;
-        EXPECT_TRUE(StartNow(app));
-        waitpid(app.pid_, &status, 0);
+        EXPECT_EQ(waitpid(pid, &status, 0), pid);
         EXPECT_EQ(status, 0);
     }
-    alarm(0);
-    isRunning = false;
-    logger.join();
-    allocator.join();
+    close(reader);
 }
+
+// Threads that log and allocate hold locks at any moment; children are killed at any step.
+TEST_P(LaunchTest, NoneOfManyChildrenIsLostOrHoldsALock) {
+    constexpr int STARTS = IS_SANITIZED ? 200 : 2500;
+    constexpr int THREADS = 4;
+    BaseAppInfo first(Manifest(SomeService()));
+    ASSERT_TRUE(StartNow(first));  // makes what is made once
+    ASSERT_GT(wait(nullptr), 0);
+    const auto countDescriptors = [] {
+        const std::filesystem::directory_iterator entries("/proc/self/fd");
+        return std::distance(begin(entries), end(entries));
+    };
+    const auto descriptors = countDescriptors();
+    std::atomic<bool> isRunning{true};
+    std::atomic<pid_t> newest{0};
+    std::mutex mutex;
+    std::set<pid_t> started;
+    alarm(300);  // ends the test when a launch hangs
+    std::vector<std::thread> noise;
+    noise.emplace_back([&] {
+        for (unsigned i = 0; isRunning; ++i) {
+            ProcMgrLog(LOG_DEBUG, "noise %zu", std::string(i % 5000, 'x').size());
+            if (i % 100 == 0) {
+                LogCapture::Clear();
+            }
+        }
+    });
+    noise.emplace_back([&] {
+        std::minstd_rand random(1);
+        while (isRunning) {
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 700));
+            const std::lock_guard lock(mutex);
+            // Only while it is not collected: the pid cannot be that of another process.
+            if (started.contains(newest)) {
+                kill(newest, SIGKILL);
+            }
+        }
+    });
+    std::vector<std::thread> starters;
+    for (int thread = 0; thread < THREADS; ++thread) {
+        starters.emplace_back([&] {
+            ManifestData data = SomeService();
+            data.env = {{"A", std::string(500, 'a')}};
+            for (int i = 0; i < STARTS; ++i) {
+                GeneralAppInfo app = GeneralApp(data);
+                std::optional<LaunchPlan> plan = launcher_.Prepare(app);
+                const std::lock_guard lock(mutex);
+                ASSERT_TRUE(plan && app.StartProcess(launcher_, *plan));
+                EXPECT_TRUE(started.insert(app.pid_).second);
+                newest = app.pid_;
+            }
+        });
+    }
+    for (int collected = 0; collected < THREADS * STARTS; ++collected) {
+        siginfo_t exit{};
+        while (waitid(P_ALL, 0, &exit, WEXITED | WNOWAIT) != 0) {
+            ASSERT_EQ(errno, ECHILD);  // for the moment
+            std::this_thread::yield();
+        }
+        const std::lock_guard lock(mutex);
+        EXPECT_EQ(started.erase(exit.si_pid), 1U);
+        EXPECT_TRUE(exit.si_status == 0 || exit.si_status == SIGKILL) << exit.si_status;
+        waitpid(exit.si_pid, nullptr, 0);
+    }
+    isRunning = false;
+    for (std::vector<std::thread>* threads : {&starters, &noise}) {
+        for (std::thread& thread : *threads) {
+            thread.join();
+        }
+    }
+    alarm(0);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(countDescriptors(), descriptors);
+    StartSleeping();
+}
+
+// A process of the child's new user must not read or change the memory, which is the daemon's.
+TEST_P(LaunchTest, TheMemoryIsProtectedFromTheUserOfAChild) {
+    ManifestData data = SomeService();
+    data.uid = data.gid = 1;
+    BaseAppInfo app(Manifest(data));
+    std::optional<LaunchPlan> plan = launcher_.Prepare(app);
+    if (!plan || getuid() != 0) {
+        GTEST_SKIP() << "the test needs root and a user of its own";
+    }
+    const bool isShared = plan->slot.IsValid();
+    prctl(PR_SET_DUMPABLE, 1);
+    ASSERT_TRUE(app.StartProcess(launcher_, *plan));
+    ASSERT_EQ(waitpid(app.pid_, nullptr, 0), app.pid_);
+    EXPECT_EQ(prctl(PR_GET_DUMPABLE), isShared ? 0 : 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Memory, LaunchTest, testing::Values("own", "shared"),
+                         [](const auto& memory) { return std::string(memory.param); });
 
 }  // namespace
 }  // namespace ProcMgr::App

@@ -23,10 +23,16 @@ public:
     // Called at the beginning of each ZornInitProc(), without a lock.
     void SetHook(std::function<void(const AppConfig&)> hook) { calls_.SetHook(0, std::move(hook)); }
 
+    // The result of ZornNeedsOwnMemory() from now on. While it is false, ZornInitProc() succeeds
+    // and is not recorded. Set before the children and the launcher exist.
+    static void SetNeedsOwnMemory(bool isNeeded) { needsOwnMemory = isNeeded; }
+    static bool NeedsOwnMemory() { return needsOwnMemory; }
+
     // For ZornInitProc() only.
     std::pair<int, int> Init(const AppConfig& config) { return calls_.Add(0, config); }
 
 private:
+    inline static bool needsOwnMemory = true;
     Recorder<int, AppConfig, std::pair<int, int>> calls_;  // one function: the key is 0
 };
 

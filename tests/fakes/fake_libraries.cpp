@@ -13,9 +13,16 @@ using ProcMgr::Fakes::FakeDevice;
 using ProcMgr::Fakes::FakeHeartBeat;
 
 int ZornInitProc(const AppConfig& config) {
+    if (!FakeAccessManager::NeedsOwnMemory()) {
+        return 0;
+    }
     const auto [result, error] = FakeAccessManager::Get().Init(config);
     errno = error;
     return result;
+}
+
+bool ZornNeedsOwnMemory() {
+    return FakeAccessManager::NeedsOwnMemory();
 }
 
 void ZornRetrieveService() {}

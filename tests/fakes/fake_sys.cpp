@@ -2,6 +2,9 @@
 
 #include <sched.h>
 
+#include <cerrno>
+
+#include "app/environment_block.h"
 #include "resource/task_file.h"
 
 namespace ProcMgr::Fakes {
@@ -23,15 +26,16 @@ bool AppendTid(const std::string& path, int32_t tid) {
     return Fakes::FakeSys::Get().Record("join " + path + ' ' + std::to_string(tid));
 }
 
-bool AppendTidToAll(const std::vector<std::string>& paths, int32_t tid, std::string& error) {
-    bool isComplete = true;
-    for (const std::string& path : paths) {
-        if (!AppendTid(path, tid)) {
-            error += "not joined " + path + ";";
-            isComplete = false;
-        }
+// Without the variables of the test's own process.
+App::EnvironmentBlock::EnvironmentBlock() = default;
+
+int App::EnvironmentBlock::Set(std::string_view name, std::string_view value) {
+    const std::string variable = std::string(name) + '=' + std::string(value);
+    if (!Fakes::FakeSys::Get().Record("setenv " + variable)) {
+        return errno;
     }
-    return isComplete;
+    variables_.push_back(variable);
+    return 0;
 }
 
 }  // namespace ProcMgr

@@ -12,7 +12,7 @@
 
 namespace ProcMgr::Fakes {
 
-// Thrown by the faked execv() and _exit(), which end the child's part of a launch.
+// Thrown by the faked execve() and _exit(), which end the child's part of a launch.
 struct ChildExecuted {};
 struct ChildExited {
     int status = 0;
@@ -20,7 +20,7 @@ struct ChildExited {
 
 // Calls() yields, in order: "getpid", "getrlimit 14", "prlimit 14 99 99", "sched_setscheduler 4711
 // 1 50", "nice 5", "setgroups 1,2", "setgid 7", "setsid", "setuid 8", "setenv NAME=VALUE",
-// "ZornInitProc NAME PATH", "write FD TEXT", "execv PATH|ARGV0|ARGV1", "_exit 1", "fork",
+// "ZornInitProc NAME PATH", "write FD TEXT", "execve PATH|ARGV0|ARGV1", "_exit 1", "fork",
 // "sigaction 13 default", "pthread_sigmask 2 EMPTY", "join PATH 4711", "sched_setaffinity 4711
 // COUNT".
 class FakeSys : public FailingCalls {

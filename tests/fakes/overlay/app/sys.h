@@ -31,10 +31,13 @@ public:
         FakeSys::Get().Record("_exit" + Number(status));
         throw Fakes::ChildExited{status};
     }
-    static int execv(const char* path, char* const* arguments) {
-        std::string record = std::string("execv ") + path;
+    static int execve(const char* path, char* const* arguments, char* const* variables) {
+        std::string record = std::string("execve ") + path;
         for (; *arguments != nullptr; ++arguments) {
             record += std::string("|") + *arguments;
+        }
+        for (; *variables != nullptr; ++variables) {
+            record += std::string(" ") + *variables;
         }
         if (!FakeSys::Get().Record(record)) {
             return -1;
@@ -74,10 +77,6 @@ public:
     static int sched_setscheduler(pid_t pid, int policy, const struct sched_param* param) {
         return Result("sched_setscheduler" + Number(pid) + Number(policy) +
                       Number(param->sched_priority));
-    }
-    static int setenv(const char* name, const char* value, int overwrite) {
-        return Result(std::string(overwrite != 0 ? "setenv " : "setenv-keep ") + name + '=' +
-                      value);
     }
     static int setgid(gid_t gid) { return Result("setgid" + Number(gid)); }
     static int setgroups(size_t count, const gid_t* groups) {

@@ -1,0 +1,272 @@
+#include "app/child_slots.h"
+
+#include <linux/futex.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <ctime>
+#include <exception>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "main/common/line_reader.h"
+#include "main/common/threads.h"
+
+namespace ProcMgr::App {
+namespace {
+
+constexpr size_t SLOTS_MAX = 4;
+// How long a child may keep its slot before others no longer wait for it. A child needs about a
+// third of a millisecond to execute its program.
+constexpr std::chrono::milliseconds PATIENCE{5};
+// The longest single wait for a child: another one may be ready sooner.
+constexpr std::chrono::microseconds WAIT_SLICE{500};
+// The access registration of the platform runs on this stack, too. Pages that are never touched
+// cost no memory.
+constexpr size_t STACK_SIZE = size_t{256} << 10;
+constexpr size_t GUARD_SIZE = size_t{64} << 10;  // a multiple of every page size
+
+constexpr const char* SUID_DUMPABLE_FILE = "/proc/sys/fs/suid_dumpable";
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define PROCMGR_IS_SANITIZED 1
+#endif
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define PROCMGR_IS_SANITIZED 1
+#endif
+
+constexpr bool MAY_SHARE_MEMORY =
+#if defined(PROCMGR_IS_SANITIZED) || !(defined(__x86_64__) || defined(__aarch64__))
+    false;
+#else
+    true;
+#endif
+
+// The address of the thread-local storage of the calling thread, in the form that clone takes.
+void* GetThreadPointer() {
+#if defined(__x86_64__)
+    void* pointer = nullptr;
+    asm("mov %%fs:0, %0" : "=r"(pointer));
+    return pointer;
+#elif defined(__aarch64__)
+    return __builtin_thread_pointer();
+#else
+    return nullptr;
+#endif
+}
+
+// A thread that sleeps from the constructor to the destructor and lends its thread-local storage.
+class StorageThread {
+public:
+    StorageThread() : thread_(StartThread("child storage", [this] { Run(); })) {
+        UniqueLock lock(mutex_);
+        changed_.Wait(lock,
+                      [this]() PROCMGR_REQUIRES(mutex_) { return threadPointer_ != nullptr; });
+    }
+    ~StorageThread() {
+        {
+            const LockGuard lock(mutex_);
+            isEnding_ = true;
+        }
+        changed_.NotifyAll();
+        thread_.join();
+    }
+    StorageThread(const StorageThread&) = delete;
+    StorageThread& operator=(const StorageThread&) = delete;
+
+    void* GetThreadPointer() {
+        const LockGuard lock(mutex_);
+        return threadPointer_;
+    }
+
+private:
+    void Run() {
+        UniqueLock lock(mutex_);
+        threadPointer_ = App::GetThreadPointer();
+        changed_.NotifyAll();
+        changed_.Wait(lock, [this]() PROCMGR_REQUIRES(mutex_) { return isEnding_; });
+    }
+
+    Mutex mutex_;
+    Condition changed_;
+    void* threadPointer_ PROCMGR_GUARDED_BY(mutex_) = nullptr;
+    bool isEnding_ PROCMGR_GUARDED_BY(mutex_) = false;
+    std::thread thread_;
+};
+
+// A stack with a guard below it. Its memory is not touched before a child runs on it.
+class Stack {
+public:
+    Stack()
+        : memory_(mmap(nullptr, GUARD_SIZE + STACK_SIZE, PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_STACK, -1, 0)) {
+        if (memory_ == MAP_FAILED || mprotect(memory_, GUARD_SIZE, PROT_NONE) != 0) {
+            Unmap();
+            throw std::bad_alloc();
+        }
+    }
+    ~Stack() { Unmap(); }
+    Stack(const Stack&) = delete;
+    Stack& operator=(const Stack&) = delete;
+
+    // The end from which the stack grows down.
+    void* GetTop() const { return static_cast<char*>(memory_) + GUARD_SIZE + STACK_SIZE; }
+
+private:
+    void Unmap() {
+        if (memory_ != MAP_FAILED) {
+            munmap(memory_, GUARD_SIZE + STACK_SIZE);
+        }
+    }
+
+    void* const memory_;
+};
+
+bool IsMemoryProtected() {
+    LineReader file(SUID_DUMPABLE_FILE);
+    const auto value = file.Next();
+    return value && *value == "0";
+}
+
+}  // namespace
+
+struct ChildSlots::Slot {
+    // The pid of the child while it shares the memory, else 0. The kernel writes it.
+    pid_t child = 0;
+    // The rest is used under the mutex of ChildSlots, or by the holder of the lease.
+    bool isLeased = false;
+    SteadyTime leased{};
+    std::shared_ptr<const void> used;
+    Stack stack;
+    StorageThread storage;
+
+    pid_t GetChild() { return std::atomic_ref(child).load(std::memory_order_acquire); }
+};
+
+ChildSlots::Lease::Lease(Lease&& other) noexcept
+    : slots_(std::exchange(other.slots_, nullptr)), index_(other.index_) {}
+
+ChildSlots::Lease& ChildSlots::Lease::operator=(Lease&& other) noexcept {
+    if (this != &other) {
+        Release();
+        slots_ = std::exchange(other.slots_, nullptr);
+        index_ = other.index_;
+    }
+    return *this;
+}
+
+void ChildSlots::Lease::Release() {
+    ChildSlots* const slots = std::exchange(slots_, nullptr);
+    if (slots != nullptr) {
+        const LockGuard lock(slots->mutex_);
+        slots->slots_[index_]->isLeased = false;
+    }
+}
+
+pid_t ChildSlots::Lease::Create(int (*run)(void*), void* argument,
+                                std::shared_ptr<const void> used) {
+    constexpr int FLAGS =
+        CLONE_VM | CLONE_SETTLS | CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID | SIGCHLD;
+    Slot* slot = nullptr;
+    {
+        const LockGuard lock(slots_->mutex_);
+        slot = slots_->slots_[index_].get();
+    }
+    slot->used = std::move(used);
+    const pid_t child = clone(run, slot->stack.GetTop(), FLAGS, argument, &slot->child,
+                              slot->storage.GetThreadPointer(), &slot->child);
+    const int error = errno;
+    Release();
+    errno = error;
+    return child;
+}
+
+ChildSlots::ChildSlots(size_t count) : count_(count) {
+    slots_.reserve(count);
+}
+
+// A slot whose child has not executed its program yet is not freed: the child still uses it.
+ChildSlots::~ChildSlots() {
+    for (std::unique_ptr<Slot>& slot : slots_) {
+        if (slot->GetChild() != 0) {
+            [[maybe_unused]] const Slot* inUse = slot.release();
+        }
+    }
+}
+
+size_t ChildSlots::DefaultCount() {
+    if (!MAY_SHARE_MEMORY || !IsMemoryProtected()) {
+        return 0;
+    }
+    return std::clamp<size_t>(std::thread::hardware_concurrency(), 1, SLOTS_MAX);
+}
+
+ChildSlots::Lease ChildSlots::Take() {
+    for (;;) {
+        Lease lease = TakeFree();
+        if (lease.IsValid() || !WaitForChild()) {
+            return lease;
+        }
+    }
+}
+
+ChildSlots::Lease ChildSlots::TakeFree() {
+    const LockGuard lock(mutex_);
+    for (size_t i = 0; i < count_; ++i) {
+        if (i == slots_.size()) {
+            try {
+                slots_.push_back(std::make_unique<Slot>());
+            } catch (const std::exception&) {
+                return {};
+            }
+        }
+        Slot& slot = *slots_[i];
+        if (!slot.isLeased && slot.GetChild() == 0) {
+            slot.isLeased = true;
+            slot.leased = std::chrono::steady_clock::now();
+            return {*this, i};
+        }
+    }
+    return {};
+}
+
+// The kernel wakes a waiter of the word of a slot when it clears the word. Another slot may become
+// free meanwhile, and the kernel wakes only one waiter, so a wait is short.
+bool ChildSlots::WaitForChild() {
+    MayWait("a child that has not executed its program yet");
+    Slot* awaited = nullptr;
+    {
+        const LockGuard lock(mutex_);
+        const SteadyTime now = std::chrono::steady_clock::now();
+        for (const std::unique_ptr<Slot>& slot : slots_) {
+            const bool isAwaited = now - slot->leased < PATIENCE;
+            if (isAwaited && (awaited == nullptr || slot->leased < awaited->leased)) {
+                awaited = slot.get();
+            }
+        }
+    }
+    if (awaited == nullptr) {
+        return false;
+    }
+    const pid_t child = awaited->GetChild();
+    if (child == 0) {
+        // The holder of the lease has not created its child yet, or the slot is free by now.
+        std::this_thread::yield();
+        return true;
+    }
+    const timespec slice{0, std::chrono::nanoseconds(WAIT_SLICE).count()};
+    syscall(SYS_futex, &awaited->child, FUTEX_WAIT, child, &slice, nullptr, 0);
+    return true;
+}
+
+}  // namespace ProcMgr::App

@@ -1,0 +1,83 @@
+// Creates children that share the memory of the daemon until they execute their program. Nothing is
+// copied for such a child, which makes up most of the cost of a fork, and the parent does not wait
+// for it: several children may be between their creation and execve at the same time.
+//
+// A child needs a slot for that time: a stack, and thread-local storage (errno) that no running
+// thread uses; it is lent by a thread of the slot that sleeps. The kernel clears the slot's word
+// and wakes its waiters when the child has executed its program or has ended, even by SIGKILL, and
+// no longer uses the memory. There are as many slots as cores, four at most: more children at a
+// time only compete for the cores. A caller that gets no slot forks.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include "main/common/mutex.h"
+
+namespace ProcMgr::App {
+
+// Callable from any thread.
+class ChildSlots {
+public:
+    // The right to create one child, or none. Must not outlive its ChildSlots.
+    class Lease {
+    public:
+        Lease() = default;
+        ~Lease() { Release(); }
+        Lease(Lease&& other) noexcept;
+        Lease& operator=(Lease&& other) noexcept;
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+
+        bool IsValid() const { return slots_ != nullptr; }
+
+        // Creates a child that calls `run(argument)`, with all signals blocked; `run` does not
+        // return. `used` is what the child uses: it is kept until the child no longer shares the
+        // memory. Uses up the lease. Returns the pid, or below 0, with errno, when the kernel
+        // refuses the child. The caller has blocked all signals and may hold any lock.
+        pid_t Create(int (*run)(void*), void* argument, std::shared_ptr<const void> used);
+
+    private:
+        friend class ChildSlots;
+        Lease(ChildSlots& slots, size_t index) : slots_(&slots), index_(index) {}
+        void Release();
+
+        ChildSlots* slots_ = nullptr;
+        size_t index_ = 0;
+    };
+
+    // `count`: the highest number of slots; 0: every lease is empty.
+    explicit ChildSlots(size_t count = DefaultCount());
+    ~ChildSlots();
+    ChildSlots(const ChildSlots&) = delete;
+    ChildSlots& operator=(const ChildSlots&) = delete;
+
+    // Waits for a slot, for a short time at most: a child that cannot go on, for example because
+    // its medium is slow or somebody has stopped it, keeps its slot. Returns an empty lease when
+    // there is none, or no memory for one. Not with a lock held.
+    Lease Take() PROCMGR_EXCLUDES(mutex_);
+
+    // The number for this machine; 0 where children must not share the memory: under sanitizers,
+    // whose run-time libraries they would change, and where a change of the user does not protect
+    // the memory against the new user.
+    static size_t DefaultCount();
+
+private:
+    struct Slot;
+
+    // A free slot, made now if there are fewer than count_; an empty lease when all are in use.
+    Lease TakeFree() PROCMGR_EXCLUDES(mutex_);
+    // Waits for a moment for the child that has had its slot longest, of those that are still
+    // waited for. False when there is none.
+    bool WaitForChild() PROCMGR_EXCLUDES(mutex_);
+
+    const size_t count_;
+    Mutex mutex_;
+    // Slots are added, never removed. The vector is reserved for all of them.
+    std::vector<std::unique_ptr<Slot>> slots_ PROCMGR_GUARDED_BY(mutex_);
+};
+
+}  // namespace ProcMgr::App
