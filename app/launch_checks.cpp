@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
 
 #include "main/common/log.h"
 #include "main/common/mutex.h"
@@ -74,6 +75,32 @@ bool MayMemberExecute(const char* app, const char* path, uint32_t uid, const str
     return true;
 }
 
+// Looks at the program that the path leads to. One call is enough when it succeeds and the path is
+// not too long for StandardizationPath(): the kernel resolves the path in the same way. The steps
+// one by one find which of them fails.
+bool StatProgram(const char* app, const std::string& execPath, struct stat& file) {
+    const char* path = execPath.c_str();
+    if (execPath.size() < PATH_MAX && stat(path, &file) == 0) {
+        return true;
+    }
+    if (access(path, F_OK) != 0) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : Start App=%s failed, binPath=%s is not existed !!!", app,
+                   path);
+        return false;
+    }
+    std::string resolved;
+    if (!StandardizationPath(execPath, resolved)) {
+        ProcMgrLog(LOG_ERR, "ProcMgr: StandardizationPath failed, path: %s", path);
+        return false;
+    }
+    if (stat(resolved.c_str(), &file) != 0) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : Start App=%s failed, stat binPath=%s failed, error=%d", app,
+                   path, errno);
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 bool CheckChildProParas(const std::string& appName, const std::string& execPath, uint32_t uid,
@@ -86,20 +113,8 @@ bool CheckChildProParas(const std::string& appName, const std::string& execPath,
                    app);
         return false;
     }
-    if (access(path, F_OK) != 0) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : Start App=%s failed, binPath=%s is not existed !!!", app,
-                   path);
-        return false;
-    }
-    std::string resolved;
-    if (!StandardizationPath(execPath, resolved)) {
-        ProcMgrLog(LOG_ERR, "ProcMgr: StandardizationPath failed, path: %s", path);
-        return false;
-    }
     struct stat file {};
-    if (stat(resolved.c_str(), &file) != 0) {
-        ProcMgrLog(LOG_ERR, "PROCMGR : Start App=%s failed, stat binPath=%s failed, error=%d", app,
-                   path, errno);
+    if (!StatProgram(app, execPath, file)) {
         return false;
     }
     if (uid == 0) {

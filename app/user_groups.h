@@ -34,7 +34,7 @@ bool IsGroupMember(const UserGroups& user, gid_t gid);
 
 // Keeps the groups of users that were looked up before, because at boot many services of few users
 // start at once. An entry is used for a minute at most, and only as long as the files of the user
-// database do not change.
+// database do not change; a change is noticed after 20 ms.
 class UserGroupsCache {
 public:
     // The groups from the cache, else from the database. Not with a lock held.
@@ -47,12 +47,16 @@ private:
     // A text of inode, size and modification time of the files of the user database: different
     // when a file has changed.
     static std::string ReadStamp();
+    // Empties the cache when the database has changed or the entries are too old.
+    void Refresh() PROCMGR_EXCLUDES(mutex_);
 
     Mutex mutex_;
     std::map<uint32_t, UserGroups> found_ PROCMGR_GUARDED_BY(mutex_);  // by uid
     // The stamp and the time at which the cache was last emptied.
     std::string stamp_ PROCMGR_GUARDED_BY(mutex_);
     SteadyTime emptied_ PROCMGR_GUARDED_BY(mutex_){};
+    // The time of the last look at the files of the database.
+    SteadyTime stamped_ PROCMGR_GUARDED_BY(mutex_){};
 };
 
 }  // namespace ProcMgr::App
