@@ -28,7 +28,7 @@ enum class StepResult { GO_ON, GIVE_UP };
 // Adds "TEXTerror;" to the message.
 void AddFailure(ChildContext& child, std::string_view text, int error) {
     child.message += text;
-    child.message += Decimal(error);
+    child.message += Decimal(error).Get();
     child.message += ";";
 }
 // As above, with errno.
@@ -70,7 +70,7 @@ StepResult StorePid(ChildContext& child) {
     child.message += "app=";
     child.message += child.plan.appName;
     child.message += ",pid=";
-    child.message += Decimal(child.pid);
+    child.message += Decimal(child.pid).Get();
     child.message += ",";
     child.message.EndHead();
     return StepResult::GO_ON;
@@ -102,11 +102,11 @@ StepResult SetScheduler(ChildContext& child) {
     parameter.sched_priority = child.plan.rtPriority;
     if (Sys::sched_setscheduler(child.pid, policy, &parameter) != 0) {
         child.message += "sched_setscheduler failed errno=";
-        child.message += Decimal(errno);
+        child.message += Decimal(errno).Get();
         child.message += ",type=";
-        child.message += Decimal(policy);
+        child.message += Decimal(policy).Get();
         child.message += ",priority=";
-        child.message += Decimal(child.plan.rtPriority);
+        child.message += Decimal(child.plan.rtPriority).Get();
         child.message += ";";
     }
     return StepResult::GO_ON;
@@ -147,13 +147,13 @@ StepResult SetIdentity(ChildContext& child) {
     }
     if (Sys::setgid(child.plan.gid) != 0) {
         child.message += "SetAppGid=";
-        child.message += Decimal(child.plan.gid);
+        child.message += Decimal(child.plan.gid).Get();
         AddFailure(child, " failed error=");
         return StepResult::GIVE_UP;
     }
     if (Sys::setuid(child.plan.uid) != 0) {
         child.message += "SetAppUid=";
-        child.message += Decimal(child.plan.uid);
+        child.message += Decimal(child.plan.uid).Get();
         AddFailure(child, ",failed error=");
         return StepResult::GIVE_UP;
     }
@@ -196,7 +196,7 @@ StepResult BindCores(ChildContext& child) {
     }
     if (child.aiTasks >= 0) {
         const Decimal number(child.pid);
-        const std::string_view id = number;
+        const std::string_view id = number.Get();
         [[maybe_unused]] const ssize_t written = Sys::write(child.aiTasks, id.data(), id.size());
     }
     CoreAffinityMgr::PinTo(child.pid, child.plan.coreMask, child.message);

@@ -79,9 +79,9 @@ public:
         if (sched_setaffinity(id, sizeof(mask->cores), &mask->cores) != 0) {
             const Decimal number(errno);
             error += "SetCoreAffinity fail pid=";
-            error += Decimal(id);
+            error += Decimal(id).Get();
             error += ", errno=";
-            error += number;
+            error += number.Get();
             error += ";";
             return AFFINITY_REFUSED;
         }

@@ -16,7 +16,7 @@ bool AppendTid(const std::string& path, int32_t tid) {
     const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     const Decimal number(tid);
     if (fd >= 0) {
-        const std::string_view id = number;
+        const std::string_view id = number.Get();
         [[maybe_unused]] const ssize_t written = write(fd, id.data(), id.size());
         close(fd);
     }

@@ -39,7 +39,7 @@ public:
               std::to_chars(text_.data(), text_.data() + text_.size(), number).ptr -
               text_.data())) {}
 
-    operator std::string_view() const { return {text_.data(), size_}; }
+    std::string_view Get() const { return {text_.data(), size_}; }
 
 private:
     std::array<char, 20> text_;  // the longest number has 20 characters
