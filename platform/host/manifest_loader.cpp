@@ -46,7 +46,7 @@ public:
     // `origin` begins the messages about an unreadable file: the position of the include; "" for
     // the first file.
     void LoadFile(const std::string& path, const std::string& origin) {
-        YamlFile file = reader_(path);
+        const YamlFile file = reader_(path);
         if (!file.error.empty()) {
             throw ManifestFault(origin + path + ": " + file.error);
         }
@@ -57,7 +57,7 @@ public:
             return;
         }
         YamlError error;
-        const YamlNodePtr root = ParseYamlText(std::move(file.text), error);
+        const YamlNodePtr root = ParseYamlText(file.text, error);
         if (root == nullptr) {
             throw ManifestFault(error.Describe(path));
         }
