@@ -3,7 +3,7 @@
 // with its lock.
 #pragma once
 
-#include <deque>
+#include <vector>
 
 #include "app/app_info.h"
 
@@ -30,8 +30,8 @@ public:
     // to "no".
     bool NeedRestart(SteadyTime now);
 
-    std::deque<SteadyTime> restartTimes_;  // the last restarts, at most five, the oldest first
-    bool isReady_ = false;                 // the present process has sent its readiness report
+    std::vector<SteadyTime> restartTimes_;  // the last restarts, at most five, the oldest first
+    bool isReady_ = false;                  // the present process has sent its readiness report
 };
 
 }  // namespace ProcMgr::App

@@ -16,7 +16,7 @@ namespace {
 
 // The longest time between two looks for exits: a library that installs a SIGCHLD handler of its
 // own may take a signal from the reaper, and the exit is then found at the next look.
-constexpr int LOOK_MILLISECONDS = 1000;
+constexpr int LOOK_MILLISECONDS = 5000;
 
 void WaitForSignal() {
     pollfd event{GetSignalEventFd(), POLLIN, 0};

@@ -13,12 +13,6 @@ namespace {
 
 constexpr std::chrono::milliseconds SETTLE_TIME{30};
 
-// The parser keeps the dependencies of the services that it has parsed, for GetStartGraph().
-ParseAndDepend& Parser() {
-    static ParseAndDepend parser;
-    return parser;
-}
-
 }  // namespace
 
 BaseStartup::BaseStartup(BaseServices& services, ReportedState& reportedState,
@@ -28,7 +22,7 @@ BaseStartup::BaseStartup(BaseServices& services, ReportedState& reportedState,
 bool BaseStartup::ParseYamlFile(const std::string& path,
                                 std::vector<ApplicationManifest>& manifests) {
     std::set<std::string> scratch;
-    if (Parser().ParseYaml(0, path, manifests, scratch) != 0) {
+    if (parser_.ParseYaml(0, path, manifests, scratch) != 0) {
         return false;
     }
     for (const ApplicationManifest& manifest : manifests) {
@@ -54,7 +48,7 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
         return;
     }
     DependGraph graph;
-    const bool hasGraph = Parser().GetStartGraph(enabledNames_, graph) == 0;
+    const bool hasGraph = parser_.GetStartGraph(enabledNames_, graph) == 0;
     if (!hasGraph) {
         ProcMgrLog(LOG_ERR, "PROCMGR : no start order for the services of %s", path.c_str());
     }
@@ -63,6 +57,8 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
         return;
     }
     manifests_ = {};
+    parser_ = {};
+    enabledNames_ = {};
     ProcMgrLog(LOG_INFO, "%s InitBaseApplication end", BootStrace(BOOT_TRACE_TAG).c_str());
     SleepFor(SETTLE_TIME);
     if (EnableWatchDog(outcome == Outcome::ALL_STARTED)) {

@@ -58,8 +58,10 @@ private:
     BaseServices& services_;
     ReportedState& reportedState_;
     BootCommandLine& commandLine_;
-    std::vector<ApplicationManifest> manifests_;  // of the file; emptied after the last batch
-    std::vector<std::string> enabledNames_;       // to be started, in the order of the file
+    // What start-up knows of the file; emptied after the last batch.
+    ParseAndDepend parser_;  // keeps the dependencies of the services for the start graph
+    std::vector<ApplicationManifest> manifests_;
+    std::vector<std::string> enabledNames_;  // to be started, in the order of the file
 };
 
 }  // namespace ProcMgr

@@ -40,6 +40,7 @@ std::string ReadText(const char* path) {
     while (!text.empty() && (text.back() == '\n' || text.back() == '\0')) {
         text.pop_back();
     }
+    text.shrink_to_fit();
     return text;
 }
 

@@ -35,8 +35,10 @@ constexpr size_t BATCH = 64;
 // After a line the thread stays awake for this time: in a burst of lines the logging threads then
 // do not have to wake it for each.
 constexpr std::chrono::milliseconds BURST_PAUSE{1};
-// The pause between two attempts to reach a logger that is absent.
+// The pause after the first attempt to reach a logger that is absent. Each further pause is twice
+// as long, up to the maximum.
 constexpr std::chrono::milliseconds LOGGER_PAUSE{100};
+constexpr std::chrono::milliseconds LOGGER_PAUSE_MAX{1600};
 // The longest single wait for a logger that has no room.
 constexpr std::chrono::milliseconds ROOM_PATIENCE{20};
 // The time in seconds for which a line waits for a logger that is absent, for example at early
@@ -81,7 +83,9 @@ private:
     std::span<const LogRing::Line> TakeBatch(LogSink sink) PROCMGR_EXCLUDES(mutex_);
     static void WriteKernelLine(std::string_view line);
     void PopLines(LogSink sink, size_t count) PROCMGR_EXCLUDES(mutex_);
-    void DropLine() PROCMGR_EXCLUDES(mutex_);
+    // Drops those of `lines`, the oldest of the system ring, that have waited too long. False when
+    // there is none.
+    bool DropStale(std::span<const LogRing::Line> lines) PROCMGR_EXCLUDES(mutex_);
     void ReportDropped() PROCMGR_EXCLUDES(mutex_);
 
     Mutex mutex_;
@@ -102,6 +106,7 @@ private:
 
     // Used by the log's thread, and by Close() once the thread has ended.
     SystemLogger logger_;
+    std::chrono::milliseconds loggerPause_ = LOGGER_PAUSE;
     std::array<LogRing::Line, BATCH> batch_{};
 };
 
@@ -190,9 +195,10 @@ bool Writer::Rest(Progress progress) {
         return false;
     }
     if (progress == Progress::NO_LOGGER) {
-        added_.WaitUntil(lock, now + LOGGER_PAUSE, [this]() PROCMGR_REQUIRES(mutex_) {
+        added_.WaitUntil(lock, now + loggerPause_, [this]() PROCMGR_REQUIRES(mutex_) {
             return !kernel_.IsEmpty() || isClosing_;
         });
+        loggerPause_ = std::min(2 * loggerPause_, LOGGER_PAUSE_MAX);
         return false;
     }
     if (IsEmpty()) {
@@ -249,6 +255,7 @@ Writer::Progress Writer::WriteSystemLines() {
     }
     PopLines(LogSink::SYSTEM, sent);
     if (sent > 0) {
+        loggerPause_ = LOGGER_PAUSE;
         ReportDropped();
     }
     if (result == SystemLogger::Sent::YES) {
@@ -257,17 +264,18 @@ Writer::Progress Writer::WriteSystemLines() {
     if (result == SystemLogger::Sent::NO_ROOM) {
         return Progress::NO_ROOM;
     }
-    if (CoarseSecond() - lines[sent].second < ABSENCE_MAX) {
-        return Progress::NO_LOGGER;
-    }
-    DropLine();
-    return Progress::DONE;
+    return DropStale(lines.subspan(sent)) ? Progress::DONE : Progress::NO_LOGGER;
 }
 
-void Writer::DropLine() {
+bool Writer::DropStale(std::span<const LogRing::Line> lines) {
+    const uint32_t now = CoarseSecond();
+    const auto fresh = std::ranges::find_if(
+        lines, [now](const LogRing::Line& line) { return now - line.second < ABSENCE_MAX; });
+    const auto stale = static_cast<size_t>(fresh - lines.begin());
+    PopLines(LogSink::SYSTEM, stale);
     const LockGuard lock(mutex_);
-    system_.Pop();
-    ++dropped_;
+    dropped_ += stale;
+    return stale > 0;
 }
 
 // Without room for the line the count is kept for the next attempt.

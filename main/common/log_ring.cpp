@@ -6,7 +6,7 @@ namespace ProcMgr {
 namespace {
 
 // The bytes that an empty ring keeps; it gives the rest of its memory back to the system.
-constexpr size_t KEPT = size_t{64} << 10;
+constexpr size_t KEPT = size_t{16} << 10;
 
 }  // namespace
 

@@ -32,7 +32,7 @@ bool KvsTypeYaml::InitYamlNode(const std::string& path) {
             return false;
         }
         PlatformHost::YamlError error;
-        node_->yaml = PlatformHost::ParseYamlText(std::move(file.text), error);
+        node_->yaml = PlatformHost::ParseYamlText(file.text, error);
         if (node_->yaml == nullptr) {
             WriteDiagnostic(LOG_ERR, error.Describe(path));
         }

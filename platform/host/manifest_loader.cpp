@@ -7,7 +7,9 @@
 #include <exception>
 #include <filesystem>
 #include <map>
+#include <memory_resource>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "platform/host/diagnostics.h"
@@ -46,7 +48,7 @@ public:
     // `origin` begins the messages about an unreadable file: the position of the include; "" for
     // the first file.
     void LoadFile(const std::string& path, const std::string& origin) {
-        YamlFile file = reader_(path);
+        const YamlFile file = reader_(path);
         if (!file.error.empty()) {
             throw ManifestFault(origin + path + ": " + file.error);
         }
@@ -57,7 +59,7 @@ public:
             return;
         }
         YamlError error;
-        const YamlNodePtr root = ParseYamlText(std::move(file.text), error);
+        const YamlNodePtr root = ParseYamlText(file.text, error);
         if (root == nullptr) {
             throw ManifestFault(error.Describe(path));
         }
@@ -67,6 +69,11 @@ public:
     }
 
 private:
+    struct Entry {
+        const std::string& path;
+        uint32_t line;
+    };
+
     void LoadRoot(const std::string& path, const YamlNode& root) {
         if (root.kind == YamlKind::NOTHING) {
             return;  // an empty file, or comments only
@@ -140,7 +147,7 @@ private:
             throw ManifestFault(
                 ManifestMessage(path, line, "bin", "missing in the entry " + Quoted(data->name)));
         }
-        RefuseRepeatedName(path, line, data->name);
+        RefuseRepeatedName(*data, line);
         if (!hasGid) {
             data->gid = GroupOf(path, line, data->uid);
         }
@@ -162,20 +169,24 @@ private:
         return groupOfUser_[uid] = *group;
     }
 
-    void RefuseRepeatedName(const std::string& path, uint32_t line, const std::string& name) {
-        const std::string here = path + ":" + std::to_string(line);
-        const auto [first, fresh] = entryOfName_.emplace(name, here);
-        if (!fresh) {
-            throw ManifestFault(ManifestMessage(
-                path, line, "name",
-                Quoted(name) + " is also the name of the entry at " + first->second));
+    void RefuseRepeatedName(const ManifestData& data, uint32_t line) {
+        const auto [found, isNew] = entryOfName_.try_emplace(data.name, Entry{data.cfgPath, line});
+        if (!isNew) {
+            const Entry& first = found->second;
+            throw ManifestFault(ManifestMessage(data.cfgPath, line, "name",
+                                                Quoted(data.name) +
+                                                    " is also the name of the entry at " +
+                                                    first.path + ":" + std::to_string(first.line)));
         }
     }
 
     const ManifestReader& reader_;
     ManifestLoad& load_;
     std::vector<std::string> reading_;  // real paths, from the first file to the current one
-    std::map<std::string, std::string> entryOfName_;
+    // Apart from the heap, where the nodes would leave a hole beside each manifest, and the small
+    // blocks of the records in these holes would keep the pages of the manifests for good.
+    std::pmr::monotonic_buffer_resource memory_;
+    std::pmr::map<std::string_view, Entry> entryOfName_{&memory_};  // refers to the manifests
     std::map<uint32_t, uint32_t> groupOfUser_;  // each user is looked up once for each load
 };
 

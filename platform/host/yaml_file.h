@@ -7,8 +7,7 @@
 
 namespace PlatformHost {
 
-// yaml-cpp keeps all tokens of a "[...]" or "{...}" until it ends, at a hundred times the size of
-// their text, so that the size of a file bounds the memory that reading it takes.
+// The size of a file bounds the memory that reading it takes.
 constexpr size_t MAX_YAML_FILE = size_t{1} << 20;
 
 // The text of a file, or the reason why it could not be read.

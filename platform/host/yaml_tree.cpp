@@ -1,15 +1,12 @@
 #include "platform/host/yaml_tree.h"
 
-#include <yaml-cpp/eventhandler.h>
-#include <yaml-cpp/exceptions.h>
-#include <yaml-cpp/mark.h>
-#include <yaml-cpp/parser.h>
+#include <yaml.h>
 
 #include <algorithm>
 #include <array>
-#include <exception>
+#include <map>
+#include <new>
 #include <span>
-#include <sstream>
 #include <stdexcept>
 #include <unordered_map>
 #include <utility>
@@ -25,14 +22,25 @@ constexpr size_t MAX_COST = size_t{32} << 20;
 constexpr size_t NODE_COST = 64;
 // Size of a document's first block of memory in bytes; each further block is larger.
 constexpr size_t FIRST_BLOCK = size_t{16} << 10;
+// The plain texts that stand for no value.
+constexpr std::array<std::string_view, 5> NOTHING{"", "~", "null", "Null", "NULL"};
 
 struct TreeFault : std::runtime_error {
     TreeFault(uint32_t where, const std::string& text) : std::runtime_error(text), line(where) {}
     uint32_t line;
 };
 
-uint32_t LineOf(const YAML::Mark& mark) {
-    return mark.line < 0 ? 1 : static_cast<uint32_t>(mark.line) + 1;
+uint32_t LineOf(const yaml_mark_t& mark) {
+    return static_cast<uint32_t>(mark.line) + 1;
+}
+
+uint32_t LineAt(std::string_view text, size_t offset) {
+    const std::string_view before = text.substr(0, offset);
+    return static_cast<uint32_t>(std::count(before.begin(), before.end(), '\n')) + 1;
+}
+
+std::string_view ToView(const yaml_char_t* text) {
+    return text == nullptr ? std::string_view() : reinterpret_cast<const char*>(text);
 }
 
 void RefuseRepeatedKeys(std::span<const YamlChild> map) {
@@ -47,7 +55,7 @@ void RefuseRepeatedKeys(std::span<const YamlChild> map) {
     }
 }
 
-class TreeBuilder : public YAML::EventHandler {
+class TreeBuilder {
 public:
     const std::string& LastKey() const { return lastKey_; }
     // The root of the document, of kind NOTHING when the text holds none.
@@ -55,47 +63,37 @@ public:
         return {memory_, root_ != nullptr ? root_ : NewNode(YamlKind::NOTHING, 1, {})};
     }
 
-    void OnDocumentStart(const YAML::Mark& mark) override {
-        if (++documents_ > 1) {
-            throw TreeFault(LineOf(mark), "more than one document in the file");
+    void Take(const yaml_event_t& event) {
+        const uint32_t line = LineOf(event.start_mark);
+        switch (event.type) {
+            case YAML_DOCUMENT_START_EVENT:
+                BeginDocument(line);
+                break;
+            case YAML_ALIAS_EVENT:
+                AddAlias(ToView(event.data.alias.anchor), line);
+                break;
+            case YAML_SCALAR_EVENT:
+                AddLeaf(event);
+                break;
+            case YAML_SEQUENCE_START_EVENT:
+                Open(YamlKind::LIST, line, ToView(event.data.sequence_start.anchor));
+                break;
+            case YAML_MAPPING_START_EVENT:
+                Open(YamlKind::MAP, line, ToView(event.data.mapping_start.anchor));
+                break;
+            case YAML_SEQUENCE_END_EVENT:
+            case YAML_MAPPING_END_EVENT:
+                Close();
+                break;
+            default:
+                break;
         }
-    }
-    void OnDocumentEnd() override {}
-
-    void OnNull(const YAML::Mark& mark, YAML::anchor_t anchor) override {
-        AddLeaf(YamlKind::NOTHING, LineOf(mark), anchor, {});
-    }
-    void OnScalar(const YAML::Mark& mark, const std::string& /*tag*/, YAML::anchor_t anchor,
-                  const std::string& value) override {
-        AddLeaf(YamlKind::TEXT, LineOf(mark), anchor, value);
-    }
-    void OnAlias(const YAML::Mark& mark, YAML::anchor_t anchor) override {
-        const auto found = anchors_.find(anchor);
-        if (found == anchors_.end()) {
-            throw TreeFault(LineOf(mark), "an alias lies inside its own anchor");
-        }
-        Charge(found->second.cost, LineOf(mark));
-        Add(found->second.node, LineOf(mark));
-    }
-
-    void OnSequenceStart(const YAML::Mark& mark, const std::string& /*tag*/, YAML::anchor_t anchor,
-                         YAML::EmitterStyle::value /*style*/) override {
-        Open(YamlKind::LIST, LineOf(mark), anchor);
-    }
-    void OnMapStart(const YAML::Mark& mark, const std::string& /*tag*/, YAML::anchor_t anchor,
-                    YAML::EmitterStyle::value /*style*/) override {
-        Open(YamlKind::MAP, LineOf(mark), anchor);
-    }
-    void OnSequenceEnd() override { Close(); }
-    void OnMapEnd() override {
-        RefuseRepeatedKeys(open_.back().node->children);
-        Close();
     }
 
 private:
     struct OpenNode {
         YamlNode* node = nullptr;
-        YAML::anchor_t anchor = 0;
+        std::string anchor;  // empty: the node has none
         size_t costBefore = 0;
         bool wantsValue = false;  // in a map: the last child is a key without its value
     };
@@ -117,32 +115,60 @@ private:
         return allocator.new_object<YamlNode>(kind, line, text, memory_.get());
     }
 
-    void AddLeaf(YamlKind kind, uint32_t line, YAML::anchor_t anchor, const std::string& value) {
-        if (value.find('\0') != std::string::npos) {
-            throw TreeFault(line, "a text holds a NUL character");
+    void BeginDocument(uint32_t line) {
+        if (++documents_ > 1) {
+            throw TreeFault(line, "more than one document in the file");
         }
-        const size_t cost = NODE_COST + value.size();
-        Charge(cost, line);
-        Finish(NewNode(kind, line, value), anchor, cost);
     }
 
-    void Open(YamlKind kind, uint32_t line, YAML::anchor_t anchor) {
+    void AddLeaf(const yaml_event_t& event) {
+        const auto& scalar = event.data.scalar;
+        const std::string_view value(reinterpret_cast<const char*>(scalar.value), scalar.length);
+        const uint32_t line = LineOf(event.start_mark);
+        if (value.find('\0') != std::string_view::npos) {
+            throw TreeFault(line, "a text holds a NUL character");
+        }
+        const bool isPlain = scalar.plain_implicit != 0 && scalar.style == YAML_PLAIN_SCALAR_STYLE;
+        const bool isNothing = isPlain && std::ranges::find(NOTHING, value) != NOTHING.end();
+        const YamlKind kind = isNothing ? YamlKind::NOTHING : YamlKind::TEXT;
+        const size_t cost = NODE_COST + value.size();
+        Charge(cost, line);
+        Finish(NewNode(kind, line, isNothing ? "" : value), ToView(scalar.anchor), cost);
+    }
+
+    void AddAlias(std::string_view anchor, uint32_t line) {
+        if (std::ranges::find(open_, anchor, &OpenNode::anchor) != open_.end()) {
+            throw TreeFault(line, "an alias lies inside its own anchor");
+        }
+        const auto found = anchors_.find(anchor);
+        if (found == anchors_.end()) {
+            throw TreeFault(line, "invalid YAML: no anchor " + Quoted(std::string(anchor)) +
+                                      " before this alias");
+        }
+        Charge(found->second.cost, line);
+        Add(found->second.node, line);
+    }
+
+    void Open(YamlKind kind, uint32_t line, std::string_view anchor) {
         if (open_.size() >= MAX_YAML_DEPTH) {
             throw TreeFault(line, "nested too deeply");
         }
-        open_.push_back(OpenNode{NewNode(kind, line, {}), anchor, cost_});
+        open_.push_back(OpenNode{NewNode(kind, line, {}), std::string(anchor), cost_});
         Charge(NODE_COST, line);
     }
 
     void Close() {
-        const OpenNode closed = open_.back();
+        const OpenNode closed = std::move(open_.back());
         open_.pop_back();
+        if (closed.node->kind == YamlKind::MAP) {
+            RefuseRepeatedKeys(closed.node->children);
+        }
         Finish(closed.node, closed.anchor, cost_ - closed.costBefore);
     }
 
-    void Finish(const YamlNode* node, YAML::anchor_t anchor, size_t cost) {
-        if (anchor != 0) {
-            anchors_[anchor] = Anchored{node, cost};
+    void Finish(const YamlNode* node, std::string_view anchor, size_t cost) {
+        if (!anchor.empty()) {
+            anchors_.insert_or_assign(std::string(anchor), Anchored{node, cost});
         }
         Add(node, node->line);
     }
@@ -170,102 +196,84 @@ private:
         std::make_shared<std::pmr::monotonic_buffer_resource>(FIRST_BLOCK);
     const YamlNode* root_ = nullptr;
     std::vector<OpenNode> open_;  // from the root to the innermost list or map that is not ended
-    std::unordered_map<YAML::anchor_t, Anchored> anchors_;
+    std::map<std::string, Anchored, std::less<>> anchors_;
     std::string lastKey_;
     size_t cost_ = 0;
     int documents_ = 0;
 };
 
-// yaml-cpp takes some control characters for the end of its input and would ignore the rest of the
-// file without an error. YAML allows none of these characters.
+// Refuses binary data and UTF-16 with a plain message before the parser stumbles over them.
 void RefuseControlCharacters(std::string_view text) {
     const auto bad = std::find_if(text.begin(), text.end(), [](char c) {
         const auto byte = static_cast<unsigned char>(c);
         return (byte < 0x20 && c != '\t' && c != '\n' && c != '\r') || byte == 0x7f;
     });
     if (bad != text.end()) {
-        const auto line = std::count(text.begin(), bad, '\n') + 1;
-        throw TreeFault(static_cast<uint32_t>(line),
+        throw TreeFault(LineAt(text, static_cast<size_t>(bad - text.begin())),
                         "not a text file: it holds a control character");
     }
 }
 
-void Parse(std::string text, TreeBuilder& builder) {
-    std::istringstream stream(std::move(text));
-    YAML::Parser parser(stream);
-    while (parser.HandleNextDocument(builder)) {
-    }
-}
-
-bool IsUnclosedQuote(const YAML::Exception& fault) {
-    return fault.msg == YAML::ErrorMsg::EOF_IN_SCALAR;
-}
-
-// Makes yaml-cpp report a quoted text that is not closed: without help it accepts the end of the
-// file as the closing quote when a quote or a line break comes directly before it. A comment
-// appended to the text changes no valid document, and inside an open quote it leads to the error.
-void MarkEnd(std::string& text) {
-    const size_t last = text.find_last_not_of(" \t");
-    const char ending = last == std::string::npos ? '\n' : text[last];
-    if (ending == '\n' || ending == '\r') {
-        text.resize(last == std::string::npos ? 0 : last + 1);
-        text += '#';
-    } else if (ending == '"' || ending == '\'') {
-        text += "\n#";
-    }
-}
-
-constexpr std::string_view QUOTE_END = "<end of the file>";
-
-// Records the first line of the scalar that ends with QUOTE_END.
-class QuoteFinder : public TreeBuilder {
+// The events of one text, which must outlive the object.
+class EventReader {
 public:
-    void OnScalar(const YAML::Mark& mark, const std::string& tag, YAML::anchor_t anchor,
-                  const std::string& value) override {
-        if (std::string_view(value).ends_with(QUOTE_END)) {
-            line = LineOf(mark);
+    explicit EventReader(std::string_view text) : text_(text) {
+        if (yaml_parser_initialize(&parser_) == 0) {
+            throw std::bad_alloc();
         }
-        TreeBuilder::OnScalar(mark, tag, anchor, value);
+        yaml_parser_set_input_string(&parser_, reinterpret_cast<const unsigned char*>(text.data()),
+                                     text.size());
     }
-    uint32_t line = 0;
+    ~EventReader() {
+        yaml_event_delete(&event_);
+        yaml_parser_delete(&parser_);
+    }
+    EventReader(const EventReader&) = delete;
+    EventReader& operator=(const EventReader&) = delete;
+
+    // Valid until the next call. Throws a TreeFault when the text is not valid.
+    const yaml_event_t& Next() {
+        yaml_event_delete(&event_);
+        if (yaml_parser_parse(&parser_, &event_) == 0) {
+            ThrowFault();
+        }
+        return event_;
+    }
+
+private:
+    [[noreturn]] void ThrowFault() const {
+        if (parser_.error == YAML_MEMORY_ERROR) {
+            throw std::bad_alloc();
+        }
+        const std::string context = parser_.context == nullptr ? "" : parser_.context;
+        const std::string problem = parser_.problem == nullptr ? "" : parser_.problem;
+        if (context == "while scanning a quoted scalar" &&
+            problem == "found unexpected end of stream") {
+            throw TreeFault(LineOf(parser_.context_mark),
+                            "the quote that opens here is never closed");
+        }
+        const uint32_t line = parser_.error == YAML_READER_ERROR
+                                  ? LineAt(text_, parser_.problem_offset)
+                                  : LineOf(parser_.problem_mark);
+        throw TreeFault(line,
+                        "invalid YAML: " + (context.empty() ? problem : context + ", " + problem));
+    }
+
+    const std::string_view text_;
+    yaml_parser_t parser_{};
+    yaml_event_t event_{};
 };
 
-// The line of the opening quote in a `text` whose last quote is not closed. yaml-cpp reports the
-// line of complete scalars only, so the text is parsed again with each kind of closing quote
-// appended. When the closed scalar is not valid at its place, the line of that error is the answer.
-uint32_t LineOfQuote(const std::string& text) {
-    for (const char quote : {'"', '\''}) {
-        QuoteFinder finder;
-        try {
-            Parse(text + std::string(QUOTE_END) + quote + "\n#", finder);
-        } catch (const TreeFault& fault) {
-            return finder.line != 0 ? finder.line : fault.line;
-        } catch (const YAML::Exception& fault) {
-            if (finder.line == 0 && IsUnclosedQuote(fault)) {
-                continue;
-            }
-            return finder.line != 0 ? finder.line : LineOf(fault.mark);
-        }
-        if (finder.line != 0) {
-            return finder.line;
-        }
-    }
-    return 1;
-}
-
-void Build(std::string text, TreeBuilder& builder) {
+void Build(std::string_view text, TreeBuilder& builder) {
     if (text.size() > MAX_YAML_FILE) {
         throw TreeFault(1, "the document is too large");
     }
     RefuseControlCharacters(text);
-    MarkEnd(text);
-    try {
-        Parse(text, builder);
-    } catch (const YAML::Exception& fault) {
-        if (!IsUnclosedQuote(fault)) {
-            throw;
-        }
-        throw TreeFault(LineOfQuote(text), "the quote that opens here is never closed");
+    EventReader reader(text);
+    for (bool isEnd = false; !isEnd;) {
+        const yaml_event_t& event = reader.Next();
+        builder.Take(event);
+        isEnd = event.type == YAML_STREAM_END_EVENT;
     }
 }
 
@@ -288,15 +296,13 @@ std::string YamlError::Describe(const std::string& file) const {
     return where + text;
 }
 
-YamlNodePtr ParseYamlText(std::string text, YamlError& error) {
+YamlNodePtr ParseYamlText(std::string_view text, YamlError& error) {
     TreeBuilder builder;
     try {
-        Build(std::move(text), builder);
+        Build(text, builder);
         return builder.Root();
     } catch (const TreeFault& fault) {
         error = YamlError{fault.line, builder.LastKey(), fault.what()};
-    } catch (const YAML::Exception& invalid) {
-        error = YamlError{LineOf(invalid.mark), builder.LastKey(), "invalid YAML: " + invalid.msg};
     }
     return nullptr;
 }

@@ -1,5 +1,5 @@
 // A YAML document as a tree of nodes with line numbers. The tree is built from the events of
-// yaml-cpp with limits on size, depth and alias use, so that the memory for any file is bounded.
+// libyaml with limits on size, depth and alias use, so that the memory for any file is bounded.
 // The manifest loader and KvsTypeYaml read their files with it.
 #pragma once
 
@@ -58,7 +58,7 @@ constexpr size_t MAX_YAML_DEPTH = 32;
 // Parses one document and returns its root; the root of an empty document is of kind NOTHING.
 // Returns null and sets `error` when the text is not valid. Keys are text and unique in their map,
 // and no text holds a NUL. Any thread; throws only std::bad_alloc.
-YamlNodePtr ParseYamlText(std::string text, YamlError& error);
+YamlNodePtr ParseYamlText(std::string_view text, YamlError& error);
 
 // Accepts true, yes, on, y and false, no, off, n in lower, upper or capitalised form.
 std::optional<bool> ParseYamlBool(std::string_view text);
