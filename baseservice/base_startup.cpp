@@ -1,7 +1,7 @@
 #include "baseservice/base_startup.h"
 
-#include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "app/app_spec.h"
 #include "main/common/boot_trace.h"
@@ -49,10 +49,12 @@ bool BaseStartup::ParseYamlFile(const std::string& path,
 void BaseStartup::InitBaseApplication(const std::string& path) {
     ProcMgrLog(LOG_INFO, "%s InitBaseApplication begin, yaml path=%s",
                BootStrace(BOOT_TRACE_TAG).c_str(), path.c_str());
-    if (!ParseYamlFile(path, manifests_)) {
+    std::vector<ApplicationManifest> manifests;
+    if (!ParseYamlFile(path, manifests)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : ParseYamlFile failed, ProcMgr return");
         return;
     }
+    TakeManifests(std::move(manifests));
     DependGraph graph;
     const bool hasGraph = Parser().GetStartGraph(enabledNames_, graph) == 0;
     if (!hasGraph) {
@@ -67,6 +69,12 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
     SleepFor(SETTLE_TIME);
     if (EnableWatchDog(outcome == Outcome::ALL_STARTED)) {
         WriteBootTracePoint(POINT_ALL_STARTED);
+    }
+}
+
+void BaseStartup::TakeManifests(std::vector<ApplicationManifest> manifests) {
+    for (ApplicationManifest& manifest : manifests) {
+        manifests_.try_emplace(manifest.GetAppName(), std::move(manifest));
     }
 }
 
@@ -104,14 +112,12 @@ BaseStartup::Outcome BaseStartup::StartBatch(const std::set<std::string>& batch)
         if (reportedState_.IsStopped()) {
             return Outcome::ABANDONED;
         }
-        const auto manifest = std::find_if(
-            manifests_.begin(), manifests_.end(),
-            [&](const ApplicationManifest& candidate) { return candidate.GetAppName() == name; });
+        const auto manifest = manifests_.find(name);
         if (manifest == manifests_.end()) {
             ProcMgrLog(LOG_ERR, "PROCMGR : can't find %s", name.c_str());
             return Outcome::ABANDONED;
         }
-        App::BaseAppInfo record(*manifest);
+        App::BaseAppInfo record(manifest->second);
         if (!InitOneBaseApplication(record)) {
             ProcMgrLog(LOG_ERR, "process-manager cur time:%s, start baseApp=%s failed",
                        BootStrace(BOOT_TRACE_TAG).c_str(), name.c_str());

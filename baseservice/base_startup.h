@@ -3,6 +3,7 @@
 // one. Runs once, on the start-up thread; no function of it is thread-safe.
 #pragma once
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -48,6 +49,7 @@ private:
     // ABANDONED: start-up has been stopped, or a service of the graph has no manifest.
     enum class Outcome { ALL_STARTED, SOME_FAILED, ABANDONED };
 
+    void TakeManifests(std::vector<ApplicationManifest> manifests);
     Outcome StartInOrder(DependGraph& graph);
     // Starts the services of one batch in the order of their names.
     Outcome StartBatch(const std::set<std::string>& batch);
@@ -58,8 +60,9 @@ private:
     BaseServices& services_;
     ReportedState& reportedState_;
     BootCommandLine& commandLine_;
-    std::vector<ApplicationManifest> manifests_;  // of the file; emptied after the last batch
-    std::vector<std::string> enabledNames_;       // to be started, in the order of the file
+    // The manifests of the file by name, the first one of each name; emptied after the last batch.
+    std::map<std::string, ApplicationManifest> manifests_;
+    std::vector<std::string> enabledNames_;  // to be started, in the order of the file
 };
 
 }  // namespace ProcMgr
