@@ -101,6 +101,7 @@ public:
     // A thread is starting the record's next process. Until that thread resets the flag, only that
     // thread changes the record; supervision skips it.
     bool isLaunching_ = false;
+    bool isDue_ = false;  // of the container: its next check pass looks at the record
     std::string home_;
     std::string owner_;
     std::set<int32_t> tids_;

@@ -86,7 +86,7 @@ bool BaseAppInfo::NeedRestart(SteadyTime now) {
             restartPolicy_ = RESTART_NO;
             return false;
         }
-        restartTimes_.pop_front();
+        restartTimes_.erase(restartTimes_.begin());
     }
     restartTimes_.push_back(now);
     return true;

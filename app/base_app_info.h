@@ -3,7 +3,8 @@
 // with its lock.
 #pragma once
 
-#include <deque>
+#include <cstdint>
+#include <vector>
 
 #include "app/app_info.h"
 
@@ -30,8 +31,9 @@ public:
     // to "no".
     bool NeedRestart(SteadyTime now);
 
-    std::deque<SteadyTime> restartTimes_;  // the last restarts, at most five, the oldest first
-    bool isReady_ = false;                 // the present process has sent its readiness report
+    std::vector<SteadyTime> restartTimes_;  // the last restarts, at most five, the oldest first
+    bool isReady_ = false;                  // the present process has sent its readiness report
+    uint64_t startNumber_ = 0;              // of the container: the position in the start order
 };
 
 }  // namespace ProcMgr::App
