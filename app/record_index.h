@@ -39,7 +39,14 @@ public:
     // its record; null when no record has the process.
     Record* Take(int32_t pid) {
         auto taken = processes_.extract(pid);
-        return taken.empty() ? nullptr : taken.mapped();
+        if (taken.empty()) {
+            return nullptr;
+        }
+        Record* const record = taken.mapped();
+        if (spare_.empty()) {
+            spare_ = std::move(taken);
+        }
+        return record;
     }
 
     Record* Find(int32_t pid) const {
