@@ -2,8 +2,10 @@
 // an exit or a check pass walks all records. A part of BaseServices, which guards it by its lock.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <list>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -28,7 +30,7 @@ public:
     Record* FindLive(const std::string& name);
 
     // All records, in start order.
-    std::list<Record>& GetAll() { return all_; }
+    std::pmr::list<Record>& GetAll() { return all_; }
 
     // The live processes: a process is added after its fork and taken when its exit is stored.
     App::ProcessIndex<Record>& GetProcesses() { return processes_; }
@@ -41,9 +43,16 @@ public:
     void KeepDue(const std::vector<Record*>& due) { due_.Keep(due); }
 
 private:
-    std::list<Record> all_;
+    using List = std::pmr::list<Record>;
+
+    // Keeps the records together, apart from the memory that start-up frees: the pages of a record
+    // that lies between the manifests could not be given back to the system. A removed record
+    // leaves its memory unused; each service is added once.
+    static constexpr size_t FIRST_BLOCK = size_t{256} * 1024;
+    std::pmr::monotonic_buffer_resource memory_{FIRST_BLOCK};
+    List all_{&memory_};
     // The keys refer to the names in the records.
-    std::unordered_map<std::string_view, std::list<Record>::iterator> byName_;
+    std::pmr::unordered_map<std::string_view, List::iterator> byName_{&memory_};
     App::ProcessIndex<Record> processes_;
     App::DueRecords<Record> due_;
     uint64_t lastNumber_ = 0;

@@ -215,7 +215,7 @@ std::vector<std::string> BaseServices::GetOwnersAmong(const std::vector<std::str
 bool BaseServices::Visit(const App::RecordVisitor& visitor) {
     const LockGuard lock(mutex_);
     if (!visitor.GetName() && !visitor.GetPid()) {
-        std::list<Record>& records = executedBaseApp_.GetAll();
+        auto& records = executedBaseApp_.GetAll();
         return std::any_of(records.begin(), records.end(), std::cref(visitor));
     }
     Record* record = visitor.GetPid() ? executedBaseApp_.GetProcesses().Find(*visitor.GetPid())

@@ -14,7 +14,7 @@ void BaseServices::StopAll() {
     BeginStop();
     UniqueLock lock(mutex_);
     std::vector<std::string> names;
-    std::list<Record>& records = executedBaseApp_.GetAll();
+    auto& records = executedBaseApp_.GetAll();
     for (auto record = records.rbegin(); record != records.rend(); ++record) {
         names.push_back(record->appName_);
     }

@@ -57,6 +57,7 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
     TakeManifests(std::move(manifests));
     DependGraph graph;
     const bool hasGraph = Parser().GetStartGraph(enabledNames_, graph) == 0;
+    Parser() = {};  // the dependencies are in the graph now
     if (!hasGraph) {
         ProcMgrLog(LOG_ERR, "PROCMGR : no start order for the services of %s", path.c_str());
     }
@@ -65,6 +66,7 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
         return;
     }
     manifests_ = {};
+    enabledNames_ = {};
     ProcMgrLog(LOG_INFO, "%s InitBaseApplication end", BootStrace(BOOT_TRACE_TAG).c_str());
     SleepFor(SETTLE_TIME);
     if (EnableWatchDog(outcome == Outcome::ALL_STARTED)) {
@@ -118,6 +120,9 @@ BaseStartup::Outcome BaseStartup::StartBatch(const std::set<std::string>& batch)
             return Outcome::ABANDONED;
         }
         App::BaseAppInfo record(manifest->second);
+        // The memory of the manifest serves the records of the services that follow, so that what
+        // is left of the manifests at the end is free in whole pages.
+        manifests_.erase(manifest);
         if (!InitOneBaseApplication(record)) {
             ProcMgrLog(LOG_ERR, "process-manager cur time:%s, start baseApp=%s failed",
                        BootStrace(BOOT_TRACE_TAG).c_str(), name.c_str());

@@ -60,7 +60,8 @@ private:
     BaseServices& services_;
     ReportedState& reportedState_;
     BootCommandLine& commandLine_;
-    // The manifests of the file by name, the first one of each name; emptied after the last batch.
+    // The manifests of the file by name, the first one of each name; each is dropped when its
+    // service is started.
     std::map<std::string, ApplicationManifest> manifests_;
     std::vector<std::string> enabledNames_;  // to be started, in the order of the file
 };
