@@ -61,12 +61,6 @@ public:
         startTime_ = other.startTime_;
         state_ = other.state_;
     }
-    // Takes over the result of the last state check of `other`. Does not throw.
-    void TakeCheckResult(const AppInfo& other) {
-        TakeProcess(other);
-        reportType_ = other.reportType_;
-        exitedWith125_ = other.exitedWith125_;
-    }
 
     // True while there is a process that may be signalled: it was started and its exit has not been
     // collected.
@@ -101,6 +95,7 @@ public:
     // A thread is starting the record's next process. Until that thread resets the flag, only that
     // thread changes the record; supervision skips it.
     bool isLaunching_ = false;
+    bool isDue_ = false;  // of the container: its next check pass looks at the record
     std::string home_;
     std::string owner_;
     std::set<int32_t> tids_;

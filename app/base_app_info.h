@@ -3,6 +3,7 @@
 // with its lock.
 #pragma once
 
+#include <cstdint>
 #include <vector>
 
 #include "app/app_info.h"
@@ -32,6 +33,7 @@ public:
 
     std::vector<SteadyTime> restartTimes_;  // the last restarts, at most five, the oldest first
     bool isReady_ = false;                  // the present process has sent its readiness report
+    uint64_t startNumber_ = 0;              // of the container: the position in the start order
 };
 
 }  // namespace ProcMgr::App

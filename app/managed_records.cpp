@@ -55,39 +55,37 @@ std::vector<ManagedApp> ManagedRecords::GetManagedApps(ManagedFilter filter) {
 }
 
 bool ManagedRecords::IsPresent(const ManagedApp& app) {
-    return Visit([&](const AppInfo& record) { return IsSame(record, app); });
+    return Visit(RecordVisitor::ForProcess(
+        app.pid, [&](const AppInfo& record) { return IsSame(record, app); }));
 }
 
 void ManagedRecords::NoteTids(const ManagedApp& app, const std::set<int32_t>& tids) {
     std::set<int32_t> noted = tids;
-    Visit([&](AppInfo& record) {
+    Visit(RecordVisitor::ForProcess(app.pid, [&](AppInfo& record) {
         const bool isFound = IsSame(record, app);
         if (isFound) {
             record.tids_.swap(noted);
         }
         return isFound;
-    });
+    }));
 }
 
 std::optional<std::string> ManagedRecords::GetNameOf(int32_t pid) {
     std::optional<std::string> name;
-    Visit([&](const AppInfo& record) {
-        if (record.pid_ != pid || !record.IsAlive()) {
-            return false;
-        }
+    Visit(RecordVisitor::ForProcess(pid, [&](const AppInfo& record) {
         name = record.appName_;
         return true;
-    });
+    }));
     return name;
 }
 
 bool ManagedRecords::HasProcess(const std::string& name) {
     return Visit(
-        [&](const AppInfo& record) { return record.appName_ == name && record.IsAlive(); });
+        RecordVisitor::ForName(name, [](const AppInfo& record) { return record.IsAlive(); }));
 }
 
 bool ManagedRecords::IsKnown(const std::string& name) {
-    return Visit([&](const AppInfo& record) { return record.appName_ == name; }) ||
+    return Visit(RecordVisitor::ForName(name, [](const AppInfo&) { return true; })) ||
            isConfigured_(name);
 }
 

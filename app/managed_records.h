@@ -2,7 +2,11 @@
 // lock, so before it changes a process it asks here whether the process is still the same.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "app/app_info.h"
@@ -10,10 +14,40 @@
 
 namespace ProcMgr::App {
 
-// Called for one record; true ends the visit.
-using RecordVisitor = std::function<bool(AppInfo& app)>;
-// Calls the visitor for every record of one container, under the lock of the container; true when
-// the visitor ended the visit. The visitor must not wait or take a lock.
+// Called for each record that it wants to see; true ends the visit.
+class RecordVisitor {
+public:
+    using Call = std::function<bool(AppInfo& app)>;
+
+    // Wants to see every record.
+    template <typename Function>
+    RecordVisitor(Function call) : call_(std::move(call)) {}
+
+    // These want to see one record: the one of that name, or the one whose live process is `pid`.
+    static RecordVisitor ForName(const std::string& name, Call call) {
+        RecordVisitor visitor(std::move(call));
+        visitor.name_ = name;
+        return visitor;
+    }
+    static RecordVisitor ForProcess(int32_t pid, Call call) {
+        RecordVisitor visitor(std::move(call));
+        visitor.pid_ = pid;
+        return visitor;
+    }
+
+    const std::optional<std::string>& GetName() const { return name_; }
+    const std::optional<int32_t>& GetPid() const { return pid_; }
+
+    bool operator()(AppInfo& app) const { return call_(app); }
+
+private:
+    Call call_;
+    std::optional<std::string> name_;
+    std::optional<int32_t> pid_;
+};
+
+// Calls the visitor for the records of one container that it wants to see, under the lock of the
+// container; true when the visitor ended the visit. The visitor must not wait or take a lock.
 using RecordContainer = std::function<bool(const RecordVisitor& visitor)>;
 
 // Callable from any thread without a container's lock.

@@ -1,6 +1,7 @@
 #include "baseservice/base_services.h"
 
 #include <algorithm>
+#include <functional>
 #include <utility>
 
 #include "main/common/log.h"
@@ -16,12 +17,6 @@ BaseServices::BaseServices(App::ProcessLauncher& launcher, ReportedState& report
       owners_(owners),
       reports_(reports),
       faults_(faults) {}
-
-BaseServices::Record* BaseServices::Find(const std::string& name) {
-    const auto found = std::find_if(executedBaseApp_.begin(), executedBaseApp_.end(),
-                                    [&](const Record& record) { return record.appName_ == name; });
-    return found == executedBaseApp_.end() ? nullptr : &*found;
-}
 
 bool BaseServices::Start(Record& record) {
     std::optional<App::LaunchPlan> plan = launcher_.Prepare(record);
@@ -41,21 +36,29 @@ bool BaseServices::StartInList(Record& record, App::LaunchPlan& plan) {
         return false;
     }
     // The record is added before the fork, so that a failure after the fork cannot lose the child.
-    executedBaseApp_.push_back(record);
-    Record* entry = Find(record.appName_);
+    Record* entry = executedBaseApp_.Add(record);
     if (entry == nullptr) {
         ProcMgrLog(LOG_ERR, "PROCMGR : InitOneBaseApplication, not find ownerName=%s",
                    record.appName_.c_str());
         return false;
     }
-    const bool isStarted = entry->StartProcess(launcher_, plan) && entry->GetState() == STARTING;
+    const bool isStarted = StartProcess(*entry, plan);
     record.TakeProcess(*entry);
     if (!isStarted) {
-        executedBaseApp_.pop_back();
+        executedBaseApp_.Remove(record.appName_);
         return false;
     }
     entry->isLaunching_ = true;
     reports_.ReportAppStateToZorn(*entry, RUNNING_NORMAL_START, 0);
+    return true;
+}
+
+bool BaseServices::StartProcess(Record& record, App::LaunchPlan& plan) {
+    executedBaseApp_.GetProcesses().Reserve();
+    if (!record.StartProcess(launcher_, plan)) {
+        return false;
+    }
+    executedBaseApp_.GetProcesses().Add(record);
     return true;
 }
 
@@ -69,14 +72,21 @@ void BaseServices::WithdrawFault(const std::string& name, int32_t event) {
 
 bool BaseServices::IsAnyUndecided(const std::set<std::string>& names) {
     const LockGuard lock(mutex_);
-    const bool isRestarting = !isStopping_;
-    return std::any_of(executedBaseApp_.begin(), executedBaseApp_.end(), [&](const Record& record) {
-        // The next pass restarts a service that has ended normally and whose policy restarts it.
-        const bool isRestarted = isRestarting && record.GetState() == TERMINATED &&
-                                 record.IsRestartable() &&
-                                 record.reportType_ == TERMINATED_NORMAL_EXIT;
-        return (record.IsUndecided() || isRestarted) && names.contains(record.appName_);
-    });
+    return std::any_of(names.begin(), names.end(),
+                       [this](const std::string& name)
+                           PROCMGR_REQUIRES(mutex_) { return IsUndecided(name); });
+}
+
+bool BaseServices::IsUndecided(const std::string& name) {
+    const Record* record = executedBaseApp_.Find(name);
+    if (record == nullptr) {
+        return false;
+    }
+    // The next pass restarts a service that has ended normally and whose policy restarts it.
+    const bool isRestarted = !isStopping_ && record->GetState() == TERMINATED &&
+                             record->IsRestartable() &&
+                             record->reportType_ == TERMINATED_NORMAL_EXIT;
+    return record->IsUndecided() || isRestarted;
 }
 
 bool BaseServices::CheckDepends(const std::set<std::string>& depends, const std::string& name) {
@@ -88,11 +98,11 @@ bool BaseServices::CheckDepends(const std::set<std::string>& depends, const std:
         const char* self = name.c_str();
         const char* other = depend.c_str();
         ProcMgrLog(LOG_INFO, "PROCMGR : %s depends on %s [%s => %s]", self, other, self, other);
-        if (executedBaseApp_.empty()) {
+        if (executedBaseApp_.GetAll().empty()) {
             ProcMgrLog(LOG_ERR, "PROCMGR : %s 's dependcy %s hasn't been started", self, other);
             return false;
         }
-        const Record* record = Find(depend);
+        const Record* record = executedBaseApp_.Find(depend);
         if (record == nullptr) {
             ProcMgrLog(LOG_ERR, "PROCMGR : %s 's dependcy %s not find,", self, other);
             return false;
@@ -108,7 +118,7 @@ bool BaseServices::CheckDepends(const std::set<std::string>& depends, const std:
 
 std::optional<ProcessState> BaseServices::GetState(const std::string& name) {
     const LockGuard lock(mutex_);
-    const Record* record = Find(name);
+    const Record* record = executedBaseApp_.Find(name);
     if (record == nullptr) {
         return std::nullopt;
     }
@@ -116,27 +126,31 @@ std::optional<ProcessState> BaseServices::GetState(const std::string& name) {
 }
 
 bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
-    const LockGuard lock(mutex_);
-    // Only records that are alive: the pid of a collected process may have been reused.
-    const auto found =
-        std::find_if(executedBaseApp_.begin(), executedBaseApp_.end(),
-                     [&](const Record& record) { return record.pid_ == pid && record.IsAlive(); });
-    if (found == executedBaseApp_.end()) {
-        return false;
+    bool isUrgent = false;
+    {
+        const LockGuard lock(mutex_);
+        Record* record = executedBaseApp_.GetProcesses().Take(pid);
+        if (record == nullptr) {
+            return false;
+        }
+        record->SetExitStatus(status);
+        executedBaseApp_.AddDue(*record);
+        launcher_.Release(*record);
+        ForgetDependent(*record);
+        const bool isYoung = std::chrono::steady_clock::now() - record->startTime_ <= CHECK_PERIOD;
+        // A service that dies soon after its start waits for the next period, so that a crash loop
+        // restarts it once per period. The stop restarts nothing, so every exit is checked at once.
+        isUrgent = isStopping_ || !isYoung;
     }
-    found->SetExitStatus(status);
-    launcher_.Release(*found);
-    const bool isYoung = std::chrono::steady_clock::now() - found->startTime_ <= CHECK_PERIOD;
-    // A service that dies soon after its start waits for the next period, so that a crash loop
-    // restarts it once per period. The stop restarts nothing, so every exit is checked at once.
-    isYoung && !isStopping_ ? checks_.Request() : checks_.RequestNow();
+    // Without the lock, because the threads that wake up here take it.
+    isUrgent ? checks_.RequestNow() : checks_.Request();
     exited_.NotifyAll();
     return true;
 }
 
 void BaseServices::UpdateBaseAppState(const std::string& name, ProcessState reported) {
     const LockGuard lock(mutex_);
-    Record* record = Find(name);
+    Record* record = executedBaseApp_.Find(name);
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : UpdateBaseAppState failed, not find app=%s from executedBaseApp",
@@ -152,6 +166,7 @@ void BaseServices::UpdateBaseAppState(const std::string& name, ProcessState repo
     if (reported == RUNNING) {
         WithdrawFault(name, App::EVENT_START_FAILED);
     }
+    executedBaseApp_.AddDue(*record);
     checks_.Request();
     record->ChangeState(reported, App::ChangeReason::REPORTED);
     reportedState_.Notify();
@@ -164,7 +179,7 @@ void BaseServices::BeginStop() {
 
 bool BaseServices::UpdateBaseServerReadyInfo(const std::string& name) {
     const LockGuard lock(mutex_);
-    Record* record = Find(name);
+    Record* record = executedBaseApp_.Find(name);
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR, "PUpdateBaseServerReadyInfo failed, not find base app=%s",
                    name.c_str());
@@ -175,32 +190,43 @@ bool BaseServices::UpdateBaseServerReadyInfo(const std::string& name) {
 
 bool BaseServices::IsReady(const std::string& name) {
     const LockGuard lock(mutex_);
-    const Record* record = Find(name);
+    const Record* record = executedBaseApp_.Find(name);
     return record != nullptr && record->isReady_ && record->IsAlive();
 }
 
-std::vector<std::string> BaseServices::GetOwners() {
+std::vector<std::string> BaseServices::GetOwnersAmong(const std::vector<std::string>& names) {
     const LockGuard lock(mutex_);
-    std::vector<std::string> owners;
-    for (const Record& record : executedBaseApp_) {
+    std::map<uint64_t, std::string> owners;
+    for (const std::string& name : names) {
+        const Record* record = executedBaseApp_.Find(name);
         // Includes a service that has promised to report and whose pipe is not open at the moment:
         // a report to it fails with a log line.
-        if (record.isReporting_ || owners_.GetServiceFd(record.appName_) > 0) {
-            owners.push_back(record.appName_);
+        if (record != nullptr && (record->isReporting_ || owners_.GetServiceFd(name) > 0)) {
+            owners[record->startNumber_] = name;
         }
     }
-    return owners;
+    std::vector<std::string> ordered;
+    for (auto& [number, name] : owners) {
+        ordered.push_back(std::move(name));
+    }
+    return ordered;
 }
 
 bool BaseServices::Visit(const App::RecordVisitor& visitor) {
     const LockGuard lock(mutex_);
-    return std::any_of(executedBaseApp_.begin(), executedBaseApp_.end(), visitor);
+    if (!visitor.GetName() && !visitor.GetPid()) {
+        auto& records = executedBaseApp_.GetAll();
+        return std::any_of(records.begin(), records.end(), std::cref(visitor));
+    }
+    Record* record = visitor.GetPid() ? executedBaseApp_.GetProcesses().Find(*visitor.GetPid())
+                                      : executedBaseApp_.Find(*visitor.GetName());
+    return record != nullptr && visitor(*record);
 }
 
 std::vector<Message::AppStateInfo> BaseServices::GetStates() {
     const LockGuard lock(mutex_);
     std::vector<Message::AppStateInfo> states;
-    for (const Record& record : executedBaseApp_) {
+    for (const Record& record : executedBaseApp_.GetAll()) {
         states.push_back(App::MakeStateInfo(record, App::PresentStateOf(record), 0));
     }
     return states;

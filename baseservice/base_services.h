@@ -25,6 +25,7 @@
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
 #include "app/sensor_node_event_reporter.h"
+#include "baseservice/base_records.h"
 #include "baseservice/owner_services.h"
 #include "baseservice/reported_state.h"
 #include "main/common/check_loop.h"
@@ -87,9 +88,10 @@ public:
     bool UpdateBaseServerReadyInfo(const std::string& name) PROCMGR_EXCLUDES(mutex_);
 
     bool IsReady(const std::string& name) override PROCMGR_EXCLUDES(mutex_);
-    std::vector<std::string> GetOwners() override PROCMGR_EXCLUDES(mutex_);
+    std::vector<std::string> GetOwnersAmong(const std::vector<std::string>& names) override
+        PROCMGR_EXCLUDES(mutex_);
 
-    // Shows every record to the visitor; see App::RecordContainer.
+    // Shows the records that the visitor asks for; see App::RecordContainer.
     bool Visit(const App::RecordVisitor& visitor) PROCMGR_EXCLUDES(mutex_);
 
     // Every service with its present state, in start order.
@@ -114,30 +116,37 @@ private:
     using Record = App::BaseAppInfo;
     class LaunchGuard;
 
-    // A service that StopAll() has sent SIGTERM.
-    struct Ending {
-        SteadyTime killTime;
-        bool isKilled = false;
+    // What a pass has to know of a service whose end it has just found.
+    struct Ended {
+        std::string name;
+        bool isReporting = false;
+        bool hasDied = false;  // else its end was requested
     };
+    // The services that StopAll() has sent SIGTERM.
     struct Endings {
-        std::map<std::string, Ending> byName;
+        std::multimap<SteadyTime, std::string> byKillTime;  // not killed yet
+        std::vector<std::string> killed;
         // How much longer StopAll() waits for processes that it has killed, all together.
         std::chrono::nanoseconds killPatience = std::chrono::milliseconds(500);
     };
 
-    // The steps of a pass and of a restart. Each works on a copy of the record, made under the
-    // lock.
-    // Checks the records from `index` on, up to and with the first one that has ended, and returns
-    // a copy of that one. Nothing when the list has been checked to its end.
-    std::optional<Record> CheckNext(CheckPass pass, size_t& index) PROCMGR_EXCLUDES(mutex_);
-    void ReleaseEnded(const Record& record) PROCMGR_EXCLUDES(mutex_);
+    // The steps of a pass and of a restart. Each works on copies, made under the lock.
+    // The records that the pass has to look at, in start order. They stay valid to the end of the
+    // pass: only the check thread removes records.
+    std::vector<Record*> ListDue() PROCMGR_EXCLUDES(mutex_);
+    // Checks the records of `due` from `index` on, up to and with the first one that has ended.
+    // Nothing when the list has been checked to its end.
+    std::optional<Ended> CheckNext(CheckPass pass, const std::vector<Record*>& due, size_t& index)
+        PROCMGR_EXCLUDES(mutex_);
+    void ReleaseEnded(const Ended& ended) PROCMGR_EXCLUDES(mutex_);
     // Restarts a service that has died if its policy allows it. A launch that may take long is
     // handed to another thread; `guard` is then disarmed.
     void RestartByPolicy(const std::string& name, LaunchGuard& guard) PROCMGR_EXCLUDES(mutex_);
     // Decides about the restart and logs the decision. Returns a copy of the record when the
     // service is to be restarted.
     std::optional<Record> DecideRestart(const std::string& name) PROCMGR_EXCLUDES(mutex_);
-    void PrepareAndRestart(const Record& copy) PROCMGR_EXCLUDES(mutex_);
+    // `copy` takes over the new process.
+    void PrepareAndRestart(Record& copy) PROCMGR_EXCLUDES(mutex_);
     void Reconnect(const Record& record) PROCMGR_EXCLUDES(mutex_);
     // Ends the launch of the record: supervision checks the record again.
     void EndLaunch(const std::string& name) PROCMGR_EXCLUDES(mutex_);
@@ -152,7 +161,13 @@ private:
 
     bool NeedsCheck(const Record& record, CheckPass pass, SteadyTime now) const
         PROCMGR_REQUIRES(mutex_);
-    Record* Find(const std::string& name) PROCMGR_REQUIRES(mutex_);
+    // Removes the records of RemoveTerminatedApps() and returns what it has to know of them, then
+    // takes the mark from those that the next pass need not look at.
+    std::vector<std::string> RemoveFromList() PROCMGR_EXCLUDES(mutex_);
+    static bool IsRemovable(const Record& record);
+    bool IsUndecided(const std::string& name) PROCMGR_REQUIRES(mutex_);
+    // Forks the process of a record that is in the list, and adds it to the live processes.
+    bool StartProcess(Record& record, App::LaunchPlan& plan) PROCMGR_REQUIRES(mutex_);
     // Starts a new process, by `plan`, for a service whose process has ended. Returns its record,
     // or null, with a log line, when there is no new process.
     const Record* RestartBaseApp(const std::string& name, std::optional<App::LaunchPlan> plan)
@@ -161,6 +176,9 @@ private:
     // Queues the report about a record whose process has just been found ended, and raises its
     // fault.
     void ReportEnd(Record& record) PROCMGR_REQUIRES(mutex_);
+    void CountDependents() PROCMGR_REQUIRES(mutex_);
+    // Called when the exit of the service's process has been stored.
+    void ForgetDependent(const Record& record) PROCMGR_REQUIRES(mutex_);
     // True when a service that is alive depends on `name`.
     bool IsNeeded(const std::string& name) const PROCMGR_REQUIRES(mutex_);
     void Terminate(const std::string& name, Endings& endings) PROCMGR_REQUIRES(mutex_);
@@ -171,6 +189,8 @@ private:
     // Kills the processes whose time-out has passed. Returns the time of the next kill or of giving
     // up; nothing when every process has ended or been given up.
     std::optional<SteadyTime> KillLate(Endings& endings) PROCMGR_REQUIRES(mutex_);
+    // Forgets killed services that have ended, and gives up the others when the patience is over.
+    void DropKilled(Endings& endings) PROCMGR_REQUIRES(mutex_);
 
     App::ProcessLauncher& launcher_;
     ReportedState& reportedState_;
@@ -181,8 +201,10 @@ private:
 
     Mutex mutex_;
     Condition exited_;  // notified when an exit has been stored
-    std::vector<Record> executedBaseApp_ PROCMGR_GUARDED_BY(mutex_);  // in start order
+    BaseRecords executedBaseApp_ PROCMGR_GUARDED_BY(mutex_);
     bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
+    // Of StopAll(): how many live services depend on the service of that name.
+    std::map<std::string, size_t> liveDependents_ PROCMGR_GUARDED_BY(mutex_);
 };
 
 }  // namespace ProcMgr

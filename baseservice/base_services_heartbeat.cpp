@@ -43,7 +43,7 @@ int BaseServices::HeartBeatNotify(const char* name, size_t nameLength, int32_t p
     // Held to the end of the function: a fault that is raised here is withdrawn when the record is
     // removed, which takes the lock, too.
     const LockGuard lock(mutex_);
-    const Record* record = Find(app);
+    const Record* record = executedBaseApp_.Find(app);
     if (record == nullptr) {
         ProcMgrLog(LOG_ERR, "Process heart beat notify, not find base app=%s", app.c_str());
         return 0;

@@ -14,9 +14,11 @@ void BaseServices::StopAll() {
     BeginStop();
     UniqueLock lock(mutex_);
     std::vector<std::string> names;
-    for (auto record = executedBaseApp_.rbegin(); record != executedBaseApp_.rend(); ++record) {
+    auto& records = executedBaseApp_.GetAll();
+    for (auto record = records.rbegin(); record != records.rend(); ++record) {
         names.push_back(record->appName_);
     }
+    CountDependents();
     Endings endings;
     for (const std::string& name : names) {
         WaitWhile(lock, endings, [&]() PROCMGR_REQUIRES(mutex_) { return IsNeeded(name); });
@@ -25,23 +27,45 @@ void BaseServices::StopAll() {
     WaitWhile(lock, endings, [] { return true; });
 }
 
+// From here on the counts only fall, because nothing is started any more.
+void BaseServices::CountDependents() {
+    liveDependents_.clear();
+    for (const Record& record : executedBaseApp_.GetAll()) {
+        if (!record.IsAlive()) {
+            continue;
+        }
+        for (const std::string& depend : record.dependList_) {
+            ++liveDependents_[depend];
+        }
+    }
+}
+
+void BaseServices::ForgetDependent(const Record& record) {
+    if (liveDependents_.empty()) {
+        return;
+    }
+    for (const std::string& depend : record.dependList_) {
+        --liveDependents_.at(depend);
+    }
+}
+
 bool BaseServices::IsNeeded(const std::string& name) const {
-    return std::any_of(executedBaseApp_.begin(), executedBaseApp_.end(), [&](const Record& record) {
-        return record.IsAlive() && record.dependList_.contains(name);
-    });
+    const auto found = liveDependents_.find(name);
+    return found != liveDependents_.end() && found->second > 0;
 }
 
 void BaseServices::Terminate(const std::string& name, Endings& endings) {
-    Record* record = Find(name);
-    if (record == nullptr || !record->IsAlive()) {
+    Record* record = executedBaseApp_.FindLive(name);
+    if (record == nullptr) {
         return;
     }
     record->TermProcess();
     checks_.Request();
     record->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
     reportedState_.Notify();
-    endings.byName[name] = {std::chrono::steady_clock::now() +
-                            std::chrono::milliseconds(record->termTimeout_)};
+    const auto killTime =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(record->termTimeout_);
+    endings.byKillTime.emplace(killTime, name);
 }
 
 void BaseServices::WaitWhile(UniqueLock& lock, Endings& endings,
@@ -51,43 +75,56 @@ void BaseServices::WaitWhile(UniqueLock& lock, Endings& endings,
         if (!next) {
             return;
         }
+        const bool isAnyKilled = !endings.killed.empty();
         const SteadyTime begin = std::chrono::steady_clock::now();
         exited_.WaitUntil(lock, *next);
-        const bool isAnyKilled =
-            std::any_of(endings.byName.begin(), endings.byName.end(),
-                        [](const auto& ending) { return ending.second.isKilled; });
         if (isAnyKilled) {
             endings.killPatience -= std::chrono::steady_clock::now() - begin;
         }
     }
 }
 
+// Looks only at the first entries of the lists, because it is called after every exit.
 std::optional<SteadyTime> BaseServices::KillLate(Endings& endings) {
+    DropKilled(endings);
     const SteadyTime now = std::chrono::steady_clock::now();
-    std::optional<SteadyTime> next;
-    for (auto entry = endings.byName.begin(); entry != endings.byName.end();) {
-        auto& [name, ending] = *entry;
-        const Record* record = Find(name);
-        const bool isGone = record == nullptr || !record->IsAlive();
-        const bool isGivenUp = !isGone && ending.isKilled && endings.killPatience.count() <= 0;
-        if (isGivenUp) {
-            ProcMgrLog(LOG_ERR, "PROCMGR : %s, pid=%d has not ended after SIGKILL, give up",
-                       name.c_str(), record->pid_);
-        }
-        if (isGone || isGivenUp) {
-            entry = endings.byName.erase(entry);
-            continue;
-        }
-        if (!ending.isKilled && now >= ending.killTime) {
+    auto& waiting = endings.byKillTime;
+    while (!waiting.empty()) {
+        const auto& [killTime, name] = *waiting.begin();
+        if (const Record* record = executedBaseApp_.FindLive(name)) {
+            if (now < killTime) {
+                break;
+            }
             App::TermRqdSubProc(name, record->pid_);
             App::SendSignal(SIGKILL, name, record->pid_);
-            ending.isKilled = true;
+            endings.killed.push_back(name);
         }
-        const SteadyTime due = ending.isKilled ? now + endings.killPatience : ending.killTime;
-        next = next ? std::min(*next, due) : due;
-        ++entry;
+        waiting.erase(waiting.begin());
+    }
+    std::optional<SteadyTime> next;
+    if (!waiting.empty()) {
+        next = waiting.begin()->first;
+    }
+    if (!endings.killed.empty()) {
+        next = std::min(next.value_or(SteadyTime::max()), now + endings.killPatience);
     }
     return next;
+}
+
+void BaseServices::DropKilled(Endings& endings) {
+    auto& killed = endings.killed;
+    const bool isOver = endings.killPatience.count() <= 0;
+    while (!killed.empty()) {
+        const Record* record = executedBaseApp_.FindLive(killed.back());
+        if (record != nullptr && !isOver) {
+            return;
+        }
+        if (record != nullptr) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : %s, pid=%d has not ended after SIGKILL, give up",
+                       killed.back().c_str(), record->pid_);
+        }
+        killed.pop_back();
+    }
 }
 
 }  // namespace ProcMgr

@@ -56,32 +56,39 @@ private:
 };
 
 void BaseServices::CheckBaseApps(CheckPass pass) {
+    const std::vector<Record*> due = ListDue();
     size_t index = 0;
-    while (const std::optional<Record> ended = CheckNext(pass, index)) {
-        LaunchGuard guard(*this, ended->appName_);
+    while (const std::optional<Ended> ended = CheckNext(pass, due, index)) {
+        LaunchGuard guard(*this, ended->name);
         ReleaseEnded(*ended);
-        if (ended->reportType_ == TERMINATED_ABNORMAL_EXIT) {
-            RestartByPolicy(ended->appName_, guard);
+        if (ended->hasDied) {
+            RestartByPolicy(ended->name, guard);
         }
     }
 }
 
-// The index stays valid between two calls: only this thread removes records.
-std::optional<BaseServices::Record> BaseServices::CheckNext(CheckPass pass, size_t& index) {
+std::vector<BaseServices::Record*> BaseServices::ListDue() {
+    const LockGuard lock(mutex_);
+    return executedBaseApp_.ListDue();
+}
+
+std::optional<BaseServices::Ended> BaseServices::CheckNext(CheckPass pass,
+                                                           const std::vector<Record*>& due,
+                                                           size_t& index) {
     const LockGuard lock(mutex_);
     const SteadyTime now = std::chrono::steady_clock::now();
-    while (index < executedBaseApp_.size()) {
-        Record& record = executedBaseApp_[index++];
+    while (index < due.size()) {
+        Record& record = *due[index++];
         if (!NeedsCheck(record, pass, now)) {
             continue;
         }
-        // The copy is made before the state changes: when it fails, the next pass finds the exit.
-        std::optional<Record> copy = record;
+        // Made before the state changes: when the copy fails, the next pass finds the exit.
+        Ended ended{record.appName_, record.isReporting_};
         CheckOne(record);
         if (record.GetState() == TERMINATED) {
-            copy->TakeCheckResult(record);
+            ended.hasDied = record.reportType_ == TERMINATED_ABNORMAL_EXIT;
             ReportEnd(record);
-            return copy;
+            return ended;
         }
         // The pass requested here resets reportType_ of a record that has just become RUNNING.
         if (NeedsCheck(record, CheckPass::PERIODIC, now)) {
@@ -146,17 +153,16 @@ void BaseServices::ReportEnd(Record& record) try {
 // Closes the pipe and ends the heartbeat watch of a process that has ended. A service that has not
 // promised to report may have a pipe, too; it is closed before the restart, so that the next
 // process does not attach to it.
-void BaseServices::ReleaseEnded(const Record& record) {
+void BaseServices::ReleaseEnded(const Ended& ended) {
     reports_.Flush();
-    const bool hasDied = record.reportType_ == TERMINATED_ABNORMAL_EXIT;
-    if (hasDied && (record.isReporting_ || owners_.GetServiceFd(record.appName_) > 0)) {
-        owners_.UnRegServiceCallBack(record.appName_);
+    if (ended.hasDied && (ended.isReporting || owners_.GetServiceFd(ended.name) > 0)) {
+        owners_.UnRegServiceCallBack(ended.name);
     }
-    EndHeartBeat(record.appName_);
+    EndHeartBeat(ended.name);
 }
 
 void BaseServices::RestartByPolicy(const std::string& name, LaunchGuard& guard) {
-    const std::optional<Record> copy = DecideRestart(name);
+    std::optional<Record> copy = DecideRestart(name);
     if (!copy) {
         return;
     }
@@ -164,7 +170,7 @@ void BaseServices::RestartByPolicy(const std::string& name, LaunchGuard& guard) 
         PrepareAndRestart(*copy);
         return;
     }
-    const auto job = [this, copy] {
+    const auto job = [this, copy]() mutable {
         const LaunchGuard jobGuard(*this, copy->appName_);
         PrepareAndRestart(*copy);
     };
@@ -177,7 +183,7 @@ void BaseServices::RestartByPolicy(const std::string& name, LaunchGuard& guard) 
 
 std::optional<BaseServices::Record> BaseServices::DecideRestart(const std::string& name) {
     const LockGuard lock(mutex_);
-    Record* record = Find(name);
+    Record* record = executedBaseApp_.Find(name);
     if (record == nullptr || isStopping_) {
         return std::nullopt;
     }
@@ -190,9 +196,8 @@ std::optional<BaseServices::Record> BaseServices::DecideRestart(const std::strin
     return *record;
 }
 
-void BaseServices::PrepareAndRestart(const Record& copy) {
+void BaseServices::PrepareAndRestart(Record& copy) {
     std::optional<App::LaunchPlan> plan = launcher_.Prepare(copy);
-    Record started = copy;
     {
         const LockGuard lock(mutex_);
         const Record* record =
@@ -200,16 +205,16 @@ void BaseServices::PrepareAndRestart(const Record& copy) {
         if (record == nullptr) {
             return;
         }
-        started.TakeProcess(*record);
+        copy.TakeProcess(*record);
     }
     // Base start-up may be waiting for this service, because another one depends on it.
     reportedState_.Notify();
-    Reconnect(started);
+    Reconnect(copy);
 }
 
 const BaseServices::Record* BaseServices::RestartBaseApp(const std::string& name,
                                                          std::optional<App::LaunchPlan> plan) {
-    Record* record = Find(name);
+    Record* record = executedBaseApp_.Find(name);
     if (record == nullptr) {
         ProcMgrLog(LOG_WARNING, "PROCMGR : Failed to find a process %s from executedBaseApp_",
                    name.c_str());
@@ -220,7 +225,7 @@ const BaseServices::Record* BaseServices::RestartBaseApp(const std::string& name
                    name.c_str(), GetProcessStateStr(record->GetState()).c_str());
         return nullptr;
     }
-    if (!plan || !record->StartProcess(launcher_, *plan)) {
+    if (!plan || !StartProcess(*record, *plan)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Restarting process : %s failed ", name.c_str());
         LogSupervised(LOG_ERR, RESTART_FAILED, *record);
         return nullptr;
@@ -268,30 +273,43 @@ bool BaseServices::Announce(const Record& started) {
 void BaseServices::EndLaunch(const std::string& name) {
     {
         const LockGuard lock(mutex_);
-        Record* record = Find(name);
+        Record* record = executedBaseApp_.Find(name);
         if (record != nullptr) {
             record->isLaunching_ = false;
+            executedBaseApp_.AddDue(*record);
         }
     }
     checks_.Request();
     reportedState_.Notify();
 }
 
-void BaseServices::RemoveTerminatedApps() {
+bool BaseServices::IsRemovable(const Record& record) {
+    return record.GetState() == TERMINATED && !record.isLaunching_ && !record.IsRestartable();
+}
+
+std::vector<std::string> BaseServices::RemoveFromList() {
+    const LockGuard lock(mutex_);
+    const SteadyTime now = std::chrono::steady_clock::now();
     std::vector<std::string> removed;
-    {
-        const LockGuard lock(mutex_);
-        std::erase_if(executedBaseApp_, [&](const Record& record) {
-            if (record.GetState() != TERMINATED || record.isLaunching_ || record.IsRestartable()) {
-                return false;
-            }
-            ProcMgrLog(LOG_INFO, "PROCMGR : Process %s removed from the list of executedBaseApp_",
-                       record.appName_.c_str());
-            removed.push_back(record.appName_);
-            return true;
-        });
+    std::vector<Record*> due;
+    for (Record* record : executedBaseApp_.ListDue()) {
+        if (IsRemovable(*record)) {
+            removed.push_back(record->appName_);
+        } else if (NeedsCheck(*record, CheckPass::PERIODIC, now)) {
+            due.push_back(record);
+        }
     }
+    executedBaseApp_.KeepDue(due);
     for (const std::string& name : removed) {
+        ProcMgrLog(LOG_INFO, "PROCMGR : Process %s removed from the list of executedBaseApp_",
+                   name.c_str());
+        executedBaseApp_.Remove(name);
+    }
+    return removed;
+}
+
+void BaseServices::RemoveTerminatedApps() {
+    for (const std::string& name : RemoveFromList()) {
         if (owners_.GetServiceFd(name) > 0) {
             owners_.UnRegServiceCallBack(name);
         }

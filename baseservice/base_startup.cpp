@@ -1,7 +1,7 @@
 #include "baseservice/base_startup.h"
 
-#include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include "app/app_spec.h"
 #include "main/common/boot_trace.h"
@@ -43,12 +43,15 @@ bool BaseStartup::ParseYamlFile(const std::string& path,
 void BaseStartup::InitBaseApplication(const std::string& path) {
     ProcMgrLog(LOG_INFO, "%s InitBaseApplication begin, yaml path=%s",
                BootStrace(BOOT_TRACE_TAG).c_str(), path.c_str());
-    if (!ParseYamlFile(path, manifests_)) {
+    std::vector<ApplicationManifest> manifests;
+    if (!ParseYamlFile(path, manifests)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : ParseYamlFile failed, ProcMgr return");
         return;
     }
+    TakeManifests(std::move(manifests));
     DependGraph graph;
     const bool hasGraph = parser_.GetStartGraph(enabledNames_, graph) == 0;
+    parser_ = {};  // the dependencies are in the graph now
     if (!hasGraph) {
         ProcMgrLog(LOG_ERR, "PROCMGR : no start order for the services of %s", path.c_str());
     }
@@ -57,12 +60,17 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
         return;
     }
     manifests_ = {};
-    parser_ = {};
     enabledNames_ = {};
     ProcMgrLog(LOG_INFO, "%s InitBaseApplication end", BootStrace(BOOT_TRACE_TAG).c_str());
     SleepFor(SETTLE_TIME);
     if (EnableWatchDog(outcome == Outcome::ALL_STARTED)) {
         WriteBootTracePoint(POINT_ALL_STARTED);
+    }
+}
+
+void BaseStartup::TakeManifests(std::vector<ApplicationManifest> manifests) {
+    for (ApplicationManifest& manifest : manifests) {
+        manifests_.try_emplace(manifest.GetAppName(), std::move(manifest));
     }
 }
 
@@ -100,14 +108,15 @@ BaseStartup::Outcome BaseStartup::StartBatch(const std::set<std::string>& batch)
         if (reportedState_.IsStopped()) {
             return Outcome::ABANDONED;
         }
-        const auto manifest = std::find_if(
-            manifests_.begin(), manifests_.end(),
-            [&](const ApplicationManifest& candidate) { return candidate.GetAppName() == name; });
+        const auto manifest = manifests_.find(name);
         if (manifest == manifests_.end()) {
             ProcMgrLog(LOG_ERR, "PROCMGR : can't find %s", name.c_str());
             return Outcome::ABANDONED;
         }
-        App::BaseAppInfo record(*manifest);
+        App::BaseAppInfo record(manifest->second);
+        // The memory of the manifest serves the records of the services that follow, so that what
+        // is left of the manifests at the end is free in whole pages.
+        manifests_.erase(manifest);
         if (!InitOneBaseApplication(record)) {
             ProcMgrLog(LOG_ERR, "process-manager cur time:%s, start baseApp=%s failed",
                        BootStrace(BOOT_TRACE_TAG).c_str(), name.c_str());

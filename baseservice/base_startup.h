@@ -3,6 +3,7 @@
 // one. Runs once, on the start-up thread; no function of it is thread-safe.
 #pragma once
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -48,6 +49,7 @@ private:
     // ABANDONED: start-up has been stopped, or a service of the graph has no manifest.
     enum class Outcome { ALL_STARTED, SOME_FAILED, ABANDONED };
 
+    void TakeManifests(std::vector<ApplicationManifest> manifests);
     Outcome StartInOrder(DependGraph& graph);
     // Starts the services of one batch in the order of their names.
     Outcome StartBatch(const std::set<std::string>& batch);
@@ -58,9 +60,10 @@ private:
     BaseServices& services_;
     ReportedState& reportedState_;
     BootCommandLine& commandLine_;
-    // What start-up knows of the file; emptied after the last batch.
     ParseAndDepend parser_;  // keeps the dependencies of the services for the start graph
-    std::vector<ApplicationManifest> manifests_;
+    // The manifests of the file by name, the first one of each name; each is dropped when its
+    // service is started.
+    std::map<std::string, ApplicationManifest> manifests_;
     std::vector<std::string> enabledNames_;  // to be started, in the order of the file
 };
 

@@ -16,9 +16,9 @@ public:
     // True when the present process of the service is alive and has reported that it is ready.
     virtual bool IsReady(const std::string& name) = 0;
 
-    // The names of the services that have a pipe, or that have promised to report and will get one,
-    // in start order.
-    virtual std::vector<std::string> GetOwners() = 0;
+    // Those of `names` that belong to services that have a pipe, or that have promised to report
+    // and will get one, in start order.
+    virtual std::vector<std::string> GetOwnersAmong(const std::vector<std::string>& names) = 0;
 };
 
 }  // namespace ProcMgr

@@ -1,7 +1,6 @@
 #include "generalapp/change_reports.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <set>
 
 #include "main/common/log.h"
@@ -13,10 +12,17 @@ using Message::AppStateInfo;
 namespace {
 
 // The number of changes of one application that are held back at most.
-constexpr std::ptrdiff_t HELD_BACK_MAX = 64;
+constexpr int HELD_BACK_MAX = 64;
 
 bool IsOutdated(const Change& change) {
     return change.record != nullptr && change.record->changes_ != change.seenChanges;
+}
+
+template <typename Item>
+void ReserveOne(std::vector<Item>& list) {
+    if (list.size() == list.capacity()) {
+        list.reserve(2 * list.size() + 1);
+    }
 }
 
 }  // namespace
@@ -36,9 +42,12 @@ void Answers::AddUnknown(const std::string& name, ReportAppStateType reportType)
     list_.push_back({owner_, item, owner_});
 }
 
-void ChangeReports::ReserveForNote() {
-    noted_.reserve(noted_.size() + 1);
-    heldBack_.reserve(heldBack_.size() + 1);
+void ChangeReports::ReserveForNote(const App::GeneralAppInfo& app) {
+    ReserveOne(noted_);
+    if (app.IsPriority() && !IsZornReady()) {
+        ReserveOne(heldBack_);
+        heldBackOf_.try_emplace(app.appName_, 0);
+    }
 }
 
 void ChangeReports::Note(App::GeneralAppInfo& app, uint32_t result) {
@@ -56,15 +65,19 @@ void ChangeReports::Note(App::GeneralAppInfo& app, uint32_t result) {
 }
 
 void ChangeReports::HoldBack(const AppStateInfo& item) {
-    const auto isSame = [&](const AppStateInfo& other) { return other.appName == item.appName; };
-    if (std::count_if(heldBack_.begin(), heldBack_.end(), isSame) >= HELD_BACK_MAX) {
-        heldBack_.erase(std::find_if(heldBack_.begin(), heldBack_.end(), isSame));
+    int& count = heldBackOf_[item.appName];
+    if (count == HELD_BACK_MAX) {
+        heldBack_.erase(
+            std::find_if(heldBack_.begin(), heldBack_.end(),
+                         [&](const AppStateInfo& other) { return other.appName == item.appName; }));
+        --count;
         ProcMgrLog(LOG_WARNING,
-                   "PROCMGR : more than %td changes of app=%s wait for zornmgr, the oldest is "
+                   "PROCMGR : more than %d changes of app=%s wait for zornmgr, the oldest is "
                    "dropped",
                    HELD_BACK_MAX, item.appName.c_str());
     }
     heldBack_.push_back(item);
+    ++count;
 }
 
 void ChangeReports::QueueNoted() {
@@ -79,6 +92,7 @@ void ChangeReports::QueueHeldBack() {
     }
     ReportGeneralAppChanges(changes, false);
     heldBack_.clear();
+    heldBackOf_.clear();
 }
 
 void ChangeReports::QueueHeldBackIfReady() {
@@ -112,18 +126,25 @@ void ChangeReports::ReportGeneralAppChanges(const ChangeList& changes, bool isAn
         }
     }
     ReportInOrder(all, PROC_ZORNMGR, isAnswer);
-    for (const std::string& name : owners_.GetOwners()) {
-        if (name == PROC_ZORNMGR) {
+    ReportToOwners(changes, isAnswer);
+}
+
+void ChangeReports::ReportToOwners(const ChangeList& changes, bool isAnswer) {
+    std::map<std::string, std::vector<AppStateInfo>> byOwner;
+    std::vector<std::string> names;
+    for (const Change& change : changes) {
+        const bool isOwnApp = change.appOwner == change.owner;
+        if (change.owner == PROC_ZORNMGR || (isOwnApp && IsOutdated(change))) {
             continue;
         }
-        std::vector<AppStateInfo> own;
-        for (const Change& change : changes) {
-            const bool isOwnApp = change.appOwner == change.owner;
-            if (change.owner == name && !(isOwnApp && IsOutdated(change))) {
-                own.push_back(change.item);
-            }
+        const auto [own, isNew] = byOwner.try_emplace(change.owner);
+        own->second.push_back(change.item);
+        if (isNew) {
+            names.push_back(change.owner);
         }
-        ReportInOrder(own, name, isAnswer);
+    }
+    for (const std::string& name : owners_.GetOwnersAmong(names)) {
+        ReportInOrder(byOwner.at(name), name, isAnswer);
     }
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -56,9 +57,9 @@ public:
     ChangeReports(App::StateReports& reports, OwnerServices& owners)
         : reports_(reports), owners_(owners) {}
 
-    // Reserves memory for one Note(), so that Note() cannot fail after the state of the record has
-    // been changed.
-    void ReserveForNote();
+    // Reserves memory for one Note() about the application, so that Note() cannot fail after the
+    // state of the record has been changed.
+    void ReserveForNote(const App::GeneralAppInfo& app);
 
     // Keeps the change that supervision has found in the record, with `result` as the result field
     // of its report, until QueueNoted(). The change of a priority application is held back instead
@@ -83,6 +84,7 @@ private:
     bool IsZornReady() { return owners_.IsReady(PROC_ZORNMGR); }
     // Queues the items for the access manager, then for each owner its own ones.
     void ReportGeneralAppChanges(const ChangeList& changes, bool isAnswer);
+    void ReportToOwners(const ChangeList& changes, bool isAnswer);
     void ReportInOrder(const std::vector<Message::AppStateInfo>& items, const std::string& owner,
                        bool isAnswer);
 
@@ -90,6 +92,7 @@ private:
     OwnerServices& owners_;
     ChangeList noted_;
     std::vector<Message::AppStateInfo> heldBack_;
+    std::map<std::string, int> heldBackOf_;  // the number of items in heldBack_, by application
 };
 
 }  // namespace ProcMgr

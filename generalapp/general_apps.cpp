@@ -33,27 +33,29 @@ bool GeneralApps::IsInMap(const Record& record) const {
     return Find(record->appName_) == record;
 }
 
-void GeneralApps::UpdateAllGeneralAppMap() {
+void GeneralApps::Refresh(GeneralAppInfo& app) {
     const uint64_t revision = config_.GetRevision();
-    if (revision == seenRevision_) {
+    if (revision == app.seenRevision_) {
         return;
     }
-    for (const auto& [name, app] : generalAppMap_) {
-        if (const auto manifest = config_.Find(name)) {
-            app->Refresh(*manifest);
-        }
+    if (const auto manifest = config_.Find(app.appName_)) {
+        app.Refresh(*manifest);
     }
-    seenRevision_ = revision;
+    app.seenRevision_ = revision;
 }
 
 GeneralApps::Record GeneralApps::GetGeneralApp(const std::string& name, const std::string& owner) {
-    UpdateAllGeneralAppMap();
     if (Record running = Find(name)) {
+        Refresh(*running);
         return running;
     }
+    const uint64_t revision = config_.GetRevision();
     if (const auto manifest = config_.Find(name)) {
         const bool isPriority = manifest->GetStartupPriority() != App::AppSpec::NO_PRIORITY;
-        return std::make_shared<GeneralAppInfo>(name, *manifest, isPriority ? PROC_ZORNMGR : owner);
+        const auto app =
+            std::make_shared<GeneralAppInfo>(name, *manifest, isPriority ? PROC_ZORNMGR : owner);
+        app->seenRevision_ = revision;
+        return app;
     }
     ProcMgrLog(LOG_ERR, "PROCMGR : GetGeneralApp failed: app=%s", name.c_str());
     return nullptr;
@@ -74,6 +76,7 @@ GeneralApps::Launch GeneralApps::BeginLaunch(const Record& record, App::AppSpec 
     record->owner_ = spec.IsPriority() ? PROC_ZORNMGR : owner;
     record->TakeSpec(std::move(spec));
     Launch launch{record, *record};
+    due_.Reserve(generalAppMap_.size() + 1);
     generalAppMap_.try_emplace(record->appName_, record);
     record->isLaunching_ = true;
     return launch;
@@ -84,34 +87,43 @@ bool GeneralApps::FinishLaunch(const Record& record, std::optional<App::LaunchPl
     checks_.Request();
     const bool isStarted = TryStart(*record, std::move(plan));
     if (!isStarted && record->GetState() == INITSTATE) {
+        due_.Drop(*record);
         generalAppMap_.erase(record->appName_);
+    } else {
+        due_.Add(*record);
     }
     return isStarted;
 }
 
 bool GeneralApps::TryStart(GeneralAppInfo& app, std::optional<App::LaunchPlan> plan) {
     try {
-        return plan && !isStopping_ && app.StartProcess(launcher_, *plan);
+        processes_.Reserve();
+        if (!plan || isStopping_ || !app.StartProcess(launcher_, *plan)) {
+            return false;
+        }
     } catch (const std::bad_alloc&) {
         ProcMgrLog(LOG_ERR, "PROCMGR : out of memory before the start of app=%s",
                    app.appName_.c_str());
         return false;
     }
+    processes_.Add(app);
+    return true;
 }
 
 bool GeneralApps::SetExitStatus(int32_t pid, int32_t status) {
-    const LockGuard lock(mutex_);
-    // Only records that are alive: the pid of a collected process may have been reused.
-    const auto found = std::find_if(
-        generalAppMap_.begin(), generalAppMap_.end(),
-        [&](const auto& entry) { return entry.second->pid_ == pid && entry.second->IsAlive(); });
-    if (found == generalAppMap_.end()) {
-        return false;
+    bool isYoung = false;
+    {
+        const LockGuard lock(mutex_);
+        GeneralAppInfo* app = processes_.Take(pid);
+        if (app == nullptr) {
+            return false;
+        }
+        app->SetExitStatus(status);
+        due_.Add(*app);
+        launcher_.Release(*app);
+        isYoung = std::chrono::steady_clock::now() - app->startTime_ <= CHECK_PERIOD;
     }
-    GeneralAppInfo& app = *found->second;
-    app.SetExitStatus(status);
-    launcher_.Release(app);
-    const bool isYoung = std::chrono::steady_clock::now() - app.startTime_ <= CHECK_PERIOD;
+    // Without the lock, because the threads that wake up here take it.
     isYoung ? checks_.Request() : checks_.RequestNow();
     exited_.NotifyAll();
     return true;
@@ -127,6 +139,14 @@ void GeneralApps::ReportHeldBack() {
 
 bool GeneralApps::Visit(const App::RecordVisitor& visitor) {
     const LockGuard lock(mutex_);
+    if (visitor.GetPid()) {
+        GeneralAppInfo* app = processes_.Find(*visitor.GetPid());
+        return app != nullptr && visitor(*app);
+    }
+    if (visitor.GetName()) {
+        const Record record = Find(*visitor.GetName());
+        return record != nullptr && visitor(*record);
+    }
     return std::any_of(generalAppMap_.begin(), generalAppMap_.end(),
                        [&](const auto& entry) { return visitor(*entry.second); });
 }

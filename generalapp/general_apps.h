@@ -19,6 +19,7 @@
 #include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
+#include "app/record_index.h"
 #include "app/sensor_node_event_reporter.h"
 #include "baseservice/owner_services.h"
 #include "baseservice/readiness.h"
@@ -71,7 +72,7 @@ public:
     // Reports the changes that were held back while the access manager was not ready.
     void ReportHeldBack() override PROCMGR_EXCLUDES(mutex_);
 
-    // Shows every record to the visitor; see App::RecordContainer.
+    // Shows the records that the visitor asks for; see App::RecordContainer.
     bool Visit(const App::RecordVisitor& visitor) PROCMGR_EXCLUDES(mutex_);
 
     // Every application with its present state; with an `owner` only those whose changes are
@@ -96,7 +97,7 @@ private:
     // The first stage of a launch; nothing, with a log line, when the program may not be started.
     std::optional<App::LaunchPlan> Prepare(const App::GeneralAppInfo& copy)
         PROCMGR_EXCLUDES(mutex_);
-    // Checks all records. Returns copies of those whose restart is due.
+    // Checks the records. Returns copies of those whose restart is due.
     std::vector<App::GeneralAppInfo> CheckStates(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
     // Start the new process of a restart whose old process has ended: BeginRestartEnded() marks the
     // record and selects the thread, RestartEnded() prepares, FinishRestartEnded() forks under the
@@ -111,8 +112,8 @@ private:
     // null, with a log line, when the name is unknown.
     Record GetGeneralApp(const std::string& name, const std::string& owner)
         PROCMGR_REQUIRES(mutex_);
-    // Passes a changed configuration on to the records in the map.
-    void UpdateAllGeneralAppMap() PROCMGR_REQUIRES(mutex_);
+    // Passes a changed configuration on to the record.
+    void Refresh(App::GeneralAppInfo& app) PROCMGR_REQUIRES(mutex_);
     Record Find(const std::string& name) const PROCMGR_REQUIRES(mutex_);
     bool IsInMap(const Record& record) const PROCMGR_REQUIRES(mutex_);
     // Each handles one item of a request. When a launch is returned, the caller calls Prepare()
@@ -140,11 +141,12 @@ private:
     // Throws nothing once there is a child.
     bool TryStart(App::GeneralAppInfo& app, std::optional<App::LaunchPlan> plan)
         PROCMGR_REQUIRES(mutex_);
+    // The records that a pass has to look at, in the order of their names.
+    std::vector<App::GeneralAppInfo*> ListDue() const PROCMGR_REQUIRES(mutex_);
     void CheckOne(App::GeneralAppInfo& app, SteadyTime now) PROCMGR_REQUIRES(mutex_);
     // Reports the change that the report type of the record describes, and raises or withdraws the
     // fault of the application.
     void NoteChange(App::GeneralAppInfo& app) PROCMGR_REQUIRES(mutex_);
-    bool HasLive() const PROCMGR_REQUIRES(mutex_);
     void KillAll() PROCMGR_REQUIRES(mutex_);
     // Queues a call of the device library; takes no lock of this object.
     void RaiseStartFault(const App::GeneralAppInfo& app);
@@ -159,8 +161,8 @@ private:
     Condition exited_;  // notified when an exit has been stored
     std::map<std::string, Record> generalAppMap_ PROCMGR_GUARDED_BY(mutex_);
     ChangeReports changeReports_ PROCMGR_GUARDED_BY(mutex_);
-    // The revision of the configuration that was last applied to the records in the map.
-    uint64_t seenRevision_ PROCMGR_GUARDED_BY(mutex_) = 0;
+    App::ProcessIndex<App::GeneralAppInfo> processes_ PROCMGR_GUARDED_BY(mutex_);
+    App::DueRecords<App::GeneralAppInfo> due_ PROCMGR_GUARDED_BY(mutex_);
     bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
 };
 

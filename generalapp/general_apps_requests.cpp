@@ -246,6 +246,7 @@ void GeneralApps::Terminate(const std::string& name, Answers& answers) {
         return;
     }
     record->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
+    due_.Add(*record);
     checks_.Request();
 }
 
@@ -330,6 +331,7 @@ void GeneralApps::RestartRunning(const Record& record, App::AppSpec next) {
     }
     record->restartStarted_ = false;
     record->ChangeState(RESTARTING, App::ChangeReason::RESTART);
+    due_.Add(*record);
     checks_.Request();
     ProcMgrLog(LOG_INFO,
                "PROCMGR : RestartApp set RESTARTING state finished(when app was running "

@@ -18,11 +18,6 @@ constexpr std::chrono::milliseconds KILL_PATIENCE{300};
 
 }  // namespace
 
-bool GeneralApps::HasLive() const {
-    return std::any_of(generalAppMap_.begin(), generalAppMap_.end(),
-                       [](const auto& entry) { return entry.second->IsAlive(); });
-}
-
 void GeneralApps::StopAll() {
     UniqueLock lock(mutex_);
     isStopping_ = true;
@@ -33,15 +28,17 @@ void GeneralApps::StopAll() {
         if (!app->IsAlive() && app->GetState() != RESTARTING) {
             continue;
         }
+        Refresh(*app);
         app->TermProcess();
         app->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
         app->BeginTermination(now);
+        due_.Add(*app);
         // The check thread kills the process after its time-out even if its manifest forbids kills.
         app->forceTerm_ = true;
         end = std::max(end, now + std::chrono::milliseconds(app->termTimeout_));
     }
     checks_.Request();
-    const auto isOver = [this]() PROCMGR_REQUIRES(mutex_) { return !HasLive(); };
+    const auto isOver = [this]() PROCMGR_REQUIRES(mutex_) { return processes_.IsEmpty(); };
     if (exited_.WaitUntil(lock, end + CHECK_PATIENCE, isOver)) {
         return;
     }

@@ -52,7 +52,7 @@ std::vector<GeneralAppInfo> GeneralApps::CheckStates(CheckPass pass) {
     const LockGuard lock(mutex_);
     changeReports_.QueueHeldBackIfReady();
     const SteadyTime now = std::chrono::steady_clock::now();
-    for (const auto& [name, app] : generalAppMap_) {
+    for (GeneralAppInfo* app : ListDue()) {
         if (NeedsCheck(*app, pass, now)) {
             CheckOne(*app, now);
         }
@@ -66,6 +66,14 @@ std::vector<GeneralAppInfo> GeneralApps::CheckStates(CheckPass pass) {
     }
     changeReports_.QueueNoted();
     return restarts;
+}
+
+std::vector<GeneralAppInfo*> GeneralApps::ListDue() const {
+    std::vector<GeneralAppInfo*> due = due_.GetList();
+    std::sort(due.begin(), due.end(), [](const GeneralAppInfo* one, const GeneralAppInfo* other) {
+        return one->appName_ < other->appName_;
+    });
+    return due;
 }
 
 // When an exception is thrown before isLaunching_ is set, IsRestartDue() stays true and the next
@@ -101,6 +109,7 @@ void GeneralApps::FinishRestartEnded(const std::string& name, std::optional<App:
         return;
     }
     record->isLaunching_ = false;
+    due_.Add(*record);
     checks_.Request();
     // StopAll() may have moved the record to TERMINATING meanwhile.
     if (record->GetState() != RESTARTING) {
@@ -115,7 +124,7 @@ void GeneralApps::FinishRestartEnded(const std::string& name, std::optional<App:
 }
 
 void GeneralApps::CheckOne(GeneralAppInfo& app, SteadyTime now) {
-    changeReports_.ReserveForNote();
+    changeReports_.ReserveForNote(app);
     app.CheckState(now);
     if (app.reportType_ != INVALID_INTERMEDIATE_STATE) {
         NoteChange(app);
@@ -138,14 +147,22 @@ void GeneralApps::NoteChange(GeneralAppInfo& app) {
 
 void GeneralApps::RemoveTerminatedApps() {
     const LockGuard lock(mutex_);
-    std::erase_if(generalAppMap_, [](const auto& entry) {
-        if (entry.second->GetState() != TERMINATED || entry.second->isLaunching_) {
-            return false;
+    const SteadyTime now = std::chrono::steady_clock::now();
+    std::vector<Record> removed;
+    std::vector<GeneralAppInfo*> due;
+    for (GeneralAppInfo* app : ListDue()) {
+        if (app->GetState() == TERMINATED && !app->isLaunching_) {
+            removed.push_back(Find(app->appName_));
+        } else if (NeedsCheck(*app, CheckPass::PERIODIC, now)) {
+            due.push_back(app);
         }
+    }
+    due_.Keep(due);
+    for (const Record& record : removed) {
         ProcMgrLog(LOG_INFO, "PROCMGR : Process %s removed from the list of generalAppMap_",
-                   entry.first.c_str());
-        return true;
-    });
+                   record->appName_.c_str());
+        generalAppMap_.erase(record->appName_);
+    }
 }
 
 }  // namespace ProcMgr

@@ -91,6 +91,7 @@ public:
 private:
     std::map<std::string, std::set<std::string>> waitsFor_;
     std::map<std::string, std::set<std::string>> releases_;
+    std::set<std::string> free_;  // the vertices that wait for nothing
 };
 
 // Parses manifests and keeps their dependencies. Not thread-safe.

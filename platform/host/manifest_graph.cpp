@@ -65,13 +65,7 @@ bool DependGraph::IsEmpty() const {
 }
 
 std::vector<std::string> DependGraph::GetNoDependVertices() const {
-    std::vector<std::string> free;
-    for (const auto& [name, waitsFor] : waitsFor_) {
-        if (waitsFor.empty()) {
-            free.push_back(name);
-        }
-    }
-    return free;
+    return {free_.begin(), free_.end()};
 }
 
 void DependGraph::Pop(const std::string& name) {
@@ -80,20 +74,28 @@ void DependGraph::Pop(const std::string& name) {
     if (popped.empty()) {
         return;
     }
+    free_.erase(popped.key());
     const auto released = releases_.extract(popped.key());
     if (released.empty()) {
         return;
     }
     for (const std::string& waiting : released.mapped()) {
         const auto found = waitsFor_.find(waiting);
-        if (found != waitsFor_.end()) {
-            found->second.erase(popped.key());
+        if (found != waitsFor_.end() && found->second.erase(popped.key()) > 0 &&
+            found->second.empty()) {
+            free_.insert(waiting);
         }
     }
 }
 
 void DependGraph::Add(const std::string& name, const std::set<std::string>& depends) {
-    waitsFor_[name].insert(depends.begin(), depends.end());
+    std::set<std::string>& waitsFor = waitsFor_[name];
+    waitsFor.insert(depends.begin(), depends.end());
+    if (waitsFor.empty()) {
+        free_.insert(name);
+    } else {
+        free_.erase(name);
+    }
     for (const std::string& depend : depends) {
         releases_[depend].insert(name);
     }
@@ -107,12 +109,13 @@ int ParseAndDepend::GetStartGraph(const std::vector<std::string>& names, DependG
         std::set<std::string>& waitsFor = edges[name];
         const auto known = depends_.find(name);
         if (known != depends_.end()) {
-            std::set_intersection(known->second.begin(), known->second.end(), chosen.begin(),
-                                  chosen.end(), std::inserter(waitsFor, waitsFor.end()));
+            std::copy_if(known->second.begin(), known->second.end(),
+                         std::inserter(waitsFor, waitsFor.end()),
+                         [&](const std::string& depend) { return chosen.contains(depend); });
         }
         built.Add(name, waitsFor);
     }
-    ReportCycles(VerticesThatNeverBecomeFree(built, edges));
+    ReportCycles(VerticesThatNeverBecomeFree(built, std::move(edges)));
     graph = std::move(built);
     return 0;
 }

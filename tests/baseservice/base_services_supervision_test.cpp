@@ -126,6 +126,9 @@ TEST_F(SupervisionTest, ANormalEndIsNoFault) {
     EXPECT_EQ(services_.GetState("svc-no"), std::nullopt);
     EXPECT_EQ(pipes_.GetServiceFd("svc-no"), -1) << "a removed record has no pipe";
     EXPECT_EQ(FakeHeartBeat::Get().Watched("svc-no"), std::nullopt);
+    Start(Service("svc-no", STAYS));
+    KillAndWait("svc-no");
+    EXPECT_EQ(services_.GetState("svc-no"), STARTING) << "the record of the second start";
     EXPECT_EQ(services_.GetState("svc-on-forever"), TERMINATED);
     Check();
     EXPECT_EQ(services_.GetState("svc-on-forever"), STARTING);

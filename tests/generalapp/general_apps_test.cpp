@@ -1,6 +1,7 @@
 // Requests of owners and their outcomes, with real processes.
 #include "generalapp/general_apps.h"
 
+#include <algorithm>
 #include <atomic>
 
 #include "tests/baseservice/base_fixture.h"
@@ -52,7 +53,13 @@ private:
 struct FakeOwners final : OwnerServices {
     std::atomic<bool> isReady{true};
     bool IsReady(const std::string& name) override { return name == PROC_ZORNMGR && isReady; }
-    std::vector<std::string> GetOwners() override { return {PROC_ZORNMGR, PROC_VINTOR, "other"}; }
+    std::vector<std::string> GetOwnersAmong(const std::vector<std::string>& names) override {
+        std::vector<std::string> owners{PROC_VINTOR, "other"};
+        std::erase_if(owners, [&](const std::string& owner) {
+            return std::find(names.begin(), names.end(), owner) == names.end();
+        });
+        return owners;
+    }
 };
 
 class GeneralAppsTest : public BaseFixture {
