@@ -195,9 +195,9 @@ StepResult BindCores(ChildContext& child) {
         return StepResult::GO_ON;
     }
     if (child.aiTasks >= 0) {
-        const Decimal number(child.pid);
-        const std::string_view id = number.Get();
-        [[maybe_unused]] const ssize_t written = Sys::write(child.aiTasks, id.data(), id.size());
+        const TidLine line(child.pid);
+        [[maybe_unused]] const ssize_t written =
+            Sys::write(child.aiTasks, line.Get().data(), line.Get().size());
     }
     CoreAffinityMgr::PinTo(child.pid, child.plan.coreMask, child.message);
     return StepResult::GO_ON;

@@ -4,11 +4,31 @@
 // logs.
 #pragma once
 
+#include <array>
+#include <charconv>
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace ProcMgr {
+
+// The line that a tasks file takes for one id, in the object itself.
+class TidLine {
+public:
+    explicit TidLine(int32_t tid) {
+        char* const end = std::to_chars(text_.data(), text_.data() + text_.size() - 1, tid).ptr;
+        *end = '\n';
+        size_ = static_cast<size_t>(end - text_.data()) + 1;
+    }
+
+    std::string_view Get() const { return {text_.data(), size_}; }
+
+private:
+    std::array<char, 12> text_;  // the longest id has 11 characters
+    size_t size_ = 0;
+};
 
 // Writes the id into the tasks file at `path`. False when the file does not exist. A failure of the
 // write is not reported: the process may have ended.
