@@ -43,12 +43,13 @@ bool BaseStartup::ParseYamlFile(const std::string& path,
 void BaseStartup::InitBaseApplication(const std::string& path) {
     ProcMgrLog(LOG_INFO, "%s InitBaseApplication begin, yaml path=%s",
                BootStrace(BOOT_TRACE_TAG).c_str(), path.c_str());
-    std::vector<ApplicationManifest> manifests;
-    if (!ParseYamlFile(path, manifests)) {
+    if (!ParseYamlFile(path, manifests_)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : ParseYamlFile failed, ProcMgr return");
         return;
     }
-    TakeManifests(std::move(manifests));
+    for (const ApplicationManifest& manifest : manifests_) {
+        manifestsByName_.try_emplace(manifest.GetAppName(), &manifest);
+    }
     DependGraph graph;
     const bool hasGraph = parser_.GetStartGraph(enabledNames_, graph) == 0;
     parser_ = {};  // the dependencies are in the graph now
@@ -59,18 +60,13 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
     if (outcome == Outcome::ABANDONED) {
         return;
     }
+    manifestsByName_ = {};
     manifests_ = {};
     enabledNames_ = {};
     ProcMgrLog(LOG_INFO, "%s InitBaseApplication end", BootStrace(BOOT_TRACE_TAG).c_str());
     SleepFor(SETTLE_TIME);
     if (EnableWatchDog(outcome == Outcome::ALL_STARTED)) {
         WriteBootTracePoint(POINT_ALL_STARTED);
-    }
-}
-
-void BaseStartup::TakeManifests(std::vector<ApplicationManifest> manifests) {
-    for (ApplicationManifest& manifest : manifests) {
-        manifests_.try_emplace(manifest.GetAppName(), std::move(manifest));
     }
 }
 
@@ -108,15 +104,12 @@ BaseStartup::Outcome BaseStartup::StartBatch(const std::set<std::string>& batch)
         if (reportedState_.IsStopped()) {
             return Outcome::ABANDONED;
         }
-        const auto manifest = manifests_.find(name);
-        if (manifest == manifests_.end()) {
+        const auto manifest = manifestsByName_.find(name);
+        if (manifest == manifestsByName_.end()) {
             ProcMgrLog(LOG_ERR, "PROCMGR : can't find %s", name.c_str());
             return Outcome::ABANDONED;
         }
-        App::BaseAppInfo record(manifest->second);
-        // The memory of the manifest serves the records of the services that follow, so that what
-        // is left of the manifests at the end is free in whole pages.
-        manifests_.erase(manifest);
+        App::BaseAppInfo record(*manifest->second);
         if (!InitOneBaseApplication(record)) {
             ProcMgrLog(LOG_ERR, "process-manager cur time:%s, start baseApp=%s failed",
                        BootStrace(BOOT_TRACE_TAG).c_str(), name.c_str());

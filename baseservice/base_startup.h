@@ -49,7 +49,6 @@ private:
     // ABANDONED: start-up has been stopped, or a service of the graph has no manifest.
     enum class Outcome { ALL_STARTED, SOME_FAILED, ABANDONED };
 
-    void TakeManifests(std::vector<ApplicationManifest> manifests);
     Outcome StartInOrder(DependGraph& graph);
     // Starts the services of one batch in the order of their names.
     Outcome StartBatch(const std::set<std::string>& batch);
@@ -61,9 +60,10 @@ private:
     ReportedState& reportedState_;
     BootCommandLine& commandLine_;
     ParseAndDepend parser_;  // keeps the dependencies of the services for the start graph
-    // The manifests of the file by name, the first one of each name; each is dropped when its
-    // service is started.
-    std::map<std::string, ApplicationManifest> manifests_;
+    // All are kept until the last batch: the records get pages of their own then, and the pages of
+    // the manifests can be given back to the system.
+    std::vector<ApplicationManifest> manifests_;
+    std::map<std::string, const ApplicationManifest*> manifestsByName_;  // the first of each name
     std::vector<std::string> enabledNames_;  // to be started, in the order of the file
 };
 
