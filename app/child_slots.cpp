@@ -24,6 +24,9 @@
 namespace ProcMgr::App {
 namespace {
 
+// Two for each core keep the cores busy while the parent waits for a free slot; more children than
+// that only compete. On one core children are made one at a time.
+constexpr size_t SLOTS_PER_CORE = 2;
 constexpr size_t SLOTS_MAX = 4;
 // How long a child may keep its slot before others no longer wait for it. A child needs about a
 // third of a millisecond to execute its program.
@@ -208,7 +211,8 @@ size_t ChildSlots::DefaultCount() {
     if (!MAY_SHARE_MEMORY || !IsMemoryProtected()) {
         return 0;
     }
-    return std::clamp<size_t>(std::thread::hardware_concurrency(), 1, SLOTS_MAX);
+    const size_t cores = std::thread::hardware_concurrency();
+    return cores > 1 ? std::min(SLOTS_PER_CORE * cores, SLOTS_MAX) : 1;
 }
 
 ChildSlots::Lease ChildSlots::Take() {

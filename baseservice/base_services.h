@@ -115,6 +115,7 @@ public:
 private:
     using Record = App::BaseAppInfo;
     class LaunchGuard;
+    class Restarted;
 
     // What a pass has to know of a service whose end it has just found.
     struct Ended {
@@ -140,13 +141,15 @@ private:
         PROCMGR_EXCLUDES(mutex_);
     void ReleaseEnded(const Ended& ended) PROCMGR_EXCLUDES(mutex_);
     // Restarts a service that has died if its policy allows it. A launch that may take long is
-    // handed to another thread; `guard` is then disarmed.
-    void RestartByPolicy(const std::string& name, LaunchGuard& guard) PROCMGR_EXCLUDES(mutex_);
+    // handed to another thread. `guard` is disarmed when that thread or `restarted` is to end the
+    // launch.
+    void RestartByPolicy(const std::string& name, LaunchGuard& guard, Restarted& restarted)
+        PROCMGR_EXCLUDES(mutex_);
     // Decides about the restart and logs the decision. Returns a copy of the record when the
     // service is to be restarted.
     std::optional<Record> DecideRestart(const std::string& name) PROCMGR_EXCLUDES(mutex_);
-    // `copy` takes over the new process.
-    void PrepareAndRestart(Record& copy) PROCMGR_EXCLUDES(mutex_);
+    // Starts the new process; `copy` takes it over. False, with a log line, when there is none.
+    bool PrepareAndRestart(Record& copy) PROCMGR_EXCLUDES(mutex_);
     void Reconnect(const Record& record) PROCMGR_EXCLUDES(mutex_);
     // Ends the launch of the record: supervision checks the record again.
     void EndLaunch(const std::string& name) PROCMGR_EXCLUDES(mutex_);

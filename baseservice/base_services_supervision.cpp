@@ -55,14 +55,55 @@ private:
     bool isArmed_ = true;
 };
 
+// The services that a pass has restarted and that have no pipe yet. Opening a pipe takes as long as
+// creating a process: when many services die at once, all are running again before the first pipe
+// is opened.
+class BaseServices::Restarted {
+public:
+    explicit Restarted(BaseServices& services) : services_(services) {}
+    ~Restarted() { Reconnect(); }
+    Restarted(const Restarted&) = delete;
+    Restarted& operator=(const Restarted&) = delete;
+
+    // Makes room for one Add().
+    void Reserve() {
+        if (records_.size() == RECORDS_MAX) {
+            Reconnect();
+        }
+        records_.reserve(records_.size() + 1);
+    }
+    // Takes over the end of the launch. Does not throw after Reserve().
+    void Add(Record record) { records_.push_back(std::move(record)); }
+
+private:
+    static constexpr size_t RECORDS_MAX = 64;
+
+    void Reconnect() {
+        for (const Record& record : records_) {
+            const LaunchGuard guard(services_, record.appName_);
+            try {
+                services_.Reconnect(record);
+            } catch (const std::bad_alloc&) {
+                ProcMgrLog(LOG_ERR, "PROCMGR : out of memory, app=%s has no pipe",
+                           record.appName_.c_str());
+            }
+        }
+        records_.clear();
+    }
+
+    BaseServices& services_;
+    std::vector<Record> records_;
+};
+
 void BaseServices::CheckBaseApps(CheckPass pass) {
     const std::vector<Record*> due = ListDue();
+    Restarted restarted(*this);
     size_t index = 0;
     while (const std::optional<Ended> ended = CheckNext(pass, due, index)) {
         LaunchGuard guard(*this, ended->name);
         ReleaseEnded(*ended);
         if (ended->hasDied) {
-            RestartByPolicy(ended->name, guard);
+            RestartByPolicy(ended->name, guard, restarted);
         }
     }
 }
@@ -161,18 +202,25 @@ void BaseServices::ReleaseEnded(const Ended& ended) {
     EndHeartBeat(ended.name);
 }
 
-void BaseServices::RestartByPolicy(const std::string& name, LaunchGuard& guard) {
+void BaseServices::RestartByPolicy(const std::string& name, LaunchGuard& guard,
+                                   Restarted& restarted) {
     std::optional<Record> copy = DecideRestart(name);
     if (!copy) {
         return;
     }
     if (launcher_.IsQuick(*copy)) {
-        PrepareAndRestart(*copy);
+        restarted.Reserve();
+        if (PrepareAndRestart(*copy)) {
+            restarted.Add(std::move(*copy));
+            guard.Disarm();
+        }
         return;
     }
     const auto job = [this, copy]() mutable {
         const LaunchGuard jobGuard(*this, copy->appName_);
-        PrepareAndRestart(*copy);
+        if (PrepareAndRestart(*copy)) {
+            Reconnect(*copy);
+        }
     };
     if (launcher_.PostSlow(job)) {
         guard.Disarm();
@@ -196,20 +244,20 @@ std::optional<BaseServices::Record> BaseServices::DecideRestart(const std::strin
     return *record;
 }
 
-void BaseServices::PrepareAndRestart(Record& copy) {
+bool BaseServices::PrepareAndRestart(Record& copy) {
     std::optional<App::LaunchPlan> plan = launcher_.Prepare(copy);
     {
         const LockGuard lock(mutex_);
         const Record* record =
             isStopping_ ? nullptr : RestartBaseApp(copy.appName_, std::move(plan));
         if (record == nullptr) {
-            return;
+            return false;
         }
         copy.TakeProcess(*record);
     }
     // Base start-up may be waiting for this service, because another one depends on it.
     reportedState_.Notify();
-    Reconnect(copy);
+    return true;
 }
 
 const BaseServices::Record* BaseServices::RestartBaseApp(const std::string& name,

@@ -98,6 +98,7 @@ private:
     uint64_t dropped_ PROCMGR_GUARDED_BY(mutex_) = 0;
     time_t stampSecond_ PROCMGR_GUARDED_BY(mutex_) = -1;
     std::array<char, 20> stamp_ PROCMGR_GUARDED_BY(mutex_){};  // the text of stampSecond_
+    pid_t pid_ PROCMGR_GUARDED_BY(mutex_) = 0;                 // of the daemon
     bool isIdle_ PROCMGR_GUARDED_BY(mutex_) = false;           // the thread waits to be woken
     bool isRunning_ PROCMGR_GUARDED_BY(mutex_) = false;
     bool isClosing_ PROCMGR_GUARDED_BY(mutex_) = false;
@@ -118,10 +119,10 @@ Writer& GetWriter() {
 
 void Writer::Add(LogSink sink, int level, const char* format, va_list arguments) {
     const LockGuard lock(mutex_);
-    Format(sink, level, format, arguments);
     if (!isRunning_) {
         Start();
     }
+    Format(sink, level, format, arguments);
     if (isIdle_) {
         isIdle_ = false;
         added_.NotifyOne();
@@ -146,7 +147,7 @@ size_t Writer::WriteHeader(LogSink sink, int level, char* out) {
     if (sink == LogSink::SYSTEM) {
         return WriteSystemHeader(level, out);
     }
-    const int length = std::snprintf(out, LINE_MAX_LENGTH, "<%d> PROCMGR[%d] ", level, getpid());
+    const int length = std::snprintf(out, LINE_MAX_LENGTH, "<%d> PROCMGR[%d] ", level, pid_);
     return static_cast<size_t>(std::max(length, 0));
 }
 
@@ -160,11 +161,12 @@ size_t Writer::WriteSystemHeader(int level, char* out) {
         stampSecond_ = now;
     }
     const int length = std::snprintf(out, LINE_MAX_LENGTH, "<%d>%s %s[%d]: ", LOG_USER | level,
-                                     stamp_.data(), PROCMGR_NAME, getpid());
+                                     stamp_.data(), PROCMGR_NAME, pid_);
     return static_cast<size_t>(std::max(length, 0));
 }
 
 void Writer::Start() {
+    pid_ = getpid();
     try {
         thread_ = StartThread("log", [this] { Run(); });
         isRunning_ = true;

@@ -1,5 +1,6 @@
 #include "main/common/serial_worker.h"
 
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -7,6 +8,13 @@
 #include "main/common/threads.h"
 
 namespace ProcMgr {
+namespace {
+
+// The thread looks for further jobs after this pause: in a burst of jobs it does not have to be
+// woken for each.
+constexpr std::chrono::milliseconds BURST_PAUSE{1};
+
+}  // namespace
 
 bool SerialWorker::Post(Job job) {
     const LockGuard lock(mutex_);
@@ -22,8 +30,27 @@ bool SerialWorker::Post(Job job) {
     } catch (const std::exception&) {
         return false;
     }
-    changed_.NotifyAll();
+    if (std::exchange(isIdle_, false)) {
+        changed_.NotifyAll();
+    }
     return true;
+}
+
+bool SerialWorker::WaitForJob(UniqueLock& lock) {
+    isBusy_ = false;
+    if (drains_ > 0) {
+        changed_.NotifyAll();
+    }
+    const SteadyTime end = std::chrono::steady_clock::now() + BURST_PAUSE;
+    if (jobs_.empty()) {
+        changed_.WaitUntil(
+            lock, end, [this]() PROCMGR_REQUIRES(mutex_) { return isStopping_ || drains_ > 0; });
+    }
+    isIdle_ = jobs_.empty();
+    changed_.Wait(lock,
+                  [this]() PROCMGR_REQUIRES(mutex_) { return !jobs_.empty() || isStopping_; });
+    isIdle_ = false;
+    return !jobs_.empty();
 }
 
 void SerialWorker::Run() {
@@ -31,11 +58,7 @@ void SerialWorker::Run() {
         Job job;
         {
             UniqueLock lock(mutex_);
-            isBusy_ = false;
-            changed_.NotifyAll();
-            changed_.Wait(
-                lock, [this]() PROCMGR_REQUIRES(mutex_) { return !jobs_.empty() || isStopping_; });
-            if (jobs_.empty()) {
+            if (!WaitForJob(lock)) {
                 isRunning_ = false;
                 changed_.NotifyAll();
                 return;
@@ -55,8 +78,12 @@ void SerialWorker::Run() {
 
 bool SerialWorker::Drain(SteadyTime end) {
     UniqueLock lock(mutex_);
-    return changed_.WaitUntil(
+    ++drains_;
+    changed_.NotifyAll();
+    const bool isDone = changed_.WaitUntil(
         lock, end, [this]() PROCMGR_REQUIRES(mutex_) { return jobs_.empty() && !isBusy_; });
+    --drains_;
+    return isDone;
 }
 
 bool SerialWorker::Stop(SteadyTime end) {

@@ -23,7 +23,8 @@ public:
     SerialWorker(const SerialWorker&) = delete;
     SerialWorker& operator=(const SerialWorker&) = delete;
 
-    // Adds a job; any lock may be held. The first job starts the thread. False, and the job is
+    // Adds a job; any lock may be held. The first job starts the thread. A job that follows another
+    // one within a millisecond may begin so much later. False, and the job is
     // dropped, when too many jobs wait or the thread cannot be started. Does not throw.
     bool Post(Job job) PROCMGR_EXCLUDES(mutex_);
 
@@ -38,12 +39,16 @@ private:
     static constexpr size_t JOBS_MAX = 4096;
 
     void Run() PROCMGR_EXCLUDES(mutex_);
+    // Waits for a job; false when the thread is to end. `lock` holds mutex_.
+    bool WaitForJob(UniqueLock& lock) PROCMGR_REQUIRES(mutex_);
 
     const char* const name_;
     Mutex mutex_;
     Condition changed_;  // any of the fields below has changed
     std::deque<Job> jobs_ PROCMGR_GUARDED_BY(mutex_);
     bool isBusy_ PROCMGR_GUARDED_BY(mutex_) = false;
+    bool isIdle_ PROCMGR_GUARDED_BY(mutex_) = false;  // the thread waits to be woken
+    size_t drains_ PROCMGR_GUARDED_BY(mutex_) = 0;    // threads in Drain()
     bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
     bool isRunning_ PROCMGR_GUARDED_BY(mutex_) = false;
     // Set under mutex_; joined by Stop(), when isRunning_ has become false.

@@ -19,6 +19,10 @@ namespace {
 constexpr mode_t DIRECTORY_MODE = 0755;
 
 int32_t MakeDirectory(const char* path) {
+    struct stat present {};
+    if (stat(path, &present) == 0 && present.st_mode == (S_IFDIR | DIRECTORY_MODE)) {
+        return 0;
+    }
     if (mkdir(path, DIRECTORY_MODE) != 0) {
         return errno == EEXIST ? 0 : -errno;
     }
@@ -63,8 +67,15 @@ int32_t BoundSocket::Bind(const std::string& path, mode_t mode, gid_t gid) {
     }
     memcpy(address.sun_path, path.c_str(), path.size() + 1);
     UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd.IsValid() || (unlink(path.c_str()) != 0 && errno != ENOENT) ||
-        bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (!fd.IsValid()) {
+        return -errno;
+    }
+    const auto bindTo = [&] {
+        return bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    };
+    // A file of an earlier process may be left.
+    const bool isBound = bindTo() || (errno == EADDRINUSE && unlink(path.c_str()) == 0 && bindTo());
+    if (!isBound) {
         return -errno;
     }
     socket_ = std::move(fd);
@@ -83,7 +94,7 @@ int32_t BoundSocket::SetUpFile(mode_t mode, gid_t gid) {
     }
     device_ = status.st_dev;
     inode_ = status.st_ino;
-    if (lchown(path_.c_str(), static_cast<uid_t>(-1), gid) != 0) {
+    if (status.st_gid != gid && lchown(path_.c_str(), static_cast<uid_t>(-1), gid) != 0) {
         return -errno;
     }
     // After the change of the group, which clears bits of the mode; bind() applied the umask.
