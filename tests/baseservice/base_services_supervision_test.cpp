@@ -156,8 +156,8 @@ TEST_F(SupervisionTest, AnExtraPassHandlesEachServiceThatLivedForAPeriod) {
     setStart({"young"}, std::chrono::steady_clock::now());
     Check(CheckPass::EXTRA);
     EXPECT_THAT(Between("PROCMGR: CheckThread : owner=", ","),
-                ElementsAre("one", "one", "one", "two", "two", "two"))
-        << "died, will restart, restarted";
+                ElementsAre("one", "one", "two", "two", "one", "two"))
+        << "each died and will restart; when both run, their pipes are opened";
     EXPECT_EQ(StartedNames().size(), 5U);
     Check();
     EXPECT_EQ(services_.GetState("one"), RUNNING);
