@@ -37,12 +37,20 @@ void AddFailure(ChildContext& child, std::string_view text) {
 }
 
 // The dispositions are reset before the mask is opened: a signal that is pending then takes its
-// default action instead of running a handler of the daemon in the child.
+// default action instead of running a handler of the daemon in the child, which may share the
+// daemon's memory. Libraries may have installed handlers for other signals.
 StepResult ResetSignals(ChildContext& /*child*/) {
     struct sigaction byDefault {};
     byDefault.sa_handler = SIG_DFL;
     for (const int signal : CHANGED_SIGNALS) {
         Sys::sigaction(signal, &byDefault, nullptr);
+    }
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction present {};
+        const bool isKnown = Sys::sigaction(signal, nullptr, &present) == 0;
+        if (isKnown && present.sa_handler != SIG_DFL && present.sa_handler != SIG_IGN) {
+            Sys::sigaction(signal, &byDefault, nullptr);
+        }
     }
     sigset_t none;
     sigemptyset(&none);
@@ -251,9 +259,9 @@ ChildContext::ChildContext(LaunchPlan launchPlan, const BindCount& bindCount)
         argv.push_back(ToArgument(argument));
     }
     argv.push_back(nullptr);
-    const std::vector<std::string>& variables = plan.environment.block.Get();
-    envp.reserve(variables.size() + 1);
-    for (const std::string& variable : variables) {
+    const std::vector<std::string>& block = plan.environment.block.Get();
+    envp.reserve(block.size() + 1);
+    for (const std::string& variable : block) {
         envp.push_back(ToArgument(variable));
     }
     envp.push_back(nullptr);
@@ -269,7 +277,8 @@ void RunChild(ChildContext& child) {
         }
     }
     ReportChildError(child);
-    Sys::execve(plan.execPath.c_str(), child.argv.data(), child.envp.data());
+    Sys::execve(plan.execPath.c_str(), child.argv.data(),
+                child.variables == nullptr ? child.envp.data() : *child.variables);
     const int error = errno;
     child.message.Clear();
     child.message += "execv failed, execPath_=";

@@ -33,6 +33,9 @@ struct ChildContext {
     // The arguments and variables of execve: pointers into the above, then null.
     std::vector<char*> argv;
     std::vector<char*> envp;
+    // The variable of the C library for the environment, in a child with memory of its own; it
+    // then replaces envp. Else null.
+    char*** variables = nullptr;
     // The tasks file of the accelerator's cpuset, opened while the process is still root; the
     // parent closes its own descriptor. Negative for an application without accelerator cores, and
     // when the file cannot be opened.

@@ -1,8 +1,10 @@
 #include "app/child_slots.h"
 
+#include <fcntl.h>
 #include <linux/futex.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -18,7 +20,7 @@
 #include <thread>
 #include <utility>
 
-#include "main/common/line_reader.h"
+#include "main/common/clock.h"
 #include "main/common/threads.h"
 
 namespace ProcMgr::App {
@@ -135,12 +137,6 @@ private:
     void* const memory_;
 };
 
-bool IsMemoryProtected() {
-    LineReader file(SUID_DUMPABLE_FILE);
-    const auto value = file.Next();
-    return value && *value == "0";
-}
-
 }  // namespace
 
 struct ChildSlots::Slot {
@@ -194,8 +190,14 @@ pid_t ChildSlots::Lease::Create(int (*run)(void*), void* argument,
     return child;
 }
 
-ChildSlots::ChildSlots(size_t count) : count_(count) {
+// On older kernels a core dump ends every process that has the memory, and a core would show the
+// memory of the daemon under the name of a service: with slots the memory is not dumpable.
+ChildSlots::ChildSlots(size_t count)
+    : count_(count), suidDumpable_(open(SUID_DUMPABLE_FILE, O_RDONLY | O_CLOEXEC)) {
     slots_.reserve(count);
+    if (count > 0) {
+        prctl(PR_SET_DUMPABLE, 0);
+    }
 }
 
 // A slot whose child has not executed its program yet is not freed: the child still uses it.
@@ -208,14 +210,23 @@ ChildSlots::~ChildSlots() {
 }
 
 size_t ChildSlots::DefaultCount() {
-    if (!MAY_SHARE_MEMORY || !IsMemoryProtected()) {
+    if (!MAY_SHARE_MEMORY || geteuid() != 0) {
         return 0;
     }
     const size_t cores = std::thread::hardware_concurrency();
     return cores > 1 ? std::min(SLOTS_PER_CORE * cores, SLOTS_MAX) : 1;
 }
 
+// The setting may change while the daemon runs.
+bool ChildSlots::IsMemoryProtected() const {
+    char value = 0;
+    return pread(suidDumpable_.Get(), &value, sizeof(value), 0) == 1 && value == '0';
+}
+
 ChildSlots::Lease ChildSlots::Take() {
+    if (count_ == 0 || !IsMemoryProtected()) {
+        return {};
+    }
     for (;;) {
         Lease lease = TakeFree();
         if (lease.IsValid() || !WaitForChild()) {
@@ -225,23 +236,41 @@ ChildSlots::Lease ChildSlots::Take() {
 }
 
 ChildSlots::Lease ChildSlots::TakeFree() {
-    const LockGuard lock(mutex_);
-    for (size_t i = 0; i < count_; ++i) {
-        if (i == slots_.size()) {
-            try {
-                slots_.push_back(std::make_unique<Slot>());
-            } catch (const std::exception&) {
-                return {};
+    {
+        const LockGuard lock(mutex_);
+        for (size_t i = 0; i < slots_.size(); ++i) {
+            Slot& slot = *slots_[i];
+            if (!slot.isLeased && slot.GetChild() == 0) {
+                slot.isLeased = true;
+                slot.leased = std::chrono::steady_clock::now();
+                return {*this, i};
             }
         }
-        Slot& slot = *slots_[i];
-        if (!slot.isLeased && slot.GetChild() == 0) {
-            slot.isLeased = true;
-            slot.leased = std::chrono::steady_clock::now();
-            return {*this, i};
+        if (slots_.size() + making_ == count_) {
+            return {};
         }
+        ++making_;
     }
-    return {};
+    return MakeSlot();
+}
+
+// Without the lock, because the thread of the slot is waited for.
+ChildSlots::Lease ChildSlots::MakeSlot() {
+    std::unique_ptr<Slot> made;
+    try {
+        made = std::make_unique<Slot>();
+        made->isLeased = true;
+        made->leased = std::chrono::steady_clock::now();
+    } catch (const std::exception&) {
+        made = nullptr;
+    }
+    const LockGuard lock(mutex_);
+    --making_;
+    if (made == nullptr) {
+        return {};
+    }
+    slots_.push_back(std::move(made));  // the vector has room
+    return {*this, slots_.size() - 1};
 }
 
 // The kernel wakes a waiter of the word of a slot when it clears the word. Another slot may become
@@ -249,24 +278,27 @@ ChildSlots::Lease ChildSlots::TakeFree() {
 bool ChildSlots::WaitForChild() {
     MayWait("a child that has not executed its program yet");
     Slot* awaited = nullptr;
+    bool isAnyAwaited = false;
     {
         const LockGuard lock(mutex_);
         const SteadyTime now = std::chrono::steady_clock::now();
         for (const std::unique_ptr<Slot>& slot : slots_) {
-            const bool isAwaited = now - slot->leased < PATIENCE;
-            if (isAwaited && (awaited == nullptr || slot->leased < awaited->leased)) {
+            if (now - slot->leased >= PATIENCE) {
+                continue;
+            }
+            isAnyAwaited = true;
+            if (slot->GetChild() != 0 && (awaited == nullptr || slot->leased < awaited->leased)) {
                 awaited = slot.get();
             }
         }
     }
-    if (awaited == nullptr) {
-        return false;
-    }
-    const pid_t child = awaited->GetChild();
+    const pid_t child = awaited == nullptr ? 0 : awaited->GetChild();
     if (child == 0) {
-        // The holder of the lease has not created its child yet, or the slot is free by now.
-        std::this_thread::yield();
-        return true;
+        // The holders of the leases have not created their children yet, or a slot is free by now.
+        if (isAnyAwaited && awaited == nullptr) {
+            SleepFor(WAIT_SLICE);
+        }
+        return isAnyAwaited;
     }
     const timespec slice{0, std::chrono::nanoseconds(WAIT_SLICE).count()};
     syscall(SYS_futex, &awaited->child, FUTEX_WAIT, child, &slice, nullptr, 0);

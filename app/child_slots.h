@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "main/common/mutex.h"
+#include "wire/unique_fd.h"
 
 namespace ProcMgr::App {
 
@@ -57,25 +58,31 @@ public:
 
     // Waits for a slot, for a short time at most: a child that cannot go on, for example because
     // its medium is slow or somebody has stopped it, keeps its slot. Returns an empty lease when
-    // there is none, or no memory for one. Not with a lock held.
+    // there is none, no memory for one, or no protection of the memory. Not with a lock held.
     Lease Take() PROCMGR_EXCLUDES(mutex_);
 
     // The number for this machine; 0 where children must not share the memory: under sanitizers,
-    // whose run-time libraries they would change, and where a change of the user does not protect
-    // the memory against the new user.
+    // whose run-time libraries they would change, and for a daemon that is not root.
     static size_t DefaultCount();
 
 private:
     struct Slot;
 
+    // Whether the kernel protects the memory from the new user of a child: with the setting
+    // fs.suid_dumpable at 0 a change of the user leaves the memory not dumpable, so that no process
+    // of that user can trace the child.
+    bool IsMemoryProtected() const;
     // A free slot, made now if there are fewer than count_; an empty lease when all are in use.
     Lease TakeFree() PROCMGR_EXCLUDES(mutex_);
+    Lease MakeSlot() PROCMGR_EXCLUDES(mutex_);
     // Waits for a moment for the child that has had its slot longest, of those that are still
     // waited for. False when there is none.
     bool WaitForChild() PROCMGR_EXCLUDES(mutex_);
 
     const size_t count_;
+    const Wire::UniqueFd suidDumpable_;  // the file of that setting
     Mutex mutex_;
+    size_t making_ PROCMGR_GUARDED_BY(mutex_) = 0;  // slots that are being made
     // Slots are added, never removed. The vector is reserved for all of them.
     std::vector<std::unique_ptr<Slot>> slots_ PROCMGR_GUARDED_BY(mutex_);
 };

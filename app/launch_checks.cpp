@@ -76,8 +76,8 @@ bool MayMemberExecute(const char* app, const char* path, uint32_t uid, const str
 }
 
 // Looks at the program that the path leads to. One call is enough when it succeeds and the path is
-// not too long for StandardizationPath(): the kernel resolves the path in the same way. The steps
-// one by one find which of them fails.
+// not too long for StandardizationPath(): the kernel finds the same file, and also one behind a
+// link below /proc/PID that no name leads to. The steps one by one find which of them fails.
 bool StatProgram(const char* app, const std::string& execPath, struct stat& file) {
     const char* path = execPath.c_str();
     if (execPath.size() < PATH_MAX && stat(path, &file) == 0) {

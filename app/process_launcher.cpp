@@ -1,5 +1,6 @@
 #include "app/process_launcher.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -15,6 +16,7 @@
 #include "main/common/boot_trace.h"
 #include "main/common/log.h"
 #include "main/common/proc_mgr_env.h"
+#include "resource/cgroup_paths.h"
 #include "wire/unique_fd.h"
 
 namespace ProcMgr::App {
@@ -35,6 +37,14 @@ int RunSharedChild(void* context) {
     RunChild(*static_cast<ChildContext*>(context));
 }
 
+// A child joins its memory group before it executes its program. When that group has no memory
+// left, the kernel ends every process that shares the memory of its victim.
+bool MayShareMemory(const LaunchPlan& plan) {
+    return std::none_of(plan.taskFiles.begin(), plan.taskFiles.end(), [](const std::string& path) {
+        return path.starts_with(CGROUP_MEMORY_ROOT);
+    });
+}
+
 // Below 0 without a slot, and when the kernel refuses a child that shares the memory.
 pid_t CloneChild(const std::shared_ptr<ChildContext>& context, ChildSlots::Lease slot) {
     return slot.IsValid() ? slot.Create(RunSharedChild, context.get(), context) : -1;
@@ -43,6 +53,9 @@ pid_t CloneChild(const std::shared_ptr<ChildContext>& context, ChildSlots::Lease
 pid_t ForkChild(ChildContext& context) {
     const pid_t child = Sys::fork();
     if (child == 0) {
+        // The access registration sees, and may change, the variables of the program.
+        Sys::Variables() = context.envp.data();
+        context.variables = &Sys::Variables();
         // An exception must not leave this function in the child: only the parent may run the
         // daemon's code.
         try {
@@ -143,6 +156,7 @@ pid_t ProcessLauncher::CreateChild(AppInfo& app, const std::shared_ptr<ChildCont
     errno = error;
     return child;
 }
+
 void ProcessLauncher::Release(const AppInfo& app) {
     affinity_.RecycleThreadCoreInfo(app.pid_, app.appName_);
     if (sharePool_ != nullptr) {
@@ -160,7 +174,9 @@ void ProcessLauncher::FinishPlan(
     }
     plan.environment = MakeChildEnvironment(plan);
     // Last: nothing else is waited for while the launch has a slot.
-    plan.slot = slots_.Take();
+    if (MayShareMemory(plan)) {
+        plan.slot = slots_.Take();
+    }
 }
 
 void ProcessLauncher::JoinSharePool(const AppInfo& app, const LaunchPlan& plan) {

@@ -33,14 +33,28 @@ using ::write;
 // The C library's functions of these names change every thread of the process, which it finds in
 // memory that a child may share with the daemon. These change the calling thread, the only one of
 // the child.
+#if defined(SYS_setuid32)
+inline constexpr long SETGID = SYS_setgid32;
+inline constexpr long SETGROUPS = SYS_setgroups32;
+inline constexpr long SETUID = SYS_setuid32;
+#else
+inline constexpr long SETGID = SYS_setgid;
+inline constexpr long SETGROUPS = SYS_setgroups;
+inline constexpr long SETUID = SYS_setuid;
+#endif
 inline int setgid(gid_t gid) {
-    return static_cast<int>(::syscall(SYS_setgid, gid));
+    return static_cast<int>(::syscall(SETGID, gid));
 }
 inline int setgroups(size_t count, const gid_t* groups) {
-    return static_cast<int>(::syscall(SYS_setgroups, count, groups));
+    return static_cast<int>(::syscall(SETGROUPS, count, groups));
 }
 inline int setuid(uid_t uid) {
-    return static_cast<int>(::syscall(SYS_setuid, uid));
+    return static_cast<int>(::syscall(SETUID, uid));
+}
+
+// The C library's variable for the environment.
+inline char**& Variables() {
+    return environ;
 }
 
 }  // namespace ProcMgr::Sys

@@ -69,7 +69,7 @@ public:
     // process. Called by the reaper before the pid is freed.
     bool SetExitStatus(int32_t pid, int32_t status) PROCMGR_EXCLUDES(mutex_);
 
-    // One pass of the check thread over all records: moves them from state to state and handles the
+    // One pass of the check thread over the records to which something has happened: moves them from state to state and handles the
     // services that have died one after the other (report, fault event, pipe, restart by policy).
     void CheckBaseApps(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
     void Check(CheckPass pass) override PROCMGR_EXCLUDES(mutex_) { CheckBaseApps(pass); }
@@ -131,9 +131,10 @@ private:
         std::chrono::nanoseconds killPatience = std::chrono::milliseconds(500);
     };
 
-    // The steps of a pass and of a restart. Each works on copies, made under the lock.
+    // The steps of a pass and of a restart. They hold the lock for one record at a time.
+    //
     // The records that the pass has to look at, in start order. They stay valid to the end of the
-    // pass: only the check thread removes records.
+    // pass: only the check thread removes records that have ever been marked.
     std::vector<Record*> ListDue() PROCMGR_EXCLUDES(mutex_);
     // Checks the records of `due` from `index` on, up to and with the first one that has ended.
     // Nothing when the list has been checked to its end.

@@ -29,15 +29,17 @@ void BaseServices::StopAll() {
 
 // From here on the counts only fall, because nothing is started any more.
 void BaseServices::CountDependents() {
-    liveDependents_.clear();
+    // The reaper must not see a part of the counts, should the memory run out.
+    std::map<std::string, size_t> counts;
     for (const Record& record : executedBaseApp_.GetAll()) {
         if (!record.IsAlive()) {
             continue;
         }
         for (const std::string& depend : record.dependList_) {
-            ++liveDependents_[depend];
+            ++counts[depend];
         }
     }
+    liveDependents_.swap(counts);
 }
 
 void BaseServices::ForgetDependent(const Record& record) {

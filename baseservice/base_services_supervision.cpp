@@ -2,7 +2,9 @@
 // that have died, restarts, the end of launches, and the removal of records.
 #include <algorithm>
 #include <chrono>
+#include <exception>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "baseservice/base_services.h"
@@ -76,6 +78,7 @@ public:
     void Add(Record record) { records_.push_back(std::move(record)); }
 
 private:
+    static_assert(std::is_nothrow_move_constructible_v<Record>);
     static constexpr size_t RECORDS_MAX = 64;
 
     void Reconnect() {
@@ -83,9 +86,9 @@ private:
             const LaunchGuard guard(services_, record.appName_);
             try {
                 services_.Reconnect(record);
-            } catch (const std::bad_alloc&) {
-                ProcMgrLog(LOG_ERR, "PROCMGR : out of memory, app=%s has no pipe",
-                           record.appName_.c_str());
+            } catch (const std::exception& error) {
+                ProcMgrLog(LOG_ERR, "PROCMGR : the pipe of app=%s cannot be opened, %s",
+                           record.appName_.c_str(), error.what());
             }
         }
         records_.clear();

@@ -44,7 +44,8 @@ void Answers::AddUnknown(const std::string& name, ReportAppStateType reportType)
 
 void ChangeReports::ReserveForNote(const App::GeneralAppInfo& app) {
     ReserveOne(noted_);
-    if (app.IsPriority() && !IsZornReady()) {
+    // Even when the access manager is ready: it may end before the note.
+    if (app.IsPriority()) {
         ReserveOne(heldBack_);
         heldBackOf_.try_emplace(app.appName_, 0);
     }

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <new>
 
 #include "app/scheduler_workers.h"
 #include "app/signals.h"
@@ -28,7 +29,12 @@ void GeneralApps::StopAll() {
         if (!app->IsAlive() && app->GetState() != RESTARTING) {
             continue;
         }
-        Refresh(*app);
+        try {
+            Refresh(*app);
+        } catch (const std::bad_alloc&) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : out of memory, app=%s ends by its earlier entry",
+                       name.c_str());
+        }
         app->TermProcess();
         app->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
         app->BeginTermination(now);

@@ -16,8 +16,10 @@ int ZornInitProc(const AppConfig& config);
 
 // Whether ZornInitProc() has to run in a process with memory of its own, which makes every start
 // slower. When false, it may run in a child that still shares the memory of the daemon, while the
-// threads of the daemon run: it then makes system calls only, allocates no memory, throws nothing,
-// needs no more than 128 KiB of stack, and changes no variable but errno. Constant.
+// threads of the daemon run and even during ZornRetrieveService(): it then makes system calls only,
+// and none that the kernel refuses to a process whose memory is shared; allocates no memory, throws
+// nothing, needs no more than 128 KiB of stack, neither reads nor changes the environment, and
+// changes no variable but errno. Constant.
 bool ZornNeedsOwnMemory();
 
 // Releases what the library holds for the daemon itself. Called once, at the end of the daemon.

@@ -1,7 +1,7 @@
 // Puts a process or thread into a control group by writing its id into the group's tasks file. The
 // launcher, CgroupMgr and the affinity check call it, from any thread; a child may call it between
-// fork and execv, so nothing here takes a lock, allocates memory or
-// logs.
+// fork and execv, so nothing here takes a lock,
+// allocates memory or logs.
 #pragma once
 
 #include <array>

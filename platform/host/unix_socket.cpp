@@ -74,7 +74,8 @@ int32_t BoundSocket::Bind(const std::string& path, mode_t mode, gid_t gid) {
         return bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     };
     // A file of an earlier process may be left.
-    const bool isBound = bindTo() || (errno == EADDRINUSE && unlink(path.c_str()) == 0 && bindTo());
+    const bool isBound = bindTo() || (errno == EADDRINUSE &&
+                                      (unlink(path.c_str()) == 0 || errno == ENOENT) && bindTo());
     if (!isBound) {
         return -errno;
     }

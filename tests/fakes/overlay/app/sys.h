@@ -78,6 +78,10 @@ public:
         return Result("sched_setscheduler" + Number(pid) + Number(policy) +
                       Number(param->sched_priority));
     }
+    static char**& Variables() {
+        static char** variables = nullptr;
+        return variables;
+    }
     static int setgid(gid_t gid) { return Result("setgid" + Number(gid)); }
     static int setgroups(size_t count, const gid_t* groups) {
         std::string list;
