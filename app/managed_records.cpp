@@ -45,12 +45,12 @@ bool ManagedRecords::Visit(const RecordVisitor& visitor) const {
 
 std::vector<ManagedApp> ManagedRecords::GetManagedApps(ManagedFilter filter) {
     std::vector<ManagedApp> apps;
-    Visit([&](const AppInfo& app) {
+    Visit(RecordVisitor::ForAll([&](const AppInfo& app) {
         if (app.IsAlive() && IsWanted(app, filter)) {
             apps.push_back(MakeManagedApp(app));
         }
         return false;
-    });
+    }));
     return apps;
 }
 

@@ -20,9 +20,7 @@ public:
     using Call = std::function<bool(AppInfo& app)>;
 
     // Wants to see every record.
-    template <typename Function>
-    RecordVisitor(Function call) : call_(std::move(call)) {}
-
+    static RecordVisitor ForAll(Call call) { return RecordVisitor(std::move(call)); }
     // These want to see one record: the one of that name, or the one whose live process is `pid`.
     static RecordVisitor ForName(const std::string& name, Call call) {
         RecordVisitor visitor(std::move(call));
@@ -41,6 +39,8 @@ public:
     bool operator()(AppInfo& app) const { return call_(app); }
 
 private:
+    explicit RecordVisitor(Call call) : call_(std::move(call)) {}
+
     Call call_;
     std::optional<std::string> name_;
     std::optional<int32_t> pid_;

@@ -206,6 +206,7 @@ std::vector<std::string> BaseServices::GetOwnersAmong(const std::vector<std::str
         }
     }
     std::vector<std::string> ordered;
+    ordered.reserve(owners.size());
     for (auto& [number, name] : owners) {
         ordered.push_back(std::move(name));
     }

@@ -31,7 +31,7 @@ constexpr bool IS_SANITIZED = false;
 class MemoryChoice : public testing::WithParamInterface<const char*> {
 protected:
     MemoryChoice() { Fakes::FakeAccessManager::SetNeedsOwnMemory(GetParam() == OWN); }
-    ~MemoryChoice() { Fakes::FakeAccessManager::SetNeedsOwnMemory(true); }
+    ~MemoryChoice() override { Fakes::FakeAccessManager::SetNeedsOwnMemory(true); }
 
     static constexpr std::string_view OWN = "own";
 };

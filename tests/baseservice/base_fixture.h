@@ -59,13 +59,13 @@ protected:
     }
     void TearDown() override {
         reaper_ = {};
-        Visit([](App::AppInfo& app) {
+        Visit(App::RecordVisitor::ForAll([](App::AppInfo& app) {
             if (app.IsAlive()) {
                 kill(app.pid_, SIGKILL);
                 waitpid(app.pid_, nullptr, 0);
             }
             return false;
-        });
+        }));
         faults_.UnregisterAll();
         FakeMuxa::Get().Reset();
     }
@@ -129,10 +129,10 @@ protected:
     }
     pid_t PidOf(const std::string& name) {
         pid_t pid = -1;
-        Visit([&](const App::AppInfo& app) {
+        Visit(App::RecordVisitor::ForAll([&](const App::AppInfo& app) {
             pid = app.appName_ == name ? app.pid_ : pid;
             return false;
-        });
+        }));
         return pid;
     }
     // Wait until the reaper has stored the exit of the service; KillAndWait() kills it first.

@@ -140,10 +140,10 @@ TEST_F(SupervisionTest, AnExtraPassHandlesEachServiceThatLivedForAPeriod) {
     Check();
     Start(Service("young", STAYS, "on-forever"));
     const auto setStart = [this](const std::set<std::string>& names, SteadyTime start) {
-        services_.Visit([&](App::AppInfo& app) {
+        services_.Visit(App::RecordVisitor::ForAll([&](App::AppInfo& app) {
             app.startTime_ = names.contains(app.appName_) ? start : app.startTime_;
             return false;
-        });
+        }));
     };
     const SteadyTime now = std::chrono::steady_clock::now();
     setStart({"one", "two"}, now - CHECK_PERIOD * 2);
