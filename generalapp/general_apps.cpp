@@ -52,7 +52,7 @@ GeneralApps::Record GeneralApps::GetGeneralApp(const std::string& name, const st
     const uint64_t revision = config_.GetRevision();
     if (const auto manifest = config_.Find(name)) {
         const bool isPriority = manifest->GetStartupPriority() != App::AppSpec::NO_PRIORITY;
-        const auto app =
+        auto app =
             std::make_shared<GeneralAppInfo>(name, *manifest, isPriority ? PROC_ZORNMGR : owner);
         app->seenRevision_ = revision;
         return app;
