@@ -69,8 +69,9 @@ public:
     // process. Called by the reaper before the pid is freed.
     bool SetExitStatus(int32_t pid, int32_t status) PROCMGR_EXCLUDES(mutex_);
 
-    // One pass of the check thread over the records to which something has happened: moves them from state to state and handles the
-    // services that have died one after the other (report, fault event, pipe, restart by policy).
+    // One pass of the check thread over the records to which something has happened: moves them
+    // from state to state and handles the services that have died one after the other (report,
+    // fault event, pipe, restart by policy). The pipes of restarted services are opened last.
     void CheckBaseApps(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
     void Check(CheckPass pass) override PROCMGR_EXCLUDES(mutex_) { CheckBaseApps(pass); }
 
