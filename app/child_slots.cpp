@@ -283,6 +283,9 @@ bool ChildSlots::WaitForChild() {
         const LockGuard lock(mutex_);
         const SteadyTime now = std::chrono::steady_clock::now();
         for (const std::unique_ptr<Slot>& slot : slots_) {
+            if (!slot->isLeased && slot->GetChild() == 0) {
+                return true;  // it has become free
+            }
             if (now - slot->leased >= PATIENCE) {
                 continue;
             }

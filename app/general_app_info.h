@@ -67,8 +67,7 @@ public:
     // The owner that has asked for the start of a priority application, when it is not the access
     // manager: the result of the start is reported to this owner, too. Else empty.
     std::string asker_;
-    uint64_t changes_ = 0;       // the number of state changes that supervision has reported
-    uint64_t seenRevision_ = 0;  // the revision of the configuration that Refresh() was called for
+    uint64_t changes_ = 0;  // the number of state changes that supervision has reported
 
 private:
     int64_t MillisecondsSinceTerm(SteadyTime now) const;

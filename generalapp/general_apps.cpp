@@ -33,29 +33,27 @@ bool GeneralApps::IsInMap(const Record& record) const {
     return Find(record->appName_) == record;
 }
 
-void GeneralApps::Refresh(GeneralAppInfo& app) {
+void GeneralApps::UpdateAllGeneralAppMap() {
     const uint64_t revision = config_.GetRevision();
-    if (revision == app.seenRevision_) {
+    if (revision == seenRevision_) {
         return;
     }
-    if (const auto manifest = config_.Find(app.appName_)) {
-        app.Refresh(*manifest);
+    for (const auto& [name, app] : generalAppMap_) {
+        if (const auto manifest = config_.Find(name)) {
+            app->Refresh(*manifest);
+        }
     }
-    app.seenRevision_ = revision;
+    seenRevision_ = revision;
 }
 
 GeneralApps::Record GeneralApps::GetGeneralApp(const std::string& name, const std::string& owner) {
+    UpdateAllGeneralAppMap();
     if (Record running = Find(name)) {
-        Refresh(*running);
         return running;
     }
-    const uint64_t revision = config_.GetRevision();
     if (const auto manifest = config_.Find(name)) {
         const bool isPriority = manifest->GetStartupPriority() != App::AppSpec::NO_PRIORITY;
-        auto app =
-            std::make_shared<GeneralAppInfo>(name, *manifest, isPriority ? PROC_ZORNMGR : owner);
-        app->seenRevision_ = revision;
-        return app;
+        return std::make_shared<GeneralAppInfo>(name, *manifest, isPriority ? PROC_ZORNMGR : owner);
     }
     ProcMgrLog(LOG_ERR, "PROCMGR : GetGeneralApp failed: app=%s", name.c_str());
     return nullptr;

@@ -112,8 +112,8 @@ private:
     // null, with a log line, when the name is unknown.
     Record GetGeneralApp(const std::string& name, const std::string& owner)
         PROCMGR_REQUIRES(mutex_);
-    // Passes a changed configuration on to the record.
-    void Refresh(App::GeneralAppInfo& app) PROCMGR_REQUIRES(mutex_);
+    // Passes a changed configuration on to the records in the map.
+    void UpdateAllGeneralAppMap() PROCMGR_REQUIRES(mutex_);
     Record Find(const std::string& name) const PROCMGR_REQUIRES(mutex_);
     bool IsInMap(const Record& record) const PROCMGR_REQUIRES(mutex_);
     // Each handles one item of a request. When a launch is returned, the caller calls Prepare()
@@ -163,6 +163,8 @@ private:
     ChangeReports changeReports_ PROCMGR_GUARDED_BY(mutex_);
     App::ProcessIndex<App::GeneralAppInfo> processes_ PROCMGR_GUARDED_BY(mutex_);
     App::DueRecords<App::GeneralAppInfo> due_ PROCMGR_GUARDED_BY(mutex_);
+    // The revision of the configuration that was last applied to the records in the map.
+    uint64_t seenRevision_ PROCMGR_GUARDED_BY(mutex_) = 0;
     bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
 };
 

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <new>
 
 #include "app/scheduler_workers.h"
 #include "app/signals.h"
@@ -28,12 +27,6 @@ void GeneralApps::StopAll() {
         // A restart whose old process has ended is ended, too: its new process must not start.
         if (!app->IsAlive() && app->GetState() != RESTARTING) {
             continue;
-        }
-        try {
-            Refresh(*app);
-        } catch (const std::bad_alloc&) {
-            ProcMgrLog(LOG_ERR, "PROCMGR : out of memory, app=%s ends by its earlier entry",
-                       name.c_str());
         }
         app->TermProcess();
         app->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
