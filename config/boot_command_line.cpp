@@ -162,8 +162,11 @@ void BootCommandLine::ApplyRebootReason() {
 }
 
 bool BootCommandLine::IsEnabled(const std::string& cfgPath) {
-    const std::vector<std::string> keywords = KeywordsOf(cfgPath);
-    if (keywords.empty()) {
+    if (cfgPath != cfgPath_) {
+        keywords_ = KeywordsOf(cfgPath);
+        cfgPath_ = cfgPath;
+    }
+    if (keywords_.empty()) {
         return true;
     }
     if (items_.empty()) {
@@ -171,8 +174,8 @@ bool BootCommandLine::IsEnabled(const std::string& cfgPath) {
                    cfgPath.c_str());
         return false;
     }
-    matched_.insert(keywords.begin(), keywords.end());
-    return std::all_of(keywords.begin(), keywords.end(),
+    matched_.insert(keywords_.begin(), keywords_.end());
+    return std::all_of(keywords_.begin(), keywords_.end(),
                        [this](const std::string& keyword) { return items_.contains(keyword); });
 }
 

@@ -15,6 +15,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ProcMgr {
 
@@ -40,6 +41,11 @@ private:
     void ApplyOwnItems();
     void ApplyStartupYaml(const std::string& path);
     void ApplyRebootReason();
+
+    // The last path that IsEnabled() was asked about, and its keywords: the manifests of one file
+    // come one after the other.
+    std::string cfgPath_;
+    std::vector<std::string> keywords_;
 
     std::string text_;
     std::set<std::string> items_;  // of "procmgr"

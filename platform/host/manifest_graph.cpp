@@ -115,7 +115,9 @@ int ParseAndDepend::GetStartGraph(const std::vector<std::string>& names, DependG
         }
         built.Add(name, waitsFor);
     }
-    ReportCycles(VerticesThatNeverBecomeFree(built, std::move(edges)));
+    if (built.GetNoDependVertices().size() < chosen.size()) {
+        ReportCycles(VerticesThatNeverBecomeFree(built, std::move(edges)));
+    }
     graph = std::move(built);
     return 0;
 }

@@ -182,15 +182,25 @@ constexpr auto KEYS = std::to_array<ManifestKey>({
 
 ManifestValue::ManifestValue(const std::string& file, const YamlChild& child,
                              std::vector<std::string>& warnings)
-    : file_(file), child_(child), warnings_(warnings), key_(child.key), line_(child.line) {}
+    : file_(file), child_(child), warnings_(warnings) {}
 
 ManifestValue ManifestValue::Element(const YamlChild& element) const {
     ManifestValue value(file_, element, warnings_);
-    value.key_ = key_;
-    const auto index = &element - child_.node->children.data();
-    value.element_ = element_ + "element " +
-                     (element.key.empty() ? std::to_string(index + 1) : Quoted(element.key)) + ": ";
+    value.list_ = this;
     return value;
+}
+
+std::string ManifestValue::ElementText() const {
+    if (list_ == nullptr) {
+        return {};
+    }
+    const auto index = &child_ - list_->child_.node->children.data();
+    return list_->ElementText() + "element " +
+           (child_.key.empty() ? std::to_string(index + 1) : Quoted(child_.key)) + ": ";
+}
+
+std::string ManifestValue::Message(const std::string& problem) const {
+    return ManifestMessage(file_, child_.line, Key(), ElementText() + problem);
 }
 
 std::string ManifestValue::Text() const {
@@ -307,11 +317,11 @@ std::string ManifestMessage(const std::string& file, uint32_t line, std::string_
 }
 
 void ManifestValue::Fail(const std::string& problem) const {
-    throw ManifestFault(ManifestMessage(file_, line_, key_, element_ + problem));
+    throw ManifestFault(Message(problem));
 }
 
 void ManifestValue::Warn(const std::string& problem) const {
-    warnings_.push_back(ManifestMessage(file_, line_, key_, element_ + problem));
+    warnings_.push_back(Message(problem));
 }
 
 std::span<const ManifestKey> ManifestKeys() {

@@ -44,7 +44,8 @@ public:
     // Text; a pattern has to be usable.
     std::string TextOrPattern() const;
 
-    // An element of this list or map, as a value that reports errors under this value's key.
+    // An element of this list or map, as a value that reports errors under this value's key. Must
+    // not outlive this value.
     ManifestValue Element(const YamlChild& element) const;
 
     [[noreturn]] void Fail(const std::string& problem) const;
@@ -52,13 +53,16 @@ public:
 
 private:
     int64_t ParsedNumber() const;
+    // "FILE:LINE: key 'KEY': element 'x': PROBLEM"; the part about the element only inside a list
+    // or map.
+    std::string Message(const std::string& problem) const;
+    std::string ElementText() const;
+    std::string_view Key() const { return list_ == nullptr ? child_.key : list_->Key(); }
 
     const std::string& file_;
     const YamlChild& child_;
     std::vector<std::string>& warnings_;
-    std::string key_;
-    std::string element_;  // "element 'x': " inside a list or map, else empty
-    uint32_t line_;
+    const ManifestValue* list_ = nullptr;  // the list or map that this value is an element of
 };
 
 struct ManifestKey {

@@ -155,8 +155,8 @@ private:
     }
 
     uint32_t GroupOf(const std::string& path, uint32_t line, uint32_t uid) {
-        const auto known = groupOfUser_.find(uid);
-        if (known != groupOfUser_.end()) {
+        const auto known = load_.groupOfUser.find(uid);
+        if (known != load_.groupOfUser.end()) {
             return known->second;
         }
         const std::optional<uint32_t> group = PrimaryGroup(uid);
@@ -166,7 +166,7 @@ private:
                                                 "of uid " +
                                                     std::to_string(uid) + " cannot be read"));
         }
-        return groupOfUser_[uid] = *group;
+        return load_.groupOfUser[uid] = *group;
     }
 
     void RefuseRepeatedName(const ManifestData& data, uint32_t line) {
@@ -187,7 +187,6 @@ private:
     // blocks of the records in these holes would keep the pages of the manifests for good.
     std::pmr::monotonic_buffer_resource memory_;
     std::pmr::map<std::string_view, Entry> entryOfName_{&memory_};  // refers to the manifests
-    std::map<uint32_t, uint32_t> groupOfUser_;  // each user is looked up once for each load
 };
 
 }  // namespace
@@ -200,6 +199,11 @@ ManifestLoad LoadManifests(const std::string& path, const ManifestReader& reader
         load.error = failure.what();
     }
     return load;
+}
+
+bool HasSameGroups(const ManifestLoad& load) {
+    return std::all_of(load.groupOfUser.begin(), load.groupOfUser.end(),
+                       [](const auto& user) { return PrimaryGroup(user.first) == user.second; });
 }
 
 }  // namespace PlatformHost

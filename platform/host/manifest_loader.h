@@ -2,7 +2,9 @@
 // checker or a fuzz target can pass a reader of its own instead of reading files.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,6 +19,9 @@ struct ManifestLoad {
     std::set<std::string> files;                          // every file read, by its real path
     std::vector<std::string> warnings;                    // one for each ignored key
     std::string error;  // empty on success, then `manifests` is complete
+
+    // The primary groups of the users whose entries have no group of their own.
+    std::map<uint32_t, uint32_t> groupOfUser;
 };
 
 // Returns the text of the file at `path`.
@@ -24,5 +29,8 @@ using ManifestReader = std::function<YamlFile(const std::string& path)>;
 
 // Loads the file at `path`. Any thread. Never throws: an exception becomes the error of the result.
 ManifestLoad LoadManifests(const std::string& path, const ManifestReader& reader);
+
+// Whether the user database still has the primary groups that the load has found. Any thread.
+bool HasSameGroups(const ManifestLoad& load);
 
 }  // namespace PlatformHost

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <set>
@@ -271,6 +272,24 @@ TEST_F(ManifestTest, IncludesComeFirstAndOnceAndAFailureChangesNothing) {
     DependGraph graph;
     ASSERT_EQ(parser_.GetStartGraph({"main", "one"}, graph), 0);
     EXPECT_THAT(graph.GetNoDependVertices(), ElementsAre("one"));
+}
+
+TEST_F(ManifestTest, TheSecondLoadOfAFileIsTheFirstUnlessAFileHasChanged) {
+    const std::string more = Write("more.yaml", "services: [{name: b, bin: /bin/b}]\n");
+    const std::string path = Write("main.yaml", Service("include: [more.yaml]\n"));
+    for (const char* name : {"b", "c"}) {
+        const pid_t child = fork();  // the first load of a process is kept for its second
+        if (child == 0) {
+            const bool isParsed = Parse(path);
+            Write("more.yaml", std::string("services: [{name: ") + name + ", bin: /bin/b}]\n");
+            const bool isParsedAgain = Parse(path);
+            _exit(isParsed && isParsedAgain && Names() == std::vector<std::string>{name, "a"} ? 0
+                                                                                              : 1);
+        }
+        int status = -1;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << name;
+    }
 }
 
 TEST_F(ManifestTest, BrokenIncludesAreErrorsWithTheirPosition) {
