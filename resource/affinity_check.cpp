@@ -81,7 +81,8 @@ bool AffinityCheck::Run() {
 
 void AffinityCheck::PlaceOwnThreads() {
     std::set<int32_t> tids;
-    if (!CoreAffinityMgr::GetTids(ProcMgrEnv::GetInstance().GetPid(), tids)) {
+    if (!ownThreads_.Read(tids) &&
+        !CoreAffinityMgr::GetTids(ProcMgrEnv::GetInstance().GetPid(), tids)) {
         return;
     }
     std::set<int32_t> added;

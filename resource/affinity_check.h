@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "main/common/proc_files.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
 #include "resource/group_members.h"
@@ -52,8 +53,9 @@ private:
     const CoreAffinityMgr& affinity_;
     ManagedApps& apps_;
     std::atomic<bool> isStarted_{false};
-    // The daemon's threads that have been placed. Used by the start-up thread until isStarted_ is
-    // set, then by the check thread.
+    // The daemon's threads, and those that have been placed. Used by the start-up thread until
+    // isStarted_ is set, then by the check thread.
+    OwnThreads ownThreads_;
     std::set<int32_t> ownTids_;
 };
 

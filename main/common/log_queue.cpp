@@ -13,6 +13,7 @@
 #include <span>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include "main/common/clock.h"
 #include "main/common/log.h"
@@ -38,7 +39,7 @@ constexpr std::chrono::milliseconds BURST_PAUSE{1};
 // The pause after the first attempt to reach a logger that is absent. Each further pause is twice
 // as long, up to the maximum.
 constexpr std::chrono::milliseconds LOGGER_PAUSE{100};
-constexpr std::chrono::milliseconds LOGGER_PAUSE_MAX{1600};
+constexpr std::chrono::milliseconds LOGGER_PAUSE_MAX{3200};
 // The longest single wait for a logger that has no room.
 constexpr std::chrono::milliseconds ROOM_PATIENCE{20};
 // The time in seconds for which a line waits for a logger that is absent, for example at early
@@ -79,13 +80,13 @@ private:
     bool Rest(Progress progress) PROCMGR_EXCLUDES(mutex_);
     void WriteKernelLines() PROCMGR_EXCLUDES(mutex_);
     Progress WriteSystemLines() PROCMGR_EXCLUDES(mutex_);
-    // Fills batch_ with the oldest lines of a ring and returns them.
-    std::span<const LogRing::Line> TakeBatch(LogSink sink) PROCMGR_EXCLUDES(mutex_);
+    // Fills batch_ with the oldest lines of a ring, at most `count`, and returns them.
+    std::span<const LogRing::Line> TakeBatch(LogSink sink, size_t count = BATCH)
+        PROCMGR_EXCLUDES(mutex_);
     static void WriteKernelLine(std::string_view line);
     void PopLines(LogSink sink, size_t count) PROCMGR_EXCLUDES(mutex_);
-    // Drops those of `lines`, the oldest of the system ring, that have waited too long. False when
-    // there is none.
-    bool DropStale(std::span<const LogRing::Line> lines) PROCMGR_EXCLUDES(mutex_);
+    // Drops the lines of the system ring that have waited too long for a logger.
+    void DropStale() PROCMGR_EXCLUDES(mutex_);
     void ReportDropped() PROCMGR_EXCLUDES(mutex_);
 
     Mutex mutex_;
@@ -118,15 +119,20 @@ Writer& GetWriter() {
 }
 
 void Writer::Add(LogSink sink, int level, const char* format, va_list arguments) {
-    const LockGuard lock(mutex_);
-    if (!isRunning_) {
-        Start();
+    {
+        const LockGuard lock(mutex_);
+        if (!isRunning_) {
+            Start();
+        }
+        Format(sink, level, format, arguments);
+        // While the system logger is absent the thread sleeps until the next attempt to reach it,
+        // or until there is a line for the kernel.
+        if (!std::exchange(isIdle_, false) && sink != LogSink::KERNEL) {
+            return;
+        }
     }
-    Format(sink, level, format, arguments);
-    if (isIdle_) {
-        isIdle_ = false;
-        added_.NotifyOne();
-    }
+    // Without the lock, because the thread takes it.
+    added_.NotifyOne();
 }
 
 void Writer::Format(LogSink sink, int level, const char* format, va_list arguments) {
@@ -215,9 +221,10 @@ bool Writer::Rest(Progress progress) {
     return false;
 }
 
-std::span<const LogRing::Line> Writer::TakeBatch(LogSink sink) {
+std::span<const LogRing::Line> Writer::TakeBatch(LogSink sink, size_t count) {
     const LockGuard lock(mutex_);
-    return std::span(batch_).first(RingOf(sink).Peek(batch_));
+    const auto lines = std::span(batch_).first(count);
+    return lines.first(RingOf(sink).Peek(lines));
 }
 
 void Writer::PopLines(LogSink sink, size_t count) {
@@ -248,7 +255,8 @@ void Writer::WriteKernelLine(std::string_view line) {
 }
 
 Writer::Progress Writer::WriteSystemLines() {
-    const auto lines = TakeBatch(LogSink::SYSTEM);
+    // One line shows whether an absent logger has come.
+    const auto lines = TakeBatch(LogSink::SYSTEM, logger_.IsConnected() ? BATCH : 1);
     size_t sent = 0;
     SystemLogger::Sent result = SystemLogger::Sent::YES;
     while (sent < lines.size() && result == SystemLogger::Sent::YES) {
@@ -266,18 +274,22 @@ Writer::Progress Writer::WriteSystemLines() {
     if (result == SystemLogger::Sent::NO_ROOM) {
         return Progress::NO_ROOM;
     }
-    return DropStale(lines.subspan(sent)) ? Progress::DONE : Progress::NO_LOGGER;
+    DropStale();
+    return Progress::NO_LOGGER;
 }
 
-bool Writer::DropStale(std::span<const LogRing::Line> lines) {
+// Takes the lock for each line, because other threads may be logging.
+void Writer::DropStale() {
     const uint32_t now = CoarseSecond();
-    const auto fresh = std::ranges::find_if(
-        lines, [now](const LogRing::Line& line) { return now - line.second < ABSENCE_MAX; });
-    const auto stale = static_cast<size_t>(fresh - lines.begin());
-    PopLines(LogSink::SYSTEM, stale);
-    const LockGuard lock(mutex_);
-    dropped_ += stale;
-    return stale > 0;
+    for (;;) {
+        const auto oldest = TakeBatch(LogSink::SYSTEM, 1);
+        if (oldest.empty() || now - oldest[0].second < ABSENCE_MAX) {
+            return;
+        }
+        PopLines(LogSink::SYSTEM, 1);
+        const LockGuard lock(mutex_);
+        ++dropped_;
+    }
 }
 
 // Without room for the line the count is kept for the next attempt.

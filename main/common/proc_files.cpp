@@ -1,8 +1,11 @@
 #include "main/common/proc_files.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <memory>
 
 #include "main/common/line_reader.h"
@@ -13,6 +16,10 @@ namespace {
 
 // The start time is field 22 of a stat line; the state, the first field after the name, is the 3rd.
 constexpr int FIELDS_BEFORE_START = 22 - 3;
+
+constexpr const char* OWN_THREADS = "/proc/self/task";
+// Bytes of the buffer for entries of the directory, about 24 for each thread.
+constexpr size_t ENTRIES_SIZE = 2048;
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
 
@@ -71,6 +78,29 @@ bool ReadThreadIds(int32_t pid, std::set<int32_t>& tids) {
         }
     }
     return true;
+}
+
+bool OwnThreads::Read(std::set<int32_t>& tids) {
+    if (!directory_.IsValid()) {
+        directory_ = Wire::UniqueFd(open(OWN_THREADS, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    }
+    if (lseek(directory_.Get(), 0, SEEK_SET) != 0) {
+        return false;
+    }
+    alignas(dirent64) std::array<char, ENTRIES_SIZE> entries;
+    for (;;) {
+        const ssize_t size = getdents64(directory_.Get(), entries.data(), entries.size());
+        if (size <= 0) {
+            return size == 0;
+        }
+        for (size_t at = 0; at < static_cast<size_t>(size);) {
+            const auto* entry = reinterpret_cast<const dirent64*>(entries.data() + at);
+            if (const auto tid = ParseNumber<int32_t>(&entry->d_name[0])) {
+                tids.insert(*tid);
+            }
+            at += entry->d_reclen;
+        }
+    }
 }
 
 std::optional<uint64_t> ReadStartTicks(int32_t pid) {

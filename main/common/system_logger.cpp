@@ -54,7 +54,11 @@ bool SystemLogger::ConnectAs(int type) {
     return false;
 }
 
+// The look at the path costs less than a socket for each attempt.
 bool SystemLogger::Connect() {
+    if (access(LOG_SOCKET, F_OK) != 0) {
+        return false;
+    }
     return ConnectAs(SOCK_DGRAM) || (errno == EPROTOTYPE && ConnectAs(SOCK_STREAM));
 }
 

@@ -14,6 +14,8 @@ class SystemLogger {
 public:
     enum class Sent { YES, NO_ROOM, NO_LOGGER };
 
+    bool IsConnected() const { return fd_ >= 0; }
+
     // Sends one line in the format of syslog(). The text must be followed by a NUL.
     Sent Send(std::string_view line);
 
