@@ -95,7 +95,9 @@ public:
     // A thread is starting the record's next process. Until that thread resets the flag, only that
     // thread changes the record; supervision skips it.
     bool isLaunching_ = false;
-    bool isDue_ = false;  // of the container: its next check pass looks at the record
+    // Of the container: its next periodic pass, or its next extra pass, looks at the record.
+    bool isDue_ = false;
+    bool isEnded_ = false;
     std::string home_;
     std::string owner_;
     std::set<int32_t> tids_;

@@ -45,12 +45,14 @@ bool ManagedRecords::Visit(const RecordVisitor& visitor) const {
 
 std::vector<ManagedApp> ManagedRecords::GetManagedApps(ManagedFilter filter) {
     std::vector<ManagedApp> apps;
-    Visit(RecordVisitor::ForAll([&](const AppInfo& app) {
-        if (app.IsAlive() && IsWanted(app, filter)) {
+    const auto add = [&](const AppInfo& app) {
+        if (IsWanted(app, filter) && app.IsAlive()) {
             apps.push_back(MakeManagedApp(app));
         }
         return false;
-    }));
+    };
+    Visit(filter == ManagedFilter::RUNNING_PRIORITY ? RecordVisitor::ForPriority(add)
+                                                    : RecordVisitor::ForAll(add));
     return apps;
 }
 

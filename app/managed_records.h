@@ -21,6 +21,12 @@ public:
 
     // Wants to see every record.
     static RecordVisitor ForAll(Call call) { return RecordVisitor(std::move(call)); }
+    // Wants to see the records of priority applications, and may be shown others.
+    static RecordVisitor ForPriority(Call call) {
+        RecordVisitor visitor(std::move(call));
+        visitor.isForPriority_ = true;
+        return visitor;
+    }
     // These want to see one record: the one of that name, or the one whose live process is `pid`.
     static RecordVisitor ForName(const std::string& name, Call call) {
         RecordVisitor visitor(std::move(call));
@@ -35,6 +41,7 @@ public:
 
     const std::optional<std::string>& GetName() const { return name_; }
     const std::optional<int32_t>& GetPid() const { return pid_; }
+    bool IsForPriority() const { return isForPriority_; }
 
     bool operator()(AppInfo& app) const { return call_(app); }
 
@@ -44,6 +51,7 @@ private:
     Call call_;
     std::optional<std::string> name_;
     std::optional<int32_t> pid_;
+    bool isForPriority_ = false;
 };
 
 // Calls the visitor for the records of one container that it wants to see, under the lock of the

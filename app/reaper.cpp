@@ -17,10 +17,12 @@ namespace {
 // The longest time between two looks for exits: a library that installs a SIGCHLD handler of its
 // own may take a signal from the reaper, and the exit is then found at the next look.
 constexpr int LOOK_MILLISECONDS = 5000;
+// The longest wait for a signal when the caller has asked for a call soon.
+constexpr int SOON_MILLISECONDS = 1;
 
-void WaitForSignal() {
+void WaitForSignal(int milliseconds) {
     pollfd event{GetSignalEventFd(), POLLIN, 0};
-    if (poll(&event, 1, LOOK_MILLISECONDS) > 0) {
+    if (poll(&event, 1, milliseconds) > 0) {
         uint64_t count = 0;
         [[maybe_unused]] const ssize_t size = read(event.fd, &count, sizeof(count));
     }
@@ -28,15 +30,15 @@ void WaitForSignal() {
 
 }  // namespace
 
-Reaper::Reaper(std::vector<ExitSink> sinks, std::function<void()> onWake)
-    : sinks_(std::move(sinks)), onWake_(std::move(onWake)) {}
+Reaper::Reaper(std::vector<ExitSink> sinks, std::function<void()> onExit,
+               std::function<bool()> onWake)
+    : sinks_(std::move(sinks)), onExit_(std::move(onExit)), onWake_(std::move(onWake)) {}
 
 void Reaper::Run(const std::atomic<bool>& running) {
     TakeChildSignals();
     while (running) {
         CollectExits();
-        onWake_();
-        WaitForSignal();
+        WaitForSignal(onWake_() ? SOON_MILLISECONDS : LOOK_MILLISECONDS);
     }
     ProcMgrLog(LOG_WARNING, "PROCMGR: WaitThread exit now.");
 }
@@ -65,6 +67,8 @@ void Reaper::Collect(const siginfo_t& exit) {
     // WNOHANG: code of a library may have collected the zombie already, and the pid may belong to
     // another child, which is still alive.
     waitpid(pid, nullptr, WNOHANG);
+    // Afterwards: a zombie counts against the limits of its user.
+    onExit_();
 }
 
 }  // namespace ProcMgr

@@ -19,8 +19,10 @@ using ExitSink = std::function<bool(int32_t pid, int32_t status)>;
 class Reaper {
 public:
     // Each exit is offered to the sinks in their order until one returns true; a sink takes the
-    // lock of its own container. `onWake` is called after every wake-up, without a lock.
-    Reaper(std::vector<ExitSink> sinks, std::function<void()> onWake);
+    // lock of its own container. `onExit` is called after each exit. `onWake` is called after
+    // every wake-up; when it returns true, again after a millisecond at most. Both are called
+    // without a lock.
+    Reaper(std::vector<ExitSink> sinks, std::function<void()> onExit, std::function<bool()> onWake);
 
     // The body of the thread. Ends when `running` is false and the signal event has been woken.
     void Run(const std::atomic<bool>& running);
@@ -32,7 +34,8 @@ private:
     void Collect(const siginfo_t& exit);
 
     const std::vector<ExitSink> sinks_;
-    const std::function<void()> onWake_;
+    const std::function<void()> onExit_;
+    const std::function<bool()> onWake_;
 };
 
 }  // namespace ProcMgr

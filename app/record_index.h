@@ -9,6 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "main/common/check_requests.h"
+
 namespace ProcMgr::App {
 
 // The records that have a live process, by pid.
@@ -64,14 +66,19 @@ private:
 };
 
 // The records to which something has happened since the last pass looked at them. A record has the
-// mark isDue_ while it is in here.
+// mark isDue_ while a periodic pass has to look at it, and isEnded_ while an extra pass has to,
+// because its process has ended.
 template <typename Record>
 class DueRecords {
 public:
-    // Reserves memory for a container of `count` records, so that Add() throws nothing.
+    using List = std::vector<Record*>;
+
+    // Reserves memory for a container of `count` records, so that nothing else here throws.
     void Reserve(size_t count) {
-        if (count > due_.capacity()) {
-            due_.reserve(2 * count);
+        for (List* list : {&due_, &ended_, &passed_}) {
+            if (count > list->capacity()) {
+                list->reserve(2 * count);
+            }
         }
     }
 
@@ -80,12 +87,33 @@ public:
             due_.push_back(&record);
         }
     }
+    void AddEnded(Record& record) {
+        Add(record);
+        if (!std::exchange(record.isEnded_, true)) {
+            ended_.push_back(&record);
+        }
+    }
 
-    // The records, in no order.
-    const std::vector<Record*>& GetList() const { return due_; }
+    // The records that the pass which begins now looks at, in no order. An extra pass takes them
+    // from the next extra passes; a record that it leaves undecided waits for the periodic pass.
+    const List& Begin(CheckPass pass) {
+        passed_.clear();
+        if (pass == CheckPass::PERIODIC) {
+            return due_;
+        }
+        passed_.swap(ended_);
+        for (Record* record : passed_) {
+            record->isEnded_ = false;
+        }
+        return passed_;
+    }
+    // The records that the end of the pass looks at.
+    const List& GetPassed(CheckPass pass) const {
+        return pass == CheckPass::PERIODIC ? due_ : passed_;
+    }
 
-    // Makes `due` the list; every record of it is in the list already. Throws nothing.
-    void Keep(const std::vector<Record*>& due) {
+    // Makes `due` the list of the next periodic pass; every record of it is in the list already.
+    void Keep(const List& due) {
         for (Record* record : due_) {
             record->isDue_ = false;
         }
@@ -96,14 +124,20 @@ public:
     }
 
     // Called before a record is destroyed.
-    void Drop(const Record& record) {
-        if (record.isDue_) {
+    void Drop(Record& record) {
+        if (std::exchange(record.isDue_, false)) {
             std::erase(due_, &record);
         }
+        if (std::exchange(record.isEnded_, false)) {
+            std::erase(ended_, &record);
+        }
+        std::erase(passed_, &record);
     }
 
 private:
-    std::vector<Record*> due_;
+    List due_;
+    List ended_;
+    List passed_;  // by the extra pass that is under way, or was the last one
 };
 
 }  // namespace ProcMgr::App

@@ -17,6 +17,7 @@ BaseRecords::Record* BaseRecords::Add(const Record& record) {
         throw;
     }
     added->startNumber_ = ++lastNumber_;
+    hasPriority_ = hasPriority_ || added->IsPriority();
     return &*added;
 }
 
@@ -38,12 +39,11 @@ BaseRecords::Record* BaseRecords::FindLive(const std::string& name) {
     return record != nullptr && record->IsAlive() ? record : nullptr;
 }
 
-std::vector<BaseRecords::Record*> BaseRecords::ListDue() const {
-    std::vector<Record*> due = due_.GetList();
-    std::sort(due.begin(), due.end(), [](const Record* one, const Record* other) {
+std::vector<BaseRecords::Record*> BaseRecords::Sorted(std::vector<Record*> records) {
+    std::sort(records.begin(), records.end(), [](const Record* one, const Record* other) {
         return one->startNumber_ < other->startNumber_;
     });
-    return due;
+    return records;
 }
 
 }  // namespace ProcMgr

@@ -32,18 +32,27 @@ public:
     // All records, in start order.
     std::pmr::list<Record>& GetAll() { return all_; }
 
+    // False while no record of a priority application has been added.
+    bool HasPriority() const { return hasPriority_; }
+
     // The live processes: a process is added after its fork and taken when its exit is stored.
     App::ProcessIndex<Record>& GetProcesses() { return processes_; }
 
-    // Marks a record for the next pass: something has happened to it. Throws nothing.
+    // Mark a record for the next pass: something has happened to it, or its process has ended.
+    // Throw nothing.
     void AddDue(Record& record) { due_.Add(record); }
-    // The marked records, in start order.
-    std::vector<Record*> ListDue() const;
+    void AddEnded(Record& record) { due_.AddEnded(record); }
+    // The records that the pass which begins now looks at, in start order.
+    std::vector<Record*> BeginPass(CheckPass pass) { return Sorted(due_.Begin(pass)); }
+    // The records that the end of the pass looks at, in start order.
+    std::vector<Record*> GetPassed(CheckPass pass) const { return Sorted(due_.GetPassed(pass)); }
     // Takes the mark from all marked records but `due`. Throws nothing.
     void KeepDue(const std::vector<Record*>& due) { due_.Keep(due); }
 
 private:
     using List = std::pmr::list<Record>;
+
+    static std::vector<Record*> Sorted(std::vector<Record*> records);
 
     // Keeps the records together, apart from the memory that start-up frees: the pages of a record
     // that lies between the manifests could not be given back to the system. A removed record
@@ -56,6 +65,7 @@ private:
     App::ProcessIndex<Record> processes_;
     App::DueRecords<Record> due_;
     uint64_t lastNumber_ = 0;
+    bool hasPriority_ = false;
 };
 
 }  // namespace ProcMgr

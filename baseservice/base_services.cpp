@@ -134,7 +134,7 @@ bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
             return false;
         }
         record->SetExitStatus(status);
-        executedBaseApp_.AddDue(*record);
+        executedBaseApp_.AddEnded(*record);
         launcher_.Release(*record);
         ForgetDependent(*record);
         const bool isYoung = std::chrono::steady_clock::now() - record->startTime_ <= CHECK_PERIOD;
@@ -142,7 +142,7 @@ bool BaseServices::SetExitStatus(int32_t pid, int32_t status) {
         // restarts it once per period. The stop restarts nothing, so every exit is checked at once.
         isUrgent = isStopping_ || !isYoung;
     }
-    // Without the lock, because the threads that wake up here take it.
+    // Without the lock, because a thread that wakes up here takes it.
     isUrgent ? checks_.RequestNow() : checks_.Request();
     exited_.NotifyAll();
     return true;
@@ -215,6 +215,9 @@ std::vector<std::string> BaseServices::GetOwnersAmong(const std::vector<std::str
 
 bool BaseServices::Visit(const App::RecordVisitor& visitor) {
     const LockGuard lock(mutex_);
+    if (visitor.IsForPriority() && !executedBaseApp_.HasPriority()) {
+        return false;
+    }
     if (!visitor.GetName() && !visitor.GetPid()) {
         auto& records = executedBaseApp_.GetAll();
         return std::any_of(records.begin(), records.end(), std::cref(visitor));

@@ -69,15 +69,20 @@ public:
     // process. Called by the reaper before the pid is freed.
     bool SetExitStatus(int32_t pid, int32_t status) PROCMGR_EXCLUDES(mutex_);
 
-    // One pass of the check thread over the records to which something has happened: moves them
+    // One pass over the records to which something has happened: moves them
     // from state to state and handles the services that have died one after the other (report,
-    // fault event, pipe, restart by policy). The pipes of restarted services are opened last.
+    // fault event, pipe, restart by policy). A restart is completed by Complete().
     void CheckBaseApps(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
     void Check(CheckPass pass) override PROCMGR_EXCLUDES(mutex_) { CheckBaseApps(pass); }
 
     // Removes the services that have ended and are not restarted, with their pipes and heartbeat
-    // watches. Called by the check thread after each pass.
-    void RemoveTerminatedApps() override PROCMGR_EXCLUDES(mutex_);
+    // watches. Called after each pass, by the thread that has made it.
+    void RemoveTerminatedApps(CheckPass pass) override PROCMGR_EXCLUDES(mutex_);
+
+    // Completes the restarts: opens the pipes of the new processes and starts their heartbeat
+    // watches, on the check thread. Opening a pipe takes as long as creating a process, and
+    // restarts go on meanwhile.
+    void Complete() override PROCMGR_EXCLUDES(mutex_);
 
     // Stores the state that a service has reported, RUNNING or TERMINATING. Ignored when the
     // process of the service has ended; a log line when the service is not in the list.
@@ -116,11 +121,12 @@ public:
 private:
     using Record = App::BaseAppInfo;
     class LaunchGuard;
-    class Restarted;
+    class StartFault;
 
     // What a pass has to know of a service whose end it has just found.
     struct Ended {
         std::string name;
+        uint32_t nodeType = 0;
         bool isReporting = false;
         bool hasDied = false;  // else its end was requested
     };
@@ -135,23 +141,27 @@ private:
     // The steps of a pass and of a restart. They hold the lock for one record at a time.
     //
     // The records that the pass has to look at, in start order. They stay valid to the end of the
-    // pass: only the check thread removes records that have ever been marked.
-    std::vector<Record*> ListDue() PROCMGR_EXCLUDES(mutex_);
+    // pass: records that have ever been marked are removed only after a pass.
+    std::vector<Record*> BeginPass(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
     // Checks the records of `due` from `index` on, up to and with the first one that has ended.
     // Nothing when the list has been checked to its end.
     std::optional<Ended> CheckNext(CheckPass pass, const std::vector<Record*>& due, size_t& index)
         PROCMGR_EXCLUDES(mutex_);
     void ReleaseEnded(const Ended& ended) PROCMGR_EXCLUDES(mutex_);
     // Restarts a service that has died if its policy allows it. A launch that may take long is
-    // handed to another thread. `guard` is disarmed when that thread or `restarted` is to end the
+    // handed to another thread. `guard` is disarmed when that thread or Complete() is to end the
     // launch.
-    void RestartByPolicy(const std::string& name, LaunchGuard& guard, Restarted& restarted)
+    void RestartByPolicy(const std::string& name, LaunchGuard& guard, StartFault& fault)
         PROCMGR_EXCLUDES(mutex_);
     // Decides about the restart and logs the decision. Returns a copy of the record when the
     // service is to be restarted.
     std::optional<Record> DecideRestart(const std::string& name) PROCMGR_EXCLUDES(mutex_);
-    // Starts the new process; `copy` takes it over. False, with a log line, when there is none.
-    bool PrepareAndRestart(Record& copy) PROCMGR_EXCLUDES(mutex_);
+    // Starts the new process, raises the fault, and leaves the end of the launch to Complete():
+    // `guard` is disarmed. Logs when there is no new process.
+    void PrepareAndRestart(const Record& copy, LaunchGuard& guard, StartFault& fault)
+        PROCMGR_EXCLUDES(mutex_);
+    std::vector<Record*> TakeRestarted() PROCMGR_EXCLUDES(mutex_);
+    Record CopyOf(const Record& record) PROCMGR_EXCLUDES(mutex_);
     void Reconnect(const Record& record) PROCMGR_EXCLUDES(mutex_);
     // Ends the launch of the record: supervision checks the record again.
     void EndLaunch(const std::string& name) PROCMGR_EXCLUDES(mutex_);
@@ -166,20 +176,19 @@ private:
 
     bool NeedsCheck(const Record& record, CheckPass pass, SteadyTime now) const
         PROCMGR_REQUIRES(mutex_);
-    // Removes the records of RemoveTerminatedApps() and returns what it has to know of them, then
-    // takes the mark from those that the next pass need not look at.
-    std::vector<std::string> RemoveFromList() PROCMGR_EXCLUDES(mutex_);
+    // Removes the records of RemoveTerminatedApps() and returns their names. A periodic pass then
+    // takes the mark from those that the next one need not look at.
+    std::vector<std::string> RemoveFromList(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
     static bool IsRemovable(const Record& record);
     bool IsUndecided(const std::string& name) PROCMGR_REQUIRES(mutex_);
     // Forks the process of a record that is in the list, and adds it to the live processes.
     bool StartProcess(Record& record, App::LaunchPlan& plan) PROCMGR_REQUIRES(mutex_);
-    // Starts a new process, by `plan`, for a service whose process has ended. Returns its record,
-    // or null, with a log line, when there is no new process.
-    const Record* RestartBaseApp(const std::string& name, std::optional<App::LaunchPlan> plan)
-        PROCMGR_REQUIRES(mutex_);
+    // Starts a new process, by `plan`, for a service whose process has ended, and adds the record
+    // to restarted_. False, with a log line, when there is no new process.
+    bool RestartBaseApp(const std::string& name, std::optional<App::LaunchPlan> plan,
+                        StartFault& fault) PROCMGR_REQUIRES(mutex_);
     void CheckOne(Record& record) PROCMGR_REQUIRES(mutex_);
-    // Queues the report about a record whose process has just been found ended, and raises its
-    // fault.
+    // Queues the report about a record whose process has just been found ended.
     void ReportEnd(Record& record) PROCMGR_REQUIRES(mutex_);
     void CountDependents() PROCMGR_REQUIRES(mutex_);
     // Called when the exit of the service's process has been stored.
@@ -207,6 +216,9 @@ private:
     Mutex mutex_;
     Condition exited_;  // notified when an exit has been stored
     BaseRecords executedBaseApp_ PROCMGR_GUARDED_BY(mutex_);
+    // The restarted services that Complete() has to look at. isLaunching_ is set in each until
+    // Complete() ends its launch, so none is removed before.
+    std::vector<Record*> restarted_ PROCMGR_GUARDED_BY(mutex_);
     bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
     // Of StopAll(): how many live services depend on the service of that name.
     std::map<std::string, size_t> liveDependents_ PROCMGR_GUARDED_BY(mutex_);

@@ -1,10 +1,9 @@
-// The supervision of the base services by the check thread: state checks, the handling of services
+// The supervision of the base services by check passes: state checks, the handling of services
 // that have died, restarts, the end of launches, and the removal of records.
 #include <algorithm>
 #include <chrono>
 #include <exception>
 #include <new>
-#include <type_traits>
 #include <utility>
 
 #include "baseservice/base_services.h"
@@ -57,63 +56,61 @@ private:
     bool isArmed_ = true;
 };
 
-// The services that a pass has restarted and that have no pipe yet. Opening a pipe takes as long as
-// creating a process: when many services die at once, all are running again before the first pipe
-// is opened.
-class BaseServices::Restarted {
+// Raises the fault of a service that has died, at the end of its scope at the latest, also when the
+// preparation of the restart takes long. When the service is restarted the fault is raised after
+// the fork, because raising it wakes the device worker, which would take a core from the new
+// process.
+class BaseServices::StartFault {
 public:
-    explicit Restarted(BaseServices& services) : services_(services) {}
-    ~Restarted() { Reconnect(); }
-    Restarted(const Restarted&) = delete;
-    Restarted& operator=(const Restarted&) = delete;
+    StartFault(BaseServices& services, std::string name, uint32_t nodeType, bool isRaised = false)
+        : services_(services), name_(std::move(name)), nodeType_(nodeType), isRaised_(isRaised) {}
+    ~StartFault() { Raise(); }
+    StartFault(const StartFault&) = delete;
+    StartFault& operator=(const StartFault&) = delete;
 
-    // Makes room for one Add().
-    void Reserve() {
-        if (records_.size() == RECORDS_MAX) {
-            Reconnect();
+    // Any lock may be held. Does nothing when the fault has been raised.
+    void Raise() {
+        if (std::exchange(isRaised_, true)) {
+            return;
         }
-        records_.reserve(records_.size() + 1);
+        try {
+            services_.faults_.Raise(App::BASE_SERVICE_NODE, name_, App::EVENT_START_FAILED,
+                                    nodeType_);
+        } catch (const std::exception& error) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : the fault of app=%s is not raised, %s", name_.c_str(),
+                       error.what());
+        }
     }
-    // Takes over the end of the launch. Does not throw after Reserve().
-    void Add(Record record) { records_.push_back(std::move(record)); }
 
 private:
-    static_assert(std::is_nothrow_move_constructible_v<Record>);
-    static constexpr size_t RECORDS_MAX = 64;
-
-    void Reconnect() {
-        for (const Record& record : records_) {
-            const LaunchGuard guard(services_, record.appName_);
-            try {
-                services_.Reconnect(record);
-            } catch (const std::exception& error) {
-                ProcMgrLog(LOG_ERR, "PROCMGR : the pipe of app=%s cannot be opened, %s",
-                           record.appName_.c_str(), error.what());
-            }
-        }
-        records_.clear();
-    }
-
     BaseServices& services_;
-    std::vector<Record> records_;
+    const std::string name_;
+    const uint32_t nodeType_;
+    bool isRaised_;
 };
 
 void BaseServices::CheckBaseApps(CheckPass pass) {
-    const std::vector<Record*> due = ListDue();
-    Restarted restarted(*this);
+    const std::vector<Record*> due = BeginPass(pass);
     size_t index = 0;
     while (const std::optional<Ended> ended = CheckNext(pass, due, index)) {
         LaunchGuard guard(*this, ended->name);
-        ReleaseEnded(*ended);
-        if (ended->hasDied) {
-            RestartByPolicy(ended->name, guard, restarted);
+        if (!ended->hasDied) {
+            ReleaseEnded(*ended);
+            continue;
         }
+        StartFault fault(*this, ended->name, ended->nodeType);
+        if (ended->isReporting) {
+            // Before the end of the heartbeat watch withdraws the fault of the lost heartbeat.
+            fault.Raise();
+        }
+        ReleaseEnded(*ended);
+        RestartByPolicy(ended->name, guard, fault);
     }
 }
 
-std::vector<BaseServices::Record*> BaseServices::ListDue() {
+std::vector<BaseServices::Record*> BaseServices::BeginPass(CheckPass pass) {
     const LockGuard lock(mutex_);
-    return executedBaseApp_.ListDue();
+    return executedBaseApp_.BeginPass(pass);
 }
 
 std::optional<BaseServices::Ended> BaseServices::CheckNext(CheckPass pass,
@@ -127,7 +124,7 @@ std::optional<BaseServices::Ended> BaseServices::CheckNext(CheckPass pass,
             continue;
         }
         // Made before the state changes: when the copy fails, the next pass finds the exit.
-        Ended ended{record.appName_, record.isReporting_};
+        Ended ended{record.appName_, record.nodeType_, record.isReporting_};
         CheckOne(record);
         if (record.GetState() == TERMINATED) {
             ended.hasDied = record.reportType_ == TERMINATED_ABNORMAL_EXIT;
@@ -187,7 +184,6 @@ void BaseServices::ReportEnd(Record& record) try {
     LogSupervised(LOG_WARNING, DIED, record);
     reports_.ReportAppStateToZorn(record, TERMINATED_ABNORMAL_EXIT,
                                   record.exitedWith125_ ? RESULT_INPUT_OUTPUT_ERROR : RESULT_NONE);
-    RaiseFault(record, App::EVENT_START_FAILED);
 } catch (const std::bad_alloc&) {
     // isLaunching_ is reset, so that the next pass checks the record again and repeats the report.
     record.isLaunching_ = false;
@@ -205,25 +201,20 @@ void BaseServices::ReleaseEnded(const Ended& ended) {
     EndHeartBeat(ended.name);
 }
 
-void BaseServices::RestartByPolicy(const std::string& name, LaunchGuard& guard,
-                                   Restarted& restarted) {
-    std::optional<Record> copy = DecideRestart(name);
+void BaseServices::RestartByPolicy(const std::string& name, LaunchGuard& guard, StartFault& fault) {
+    const std::optional<Record> copy = DecideRestart(name);
     if (!copy) {
         return;
     }
     if (launcher_.IsQuick(*copy)) {
-        restarted.Reserve();
-        if (PrepareAndRestart(*copy)) {
-            restarted.Add(std::move(*copy));
-            guard.Disarm();
-        }
+        PrepareAndRestart(*copy, guard, fault);
         return;
     }
-    const auto job = [this, copy]() mutable {
-        const LaunchGuard jobGuard(*this, copy->appName_);
-        if (PrepareAndRestart(*copy)) {
-            Reconnect(*copy);
-        }
+    fault.Raise();
+    const auto job = [this, copy] {
+        LaunchGuard jobGuard(*this, copy->appName_);
+        StartFault raised(*this, copy->appName_, copy->nodeType_, true);
+        PrepareAndRestart(*copy, jobGuard, raised);
     };
     if (launcher_.PostSlow(job)) {
         guard.Disarm();
@@ -247,44 +238,78 @@ std::optional<BaseServices::Record> BaseServices::DecideRestart(const std::strin
     return *record;
 }
 
-bool BaseServices::PrepareAndRestart(Record& copy) {
+void BaseServices::PrepareAndRestart(const Record& copy, LaunchGuard& guard, StartFault& fault) {
     std::optional<App::LaunchPlan> plan = launcher_.Prepare(copy);
     {
         const LockGuard lock(mutex_);
-        const Record* record =
-            isStopping_ ? nullptr : RestartBaseApp(copy.appName_, std::move(plan));
-        if (record == nullptr) {
-            return false;
+        if (isStopping_ || !RestartBaseApp(copy.appName_, std::move(plan), fault)) {
+            return;
         }
-        copy.TakeProcess(*record);
+        guard.Disarm();
     }
+    checks_.RequestCompletion();
     // Base start-up may be waiting for this service, because another one depends on it.
     reportedState_.Notify();
-    return true;
 }
 
-const BaseServices::Record* BaseServices::RestartBaseApp(const std::string& name,
-                                                         std::optional<App::LaunchPlan> plan) {
+bool BaseServices::RestartBaseApp(const std::string& name, std::optional<App::LaunchPlan> plan,
+                                  StartFault& fault) {
     Record* record = executedBaseApp_.Find(name);
     if (record == nullptr) {
         ProcMgrLog(LOG_WARNING, "PROCMGR : Failed to find a process %s from executedBaseApp_",
                    name.c_str());
-        return nullptr;
+        return false;
     }
     if (record->GetState() != TERMINATED) {
         ProcMgrLog(LOG_ERR, "PROCMGR : gonna restart process %s, but state=%s is not TERMINATED ",
                    name.c_str(), GetProcessStateStr(record->GetState()).c_str());
-        return nullptr;
+        return false;
+    }
+    // Before the fork, because it may fail.
+    if (restarted_.size() == restarted_.capacity()) {
+        restarted_.reserve(2 * restarted_.size() + 1);
     }
     if (!plan || !StartProcess(*record, *plan)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Restarting process : %s failed ", name.c_str());
         LogSupervised(LOG_ERR, RESTART_FAILED, *record);
-        return nullptr;
+        return false;
     }
+    fault.Raise();
     if (!record->isReporting_) {
         WithdrawFault(name, App::EVENT_START_FAILED);
     }
     reports_.ReportAppStateToZorn(*record, RUNNING_NORMAL_START, RESULT_NONE);
+    // Last: the record must not be in the list when an exception ends its launch.
+    restarted_.push_back(record);
+    return true;
+}
+
+void BaseServices::Complete() {
+    for (const Record* record : TakeRestarted()) {
+        const LaunchGuard guard(*this, record->appName_);
+        try {
+            const Record copy = CopyOf(*record);
+            if (copy.IsAlive()) {
+                Reconnect(copy);
+            } else {
+                // The pid may belong to another process by now, which must not get the pipe.
+                reports_.Flush();
+                LogSupervised(LOG_INFO, RESTARTED, copy);
+            }
+        } catch (const std::exception& error) {
+            ProcMgrLog(LOG_ERR, "PROCMGR : the pipe of app=%s cannot be opened, %s",
+                       record->appName_.c_str(), error.what());
+        }
+    }
+}
+
+std::vector<BaseServices::Record*> BaseServices::TakeRestarted() {
+    const LockGuard lock(mutex_);
+    return std::exchange(restarted_, {});
+}
+
+BaseServices::Record BaseServices::CopyOf(const Record& record) {
+    const LockGuard lock(mutex_);
     return record;
 }
 
@@ -338,19 +363,21 @@ bool BaseServices::IsRemovable(const Record& record) {
     return record.GetState() == TERMINATED && !record.isLaunching_ && !record.IsRestartable();
 }
 
-std::vector<std::string> BaseServices::RemoveFromList() {
+std::vector<std::string> BaseServices::RemoveFromList(CheckPass pass) {
     const LockGuard lock(mutex_);
     const SteadyTime now = std::chrono::steady_clock::now();
     std::vector<std::string> removed;
     std::vector<Record*> due;
-    for (Record* record : executedBaseApp_.ListDue()) {
+    for (Record* record : executedBaseApp_.GetPassed(pass)) {
         if (IsRemovable(*record)) {
             removed.push_back(record->appName_);
         } else if (NeedsCheck(*record, CheckPass::PERIODIC, now)) {
             due.push_back(record);
         }
     }
-    executedBaseApp_.KeepDue(due);
+    if (pass == CheckPass::PERIODIC) {
+        executedBaseApp_.KeepDue(due);
+    }
     for (const std::string& name : removed) {
         ProcMgrLog(LOG_INFO, "PROCMGR : Process %s removed from the list of executedBaseApp_",
                    name.c_str());
@@ -359,8 +386,8 @@ std::vector<std::string> BaseServices::RemoveFromList() {
     return removed;
 }
 
-void BaseServices::RemoveTerminatedApps() {
-    for (const std::string& name : RemoveFromList()) {
+void BaseServices::RemoveTerminatedApps(CheckPass pass) {
+    for (const std::string& name : RemoveFromList(pass)) {
         if (owners_.GetServiceFd(name) > 0) {
             owners_.UnRegServiceCallBack(name);
         }

@@ -117,7 +117,7 @@ bool GeneralApps::SetExitStatus(int32_t pid, int32_t status) {
             return false;
         }
         app->SetExitStatus(status);
-        due_.Add(*app);
+        due_.AddEnded(*app);
         launcher_.Release(*app);
         isYoung = std::chrono::steady_clock::now() - app->startTime_ <= CHECK_PERIOD;
     }

@@ -1,6 +1,6 @@
 // The container of the general applications, which owner services request: the map of their records
 // and its lock. Request handlers start, terminate, restart and query applications, the reaper
-// stores exits, and the check thread moves the records from state to state. Reports are queued
+// stores exits, and check passes move the records from state to state. Reports are queued
 // under the lock, in the order of the changes, and sent without it.
 //
 // A launch has two stages: the checks that may take long are done without the lock, on a copy of
@@ -61,13 +61,13 @@ public:
     // process. Called by the reaper before the pid is freed.
     bool SetExitStatus(int32_t pid, int32_t status) PROCMGR_EXCLUDES(mutex_);
 
-    // One pass of the check thread: moves the records from state to state, reports the changes, and
+    // One pass: moves the records from state to state, reports the changes, and
     // starts the new processes of restarts whose old process has ended.
     void CheckGeneralApps(CheckPass pass) PROCMGR_EXCLUDES(mutex_);
     void Check(CheckPass pass) override PROCMGR_EXCLUDES(mutex_) { CheckGeneralApps(pass); }
-    // Removes the records of applications that have ended. Called by the check thread after each
-    // pass.
-    void RemoveTerminatedApps() override PROCMGR_EXCLUDES(mutex_);
+    // Removes the records of applications that have ended. Called after each pass, by the thread
+    // that has made it.
+    void RemoveTerminatedApps(CheckPass pass) override PROCMGR_EXCLUDES(mutex_);
 
     // Reports the changes that were held back while the access manager was not ready.
     void ReportHeldBack() override PROCMGR_EXCLUDES(mutex_);
@@ -141,8 +141,6 @@ private:
     // Throws nothing once there is a child.
     bool TryStart(App::GeneralAppInfo& app, std::optional<App::LaunchPlan> plan)
         PROCMGR_REQUIRES(mutex_);
-    // The records that a pass has to look at, in the order of their names.
-    std::vector<App::GeneralAppInfo*> ListDue() const PROCMGR_REQUIRES(mutex_);
     void CheckOne(App::GeneralAppInfo& app, SteadyTime now) PROCMGR_REQUIRES(mutex_);
     // Reports the change that the report type of the record describes, and raises or withdraws the
     // fault of the application.

@@ -318,7 +318,7 @@ void GeneralApps::FinishDirectRestart(const Record& record, std::optional<App::L
                record->appName_.c_str(), record->pid_, isRemoved, isTerminated);
 }
 
-// Only ends the old process: the check thread starts the new one after the exit.
+// Only ends the old process: a check pass starts the new one after the exit.
 void GeneralApps::RestartRunning(const Record& record, App::AppSpec next) {
     record->savedForceTerm_ = record->forceTerm_;
     record->SetNext(std::move(next));

@@ -1,4 +1,4 @@
-// The supervision of the general applications by the check thread: state checks, reports and faults
+// The supervision of the general applications by check passes: state checks, reports and faults
 // of the changes, restarts, and the removal of records.
 #include <algorithm>
 #include <chrono>
@@ -28,6 +28,15 @@ bool NeedsCheck(const GeneralAppInfo& app, CheckPass pass, SteadyTime now) {
     return app.GetState() != TERMINATED && !app.IsSettled();
 }
 
+// The records in the order of their names.
+std::vector<GeneralAppInfo*> Sorted(std::vector<GeneralAppInfo*> records) {
+    std::sort(records.begin(), records.end(),
+              [](const GeneralAppInfo* one, const GeneralAppInfo* other) {
+                  return one->appName_ < other->appName_;
+              });
+    return records;
+}
+
 uint32_t ResultOf(const GeneralAppInfo& app) {
     if (app.reportType_ != TERMINATED_ABNORMAL_EXIT || !app.exitedWith125_) {
         return RESULT_NONE;
@@ -52,7 +61,7 @@ std::vector<GeneralAppInfo> GeneralApps::CheckStates(CheckPass pass) {
     const LockGuard lock(mutex_);
     changeReports_.QueueHeldBackIfReady();
     const SteadyTime now = std::chrono::steady_clock::now();
-    for (GeneralAppInfo* app : ListDue()) {
+    for (GeneralAppInfo* app : Sorted(due_.Begin(pass))) {
         if (NeedsCheck(*app, pass, now)) {
             CheckOne(*app, now);
         }
@@ -66,14 +75,6 @@ std::vector<GeneralAppInfo> GeneralApps::CheckStates(CheckPass pass) {
     }
     changeReports_.QueueNoted();
     return restarts;
-}
-
-std::vector<GeneralAppInfo*> GeneralApps::ListDue() const {
-    std::vector<GeneralAppInfo*> due = due_.GetList();
-    std::sort(due.begin(), due.end(), [](const GeneralAppInfo* one, const GeneralAppInfo* other) {
-        return one->appName_ < other->appName_;
-    });
-    return due;
 }
 
 // When an exception is thrown before isLaunching_ is set, IsRestartDue() stays true and the next
@@ -145,22 +146,25 @@ void GeneralApps::NoteChange(GeneralAppInfo& app) {
     }
 }
 
-void GeneralApps::RemoveTerminatedApps() {
+void GeneralApps::RemoveTerminatedApps(CheckPass pass) {
     const LockGuard lock(mutex_);
     const SteadyTime now = std::chrono::steady_clock::now();
     std::vector<Record> removed;
     std::vector<GeneralAppInfo*> due;
-    for (GeneralAppInfo* app : ListDue()) {
+    for (GeneralAppInfo* app : Sorted(due_.GetPassed(pass))) {
         if (app->GetState() == TERMINATED && !app->isLaunching_) {
             removed.push_back(Find(app->appName_));
         } else if (NeedsCheck(*app, CheckPass::PERIODIC, now)) {
             due.push_back(app);
         }
     }
-    due_.Keep(due);
+    if (pass == CheckPass::PERIODIC) {
+        due_.Keep(due);
+    }
     for (const Record& record : removed) {
         ProcMgrLog(LOG_INFO, "PROCMGR : Process %s removed from the list of generalAppMap_",
                    record->appName_.c_str());
+        due_.Drop(*record);
         generalAppMap_.erase(record->appName_);
     }
 }

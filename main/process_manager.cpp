@@ -118,7 +118,7 @@ ProcessManager::ProcessManager(const std::string& path)
           {[this](int32_t pid, int32_t status) { return baseServices_.SetExitStatus(pid, status); },
            [this](int32_t pid, int32_t status) { return generalApps_.SetExitStatus(pid, status); },
            [this](int32_t pid, int32_t /*status*/) { return launcher_.TakeHelperExit(pid); }},
-          [this] { HandleSignals(); }),
+          [this] { HandleExit(); }, [this] { return HandleWakeUp(); }),
       childErrorReader_(running_) {}
 
 bool ProcessManager::Init() {
@@ -218,29 +218,36 @@ void ProcessManager::ContinueProcMgrInit() {
     ProcMgrSysLog(LOG_INFO, "%s, ContinueProcMgrInit success", BootStrace(BOOT_TRACE_TAG).c_str());
 }
 
-void ProcessManager::HandleSignals() {
+// At the stop the wait thread only collects exits, because a pass may wait for a library, and
+// nothing is restarted any more.
+void ProcessManager::HandleExit() {
+    if (isStopping_) {
+        checks_.PostponeWake();
+    } else {
+        checkLoop_.RunUrgent();
+    }
+}
+
+bool ProcessManager::HandleWakeUp() {
     if (TakeHangUp()) {
         ProcMgrLog(LOG_WARNING, "PROCMGR : SIGHUP is ignored");
     }
-    if (IsStopRequested() && !isStopping_) {
-        BeginStop();
-    }
+    return checks_.WakeWhenQuiet();
 }
 
 void ProcessManager::BeginStop() {
     // Base start-up is stopped first, so that it starts no service once StopApplications() runs.
     reportedState_.Stop();
-    {
-        const LockGuard lock(mutex_);
-        isStopping_ = true;
-    }
-    stopRequested_.NotifyAll();
+    isStopping_ = true;
+    WakeStopEvent();
     launcher_.CancelSlow();
 }
 
 void ProcessManager::WaitForStop() {
-    UniqueLock lock(mutex_);
-    stopRequested_.Wait(lock, [this] { return isStopping_.load(); });
+    while (!isStopping_ && !IsStopRequested()) {
+        WaitForStopEvent();
+    }
+    BeginStop();
 }
 
 void ProcessManager::StopApplications() {
@@ -290,8 +297,8 @@ bool ProcessManager::Shutdown() {
 bool ProcessManager::JoinThreads(SteadyTime end) {
     // The start-up thread first, because it starts the child-error thread.
     const bool isStartUpOver = Ends(startUpThread_.GetName(), startUpThread_.Join(end));
-    // After the start-up thread, which launches too. Jobs that the check thread gives to the launch
-    // workers from here on are refused.
+    // After the start-up thread, which launches too. Jobs that a pass gives to the launch workers
+    // from here on are refused.
     bool isClean = Ends("launch", launcher_.Stop(end)) && isStartUpOver;
     for (NamedThread* thread : {&waitThread_, &checkThread_, &reportThread_}) {
         isClean = Ends(thread->GetName(), thread->Join(end)) && isClean;

@@ -106,22 +106,23 @@ private:
     void WaitThread() { reaper_.Run(running_); }
     void ReceiveChildProcessMsgThread() { childErrorReader_.Run(); }
 
-    // Reacts to the signals that have arrived: SIGTERM and SIGINT begin the stop, SIGHUP is logged.
-    // Called by the wait thread.
-    void HandleSignals();
+    // What the wait thread does when it has collected an exit, and after every wake-up. True when
+    // the wait thread is to call it again soon.
+    void HandleExit();
+    bool HandleWakeUp();
     // Wakes every thread that waits for something which the stop makes pointless.
-    void BeginStop() PROCMGR_EXCLUDES(mutex_);
-    void WaitForStop() PROCMGR_EXCLUDES(mutex_);
+    void BeginStop();
+    // Waits for SIGTERM, SIGINT or a failure of start-up, and begins the stop.
+    void WaitForStop();
     void StopApplications();
     bool JoinThreads(SteadyTime end);
 
     Mutex mutex_;
-    Condition stopRequested_;  // isStopping_ has become true
     std::exception_ptr startUpFailure_ PROCMGR_GUARDED_BY(mutex_);
     std::string baseServiceCfgPath;
     // The loops of the wait thread and the child-error thread end when it is false.
     std::atomic<bool> running_{true};
-    // An orderly stop has begun. Set under mutex_, so that WaitForStop() does not miss the change.
+    // An orderly stop has begun.
     std::atomic<bool> isStopping_{false};
 
     ProcMgrSettings settings_;         // constant after Init()

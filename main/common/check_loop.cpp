@@ -26,36 +26,64 @@ CheckLoop::CheckLoop(CheckRequests& requests,
 void CheckLoop::Run() {
     const SteadyTime begin = clock_.Now();
     uint64_t cycle = 0;
+    std::optional<SteadyTime> requested = begin;
     while (!requests_.IsStopped()) {
-        CheckContainers(CheckPass::PERIODIC);
+        if (requested && requests_.Begin()) {
+            CheckContainers(CheckPass::PERIODIC);
+            Complete();
+        }
         RunPeriodicChecks(cycle);
-        const bool isRequested = requests_.WaitForAny(NextDue(begin));
-        const auto passed = (clock_.Now() - begin) / CHECK_PERIOD;
+        requested = requests_.WaitForAny(NextDue(begin));
+        const auto passed = (requested.value_or(clock_.Now()) - begin) / CHECK_PERIOD;
         cycle = std::max(cycle, static_cast<uint64_t>(passed));
-        if (!isRequested) {
+        if (!requested) {
             continue;
         }
         ++cycle;
         while (requests_.WaitForNow(begin + cycle * CHECK_PERIOD)) {
-            CheckContainers(CheckPass::EXTRA);
+            MakeExtraPass();
+            Complete();
         }
     }
     ProcMgrLog(LOG_WARNING, "PROCMGR: CheckThread exit now.");
 }
 
+void CheckLoop::RunUrgent() {
+    if (MakeExtraPass()) {
+        requests_.PostponeWake();
+    }
+}
+
+bool CheckLoop::MakeExtraPass() {
+    if (!requests_.TryBeginNow()) {
+        return false;
+    }
+    CheckContainers(CheckPass::EXTRA);
+    return true;
+}
+
+// Makes and ends the pass that the caller has begun.
 void CheckLoop::CheckContainers(CheckPass pass) {
-    requests_.Begin(pass);
     try {
         for (Supervised& container : containers_) {
             container.Check(pass);
         }
         for (Supervised& container : containers_) {
-            container.RemoveTerminatedApps();
+            container.RemoveTerminatedApps(pass);
         }
     } catch (const std::exception& error) {
         // The records still hold what is left to do, for example after a lack of memory.
         LogFailure(error);
         requests_.Request();
+    }
+    requests_.End();
+}
+
+void CheckLoop::Complete() {
+    if (requests_.TakeCompletion()) {
+        for (Supervised& container : containers_) {
+            container.Complete();
+        }
     }
 }
 

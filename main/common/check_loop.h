@@ -1,10 +1,10 @@
 // The loop of the check thread: passes over containers of supervised records, and checks that run
-// every so many cycles. The loop uses its containers and checks only through the interfaces below,
-// on the thread that calls Run().
+// every so many cycles. The loop uses its containers and checks only through the interfaces below.
+// The wait thread makes extra passes, too: a process that has died is restarted by the thread that
+// has collected its exit, and the check thread does what may follow later.
 //
-// Cycles lie on a grid of 30 ms that begins when the loop does. Passes are made at the first cycle,
-// at the cycle after a request, and when a periodic check is due; the cycles in between, which
-// would find nothing, are left out.
+// Cycles lie on a grid of 30 ms that begins when the loop does. Passes are made at the first cycle
+// and at the cycle after a request; passes in between, which would find nothing, are left out.
 #pragma once
 
 #include <cstdint>
@@ -23,8 +23,13 @@ public:
 
     // Moves the records from state to state. May throw: the next cycle checks again.
     virtual void Check(CheckPass pass) = 0;
-    // Drops the records that are finished. Called after every container has been checked.
-    virtual void RemoveTerminatedApps() = 0;
+    // Drops the records that the pass has found finished. Called after every container has been
+    // checked.
+    virtual void RemoveTerminatedApps(CheckPass pass) = 0;
+    // Completes what passes have left to do: the container has requested it with
+    // CheckRequests::RequestCompletion(). Called on the check thread, while the wait thread may
+    // make a pass. Does not throw.
+    virtual void Complete() {}
 };
 
 // A check that runs every so many cycles, on the loop's thread.
@@ -73,11 +78,18 @@ public:
     CheckLoop(CheckRequests& requests, std::vector<std::reference_wrapper<Supervised>> containers,
               std::vector<Periodic> checks, Clock& clock = Clock::System());
 
-    // Returns after requests.Stop().
+    // The body of the check thread. Returns after requests.Stop().
     void Run();
 
+    // Makes the extra pass that is requested, on the calling thread. Nothing happens when none is
+    // requested, or when another thread makes a pass: the check thread then makes the extra pass
+    // afterwards. Does not throw.
+    void RunUrgent();
+
 private:
+    bool MakeExtraPass();
     void CheckContainers(CheckPass pass);
+    void Complete();
     void RunPeriodicChecks(uint64_t cycle);
     // The time of the next cycle at which a periodic check is due and wanted.
     SteadyTime NextDue(SteadyTime begin) const;

@@ -1,5 +1,7 @@
 #include "main/common/check_requests.h"
 
+#include <utility>
+
 namespace ProcMgr {
 
 void CheckRequests::Stop() {
@@ -13,33 +15,115 @@ bool CheckRequests::IsStopped() const {
     return isStopped_;
 }
 
-bool CheckRequests::WaitForAny(SteadyTime end) {
+void CheckRequests::RequestCompletion() {
+    {
+        const LockGuard lock(mutex_);
+        isIncomplete_ = true;
+        if (isPassing_) {
+            return;
+        }
+    }
+    changed_.NotifyOne();
+}
+
+bool CheckRequests::TryBeginNow() {
+    const LockGuard lock(mutex_);
+    if (!isUrgent_ || isPassing_ || isAwaited_ || isStopped_) {
+        return false;
+    }
+    isUrgent_ = false;
+    isPassing_ = true;
+    return true;
+}
+
+void CheckRequests::End() {
+    const LockGuard lock(mutex_);
+    isPassing_ = false;
+    if (isAwaited_) {
+        changed_.NotifyOne();
+    }
+}
+
+void CheckRequests::PostponeWake() {
+    {
+        const LockGuard lock(mutex_);
+        const SteadyTime now = clock_.Now();
+        isBusy_ = true;
+        postponed_ = postponed_.value_or(now);
+        if (now - *postponed_ < CHECK_PERIOD) {
+            return;
+        }
+        postponed_.reset();
+    }
+    changed_.NotifyOne();
+}
+
+bool CheckRequests::WakeWhenQuiet() {
+    {
+        const LockGuard lock(mutex_);
+        if (!postponed_) {
+            return false;
+        }
+        if (std::exchange(isBusy_, false)) {
+            return true;
+        }
+        postponed_.reset();
+    }
+    changed_.NotifyOne();
+    return false;
+}
+
+std::optional<SteadyTime> CheckRequests::WaitForAny(SteadyTime end) {
     UniqueLock lock(mutex_);
-    return clock_.WaitUntil(changed_, lock, end, [this]() PROCMGR_REQUIRES(mutex_) {
-        return isRequested_ || isStopped_;
-    });
+    const auto isWanted = [this]()
+                              PROCMGR_REQUIRES(mutex_) { return IsAnyRequested() || isStopped_; };
+    if (!clock_.WaitUntil(changed_, lock, end, isWanted)) {
+        return std::nullopt;
+    }
+    return requested_.value_or(clock_.Now());
 }
 
 bool CheckRequests::WaitForNow(SteadyTime end) {
     UniqueLock lock(mutex_);
+    const auto isWanted = [this]() PROCMGR_REQUIRES(mutex_) {
+        return (isUrgent_ && !isPassing_) || isIncomplete_;
+    };
     clock_.WaitUntil(changed_, lock, end,
-                     [this]() PROCMGR_REQUIRES(mutex_) { return isUrgent_ || isStopped_; });
-    return isUrgent_ && !isStopped_;
+                     [&]() PROCMGR_REQUIRES(mutex_) { return isWanted() || isStopped_; });
+    return isWanted() && !isStopped_;
 }
 
-void CheckRequests::Begin(CheckPass pass) {
-    const LockGuard lock(mutex_);
-    isUrgent_ = false;
-    isRequested_ = isRequested_ && pass == CheckPass::EXTRA;
-}
-
-void CheckRequests::Set(bool isUrgent) {
-    const LockGuard lock(mutex_);
-    if (isRequested_ && (isUrgent_ || !isUrgent)) {
-        return;
+bool CheckRequests::Begin() {
+    UniqueLock lock(mutex_);
+    isAwaited_ = true;
+    changed_.Wait(lock, [this]() PROCMGR_REQUIRES(mutex_) { return !isPassing_ || isStopped_; });
+    isAwaited_ = false;
+    if (isStopped_) {
+        return false;
     }
-    isRequested_ = true;
-    isUrgent_ = isUrgent_ || isUrgent;
+    isPassing_ = true;
+    isUrgent_ = false;
+    requested_.reset();
+    return true;
+}
+
+bool CheckRequests::TakeCompletion() {
+    const LockGuard lock(mutex_);
+    return std::exchange(isIncomplete_, false);
+}
+
+// WakeWhenQuiet() follows a pass that is under way. The thread is woken without the lock, because
+// it takes the lock.
+void CheckRequests::Set(bool isUrgent) {
+    {
+        const LockGuard lock(mutex_);
+        const bool isFirst = !requested_;
+        requested_ = isFirst ? clock_.Now() : requested_;
+        isUrgent_ = isUrgent_ || isUrgent;
+        if (!isFirst || isUrgent || isPassing_) {
+            return;
+        }
+    }
     changed_.NotifyOne();
 }
 

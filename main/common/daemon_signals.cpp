@@ -1,5 +1,6 @@
 #include "main/common/daemon_signals.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -24,6 +25,7 @@ std::atomic<uint64_t> g_continueCounter{0};
 std::atomic<bool> g_stopRequested{false};
 std::atomic<bool> g_hangUp{false};
 std::atomic<int> g_eventFd{-1};
+std::atomic<int> g_stopFd{-1};
 // The earlier dispositions of the fault signals, for example a sanitizer's; in the order of
 // FAULT_SIGNALS.
 struct sigaction g_faultActions[std::size(Wire::FAULT_SIGNALS)];
@@ -37,7 +39,7 @@ void OnStopSignal(int signal) {
     if (g_stopRequested.exchange(true)) {
         _exit(EXIT_SIGNALED + signal);
     }
-    WakeSignalEvent();
+    WakeStopEvent();
 }
 
 void OnHangUp(int /*signal*/) {
@@ -76,6 +78,14 @@ void InstallFaultSignals() {
     }
 }
 
+// Keeps errno, because handlers call it.
+void WakeEvent(int fd) {
+    const int saved = errno;
+    const uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = write(fd, &one, sizeof(one));
+    errno = saved;
+}
+
 void MaskChildSignal(int how) {
     sigset_t child;
     sigemptyset(&child);
@@ -104,6 +114,7 @@ uint64_t GetContinueCounter() {
 
 void InstallSignals() {
     g_eventFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    g_stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     Install(SIGPIPE, SIG_IGN, 0);
     Install(SIGTERM, OnStopSignal, SA_RESTART);
     Install(SIGINT, OnStopSignal, SA_RESTART);
@@ -137,10 +148,21 @@ int GetSignalEventFd() {
 }
 
 void WakeSignalEvent() {
-    const int saved = errno;
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = write(g_eventFd, &one, sizeof(one));
-    errno = saved;
+    WakeEvent(g_eventFd);
+}
+
+// poll() and not a read that waits: a handler interrupts it, also under sanitizers, which run a
+// handler only between or in calls that they know to wait.
+void WaitForStopEvent() {
+    pollfd event{g_stopFd, POLLIN, 0};
+    if (poll(&event, 1, -1) > 0) {
+        uint64_t count = 0;
+        [[maybe_unused]] const ssize_t size = read(event.fd, &count, sizeof(count));
+    }
+}
+
+void WakeStopEvent() {
+    WakeEvent(g_stopFd);
 }
 
 }  // namespace ProcMgr

@@ -1,8 +1,9 @@
 // The signals that the daemon handles: SIGCONT ends the quick-start wait, SIGTERM and SIGINT
 // request an orderly stop, SIGCHLD wakes the reaper, SIGHUP is only logged, SIGPIPE is ignored. A
 // fault signal of the daemon writes out the log before it ends the process; the other handlers set
-// a flag and wake the wait thread. main() installs the handlers; the child set-up uses
-// CHANGED_SIGNALS.
+// a flag and wake a thread: SIGTERM and SIGINT the main thread, SIGCHLD and SIGHUP the wait thread,
+// which may be waiting for a library when the stop is requested. main() installs the handlers; the
+// child set-up uses CHANGED_SIGNALS.
 #pragma once
 
 #include <csignal>
@@ -31,10 +32,16 @@ void InstallSignals();
 // for the signal.
 void TakeChildSignals();
 bool IsStopRequested();
+// Waits until a stop signal has arrived or WakeStopEvent() has been called since the last return;
+// may also return without either.
+// One thread calls it, the main thread.
+void WaitForStopEvent();
+// Async-signal-safe.
+void WakeStopEvent();
 // Whether a SIGHUP has arrived since the last call.
 bool TakeHangUp();
 
-// An event descriptor that becomes readable when a handled signal has arrived; -1 before
+// An event descriptor that becomes readable when SIGCHLD or SIGHUP has arrived; -1 before
 // InstallSignals(). A read of 8 bytes clears the event.
 int GetSignalEventFd();
 // Makes the event descriptor readable. Async-signal-safe.

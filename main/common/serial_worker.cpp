@@ -17,7 +17,22 @@ constexpr std::chrono::milliseconds BURST_PAUSE{1};
 }  // namespace
 
 bool SerialWorker::Post(Job job) {
-    const LockGuard lock(mutex_);
+    bool isWoken = false;
+    {
+        const LockGuard lock(mutex_);
+        if (!Add(std::move(job))) {
+            return false;
+        }
+        isWoken = std::exchange(isIdle_, false);
+    }
+    // Without the lock, because the thread that wakes up takes it.
+    if (isWoken) {
+        changed_.NotifyAll();
+    }
+    return true;
+}
+
+bool SerialWorker::Add(Job job) {
     if (jobs_.size() >= JOBS_MAX || isStopping_) {
         return false;
     }
@@ -29,9 +44,6 @@ bool SerialWorker::Post(Job job) {
         jobs_.push_back(std::move(job));
     } catch (const std::exception&) {
         return false;
-    }
-    if (std::exchange(isIdle_, false)) {
-        changed_.NotifyAll();
     }
     return true;
 }

@@ -38,6 +38,7 @@ public:
 private:
     static constexpr size_t JOBS_MAX = 4096;
 
+    bool Add(Job job) PROCMGR_REQUIRES(mutex_);
     void Run() PROCMGR_EXCLUDES(mutex_);
     // Waits for a job; false when the thread is to end. `lock` holds mutex_.
     bool WaitForJob(UniqueLock& lock) PROCMGR_REQUIRES(mutex_);

@@ -65,8 +65,8 @@ private:
     ManifestLoad LoadAndKeep(const std::string& path) {
         Sources sources;
         size_t size = 0;
-        const ManifestLoad load = PlatformHost::LoadManifests(path, [&](const std::string& file) {
-            const PlatformHost::YamlFile read = ReadManifest(file);
+        ManifestLoad load = PlatformHost::LoadManifests(path, [&](const std::string& file) {
+            PlatformHost::YamlFile read = ReadManifest(file);
             size += read.text.size();
             if (size <= SIZE_MAX_KEPT) {
                 sources.insert_or_assign(file, read);

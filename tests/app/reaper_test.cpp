@@ -47,13 +47,15 @@ TEST_F(ReaperTest, StoresTheWaitStatusBeforeThePidIsFreed) {
         ASSERT_EQ(waitpid(twin, &expected, 0), twin);
         const pid_t pid = SpawnZombie(script);
         std::map<int32_t, int32_t> stored;
-        Reaper reaper({[&](int32_t of, int32_t status) {
-                          siginfo_t info{};
-                          waitid(P_PID, static_cast<id_t>(of), &info, WEXITED | WNOHANG | WNOWAIT);
-                          EXPECT_EQ(info.si_pid, of) << "already reaped";
-                          return stored.emplace(of, status).second;
-                      }},
-                      [] {});
+        Reaper reaper(
+            {[&](int32_t of, int32_t status) {
+                siginfo_t info{};
+                waitid(P_PID, static_cast<id_t>(of), &info, WEXITED | WNOHANG | WNOWAIT);
+                EXPECT_EQ(info.si_pid, of) << "already reaped";
+                return stored.emplace(of, status).second;
+            }},
+            [&] { EXPECT_TRUE(stored.contains(pid) && kill(pid, 0) != 0) << "too early"; },
+            [] { return false; });
         reaper.CollectExits();
         EXPECT_EQ(stored, (std::map<int32_t, int32_t>{{pid, expected}})) << script;
         EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1) << "not reaped";
@@ -71,7 +73,9 @@ TEST_F(ReaperTest, AsksTheContainersInTheirOrder) {
         };
     };
     LogCapture::Clear();
-    Reaper({ask('1'), ask('2')}, [] {}).CollectExits();
+    Reaper(
+        {ask('1'), ask('2')}, [] {}, [] { return false; })
+        .CollectExits();
     EXPECT_EQ(asked, (std::map<pid_t, std::string>{{mine, "1"}, {unknown, "12"}}));
     EXPECT_EQ(LogCapture::Lines(),
               (std::vector<Fakes::LogLine>{
@@ -86,7 +90,9 @@ TEST_F(ReaperTest, SeesAnExitAndEndsWhileChildrenLive) {
     const Tests::Child stays;
     std::thread thread([&] {
         const auto store = [&](int32_t pid, int32_t) { return (seen = pid) > 0; };
-        Reaper({store}, [] {}).Run(isRunning);
+        Reaper(
+            {store}, [] {}, [] { return false; })
+            .Run(isRunning);
     });
     const pid_t goes = Spawn("exit 0");
     EXPECT_TRUE(Tests::WaitUntil([&] { return seen == goes; }));

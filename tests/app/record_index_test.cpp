@@ -8,6 +8,7 @@ namespace {
 struct Item {
     int32_t pid_ = 0;
     bool isDue_ = false;
+    bool isEnded_ = false;
 };
 
 TEST(RecordIndexTest, AReusedPidBelongsToTheProcessThatWasForkedLast) {
@@ -29,15 +30,20 @@ TEST(RecordIndexTest, ARecordIsListedOnceUntilItIsDropped) {
     Item two;
     due.Reserve(2);
     due.Add(one);
-    due.Add(two);
-    due.Add(one);
-    EXPECT_EQ(due.GetList(), (std::vector<Item*>{&one, &two}));
+    due.AddEnded(two);
+    due.AddEnded(two);
+    using List = std::vector<Item*>;
+    EXPECT_EQ(due.Begin(CheckPass::EXTRA), (List{&two}));
+    EXPECT_EQ(due.GetPassed(CheckPass::EXTRA), (List{&two}));
+    EXPECT_EQ(due.Begin(CheckPass::EXTRA), List());
+    EXPECT_EQ(due.Begin(CheckPass::PERIODIC), (List{&one, &two}));
     due.Keep({&two});
     due.Drop(one);
-    due.Add(one);
-    EXPECT_EQ(due.GetList(), (std::vector<Item*>{&two, &one}));
-    due.Drop(two);
-    EXPECT_EQ(due.GetList(), (std::vector<Item*>{&one}));
+    due.AddEnded(one);
+    EXPECT_EQ(due.GetPassed(CheckPass::PERIODIC), (List{&two, &one}));
+    due.Drop(one);
+    EXPECT_EQ(due.Begin(CheckPass::EXTRA), List());
+    EXPECT_EQ(due.Begin(CheckPass::PERIODIC), (List{&two}));
 }
 
 }  // namespace

@@ -99,9 +99,13 @@ protected:
     }
     // One cycle of CheckThread.
     void Check(CheckPass pass = CheckPass::PERIODIC) {
-        checks_.Begin(pass);
+        checks_.Begin();
         services_.CheckBaseApps(pass);
-        services_.RemoveTerminatedApps();
+        services_.RemoveTerminatedApps(pass);
+        checks_.End();
+        if (checks_.TakeCompletion()) {
+            services_.Complete();
+        }
     }
 
     ManifestData Service(const std::string& name, const std::string& script,
@@ -189,7 +193,8 @@ protected:
     BaseStartup startup_{services_, reportedState_, commandLine_};
 
     Reaper collector_{{[this](int32_t pid, int32_t status) { return StoreExit(pid, status); }},
-                      [] {}};
+                      [] {},
+                      [] { return false; }};
     std::jthread reaper_;
 };
 

@@ -95,9 +95,10 @@ protected:
         return config_.LoadStartCfgInfo(directory_ / "apps.yaml", matchData);
     }
     void Check() {
-        checks_.Begin(CheckPass::PERIODIC);
+        checks_.Begin();
         apps_.CheckGeneralApps(CheckPass::PERIODIC);
-        apps_.RemoveTerminatedApps();
+        apps_.RemoveTerminatedApps(CheckPass::PERIODIC);
+        checks_.End();
     }
     bool CheckUntil(const std::string& report) {
         return WaitUntil([&] {

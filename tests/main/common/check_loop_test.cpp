@@ -2,8 +2,13 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <optional>
+#include <thread>
+
 #include "tests/fakes/log_capture.h"
 #include "tests/main/common/fake_clock.h"
+#include "tests/support/wait.h"
 
 namespace ProcMgr {
 namespace {
@@ -14,12 +19,12 @@ using testing::ElementsAre;
 class CheckLoopTest : public testing::Test {
 protected:
     // A container and a periodic check. Records its calls as "MILLISECONDS NAME"; an extra pass
-    // adds
-    // "!", a removal "-".
+    // adds "!", a removal "-", a completion "+".
     struct Part final : Supervised, PeriodicCheck {
         Part(CheckLoopTest& owner, const char* label) : test(owner), name(label) {}
         void Check(CheckPass pass) override { Run(pass == CheckPass::EXTRA ? "!" : ""); }
-        void RemoveTerminatedApps() override { test.Note("-" + name); }
+        void RemoveTerminatedApps(CheckPass /*pass*/) override { test.Note("-" + name); }
+        void Complete() override { test.Note("+" + name); }
         void Run() override { Run(""); }
         bool IsWanted() const override { return isWanted; }
         void Run(const char* mark) {
@@ -44,13 +49,15 @@ protected:
                                  std::vector<std::reference_wrapper<Supervised>> containers,
                                  std::vector<CheckLoop::Periodic> checks = {}) {
         clock_.At(duration, [this] { requests_.Stop(); });
-        CheckLoop(requests_, std::move(containers), std::move(checks), clock_).Run();
+        loop_.emplace(requests_, std::move(containers), std::move(checks), clock_);
+        loop_->Run();
         EXPECT_EQ(Fakes::LogCapture::Count(LOG_WARNING, "PROCMGR: CheckThread exit now."), 1U);
         return calls_;
     }
 
     FakeClock clock_;
     CheckRequests requests_{clock_};
+    std::optional<CheckLoop> loop_;
     std::vector<std::string> calls_;
     Part a_{*this, "a"};
     Part b_{*this, "b"};
@@ -65,6 +72,79 @@ TEST_F(CheckLoopTest, ARequestIsServedOnTheGridAndAnUrgentOneAtOnceToo) {
     EXPECT_THAT(Run(10s, {a_}),
                 ElementsAre("0 a", "0 -a", "30 a", "30 -a", "90 a", "90 -a", "130 a!", "130 -a",
                             "140 a!", "140 -a", "150 a", "150 -a"));
+}
+
+TEST_F(CheckLoopTest, AnotherThreadMakesTheExtraPassUnlessAPassIsUnderWay) {
+    const auto collectExit = [this] {
+        requests_.RequestNow();
+        loop_->RunUrgent();
+    };
+    clock_.At(40ms, collectExit);
+    clock_.At(70ms, [&] {
+        a_.onRun = [&] {
+            requests_.RequestCompletion();
+            collectExit();  // during the pass that it begins itself
+        };
+        collectExit();
+    });
+    EXPECT_THAT(Run(10s, {a_}),
+                ElementsAre("0 a", "0 -a", "40 a!", "40 -a", "60 a", "60 -a", "70 a!", "70 -a",
+                            "70 a!", "70 -a", "70 +a", "90 a", "90 -a"));
+}
+
+TEST_F(CheckLoopTest, ARequestIsServedAtItsNextCycleAlsoWhenTheLoopIsWokenLater) {
+    // The wait thread wakes the loop 3 ms after the exit.
+    clock_.At(88ms, [this] {
+        requests_.RequestNow();
+        loop_->RunUrgent();
+        clock_.Sleep(3ms);
+    });
+    EXPECT_THAT(Run(10s, {a_}), ElementsAre("0 a", "0 -a", "88 a!", "88 -a", "91 a", "91 -a"));
+}
+
+TEST(CheckRequestsTest, TheCheckThreadIsWokenWhenItIsQuietOrHasWaitedForAPeriod) {
+    FakeClock clock;
+    CheckRequests requests(clock);
+    EXPECT_FALSE(requests.WakeWhenQuiet()) << "nothing to wake for";
+    for (int i = 0; i < 2; ++i) {
+        requests.PostponeWake();
+        EXPECT_TRUE(requests.WakeWhenQuiet());
+    }
+    EXPECT_FALSE(requests.WakeWhenQuiet()) << "woken";
+    requests.PostponeWake();
+    clock.Sleep(CHECK_PERIOD);
+    requests.PostponeWake();
+    EXPECT_FALSE(requests.WakeWhenQuiet()) << "woken by the second";
+}
+
+TEST(CheckRequestsTest, TheCheckThreadGetsItsTurnAndNoWakeUpIsLost) {
+    CheckRequests requests;
+    std::atomic<int> passes{0};
+    requests.RequestNow();
+    ASSERT_TRUE(requests.TryBeginNow());
+    std::thread check([&] {
+        while (requests.WaitForAny(SteadyTime::max()) && requests.Begin()) {
+            ++passes;
+            requests.End();
+        }
+    });
+    const auto tryToBegin = [&] {
+        requests.RequestNow();
+        requests.End();
+        return !requests.TryBeginNow();
+    };
+    EXPECT_TRUE(Tests::WaitUntil(tryToBegin)) << "the waiting thread comes first";
+    EXPECT_TRUE(Tests::WaitUntil([&] { return passes > 0; }));
+    for (int i = 0; i < 100; ++i) {
+        const int before = passes;
+        requests.RequestNow();
+        requests.PostponeWake();
+        while (requests.WakeWhenQuiet()) {
+        }
+        ASSERT_TRUE(Tests::WaitUntil([&] { return passes > before; }));
+    }
+    requests.Stop();
+    check.join();
 }
 
 TEST_F(CheckLoopTest, ALongPassDoesNotShiftTheGrid) {
