@@ -1,6 +1,6 @@
 // The container of the base services: the records of the services that have been started, in start
-// order, and their lock. Base start-up adds records, the reaper stores exits, the check thread
-// moves the records from state to state and restarts services that have died, and the request
+// order, and their lock. Base start-up adds records, the reaper stores exits, check passes
+// move the records from state to state and restart services that have died, and the request
 // handlers store the states that services report. Reports are queued under the lock, in the order
 // of the changes; everything that may wait (the checks before a launch, the messaging and the
 // heartbeat library) is done without the lock.

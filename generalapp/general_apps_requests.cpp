@@ -135,7 +135,7 @@ std::optional<GeneralApps::Launch> GeneralApps::BeginStart(const Record& record,
     return BeginLaunch(record, std::move(*spec), answers.GetOwner());
 }
 
-// The next pass of the check thread reports that the application runs.
+// The next check pass reports that the application runs.
 void GeneralApps::FinishStart(const Record& record, std::optional<App::LaunchPlan> plan,
                               Answers& answers) {
     if (FinishLaunch(record, std::move(plan))) {
