@@ -9,8 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "app/handled_signals.h"
 #include "app/sys.h"
-#include "main/common/daemon_signals.h"
 #include "main/common/numbers.h"
 #include "resource/task_file.h"
 
@@ -38,17 +38,14 @@ void AddFailure(ChildContext& child, std::string_view text) {
 
 // The dispositions are reset before the mask is opened: a signal that is pending then takes its
 // default action instead of running a handler of the daemon in the child, which may share the
-// daemon's memory. Libraries may have installed handlers for other signals.
-StepResult ResetSignals(ChildContext& /*child*/) {
+// daemon's memory.
+StepResult ResetSignals(ChildContext& child) {
     struct sigaction byDefault {};
     byDefault.sa_handler = SIG_DFL;
-    for (const int signal : CHANGED_SIGNALS) {
-        Sys::sigaction(signal, &byDefault, nullptr);
-    }
+    const sigset_t signals =
+        child.plan.handledSignals ? *child.plan.handledSignals : ReadHandledSignals();
     for (int signal = 1; signal < NSIG; ++signal) {
-        struct sigaction present {};
-        const bool isKnown = Sys::sigaction(signal, nullptr, &present) == 0;
-        if (isKnown && present.sa_handler != SIG_DFL && present.sa_handler != SIG_IGN) {
+        if (sigismember(&signals, signal) == 1) {
             Sys::sigaction(signal, &byDefault, nullptr);
         }
     }

@@ -92,8 +92,11 @@ public:
     }
     static pid_t setsid() { return Result("setsid"); }
     static int setuid(uid_t uid) { return Result("setuid" + Number(uid)); }
-    static int sigaction(int signal, const struct ::sigaction* action,
-                         struct ::sigaction* /*old*/) {
+    static int sigaction(int signal, const struct ::sigaction* action, struct ::sigaction* old) {
+        if (old != nullptr) {
+            *old = {};
+            old->sa_handler = signal == FakeSys::SIGNAL_OF_LIBRARY ? [](int) {} : SIG_DFL;
+        }
         const bool isDefault = action != nullptr && action->sa_handler == SIG_DFL;
         return Result("sigaction" + Number(signal) + (isDefault ? " default" : ""));
     }
