@@ -246,6 +246,22 @@ char* ToArgument(const std::string& text) {
     return const_cast<char*>(text.c_str());
 }
 
+// Executes the program, and returns errno when that has failed. The kernel answers EAGAIN when the
+// user has too many processes. In a restart the zombie of the process before still counts for a
+// moment: the reaper frees it as soon as this child has been created.
+int Execute(ChildContext& child) {
+    constexpr int ATTEMPTS = 50;
+    constexpr timespec PAUSE{0, 1'000'000};
+    for (int attempt = 1;; ++attempt) {
+        Sys::execve(child.plan.execPath.c_str(), child.argv.data(),
+                    child.variables == nullptr ? child.envp.data() : *child.variables);
+        if (errno != EAGAIN || attempt == ATTEMPTS) {
+            return errno;
+        }
+        Sys::Sleep(PAUSE);
+    }
+}
+
 }  // namespace
 
 ChildContext::ChildContext(LaunchPlan launchPlan, const BindCount& bindCount)
@@ -274,9 +290,7 @@ void RunChild(ChildContext& child) {
         }
     }
     ReportChildError(child);
-    Sys::execve(plan.execPath.c_str(), child.argv.data(),
-                child.variables == nullptr ? child.envp.data() : *child.variables);
-    const int error = errno;
+    const int error = Execute(child);
     child.message.Clear();
     child.message += "execv failed, execPath_=";
     child.message += plan.execPath;

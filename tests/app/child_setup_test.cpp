@@ -241,8 +241,14 @@ TEST_F(ChildSetupTest, AChildWithoutItsIdentityRunsNoProgram) {
 }
 
 TEST_F(ChildSetupTest, ExecFailureReplacesTheTextAndDecidesTheExitCode) {
-    const std::pair<int, int> cases[] = {{EIO, 125}, {ENOENT, 1}};
-    for (const auto& [error, status] : cases) {
+    struct Case {
+        int error;
+        int status;
+        size_t attempts;
+    };
+    // EAGAIN: the user has too many processes, perhaps only for a moment.
+    for (const auto& [error, status, attempts] :
+         {Case{EIO, 125, 1}, Case{ENOENT, 1, 1}, Case{EAGAIN, 1, 50}}) {
         FakeSys::Get().Reset();
         FakeSys::Get().Fail("execve", error);
         FakeSys::Get().Fail("setenv HOME", ENOMEM);
@@ -253,6 +259,7 @@ TEST_F(ChildSetupTest, ExecFailureReplacesTheTextAndDecidesTheExitCode) {
             PREFIX + "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=/home/x, errno=12;",
             PREFIX + "execv failed, execPath_=/bin/svc, errno=" + std::to_string(error) + ";"};
         EXPECT_EQ(Calls("write"), writes);
+        EXPECT_EQ(Calls("execve").size(), attempts);
     }
 }
 

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <string>
 
 #include "tests/fakes/fake_sys.h"
@@ -60,7 +61,7 @@ public:
     static int close_range(unsigned first, unsigned last, int flags) {
         return Result("close_range" + Number(first) + Number(last) + Number(flags));
     }
-    static int sched_yield() { return 0; }
+    static void Sleep(const timespec& /*duration*/) { FakeSys::Get().Record("sleep"); }
     static int nice(int increment) { return Result("nice" + Number(increment)); }
     static int prlimit(pid_t /*pid*/, int resource, const struct rlimit* newLimit,
                        struct rlimit* /*oldLimit*/) {
