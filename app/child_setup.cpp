@@ -9,8 +9,8 @@
 #include <string_view>
 #include <utility>
 
+#include "app/handled_signals.h"
 #include "app/sys.h"
-#include "main/common/daemon_signals.h"
 #include "main/common/numbers.h"
 #include "resource/task_file.h"
 
@@ -38,17 +38,14 @@ void AddFailure(ChildContext& child, std::string_view text) {
 
 // The dispositions are reset before the mask is opened: a signal that is pending then takes its
 // default action instead of running a handler of the daemon in the child, which may share the
-// daemon's memory. Libraries may have installed handlers for other signals.
-StepResult ResetSignals(ChildContext& /*child*/) {
+// daemon's memory.
+StepResult ResetSignals(ChildContext& child) {
     struct sigaction byDefault {};
     byDefault.sa_handler = SIG_DFL;
-    for (const int signal : CHANGED_SIGNALS) {
-        Sys::sigaction(signal, &byDefault, nullptr);
-    }
+    const sigset_t signals =
+        child.plan.handledSignals ? *child.plan.handledSignals : ReadHandledSignals();
     for (int signal = 1; signal < NSIG; ++signal) {
-        struct sigaction present {};
-        const bool isKnown = Sys::sigaction(signal, nullptr, &present) == 0;
-        if (isKnown && present.sa_handler != SIG_DFL && present.sa_handler != SIG_IGN) {
+        if (sigismember(&signals, signal) == 1) {
             Sys::sigaction(signal, &byDefault, nullptr);
         }
     }
@@ -249,6 +246,22 @@ char* ToArgument(const std::string& text) {
     return const_cast<char*>(text.c_str());
 }
 
+// Executes the program, and returns errno when that has failed. The kernel answers EAGAIN when the
+// user has too many processes. In a restart the zombie of the process before still counts for a
+// moment: the reaper frees it as soon as this child has been created.
+int Execute(ChildContext& child) {
+    constexpr int ATTEMPTS = 50;
+    constexpr timespec PAUSE{0, 1'000'000};
+    for (int attempt = 1;; ++attempt) {
+        Sys::execve(child.plan.execPath.c_str(), child.argv.data(),
+                    child.variables == nullptr ? child.envp.data() : *child.variables);
+        if (errno != EAGAIN || attempt == ATTEMPTS) {
+            return errno;
+        }
+        Sys::Sleep(PAUSE);
+    }
+}
+
 }  // namespace
 
 ChildContext::ChildContext(LaunchPlan launchPlan, const BindCount& bindCount)
@@ -277,9 +290,7 @@ void RunChild(ChildContext& child) {
         }
     }
     ReportChildError(child);
-    Sys::execve(plan.execPath.c_str(), child.argv.data(),
-                child.variables == nullptr ? child.envp.data() : *child.variables);
-    const int error = errno;
+    const int error = Execute(child);
     child.message.Clear();
     child.message += "execv failed, execPath_=";
     child.message += plan.execPath;

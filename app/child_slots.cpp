@@ -218,9 +218,11 @@ size_t ChildSlots::DefaultCount() {
 }
 
 // The setting may change while the daemon runs.
-bool ChildSlots::IsMemoryProtected() const {
-    char value = 0;
-    return pread(suidDumpable_.Get(), &value, sizeof(value), 0) == 1 && value == '0';
+bool ChildSlots::IsMemoryProtected() {
+    return isProtected_.Get([this] {
+        char value = 0;
+        return pread(suidDumpable_.Get(), &value, sizeof(value), 0) == 1 && value == '0';
+    });
 }
 
 ChildSlots::Lease ChildSlots::Take() {

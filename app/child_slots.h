@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "main/common/mutex.h"
+#include "main/common/recent.h"
 #include "wire/unique_fd.h"
 
 namespace ProcMgr::App {
@@ -71,7 +72,7 @@ private:
     // Whether the kernel protects the memory from the new user of a child: with the setting
     // fs.suid_dumpable at 0 a change of the user leaves the memory not dumpable, so that no process
     // of that user can trace the child.
-    bool IsMemoryProtected() const;
+    bool IsMemoryProtected() PROCMGR_EXCLUDES(mutex_);
     // A free slot, made now if there are fewer than count_; an empty lease when all are in use.
     Lease TakeFree() PROCMGR_EXCLUDES(mutex_);
     Lease MakeSlot() PROCMGR_EXCLUDES(mutex_);
@@ -81,6 +82,7 @@ private:
 
     const size_t count_;
     const Wire::UniqueFd suidDumpable_;  // the file of that setting
+    Recent<bool> isProtected_;
     Mutex mutex_;
     size_t making_ PROCMGR_GUARDED_BY(mutex_) = 0;  // slots that are being made
     // Slots are added, never removed. The vector is reserved for all of them.

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -33,6 +34,9 @@ struct LaunchPlan {
     uint32_t uid = 0;
     uint32_t gid = 0;
     UserGroups userGroups;
+    // The signals that the child resets. Without a value, because no launch came shortly before,
+    // the child asks the kernel.
+    std::optional<sigset_t> handledSignals;
 
     bool raiseRealTimeLimit = false;
     // The scheduling policy; without a value the child keeps the policy of the daemon.
@@ -71,8 +75,8 @@ struct LaunchPlan {
     ChildSlots::Lease slot;
 };
 
-// Makes the plan of a record, except userGroups, sharePool, sharePoolNames, environment and slot,
-// which ProcessLauncher fills in. Any thread; reads no file.
+// Makes the plan of a record, except userGroups, handledSignals, sharePool, sharePoolNames,
+// environment and slot, which ProcessLauncher fills in. Any thread; reads no file.
 LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app, const CgroupMgr& cgroups,
                           const CoreAffinityMgr& affinity);
 LaunchPlan MakeLaunchPlan(const BaseAppInfo& app, const CgroupMgr& cgroups,

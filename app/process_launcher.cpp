@@ -11,6 +11,7 @@
 #include "app/base_app_info.h"
 #include "app/child_setup.h"
 #include "app/general_app_info.h"
+#include "app/handled_signals.h"
 #include "app/launch_checks.h"
 #include "app/sys.h"
 #include "main/common/boot_trace.h"
@@ -149,6 +150,7 @@ pid_t ProcessLauncher::CreateChild(AppInfo& app, const std::shared_ptr<ChildCont
     if (child > 0) {
         app.SetStarted(child);
     }
+    handledSignals_.Get(ReadHandledSignals);
     Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (child > 0 && !context->plan.isDelayed && isForAccelerator && !aiTasks.IsValid()) {
         WithChild([&] { CoreAffinityMgr::LogMissingAiCpuset(child, *mask); });
@@ -168,6 +170,7 @@ void ProcessLauncher::FinishPlan(
     const AppInfo& app, const std::vector<std::pair<std::string, std::string>>& manifestGroups,
     LaunchPlan& plan) {
     plan.userGroups = userGroups_.LookUp(app.uid_);
+    plan.handledSignals = handledSignals_.Find();
     if (sharePool_ != nullptr) {
         plan.sharePool = sharePool_->MakePlan(app.appName_, manifestGroups);
         plan.sharePoolNames = plan.sharePool.Names();

@@ -16,6 +16,7 @@
 #include "app/launch_plan.h"
 #include "app/user_groups.h"
 #include "main/common/clock.h"
+#include "main/common/recent.h"
 #include "main/common/worker_pool.h"
 #include "resource/bind_count.h"
 
@@ -75,8 +76,8 @@ public:
 
 private:
     // Creates the child; below 0, with errno, on failure.
-    static pid_t CreateChild(AppInfo& app, const std::shared_ptr<ChildContext>& context,
-                             ChildSlots::Lease slot);
+    pid_t CreateChild(AppInfo& app, const std::shared_ptr<ChildContext>& context,
+                      ChildSlots::Lease slot);
     void FinishPlan(const AppInfo& app,
                     const std::vector<std::pair<std::string, std::string>>& manifestGroups,
                     LaunchPlan& plan);
@@ -88,6 +89,10 @@ private:
     const BindCount& binds_;
     SharePool* const sharePool_;
     UserGroupsCache userGroups_;
+    // Read after a launch, for the launches that follow shortly. A handler that a library has
+    // installed since may be missing: it could run in a child that receives its signal in the few
+    // microseconds before execve.
+    Recent<sigset_t> handledSignals_;
     IntegrityTable integrity_;
     ChildSlots slots_{ZornNeedsOwnMemory() ? 0 : ChildSlots::DefaultCount()};
     // The jobs use all of the above: the pool is destroyed first.

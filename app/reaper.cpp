@@ -64,11 +64,11 @@ void Reaper::Collect(const siginfo_t& exit) {
     if (!isStored) {
         ProcMgrLog(LOG_WARNING, "PROCMGR: can not find app, pid=%d", pid);
     }
+    // Before the zombie is freed, which takes the kernel up to 90 us.
+    onExit_();
     // WNOHANG: code of a library may have collected the zombie already, and the pid may belong to
     // another child, which is still alive.
     waitpid(pid, nullptr, WNOHANG);
-    // Afterwards: a zombie counts against the limits of its user.
-    onExit_();
 }
 
 }  // namespace ProcMgr

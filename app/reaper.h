@@ -19,7 +19,8 @@ using ExitSink = std::function<bool(int32_t pid, int32_t status)>;
 class Reaper {
 public:
     // Each exit is offered to the sinks in their order until one returns true; a sink takes the
-    // lock of its own container. `onExit` is called after each exit. `onWake` is called after
+    // lock of its own container. `onExit` is called after each exit has been stored, and the pid is
+    // freed afterwards. `onWake` is called after
     // every wake-up; when it returns true, again after a millisecond at most. Both are called
     // without a lock.
     Reaper(std::vector<ExitSink> sinks, std::function<void()> onExit, std::function<bool()> onWake);

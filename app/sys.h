@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 
 namespace ProcMgr::Sys {
 
@@ -25,7 +26,6 @@ using ::nice;
 using ::prlimit;
 using ::pthread_sigmask;
 using ::sched_setscheduler;
-using ::sched_yield;
 using ::setsid;
 using ::sigaction;
 using ::write;
@@ -50,6 +50,12 @@ inline int setgroups(size_t count, const gid_t* groups) {
 }
 inline int setuid(uid_t uid) {
     return static_cast<int>(::syscall(SETUID, uid));
+}
+
+// Suspends the calling thread. The C library's functions look for a cancellation of the thread
+// whose storage a child uses.
+inline void Sleep(const timespec& duration) {
+    ::syscall(SYS_clock_nanosleep, CLOCK_MONOTONIC, 0, &duration, nullptr);
 }
 
 // The C library's variable for the environment.

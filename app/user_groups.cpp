@@ -15,9 +15,6 @@ namespace ProcMgr::App {
 namespace {
 
 constexpr std::chrono::seconds CACHE_LIFE{60};
-// The time for which a look at the files of the user database serves. At boot, and when many
-// processes die at once, a launch follows the other within less than a millisecond.
-constexpr std::chrono::milliseconds STAMP_LIFE{20};
 // Bytes for the texts of one record of the user database.
 constexpr size_t TEXTS_SIZE = 16384;
 constexpr const char* DATABASE_FILES[] = {"/etc/passwd", "/etc/group", "/etc/nsswitch.conf"};
@@ -80,17 +77,9 @@ std::string UserGroupsCache::ReadStamp() {
 }
 
 void UserGroupsCache::Refresh() {
-    {
-        const LockGuard lock(mutex_);
-        if (std::chrono::steady_clock::now() - stamped_ < STAMP_LIFE) {
-            return;
-        }
-    }
-    // The time before the look: a change that comes after it is seen by the next look.
+    std::string stamp = recentStamp_.Get(ReadStamp);
     const SteadyTime now = std::chrono::steady_clock::now();
-    std::string stamp = ReadStamp();
     const LockGuard lock(mutex_);
-    stamped_ = now;
     if (stamp != stamp_ || now - emptied_ > CACHE_LIFE) {
         found_.clear();
         stamp_ = std::move(stamp);

@@ -12,6 +12,7 @@
 
 #include "main/common/clock.h"
 #include "main/common/mutex.h"
+#include "main/common/recent.h"
 
 namespace ProcMgr::App {
 
@@ -34,7 +35,7 @@ bool IsGroupMember(const UserGroups& user, gid_t gid);
 
 // Keeps the groups of users that were looked up before, because at boot many services of few users
 // start at once. An entry is used for a minute at most, and only as long as the files of the user
-// database do not change; a change is noticed after 20 ms.
+// database do not change; a change is noticed after BATCH_TIME.
 class UserGroupsCache {
 public:
     // The groups from the cache, else from the database. Not with a lock held.
@@ -50,13 +51,12 @@ private:
     // Empties the cache when the database has changed or the entries are too old.
     void Refresh() PROCMGR_EXCLUDES(mutex_);
 
+    Recent<std::string> recentStamp_;
     Mutex mutex_;
     std::map<uint32_t, UserGroups> found_ PROCMGR_GUARDED_BY(mutex_);  // by uid
     // The stamp and the time at which the cache was last emptied.
     std::string stamp_ PROCMGR_GUARDED_BY(mutex_);
     SteadyTime emptied_ PROCMGR_GUARDED_BY(mutex_){};
-    // The time of the last look at the files of the database.
-    SteadyTime stamped_ PROCMGR_GUARDED_BY(mutex_){};
 };
 
 }  // namespace ProcMgr::App

@@ -32,6 +32,7 @@ constexpr size_t KERNEL_RING = size_t{256} << 10;
 constexpr size_t LINE_MAX_LENGTH = 8192;
 // Buffer size, in bytes, of the line that reports the number of dropped lines.
 constexpr size_t COUNT_LINE_LENGTH = 256;
+constexpr size_t STAMP_LENGTH = sizeof("Mmm dd hh:mm:ss") - 1;
 constexpr size_t BATCH = 64;
 // After a line the thread stays awake for this time: in a burst of lines the logging threads then
 // do not have to wake it for each.
@@ -70,6 +71,7 @@ private:
     void Start() PROCMGR_REQUIRES(mutex_);
     // Return the length of the header.
     size_t WriteHeader(LogSink sink, int level, char* out) PROCMGR_REQUIRES(mutex_);
+    void UpdateStamp(time_t now) PROCMGR_REQUIRES(mutex_);
     size_t WriteSystemHeader(int level, char* out) PROCMGR_REQUIRES(mutex_);
     void Format(LogSink sink, int level, const char* format, va_list arguments)
         PROCMGR_REQUIRES(mutex_);
@@ -97,10 +99,11 @@ private:
     LogRing kernel_ PROCMGR_GUARDED_BY(mutex_){KERNEL_RING};
     // Number of lines dropped for lack of room since the logger last accepted a line.
     uint64_t dropped_ PROCMGR_GUARDED_BY(mutex_) = 0;
-    time_t stampSecond_ PROCMGR_GUARDED_BY(mutex_) = -1;
-    std::array<char, 20> stamp_ PROCMGR_GUARDED_BY(mutex_){};  // the text of stampSecond_
-    pid_t pid_ PROCMGR_GUARDED_BY(mutex_) = 0;                 // of the daemon
-    bool isIdle_ PROCMGR_GUARDED_BY(mutex_) = false;           // the thread waits to be woken
+    // The stamp of a line without its year, and the first second of its minute.
+    std::array<char, STAMP_LENGTH + 1> stamp_ PROCMGR_GUARDED_BY(mutex_){};
+    time_t stampMinute_ PROCMGR_GUARDED_BY(mutex_) = 0;
+    pid_t pid_ PROCMGR_GUARDED_BY(mutex_) = 0;        // of the daemon
+    bool isIdle_ PROCMGR_GUARDED_BY(mutex_) = false;  // the thread waits to be woken
     bool isRunning_ PROCMGR_GUARDED_BY(mutex_) = false;
     bool isClosing_ PROCMGR_GUARDED_BY(mutex_) = false;
     SteadyTime closeBy_ PROCMGR_GUARDED_BY(mutex_){};
@@ -157,15 +160,25 @@ size_t Writer::WriteHeader(LogSink sink, int level, char* out) {
     return static_cast<size_t>(std::max(length, 0));
 }
 
-// "<PRI>Mmm dd hh:mm:ss IDENT[PID]: ", as syslog() has it.
-size_t Writer::WriteSystemHeader(int level, char* out) {
-    const time_t now = time(nullptr);
-    if (now != stampSecond_) {
+// The C library looks for a change of the time zone in each call. Within a minute only the seconds
+// change.
+void Writer::UpdateStamp(time_t now) {
+    constexpr time_t MINUTE = 60;
+    if (stamp_[0] == '\0' || now < stampMinute_ || now - stampMinute_ >= MINUTE) {
         tm local{};
         localtime_r(&now, &local);
         strftime(stamp_.data(), stamp_.size(), "%h %e %T", &local);
-        stampSecond_ = now;
+        stampMinute_ = now - local.tm_sec;
     }
+    const auto second = static_cast<int>(now - stampMinute_);
+    char* const digits = stamp_.data() + STAMP_LENGTH - 2;
+    digits[0] = static_cast<char>('0' + second / 10);
+    digits[1] = static_cast<char>('0' + second % 10);
+}
+
+// "<PRI>Mmm dd hh:mm:ss IDENT[PID]: ", as syslog() has it.
+size_t Writer::WriteSystemHeader(int level, char* out) {
+    UpdateStamp(time(nullptr));
     const int length = std::snprintf(out, LINE_MAX_LENGTH, "<%d>%s %s[%d]: ", LOG_USER | level,
                                      stamp_.data(), PROCMGR_NAME, pid_);
     return static_cast<size_t>(std::max(length, 0));

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
+#include "app/handled_signals.h"
 #include "main/common/daemon_signals.h"
 #include "resource/cpu_num.h"
 #include "tests/app/app_test_support.h"
@@ -154,16 +155,25 @@ TEST_F(ChildSetupTest, ADelayedApplicationPinsItselfOnlyAfterABindSinceTheFork) 
 }
 
 TEST_F(ChildSetupTest, SignalsAreBackAtTheirDefaultsBeforeTheProgramRuns) {
-    EXPECT_EQ(Run(FullPlan(AppKind::BASE)), EXECUTED);
-    const auto calls = FakeSys::Get().Calls();
-    EXPECT_TRUE(calls.back().starts_with("execve"));
-    // A signal that is unblocked before that would run a handler of the daemon in the child.
-    const auto unblock = std::find(calls.begin(), calls.end(),
-                                   "pthread_sigmask " + std::to_string(SIG_SETMASK) + " EMPTY");
-    ASSERT_NE(unblock, calls.end());
-    for (const int signal : CHANGED_SIGNALS) {
-        const std::string reset = "sigaction " + std::to_string(signal) + " default";
-        EXPECT_NE(std::find(calls.begin(), unblock, reset), unblock) << signal;
+    std::vector<int> signals(std::begin(CHANGED_SIGNALS), std::end(CHANGED_SIGNALS));
+    signals.push_back(FakeSys::SIGNAL_OF_LIBRARY);
+    for (const bool isKnown : {false, true}) {
+        LaunchPlan plan = FullPlan(AppKind::BASE);
+        if (isKnown) {
+            plan.handledSignals = ReadHandledSignals();
+        }
+        FakeSys::Get().Reset();
+        EXPECT_EQ(Run(std::move(plan)), EXECUTED);
+        const auto calls = FakeSys::Get().Calls();
+        EXPECT_TRUE(calls.back().starts_with("execve"));
+        // A signal that is unblocked before that would run a handler of the daemon in the child.
+        const auto unblock = std::find(calls.begin(), calls.end(),
+                                       "pthread_sigmask " + std::to_string(SIG_SETMASK) + " EMPTY");
+        ASSERT_NE(unblock, calls.end());
+        for (const int signal : signals) {
+            const std::string reset = "sigaction " + std::to_string(signal) + " default";
+            EXPECT_NE(std::find(calls.begin(), unblock, reset), unblock) << signal;
+        }
     }
 }
 
@@ -231,8 +241,14 @@ TEST_F(ChildSetupTest, AChildWithoutItsIdentityRunsNoProgram) {
 }
 
 TEST_F(ChildSetupTest, ExecFailureReplacesTheTextAndDecidesTheExitCode) {
-    const std::pair<int, int> cases[] = {{EIO, 125}, {ENOENT, 1}};
-    for (const auto& [error, status] : cases) {
+    struct Case {
+        int error;
+        int status;
+        size_t attempts;
+    };
+    // EAGAIN: the user has too many processes, perhaps only for a moment.
+    for (const auto& [error, status, attempts] :
+         {Case{EIO, 125, 1}, Case{ENOENT, 1, 1}, Case{EAGAIN, 1, 50}}) {
         FakeSys::Get().Reset();
         FakeSys::Get().Fail("execve", error);
         FakeSys::Get().Fail("setenv HOME", ENOMEM);
@@ -243,6 +259,7 @@ TEST_F(ChildSetupTest, ExecFailureReplacesTheTextAndDecidesTheExitCode) {
             PREFIX + "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=/home/x, errno=12;",
             PREFIX + "execv failed, execPath_=/bin/svc, errno=" + std::to_string(error) + ";"};
         EXPECT_EQ(Calls("write"), writes);
+        EXPECT_EQ(Calls("execve").size(), attempts);
     }
 }
 

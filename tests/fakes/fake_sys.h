@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <csignal>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,6 +27,8 @@ struct ChildExited {
 class FakeSys : public FailingCalls {
 public:
     static constexpr pid_t OWN_PID = 4711;
+    // The daemon has a handler of a library for this signal, and no handler of its own.
+    static constexpr int SIGNAL_OF_LIBRARY = SIGUSR2;
 
     static FakeSys& Get() {
         static FakeSys fake;

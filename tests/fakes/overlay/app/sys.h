@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <string>
 
 #include "tests/fakes/fake_sys.h"
@@ -60,7 +61,7 @@ public:
     static int close_range(unsigned first, unsigned last, int flags) {
         return Result("close_range" + Number(first) + Number(last) + Number(flags));
     }
-    static int sched_yield() { return 0; }
+    static void Sleep(const timespec& /*duration*/) { FakeSys::Get().Record("sleep"); }
     static int nice(int increment) { return Result("nice" + Number(increment)); }
     static int prlimit(pid_t /*pid*/, int resource, const struct rlimit* newLimit,
                        struct rlimit* /*oldLimit*/) {
@@ -92,8 +93,11 @@ public:
     }
     static pid_t setsid() { return Result("setsid"); }
     static int setuid(uid_t uid) { return Result("setuid" + Number(uid)); }
-    static int sigaction(int signal, const struct ::sigaction* action,
-                         struct ::sigaction* /*old*/) {
+    static int sigaction(int signal, const struct ::sigaction* action, struct ::sigaction* old) {
+        if (old != nullptr) {
+            *old = {};
+            old->sa_handler = signal == FakeSys::SIGNAL_OF_LIBRARY ? [](int) {} : SIG_DFL;
+        }
         const bool isDefault = action != nullptr && action->sa_handler == SIG_DFL;
         return Result("sigaction" + Number(signal) + (isDefault ? " default" : ""));
     }
