@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "main/common/log.h"
@@ -99,7 +100,12 @@ void BootCommandLine::Read() {
     ProcMgrEnv& env = ProcMgrEnv::GetInstance();
     env.SetSelinuxEnable(IsSelinuxEnforcing());
     ProcMgrLog(LOG_INFO, "pm UpdateSelinuxEnable success: enable=%d", env.IsSelinuxEnable());
-    text_ = ReadText(KERNEL_COMMAND_LINE);
+    Take(ReadText(KERNEL_COMMAND_LINE));
+}
+
+void BootCommandLine::Take(std::string text) {
+    ProcMgrEnv& env = ProcMgrEnv::GetInstance();
+    text_ = std::move(text);
     items_ = Extract(KEY_PROCMGR);
     ApplyOwnItems();
     env.SetVeskcoreEnable(Extract(KEY_VESKMODE).contains(ITEM_KERNEL_UTILS));

@@ -29,6 +29,9 @@ public:
     // Reads the SELinux state and the command line, and stores the switches here and in ProcMgrEnv.
     void Read();
 
+    // Stores the switches of `text`, a command line from elsewhere, here and in ProcMgrEnv.
+    void Take(std::string text);
+
     // Whether the services of the manifest file at `cfgPath` are to be started.
     bool IsEnabled(const std::string& cfgPath);
 
