@@ -1,16 +1,14 @@
 // The dependency graph of platform/manifest.h: DependGraph, and GetStartGraph of ParseAndDepend.
 #include <syslog.h>
 
-#include <algorithm>
+#include <utility>
 
 #include "platform/host/diagnostics.h"
-#include "platform/host/manifest_cycles.h"
+#include "platform/host/start_graph.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr {
 namespace {
-
-using PlatformHost::Dependencies;
 
 void ReportCycles(const std::vector<std::vector<std::string>>& cycles) {
     for (const std::vector<std::string>& cycle : cycles) {
@@ -63,23 +61,9 @@ void DependGraph::Add(const std::string& name, const std::set<std::string>& depe
 }
 
 int ParseAndDepend::GetStartGraph(const std::vector<std::string>& names, DependGraph& graph) {
-    const std::set<std::string> chosen(names.begin(), names.end());
-    Dependencies edges;
-    DependGraph built;
-    for (const std::string& name : chosen) {
-        std::set<std::string>& waitsFor = edges[name];
-        const auto known = depends_.find(name);
-        if (known != depends_.end()) {
-            std::copy_if(known->second.begin(), known->second.end(),
-                         std::inserter(waitsFor, waitsFor.end()),
-                         [&](const std::string& depend) { return chosen.contains(depend); });
-        }
-        built.Add(name, waitsFor);
-    }
-    if (built.GetNoDependVertices().size() < chosen.size()) {
-        ReportCycles(PlatformHost::FindCycles(built, std::move(edges)));
-    }
-    graph = std::move(built);
+    PlatformHost::StartGraph built = PlatformHost::MakeStartGraph(names, depends_);
+    ReportCycles(PlatformHost::FindCycles(built));
+    graph = std::move(built.graph);
     return 0;
 }
 

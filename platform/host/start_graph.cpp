@@ -1,6 +1,7 @@
-#include "platform/host/manifest_cycles.h"
+#include "platform/host/start_graph.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace PlatformHost {
@@ -8,15 +9,15 @@ namespace {
 
 // Returns the vertices that never become free: the vertices on a cycle, and the vertices that wait
 // for one of these. All others are removed in the order in which they become free.
-Dependencies VerticesThatNeverBecomeFree(ProcMgr::DependGraph graph, Dependencies edges) {
-    for (std::vector<std::string> free = graph.GetNoDependVertices(); !free.empty();
-         free = graph.GetNoDependVertices()) {
+Dependencies VerticesThatNeverBecomeFree(StartGraph start) {
+    for (std::vector<std::string> free = start.graph.GetNoDependVertices(); !free.empty();
+         free = start.graph.GetNoDependVertices()) {
         for (const std::string& name : free) {
-            graph.Pop(name);
-            edges.erase(name);
+            start.graph.Pop(name);
+            start.edges.erase(name);
         }
     }
-    return edges;
+    return std::move(start.edges);
 }
 
 // Walks from vertex to vertex until it reaches a vertex that is in `walked`, and returns the part
@@ -38,13 +39,31 @@ std::vector<std::string> WalkToCycle(const Dependencies& stuck, const std::strin
 
 }  // namespace
 
-std::vector<std::vector<std::string>> FindCycles(const ProcMgr::DependGraph& graph,
-                                                 Dependencies edges) {
-    const Dependencies stuck = VerticesThatNeverBecomeFree(graph, std::move(edges));
+StartGraph MakeStartGraph(const std::vector<std::string>& names, const Dependencies& depends) {
+    const std::set<std::string> chosen(names.begin(), names.end());
+    StartGraph start;
+    for (const std::string& name : chosen) {
+        std::set<std::string>& waitsFor = start.edges[name];
+        const auto known = depends.find(name);
+        if (known != depends.end()) {
+            std::copy_if(known->second.begin(), known->second.end(),
+                         std::inserter(waitsFor, waitsFor.end()),
+                         [&](const std::string& depend) { return chosen.contains(depend); });
+        }
+        start.graph.Add(name, waitsFor);
+    }
+    return start;
+}
+
+std::vector<std::vector<std::string>> FindCycles(const StartGraph& start) {
+    if (start.graph.GetNoDependVertices().size() == start.edges.size()) {
+        return {};
+    }
+    const Dependencies stuck = VerticesThatNeverBecomeFree(start);
     std::vector<std::vector<std::string>> cycles;
     std::set<std::string> walked;
-    for (const auto& [start, unused] : stuck) {
-        std::vector<std::string> cycle = WalkToCycle(stuck, start, walked);
+    for (const auto& [name, unused] : stuck) {
+        std::vector<std::string> cycle = WalkToCycle(stuck, name, walked);
         if (!cycle.empty()) {
             cycles.push_back(std::move(cycle));
         }
