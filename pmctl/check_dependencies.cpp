@@ -47,16 +47,13 @@ void CheckOptional(const CheckedEntry& entry, const CheckedEntry& other,
     }
 }
 
-void ReportCycle(const std::vector<std::string>& cycle, size_t waiting, const Entries& entries) {
+void ReportCycle(const std::vector<std::string>& cycle, size_t stuck, const Entries& entries) {
     const CheckedEntry& first = *entries.find(cycle.front())->second;
-    if (cycle.size() == 1) {
-        first.Error(KEY, "'" + cycle.front() + "' depends on itself and cannot start");
-        return;
-    }
-    first.Error(KEY, "dependency cycle, none of these can start: " + PlatformHost::CycleText(cycle),
-                waiting == 0 ? ""
-                             : "nor can the " + std::to_string(waiting) +
-                                   " other services that depend on a cycle");
+    const std::string what =
+        cycle.size() == 1
+            ? "'" + cycle.front() + "' depends on itself and cannot start"
+            : "dependency cycle, none of these can start: " + PlatformHost::CycleText(cycle);
+    first.Error(KEY, what, "services that cycles keep from starting: " + std::to_string(stuck));
 }
 
 // The number of services that are not started because of a cycle.
@@ -78,13 +75,9 @@ void CheckCycles(const PlatformHost::Dependencies& depends, const Entries& entri
     }
     const PlatformHost::StartGraph start = PlatformHost::MakeStartGraph(names, depends);
     const auto cycles = PlatformHost::FindCycles(start);
-    std::set<std::string> onCycle;
+    const size_t stuck = cycles.empty() ? 0 : CountStuck(start);
     for (const std::vector<std::string>& cycle : cycles) {
-        onCycle.insert(cycle.begin(), cycle.end());
-    }
-    const size_t waiting = cycles.empty() ? 0 : CountStuck(start) - onCycle.size();
-    for (const std::vector<std::string>& cycle : cycles) {
-        ReportCycle(cycle, waiting, entries);
+        ReportCycle(cycle, stuck, entries);
     }
 }
 

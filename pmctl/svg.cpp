@@ -274,6 +274,10 @@ void SvgPicture::BeginGroup(std::string_view classes, std::string_view toolTip) 
     text_ += '\n';
 }
 
+void SvgPicture::BeginMovedGroup(double x, double y) {
+    text_ += "<g transform=\"translate(" + SvgNumber(x) + ' ' + SvgNumber(y) + ")\">\n";
+}
+
 void SvgPicture::EndGroup() {
     text_ += "</g>\n";
 }

@@ -45,6 +45,8 @@ public:
 
     // Elements up to EndGroup() share the tool tip; lines of it are separated by "\n".
     void BeginGroup(std::string_view classes, std::string_view toolTip = {});
+    // Elements up to EndGroup() are moved by these numbers.
+    void BeginMovedGroup(double x, double y);
     void EndGroup();
 
     void Box(double x, double y, double width, double height, std::string_view classes,
