@@ -1,6 +1,7 @@
 // What all checks share: where findings go, and the board that the files are for.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -22,6 +23,12 @@ struct CheckContext {
     bool hasGroupNote = false;
     bool hasCoreNote = false;
     bool hasUserNote = false;
+
+    // Whether a hint that takes long to find is still looked for: a file may have many errors.
+    bool MayLookForHint() const {
+        constexpr size_t FINDINGS_WITH_HINTS = 100;
+        return findings.Get().size() < FINDINGS_WITH_HINTS;
+    }
 };
 
 // One entry of a manifest file with its place, and the list of the findings about it.

@@ -18,20 +18,29 @@ constexpr const char* KEY = "depends";
 
 using Entries = std::map<std::string, const CheckedEntry*, std::less<>>;
 
-// A name that is no service of the file: the daemon does not start what depends on it.
-void ReportUnknown(const CheckedEntry& entry, const std::string& name, const Entries& entries) {
-    const auto other = entries.find(name);
+// The service of the file with the nearest name.
+std::string NearestService(const CheckedEntry& entry, const std::string& name,
+                           const Entries& entries) {
+    if (!entry.context.MayLookForHint()) {
+        return {};
+    }
     std::vector<std::string_view> services;
     for (const auto& [known, candidate] : entries) {
         if (candidate->IsService() && known != entry.manifest.GetAppName()) {
             services.push_back(known);
         }
     }
+    return DidYouMean(name, services);
+}
+
+// A name that is no service of the file: the daemon does not start what depends on it.
+void ReportUnknown(const CheckedEntry& entry, const std::string& name, const Entries& entries) {
+    const bool isApp = entries.contains(name);
     entry.Error(KEY,
-                (other == entries.end() ? "there is no service '" + name + "'"
-                                        : "'" + name + "' is an application and no service") +
+                (isApp ? "'" + name + "' is an application and no service"
+                       : "there is no service '" + name + "'") +
                     ": the daemon does not start '" + entry.manifest.GetAppName() + "'",
-                other == entries.end() ? DidYouMean(name, services) : "");
+                isApp ? "" : NearestService(entry, name, entries));
 }
 
 // Services of an optional file are started only with a word on the boot command line.

@@ -58,6 +58,9 @@ struct Identity {
 
 // The program of that directory with the nearest name.
 std::string NearestProgram(const CheckedEntry& entry, const std::string& path) {
+    if (!entry.context.MayLookForHint()) {
+        return {};
+    }
     const std::filesystem::path wanted(path);
     const Image::Walk folder = entry.context.image.Follow(wanted.parent_path());
     std::vector<std::string> names;

@@ -36,23 +36,27 @@ public:
     }
 
     PmctlResult Run(const std::vector<std::string>& arguments) const {
-        return Take(Child([&] { return Execute(arguments); }));
+        return Take([&] { return Child([&] { return Execute(arguments); }); });
     }
     // As user 65534.
     PmctlResult RunAsNobody(const std::vector<std::string>& arguments) const {
-        return Take(Child(65534, 65534, [&] { return Execute(arguments); }));
+        return Take([&] { return Child(65534, 65534, [&] { return Execute(arguments); }); });
     }
 
 private:
-    PmctlResult Take(Child child) const {
+    template <typename Start>
+    PmctlResult Take(Start start) const {
+        WriteFile(outputs_ / "out", "");
+        WriteFile(outputs_ / "error", "");
         PmctlResult result;
-        result.code = child.ExitCode();
+        result.code = start().ExitCode();
         result.out = ReadFile(outputs_ / "out");
         result.error = ReadFile(outputs_ / "error");
         return result;
     }
 
-    // In the child; does not return but for a failure.
+    // In the child; returns only after a failure. Other users need not be able to reach the
+    // program.
     int Execute(const std::vector<std::string>& arguments) const {
         std::vector<char*> argv{const_cast<char*>(PMCTL)};
         for (const std::string& argument : arguments) {
@@ -61,20 +65,21 @@ private:
         argv.push_back(nullptr);
         dup2(out_, STDOUT_FILENO);
         dup2(error_, STDERR_FILENO);
-        ftruncate(out_, 0);
-        ftruncate(error_, 0);
-        lseek(out_, 0, SEEK_SET);
-        lseek(error_, 0, SEEK_SET);
         if (chdir(directory_.Path().c_str()) == 0) {
-            execv(PMCTL, argv.data());
+            fexecve(program_, argv.data(), environ);
         }
         return 127;
     }
 
+    int OpenOutput(const std::string& name) const {
+        return open((outputs_ / name).c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    }
+
     const TempDirectory directory_;
     const TempDirectory outputs_;
-    const int out_ = open((outputs_ / "out").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    const int error_ = open((outputs_ / "error").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int program_ = open(PMCTL, O_PATH | O_CLOEXEC);
+    const int out_ = OpenOutput("out");
+    const int error_ = OpenOutput("error");
 };
 
 }  // namespace ProcMgr::Tests
