@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "app/app_spec.h"
+#include "baseservice/start_order.h"
 #include "main/common/boot_trace.h"
 #include "main/common/clock.h"
 #include "main/common/log.h"
@@ -31,8 +32,7 @@ bool BaseStartup::ParseYamlFile(const std::string& path,
             ProcMgrLog(LOG_ERR, "PROCMGR : ParseYamlFile : appName is NULL");
             return false;
         }
-        if (manifest.GetManifestList() == ManifestList::SERVICES &&
-            commandLine_.IsEnabled(manifest.GetCfgPath())) {
+        if (IsStartedAtBoot(manifest, commandLine_)) {
             enabledNames_.push_back(name);
         }
     }
@@ -74,12 +74,11 @@ BaseStartup::Outcome BaseStartup::StartInOrder(DependGraph& graph) {
     Outcome result = Outcome::ALL_STARTED;
     std::set<std::string> worked;
     while (!graph.IsEmpty()) {
-        const std::vector<std::string> free = graph.GetNoDependVertices();
-        if (free.empty()) {
+        const std::set<std::string> batch = NextBatch(graph);
+        if (batch.empty()) {
             LogBlocked(worked);
             return Outcome::SOME_FAILED;
         }
-        const std::set<std::string> batch(free.begin(), free.end());
         const Outcome outcome = StartBatch(batch);
         if (outcome == Outcome::ABANDONED) {
             return outcome;

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <string_view>
 
+#include "config/settings_keys.h"
 #include "main/common/log.h"
 #include "message/enum_names.h"
 
@@ -24,7 +25,30 @@ constexpr const char* DEFAULT_TIMEOUT = "60";
 constexpr const char* DEFAULT_ACTION = "2";
 constexpr std::array ACTIONS = {"0"sv, "1"sv, "2"sv};
 
+constexpr std::array KEYS = {
+    SettingKey{WATCH_DOG, ENABLE, SettingKind::SWITCH},
+    SettingKey{WATCH_DOG, TIMEOUT, SettingKind::SECONDS},
+    SettingKey{WATCH_DOG, ACTION, SettingKind::ACTION},
+    SettingKey{PMUPLOAD, ENABLE, SettingKind::SWITCH},
+};
+
 }  // namespace
+
+std::span<const SettingKey> SettingKeys() {
+    return KEYS;
+}
+
+bool IsSettingValue(SettingKind kind, const std::string& text) {
+    switch (kind) {
+        case SettingKind::SWITCH:
+            return true;
+        case SettingKind::SECONDS:
+            return !text.empty() && IsStrDigits(text);
+        case SettingKind::ACTION:
+            return std::find(ACTIONS.begin(), ACTIONS.end(), text) != ACTIONS.end();
+    }
+    return false;
+}
 
 void LoadProcMgrCfg(const std::string& path, ProcMgrSettings& settings) {
     if (access(path.c_str(), R_OK) != 0) {
@@ -80,7 +104,7 @@ std::string GetWatchDogTimeout(const KvsTypeYaml& section) {
         return DEFAULT_TIMEOUT;
     }
     const std::string text = value.GetString();
-    return text.empty() || !IsStrDigits(text) ? DEFAULT_TIMEOUT : text;
+    return IsSettingValue(SettingKind::SECONDS, text) ? text : DEFAULT_TIMEOUT;
 }
 
 std::string GetWatchDogAction(const KvsTypeYaml& section) {
@@ -90,8 +114,7 @@ std::string GetWatchDogAction(const KvsTypeYaml& section) {
         return DEFAULT_ACTION;
     }
     const std::string text = value.GetString();
-    const bool isKnown = std::find(ACTIONS.begin(), ACTIONS.end(), text) != ACTIONS.end();
-    return isKnown ? text : DEFAULT_ACTION;
+    return IsSettingValue(SettingKind::ACTION, text) ? text : DEFAULT_ACTION;
 }
 
 bool GetPmuploadEnable(const KvsTypeYaml& section) {

@@ -26,6 +26,8 @@ int main(int argc, char** argv) {
     app.add_option("--socket", context.statusSocket, "The status socket")->capture_default_str();
     app.add_option("--console", context.consoleSocket, "The socket of pm-console")
         ->capture_default_str();
+    AddCheck(app, context);
+    AddGraphAndPlan(app, context);
     try {
         app.parse(argc, argv);
         std::cout.flush();

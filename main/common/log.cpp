@@ -11,12 +11,13 @@ namespace ProcMgr {
 namespace {
 
 std::atomic<bool> g_isKernel{false};
+std::atomic<bool> g_isOff{false};
 
 // The limit of the calling thread; null when it has none.
 thread_local LogLimit* g_limit = nullptr;
 
 void Add(LogSink sink, int level, const char* format, va_list arguments) {
-    if (LogLimit::Take(level)) {
+    if (!g_isOff && LogLimit::Take(level)) {
         LogQueue::Add(sink, level, format, arguments);
     }
 }
@@ -39,6 +40,10 @@ void ProcMgrSysLog(int level, const char* format, ...) {
 
 void SetLogToKernel(bool isKernel) {
     g_isKernel = isKernel;
+}
+
+void SwitchLogOff() {
+    g_isOff = true;
 }
 
 void OpenLog() {

@@ -23,6 +23,9 @@ void ProcMgrSysLog(int level, const char* format, ...) __attribute__((format(pri
 // default.
 void SetLogToKernel(bool isKernel);
 
+// Drops all lines from now on: for tools that use the daemon's parsers.
+void SwitchLogOff();
+
 // Sets the daemon's identity for libraries that call syslog() themselves.
 void OpenLog();
 // Writes out the queued lines, for at most `patience`, and ends the log's thread. The next line

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "config/settings_keys.h"
 #include "tests/fakes/log_capture.h"
 #include "tests/support/files.h"
 
@@ -79,6 +80,23 @@ TEST_F(Settings, Values) {
                   "enable=" + isEnabled + " timeout=" + usedTimeout + " action=" + usedAction +
                       " pmupload=" + isEnabled);
         EXPECT_EQ(LogCapture::Lines().size(), 2U) << timeout;
+    }
+}
+
+// Each row of the table is a key that the daemon reads, with the daemon's rule for its value.
+TEST_F(Settings, TheTableOfKeysIsWhatTheDaemonReads) {
+    const std::string values[] = {"false", "7", "0"};  // by SettingKind, none of them a default
+    for (const SettingKey& key : SettingKeys()) {
+        const auto load = [&](const std::string& value) {
+            return Load(std::string(key.section) + ":\n  " + key.name + ": " + value + "\n");
+        };
+        const std::string value = values[static_cast<size_t>(key.kind)];
+        EXPECT_TRUE(IsSettingValue(key.kind, value));
+        EXPECT_NE(load(value), Load(std::string(key.section) + ":\n")) << key.section << key.name;
+        if (key.kind != SettingKind::SWITCH) {
+            EXPECT_FALSE(IsSettingValue(key.kind, "x"));
+            EXPECT_EQ(load("x"), Load(std::string(key.section) + ":\n"));
+        }
     }
 }
 
