@@ -17,7 +17,9 @@ using namespace std::string_view_literals;
 
 constexpr const char* WATCH_DOG = "watch_dog";
 constexpr const char* PMUPLOAD = "pmupload";
+constexpr const char* STATUS = "status";
 constexpr const char* ENABLE = "enable";
+constexpr const char* GROUP = "group";
 constexpr const char* TIMEOUT = "timeout";
 constexpr const char* ACTION = "action";
 constexpr const char* DEFAULT_TIMEOUT = "60";
@@ -38,6 +40,7 @@ void LoadProcMgrCfg(const std::string& path, ProcMgrSettings& settings) {
     }
     LoadWatchDogCfg(top, settings);
     LoadPmUploadCfg(top, settings);
+    LoadStatusCfg(top, settings);
 }
 
 void LoadWatchDogCfg(const KvsTypeYaml& top, ProcMgrSettings& settings) {
@@ -62,6 +65,17 @@ void LoadPmUploadCfg(const KvsTypeYaml& top, ProcMgrSettings& settings) {
     }
     settings.pmuploadEnable = GetPmuploadEnable(section);
     ProcMgrLog(LOG_INFO, "PROCMGR: LoadPmUploadCfg finish enable=%d", settings.pmuploadEnable);
+}
+
+void LoadStatusCfg(const KvsTypeYaml& top, ProcMgrSettings& settings) {
+    KvsTypeYaml section;
+    if (!top.GetSubKvs(STATUS, section)) {
+        return;
+    }
+    settings.statusEnable = GetStatusEnable(section);
+    settings.statusGroup = GetStatusGroup(section);
+    ProcMgrLog(LOG_INFO, "PROCMGR: LoadStatusCfg finish enable=%d, group=%s", settings.statusEnable,
+               settings.statusGroup.c_str());
 }
 
 bool GetWatchDogEnable(const KvsTypeYaml& section) {
@@ -101,6 +115,16 @@ bool GetPmuploadEnable(const KvsTypeYaml& section) {
         return true;
     }
     return value.GetBool();
+}
+
+bool GetStatusEnable(const KvsTypeYaml& section) {
+    KvsTypeYaml value;
+    return section.GetSubKvs(ENABLE, value) && value.GetBool();
+}
+
+std::string GetStatusGroup(const KvsTypeYaml& section) {
+    KvsTypeYaml value;
+    return section.GetSubKvs(GROUP, value) ? value.GetString() : std::string();
 }
 
 }  // namespace ProcMgr

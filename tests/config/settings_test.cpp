@@ -22,7 +22,8 @@ protected:
         LoadProcMgrCfg(path_, settings);
         return "enable=" + std::to_string(settings.watchDogEnable) +
                " timeout=" + settings.watchDogTimeout + " action=" + settings.watchDogAction +
-               " pmupload=" + std::to_string(settings.pmuploadEnable);
+               " pmupload=" + std::to_string(settings.pmuploadEnable) +
+               (settings.statusEnable ? " status=" + settings.statusGroup : "");
     }
     std::string Load(const std::string& contents) const {
         Tests::WriteFile(path_, contents);
@@ -80,6 +81,21 @@ TEST_F(Settings, Values) {
                       " pmupload=" + isEnabled);
         EXPECT_EQ(LogCapture::Lines().size(), 2U) << timeout;
     }
+}
+
+// The status endpoint opens a door: only a clear "enable" switches it on, and an absent section is
+// not logged.
+TEST_F(Settings, TheStatusEndpointIsOffUnlessEnabled) {
+    const std::string others = "watch_dog: {}\npmupload: {}\n";
+    const std::string off = Load(others);
+    const size_t lines = LogCapture::Lines().size();
+    for (const char* section : {"", "{}", "{group: g}", "{enable: perhaps}", "{enable: false}"}) {
+        EXPECT_EQ(Load(others + "status: " + section + "\n"), off) << section;
+        EXPECT_EQ(LogCapture::Lines().size(), lines + 1);
+    }
+    EXPECT_EQ(Load(others + "status: {enable: true, group: [g]}\n"), off + " status=");
+    EXPECT_EQ(Load(others + "status: {enable: true, group: adm}\n"), off + " status=adm");
+    EXPECT_EQ(LogCapture::Lines().back().text, "PROCMGR: LoadStatusCfg finish enable=1, group=adm");
 }
 
 }  // namespace
