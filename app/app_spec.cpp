@@ -11,9 +11,6 @@ namespace ProcMgr::App {
 namespace {
 
 constexpr int PRIORITY_MAX = 99;
-// A core list that begins with this number gives no cores: ApplyScheduling() sets SCHED_FIFO with
-// priority 99 instead.
-constexpr uint32_t AFFINITY_MARKER = 255;
 
 constexpr std::array SYSTEM_POLICIES = {SCHED_OTHER, SCHED_BATCH, SCHED_IDLE, SCHED_FIFO, SCHED_RR};
 static_assert(SYSTEM_POLICIES.size() == static_cast<size_t>(SchedPolicyType::NOT_SET));

@@ -46,6 +46,9 @@ class AppSpec {
 public:
     // The start-up priority of an application that is not a priority application.
     static constexpr int32_t NO_PRIORITY = -1;
+    // A core list that begins with this number gives no cores: SCHED_FIFO with priority 99 is set
+    // instead.
+    static constexpr uint32_t AFFINITY_MARKER = 255;
 
     AppSpec(const ApplicationManifest& manifest, const std::string& appName);
 

@@ -118,25 +118,25 @@ ExecuteRight GetExecuteRight(const struct stat& program, uint32_t uid, const Use
     return hasBit ? ExecuteRight::GRANTED : ExecuteRight::NO_GROUP_BIT;
 }
 
-bool CheckChildProParas(const std::string& appName, const std::string& execPath, uint32_t uid,
-                        const std::vector<std::string>& arguments, UserGroupsCache& users) {
+StartRefusal CheckChildProParas(const std::string& appName, const std::string& execPath,
+                                uint32_t uid, const std::vector<std::string>& arguments,
+                                UserGroupsCache& users) {
     MayWait("the program's file system");
     const char* app = appName.c_str();
     const char* path = execPath.c_str();
     if (std::any_of(arguments.begin(), arguments.end(), IsIllegalArgument)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : CheckChildProParas App=%s arguments include illegal str",
                    app);
-        return false;
+        return StartRefusal::ARGUMENTS;
     }
     struct stat file {};
     if (!StatProgram(app, execPath, file)) {
-        return false;
+        return StartRefusal::MISSING;
     }
-    if (uid == 0) {
-        return MayRootExecute(app, path, file);
-    }
-    return uid == file.st_uid ? MayOwnerExecute(app, path, uid, file)
-                              : MayMemberExecute(app, path, uid, file, users);
+    const bool mayExecute = uid == 0             ? MayRootExecute(app, path, file)
+                            : uid == file.st_uid ? MayOwnerExecute(app, path, uid, file)
+                                                 : MayMemberExecute(app, path, uid, file, users);
+    return mayExecute ? StartRefusal::NONE : StartRefusal::NOT_EXECUTABLE;
 }
 
 }  // namespace ProcMgr::App

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "app/start_refusal.h"
 #include "app/user_groups.h"
 
 namespace ProcMgr::App {
@@ -30,10 +31,11 @@ enum class ExecuteRight {
 // execute bit for others does not count.
 ExecuteRight GetExecuteRight(const struct stat& program, uint32_t uid, const UserGroups& groups);
 
-// True when the start may go on; false, with a log line, when a check refuses it. `users` is used
-// to look up the groups of a user who is not the owner of the program. Any thread, not with a lock
-// held: waits for the program's file system and the user database.
-bool CheckChildProParas(const std::string& appName, const std::string& execPath, uint32_t uid,
-                        const std::vector<std::string>& arguments, UserGroupsCache& users);
+// NONE when the start may go on; else the reason, with a log line. `users` is used to look up the
+// groups of a user who is not the owner of the program. Any thread, not with a lock held: waits for
+// the program's file system and the user database.
+StartRefusal CheckChildProParas(const std::string& appName, const std::string& execPath,
+                                uint32_t uid, const std::vector<std::string>& arguments,
+                                UserGroupsCache& users);
 
 }  // namespace ProcMgr::App

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/app_kind.h"
 #include "app/child_environment.h"
 #include "app/child_slots.h"
 #include "app/user_groups.h"
@@ -23,8 +24,6 @@ namespace ProcMgr::App {
 
 class BaseAppInfo;
 class GeneralAppInfo;
-
-enum class AppKind { GENERAL, BASE };
 
 struct LaunchPlan {
     AppKind kind = AppKind::BASE;

@@ -34,6 +34,12 @@ void WithChild(const Action& action) {
     }
 }
 
+void NoteRefusal(const AppInfo& app, StartRefusal refusal) {
+    if (app.history_ != nullptr) {
+        app.history_->NoteRefusal(refusal);
+    }
+}
+
 int RunSharedChild(void* context) {
     RunChild(*static_cast<ChildContext*>(context));
 }
@@ -98,6 +104,7 @@ pid_t ProcessLauncher::Fork(GeneralAppInfo& app, LaunchPlan& plan) {
     const pid_t child = CreateChild(app, context, std::move(slot));
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR: Start generalApp failed. fork failed: errno=%d", errno);
+        NoteRefusal(app, StartRefusal::NO_PROCESS);
         return child;
     }
     WithChild([&] {
@@ -117,6 +124,7 @@ pid_t ProcessLauncher::Fork(BaseAppInfo& app, LaunchPlan& plan) {
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Start baseApp %s failed errno=%d", app.appName_.c_str(),
                    errno);
+        NoteRefusal(app, StartRefusal::NO_PROCESS);
         return child;
     }
     WithChild([&] {
@@ -191,16 +199,28 @@ void ProcessLauncher::JoinSharePool(const AppInfo& app, const LaunchPlan& plan) 
 }
 
 bool ProcessLauncher::PreStartCheck(const AppInfo& app) {
-    if (!CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_, userGroups_)) {
-        return false;
+    const StartRefusal refusal = FindRefusal(app);
+    if (refusal != StartRefusal::NONE) {
+        NoteRefusal(app, refusal);
+    }
+    return refusal == StartRefusal::NONE;
+}
+
+StartRefusal ProcessLauncher::FindRefusal(const AppInfo& app) {
+    const StartRefusal refusal =
+        CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_, userGroups_);
+    if (refusal != StartRefusal::NONE) {
+        return refusal;
     }
     if (!integrity_.IntegrityProtect(app.execPath_)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : IntegrityProtect app=%s or sha256sum has been modified",
                    app.execPath_.c_str());
-        return false;
+        return StartRefusal::MODIFIED;
     }
     const bool isUnchecked = app.IsPriority() && ProcMgrEnv::GetInstance().IsQuickStart();
-    return isUnchecked || affinity_.CheckLaunch(app.appName_, app.coreAffinity_);
+    return isUnchecked || affinity_.CheckLaunch(app.appName_, app.coreAffinity_)
+               ? StartRefusal::NONE
+               : StartRefusal::CORES;
 }
 
 }  // namespace ProcMgr::App

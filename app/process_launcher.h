@@ -14,6 +14,7 @@
 #include "app/child_slots.h"
 #include "app/integrity.h"
 #include "app/launch_plan.h"
+#include "app/start_refusal.h"
 #include "app/user_groups.h"
 #include "main/common/clock.h"
 #include "main/common/recent.h"
@@ -83,6 +84,7 @@ private:
                     LaunchPlan& plan);
     void JoinSharePool(const AppInfo& app, const LaunchPlan& plan);
     bool PreStartCheck(const AppInfo& app);
+    StartRefusal FindRefusal(const AppInfo& app);
 
     const CgroupMgr& cgroups_;
     CoreAffinityMgr& affinity_;

@@ -18,7 +18,9 @@ using namespace std::string_view_literals;
 
 constexpr const char* WATCH_DOG = "watch_dog";
 constexpr const char* PMUPLOAD = "pmupload";
+constexpr const char* STATUS = "status";
 constexpr const char* ENABLE = "enable";
+constexpr const char* GROUP = "group";
 constexpr const char* TIMEOUT = "timeout";
 constexpr const char* ACTION = "action";
 constexpr const char* DEFAULT_TIMEOUT = "60";
@@ -30,6 +32,8 @@ constexpr std::array KEYS = {
     SettingKey{WATCH_DOG, TIMEOUT, SettingKind::SECONDS},
     SettingKey{WATCH_DOG, ACTION, SettingKind::ACTION},
     SettingKey{PMUPLOAD, ENABLE, SettingKind::SWITCH},
+    SettingKey{STATUS, ENABLE, SettingKind::SWITCH},
+    SettingKey{STATUS, GROUP, SettingKind::NAME},
 };
 
 }  // namespace
@@ -46,6 +50,8 @@ bool IsSettingValue(SettingKind kind, const std::string& text) {
             return !text.empty() && IsStrDigits(text);
         case SettingKind::ACTION:
             return std::find(ACTIONS.begin(), ACTIONS.end(), text) != ACTIONS.end();
+        case SettingKind::NAME:
+            return !text.empty();
     }
     return false;
 }
@@ -62,6 +68,7 @@ void LoadProcMgrCfg(const std::string& path, ProcMgrSettings& settings) {
     }
     LoadWatchDogCfg(top, settings);
     LoadPmUploadCfg(top, settings);
+    LoadStatusCfg(top, settings);
 }
 
 void LoadWatchDogCfg(const KvsTypeYaml& top, ProcMgrSettings& settings) {
@@ -86,6 +93,17 @@ void LoadPmUploadCfg(const KvsTypeYaml& top, ProcMgrSettings& settings) {
     }
     settings.pmuploadEnable = GetPmuploadEnable(section);
     ProcMgrLog(LOG_INFO, "PROCMGR: LoadPmUploadCfg finish enable=%d", settings.pmuploadEnable);
+}
+
+void LoadStatusCfg(const KvsTypeYaml& top, ProcMgrSettings& settings) {
+    KvsTypeYaml section;
+    if (!top.GetSubKvs(STATUS, section)) {
+        return;
+    }
+    settings.statusEnable = GetStatusEnable(section);
+    settings.statusGroup = GetStatusGroup(section);
+    ProcMgrLog(LOG_INFO, "PROCMGR: LoadStatusCfg finish enable=%d, group=%s", settings.statusEnable,
+               settings.statusGroup.c_str());
 }
 
 bool GetWatchDogEnable(const KvsTypeYaml& section) {
@@ -124,6 +142,16 @@ bool GetPmuploadEnable(const KvsTypeYaml& section) {
         return true;
     }
     return value.GetBool();
+}
+
+bool GetStatusEnable(const KvsTypeYaml& section) {
+    KvsTypeYaml value;
+    return section.GetSubKvs(ENABLE, value) && value.GetBool();
+}
+
+std::string GetStatusGroup(const KvsTypeYaml& section) {
+    KvsTypeYaml value;
+    return section.GetSubKvs(GROUP, value) ? value.GetString() : std::string();
 }
 
 }  // namespace ProcMgr

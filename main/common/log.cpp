@@ -57,6 +57,10 @@ void CloseLog(std::chrono::milliseconds patience) {
     closelog();
 }
 
+uint64_t CountDroppedLogLines() {
+    return LogQueue::CountDropped();
+}
+
 void WriteLogInSignal() {
     LogQueue::WriteInSignal();
 }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -58,6 +59,7 @@ public:
     void Add(LogSink sink, int level, const char* format, va_list arguments)
         PROCMGR_EXCLUDES(mutex_);
     void Close(std::chrono::milliseconds patience) PROCMGR_EXCLUDES(mutex_);
+    uint64_t CountDropped() const { return droppedInAll_; }
     // In a signal handler no lock can be taken: see LogRing::VisitInSignal().
     void WriteInSignal() PROCMGR_UNCHECKED;
 
@@ -87,6 +89,10 @@ private:
         PROCMGR_EXCLUDES(mutex_);
     static void WriteKernelLine(std::string_view line);
     void PopLines(LogSink sink, size_t count) PROCMGR_EXCLUDES(mutex_);
+    void CountDrop() PROCMGR_REQUIRES(mutex_) {
+        ++dropped_;
+        ++droppedInAll_;
+    }
     // Drops the lines of the system ring that have waited too long for a logger.
     void DropStale() PROCMGR_EXCLUDES(mutex_);
     void ReportDropped() PROCMGR_EXCLUDES(mutex_);
@@ -99,6 +105,7 @@ private:
     LogRing kernel_ PROCMGR_GUARDED_BY(mutex_){KERNEL_RING};
     // Number of lines dropped for lack of room since the logger last accepted a line.
     uint64_t dropped_ PROCMGR_GUARDED_BY(mutex_) = 0;
+    std::atomic<uint64_t> droppedInAll_{0};  // since the start of the process
     // The stamp of a line without its year, and the first second of its minute.
     std::array<char, STAMP_LENGTH + 1> stamp_ PROCMGR_GUARDED_BY(mutex_){};
     time_t stampMinute_ PROCMGR_GUARDED_BY(mutex_) = 0;
@@ -142,7 +149,7 @@ void Writer::Format(LogSink sink, int level, const char* format, va_list argumen
     LogRing& ring = RingOf(sink);
     char* line = ring.Reserve(LINE_MAX_LENGTH);
     if (line == nullptr) {
-        ++dropped_;
+        CountDrop();
         return;
     }
     const size_t header = WriteHeader(sink, level, line);
@@ -301,7 +308,7 @@ void Writer::DropStale() {
         }
         PopLines(LogSink::SYSTEM, 1);
         const LockGuard lock(mutex_);
-        ++dropped_;
+        CountDrop();
     }
 }
 
@@ -351,6 +358,10 @@ void LogQueue::Add(LogSink sink, int level, const char* format, va_list argument
 
 void LogQueue::Close(std::chrono::milliseconds patience) {
     GetWriter().Close(patience);
+}
+
+uint64_t LogQueue::CountDropped() {
+    return GetWriter().CountDropped();
 }
 
 void LogQueue::WriteInSignal() {

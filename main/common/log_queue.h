@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdarg>
+#include <cstdint>
 
 namespace ProcMgr {
 
@@ -20,6 +21,9 @@ void Add(LogSink sink, int level, const char* format, va_list arguments);
 
 // Writes out the queued lines, for at most `patience`, and ends the thread.
 void Close(std::chrono::milliseconds patience);
+
+// The number of lines that have been dropped since the start of the process.
+uint64_t CountDropped();
 
 // Writes out the queued lines that can be written at once. Async-signal-safe; for a process that is
 // about to end.

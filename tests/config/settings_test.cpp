@@ -23,7 +23,8 @@ protected:
         LoadProcMgrCfg(path_, settings);
         return "enable=" + std::to_string(settings.watchDogEnable) +
                " timeout=" + settings.watchDogTimeout + " action=" + settings.watchDogAction +
-               " pmupload=" + std::to_string(settings.pmuploadEnable);
+               " pmupload=" + std::to_string(settings.pmuploadEnable) +
+               (settings.statusEnable ? " status=" + settings.statusGroup : "");
     }
     std::string Load(const std::string& contents) const {
         Tests::WriteFile(path_, contents);
@@ -87,6 +88,9 @@ TEST_F(Settings, Values) {
 TEST_F(Settings, TheTableOfKeysIsWhatTheDaemonReads) {
     const std::string values[] = {"false", "7", "0"};  // by SettingKind, none of them a default
     for (const SettingKey& key : SettingKeys()) {
+        if (key.section == std::string("status")) {
+            continue;  // see TheStatusEndpointIsOffUnlessEnabled
+        }
         const auto load = [&](const std::string& value) {
             return Load(std::string(key.section) + ":\n  " + key.name + ": " + value + "\n");
         };
@@ -98,6 +102,21 @@ TEST_F(Settings, TheTableOfKeysIsWhatTheDaemonReads) {
             EXPECT_EQ(load("x"), Load(std::string(key.section) + ":\n"));
         }
     }
+}
+
+// The status endpoint opens a door: only a clear "enable" switches it on, and an absent section is
+// not logged.
+TEST_F(Settings, TheStatusEndpointIsOffUnlessEnabled) {
+    const std::string others = "watch_dog: {}\npmupload: {}\n";
+    const std::string off = Load(others);
+    const size_t lines = LogCapture::Lines().size();
+    for (const char* section : {"", "{}", "{group: g}", "{enable: perhaps}", "{enable: false}"}) {
+        EXPECT_EQ(Load(others + "status: " + section + "\n"), off) << section;
+        EXPECT_EQ(LogCapture::Lines().size(), lines + 1);
+    }
+    EXPECT_EQ(Load(others + "status: {enable: true, group: [g]}\n"), off + " status=");
+    EXPECT_EQ(Load(others + "status: {enable: true, group: adm}\n"), off + " status=adm");
+    EXPECT_EQ(LogCapture::Lines().back().text, "PROCMGR: LoadStatusCfg finish enable=1, group=adm");
 }
 
 }  // namespace
