@@ -28,6 +28,12 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     AddCheck(app, context);
     AddGraphAndPlan(app, context);
+    AddStatus(app, context);
+    AddEvents(app, context);
+    AddWhy(app, context);
+    AddBoot(app, context);
+    AddReport(app, context);
+    AddMetrics(app, context);
     try {
         app.parse(argc, argv);
         std::cout.flush();
