@@ -33,6 +33,7 @@
 #include "main/common/check_requests.h"
 #include "main/common/mutex.h"
 #include "main/common/threads.h"
+#include "output/output_relay.h"
 #include "resource/affinity_check.h"
 #include "resource/bind_count.h"
 #include "resource/cgroup_mgr.h"
@@ -143,7 +144,8 @@ private:
     BindCount& bindCount_ = BindCount::GetInstance();
     App::SensorNodeEventReporter& faults_ = App::SensorNodeEventReporter::GetInstance();
     SharePool sharePool_{deviceWorker_};
-    App::ProcessLauncher launcher_;  // puts processes into groups of sharePool_
+    Output::OutputRelay output_;
+    App::ProcessLauncher launcher_;  // puts processes into groups of sharePool_; output_ reads them
     ReportedState reportedState_;
     CheckRequests checks_;
     StatePicture picture_;  // reads the states in both containers

@@ -60,6 +60,7 @@ public:
     static int close_range(unsigned first, unsigned last, int flags) {
         return Result("close_range" + Number(first) + Number(last) + Number(flags));
     }
+    static int dup2(int fd, int stream) { return Result("dup2" + Number(fd) + Number(stream)); }
     static int sched_yield() { return 0; }
     static int nice(int increment) { return Result("nice" + Number(increment)); }
     static int prlimit(pid_t /*pid*/, int resource, const struct rlimit* newLimit,
