@@ -47,6 +47,10 @@ int ToSystemPolicy(SchedPolicyType policy) {
     return code < SYSTEM_POLICIES.size() ? SYSTEM_POLICIES[code] : SCHED_OTHER;
 }
 
+OutputConfig OutputOf(const ApplicationManifest& manifest) {
+    return GetManifestOutput == nullptr ? OutputConfig() : GetManifestOutput(manifest);
+}
+
 AppSpec::AppSpec(const ApplicationManifest& manifest, const std::string& appName)
     : appName_(appName),
       uid_(manifest.GetUid()),
@@ -73,7 +77,8 @@ AppSpec::AppSpec(const ApplicationManifest& manifest, const std::string& appName
       sharepoolGroups_(manifest.GetSharepoolGroups()),
       heartBeatSwitch_(manifest.GetHeartBeatSwitch()),
       dependList_(manifest.GetDependList()),
-      startupEntryPath_(manifest.GetStartupEntryPath()) {
+      startupEntryPath_(manifest.GetStartupEntryPath()),
+      output_(OutputOf(manifest)) {
     ApplyScheduling(manifest);
     DetectDynamicParameters(manifest);
 }

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/manifest.h"
+#include "platform/manifest_output.h"
 
 namespace ProcMgr {
 
@@ -41,6 +42,9 @@ enum class SchedPolicyType : uint32_t {
 
 // The policy of the operating system; SCHED_OTHER for a value outside the enumeration.
 int ToSystemPolicy(SchedPolicyType policy);
+
+// The value of the manifest; INHERIT with a platform library that does not know the key.
+OutputConfig OutputOf(const ApplicationManifest& manifest);
 
 class AppSpec {
 public:
@@ -104,6 +108,7 @@ public:
     bool heartBeatSwitch_ = false;
     std::set<std::string> dependList_;  // base services
     std::string startupEntryPath_;      // base services
+    OutputConfig output_;
 
 private:
     // Applies the real-time settings and the core-affinity marker.

@@ -100,8 +100,9 @@ bool ProcessLauncher::IsQuick(const AppInfo& app) {
 
 pid_t ProcessLauncher::Fork(GeneralAppInfo& app, LaunchPlan& plan) {
     ChildSlots::Lease slot = std::move(plan.slot);
+    Output::OutputTarget output = std::move(plan.output);
     const auto context = std::make_shared<ChildContext>(std::move(plan), binds_);
-    const pid_t child = CreateChild(app, context, std::move(slot));
+    const pid_t child = CreateChild(app, context, std::move(slot), std::move(output));
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR: Start generalApp failed. fork failed: errno=%d", errno);
         NoteRefusal(app, StartRefusal::NO_PROCESS);
@@ -119,8 +120,9 @@ pid_t ProcessLauncher::Fork(GeneralAppInfo& app, LaunchPlan& plan) {
 
 pid_t ProcessLauncher::Fork(BaseAppInfo& app, LaunchPlan& plan) {
     ChildSlots::Lease slot = std::move(plan.slot);
+    Output::OutputTarget output = std::move(plan.output);
     const auto context = std::make_shared<ChildContext>(std::move(plan), binds_);
-    const pid_t child = CreateChild(app, context, std::move(slot));
+    const pid_t child = CreateChild(app, context, std::move(slot), std::move(output));
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Start baseApp %s failed errno=%d", app.appName_.c_str(),
                    errno);
@@ -140,11 +142,12 @@ pid_t ProcessLauncher::Fork(BaseAppInfo& app, LaunchPlan& plan) {
 
 // All signals are blocked meanwhile, so that no handler of the daemon runs in the child.
 pid_t ProcessLauncher::CreateChild(AppInfo& app, const std::shared_ptr<ChildContext>& context,
-                                   ChildSlots::Lease slot) {
+                                   ChildSlots::Lease slot, Output::OutputTarget output) {
     const std::optional<CoreMask>& mask = context->plan.coreMask;
     const bool isForAccelerator = mask && mask->aiCores > 0;
     const Wire::UniqueFd aiTasks(isForAccelerator ? CoreAffinityMgr::OpenAiCpuset() : -1);
     context->aiTasks = aiTasks.Get();
+    context->output = output.writeEnd.Get();
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
@@ -160,6 +163,9 @@ pid_t ProcessLauncher::CreateChild(AppInfo& app, const std::shared_ptr<ChildCont
     }
     handledSignals_.Get(ReadHandledSignals);
     Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (child > 0 && output_ != nullptr) {
+        output_->Adopt(std::move(output), child);
+    }
     if (child > 0 && !context->plan.isDelayed && isForAccelerator && !aiTasks.IsValid()) {
         WithChild([&] { CoreAffinityMgr::LogMissingAiCpuset(child, *mask); });
     }
@@ -182,6 +188,9 @@ void ProcessLauncher::FinishPlan(
     if (sharePool_ != nullptr) {
         plan.sharePool = sharePool_->MakePlan(app.appName_, manifestGroups);
         plan.sharePoolNames = plan.sharePool.Names();
+    }
+    if (output_ != nullptr) {
+        plan.output = output_->Prepare(app.appName_, app.output_, app.uid_);
     }
     plan.environment = MakeChildEnvironment(plan);
     // Last: nothing else is waited for while the launch has a slot.

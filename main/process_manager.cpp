@@ -88,7 +88,7 @@ uint32_t ProcMgrRun(const std::string& path, bool& isClean) {
 
 ProcessManager::ProcessManager(const std::string& path)
     : baseServiceCfgPath(path),
-      launcher_(cgroups_, coreAffinity_, bindCount_, &sharePool_),
+      launcher_(cgroups_, coreAffinity_, bindCount_, &sharePool_, &output_),
       picture_(baseServices_, generalApps_),
       sender_(pipes_, &picture_),
       pipes_([this](int32_t fd, const MuxaRequest* request,
@@ -325,6 +325,8 @@ bool ProcessManager::Shutdown() {
     isClean = Ends("upload", uploadRegistry_.Close(end)) && isClean;
     // After every thread that opens a pipe or sends on one.
     isClean = Ends("messages", pipes_.CloseAll(end)) && isClean;
+    // After every thread that starts processes, those of the messages among them.
+    isClean = Ends("output", output_.Stop(end)) && isClean;
     // Last: every part above may have given the device worker calls to make.
     isClean = Ends("device", deviceWorker_.Drain(end)) && isClean;
     if (isClean) {

@@ -34,6 +34,7 @@
 #include "main/common/check_requests.h"
 #include "main/common/mutex.h"
 #include "main/common/threads.h"
+#include "output/output_relay.h"
 #include "resource/affinity_check.h"
 #include "resource/bind_count.h"
 #include "resource/cgroup_mgr.h"
@@ -152,7 +153,8 @@ private:
     Status::StartupPhases phases_;  // entered by the main thread and the start-up thread
     App::ChangeLog changes_;        // written by the histories of the records in both containers
     SharePool sharePool_{deviceWorker_};
-    App::ProcessLauncher launcher_;  // puts processes into groups of sharePool_
+    Output::OutputRelay output_;
+    App::ProcessLauncher launcher_;  // puts processes into groups of sharePool_; output_ reads them
     ReportedState reportedState_;
     CheckRequests checks_;
     StatePicture picture_;  // reads the states in both containers

@@ -38,6 +38,10 @@ void ProcMgrSysLog(int level, const char* format, ...) {
     va_end(arguments);
 }
 
+bool LogServiceLine(const char* name, pid_t pid, std::string_view text) {
+    return LogQueue::AddOfService(name, pid, text);
+}
+
 void SetLogToKernel(bool isKernel) {
     g_isKernel = isKernel;
 }

@@ -3,11 +3,13 @@
 // lines are queued and written by a thread of the log. A child between fork and exec must not log.
 #pragma once
 
+#include <sys/types.h>
 #include <syslog.h>
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace ProcMgr {
 
@@ -19,6 +21,12 @@ void ProcMgrLog(int level, const char* format, ...) __attribute__((format(printf
 
 // The same, but always to syslog: for lines that must not fill the kernel log.
 void ProcMgrSysLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// Logs a line that the process `pid` of the service `name` has written: "NAME[PID]: TEXT" to
+// syslog, at LOG_INFO in the facility LOG_DAEMON. The text has no control characters. False when
+// the queue is half full, and the line is dropped and counted: the other half is for the daemon's
+// own lines.
+bool LogServiceLine(const char* name, pid_t pid, std::string_view text);
 
 // Selects where the lines of ProcMgrLog() go from now on: the kernel log or syslog, which is the
 // default.

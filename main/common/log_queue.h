@@ -4,9 +4,12 @@
 // lines again. Only log.cpp calls these functions.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdarg>
 #include <cstdint>
+#include <string_view>
 
 namespace ProcMgr {
 
@@ -18,6 +21,9 @@ namespace LogQueue {
 // Adds one line; the first line starts the thread. `level` is LOG_ERR, LOG_WARNING, LOG_INFO or
 // LOG_DEBUG. Never waits for a sink.
 void Add(LogSink sink, int level, const char* format, va_list arguments);
+
+// Adds one line of a service for the system logger; see LogServiceLine(). Never waits for a sink.
+bool AddOfService(const char* name, pid_t pid, std::string_view text);
 
 // Writes out the queued lines, for at most `patience`, and ends the thread.
 void Close(std::chrono::milliseconds patience);

@@ -177,6 +177,7 @@ constexpr auto KEYS = std::to_array<ManifestKey>({
     {"vf_id", false, ReadVfId},
     {"dynamic", false, ReadBool<&Data::dynamic>},
     {"match", true, ReadTextMap<&Data::match>},
+    {"output", false, ReadOutput},
 });
 
 }  // namespace
@@ -209,6 +210,10 @@ std::string ManifestValue::Text() const {
         Fail(std::string("expected text, got ") + KindName(child_.node->kind));
     }
     return std::string(child_.node->text);
+}
+
+bool ManifestValue::IsNullWord() const {
+    return child_.node->kind == YamlKind::NOTHING && child_.node->text == "null";
 }
 
 std::string ManifestValue::NonEmptyText() const {

@@ -36,6 +36,10 @@ public:
 
     // Text that is valid as the name of an application or service.
     std::string Name() const;
+    bool IsMap() const { return child_.node->kind == YamlKind::MAP; }
+    // Whether the value is the word of YAML for nothing, written out: null.
+    bool IsNullWord() const;
+
     // Text; a pattern has to be usable.
     std::string TextOrPattern() const;
 
@@ -66,6 +70,9 @@ struct ManifestKey {
     bool applicationsOnly;
     void (*read)(const ManifestValue& value, ManifestData& data);
 };
+
+// The reader of the key "output".
+void ReadOutput(const ManifestValue& value, ManifestData& data);
 
 // Every key of an entry.
 std::span<const ManifestKey> ManifestKeys();
