@@ -15,10 +15,11 @@
 
 namespace ProcMgr {
 
-// The names of the two services that the daemon treats specially: the runner of virtual functions
-// and the access manager.
+// The names of the services that the daemon treats specially: the runner of virtual functions, the
+// access manager, and the service that passes on the requests of the command line.
 inline constexpr const char* PROC_VINTOR = "vintor";
 inline constexpr const char* PROC_ZORNMGR = "zornmgr";
+inline constexpr const char* PROC_CONSOLE = "pm-console";
 
 // Restart policies. Any other text means that the application is never restarted.
 inline constexpr const char* RESTART_ON_FAILURE = "on-failure";

@@ -138,7 +138,8 @@ private:
         PROCMGR_REQUIRES(mutex_);
     void FinishDirectRestart(const Record& record, std::optional<App::LaunchPlan> plan,
                              Answers& answers) PROCMGR_REQUIRES(mutex_);
-    void RestartRunning(const Record& record, App::AppSpec next) PROCMGR_REQUIRES(mutex_);
+    void RestartRunning(const Record& record, App::AppSpec next, const std::string& requester)
+        PROCMGR_REQUIRES(mutex_);
     std::optional<Launch> HandlePriorityApps(const Record& record, App::AppSpec spec,
                                              Answers& answers) PROCMGR_REQUIRES(mutex_);
     // Gives the record the values of its next process, marks it as being launched, and adds

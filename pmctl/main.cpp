@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
     AddBoot(app, context);
     AddReport(app, context);
     AddMetrics(app, context);
+    AddControl(app, context);
     try {
         app.parse(argc, argv);
         std::cout.flush();
