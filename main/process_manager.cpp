@@ -167,6 +167,9 @@ void ProcessManager::KeepHistories() {
 
 void ProcessManager::StartStatus() {
     if (settings_.statusEnable) {
+        status_.SetOutput({[this](const std::string& name) { return output_.GetOutput(name); },
+                           [this](const std::string& name) { return output_.LastLines(name); },
+                           [this] { return output_.GetDroppedLines(); }});
         const bool isQuickStart = ProcMgrEnv::GetInstance().IsQuickStart();
         status_.Start(settings_.statusGroup, {{}, baseServiceCfgPath, isQuickStart});
     }

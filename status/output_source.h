@@ -2,7 +2,6 @@
 // called on the status thread, without a lock; a function that is empty is not called.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -10,15 +9,12 @@
 
 namespace ProcMgr::Status {
 
-// The highest number of lines in a document.
-inline constexpr size_t OUTPUT_LINES = 20;
-
 struct OutputSource {
     // Where the output of the application of that name goes: "inherit", "null", "syslog" or
     // "file:/path". Without the function it is "inherit".
     std::function<std::string(const std::string& name)> describe;
-    // Its last lines, oldest first, at most `count`.
-    std::function<std::vector<std::string>(const std::string& name, size_t count)> tail;
+    // Its last lines, oldest first.
+    std::function<std::vector<std::string>(const std::string& name)> tail;
     // The number of lines of all applications that have been lost since the daemon's start.
     std::function<uint64_t()> countDropped;
 };

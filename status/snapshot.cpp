@@ -42,7 +42,7 @@ void FindOutput(const OutputSource& output, bool hasTail, Entry& entry) {
         entry.output = output.describe(name);
     }
     if (hasTail && output.tail) {
-        entry.outputTail = output.tail(name, OUTPUT_LINES);
+        entry.outputTail = output.tail(name);
     }
 }
 
