@@ -46,6 +46,8 @@ bool IsSettingValue(SettingKind kind, const std::string& text) {
             return !text.empty() && IsStrDigits(text);
         case SettingKind::ACTION:
             return std::find(ACTIONS.begin(), ACTIONS.end(), text) != ACTIONS.end();
+        case SettingKind::TEXT:
+            return !text.empty();
     }
     return false;
 }

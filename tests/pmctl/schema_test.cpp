@@ -84,6 +84,11 @@ protected:
             Probe(key, Resolve(part["additionalProperties"]), [&](const Json& value) {
                 return wrap(Json{{"member", value}});
             });
+            for (const std::string& sample : Samples()) {
+                EXPECT_EQ(IsTaken(key, wrap(Json{{sample, "text"}})),
+                          IsAdmitted(part.value("propertyNames", Json::object()), sample))
+                    << sample;
+            }
             return;
         }
         Json whole;
