@@ -11,7 +11,7 @@ enum class SettingKind {
     SWITCH,   // true or false
     SECONDS,  // decimal digits
     ACTION,   // 0, 1 or 2
-    NAME,     // of a group; any text but the empty one
+    TEXT,     // text that is not empty
 };
 
 struct SettingKey {

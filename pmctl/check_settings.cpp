@@ -35,8 +35,8 @@ const char* ExpectedValue(SettingKind kind) {
             return "expected seconds in digits";
         case SettingKind::ACTION:
             return "expected 0, 1 or 2";
-        case SettingKind::NAME:
-            return "expected the name of a group";
+        case SettingKind::TEXT:
+            return "expected text";
     }
     return "";
 }

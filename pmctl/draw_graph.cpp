@@ -122,7 +122,7 @@ std::string DrawGraph(const Graph& graph, SvgKind kind) {
     }
     picture.Text(MARGIN, SUBTITLE_BASE, Subtitle(scene), "quiet");
     Legend(legend, width, &picture);
-    picture.BeginMovedGroup((width - scene.width) / 2, top);
+    picture.BeginMovedGroup(MARGIN, top);
     for (const SceneLine& line : scene.lines) {
         DrawLine(line, picture);
     }

@@ -8,13 +8,12 @@
 namespace ProcMgr::Pmctl {
 namespace {
 
-constexpr size_t LAYER_SIZE_MAX = 32;  // boxes
 constexpr size_t BENDS_MAX = 60000;
 constexpr double BEND_BREADTH = 2;
 
 // Splits each layer with too many vertices into several. Those that others wait for come last.
 void SplitLayers(std::vector<size_t>& layers, const std::vector<GraphEdge>& edges,
-                 const std::vector<bool>& left) {
+                 const std::vector<bool>& left, size_t sizeMax) {
     std::vector<bool> isEnd(layers.size(), true);
     for (const GraphEdge& edge : edges) {
         isEnd[edge.from] = false;
@@ -29,7 +28,7 @@ void SplitLayers(std::vector<size_t>& layers, const std::vector<GraphEdge>& edge
     for (auto& [before, vertices] : members) {
         std::stable_partition(vertices.begin(), vertices.end(),
                               [&isEnd](size_t vertex) { return isEnd[vertex]; });
-        const size_t parts = (vertices.size() + LAYER_SIZE_MAX - 1) / LAYER_SIZE_MAX;
+        const size_t parts = (vertices.size() + sizeMax - 1) / sizeMax;
         const size_t size = (vertices.size() + parts - 1) / parts;
         for (size_t i = 0; i < vertices.size(); ++i) {
             layers[vertices[i]] = layer + i / size;
@@ -117,8 +116,9 @@ private:
 }  // namespace
 
 GraphLayout MakeLayout(std::vector<size_t> layers, const std::vector<GraphEdge>& edges,
-                       const std::vector<double>& breadths, const std::vector<bool>& left) {
-    SplitLayers(layers, edges, left);
+                       const std::vector<double>& breadths, const std::vector<bool>& left,
+                       size_t sizeMax) {
+    SplitLayers(layers, edges, left, sizeMax);
     return Builder(layers, edges).Run(breadths, left);
 }
 

@@ -31,10 +31,11 @@ struct GraphLayout {
     bool isTooLarge = false;  // there would be too many bends; nothing else is set
 };
 
-// `layers`: of each vertex; `breadths`: of the box of each vertex. Layers with many vertices are
-// split. Vertices of `left` are left out.
+// `layers`: of each vertex; `breadths`: of the box of each vertex. Vertices of `left` are left out.
+// Layers with more than `sizeMax` vertices are split.
 GraphLayout MakeLayout(std::vector<size_t> layers, const std::vector<GraphEdge>& edges,
-                       const std::vector<double>& breadths, const std::vector<bool>& left);
+                       const std::vector<double>& breadths, const std::vector<bool>& left,
+                       size_t sizeMax);
 
 // Orders the items of each layer so that few lines cross, by the barycentres of their neighbours.
 void OrderItems(GraphLayout& layout);

@@ -17,6 +17,9 @@ namespace {
 constexpr size_t VERTICES_MAX = 3000;
 constexpr size_t EDGES_MAX = 20000;
 constexpr size_t LABEL_COLUMNS = 28;
+// Boxes of a layer: from the top to the bottom, and beside each other.
+constexpr size_t COLUMN_SIZE = 32;
+constexpr size_t ROW_SIZE = 12;
 constexpr double BOX_HEIGHT = 26;
 constexpr double BOX_PADDING = 20;  // of both sides together
 constexpr double COLUMN_GAP = 56;
@@ -90,7 +93,7 @@ private:
             isSingle_[edge.from] = isSingle_[edge.from] && edge.from == edge.to;
             isSingle_[edge.to] = isSingle_[edge.to] && edge.from == edge.to;
         }
-        PullMissing(layers);
+        PullFirst(layers);
         Lay(layers, false);
         if (!scene_.isTooLarge && scene_.width > WIDE && scene_.height < scene_.width / 2) {
             const auto across = std::pair(layout_, starts_);
@@ -103,14 +106,20 @@ private:
         }
     }
 
-    // A missing service stands just before the first that waits for it.
-    void PullMissing(std::vector<size_t>& layers) const {
+    // What waits for nothing stands just before the first that waits for it: short lines cross
+    // less.
+    void PullFirst(std::vector<size_t>& layers) const {
         std::vector<size_t> first(vertices_.size(), static_cast<size_t>(-1));
+        std::vector<bool> waits(vertices_.size());
         for (const GraphEdge& edge : edges_) {
-            first[edge.from] = std::min(first[edge.from], layers[edge.to]);
+            if (!edge.isBack) {
+                first[edge.from] = std::min(first[edge.from], layers[edge.to]);
+                waits[edge.to] = true;
+            }
         }
         for (size_t vertex = 0; vertex < vertices_.size(); ++vertex) {
-            if (vertices_[vertex].node == nullptr && first[vertex] > 0) {
+            const bool isUsed = first[vertex] != static_cast<size_t>(-1);
+            if (isUsed && !waits[vertex] && first[vertex] > 0) {
                 layers[vertex] = first[vertex] - 1;
             }
         }
@@ -121,7 +130,8 @@ private:
         for (size_t vertex = 0; vertex < vertices_.size(); ++vertex) {
             breadths.push_back(isTurned ? LabelWidth(vertex) : BOX_HEIGHT);
         }
-        layout_ = MakeLayout(layers, edges_, breadths, isSingle_);
+        layout_ =
+            MakeLayout(layers, edges_, breadths, isSingle_, isTurned ? ROW_SIZE : COLUMN_SIZE);
         scene_.isTooLarge = layout_.isTooLarge;
         OrderItems(layout_);
         PlaceItems(layout_);

@@ -86,7 +86,9 @@ TEST_F(Settings, Values) {
 
 // Each row of the table is a key that the daemon reads, with the daemon's rule for its value.
 TEST_F(Settings, TheTableOfKeysIsWhatTheDaemonReads) {
-    const std::string values[] = {"false", "7", "0"};  // by SettingKind, none of them a default
+    // Two values of each SettingKind that the daemon does not take for the same.
+    const std::pair<const char*, const char*> values[] = {
+        {"true", "false"}, {"7", "8"}, {"0", "1"}, {"one", "other"}};
     for (const SettingKey& key : SettingKeys()) {
         if (key.section == std::string("status")) {
             continue;  // see TheStatusEndpointIsOffUnlessEnabled
@@ -94,11 +96,10 @@ TEST_F(Settings, TheTableOfKeysIsWhatTheDaemonReads) {
         const auto load = [&](const std::string& value) {
             return Load(std::string(key.section) + ":\n  " + key.name + ": " + value + "\n");
         };
-        const std::string value = values[static_cast<size_t>(key.kind)];
+        const auto& [value, other] = values[static_cast<size_t>(key.kind)];
         EXPECT_TRUE(IsSettingValue(key.kind, value));
-        EXPECT_NE(load(value), Load(std::string(key.section) + ":\n")) << key.section << key.name;
-        if (key.kind != SettingKind::SWITCH) {
-            EXPECT_FALSE(IsSettingValue(key.kind, "x"));
+        EXPECT_NE(load(value), load(other)) << key.section << '.' << key.name;
+        if (!IsSettingValue(key.kind, "x")) {
             EXPECT_EQ(load("x"), Load(std::string(key.section) + ":\n"));
         }
     }

@@ -4,6 +4,7 @@
 
 #include <map>
 
+#include "pmctl/check_manifest.h"
 #include "tests/pmctl/run_pmctl.h"
 
 namespace ProcMgr {
@@ -87,6 +88,26 @@ TEST(PmctlWrongFiles, EachIsNamedWithItsLineAndNonePasses) {
     EXPECT_EQ(directory.Run({"check", "wrong/none.yaml"}).out,
               "wrong/none.yaml: error: cannot be opened: No such file or directory\n"
               "1 file checked: 1 error, 0 warnings, 0 notes\n");
+}
+
+// The check goes on where the daemon stops, and before that it finds the same.
+TEST(PmctlWrongFiles, TheFirstErrorOfAManifestIsTheOneOfTheDaemon) {
+    const Tests::PmctlDirectory directory;
+    const Pmctl::Image here;
+    const auto reader = Pmctl::BoardReader(here, false);
+    size_t refused = 0;
+    for (const auto& [name, file] : WRONG) {
+        const std::string path = directory / name;
+        directory.Write(name, file.first + "\nservice: 1\n");
+        const auto load = PlatformHost::LoadManifests(path, reader);
+        const auto check = PlatformHost::CheckManifests(path, reader);
+        ASSERT_EQ(check.errors.empty(), load.error.empty()) << name;
+        if (!check.errors.empty()) {
+            EXPECT_EQ(check.errors.front().Text(), load.error);
+            ++refused;
+        }
+    }
+    EXPECT_GT(refused, 20U);
 }
 
 // A file and a directory that the user may not read, and a program that the user cannot look at.

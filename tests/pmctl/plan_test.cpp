@@ -63,8 +63,8 @@ TEST_F(PmctlPlan, TextOfAPlan) {
               "  web, after base, db\n"
               "without a turn:\n"
               "  shell: not started: the boot command line does not have procmgr=debug\n"
-              "  one: not started: dependency cycle one -> two -> one\n"
-              "  two: not started: dependency cycle one -> two -> one\n"
+              "  one: not started: dependency cycle two -> one -> two\n"
+              "  two: not started: dependency cycle two -> one -> two\n"
               "  after: not started: waits for a dependency cycle\n"
               "3 of 9 services are started\n");
     // The boot command line enables services, and replaces the file.
@@ -131,14 +131,14 @@ TEST_F(PmctlPlan, TimesOfAnEarlierBoot) {
     EXPECT_EQ(out.substr(out.find("predicted")),
               "predicted times from the start of the first service\n"
               "name       started       running\n"
-              "a          10.0 ms       90.0 ms |--###################                   |\n"
-              "b         100.0 ms      150.0 ms |.....................--============     |\n"
-              "c         110.0 ms      160.0 ms |........................--============  |"
+              "a          10.0 ms       90.0 ms |---####################                 |\n"
+              "b         100.0 ms      150.0 ms |.......................--=============  |\n"
+              "c         110.0 ms      160.0 ms |.........................---============|"
               " no times, guessed\n"
               ". before its turn  - launch  = until it runs  # start-up waits for its report\n"
               "critical path, 160.0 ms:\n"
               "       90.0 ms  56 %  a\n"
-              "       20.0 ms  12 %  2 launches\n"
+              "       20.0 ms  13 %  2 launches\n"
               "       50.0 ms  31 %  c until it runs\n");
     const std::string json = Out({"--json", "plan", "small.yaml", "--times", "before.json"});
     EXPECT_EQ(

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <regex>
 
@@ -16,6 +17,9 @@ namespace {
 
 using Json = nlohmann::json;
 using PlatformHost::FindManifestKey;
+
+// Makes the value of a key of the value of a part of it.
+using Wrap = std::function<Json(const Json&)>;
 
 class ManifestSchema : public testing::Test {
 protected:
@@ -51,8 +55,7 @@ protected:
     }
 
     // Asks the parser about the values of `part`; `wrap` makes a value of the key of one of part.
-    template <typename Wrap>
-    void Probe(const std::string& key, const Json& part, Wrap wrap) const {
+    void Probe(const std::string& key, const Json& part, const Wrap& wrap) const {
         SCOPED_TRACE(key);
         const auto takes = [&](const Json& value) { return IsTaken(key, wrap(value)); };
         EXPECT_FALSE(takes(Json(nullptr)));
@@ -74,14 +77,18 @@ protected:
         }
     }
 
-    template <typename Wrap>
-    void ProbeObject(const std::string& key, const Json& part, Wrap wrap) const {
+    void ProbeObject(const std::string& key, const Json& part, const Wrap& wrap) const {
         EXPECT_FALSE(IsTaken(key, wrap("text")));
         if (!part.contains("properties")) {
             EXPECT_TRUE(IsTaken(key, wrap(Json::object())));
             Probe(key, Resolve(part["additionalProperties"]), [&](const Json& value) {
                 return wrap(Json{{"member", value}});
             });
+            for (const std::string& sample : Samples()) {
+                EXPECT_EQ(IsTaken(key, wrap(Json{{sample, "text"}})),
+                          IsAdmitted(part.value("propertyNames", Json::object()), sample))
+                    << sample;
+            }
             return;
         }
         Json whole;
@@ -121,8 +128,7 @@ protected:
                                  std::wregex(std::wstring(pattern.begin(), pattern.end())));
     }
 
-    template <typename Takes>
-    static void ProbeValues(const Json& part, Takes takes) {
+    static void ProbeValues(const Json& part, const std::function<bool(const Json&)>& takes) {
         if (part.contains("enum")) {
             for (const Json& value : part["enum"]) {
                 EXPECT_TRUE(takes(value)) << value;
