@@ -7,7 +7,7 @@
 namespace ProcMgr::Pmctl {
 namespace {
 
-// A dependency explains a release that followed its readiness within this time.
+// A dependency explains a release that followed its fulfilment within this time.
 constexpr int64_t AT_ONCE_NS = 5'000'000;
 
 using ByName = std::map<std::string_view, size_t>;
@@ -17,8 +17,14 @@ int64_t ReleaseOf(const BootEntry& entry) {
     return entry.released >= 0 ? entry.released : entry.started;
 }
 
-// The dependency that was ready last before the entry was started; the number of entries without
-// one. Only entries before it: the path has an end.
+// When the entry fulfilled those that depend on it: one that reports its state with its report, any
+// other with its start. -1: it has not.
+int64_t FulfilmentOf(const BootEntry& entry) {
+    return entry.service->isReporting ? entry.ready : entry.started;
+}
+
+// The dependency that was fulfilled last before the entry was started; the number of entries
+// without one. Only entries before it: the path has an end.
 size_t LastDependency(const BootModel& model, const ByName& names, size_t index) {
     const BootEntry& entry = model.entries[index];
     size_t last = model.entries.size();
@@ -27,10 +33,10 @@ size_t LastDependency(const BootModel& model, const ByName& names, size_t index)
         if (found == names.end() || found->second >= index) {
             continue;
         }
-        const BootEntry& dependency = model.entries[found->second];
-        const bool isBefore = dependency.ready >= 0 && dependency.ready <= entry.started;
+        const int64_t fulfilled = FulfilmentOf(model.entries[found->second]);
+        const bool isBefore = fulfilled >= 0 && fulfilled <= entry.started;
         if (isBefore &&
-            (last == model.entries.size() || dependency.ready > model.entries[last].ready)) {
+            (last == model.entries.size() || fulfilled > FulfilmentOf(model.entries[last]))) {
             last = found->second;
         }
     }
@@ -51,9 +57,9 @@ void FindRelease(BootModel& model, const ByName& names, size_t index) {
     const size_t dependency = LastDependency(model, names, index);
     const int64_t release = ReleaseOf(entry);
     if (dependency != model.entries.size()) {
-        const int64_t ready = model.entries[dependency].ready;
-        entry.isDependency = release - ready <= AT_ONCE_NS || index == 0 ||
-                             ready >= LastMomentBefore(model.entries[index - 1], release);
+        const int64_t fulfilled = FulfilmentOf(model.entries[dependency]);
+        entry.isDependency = release - fulfilled <= AT_ONCE_NS || dependency + 1 == index ||
+                             fulfilled >= LastMomentBefore(model.entries[index - 1], release);
     }
     if (entry.isDependency) {
         entry.releasedBy = model.entries[dependency].service->name;

@@ -7,8 +7,8 @@ namespace ProcMgr::Pmctl {
 
 // Fills `releasedBy` and `isCritical` of the entries, which are in the order of their starts, and
 // the critical path. It leads from the service that was ready last back to the begin, at each
-// service over the dependency whose readiness released it, else over the service that was started
-// before it.
+// service over the dependency that released it by its report or its start, else over the one
+// started before it.
 void MarkCriticalPath(BootModel& model);
 
 }  // namespace ProcMgr::Pmctl
