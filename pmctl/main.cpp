@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
     app.add_option("--socket", context.statusSocket, "The status socket")->capture_default_str();
     app.add_option("--console", context.consoleSocket, "The socket of pm-console")
         ->capture_default_str();
+    AddControl(app, context);
     try {
         app.parse(argc, argv);
         std::cout.flush();
