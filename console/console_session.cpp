@@ -178,7 +178,7 @@ News ConsoleSession::Requested() const {
 std::string ConsoleSession::DecideGone() {
     isGraceRunning_ = false;
     const bool isOk = request_.command == Command::STOP;
-    const std::string text = isOk ? "does not run" : "unknown, or it has ended at once";
+    const std::string text = isOk ? "does not run" : "no such application, or it has ended at once";
     return DecideAllOf(std::set<std::string>(gone_), {.type = "GONE", .text = text, .isOk = isOk});
 }
 

@@ -105,7 +105,7 @@ TEST(ConsoleSession, AnUnknownApplicationIsNotWaitedFor) {
     EXPECT_EQ(session.OnAnswer({{"a", 1}, {"b", 0}}, BEGIN + 100ms), "");
     EXPECT_EQ(session.GetDeadline(), BEGIN + 1100ms);
     EXPECT_EQ(session.OnTime(BEGIN + 1100ms),
-              Line("a", "GONE", 0, "unknown, or it has ended at once", true, false));
+              Line("a", "GONE", 0, "no such application, or it has ended at once", true, false));
     EXPECT_EQ(session.GetDeadline(), BEGIN + 5s);
     EXPECT_EQ(
         session.OnReport(Report("b", RUNNING_NORMAL_START), !NEXT),

@@ -105,7 +105,8 @@ TEST_F(ConsoleE2e, WhatPeopleTypeAndSee) {
     EXPECT_EQ(Run({"stop", "--wait", "web", "nosuch"}),
               "0|web: did not run\nnosuch: did not run\n|");
     EXPECT_EQ(Run({"restart", "web"}), "0|web: restart requested\n|");
-    EXPECT_EQ(Run({"start", "--wait", "nosuch"}), "1|nosuch: unknown, or it has ended at once\n|");
+    EXPECT_EQ(Run({"start", "--wait", "nosuch"}),
+              "1|nosuch: no such application, or it has ended at once\n|");
     EXPECT_EQ(Run({"restart", "absent", "nosuch"}),
               "1|absent: did not start, or has ended: see the log of the daemon\n"
               "nosuch: did not start, or has ended: see the log of the daemon\n|");
