@@ -90,12 +90,14 @@ TEST_F(OutputRelayTest, LinesReachTheLoggerUnderTheNameAndPidOfTheirProcess) {
     one.Reset();
     EXPECT_TRUE(WaitForLine("one[11]: last")) << "at the end of the file";
     EXPECT_EQ(LogCapture::Lines().size(), 6U) << "with quest and ion";
+    EXPECT_TRUE(Tests::WaitUntil([&] { return relay_.LastLines("one").size() == 5; }));
     EXPECT_THAT(relay_.LastLines("one"), ElementsAre("hello", "?[0m%s", "quest", "ion", "last"));
     EXPECT_EQ(relay_.GetOutput("one"), "syslog");
     EXPECT_EQ(relay_.GetDroppedLines(), 0U);
 }
 
 TEST_F(OutputRelayTest, AServiceThatWritesWithoutPauseStarvesNobody) {
+    const auto start = steady_clock::now();
     const Wire::UniqueFd flood = Start("flood");
     const Wire::UniqueFd endless = Start("endless");
     const Wire::UniqueFd calm = Start("calm");
@@ -132,10 +134,11 @@ TEST_F(OutputRelayTest, AServiceThatWritesWithoutPauseStarvesNobody) {
     EXPECT_TRUE(relay_.Stop(steady_clock::now() + Tests::PATIENCE));
     const size_t passed = LogCapture::Count(LOG_INFO, "flood[7]: y");
     EXPECT_GE(passed, 1000U);
-    EXPECT_LE(passed, 1000U * (3 + 10 * (Tests::SLOWER - 1)));
+    const auto seconds = static_cast<size_t>((steady_clock::now() - start) / 1s);
+    EXPECT_LE(passed, 1000 * (seconds + 1));
     EXPECT_EQ(LogCapture::Count(LOG_INFO, "calm[7]: calm 39"), 1U);
     const auto [reports, leftOut] = LeftOut("flood");
-    EXPECT_LE(reports, 2U) << "one in the course, one at the end";
+    EXPECT_LE(reports, 2 + seconds / 10) << "the first, one in ten seconds, one at the end";
     EXPECT_EQ(passed + leftOut, written);
     EXPECT_GE(relay_.GetDroppedLines(), leftOut);
     EXPECT_EQ(relay_.LastLines("flood").size(), 20U);
