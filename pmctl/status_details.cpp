@@ -88,7 +88,8 @@ std::string BootText(const Service& service) {
 std::string GroupsText(const Service& service) {
     std::vector<std::string> groups;
     for (const auto& [kind, group] : service.groups) {
-        groups.push_back(kind + ' ' + group);
+        groups.push_back(kind);
+        groups.back().append(" ").append(group);
     }
     return Joined(groups);
 }
