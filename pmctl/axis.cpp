@@ -5,6 +5,8 @@
 #include <cmath>
 #include <cstdio>
 
+#include "pmctl/people.h"
+
 namespace ProcMgr::Pmctl {
 namespace {
 
@@ -44,6 +46,17 @@ std::vector<Tick> MakeTicks(double end, size_t ticksMax) {
         ticks.push_back({at, i == 0 ? "0" : LabelOf(at, step)});
     }
     return ticks;
+}
+
+std::string FormatMoment(double ms) {
+    constexpr double NS_PER_MS = 1e6;
+    constexpr double TEN_SECONDS = 9995;
+    if (ms < MS_PER_S - 0.5 || ms >= TEN_SECONDS) {
+        return FormatDuration(ms * NS_PER_MS);
+    }
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%.2f s", ms / MS_PER_S);
+    return text.data();
 }
 
 }  // namespace ProcMgr::Pmctl

@@ -15,4 +15,7 @@ struct Tick {
 // besides the one at 0. All labels have the same unit.
 std::vector<Tick> MakeTicks(double end, size_t ticksMax);
 
+// A moment or a duration on the axis: "340 ms", "1.37 s", "12.3 s", "3 min 20 s".
+std::string FormatMoment(double ms);
+
 }  // namespace ProcMgr::Pmctl

@@ -3,7 +3,6 @@
 
 #include "pmctl/axis.h"
 #include "pmctl/drawing.h"
-#include "pmctl/people.h"
 #include "pmctl/svg.h"
 
 namespace ProcMgr::Pmctl {
@@ -22,15 +21,10 @@ constexpr double THIN = 3;
 constexpr double DOT = 8;
 constexpr double TICK_WIDTH = 100;
 constexpr double SHORTEST_BAR = 2;
-constexpr double NS_PER_MS = 1e6;
 
 constexpr size_t DENSE_ROWS = 60;   // from here on the rows are narrow
 constexpr size_t BOTTOM_ROWS = 30;  // from here on the axis is repeated at the bottom
 constexpr size_t NAME_COLUMNS_MAX = 28;
-
-std::string Moment(double ms) {
-    return FormatDuration(ms * NS_PER_MS);
-}
 
 bool HasFailed(const TimelineRow& row) {
     return row.ended >= 0 && row.ready < 0;
@@ -39,10 +33,10 @@ bool HasFailed(const TimelineRow& row) {
 // The word or the time at the right end of a row.
 std::string ResultOf(const TimelineRow& row) {
     if (row.ready >= 0) {
-        return Moment(row.ready);
+        return FormatMoment(row.ready);
     }
     if (row.ended >= 0) {
-        return row.started >= 0 ? "failed" : "not started";
+        return row.started >= 0 ? "failed" : "no start";
     }
     return row.started >= 0 ? "starting" : "waiting";
 }
@@ -53,17 +47,17 @@ std::string ToolTip(const TimelineRow& row) {
         text += " (critical path)";
     }
     if (row.started >= 0) {
-        text +=
-            "\nwaited " + Moment(row.started - row.waiting) + ", started at " + Moment(row.started);
+        text += "\nwaited " + FormatMoment(row.started - row.waiting) + ", started at " +
+                FormatMoment(row.started);
     } else {
-        text += "\nnot started, known since " + Moment(row.waiting);
+        text += "\nnot started, known since " + FormatMoment(row.waiting);
     }
     if (row.ready >= 0) {
-        text += "\nran at " + Moment(row.ready) + ", " + Moment(row.ready - row.started) +
-                " after its start";
+        text += "\nran at " + FormatMoment(row.ready) + ", " +
+                FormatMoment(row.ready - row.started) + " after its start";
     }
     if (row.ended >= 0) {
-        text += "\nended at " + Moment(row.ended);
+        text += "\nended at " + FormatMoment(row.ended);
     }
     return text + (row.note.empty() ? "" : '\n' + row.note);
 }
@@ -158,42 +152,59 @@ private:
         }
     }
 
-    void Bar(double from, double to, double y, double height, std::string_view classes) {
-        const double width = std::max(XOf(to) - XOf(from), SHORTEST_BAR);
-        const double x = std::min(XOf(from), right_ - SHORTEST_BAR);
-        picture_.Box(x, y + (rowHeight_ - height) / 2, width, height, classes,
-                     height > THIN ? 2 : 0);
-    }
-
     void DrawRow(const TimelineRow& row, double y) {
         const bool hasFailed = HasFailed(row);
         const double base = y + rowHeight_ / 2 + 4;
         picture_.BeginGroup("", ToolTip(row));
         const std::string_view ink = hasFailed ? "bad end" : row.isCritical ? "strong end" : "end";
         picture_.Text(left_ - 10, base, ShortenedText(row.name, NAME_COLUMNS_MAX), ink);
-        DrawBars(row, y);
-        picture_.Text(WIDTH - MARGIN, base, ResultOf(row), hasFailed ? "bad end" : "quiet end");
-        if (hasFailed && !row.note.empty()) {
-            DrawReason(row, base);
+        const Reason reason = PlaceReason(row);
+        DrawBars(row, y, reason);
+        if (!reason.text.empty()) {
+            picture_.Text(reason.x, base, reason.text, "bad");
         }
+        picture_.Text(WIDTH - MARGIN, base, ResultOf(row), hasFailed ? "bad end" : "quiet end");
         picture_.EndGroup();
     }
 
-    void DrawBars(const TimelineRow& row, double y) {
+    // Why a start has failed, as a text in the row.
+    struct Reason {
+        std::string text;  // empty: there is none
+        double x = 0;      // of its begin
+        bool isBefore = false;
+    };
+    // Behind the bar when there is room, else before it, in place of the line of the wait.
+    Reason PlaceReason(const TimelineRow& row) const {
+        constexpr double GAP = 8;
+        if (!HasFailed(row) || row.note.empty()) {
+            return {};
+        }
+        const double behind = XOf(row.ended) + GAP;
+        const double before = XOf(row.started >= 0 ? row.started : row.ended) - GAP;
+        const bool isBehind = right_ - behind >= std::min(TextWidth(row.note), before - left_);
+        const double room = std::max(isBehind ? right_ - behind : before - left_, 0.0);
+        const std::string text =
+            ShortenedText(row.note, static_cast<size_t>(room / TextWidth("m")) + 1);
+        return {text, isBehind ? behind : before - TextWidth(text), !isBehind};
+    }
+
+    void DrawBars(const TimelineRow& row, double y, const Reason& reason) {
         const double last = row.ended >= 0 ? row.ended : end_;
-        Bar(row.waiting, row.started >= 0 ? row.started : last, y, THIN, "bar-wait");
+        const double waitEnd = XOf(row.started >= 0 ? row.started : last);
+        DrawBar(XOf(row.waiting), reason.isBefore ? std::min(waitEnd, reason.x - 6) : waitEnd, y,
+                THIN, "bar-wait");
         if (row.started < 0) {
             return;
         }
-        const double startEnd = row.ready >= 0 ? row.ready : last;
+        if (row.ready >= 0) {
+            DrawBar(XOf(row.ready), XOf(std::max(last, row.ready)), y, THIN, "bar-run");
+        }
         const std::string classes = std::string(HasFailed(row) ? "bar-fail" : "bar-start") +
                                     (row.isCritical ? " critical" : "");
+        const double startEnd = XOf(row.ready >= 0 ? row.ready : last);
+        DrawBar(XOf(row.started), startEnd, y, rowHeight_ - 6, classes);
         if (row.ready >= 0) {
-            Bar(row.ready, std::max(last, row.ready), y, THIN, "bar-run");
-        }
-        Bar(row.started, startEnd, y, rowHeight_ - 6, classes);
-        if (row.ready >= 0) {
-            picture_.Box(XOf(row.ready) - DOT / 2, y + (rowHeight_ - DOT) / 2, DOT, DOT, "bar-run",
+            picture_.Box(startEnd - DOT / 2, y + (rowHeight_ - DOT) / 2, DOT, DOT, "bar-run",
                          DOT / 2);
         }
         if (row.ready >= 0 && row.ended >= 0) {
@@ -201,18 +212,15 @@ private:
         }
     }
 
-    // Behind the bar, or before it where there is more room.
-    void DrawReason(const TimelineRow& row, double base) {
-        constexpr double GAP = 8;
-        const double behind = XOf(row.ended) + GAP;
-        const double before = XOf(row.started >= 0 ? row.started : row.ended) - GAP;
-        const bool isBehind = right_ - behind >= before - left_;
-        const double room = isBehind ? right_ - behind : before - left_;
-        const auto columns = static_cast<size_t>(std::max(room, 0.0) / TextWidth("m"));
-        if (columns >= 4) {
-            picture_.Text(isBehind ? behind : before, base, ShortenedText(row.note, columns),
-                          isBehind ? "bad" : "bad end");
+    // A bar in the middle of a row; one that would not be seen is made longer, one that ends before
+    // its begin is left out.
+    void DrawBar(double from, double to, double y, double height, std::string_view classes) {
+        if (to < from) {
+            return;
         }
+        const double x = std::min(from, right_ - SHORTEST_BAR);
+        picture_.Box(x, y + (rowHeight_ - height) / 2, std::max(to - x, SHORTEST_BAR), height,
+                     classes, height > THIN ? 2 : 0);
     }
 
     const Timeline& timeline_;

@@ -113,14 +113,33 @@ private:
     const std::string path_;
 };
 
-Json ParseJson(std::string_view answer) {
-    const auto bounded = [](int depth, Json::parse_event_t, const Json&) {
-        if (depth > DEPTH_MAX) {
-            Fail("the daemon's answer is nested too deeply");
+// Looks at brackets outside of texts only: what else is wrong is found by the parser, whose memory
+// for an answer of nothing but brackets would be many times that of the answer.
+bool IsTooDeep(std::string_view answer) {
+    int depth = 0;
+    bool isText = false;
+    for (size_t i = 0; i < answer.size(); ++i) {
+        const char c = answer[i];
+        if (isText) {
+            i += c == '\\' ? 1 : 0;
+            isText = c != '"';
+        } else if (c == '[' || c == '{') {
+            if (++depth > DEPTH_MAX) {
+                return true;
+            }
+        } else {
+            depth -= c == ']' || c == '}' ? 1 : 0;
+            isText = c == '"';
         }
-        return true;
-    };
-    Json parsed = Json::parse(answer.begin(), answer.end(), bounded, false);
+    }
+    return false;
+}
+
+Json ParseJson(std::string_view answer) {
+    if (IsTooDeep(answer)) {
+        Fail("the daemon's answer is nested too deeply");
+    }
+    Json parsed = Json::parse(answer.begin(), answer.end(), nullptr, false);
     if (parsed.is_discarded()) {
         Fail("the daemon's answer is no JSON: does the socket belong to another program?");
     }
