@@ -32,8 +32,8 @@ struct Forecast {
 
 Forecast MakeForecast(const BootPlan& plan, const Snapshot& earlier);
 
-// What determines the end: the starts that start-up waits for, the longest first, all other launches
-// together, and the service that runs last when start-up does not wait for it.
+// What determines the end: the starts that start-up waits for, the longest first, all other
+// launches together, and the service that runs last when start-up does not wait for it.
 struct CriticalPart {
     std::string what;  // "NAME" or "N launches"
     double milliseconds = 0;

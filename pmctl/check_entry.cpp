@@ -1,6 +1,7 @@
 #include "pmctl/check_entry.h"
 
 #include <array>
+#include <string>
 
 #include "app/app_spec.h"
 
@@ -72,9 +73,9 @@ void CheckPriority(const CheckedEntry& entry) {
 void CheckSharePool(const CheckedEntry& entry) {
     for (const auto& [group, access] : entry.manifest.GetSharepoolGroups()) {
         if (access != "read" && access != "read-write") {
-            entry.Warn("sharepool_groups",
-                       "the access '" + access + "' of the group '" + group +
-                           "' is not one that the device knows",
+            std::string what = "the access '";
+            what.append(access).append("' of the group '").append(group);
+            entry.Warn("sharepool_groups", what.append("' is not one that the device knows"),
                        "read or read-write");
         }
     }

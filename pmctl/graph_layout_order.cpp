@@ -1,6 +1,7 @@
 // The order of the items in the layers.
 #include <algorithm>
 #include <cstddef>
+#include <utility>
 #include <vector>
 
 #include "pmctl/graph_layout.h"
@@ -92,29 +93,44 @@ void Sweep(GraphLayout& layout, bool isForward) {
     }
 }
 
-// The first order: the items as they are reached from the first layer, so that what belongs
-// together begins together.
-void OrderByWalk(GraphLayout& layout) {
-    std::vector<bool> seen(layout.items.size());
-    Layers ordered(layout.layers.size());
-    std::vector<size_t> open;
-    for (const std::vector<size_t>& layer : layout.layers) {
-        for (const size_t start : layer) {
-            open.push_back(start);
-            while (!open.empty()) {
-                const size_t item = open.back();
-                open.pop_back();
-                if (seen[item]) {
-                    continue;
-                }
-                seen[item] = true;
-                ordered[layout.items[item].layer].push_back(item);
-                const std::vector<size_t>& after = layout.items[item].after;
-                open.insert(open.end(), after.rbegin(), after.rend());
+// The items as they are reached from the first layer, depth first.
+class LayoutWalk {
+public:
+    explicit LayoutWalk(const GraphLayout& layout)
+        : layout_(layout), ordered_(layout.layers.size()), seen_(layout.items.size()) {
+        for (const std::vector<size_t>& layer : layout.layers) {
+            for (const size_t start : layer) {
+                From(start);
             }
         }
     }
-    layout.layers = std::move(ordered);
+
+    Layers TakeLayers() { return std::move(ordered_); }
+
+private:
+    void From(size_t start) {
+        open_.push_back(start);
+        while (!open_.empty()) {
+            const size_t item = open_.back();
+            open_.pop_back();
+            if (!seen_[item]) {
+                seen_[item] = true;
+                ordered_[layout_.items[item].layer].push_back(item);
+                const std::vector<size_t>& after = layout_.items[item].after;
+                open_.insert(open_.end(), after.rbegin(), after.rend());
+            }
+        }
+    }
+
+    const GraphLayout& layout_;
+    Layers ordered_;
+    std::vector<bool> seen_;
+    std::vector<size_t> open_;
+};
+
+// The first order: what belongs together begins together.
+void OrderByWalk(GraphLayout& layout) {
+    layout.layers = LayoutWalk(layout).TakeLayers();
 }
 
 }  // namespace

@@ -266,14 +266,15 @@ private:
         for (size_t vertex = 0; vertex < vertices_.size(); ++vertex) {
             if (isSingle_[vertex]) {
                 SceneBox& box = scene_.boxes[vertex];
-                box.x = static_cast<double>(index / rows) * step;
+                const size_t column = index / rows;
+                box.x = static_cast<double>(column) * step;
                 box.y = top + static_cast<double>(index % rows) * (BOX_HEIGHT + GRID_GAP);
                 box.width = widest;
                 ++index;
             }
         }
-        const auto used = static_cast<double>((count + rows - 1) / rows);
-        scene_.width = std::max(scene_.width, used * step - GRID_GAP);
+        const size_t used = (count + rows - 1) / rows;
+        scene_.width = std::max(scene_.width, static_cast<double>(used) * step - GRID_GAP);
         scene_.height = top + static_cast<double>(rows) * (BOX_HEIGHT + GRID_GAP) - GRID_GAP;
     }
 
