@@ -50,6 +50,7 @@ OutputConfig ToFile(const ManifestValue& value, std::string path) {
 }
 
 OutputConfig ReadMapping(const ManifestValue& value) {
+    static constexpr std::array<std::string_view, 2> MEMBERS{"file", "size"};
     OutputConfig output;
     uint64_t size = output.size;
     for (const YamlChild& member : value.Map()) {
@@ -59,7 +60,7 @@ OutputConfig ReadMapping(const ManifestValue& value) {
         } else if (member.key == "size") {
             size = static_cast<uint64_t>(part.Number(MIN_SIZE, MAX_SIZE));
         } else {
-            part.Warn("unknown key, ignored");
+            part.WarnUnknown(MEMBERS);
         }
     }
     if (output.kind != OutputKind::FILE) {

@@ -58,10 +58,10 @@ protected:
     void Probe(const std::string& key, const Json& part, const Wrap& wrap) const {
         SCOPED_TRACE(key);
         const auto takes = [&](const Json& value) { return IsTaken(key, wrap(value)); };
-        EXPECT_FALSE(takes(Json(nullptr)));
+        EXPECT_EQ(takes(Json(nullptr)), MayBeNull(part));
         if (part.contains("oneOf")) {
             for (const Json& choice : part["oneOf"]) {
-                ProbeValues(choice, takes);
+                ProbeChoice(key, Resolve(choice), wrap);
             }
         } else if (part.value("type", Json()) == "array") {
             EXPECT_TRUE(takes(Json::array()));
@@ -74,6 +74,22 @@ protected:
             EXPECT_FALSE(takes(Json::array()));
             EXPECT_FALSE(takes(Json::object()));
             ProbeValues(part, takes);
+        }
+    }
+
+    // Whether null is among the values of one of the choices.
+    static bool MayBeNull(const Json& part) {
+        const Json choices = part.value("oneOf", Json::array());
+        return std::any_of(choices.begin(), choices.end(), [](const Json& choice) {
+            const Json values = choice.value("enum", Json::array());
+            return std::find(values.begin(), values.end(), Json(nullptr)) != values.end();
+        });
+    }
+    void ProbeChoice(const std::string& key, const Json& choice, const Wrap& wrap) const {
+        if (choice.value("type", Json()) == "object") {
+            ProbeObject(key, choice, wrap);
+        } else {
+            ProbeValues(choice, [&](const Json& value) { return IsTaken(key, wrap(value)); });
         }
     }
 
@@ -92,8 +108,8 @@ protected:
             return;
         }
         Json whole;
-        for (const auto& [name, unused] : part["properties"].items()) {
-            whole[name] = "text";
+        for (const auto& [name, member] : part["properties"].items()) {
+            whole[name] = SampleOf(Resolve(member));
         }
         EXPECT_TRUE(IsTaken(key, wrap(whole)));
         for (const auto& [name, member] : part["properties"].items()) {
@@ -102,11 +118,26 @@ protected:
             EXPECT_EQ(IsTaken(key, wrap(less)),
                       std::find(part["required"].begin(), part["required"].end(), name) ==
                           part["required"].end());
+            const Json resolved = Resolve(member);
+            if (resolved.contains("minimum") || resolved.contains("pattern")) {
+                ProbeValues(resolved, [&, field = name](const Json& value) {
+                    Json changed = whole;
+                    changed[field] = value;
+                    return IsTaken(key, wrap(changed));
+                });
+            }
         }
         whole["other"] = "text";
         EXPECT_EQ(IsTaken(key, wrap(whole)), part["additionalProperties"] != false);
     }
 
+    // A value that the schema admits.
+    static Json SampleOf(const Json& part) {
+        if (part.contains("minimum")) {
+            return part["minimum"];
+        }
+        return IsAdmitted(part, "text") ? "text" : "/path";
+    }
     // Texts that some pattern or length of the schema refuses.
     static std::vector<std::string> Samples() {
         return {"",
@@ -185,12 +216,12 @@ TEST_F(ManifestSchema, HasTheValuesOfTheParser) {
 
 // The values of all keys, with a default in place of each key that is not written.
 std::string ValuesOf(const ManifestData& d) {
-    return testing::PrintToString(
-        std::tuple(d.args, d.env, d.uid, d.depends, d.reporting, d.restart, d.termTimeoutMs,
-                   d.forceTerm, d.nice, d.coreAffinity, d.delayCoreAffinity, d.resourceGroup,
-                   d.cpuset, d.blkioGroup, d.cgroups, d.setRtPrio, d.setRtType, d.securityContext,
-                   d.nodeType, d.numaType, d.startupPriority, d.startupEntry, d.heartbeat,
-                   d.sharepoolGroups, d.vfId, d.vfIdPattern, d.dynamic, d.match));
+    return testing::PrintToString(std::tuple(
+        d.args, d.env, d.uid, d.depends, d.reporting, d.restart, d.termTimeoutMs, d.forceTerm,
+        d.nice, d.coreAffinity, d.delayCoreAffinity, d.resourceGroup, d.cpuset, d.blkioGroup,
+        d.cgroups, d.setRtPrio, d.setRtType, d.securityContext, d.nodeType, d.numaType,
+        d.startupPriority, d.startupEntry, d.heartbeat, d.sharepoolGroups, d.vfId, d.vfIdPattern,
+        d.dynamic, d.match, std::tuple(d.output.kind, d.output.file, d.output.size)));
 }
 
 TEST_F(ManifestSchema, HasTheDefaultsOfTheParser) {
