@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "bench/bench_support.h"
+#include "main/common/numbers.h"
 #include "wire/unique_fd.h"
 
 namespace {
@@ -147,9 +149,9 @@ int main(int argc, char** argv) {
     bool isPrinting = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--runs") == 0 && i + 1 < argc) {
-            runs = std::atoi(argv[++i]);
+            runs = ProcMgr::ParseNumber<int>(argv[++i]).value_or(runs);
         } else if (std::strcmp(argv[i], "--services") == 0 && i + 1 < argc) {
-            services = std::atoi(argv[++i]);
+            services = ProcMgr::ParseNumber<int64_t>(argv[++i]).value_or(services);
         } else {
             isPrinting = std::strcmp(argv[i], "--print") == 0;
         }
@@ -167,10 +169,8 @@ int main(int argc, char** argv) {
     const std::string socket = std::string(directory) + "/socket";
     const Wire::UniqueFd listener = Listen(socket);
     std::thread([&] { Serve(listener, document); }).detach();
-    std::vector<double> samples;
-    for (int run = 0; run < runs; ++run) {
-        samples.push_back(Run(socket));
-    }
+    std::vector<double> samples(static_cast<size_t>(std::max(runs, 1)));
+    std::generate(samples.begin(), samples.end(), [&] { return Run(socket); });
     std::printf("pmctl status of %lld services: median %.1f ms, 95th percentile %.1f ms\n",
                 static_cast<long long>(services), Bench::Median(samples),
                 Bench::Percentile(samples, 95));
