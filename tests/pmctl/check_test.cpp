@@ -52,7 +52,7 @@ protected:
         return FindingsOf("services:\n- name: a\n  bin: " + bin + "\n" + lines);
     }
 
-    const Tests::PmctlDirectory image_;
+    const Tests::PmctlDirectory image_{};
 };
 
 TEST_F(PmctlCheck, FindsEveryErrorOfAFileAndItsIncludes) {

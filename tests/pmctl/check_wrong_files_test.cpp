@@ -50,7 +50,7 @@ const std::map<std::string, std::pair<std::string, int>> WRONG = {
 };
 
 TEST(PmctlWrongFiles, EachIsNamedWithItsLineAndNonePasses) {
-    const Tests::PmctlDirectory directory;
+    const Tests::PmctlDirectory directory{};
     for (const auto& [name, file] : WRONG) {
         directory.Write("wrong/" + name, file.first);
     }
@@ -92,7 +92,7 @@ TEST(PmctlWrongFiles, EachIsNamedWithItsLineAndNonePasses) {
 
 // The check goes on where the daemon stops, and before that it finds the same.
 TEST(PmctlWrongFiles, TheFirstErrorOfAManifestIsTheOneOfTheDaemon) {
-    const Tests::PmctlDirectory directory;
+    const Tests::PmctlDirectory directory{};
     const Pmctl::Image here;
     const auto reader = Pmctl::BoardReader(here, false);
     size_t refused = 0;
@@ -115,7 +115,7 @@ TEST(PmctlWrongFiles, WhatAUserCannotRead) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root to become another user";
     }
-    const Tests::PmctlDirectory directory;
+    const Tests::PmctlDirectory directory{};
     directory.Write("closed/in/x.yaml", "services: []\n");
     directory.Write("closed.yaml", "services: []\n", 0600);
     directory.Write("good.yaml", "services:\n- {name: a, bin: " + (directory / "closed/tool}\n"));

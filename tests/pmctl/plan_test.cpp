@@ -44,7 +44,7 @@ protected:
         return result.out;
     }
 
-    const Tests::PmctlDirectory files_;
+    const Tests::PmctlDirectory files_{};
 };
 
 TEST_F(PmctlPlan, TextOfAPlan) {
