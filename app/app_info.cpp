@@ -1,5 +1,7 @@
 #include "app/app_info.h"
 
+#include <chrono>
+
 #include "app/app_spec.h"
 #include "app/exit_status.h"
 #include "app/signals.h"
@@ -24,6 +26,9 @@ ProcessState AppInfo::ChangeState(ProcessState to, ChangeReason reason) {
                    appName_.c_str(), GetProcessStateStr(state_).c_str(),
                    GetProcessStateStr(to).c_str(), static_cast<int>(reason));
     }
+    if (history_ != nullptr) {
+        history_->NoteChange({state_, to, reason}, pid_, exitStatus_);
+    }
     state_ = to;
     return to;
 }
@@ -31,6 +36,9 @@ ProcessState AppInfo::ChangeState(ProcessState to, ChangeReason reason) {
 void AppInfo::SetExitStatus(int32_t status) {
     exitStatus_ = status;
     exitStatusSet_ = true;
+    if (history_ != nullptr) {
+        history_->NoteExit(pid_, status, std::chrono::steady_clock::now());
+    }
     ProcMgrLog(LOG_INFO, "PROCMGR : SetExitStatus %s, pid=%d", appName_.c_str(), pid_);
 }
 

@@ -19,10 +19,12 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <set>
 #include <string>
 #include <utility>
 
+#include "app/app_history.h"
 #include "app/app_spec.h"
 #include "app/state_change.h"
 #include "main/common/clock.h"
@@ -52,6 +54,9 @@ public:
         pid_ = pid;
         exitStatusSet_ = false;
         tids_.clear();
+        if (history_ != nullptr) {
+            history_->NoteStart(startTime_);
+        }
     }
 
     // Takes over the process and the state of `other`, a record of the same application. Does not
@@ -104,6 +109,9 @@ public:
     bool exitStatusSet_ = false;
     int32_t exitStatus_ = 0;  // the raw wait status
     SteadyTime startTime_{};  // taken just before the fork
+    // Null while the status endpoint is off. A copy of the record shares the history; only who
+    // holds the lock of the container may use it.
+    std::shared_ptr<AppHistory> history_;
 
 protected:
     AppInfo(const ApplicationManifest& manifest, const std::string& appName,

@@ -11,9 +11,6 @@ namespace ProcMgr::App {
 namespace {
 
 constexpr int PRIORITY_MAX = 99;
-// A core list that begins with this number gives no cores: ApplyScheduling() sets SCHED_FIFO with
-// priority 99 instead.
-constexpr uint32_t AFFINITY_MARKER = 255;
 
 constexpr std::array SYSTEM_POLICIES = {SCHED_OTHER, SCHED_BATCH, SCHED_IDLE, SCHED_FIFO, SCHED_RR};
 static_assert(SYSTEM_POLICIES.size() == static_cast<size_t>(SchedPolicyType::NOT_SET));
@@ -50,6 +47,10 @@ int ToSystemPolicy(SchedPolicyType policy) {
     return code < SYSTEM_POLICIES.size() ? SYSTEM_POLICIES[code] : SCHED_OTHER;
 }
 
+OutputConfig OutputOf(const ApplicationManifest& manifest) {
+    return GetManifestOutput == nullptr ? OutputConfig() : GetManifestOutput(manifest);
+}
+
 AppSpec::AppSpec(const ApplicationManifest& manifest, const std::string& appName)
     : appName_(appName),
       uid_(manifest.GetUid()),
@@ -76,7 +77,8 @@ AppSpec::AppSpec(const ApplicationManifest& manifest, const std::string& appName
       sharepoolGroups_(manifest.GetSharepoolGroups()),
       heartBeatSwitch_(manifest.GetHeartBeatSwitch()),
       dependList_(manifest.GetDependList()),
-      startupEntryPath_(manifest.GetStartupEntryPath()) {
+      startupEntryPath_(manifest.GetStartupEntryPath()),
+      output_(OutputOf(manifest)) {
     ApplyScheduling(manifest);
     DetectDynamicParameters(manifest);
 }

@@ -11,13 +11,15 @@
 #include <vector>
 
 #include "platform/manifest.h"
+#include "platform/manifest_output.h"
 
 namespace ProcMgr {
 
-// The names of the two services that the daemon treats specially: the runner of virtual functions
-// and the access manager.
+// The names of the services that the daemon treats specially: the runner of virtual functions, the
+// access manager, and the service that passes on the requests of the command line.
 inline constexpr const char* PROC_VINTOR = "vintor";
 inline constexpr const char* PROC_ZORNMGR = "zornmgr";
+inline constexpr const char* PROC_CONSOLE = "pm-console";
 
 // Restart policies. Any other text means that the application is never restarted.
 inline constexpr const char* RESTART_ON_FAILURE = "on-failure";
@@ -42,10 +44,16 @@ enum class SchedPolicyType : uint32_t {
 // The policy of the operating system; SCHED_OTHER for a value outside the enumeration.
 int ToSystemPolicy(SchedPolicyType policy);
 
+// The value of the manifest; INHERIT with a platform library that does not know the key.
+OutputConfig OutputOf(const ApplicationManifest& manifest);
+
 class AppSpec {
 public:
     // The start-up priority of an application that is not a priority application.
     static constexpr int32_t NO_PRIORITY = -1;
+    // A core list that begins with this number gives no cores: SCHED_FIFO with priority 99 is set
+    // instead.
+    static constexpr uint32_t AFFINITY_MARKER = 255;
 
     AppSpec(const ApplicationManifest& manifest, const std::string& appName);
 
@@ -101,6 +109,7 @@ public:
     bool heartBeatSwitch_ = false;
     std::set<std::string> dependList_;  // base services
     std::string startupEntryPath_;      // base services
+    OutputConfig output_;
 
 private:
     // Applies the real-time settings and the core-affinity marker.

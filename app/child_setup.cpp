@@ -81,6 +81,19 @@ StepResult StorePid(ChildContext& child) {
     return StepResult::GO_ON;
 }
 
+// Without a descriptor of its own the child has the standard streams of the daemon.
+StepResult ConnectOutput(ChildContext& child) {
+    if (child.output < 0) {
+        return StepResult::GO_ON;
+    }
+    for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+        if (Sys::dup2(child.output, stream) < 0) {
+            AddFailure(child, "dup2 of the output failed, errno=");
+        }
+    }
+    return StepResult::GO_ON;
+}
+
 StepResult RaiseRealTimeLimit(ChildContext& child) {
     if (!child.plan.raiseRealTimeLimit) {
         return StepResult::GO_ON;
@@ -219,6 +232,7 @@ constexpr std::array STEPS = {
     ChildStep{StartSession, {}},
     ChildStep{SealDescriptors, {}},
     ChildStep{StorePid, {}},
+    ChildStep{ConnectOutput, {}},
     ChildStep{RaiseRealTimeLimit, {}},
     ChildStep{SetScheduler, {}},
     ChildStep{SetNice, AppKind::GENERAL},

@@ -40,6 +40,9 @@ struct ChildContext {
     // parent closes its own descriptor. Negative for an application without accelerator cores, and
     // when the file cannot be opened.
     int aiTasks = -1;
+    // What standard output and error are connected to; the parent closes its own descriptor.
+    // Negative: they stay those of the daemon.
+    int output = -1;
     pid_t pid = 0;
     // One entry, ending in ";", for each step that failed.
     ChildMessage message;

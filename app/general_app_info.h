@@ -64,8 +64,9 @@ public:
     bool savedForceTerm_ = false;  // the configured force-term flag, restored by a restart
     bool killSent_ = false;        // SIGKILL has been sent for the present terminate or restart
     bool restartStarted_ = false;  // the new process of a restart has been forked
-    // The owner that has asked for the start of a priority application, when it is not the access
-    // manager: the result of the start is reported to this owner, too. Else empty.
+    // The service that is told the next change besides the application's owner: the one that has
+    // asked for the start of a priority application, unless it is the access manager, and the
+    // console that has asked for an end or a restart. Else empty.
     std::string asker_;
     uint64_t changes_ = 0;  // the number of state changes that supervision has reported
 

@@ -15,8 +15,6 @@
 namespace ProcMgr::App {
 namespace {
 
-// A longer line is read in pieces of this length.
-constexpr size_t HASH_LINE_LENGTH = 255;
 constexpr int ATTEMPTS = 5;
 constexpr std::chrono::milliseconds ATTEMPT_PAUSE{1};
 // The time limit of one check, over all its attempts.
@@ -43,6 +41,14 @@ bool IsSpecialFile(const std::string& path) {
 
 }  // namespace
 
+std::optional<HashLine> ParseHashLine(const std::string& line) {
+    const size_t equals = line.find('=');
+    if (equals == std::string::npos || equals == 0 || line.back() == '=') {
+        return std::nullopt;
+    }
+    return HashLine{line.substr(0, equals), line.substr(equals + 1)};
+}
+
 void IntegrityTable::Load(const std::string& path) {
     if (access(path.c_str(), R_OK) != 0) {
         ProcMgrLog(LOG_WARNING, "PROCMGR: IntegrityProtect hash config file=%s is not exist",
@@ -68,12 +74,12 @@ void IntegrityTable::Load(const std::string& path) {
 }
 
 void IntegrityTable::AddLine(const std::string& line) {
-    const size_t equals = line.find('=');
-    if (equals == std::string::npos || equals == 0 || line.back() == '=') {
+    std::optional<HashLine> parsed = ParseHashLine(line);
+    if (!parsed) {
         ProcMgrLog(LOG_ERR, "PROCMGR: hash config string=%s format is false", line.c_str());
         return;
     }
-    expected_[line.substr(0, equals)] = line.substr(equals + 1);
+    expected_[std::move(parsed->name)] = std::move(parsed->digest);
 }
 
 bool IntegrityTable::IsProtected(const std::string& appPath) const {

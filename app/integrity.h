@@ -2,6 +2,7 @@
 // expected digest of its file name. ProcessLauncher calls it before every start.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -10,6 +11,18 @@
 namespace ProcMgr::App {
 
 inline constexpr const char* HASH_FILE = "/etc/vela/base-plat/process-manager/bin_hash.cfg";
+
+// A longer line of the hash file is read in pieces of this length.
+inline constexpr size_t HASH_LINE_LENGTH = 255;
+
+struct HashLine {
+    std::string name;
+    std::string digest;
+};
+
+// Takes one line of the hash file apart; nothing when it is not of the form NAME=DIGEST. The digest
+// may be any text.
+std::optional<HashLine> ParseHashLine(const std::string& line);
 
 class IntegrityTable {
 public:

@@ -19,14 +19,8 @@ constexpr std::array ILLEGAL_STRINGS = {"|",  ";",  ">", "<", ">>", "`",
                                         "||", "&&", "&", "(", ")",  "$"};
 constexpr mode_t ANY_EXECUTE = S_IXUSR | S_IXGRP | S_IXOTH;
 
-bool IsIllegal(const std::string& argument) {
-    return std::any_of(ILLEGAL_STRINGS.begin(), ILLEGAL_STRINGS.end(), [&](const char* illegal) {
-        return argument.find(illegal) != std::string::npos;
-    });
-}
-
 bool MayRootExecute(const char* app, const char* path, const struct stat& file) {
-    if ((file.st_mode & ANY_EXECUTE) != 0) {
+    if (GetExecuteRight(file, 0, {}) == ExecuteRight::GRANTED) {
         return true;
     }
     ProcMgrLog(LOG_ERR,
@@ -37,7 +31,7 @@ bool MayRootExecute(const char* app, const char* path, const struct stat& file) 
 }
 
 bool MayOwnerExecute(const char* app, const char* path, uint32_t uid, const struct stat& file) {
-    if ((file.st_mode & S_IXUSR) != 0) {
+    if (GetExecuteRight(file, uid, {}) == ExecuteRight::GRANTED) {
         return true;
     }
     ProcMgrLog(LOG_ERR,
@@ -47,9 +41,7 @@ bool MayOwnerExecute(const char* app, const char* path, uint32_t uid, const stru
     return false;
 }
 
-// For a user who is neither root nor the owner of the program: the user has to be a member of the
-// program's group, and the group has to have the execute bit. The execute bit for others does not
-// count.
+// For a user who is neither root nor the owner of the program.
 bool MayMemberExecute(const char* app, const char* path, uint32_t uid, const struct stat& file,
                       UserGroupsCache& users) {
     const UserGroups user = users.LookUp(uid);
@@ -58,14 +50,15 @@ bool MayMemberExecute(const char* app, const char* path, uint32_t uid, const str
                    "PROCMGR : Start App=%s failed, uid=%u is not in the user database, error=%d",
                    app, uid, user.error);
     }
-    if (!IsGroupMember(user, file.st_gid)) {
+    const ExecuteRight right = GetExecuteRight(file, uid, user);
+    if (right == ExecuteRight::NO_MEMBER) {
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s uid=%u, gid=%u not "
                    "have x permission !!",
                    app, uid, path, file.st_uid, file.st_gid);
         return false;
     }
-    if ((file.st_mode & S_IXGRP) == 0) {
+    if (right == ExecuteRight::NO_GROUP_BIT) {
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s gid=%u not have x "
                    "permission !!",
@@ -103,25 +96,47 @@ bool StatProgram(const char* app, const std::string& execPath, struct stat& file
 
 }  // namespace
 
-bool CheckChildProParas(const std::string& appName, const std::string& execPath, uint32_t uid,
-                        const std::vector<std::string>& arguments, UserGroupsCache& users) {
+bool IsIllegalArgument(const std::string& argument) {
+    return std::any_of(ILLEGAL_STRINGS.begin(), ILLEGAL_STRINGS.end(), [&](const char* illegal) {
+        return argument.find(illegal) != std::string::npos;
+    });
+}
+
+ExecuteRight GetExecuteRight(const struct stat& program, uint32_t uid, const UserGroups& groups) {
+    if (uid == 0) {
+        const bool hasBit = (program.st_mode & ANY_EXECUTE) != 0;
+        return hasBit ? ExecuteRight::GRANTED : ExecuteRight::NO_BIT;
+    }
+    if (uid == program.st_uid) {
+        const bool hasBit = (program.st_mode & S_IXUSR) != 0;
+        return hasBit ? ExecuteRight::GRANTED : ExecuteRight::NO_OWNER_BIT;
+    }
+    if (!IsGroupMember(groups, program.st_gid)) {
+        return ExecuteRight::NO_MEMBER;
+    }
+    const bool hasBit = (program.st_mode & S_IXGRP) != 0;
+    return hasBit ? ExecuteRight::GRANTED : ExecuteRight::NO_GROUP_BIT;
+}
+
+StartRefusal CheckChildProParas(const std::string& appName, const std::string& execPath,
+                                uint32_t uid, const std::vector<std::string>& arguments,
+                                UserGroupsCache& users) {
     MayWait("the program's file system");
     const char* app = appName.c_str();
     const char* path = execPath.c_str();
-    if (std::any_of(arguments.begin(), arguments.end(), IsIllegal)) {
+    if (std::any_of(arguments.begin(), arguments.end(), IsIllegalArgument)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : CheckChildProParas App=%s arguments include illegal str",
                    app);
-        return false;
+        return StartRefusal::ARGUMENTS;
     }
     struct stat file {};
     if (!StatProgram(app, execPath, file)) {
-        return false;
+        return StartRefusal::MISSING;
     }
-    if (uid == 0) {
-        return MayRootExecute(app, path, file);
-    }
-    return uid == file.st_uid ? MayOwnerExecute(app, path, uid, file)
-                              : MayMemberExecute(app, path, uid, file, users);
+    const bool mayExecute = uid == 0             ? MayRootExecute(app, path, file)
+                            : uid == file.st_uid ? MayOwnerExecute(app, path, uid, file)
+                                                 : MayMemberExecute(app, path, uid, file, users);
+    return mayExecute ? StartRefusal::NONE : StartRefusal::NOT_EXECUTABLE;
 }
 
 }  // namespace ProcMgr::App

@@ -11,9 +11,11 @@
 #include <utility>
 #include <vector>
 
+#include "app/app_kind.h"
 #include "app/child_environment.h"
 #include "app/child_slots.h"
 #include "app/user_groups.h"
+#include "output/output_pipe.h"
 #include "platform/access_manager.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/core_affinity_mgr.h"
@@ -23,8 +25,6 @@ namespace ProcMgr::App {
 
 class BaseAppInfo;
 class GeneralAppInfo;
-
-enum class AppKind { GENERAL, BASE };
 
 struct LaunchPlan {
     AppKind kind = AppKind::BASE;
@@ -69,13 +69,16 @@ struct LaunchPlan {
     // The descriptor to which the child writes its failures; -1: none are written.
     int errorFd = -1;
 
+    // What standard output and error are connected to.
+    Output::OutputTarget output;
+
     // Made of the values above, when they are complete.
     ChildEnvironment environment;
     // The place of a child that shares the daemon's memory; without one the child is forked.
     ChildSlots::Lease slot;
 };
 
-// Makes the plan of a record, except userGroups, handledSignals, sharePool, sharePoolNames,
+// Makes the plan of a record, except userGroups, handledSignals, sharePool, sharePoolNames, output,
 // environment and slot, which ProcessLauncher fills in. Any thread; reads no file.
 LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app, const CgroupMgr& cgroups,
                           const CoreAffinityMgr& affinity);

@@ -34,6 +34,12 @@ void WithChild(const Action& action) {
     }
 }
 
+void NoteRefusal(const AppInfo& app, StartRefusal refusal) {
+    if (app.history_ != nullptr) {
+        app.history_->NoteRefusal(refusal);
+    }
+}
+
 int RunSharedChild(void* context) {
     RunChild(*static_cast<ChildContext*>(context));
 }
@@ -94,10 +100,12 @@ bool ProcessLauncher::IsQuick(const AppInfo& app) {
 
 pid_t ProcessLauncher::Fork(GeneralAppInfo& app, LaunchPlan& plan) {
     ChildSlots::Lease slot = std::move(plan.slot);
+    Output::OutputTarget output = std::move(plan.output);
     const auto context = std::make_shared<ChildContext>(std::move(plan), binds_);
-    const pid_t child = CreateChild(app, context, std::move(slot));
+    const pid_t child = CreateChild(app, context, std::move(slot), std::move(output));
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR: Start generalApp failed. fork failed: errno=%d", errno);
+        NoteRefusal(app, StartRefusal::NO_PROCESS);
         return child;
     }
     WithChild([&] {
@@ -112,11 +120,13 @@ pid_t ProcessLauncher::Fork(GeneralAppInfo& app, LaunchPlan& plan) {
 
 pid_t ProcessLauncher::Fork(BaseAppInfo& app, LaunchPlan& plan) {
     ChildSlots::Lease slot = std::move(plan.slot);
+    Output::OutputTarget output = std::move(plan.output);
     const auto context = std::make_shared<ChildContext>(std::move(plan), binds_);
-    const pid_t child = CreateChild(app, context, std::move(slot));
+    const pid_t child = CreateChild(app, context, std::move(slot), std::move(output));
     if (child < 0) {
         ProcMgrLog(LOG_ERR, "PROCMGR : Start baseApp %s failed errno=%d", app.appName_.c_str(),
                    errno);
+        NoteRefusal(app, StartRefusal::NO_PROCESS);
         return child;
     }
     WithChild([&] {
@@ -132,11 +142,12 @@ pid_t ProcessLauncher::Fork(BaseAppInfo& app, LaunchPlan& plan) {
 
 // All signals are blocked meanwhile, so that no handler of the daemon runs in the child.
 pid_t ProcessLauncher::CreateChild(AppInfo& app, const std::shared_ptr<ChildContext>& context,
-                                   ChildSlots::Lease slot) {
+                                   ChildSlots::Lease slot, Output::OutputTarget output) {
     const std::optional<CoreMask>& mask = context->plan.coreMask;
     const bool isForAccelerator = mask && mask->aiCores > 0;
     const Wire::UniqueFd aiTasks(isForAccelerator ? CoreAffinityMgr::OpenAiCpuset() : -1);
     context->aiTasks = aiTasks.Get();
+    context->output = output.writeEnd.Get();
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
@@ -152,6 +163,9 @@ pid_t ProcessLauncher::CreateChild(AppInfo& app, const std::shared_ptr<ChildCont
     }
     handledSignals_.Get(ReadHandledSignals);
     Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (child > 0 && output_ != nullptr) {
+        output_->Adopt(std::move(output), child);
+    }
     if (child > 0 && !context->plan.isDelayed && isForAccelerator && !aiTasks.IsValid()) {
         WithChild([&] { CoreAffinityMgr::LogMissingAiCpuset(child, *mask); });
     }
@@ -175,6 +189,9 @@ void ProcessLauncher::FinishPlan(
         plan.sharePool = sharePool_->MakePlan(app.appName_, manifestGroups);
         plan.sharePoolNames = plan.sharePool.Names();
     }
+    if (output_ != nullptr) {
+        plan.output = output_->Prepare(app.appName_, app.output_, app.uid_);
+    }
     plan.environment = MakeChildEnvironment(plan);
     // Last: nothing else is waited for while the launch has a slot.
     if (MayShareMemory(plan)) {
@@ -191,16 +208,28 @@ void ProcessLauncher::JoinSharePool(const AppInfo& app, const LaunchPlan& plan) 
 }
 
 bool ProcessLauncher::PreStartCheck(const AppInfo& app) {
-    if (!CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_, userGroups_)) {
-        return false;
+    const StartRefusal refusal = FindRefusal(app);
+    if (refusal != StartRefusal::NONE) {
+        NoteRefusal(app, refusal);
+    }
+    return refusal == StartRefusal::NONE;
+}
+
+StartRefusal ProcessLauncher::FindRefusal(const AppInfo& app) {
+    const StartRefusal refusal =
+        CheckChildProParas(app.appName_, app.execPath_, app.uid_, app.arguments_, userGroups_);
+    if (refusal != StartRefusal::NONE) {
+        return refusal;
     }
     if (!integrity_.IntegrityProtect(app.execPath_)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : IntegrityProtect app=%s or sha256sum has been modified",
                    app.execPath_.c_str());
-        return false;
+        return StartRefusal::MODIFIED;
     }
     const bool isUnchecked = app.IsPriority() && ProcMgrEnv::GetInstance().IsQuickStart();
-    return isUnchecked || affinity_.CheckLaunch(app.appName_, app.coreAffinity_);
+    return isUnchecked || affinity_.CheckLaunch(app.appName_, app.coreAffinity_)
+               ? StartRefusal::NONE
+               : StartRefusal::CORES;
 }
 
 }  // namespace ProcMgr::App

@@ -14,10 +14,12 @@
 #include "app/child_slots.h"
 #include "app/integrity.h"
 #include "app/launch_plan.h"
+#include "app/start_refusal.h"
 #include "app/user_groups.h"
 #include "main/common/clock.h"
 #include "main/common/recent.h"
 #include "main/common/worker_pool.h"
+#include "output/output_relay.h"
 #include "resource/bind_count.h"
 
 namespace ProcMgr::App {
@@ -30,10 +32,14 @@ struct ChildContext;
 class ProcessLauncher {
 public:
     // All arguments must outlive this object. Without `sharePool`, no process joins a share-pool
-    // group.
+    // group; without `output`, every process has the standard output and error of the daemon.
     ProcessLauncher(const CgroupMgr& cgroups, CoreAffinityMgr& affinity, const BindCount& binds,
-                    SharePool* sharePool = nullptr)
-        : cgroups_(cgroups), affinity_(affinity), binds_(binds), sharePool_(sharePool) {}
+                    SharePool* sharePool = nullptr, Output::OutputRelay* output = nullptr)
+        : cgroups_(cgroups),
+          affinity_(affinity),
+          binds_(binds),
+          sharePool_(sharePool),
+          output_(output) {}
 
     // Reads the expected digests of the protected executables. Called once, before the first
     // launch.
@@ -77,17 +83,19 @@ public:
 private:
     // Creates the child; below 0, with errno, on failure.
     pid_t CreateChild(AppInfo& app, const std::shared_ptr<ChildContext>& context,
-                      ChildSlots::Lease slot);
+                      ChildSlots::Lease slot, Output::OutputTarget output);
     void FinishPlan(const AppInfo& app,
                     const std::vector<std::pair<std::string, std::string>>& manifestGroups,
                     LaunchPlan& plan);
     void JoinSharePool(const AppInfo& app, const LaunchPlan& plan);
     bool PreStartCheck(const AppInfo& app);
+    StartRefusal FindRefusal(const AppInfo& app);
 
     const CgroupMgr& cgroups_;
     CoreAffinityMgr& affinity_;
     const BindCount& binds_;
     SharePool* const sharePool_;
+    Output::OutputRelay* const output_;
     UserGroupsCache userGroups_;
     // Read after a launch, for the launches that follow shortly. A handler that a library has
     // installed since may be missing: it could run in a child that receives its signal in the few

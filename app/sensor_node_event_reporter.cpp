@@ -206,6 +206,17 @@ void SensorNodeEventReporter::Withdraw(const std::string& name, const std::strin
     }
 }
 
+std::vector<SensorNodeEventReporter::FaultView> SensorNodeEventReporter::GetFaults() const {
+    const LockGuard lock(mutex_);
+    std::vector<FaultView> views;
+    for (const auto& [node, faults] : faults_) {
+        for (const Fault& fault : faults) {
+            views.push_back({node, fault.app, fault.event});
+        }
+    }
+    return views;
+}
+
 void SensorNodeEventReporter::UnregisterSensorNode(const std::string& name) {
     {
         const LockGuard lock(mutex_);

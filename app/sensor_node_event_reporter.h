@@ -76,6 +76,15 @@ public:
     void Withdraw(const std::string& node, const std::string& app, int32_t event)
         PROCMGR_EXCLUDES(mutex_);
 
+    // A fault that is raised, for the status endpoint.
+    struct FaultView {
+        std::string node;
+        std::string app;
+        int32_t event = EVENT_NONE;
+    };
+    // In the order of the nodes, then in that in which they were raised.
+    std::vector<FaultView> GetFaults() const PROCMGR_EXCLUDES(mutex_);
+
     // The fault flag of an event: 1 for a node type and sensor type that the device treats
     // specially, else 0.
     static int32_t FaultFlag(uint16_t nodeType, uint8_t sensorType);
@@ -110,7 +119,7 @@ private:
     void Unregister(const std::string& name);
 
     SerialWorker& worker_;
-    Mutex mutex_;
+    mutable Mutex mutex_;
     std::map<std::string, Faults> faults_ PROCMGR_GUARDED_BY(mutex_);  // by node
     // The worker has refused a job since the nodes were last shown.
     std::atomic<bool> isStale_{false};

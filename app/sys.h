@@ -18,6 +18,7 @@ namespace ProcMgr::Sys {
 
 using ::_exit;
 using ::close_range;
+using ::dup2;
 using ::execve;
 using ::fork;
 using ::getpid;

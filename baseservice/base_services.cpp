@@ -185,7 +185,11 @@ bool BaseServices::UpdateBaseServerReadyInfo(const std::string& name) {
                    name.c_str());
         return false;
     }
-    return !std::exchange(record->isReady_, record->IsAlive()) && record->isReady_;
+    const bool isNew = !std::exchange(record->isReady_, record->IsAlive()) && record->isReady_;
+    if (isNew && record->history_ != nullptr) {
+        record->history_->NoteReady(std::chrono::steady_clock::now());
+    }
+    return isNew;
 }
 
 bool BaseServices::IsReady(const std::string& name) {

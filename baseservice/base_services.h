@@ -15,17 +15,20 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "app/base_app_info.h"
+#include "app/change_log.h"
 #include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
 #include "app/sensor_node_event_reporter.h"
 #include "baseservice/base_records.h"
+#include "baseservice/boot_plan.h"
 #include "baseservice/owner_services.h"
 #include "baseservice/reported_state.h"
 #include "main/common/check_loop.h"
@@ -108,6 +111,28 @@ public:
     // was handled, else 0, with a log line.
     int HeartBeatNotify(const char* name, size_t nameLength, int32_t pid, uint32_t status)
         PROCMGR_EXCLUDES(mutex_);
+
+    // Switches the histories on, which the status endpoint shows. Called before there are other
+    // threads; `log` must outlive this object. All further functions for the status endpoint do
+    // nothing for services that are not in the plan.
+    void KeepHistories(App::ChangeLog& log) { changeLog_ = &log; }
+    // Null while the histories are off.
+    App::ChangeLog* GetChangeLog() const { return changeLog_; }
+    // The calls of base start-up. The plan has every service of the base file.
+    void SetPlan(BootPlan plan) PROCMGR_EXCLUDES(mutex_);
+    // The history for the record of a service; null without one.
+    std::shared_ptr<App::AppHistory> GetHistory(const std::string& name) PROCMGR_EXCLUDES(mutex_);
+    // It is the turn of the service, and all services that it depends on run.
+    void NoteReleased(const std::string& name) PROCMGR_EXCLUDES(mutex_);
+    // The service is not started, because one that it depends on does not run.
+    void NoteBlocked(const std::string& name) PROCMGR_EXCLUDES(mutex_);
+    // The services that still wait, wait for each other.
+    void NoteCycles() PROCMGR_EXCLUDES(mutex_);
+    // The services that still wait are not started any more.
+    void NoteStartUpEnd() PROCMGR_EXCLUDES(mutex_);
+    // Every service of the plan, in the order of the file. Holds the lock for 128 services at a
+    // time.
+    std::vector<ServiceView> GetViews() PROCMGR_EXCLUDES(mutex_);
 
     // From this call on nothing is started or restarted.
     void BeginStop() PROCMGR_EXCLUDES(mutex_);
@@ -195,6 +220,7 @@ private:
     void ForgetDependent(const Record& record) PROCMGR_REQUIRES(mutex_);
     // True when a service that is alive depends on `name`.
     bool IsNeeded(const std::string& name) const PROCMGR_REQUIRES(mutex_);
+    void FillView(const BootPlan::Entry& entry, ServiceView& view) PROCMGR_REQUIRES(mutex_);
     void Terminate(const std::string& name, Endings& endings) PROCMGR_REQUIRES(mutex_);
     // Waits for exits and kills the processes whose time-out has passed, until `condition` is false
     // or no process is left to wait for. `lock` holds mutex_.
@@ -212,6 +238,7 @@ private:
     App::OwnerRegistry& owners_;
     App::StateReports& reports_;
     App::SensorNodeEventReporter& faults_;
+    App::ChangeLog* changeLog_ = nullptr;  // constant once there are other threads
 
     Mutex mutex_;
     Condition exited_;  // notified when an exit has been stored
@@ -220,6 +247,7 @@ private:
     // Complete() ends its launch, so none is removed before.
     std::vector<Record*> restarted_ PROCMGR_GUARDED_BY(mutex_);
     bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
+    BootPlan plan_ PROCMGR_GUARDED_BY(mutex_);
     // Of StopAll(): how many live services depend on the service of that name.
     std::map<std::string, size_t> liveDependents_ PROCMGR_GUARDED_BY(mutex_);
 };

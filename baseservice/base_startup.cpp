@@ -1,9 +1,11 @@
 #include "baseservice/base_startup.h"
 
 #include <chrono>
+#include <memory>
 #include <utility>
 
 #include "app/app_spec.h"
+#include "baseservice/start_order.h"
 #include "main/common/boot_trace.h"
 #include "main/common/clock.h"
 #include "main/common/log.h"
@@ -31,8 +33,7 @@ bool BaseStartup::ParseYamlFile(const std::string& path,
             ProcMgrLog(LOG_ERR, "PROCMGR : ParseYamlFile : appName is NULL");
             return false;
         }
-        if (manifest.GetManifestList() == ManifestList::SERVICES &&
-            commandLine_.IsEnabled(manifest.GetCfgPath())) {
+        if (IsStartedAtBoot(manifest, commandLine_)) {
             enabledNames_.push_back(name);
         }
     }
@@ -50,6 +51,7 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
     for (const ApplicationManifest& manifest : manifests_) {
         manifestsByName_.try_emplace(manifest.GetAppName(), &manifest);
     }
+    MakePlan();
     DependGraph graph;
     const bool hasGraph = parser_.GetStartGraph(enabledNames_, graph) == 0;
     parser_ = {};  // the dependencies are in the graph now
@@ -57,6 +59,7 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
         ProcMgrLog(LOG_ERR, "PROCMGR : no start order for the services of %s", path.c_str());
     }
     const Outcome outcome = hasGraph ? StartInOrder(graph) : Outcome::SOME_FAILED;
+    services_.NoteStartUpEnd();
     if (outcome == Outcome::ABANDONED) {
         return;
     }
@@ -70,16 +73,38 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
     }
 }
 
+void BaseStartup::MakePlan() {
+    App::ChangeLog* const log = services_.GetChangeLog();
+    if (log == nullptr) {
+        return;
+    }
+    const std::set<std::string> enabled(enabledNames_.begin(), enabledNames_.end());
+    const SteadyTime now = std::chrono::steady_clock::now();
+    BootPlan plan;
+    for (const ApplicationManifest& manifest : manifests_) {
+        if (manifest.GetManifestList() != ManifestList::SERVICES) {
+            continue;
+        }
+        auto facts = std::make_shared<const App::AppFacts>(manifest);
+        const bool isEnabled = enabled.contains(facts->name);
+        auto history =
+            std::make_shared<App::AppHistory>(App::AppKind::BASE, std::move(facts), *log);
+        history->NoteWaiting(now);
+        plan.Add(std::move(history), isEnabled ? StartVerdict::WAITING : StartVerdict::EXCLUDED);
+    }
+    services_.SetPlan(std::move(plan));
+}
+
 BaseStartup::Outcome BaseStartup::StartInOrder(DependGraph& graph) {
     Outcome result = Outcome::ALL_STARTED;
     std::set<std::string> worked;
     while (!graph.IsEmpty()) {
-        const std::vector<std::string> free = graph.GetNoDependVertices();
-        if (free.empty()) {
+        const std::set<std::string> batch = NextBatch(graph);
+        if (batch.empty()) {
             LogBlocked(worked);
+            services_.NoteCycles();
             return Outcome::SOME_FAILED;
         }
-        const std::set<std::string> batch(free.begin(), free.end());
         const Outcome outcome = StartBatch(batch);
         if (outcome == Outcome::ABANDONED) {
             return outcome;
@@ -110,6 +135,7 @@ BaseStartup::Outcome BaseStartup::StartBatch(const std::set<std::string>& batch)
             return Outcome::ABANDONED;
         }
         App::BaseAppInfo record(*manifest->second);
+        record.history_ = services_.GetHistory(name);
         if (!InitOneBaseApplication(record)) {
             ProcMgrLog(LOG_ERR, "process-manager cur time:%s, start baseApp=%s failed",
                        BootStrace(BOOT_TRACE_TAG).c_str(), name.c_str());
@@ -125,8 +151,12 @@ bool BaseStartup::InitOneBaseApplication(App::BaseAppInfo& record) {
         ProcMgrLog(LOG_WARNING, "PROCMGR=%s is already running", name.c_str());
         return true;
     }
-    if (!CheckDepends(record.dependList_, name) || !services_.Start(record) ||
-        !services_.Announce(record)) {
+    if (!CheckDepends(record.dependList_, name)) {
+        services_.NoteBlocked(name);
+        return false;
+    }
+    services_.NoteReleased(name);
+    if (!services_.Start(record) || !services_.Announce(record)) {
         return false;
     }
     if (record.isReporting_) {

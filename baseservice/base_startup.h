@@ -49,6 +49,8 @@ private:
     // ABANDONED: start-up has been stopped, or a service of the graph has no manifest.
     enum class Outcome { ALL_STARTED, SOME_FAILED, ABANDONED };
 
+    // Gives the services of the file to the status endpoint, when it is on.
+    void MakePlan();
     Outcome StartInOrder(DependGraph& graph);
     // Starts the services of one batch in the order of their names.
     Outcome StartBatch(const std::set<std::string>& batch);

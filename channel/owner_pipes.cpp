@@ -101,7 +101,10 @@ bool OwnerPipes::Open(const std::string& owner, const Target& target, uint64_t c
         const LockGuard lock(mutex_);
         Pipe& pipe = pipes_[owner];
         isWanted = pipe.changes == change;
-        pipe.fd = isWanted ? fd : pipe.fd;
+        if (isWanted) {
+            pipe.fd = fd;
+            pipe.pid = target.pid;
+        }
     }
     if (!isWanted) {
         Close(owner, fd);
@@ -245,6 +248,16 @@ int OwnerPipes::GetServiceFd(const std::string& owner) const {
     const LockGuard lock(mutex_);
     const auto pipe = pipes_.find(owner);
     return pipe == pipes_.end() ? NOT_OPEN : pipe->second.fd;
+}
+
+std::vector<OwnerPipes::View> OwnerPipes::GetViews() const {
+    const LockGuard lock(mutex_);
+    std::vector<View> views;
+    views.reserve(pipes_.size());
+    for (const auto& [owner, pipe] : pipes_) {
+        views.push_back({owner, pipe.pid, pipe.fd != NOT_OPEN});
+    }
+    return views;
 }
 
 bool OwnerPipes::IsKnown(const std::string& owner) const {

@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "app/owner_link.h"
 #include "main/common/clock.h"
@@ -46,6 +47,15 @@ public:
     // Whether a pipe for this owner has been requested since the daemon's start.
     bool IsKnown(const std::string& owner) const PROCMGR_EXCLUDES(mutex_);
 
+    // The pipe of one owner, for the status endpoint.
+    struct View {
+        std::string owner;
+        int32_t pid = 0;  // the process that the last pipe was opened for; 0: none was opened
+        bool isOpen = false;
+    };
+    // One for each owner, by name.
+    std::vector<View> GetViews() const PROCMGR_EXCLUDES(mutex_);
+
     // For the report thread: tries again to close the pipes that were busy, as far as their next
     // attempt is due at `now`, and opens the successors of those that are closed.
     void CloseBusy(SteadyTime now) PROCMGR_EXCLUDES(mutex_);
@@ -64,6 +74,7 @@ private:
     };
     struct Pipe {
         int fd = NOT_OPEN;
+        int32_t pid = 0;  // the process that fd was opened for last
         // Number of registrations and unregistrations; a pipe whose opening began before the last
         // of them is closed again.
         uint64_t changes = 0;

@@ -415,4 +415,14 @@ void ReportSender::Stop() {
     changed_.NotifyAll();
 }
 
+std::map<std::string, ReportSender::QueueView> ReportSender::GetQueues() const {
+    const LockGuard lock(mutex_);
+    std::map<std::string, QueueView> queues;
+    for (const auto& [name, owner] : owners_) {
+        queues[name] = {owner.queue.size() + (owner.head ? 1 : 0), owner.load.items,
+                        owner.missed.size()};
+    }
+    return queues;
+}
+
 }  // namespace ProcMgr

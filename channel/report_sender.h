@@ -74,6 +74,15 @@ public:
     // ready. Not with a lock held.
     void Retry(const std::string& owner) PROCMGR_EXCLUDES(mutex_);
 
+    // The queue of one owner, for the status endpoint.
+    struct QueueView {
+        size_t reports = 0;  // with the one that is being sent
+        size_t states = 0;   // of the reports that wait
+        size_t missed = 0;   // applications whose last state the owner has missed
+    };
+    // By owner.
+    std::map<std::string, QueueView> GetQueues() const PROCMGR_EXCLUDES(mutex_);
+
     void OnPipeOpen(const std::string& owner) override { Retry(owner); }
     // Wakes the report thread.
     void OnPipeBusy() override PROCMGR_EXCLUDES(mutex_);

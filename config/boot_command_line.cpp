@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "main/common/log.h"
@@ -66,19 +67,6 @@ std::set<std::string> Split(std::string_view text) {
     return items;
 }
 
-// The keywords that are a component of the path or the name of the file without its suffix.
-std::vector<std::string> KeywordsOf(const std::string& cfgPath) {
-    const std::filesystem::path path(cfgPath);
-    std::vector<std::string> keywords;
-    for (const std::string_view keyword : OPTIONAL_SERVICES) {
-        const bool isComponent = std::find(path.begin(), path.end(), keyword) != path.end();
-        if (isComponent || path.stem() == keyword) {
-            keywords.emplace_back(keyword);
-        }
-    }
-    return keywords;
-}
-
 // A device-tree cell is a big-endian number of 32 bits.
 std::optional<int32_t> ReadDeviceTreeCell(const char* path) {
     const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path, "re"), std::fclose);
@@ -95,11 +83,28 @@ std::optional<int32_t> ReadDeviceTreeCell(const char* path) {
 
 }  // namespace
 
+std::vector<std::string> OptionalKeywordsOf(const std::string& cfgPath) {
+    const std::filesystem::path path(cfgPath);
+    std::vector<std::string> keywords;
+    for (const std::string_view keyword : OPTIONAL_SERVICES) {
+        const bool isComponent = std::find(path.begin(), path.end(), keyword) != path.end();
+        if (isComponent || path.stem() == keyword) {
+            keywords.emplace_back(keyword);
+        }
+    }
+    return keywords;
+}
+
 void BootCommandLine::Read() {
     ProcMgrEnv& env = ProcMgrEnv::GetInstance();
     env.SetSelinuxEnable(IsSelinuxEnforcing());
     ProcMgrLog(LOG_INFO, "pm UpdateSelinuxEnable success: enable=%d", env.IsSelinuxEnable());
-    text_ = ReadText(KERNEL_COMMAND_LINE);
+    Take(ReadText(KERNEL_COMMAND_LINE));
+}
+
+void BootCommandLine::Take(std::string text) {
+    ProcMgrEnv& env = ProcMgrEnv::GetInstance();
+    text_ = std::move(text);
     items_ = Extract(KEY_PROCMGR);
     ApplyOwnItems();
     env.SetVeskcoreEnable(Extract(KEY_VESKMODE).contains(ITEM_KERNEL_UTILS));
@@ -163,7 +168,7 @@ void BootCommandLine::ApplyRebootReason() {
 
 bool BootCommandLine::IsEnabled(const std::string& cfgPath) {
     if (cfgPath != cfgPath_) {
-        keywords_ = KeywordsOf(cfgPath);
+        keywords_ = OptionalKeywordsOf(cfgPath);
         cfgPath_ = cfgPath;
     }
     if (keywords_.empty()) {
@@ -179,12 +184,20 @@ bool BootCommandLine::IsEnabled(const std::string& cfgPath) {
                        [this](const std::string& keyword) { return items_.contains(keyword); });
 }
 
-void BootCommandLine::ReportNotConfigured() const {
+std::vector<std::string> BootCommandLine::GetNotConfigured() const {
+    std::vector<std::string> names;
     for (const std::string_view keyword : OPTIONAL_SERVICES) {
-        const std::string name(keyword);
+        std::string name(keyword);
         if (items_.contains(name) && !matched_.contains(name)) {
-            ProcMgrLog(LOG_INFO, "%s need enable, but not rightly configured", name.c_str());
+            names.push_back(std::move(name));
         }
+    }
+    return names;
+}
+
+void BootCommandLine::ReportNotConfigured() const {
+    for (const std::string& name : GetNotConfigured()) {
+        ProcMgrLog(LOG_INFO, "%s need enable, but not rightly configured", name.c_str());
     }
 }
 

@@ -24,15 +24,23 @@ namespace ProcMgr {
 // equal to the keyword.
 inline constexpr std::string_view OPTIONAL_SERVICES[] = {"debug", "diag", "factory", "trace"};
 
+// The keywords that are a component of the path or the name of the file without its suffix.
+std::vector<std::string> OptionalKeywordsOf(const std::string& cfgPath);
+
 class BootCommandLine {
 public:
     // Reads the SELinux state and the command line, and stores the switches here and in ProcMgrEnv.
     void Read();
 
+    // Stores the switches of `text`, a command line from elsewhere, here and in ProcMgrEnv.
+    void Take(std::string text);
+
     // Whether the services of the manifest file at `cfgPath` are to be started.
     bool IsEnabled(const std::string& cfgPath);
 
-    // Logs the keywords of the command line that no manifest has had.
+    // The keywords of the command line that no manifest has had.
+    std::vector<std::string> GetNotConfigured() const;
+    // Logs them.
     void ReportNotConfigured() const;
 
 private:

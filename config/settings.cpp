@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <string_view>
 
+#include "config/settings_keys.h"
 #include "main/common/log.h"
 #include "message/enum_names.h"
 
@@ -17,14 +18,43 @@ using namespace std::string_view_literals;
 
 constexpr const char* WATCH_DOG = "watch_dog";
 constexpr const char* PMUPLOAD = "pmupload";
+constexpr const char* STATUS = "status";
 constexpr const char* ENABLE = "enable";
+constexpr const char* GROUP = "group";
 constexpr const char* TIMEOUT = "timeout";
 constexpr const char* ACTION = "action";
 constexpr const char* DEFAULT_TIMEOUT = "60";
 constexpr const char* DEFAULT_ACTION = "2";
 constexpr std::array ACTIONS = {"0"sv, "1"sv, "2"sv};
 
+constexpr std::array KEYS = {
+    SettingKey{WATCH_DOG, ENABLE, SettingKind::SWITCH},
+    SettingKey{WATCH_DOG, TIMEOUT, SettingKind::SECONDS},
+    SettingKey{WATCH_DOG, ACTION, SettingKind::ACTION},
+    SettingKey{PMUPLOAD, ENABLE, SettingKind::SWITCH},
+    SettingKey{STATUS, ENABLE, SettingKind::SWITCH},
+    SettingKey{STATUS, GROUP, SettingKind::TEXT},
+};
+
 }  // namespace
+
+std::span<const SettingKey> SettingKeys() {
+    return KEYS;
+}
+
+bool IsSettingValue(SettingKind kind, const std::string& text) {
+    switch (kind) {
+        case SettingKind::SWITCH:
+            return true;
+        case SettingKind::SECONDS:
+            return !text.empty() && IsStrDigits(text);
+        case SettingKind::ACTION:
+            return std::find(ACTIONS.begin(), ACTIONS.end(), text) != ACTIONS.end();
+        case SettingKind::TEXT:
+            return !text.empty();
+    }
+    return false;
+}
 
 void LoadProcMgrCfg(const std::string& path, ProcMgrSettings& settings) {
     if (access(path.c_str(), R_OK) != 0) {
@@ -38,6 +68,7 @@ void LoadProcMgrCfg(const std::string& path, ProcMgrSettings& settings) {
     }
     LoadWatchDogCfg(top, settings);
     LoadPmUploadCfg(top, settings);
+    LoadStatusCfg(top, settings);
 }
 
 void LoadWatchDogCfg(const KvsTypeYaml& top, ProcMgrSettings& settings) {
@@ -64,6 +95,17 @@ void LoadPmUploadCfg(const KvsTypeYaml& top, ProcMgrSettings& settings) {
     ProcMgrLog(LOG_INFO, "PROCMGR: LoadPmUploadCfg finish enable=%d", settings.pmuploadEnable);
 }
 
+void LoadStatusCfg(const KvsTypeYaml& top, ProcMgrSettings& settings) {
+    KvsTypeYaml section;
+    if (!top.GetSubKvs(STATUS, section)) {
+        return;
+    }
+    settings.statusEnable = GetStatusEnable(section);
+    settings.statusGroup = GetStatusGroup(section);
+    ProcMgrLog(LOG_INFO, "PROCMGR: LoadStatusCfg finish enable=%d, group=%s", settings.statusEnable,
+               settings.statusGroup.c_str());
+}
+
 bool GetWatchDogEnable(const KvsTypeYaml& section) {
     KvsTypeYaml value;
     if (!section.GetSubKvs(ENABLE, value)) {
@@ -80,7 +122,7 @@ std::string GetWatchDogTimeout(const KvsTypeYaml& section) {
         return DEFAULT_TIMEOUT;
     }
     const std::string text = value.GetString();
-    return text.empty() || !IsStrDigits(text) ? DEFAULT_TIMEOUT : text;
+    return IsSettingValue(SettingKind::SECONDS, text) ? text : DEFAULT_TIMEOUT;
 }
 
 std::string GetWatchDogAction(const KvsTypeYaml& section) {
@@ -90,8 +132,7 @@ std::string GetWatchDogAction(const KvsTypeYaml& section) {
         return DEFAULT_ACTION;
     }
     const std::string text = value.GetString();
-    const bool isKnown = std::find(ACTIONS.begin(), ACTIONS.end(), text) != ACTIONS.end();
-    return isKnown ? text : DEFAULT_ACTION;
+    return IsSettingValue(SettingKind::ACTION, text) ? text : DEFAULT_ACTION;
 }
 
 bool GetPmuploadEnable(const KvsTypeYaml& section) {
@@ -101,6 +142,16 @@ bool GetPmuploadEnable(const KvsTypeYaml& section) {
         return true;
     }
     return value.GetBool();
+}
+
+bool GetStatusEnable(const KvsTypeYaml& section) {
+    KvsTypeYaml value;
+    return section.GetSubKvs(ENABLE, value) && value.GetBool();
+}
+
+std::string GetStatusGroup(const KvsTypeYaml& section) {
+    KvsTypeYaml value;
+    return section.GetSubKvs(GROUP, value) ? value.GetString() : std::string();
 }
 
 }  // namespace ProcMgr

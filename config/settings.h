@@ -1,7 +1,8 @@
-// The daemon's settings file: the watchdog and the upload registration. The main thread reads it
-// once, before it starts any other thread. A key that is missing or wrong keeps its default, except
-// "enable": a section without it switches its feature on. watchDogFile and watchDogModule are not
-// read from the file.
+// The daemon's settings file: the watchdog, the upload registration and the status endpoint. The
+// main thread reads it once, before it starts any other thread. A key that is missing or wrong
+// keeps its default, except "enable" of the first two: a section without it switches its feature
+// on. The status endpoint opens a door, so only "enable: true" switches it on. watchDogFile and
+// watchDogModule are not read from the file.
 #pragma once
 
 #include <string>
@@ -19,20 +20,26 @@ struct ProcMgrSettings {
     std::string watchDogFile = "/var/sbsa_gwdt.ko";
     std::string watchDogModule = "sbsa_gwdt";
     bool pmuploadEnable = false;
+    bool statusEnable = false;
+    std::string statusGroup;  // the users that may ask; empty: only root
 };
 
 // Fills `settings` from the file at `path`. Logs the settings, and the sections and keys that are
-// missing.
+// missing, except the section of the status endpoint.
 void LoadProcMgrCfg(const std::string& path, ProcMgrSettings& settings);
 
 // Each reads one section of the file; `top` is the whole file.
 void LoadWatchDogCfg(const KvsTypeYaml& top, ProcMgrSettings& settings);
 void LoadPmUploadCfg(const KvsTypeYaml& top, ProcMgrSettings& settings);
+void LoadStatusCfg(const KvsTypeYaml& top, ProcMgrSettings& settings);
 
-// Each reads one key of its section. A missing "enable" switches the feature on.
+// Each reads one key of its section. A missing "enable" switches the feature on, except the status
+// endpoint.
 bool GetWatchDogEnable(const KvsTypeYaml& section);
 std::string GetWatchDogTimeout(const KvsTypeYaml& section);
 std::string GetWatchDogAction(const KvsTypeYaml& section);
 bool GetPmuploadEnable(const KvsTypeYaml& section);
+bool GetStatusEnable(const KvsTypeYaml& section);
+std::string GetStatusGroup(const KvsTypeYaml& section);
 
 }  // namespace ProcMgr

@@ -19,9 +19,9 @@ bool IsOutdated(const Change& change) {
 }
 
 template <typename Item>
-void ReserveOne(std::vector<Item>& list) {
-    if (list.size() == list.capacity()) {
-        list.reserve(2 * list.size() + 1);
+void ReserveFor(std::vector<Item>& list, size_t count) {
+    if (list.capacity() - list.size() < count) {
+        list.reserve(2 * list.size() + count);
     }
 }
 
@@ -43,10 +43,10 @@ void Answers::AddUnknown(const std::string& name, ReportAppStateType reportType)
 }
 
 void ChangeReports::ReserveForNote(const App::GeneralAppInfo& app) {
-    ReserveOne(noted_);
+    ReserveFor(noted_, 2);  // for the owner and for the asker
     // Even when the access manager is ready: it may end before the note.
     if (app.IsPriority()) {
-        ReserveOne(heldBack_);
+        ReserveFor(heldBack_, 1);
         heldBackOf_.try_emplace(app.appName_, 0);
     }
 }
@@ -57,6 +57,9 @@ void ChangeReports::Note(App::GeneralAppInfo& app, uint32_t result) {
     const std::string asker = std::exchange(app.asker_, {});
     if (!app.IsPriority()) {
         noted_.push_back({app.owner_, item, app.owner_});
+        if (!asker.empty() && asker != app.owner_) {
+            noted_.push_back({asker, item, app.owner_, false});
+        }
     } else if (!isHeldBack || !asker.empty()) {
         noted_.push_back({asker.empty() ? PROC_ZORNMGR : asker, item, PROC_ZORNMGR, !isHeldBack});
     }

@@ -73,6 +73,7 @@ GeneralApps::Launch GeneralApps::BeginLaunch(const Record& record, App::AppSpec 
                                              const std::string& owner) {
     record->owner_ = spec.IsPriority() ? PROC_ZORNMGR : owner;
     record->TakeSpec(std::move(spec));
+    NoteLaunch(*record);
     Launch launch{record, *record};
     due_.Reserve(generalAppMap_.size() + 1);
     generalAppMap_.try_emplace(record->appName_, record);

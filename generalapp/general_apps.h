@@ -8,6 +8,7 @@
 // being launched (isLaunching_); supervision and other requests leave it alone.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -15,7 +16,10 @@
 #include <string>
 #include <vector>
 
+#include "app/app_view.h"
+#include "app/change_log.h"
 #include "app/general_app_info.h"
+#include "app/history_table.h"
 #include "app/managed_records.h"
 #include "app/owner_link.h"
 #include "app/process_launcher.h"
@@ -80,6 +84,13 @@ public:
     std::vector<Message::AppStateInfo> GetStates(const std::string& owner = {})
         PROCMGR_EXCLUDES(mutex_);
 
+    // Switches the histories on, which the status endpoint shows. Called before there are other
+    // threads; `log` must outlive this object.
+    void KeepHistories(App::ChangeLog& log) PROCMGR_EXCLUDES(mutex_);
+    // Every application with a record, by name; none while the histories are off. Holds the lock
+    // for 64 of them at a time.
+    std::vector<App::AppView> GetViews() PROCMGR_EXCLUDES(mutex_);
+
     // Ends every application: SIGTERM, then SIGKILL when its termination time-out has passed. From
     // this call on nothing is started. Returns when all have ended or have been given up; the
     // reaper and the check thread must run meanwhile, because they store the exits and send
@@ -127,7 +138,8 @@ private:
         PROCMGR_REQUIRES(mutex_);
     void FinishDirectRestart(const Record& record, std::optional<App::LaunchPlan> plan,
                              Answers& answers) PROCMGR_REQUIRES(mutex_);
-    void RestartRunning(const Record& record, App::AppSpec next) PROCMGR_REQUIRES(mutex_);
+    void RestartRunning(const Record& record, App::AppSpec next, const std::string& requester)
+        PROCMGR_REQUIRES(mutex_);
     std::optional<Launch> HandlePriorityApps(const Record& record, App::AppSpec spec,
                                              Answers& answers) PROCMGR_REQUIRES(mutex_);
     // Gives the record the values of its next process, marks it as being launched, and adds
@@ -145,6 +157,11 @@ private:
     // Reports the change that the report type of the record describes, and raises or withdraws the
     // fault of the application.
     void NoteChange(App::GeneralAppInfo& app) PROCMGR_REQUIRES(mutex_);
+    // Gives the record its history, before a launch by the record's present values.
+    void NoteLaunch(App::GeneralAppInfo& app) PROCMGR_REQUIRES(mutex_);
+    // Copies the views of the next applications after the name `last`, which becomes the name of
+    // the last one. Returns the number of records that were looked at.
+    size_t CopyViews(std::string& last, std::vector<App::AppView>& views) PROCMGR_EXCLUDES(mutex_);
     void KillAll() PROCMGR_REQUIRES(mutex_);
     // Queues a call of the device library; takes no lock of this object.
     void RaiseStartFault(const App::GeneralAppInfo& app);
@@ -161,6 +178,8 @@ private:
     ChangeReports changeReports_ PROCMGR_GUARDED_BY(mutex_);
     App::ProcessIndex<App::GeneralAppInfo> processes_ PROCMGR_GUARDED_BY(mutex_);
     App::DueRecords<App::GeneralAppInfo> due_ PROCMGR_GUARDED_BY(mutex_);
+    // None while the status endpoint is off.
+    std::optional<App::HistoryTable> histories_ PROCMGR_GUARDED_BY(mutex_);
     // The revision of the configuration that was last applied to the records in the map.
     uint64_t seenRevision_ PROCMGR_GUARDED_BY(mutex_) = 0;
     bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;

@@ -44,6 +44,14 @@ void LogRequest(const char* type, const std::vector<Item>& items, const std::str
                BootStrace(BOOT_TRACE_TAG).c_str(), type, owner.c_str(), JoinNames(items).c_str());
 }
 
+// Changes are reported to the owner of an application. The console acts for a person who waits for
+// the outcome, whoever the owner is.
+void NoteConsole(GeneralAppInfo& app, const std::string& requester) {
+    if (requester == PROC_CONSOLE) {
+        app.asker_ = requester;
+    }
+}
+
 // The name of the state. A record that is being launched counts as starting.
 std::string StateOf(const GeneralAppInfo& app) {
     return GetProcessStateStr(app.isLaunching_ && app.GetState() != RESTARTING ? STARTING
@@ -245,6 +253,7 @@ void GeneralApps::Terminate(const std::string& name, Answers& answers) {
                    name.c_str(), record->pid_, StateOf(*record).c_str());
         return;
     }
+    NoteConsole(*record, answers.GetOwner());
     record->ChangeState(TERMINATING, App::ChangeReason::TERMINATION);
     due_.Add(*record);
     checks_.Request();
@@ -287,6 +296,7 @@ std::optional<GeneralApps::Launch> GeneralApps::BeginRestart(const Message::Rest
     }
     const bool isGone = !IsInMap(record) || record->GetState() == TERMINATED;
     if (isGone && !record->isLaunching_) {
+        NoteConsole(*record, answers.GetOwner());
         return BeginLaunch(record, std::move(*spec), answers.GetOwner());
     }
     if (record->GetState() != RUNNING || isStopping_) {
@@ -297,7 +307,7 @@ std::optional<GeneralApps::Launch> GeneralApps::BeginRestart(const Message::Rest
                    name.c_str(), record->pid_, StateOf(*record).c_str());
         return std::nullopt;
     }
-    RestartRunning(record, std::move(*spec));
+    RestartRunning(record, std::move(*spec), answers.GetOwner());
     return std::nullopt;
 }
 
@@ -319,7 +329,8 @@ void GeneralApps::FinishDirectRestart(const Record& record, std::optional<App::L
 }
 
 // Only ends the old process: a check pass starts the new one after the exit.
-void GeneralApps::RestartRunning(const Record& record, App::AppSpec next) {
+void GeneralApps::RestartRunning(const Record& record, App::AppSpec next,
+                                 const std::string& requester) {
     record->savedForceTerm_ = record->forceTerm_;
     record->SetNext(std::move(next));
     record->BeginTermination(std::chrono::steady_clock::now());
@@ -329,6 +340,7 @@ void GeneralApps::RestartRunning(const Record& record, App::AppSpec next) {
                    record->appName_.c_str(), record->pid_, StateOf(*record).c_str());
         return;
     }
+    NoteConsole(*record, requester);
     record->restartStarted_ = false;
     record->ChangeState(RESTARTING, App::ChangeReason::RESTART);
     due_.Add(*record);

@@ -89,6 +89,7 @@ void GeneralApps::BeginRestartEnded(const GeneralAppInfo& copy) {
             return;
         }
         record->TakeNext();
+        NoteLaunch(*record);
         record->isLaunching_ = true;
     }
     if (isQuick) {

@@ -88,7 +88,7 @@ uint32_t ProcMgrRun(const std::string& path, bool& isClean) {
 
 ProcessManager::ProcessManager(const std::string& path)
     : baseServiceCfgPath(path),
-      launcher_(cgroups_, coreAffinity_, bindCount_, &sharePool_),
+      launcher_(cgroups_, coreAffinity_, bindCount_, &sharePool_, &output_),
       picture_(baseServices_, generalApps_),
       sender_(pipes_, &picture_),
       pipes_([this](int32_t fd, const MuxaRequest* request,
@@ -117,12 +117,21 @@ ProcessManager::ProcessManager(const std::string& path)
       reaper_(
           {[this](int32_t pid, int32_t status) { return baseServices_.SetExitStatus(pid, status); },
            [this](int32_t pid, int32_t status) { return generalApps_.SetExitStatus(pid, status); },
-           [this](int32_t pid, int32_t /*status*/) { return launcher_.TakeHelperExit(pid); }},
+           [this](int32_t pid, int32_t /*status*/) { return launcher_.TakeHelperExit(pid); },
+           [this](int32_t /*pid*/, int32_t /*status*/) {
+               ++changes_.GetCounters().unknownExits;
+               return false;
+           }},
           [this] { HandleExit(); }, [this] { return HandleWakeUp(); }),
-      childErrorReader_(running_) {}
+      childErrorReader_(running_),
+      status_({baseServices_, generalApps_, pipes_, sender_, faults_, changes_, phases_}) {
+    phases_.Enter(Status::Phase::MAIN);
+}
 
 bool ProcessManager::Init() {
+    phases_.Enter(Status::Phase::INIT);
     LoadProcMgrCfg(SETTINGS_FILE, settings_);
+    KeepHistories();
     ProcMgrEnv& env = ProcMgrEnv::GetInstance();
     env.StorePid();
     bootCommandLine_.Read();
@@ -148,7 +157,26 @@ void ProcessManager::UpdateStartupYaml() {
     }
 }
 
+void ProcessManager::KeepHistories() {
+    if (settings_.statusEnable) {
+        changes_.Open();
+        baseServices_.KeepHistories(changes_);
+        generalApps_.KeepHistories(changes_);
+    }
+}
+
+void ProcessManager::StartStatus() {
+    if (settings_.statusEnable) {
+        status_.SetOutput({[this](const std::string& name) { return output_.GetOutput(name); },
+                           [this](const std::string& name) { return output_.LastLines(name); },
+                           [this] { return output_.GetDroppedLines(); }});
+        const bool isQuickStart = ProcMgrEnv::GetInstance().IsQuickStart();
+        status_.Start(settings_.statusGroup, {{}, baseServiceCfgPath, isQuickStart});
+    }
+}
+
 void ProcessManager::Run() {
+    StartStatus();
     // The start-up thread last: the others handle the processes that it starts.
     checkThread_.Start([this] { CheckThread(); });
     waitThread_.Start([this] { WaitThread(); });
@@ -164,12 +192,16 @@ void ProcessManager::Run() {
 
 void ProcessManager::StartUp() {
     try {
+        phases_.Enter(Status::Phase::PRIORITY_APPS);
         InitPriorityApps(baseServiceCfgPath);
         WaitContinueSignal();
+        phases_.Enter(Status::Phase::CONTINUE_INIT);
         ContinueProcMgrInit();
         RegisterPower();
         receiveChildProcessMsgThread_.Start([this] { ReceiveChildProcessMsgThread(); });
+        phases_.Enter(Status::Phase::BASE_SERVICES);
         baseStartup_.InitBaseApplication(baseServiceCfgPath);
+        phases_.Enter(Status::Phase::RUNNING);
         unlink(QUICK_START_MARKER);
         // Gives the memory that parsing took back to the system.
         malloc_trim(0);
@@ -235,7 +267,15 @@ bool ProcessManager::HandleWakeUp() {
     return checks_.WakeWhenQuiet();
 }
 
+void ProcessManager::WaitContinueSignal() {
+    if (ProcMgrEnv::GetInstance().IsQuickStart()) {
+        phases_.Enter(Status::Phase::WAITING_CONTINUE);
+    }
+    quickStartWait_.WaitContinueSignal();
+}
+
 void ProcessManager::BeginStop() {
+    phases_.Enter(Status::Phase::STOPPING);
     // Base start-up is stopped first, so that it starts no service once StopApplications() runs.
     reportedState_.Stop();
     isStopping_ = true;
@@ -270,9 +310,12 @@ bool ProcessManager::Shutdown() {
     childErrorReader_.Stop();
     checks_.Stop();
     sender_.Stop();
+    status_.Stop();
     WakeSignalEvent();
     unlink(QUICK_START_MARKER);
     bool isClean = JoinThreads(end);
+    // Before the pipes are closed: clients see them as they were while the daemon worked.
+    isClean = Ends("status", status_.Join(end)) && isClean;
     // After the start-up thread, which registers the power calls.
     isClean = Ends("power", EndPower(end)) && isClean;
     // After the power calls, which pin the same processes as the worker. A later request cannot
@@ -285,6 +328,8 @@ bool ProcessManager::Shutdown() {
     isClean = Ends("upload", uploadRegistry_.Close(end)) && isClean;
     // After every thread that opens a pipe or sends on one.
     isClean = Ends("messages", pipes_.CloseAll(end)) && isClean;
+    // After every thread that starts processes, those of the messages among them.
+    isClean = Ends("output", output_.Stop(end)) && isClean;
     // Last: every part above may have given the device worker calls to make.
     isClean = Ends("device", deviceWorker_.Drain(end)) && isClean;
     if (isClean) {

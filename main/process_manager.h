@@ -8,6 +8,7 @@
 #include <exception>
 #include <string>
 
+#include "app/change_log.h"
 #include "app/child_error_reader.h"
 #include "app/managed_records.h"
 #include "app/process_launcher.h"
@@ -33,6 +34,7 @@
 #include "main/common/check_requests.h"
 #include "main/common/mutex.h"
 #include "main/common/threads.h"
+#include "output/output_relay.h"
 #include "resource/affinity_check.h"
 #include "resource/bind_count.h"
 #include "resource/cgroup_mgr.h"
@@ -42,6 +44,8 @@
 #include "resource/periodic_checks.h"
 #include "resource/share_pool.h"
 #include "resource/upload_registry.h"
+#include "status/startup_phases.h"
+#include "status/status_endpoint.h"
 
 namespace ProcMgr {
 
@@ -96,8 +100,12 @@ private:
     void StartUp();
     // A base-service file on the boot command line replaces the one of the daemon's arguments.
     void UpdateStartupYaml();
+    // Switch the status endpoint on, if the settings ask for it: first the histories that it shows,
+    // before there are other threads, later its thread.
+    void KeepHistories();
+    void StartStatus();
     void InitPriorityApps(const std::string& path);
-    void WaitContinueSignal() { quickStartWait_.WaitContinueSignal(); }
+    void WaitContinueSignal();
     void ContinueProcMgrInit();
     void RegisterPower();
 
@@ -142,8 +150,11 @@ private:
     CoreAffinityMgr& coreAffinity_ = CoreAffinityMgr::GetInstance();
     BindCount& bindCount_ = BindCount::GetInstance();
     App::SensorNodeEventReporter& faults_ = App::SensorNodeEventReporter::GetInstance();
+    Status::StartupPhases phases_;  // entered by the main thread and the start-up thread
+    App::ChangeLog changes_;        // written by the histories of the records in both containers
     SharePool sharePool_{deviceWorker_};
-    App::ProcessLauncher launcher_;  // puts processes into groups of sharePool_
+    Output::OutputRelay output_;
+    App::ProcessLauncher launcher_;  // puts processes into groups of sharePool_; output_ reads them
     ReportedState reportedState_;
     CheckRequests checks_;
     StatePicture picture_;  // reads the states in both containers
@@ -167,6 +178,7 @@ private:
     BaseStartup baseStartup_;
     Reaper reaper_;  // stores exits in both containers and in launcher_
     ChildErrorReader childErrorReader_;
+    Status::StatusEndpoint status_;  // reads the containers, the pipes, the queues and the faults
 
     // The threads last: they use everything above.
     NamedThread startUpThread_{"start-up"};

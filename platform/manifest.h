@@ -17,6 +17,9 @@ namespace ProcMgr {
 // The library's own storage of one manifest; complete only inside the library.
 struct ManifestData;
 
+// Of manifest_output.h.
+struct OutputConfig;
+
 // The list of the file in which the manifest was an entry.
 enum class ManifestList { SERVICES, APPLICATIONS };
 
@@ -71,6 +74,8 @@ public:
     std::map<std::string, std::string> GetMatchData() const;
 
 private:
+    friend OutputConfig GetManifestOutput(const ApplicationManifest& manifest);
+
     std::shared_ptr<const ManifestData> data_;
 };
 

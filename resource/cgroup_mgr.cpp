@@ -17,6 +17,7 @@
 #include "main/common/numbers.h"
 #include "resource/cgroup_paths.h"
 #include "resource/cpu_num.h"
+#include "resource/host_resource_file.h"
 #include "resource/task_file.h"
 
 namespace ProcMgr {
@@ -25,7 +26,6 @@ namespace {
 constexpr const char* CPU_QUOTA = "/cpu.cfs_quota_us";
 constexpr const char* CPU_PERIOD = "/cpu.cfs_period_us";
 constexpr const char* MEMORY_SUFFIX = "_MEMORY";
-constexpr const char* HOST_CPU_SET = "HOST_CPU_SET";
 constexpr int32_t NO_QUOTA = -1;
 constexpr int32_t QUOTA_MIN = 1000;  // microseconds
 constexpr int64_t PERCENT = 100;

@@ -21,6 +21,8 @@ inline constexpr const char* HOST_RESOURCE_FILE = "/usr/bin/vela/env.cfg";
 inline constexpr uint32_t CGROUP_OK = 0;
 inline constexpr uint32_t CGROUP_FAILED = 15794959;
 
+struct CgroupSetEntry;
+
 // Asks for the limits of one cgroup set, a list of groups with percentages in the host resource
 // file, to be set or lifted.
 struct CgroupPolicyInfo {
@@ -81,10 +83,8 @@ private:
     using CgroupSet = std::map<std::string, int32_t>;  // percentage by group
 
     void ReadLines();
-    void ReadLine(std::string_view line);
-    void HandleKey(const std::string& key, std::string_view value);
-    bool ParseSet(const std::string& set, std::string_view value);
-    bool StoreEntry(const std::string& set, const std::string& group, const std::string& value)
+    void ReadLine(std::string_view text);
+    bool StoreEntry(const std::string& set, const CgroupSetEntry& entry)
         PROCMGR_EXCLUDES(setsMutex_);
     void DetectBlkIo();
     void LogSummary() const PROCMGR_EXCLUDES(setsMutex_);

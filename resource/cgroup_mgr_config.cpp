@@ -1,11 +1,7 @@
-// How CgroupMgr reads the host resource file. It has lines KEY=VALUE; the value of a cgroup set is
-// "group:percent;group:percent".
+// How CgroupMgr reads the host resource file.
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <memory>
@@ -13,42 +9,18 @@
 
 #include "main/common/line_reader.h"
 #include "main/common/log.h"
-#include "main/common/numbers.h"
 #include "main/common/proc_files.h"
 #include "resource/cgroup_mgr.h"
 #include "resource/cgroup_paths.h"
 #include "resource/cpu_num.h"
+#include "resource/host_resource_file.h"
 
 namespace ProcMgr {
 namespace {
 
-using namespace std::string_view_literals;
-
-constexpr size_t LINE_LENGTH_MAX = 511;
-constexpr std::string_view SPECIAL_CHARACTERS = ":=;_'\"/";
-constexpr std::string_view QUOTES = "\"'";
-constexpr const char* CPU_SWITCH_KEY = "HOST_CPU_SWITCH";
-// Keys without effect: the daemon writes no throttle file. Without this list they would be read as
-// cgroup sets.
-constexpr std::array IGNORED_KEYS = {"HOST_BLKIO_SWITCH"sv, "HOST_BLKIO_WRITE_BPS_SET"sv,
-                                     "HOST_BLKIO_READ_BPS_SET"sv};
 // In bytes; above the limit of every kernel.
 constexpr size_t COMMAND_LINE_LENGTH_MAX = 65536;
 constexpr const char* WRITEBACK_WORD = "cgroup1_writeback";
-
-// Whether the character may be in a line; a line with any other character is skipped.
-bool IsAllowed(char c) {
-    const auto character = static_cast<unsigned char>(c);
-    return std::isalpha(character) != 0 || (c >= '0' && c <= '9') ||
-           SPECIAL_CHARACTERS.find(c) != std::string_view::npos;
-}
-
-// The value without a pair of equal quotes around it.
-std::string_view Unquote(std::string_view value) {
-    const bool isQuoted = value.size() >= 2 && value.front() == value.back() &&
-                          QUOTES.find(value.front()) != std::string_view::npos;
-    return isQuoted ? value.substr(1, value.size() - 2) : value;
-}
 
 }  // namespace
 
@@ -75,7 +47,7 @@ void CgroupMgr::ReadLines() {
         if (c == '\n' || c == EOF) {
             ReadLine(line);
             line.clear();
-        } else if (line.size() == LINE_LENGTH_MAX) {
+        } else if (line.size() == HOST_RESOURCE_LINE_MAX) {
             return;
         } else {
             line += static_cast<char>(c);
@@ -86,66 +58,32 @@ void CgroupMgr::ReadLines() {
     }
 }
 
-void CgroupMgr::ReadLine(std::string_view line) {
-    const size_t equals = line.find('=');
-    if (equals == std::string_view::npos || equals == 0 || equals + 1 == line.size() ||
-        !std::all_of(line.begin(), line.end(), IsAllowed)) {
-        return;
-    }
-    HandleKey(std::string(line.substr(0, equals)), Unquote(line.substr(equals + 1)));
-}
-
-void CgroupMgr::HandleKey(const std::string& key, std::string_view value) {
-    if (std::find(IGNORED_KEYS.begin(), IGNORED_KEYS.end(), key) != IGNORED_KEYS.end()) {
-        return;
-    }
-    if (key == CPU_SWITCH_KEY) {
-        hostCpuSwitch_ = value != "0";
-        return;
-    }
-    if (!ParseSet(key, value)) {
-        isCfgOk_ = false;
+void CgroupMgr::ReadLine(std::string_view text) {
+    const HostResourceLine line = ParseHostResourceLine(text);
+    if (line.kind == HostResourceLine::Kind::SWITCH) {
+        hostCpuSwitch_ = line.value != "0";
+    } else if (line.kind == HostResourceLine::Kind::SET) {
+        isCfgOk_ = ParseCgroupSet(
+            line.value, [&](const CgroupSetEntry& entry) { return StoreEntry(line.key, entry); });
     }
 }
 
-// A group without a percentage of its own, as in "a:1;2", overwrites the percentage of the group
-// before it.
-bool CgroupMgr::ParseSet(const std::string& set, std::string_view value) {
-    std::string group;
-    std::string token;
-    for (const char c : value) {
-        if (c == ':') {
-            group.swap(token);
-            token.clear();
-        } else if (c != ';') {
-            token += c;
-        } else if (StoreEntry(set, group, token)) {
-            token.clear();
-        } else {
-            return false;
-        }
-    }
-    return group.empty() || StoreEntry(set, group, token);
-}
-
-bool CgroupMgr::StoreEntry(const std::string& set, const std::string& group,
-                           const std::string& value) {
-    if (group.empty() || value.empty()) {
+bool CgroupMgr::StoreEntry(const std::string& set, const CgroupSetEntry& entry) {
+    if (entry.fault == CgroupSetEntry::Fault::EMPTY) {
         ProcMgrSysLog(LOG_ERR,
                       "PROCMGR: CgroupMgr cgroup set(%s) config invalid, groupName(%s) or value(%s)"
                       " is empty",
-                      set.c_str(), group.c_str(), value.c_str());
+                      set.c_str(), entry.group.c_str(), entry.value.c_str());
         return false;
     }
     const LockGuard lock(setsMutex_);
-    const auto percentage = ParseLeadingNumber<int32_t>(value);
-    cgroupSets_[set][group] = percentage.value_or(0);
-    if (!percentage) {
+    cgroupSets_[set][entry.group] = entry.percentage;
+    if (entry.fault == CgroupSetEntry::Fault::NO_NUMBER) {
         ProcMgrSysLog(LOG_ERR,
                       "PROCMGR: CgroupMgr cgroup set(%s) config invalid, groupName=%s, value=%s",
-                      set.c_str(), group.c_str(), value.c_str());
+                      set.c_str(), entry.group.c_str(), entry.value.c_str());
     }
-    return percentage.has_value();
+    return entry.fault == CgroupSetEntry::Fault::NONE;
 }
 
 void CgroupMgr::DetectBlkIo() {

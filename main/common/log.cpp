@@ -11,12 +11,13 @@ namespace ProcMgr {
 namespace {
 
 std::atomic<bool> g_isKernel{false};
+std::atomic<bool> g_isOff{false};
 
 // The limit of the calling thread; null when it has none.
 thread_local LogLimit* g_limit = nullptr;
 
 void Add(LogSink sink, int level, const char* format, va_list arguments) {
-    if (LogLimit::Take(level)) {
+    if (!g_isOff && LogLimit::Take(level)) {
         LogQueue::Add(sink, level, format, arguments);
     }
 }
@@ -37,8 +38,16 @@ void ProcMgrSysLog(int level, const char* format, ...) {
     va_end(arguments);
 }
 
+bool LogServiceLine(const char* name, pid_t pid, std::string_view text) {
+    return LogQueue::AddOfService(name, pid, text);
+}
+
 void SetLogToKernel(bool isKernel) {
     g_isKernel = isKernel;
+}
+
+void SwitchLogOff() {
+    g_isOff = true;
 }
 
 void OpenLog() {
@@ -50,6 +59,10 @@ void OpenLog() {
 void CloseLog(std::chrono::milliseconds patience) {
     LogQueue::Close(patience);
     closelog();
+}
+
+uint64_t CountDroppedLogLines() {
+    return LogQueue::CountDropped();
 }
 
 void WriteLogInSignal() {

@@ -3,10 +3,13 @@
 // lines are queued and written by a thread of the log. A child between fork and exec must not log.
 #pragma once
 
+#include <sys/types.h>
 #include <syslog.h>
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <string_view>
 
 namespace ProcMgr {
 
@@ -19,15 +22,26 @@ void ProcMgrLog(int level, const char* format, ...) __attribute__((format(printf
 // The same, but always to syslog: for lines that must not fill the kernel log.
 void ProcMgrSysLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+// Logs a line that the process `pid` of the service `name` has written: "NAME[PID]: TEXT" to
+// syslog, at LOG_INFO in the facility LOG_DAEMON. The text has no control characters. False when
+// the queue is half full, and the line is dropped and counted: the other half is for the daemon's
+// own lines.
+bool LogServiceLine(const char* name, pid_t pid, std::string_view text);
+
 // Selects where the lines of ProcMgrLog() go from now on: the kernel log or syslog, which is the
 // default.
 void SetLogToKernel(bool isKernel);
+
+// Drops all lines from now on: for tools that use the daemon's parsers.
+void SwitchLogOff();
 
 // Sets the daemon's identity for libraries that call syslog() themselves.
 void OpenLog();
 // Writes out the queued lines, for at most `patience`, and ends the log's thread. The next line
 // starts it again.
 void CloseLog(std::chrono::milliseconds patience = std::chrono::milliseconds(250));
+// The number of lines since the start that the system logger has not got.
+uint64_t CountDroppedLogLines();
 // Writes out the queued lines that can be written at once. Async-signal-safe; for a process that is
 // about to end.
 void WriteLogInSignal();

@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <span>
@@ -33,6 +35,10 @@ constexpr size_t LINE_MAX_LENGTH = 8192;
 // Buffer size, in bytes, of the line that reports the number of dropped lines.
 constexpr size_t COUNT_LINE_LENGTH = 256;
 constexpr size_t STAMP_LENGTH = sizeof("Mmm dd hh:mm:ss") - 1;
+// The lines of services may take up so many bytes of the ring.
+constexpr size_t SERVICE_SHARE = SYSTEM_RING / 2;
+// The longest name of a service in the log; a longer one is cut.
+constexpr int NAME_MAX_LENGTH = 127;
 constexpr size_t BATCH = 64;
 // After a line the thread stays awake for this time: in a burst of lines the logging threads then
 // do not have to wake it for each.
@@ -57,7 +63,9 @@ class Writer {
 public:
     void Add(LogSink sink, int level, const char* format, va_list arguments)
         PROCMGR_EXCLUDES(mutex_);
+    bool AddOfService(const char* name, pid_t pid, std::string_view text) PROCMGR_EXCLUDES(mutex_);
     void Close(std::chrono::milliseconds patience) PROCMGR_EXCLUDES(mutex_);
+    uint64_t CountDropped() const { return droppedInAll_; }
     // In a signal handler no lock can be taken: see LogRing::VisitInSignal().
     void WriteInSignal() PROCMGR_UNCHECKED;
 
@@ -72,8 +80,14 @@ private:
     // Return the length of the header.
     size_t WriteHeader(LogSink sink, int level, char* out) PROCMGR_REQUIRES(mutex_);
     void UpdateStamp(time_t now) PROCMGR_REQUIRES(mutex_);
-    size_t WriteSystemHeader(int level, char* out) PROCMGR_REQUIRES(mutex_);
+    size_t WriteSystemHeader(int level, char* out) PROCMGR_REQUIRES(mutex_) {
+        return WriteSyslogHeader(LOG_USER | level, PROCMGR_NAME, pid_, out);
+    }
+    size_t WriteSyslogHeader(int priority, const char* name, pid_t pid, char* out)
+        PROCMGR_REQUIRES(mutex_);
     void Format(LogSink sink, int level, const char* format, va_list arguments)
+        PROCMGR_REQUIRES(mutex_);
+    bool FormatOfService(const char* name, pid_t pid, std::string_view text)
         PROCMGR_REQUIRES(mutex_);
 
     // The operations of the log's thread.
@@ -87,6 +101,10 @@ private:
         PROCMGR_EXCLUDES(mutex_);
     static void WriteKernelLine(std::string_view line);
     void PopLines(LogSink sink, size_t count) PROCMGR_EXCLUDES(mutex_);
+    void CountDrop() PROCMGR_REQUIRES(mutex_) {
+        ++dropped_;
+        ++droppedInAll_;
+    }
     // Drops the lines of the system ring that have waited too long for a logger.
     void DropStale() PROCMGR_EXCLUDES(mutex_);
     void ReportDropped() PROCMGR_EXCLUDES(mutex_);
@@ -99,6 +117,7 @@ private:
     LogRing kernel_ PROCMGR_GUARDED_BY(mutex_){KERNEL_RING};
     // Number of lines dropped for lack of room since the logger last accepted a line.
     uint64_t dropped_ PROCMGR_GUARDED_BY(mutex_) = 0;
+    std::atomic<uint64_t> droppedInAll_{0};  // since the start of the process
     // The stamp of a line without its year, and the first second of its minute.
     std::array<char, STAMP_LENGTH + 1> stamp_ PROCMGR_GUARDED_BY(mutex_){};
     time_t stampMinute_ PROCMGR_GUARDED_BY(mutex_) = 0;
@@ -138,11 +157,41 @@ void Writer::Add(LogSink sink, int level, const char* format, va_list arguments)
     added_.NotifyOne();
 }
 
+bool Writer::AddOfService(const char* name, pid_t pid, std::string_view text) {
+    bool isAdded = false;
+    {
+        const LockGuard lock(mutex_);
+        if (!isRunning_) {
+            Start();
+        }
+        isAdded = FormatOfService(name, pid, text);
+        if (!std::exchange(isIdle_, false)) {
+            return isAdded;
+        }
+    }
+    // Without the lock, because the thread takes it.
+    added_.NotifyOne();
+    return isAdded;
+}
+
+bool Writer::FormatOfService(const char* name, pid_t pid, std::string_view text) {
+    char* line = system_.GetUsed() < SERVICE_SHARE ? system_.Reserve(LINE_MAX_LENGTH) : nullptr;
+    if (line == nullptr) {
+        ++dropped_;
+        return false;
+    }
+    const size_t header = WriteSyslogHeader(LOG_DAEMON | LOG_INFO, name, pid, line);
+    const size_t length = std::min(text.size(), LINE_MAX_LENGTH - header);
+    std::memcpy(line + header, text.data(), length);
+    system_.Commit(header + length, CoarseSecond());
+    return true;
+}
+
 void Writer::Format(LogSink sink, int level, const char* format, va_list arguments) {
     LogRing& ring = RingOf(sink);
     char* line = ring.Reserve(LINE_MAX_LENGTH);
     if (line == nullptr) {
-        ++dropped_;
+        CountDrop();
         return;
     }
     const size_t header = WriteHeader(sink, level, line);
@@ -176,11 +225,11 @@ void Writer::UpdateStamp(time_t now) {
     digits[1] = static_cast<char>('0' + second % 10);
 }
 
-// "<PRI>Mmm dd hh:mm:ss IDENT[PID]: ", as syslog() has it.
-size_t Writer::WriteSystemHeader(int level, char* out) {
+// "<PRI>Mmm dd hh:mm:ss NAME[PID]: ", as syslog() has it.
+size_t Writer::WriteSyslogHeader(int priority, const char* name, pid_t pid, char* out) {
     UpdateStamp(time(nullptr));
-    const int length = std::snprintf(out, LINE_MAX_LENGTH, "<%d>%s %s[%d]: ", LOG_USER | level,
-                                     stamp_.data(), PROCMGR_NAME, pid_);
+    const int length = std::snprintf(out, LINE_MAX_LENGTH, "<%d>%s %.*s[%d]: ", priority,
+                                     stamp_.data(), NAME_MAX_LENGTH, name, pid);
     return static_cast<size_t>(std::max(length, 0));
 }
 
@@ -301,7 +350,7 @@ void Writer::DropStale() {
         }
         PopLines(LogSink::SYSTEM, 1);
         const LockGuard lock(mutex_);
-        ++dropped_;
+        CountDrop();
     }
 }
 
@@ -349,8 +398,16 @@ void LogQueue::Add(LogSink sink, int level, const char* format, va_list argument
     GetWriter().Add(sink, level, format, arguments);
 }
 
+bool LogQueue::AddOfService(const char* name, pid_t pid, std::string_view text) {
+    return GetWriter().AddOfService(name, pid, text);
+}
+
 void LogQueue::Close(std::chrono::milliseconds patience) {
     GetWriter().Close(patience);
+}
+
+uint64_t LogQueue::CountDropped() {
+    return GetWriter().CountDropped();
 }
 
 void LogQueue::WriteInSignal() {

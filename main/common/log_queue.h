@@ -4,8 +4,12 @@
 // lines again. Only log.cpp calls these functions.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdarg>
+#include <cstdint>
+#include <string_view>
 
 namespace ProcMgr {
 
@@ -18,8 +22,14 @@ namespace LogQueue {
 // LOG_DEBUG. Never waits for a sink.
 void Add(LogSink sink, int level, const char* format, va_list arguments);
 
+// Adds one line of a service for the system logger; see LogServiceLine(). Never waits for a sink.
+bool AddOfService(const char* name, pid_t pid, std::string_view text);
+
 // Writes out the queued lines, for at most `patience`, and ends the thread.
 void Close(std::chrono::milliseconds patience);
+
+// The number of lines that have been dropped since the start of the process.
+uint64_t CountDropped();
 
 // Writes out the queued lines that can be written at once. Async-signal-safe; for a process that is
 // about to end.

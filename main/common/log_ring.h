@@ -29,6 +29,8 @@ public:
         uint32_t second = 0;    // as given to Commit()
     };
     bool IsEmpty() const { return tail_ == head_; }
+    // The bytes that the lines take.
+    size_t GetUsed() const { return head_ - tail_; }
     // Fills `lines` with the oldest lines; returns their number.
     size_t Peek(std::span<Line> lines) const;
     // Removes the oldest line. Only when the ring is not empty.

@@ -1,6 +1,7 @@
 #include "platform/manifest.h"
 
 #include "platform/host/manifest_data.h"
+#include "platform/manifest_output.h"
 
 namespace ProcMgr {
 
@@ -137,6 +138,12 @@ std::string ApplicationManifest::GetSetRtType() const {
 
 std::map<std::string, std::string> ApplicationManifest::GetMatchData() const {
     return data_->match;
+}
+
+// In this file and not in one of its own: a linker takes no member from an archive for a weak
+// reference, but it takes this one for the functions above.
+OutputConfig GetManifestOutput(const ApplicationManifest& manifest) {
+    return manifest.data_->output;
 }
 
 }  // namespace ProcMgr

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/manifest.h"
+#include "platform/manifest_output.h"
 
 namespace ProcMgr {
 
@@ -49,6 +50,7 @@ struct ManifestData {
     std::string vfIdPattern;
     bool dynamic = false;
     std::map<std::string, std::string> match;
+    OutputConfig output;
 };
 
 }  // namespace ProcMgr

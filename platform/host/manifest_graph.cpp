@@ -1,60 +1,19 @@
-// The dependency graph of platform/manifest.h: DependGraph, and GetStartGraph of ParseAndDepend
-// with the search for cycles.
+// The dependency graph of platform/manifest.h: DependGraph, and GetStartGraph of ParseAndDepend.
 #include <syslog.h>
 
-#include <algorithm>
+#include <utility>
 
 #include "platform/host/diagnostics.h"
+#include "platform/host/start_graph.h"
 #include "platform/manifest.h"
 
 namespace ProcMgr {
 namespace {
 
-using Dependencies = std::map<std::string, std::set<std::string>>;
-
-// Returns the vertices that never become free: the vertices on a cycle, and the vertices that wait
-// for one of these. All others are removed in the order in which they become free.
-Dependencies VerticesThatNeverBecomeFree(DependGraph graph, Dependencies edges) {
-    for (std::vector<std::string> free = graph.GetNoDependVertices(); !free.empty();
-         free = graph.GetNoDependVertices()) {
-        for (const std::string& name : free) {
-            graph.Pop(name);
-            edges.erase(name);
-        }
-    }
-    return edges;
-}
-
-// Walks from vertex to vertex until it reaches a vertex that is in `walked`, and returns the part
-// of this walk that is a cycle; empty when the walk ended at a vertex of an earlier walk.
-std::vector<std::string> WalkToCycle(const Dependencies& stuck, const std::string& start,
-                                     std::set<std::string>& walked) {
-    std::vector<std::string> walk;
-    std::string at = start;
-    while (walked.insert(at).second) {
-        walk.push_back(at);
-        const std::set<std::string>& waitsFor = stuck.at(at);
-        // Each vertex that never becomes free waits for another such vertex.
-        at = *std::find_if(waitsFor.begin(), waitsFor.end(),
-                           [&stuck](const std::string& next) { return stuck.contains(next); });
-    }
-    walk.erase(walk.begin(), std::find(walk.begin(), walk.end(), at));
-    return walk;
-}
-
-void ReportCycles(const Dependencies& stuck) {
-    std::set<std::string> walked;
-    for (const auto& [start, unused] : stuck) {
-        const std::vector<std::string> cycle = WalkToCycle(stuck, start, walked);
-        if (cycle.empty()) {
-            continue;
-        }
-        std::string text = "dependency cycle, none of these can start: ";
-        for (const std::string& name : cycle) {
-            text += name;
-            text += " -> ";
-        }
-        PlatformHost::WriteDiagnostic(LOG_ERR, text + cycle.front());
+void ReportCycles(const std::vector<std::vector<std::string>>& cycles) {
+    for (const std::vector<std::string>& cycle : cycles) {
+        PlatformHost::WriteDiagnostic(LOG_ERR, "dependency cycle, none of these can start: " +
+                                                   PlatformHost::CycleText(cycle));
     }
 }
 
@@ -102,23 +61,9 @@ void DependGraph::Add(const std::string& name, const std::set<std::string>& depe
 }
 
 int ParseAndDepend::GetStartGraph(const std::vector<std::string>& names, DependGraph& graph) {
-    const std::set<std::string> chosen(names.begin(), names.end());
-    Dependencies edges;
-    DependGraph built;
-    for (const std::string& name : chosen) {
-        std::set<std::string>& waitsFor = edges[name];
-        const auto known = depends_.find(name);
-        if (known != depends_.end()) {
-            std::copy_if(known->second.begin(), known->second.end(),
-                         std::inserter(waitsFor, waitsFor.end()),
-                         [&](const std::string& depend) { return chosen.contains(depend); });
-        }
-        built.Add(name, waitsFor);
-    }
-    if (built.GetNoDependVertices().size() < chosen.size()) {
-        ReportCycles(VerticesThatNeverBecomeFree(built, std::move(edges)));
-    }
-    graph = std::move(built);
+    PlatformHost::StartGraph built = PlatformHost::MakeStartGraph(names, depends_);
+    ReportCycles(PlatformHost::FindCycles(built));
+    graph = std::move(built.graph);
     return 0;
 }
 

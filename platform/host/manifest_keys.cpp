@@ -85,6 +85,7 @@ void ReadCoreAffinity(const ManifestValue& value, ManifestData& data) {
 }
 
 void ReadSharepoolGroup(const ManifestValue& value, ManifestData& data) {
+    static constexpr std::array<std::string_view, 2> MEMBERS{"group", "access"};
     std::string group;
     std::string access;
     for (const YamlChild& member : value.Map()) {
@@ -94,7 +95,7 @@ void ReadSharepoolGroup(const ManifestValue& value, ManifestData& data) {
         } else if (member.key == "access") {
             access = part.NonEmptyText();
         } else {
-            part.Warn("unknown key, ignored");
+            part.WarnUnknown(MEMBERS);
         }
     }
     if (group.empty() || access.empty()) {
@@ -176,12 +177,13 @@ constexpr auto KEYS = std::to_array<ManifestKey>({
     {"vf_id", false, ReadVfId},
     {"dynamic", false, ReadBool<&Data::dynamic>},
     {"match", true, ReadTextMap<&Data::match>},
+    {"output", false, ReadOutput},
 });
 
 }  // namespace
 
 ManifestValue::ManifestValue(const std::string& file, const YamlChild& child,
-                             std::vector<std::string>& warnings)
+                             std::vector<ManifestProblem>& warnings)
     : file_(file), child_(child), warnings_(warnings) {}
 
 ManifestValue ManifestValue::Element(const YamlChild& element) const {
@@ -199,8 +201,8 @@ std::string ManifestValue::ElementText() const {
            (child_.key.empty() ? std::to_string(index + 1) : Quoted(child_.key)) + ": ";
 }
 
-std::string ManifestValue::Message(const std::string& problem) const {
-    return ManifestMessage(file_, child_.line, Key(), ElementText() + problem);
+ManifestProblem ManifestValue::Problem(const std::string& problem) const {
+    return {file_, child_.line, std::string(Key()), ElementText() + problem};
 }
 
 std::string ManifestValue::Text() const {
@@ -208,6 +210,10 @@ std::string ManifestValue::Text() const {
         Fail(std::string("expected text, got ") + KindName(child_.node->kind));
     }
     return std::string(child_.node->text);
+}
+
+bool ManifestValue::IsNullWord() const {
+    return child_.node->kind == YamlKind::NOTHING && child_.node->text == "null";
 }
 
 std::string ManifestValue::NonEmptyText() const {
@@ -311,17 +317,17 @@ std::span<const YamlChild> ManifestValue::Map() const {
     return child_.node->children;
 }
 
-std::string ManifestMessage(const std::string& file, uint32_t line, std::string_view key,
-                            const std::string& problem) {
-    return file + ":" + std::to_string(line) + ": key " + Quoted(key) + ": " + problem;
-}
-
 void ManifestValue::Fail(const std::string& problem) const {
-    throw ManifestFault(Message(problem));
+    throw ManifestFault(Problem(problem));
 }
 
 void ManifestValue::Warn(const std::string& problem) const {
-    warnings_.push_back(Message(problem));
+    warnings_.push_back(Problem(problem));
+}
+
+void ManifestValue::WarnUnknown(std::span<const std::string_view> known) const {
+    Warn("unknown key, ignored");
+    warnings_.back().known = known;
 }
 
 std::span<const ManifestKey> ManifestKeys() {

@@ -5,12 +5,12 @@
 #include <cstdint>
 #include <map>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/host/manifest_data.h"
+#include "platform/host/manifest_problem.h"
 #include "platform/host/yaml_tree.h"
 
 namespace PlatformHost {
@@ -18,17 +18,12 @@ namespace PlatformHost {
 using ProcMgr::ManifestData;
 using ProcMgr::ManifestList;
 
-// Ends the parse; what() is the whole message.
-struct ManifestFault : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 // The value of one key of one file, read with checks. Keeps references to the arguments of its
 // constructor; `warnings` collects messages that do not end the parse.
 class ManifestValue {
 public:
     ManifestValue(const std::string& file, const YamlChild& child,
-                  std::vector<std::string>& warnings);
+                  std::vector<ManifestProblem>& warnings);
 
     // Each throws ManifestFault when the value is not of that kind or out of range.
     std::string Text() const;
@@ -41,6 +36,10 @@ public:
 
     // Text that is valid as the name of an application or service.
     std::string Name() const;
+    bool IsMap() const { return child_.node->kind == YamlKind::MAP; }
+    // Whether the value is the word of YAML for nothing, written out: null.
+    bool IsNullWord() const;
+
     // Text; a pattern has to be usable.
     std::string TextOrPattern() const;
 
@@ -50,18 +49,19 @@ public:
 
     [[noreturn]] void Fail(const std::string& problem) const;
     void Warn(const std::string& problem) const;
+    // The warning about a key that is none of `known`, which lives as long as the program.
+    void WarnUnknown(std::span<const std::string_view> known) const;
 
 private:
     int64_t ParsedNumber() const;
-    // "FILE:LINE: key 'KEY': element 'x': PROBLEM"; the part about the element only inside a list
-    // or map.
-    std::string Message(const std::string& problem) const;
+    // "element 'x': PROBLEM" inside a list or map, else only the problem.
+    ManifestProblem Problem(const std::string& problem) const;
     std::string ElementText() const;
     std::string_view Key() const { return list_ == nullptr ? child_.key : list_->Key(); }
 
     const std::string& file_;
     const YamlChild& child_;
-    std::vector<std::string>& warnings_;
+    std::vector<ManifestProblem>& warnings_;
     const ManifestValue* list_ = nullptr;  // the list or map that this value is an element of
 };
 
@@ -71,14 +71,13 @@ struct ManifestKey {
     void (*read)(const ManifestValue& value, ManifestData& data);
 };
 
+// The reader of the key "output".
+void ReadOutput(const ManifestValue& value, ManifestData& data);
+
 // Every key of an entry.
 std::span<const ManifestKey> ManifestKeys();
 
 // Returns null when `name` is no key of an entry of `list`.
 const ManifestKey* FindManifestKey(std::string_view name, ManifestList list);
-
-// Returns "FILE:LINE: key 'KEY': PROBLEM".
-std::string ManifestMessage(const std::string& file, uint32_t line, std::string_view key,
-                            const std::string& problem);
 
 }  // namespace PlatformHost

@@ -56,7 +56,8 @@ bool KvsTypeYaml::GetBool() const {
 }
 
 std::string KvsTypeYaml::GetString() const {
-    return node_->yaml != nullptr ? std::string(node_->yaml->text) : std::string();
+    const bool isText = node_->yaml != nullptr && node_->yaml->kind == YamlKind::TEXT;
+    return isText ? std::string(node_->yaml->text) : std::string();
 }
 
 size_t KvsTypeYaml::GetSize() const {

@@ -105,7 +105,7 @@ ManifestLoad LoadAndReport(const std::string& path) {
     }
     const size_t written = std::min(load.warnings.size(), WARNINGS_MAX);
     for (size_t i = 0; i < written; ++i) {
-        WriteDiagnostic(LOG_WARNING, load.warnings[i]);
+        WriteDiagnostic(LOG_WARNING, load.warnings[i].Text());
     }
     if (load.warnings.size() > written) {
         WriteDiagnostic(LOG_WARNING, path + ": " + std::to_string(load.warnings.size() - written) +

@@ -133,7 +133,7 @@ private:
         const YamlKind kind = isNothing ? YamlKind::NOTHING : YamlKind::TEXT;
         const size_t cost = NODE_COST + value.size();
         Charge(cost, line);
-        Finish(NewNode(kind, line, isNothing ? "" : value), ToView(scalar.anchor), cost);
+        Finish(NewNode(kind, line, value), ToView(scalar.anchor), cost);
     }
 
     void AddAlias(std::string_view anchor, uint32_t line) {

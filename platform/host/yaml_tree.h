@@ -31,8 +31,8 @@ struct YamlNode {
         : kind(kindOfNode), line(where), text(value, memory), children(memory) {}
 
     const YamlKind kind;
-    const uint32_t line;  // counted from 1
-    const std::pmr::string text;
+    const uint32_t line;                   // counted from 1
+    const std::pmr::string text;           // of NOTHING: how the file spells it, for example "null"
     std::pmr::vector<YamlChild> children;  // in file order; keys are unique
 
     // The value under `key`, or null when this is not a map or has no such key.

@@ -66,9 +66,10 @@ protected:
     }
 
     // Runs the child's part of a launch. Returns EXECUTED or the exit status.
-    static int Run(LaunchPlan plan) {
+    static int Run(LaunchPlan plan, int output = -1) {
         plan.environment = MakeChildEnvironment(plan);
         ChildContext child(std::move(plan), BindCount::GetInstance());
+        child.output = output;
         try {
             RunChild(child);
         } catch (const Fakes::ChildExecuted&) {
@@ -152,6 +153,21 @@ TEST_F(ChildSetupTest, ADelayedApplicationPinsItselfOnlyAfterABindSinceTheFork) 
         EXPECT_EQ(calls.at(calls.size() - 2),
                   "sched_setaffinity 4711 " + std::to_string(isBound ? 1 : CPU_NUM));
     }
+}
+
+TEST_F(ChildSetupTest, TheOutputIsConnectedBeforeTheIdentityChanges) {
+    for (const bool isFailing : {false, true}) {
+        FakeSys::Get().Reset();
+        FakeSys::Get().Fail(isFailing ? "dup2 5 2" : "nothing", EBUSY);
+        EXPECT_EQ(Run(FullPlan(AppKind::BASE), 5), EXECUTED);
+        const auto calls = FakeSys::Get().StepCalls();
+        const auto first = std::find(calls.begin(), calls.end(), "dup2 5 1");
+        ASSERT_LT(first + 1, calls.end());
+        EXPECT_EQ(first[1], "dup2 5 2");
+        EXPECT_LT(first, std::find(calls.begin(), calls.end(), "setgroups 7,30"));
+        EXPECT_EQ(Calls("write").empty(), !isFailing);
+    }
+    EXPECT_EQ(Calls("write"), std::vector{PREFIX + "dup2 of the output failed, errno=16;"});
 }
 
 TEST_F(ChildSetupTest, SignalsAreBackAtTheirDefaultsBeforeTheProgramRuns) {

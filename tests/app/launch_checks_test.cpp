@@ -50,15 +50,17 @@ TEST_F(LaunchChecks, ArgumentsAndAbsentPrograms) {
         LogCapture::Clear();
         // The arguments are checked before the program.
         for (const char illegal : std::string("|;><`&()$")) {
-            EXPECT_FALSE(
-                CheckChildProParas("svc", "/run/absent", 0, {"-x", {'a', illegal, 'b'}}, users));
+            EXPECT_EQ(
+                CheckChildProParas("svc", "/run/absent", 0, {"-x", {'a', illegal, 'b'}}, users),
+                StartRefusal::ARGUMENTS);
         }
         const LogLine refusal{LOG_ERR,
                               "PROCMGR : CheckChildProParas App=svc arguments include illegal str"};
         EXPECT_EQ(LogCapture::Lines(), Lines(9, refusal));
-        EXPECT_TRUE(CheckChildProParas("svc", PROGRAM, 0, {"", "a b", "'\"*?~#!{}[]\\\n%"}, users));
+        EXPECT_EQ(CheckChildProParas("svc", PROGRAM, 0, {"", "a b", "'\"*?~#!{}[]\\\n%"}, users),
+                  StartRefusal::NONE);
         for (const std::string path : {"", "/run/absent", "/run/dangling"}) {
-            EXPECT_FALSE(CheckChildProParas("svc", path, 0, {}, users));
+            EXPECT_EQ(CheckChildProParas("svc", path, 0, {}, users), StartRefusal::MISSING);
             EXPECT_EQ(LogCapture::Lines().back().text,
                       "PROCMGR : Start App=svc failed, binPath=" + path + " is not existed !!!");
         }
@@ -95,7 +97,9 @@ TEST_F(LaunchChecks, Permissions) {
             LayProgram(mode, group);
             UserGroupsCache users;
             LogCapture::Clear();
-            EXPECT_EQ(CheckChildProParas("svc", PROGRAM, uid, {}, users), refusal.empty()) << uid;
+            EXPECT_EQ(CheckChildProParas("svc", PROGRAM, uid, {}, users),
+                      refusal.empty() ? StartRefusal::NONE : StartRefusal::NOT_EXECUTABLE)
+                << uid;
             const std::string who = uid == 0 ? " is root" : "=" + std::to_string(uid);
             EXPECT_EQ(LogCapture::Contains(LOG_ERR, "PROCMGR : Start App=svc failed, cfg uid" +
                                                         who + ", but binPath=" + PROGRAM + refusal +

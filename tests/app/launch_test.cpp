@@ -59,6 +59,11 @@ protected:
         ASSERT_TRUE(Tests::WaitUntil([&] { return StatusValue(pid_, "Name") == "sleep"; }));
     }
 
+    static size_t CountDescriptors() {
+        const std::filesystem::directory_iterator entries("/proc/self/fd");
+        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+    }
+
     pid_t pid_ = -1;
 };
 
@@ -83,6 +88,27 @@ TEST_P(LaunchTest, ALaunchKeepsTheSignalMaskAndPassesOnNoDescriptor) {
         return std::distance(begin(entries), end(entries)) == 3;
     })) << "only its standard streams";
     close(fd);
+}
+
+TEST_P(LaunchTest, TheOutputGoesWhereTheManifestSaysAndLeavesNoDescriptor) {
+    Output::OutputRelay relay;
+    ProcessLauncher launcher(CgroupMgr::GetInstance(), CoreAffinityMgr::GetInstance(),
+                             BindCount::GetInstance(), nullptr, &relay);
+    ManifestData data = SomeService();
+    data.bin = "/bin/echo";
+    data.args = {"hello"};
+    data.output.kind = OutputKind::SYSLOG;
+    relay.Prepare("first", data.output, 0);  // makes what is made once
+    const size_t descriptors = CountDescriptors();
+    for (int start = 0; start < 10; ++start) {
+        BaseAppInfo app(Manifest(data));
+        std::optional<LaunchPlan> plan = launcher.Prepare(app);
+        ASSERT_TRUE(plan && app.StartProcess(launcher, *plan));
+        ASSERT_EQ(waitpid(app.pid_, nullptr, 0), app.pid_);
+        EXPECT_TRUE(LogCapture::WaitFor(LOG_INFO, "svc[" + std::to_string(app.pid_) + "]: hello"));
+        launcher.Prepare(app);  // a plan that is not used
+    }
+    EXPECT_TRUE(Tests::WaitUntil([&] { return CountDescriptors() == descriptors; }));
 }
 
 TEST_P(LaunchTest, AFullErrorPipeDoesNotStopAChild) {
@@ -139,11 +165,7 @@ TEST_P(LaunchTest, NoneOfManyChildrenIsLostOrHoldsALock) {
     BaseAppInfo first(Manifest(SomeService()));
     ASSERT_TRUE(StartNow(first));  // makes what is made once
     ASSERT_GT(wait(nullptr), 0);
-    const auto countDescriptors = [] {
-        const std::filesystem::directory_iterator entries("/proc/self/fd");
-        return std::distance(begin(entries), end(entries));
-    };
-    const auto descriptors = countDescriptors();
+    const size_t descriptors = CountDescriptors();
     std::atomic<bool> isRunning{true};
     std::atomic<pid_t> newest{0};
     std::mutex mutex;
@@ -203,7 +225,7 @@ TEST_P(LaunchTest, NoneOfManyChildrenIsLostOrHoldsALock) {
     }
     alarm(0);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
-    EXPECT_EQ(countDescriptors(), descriptors);
+    EXPECT_EQ(CountDescriptors(), descriptors);
     StartSleeping();
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "config/settings_keys.h"
 #include "tests/fakes/log_capture.h"
 #include "tests/support/files.h"
 
@@ -22,7 +23,8 @@ protected:
         LoadProcMgrCfg(path_, settings);
         return "enable=" + std::to_string(settings.watchDogEnable) +
                " timeout=" + settings.watchDogTimeout + " action=" + settings.watchDogAction +
-               " pmupload=" + std::to_string(settings.pmuploadEnable);
+               " pmupload=" + std::to_string(settings.pmuploadEnable) +
+               (settings.statusEnable ? " status=" + settings.statusGroup : "");
     }
     std::string Load(const std::string& contents) const {
         Tests::WriteFile(path_, contents);
@@ -80,6 +82,42 @@ TEST_F(Settings, Values) {
                       " pmupload=" + isEnabled);
         EXPECT_EQ(LogCapture::Lines().size(), 2U) << timeout;
     }
+}
+
+// Each row of the table is a key that the daemon reads, with the daemon's rule for its value.
+TEST_F(Settings, TheTableOfKeysIsWhatTheDaemonReads) {
+    // Two values of each SettingKind that the daemon does not take for the same.
+    const std::pair<const char*, const char*> values[] = {
+        {"true", "false"}, {"7", "8"}, {"0", "1"}, {"one", "other"}};
+    for (const SettingKey& key : SettingKeys()) {
+        if (key.section == std::string("status")) {
+            continue;  // see TheStatusEndpointIsOffUnlessEnabled
+        }
+        const auto load = [&](const std::string& value) {
+            return Load(std::string(key.section) + ":\n  " + key.name + ": " + value + "\n");
+        };
+        const auto& [value, other] = values[static_cast<size_t>(key.kind)];
+        EXPECT_TRUE(IsSettingValue(key.kind, value));
+        EXPECT_NE(load(value), load(other)) << key.section << '.' << key.name;
+        if (!IsSettingValue(key.kind, "x")) {
+            EXPECT_EQ(load("x"), Load(std::string(key.section) + ":\n"));
+        }
+    }
+}
+
+// The status endpoint opens a door: only a clear "enable" switches it on, and an absent section is
+// not logged.
+TEST_F(Settings, TheStatusEndpointIsOffUnlessEnabled) {
+    const std::string others = "watch_dog: {}\npmupload: {}\n";
+    const std::string off = Load(others);
+    const size_t lines = LogCapture::Lines().size();
+    for (const char* section : {"", "{}", "{group: g}", "{enable: perhaps}", "{enable: false}"}) {
+        EXPECT_EQ(Load(others + "status: " + section + "\n"), off) << section;
+        EXPECT_EQ(LogCapture::Lines().size(), lines + 1);
+    }
+    EXPECT_EQ(Load(others + "status: {enable: true, group: [g]}\n"), off + " status=");
+    EXPECT_EQ(Load(others + "status: {enable: true, group: adm}\n"), off + " status=adm");
+    EXPECT_EQ(LogCapture::Lines().back().text, "PROCMGR: LoadStatusCfg finish enable=1, group=adm");
 }
 
 }  // namespace

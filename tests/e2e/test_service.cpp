@@ -14,6 +14,7 @@
 //   hello SOCKET         connects to SOCKET once
 //   skip-if FILE COUNT   skips the next COUNT arguments if FILE exists, else makes FILE
 //   beat NAME            sends heartbeats as NAME
+//   say FD TEXT          writes the line TEXT to the descriptor
 //   kill-group           sends SIGTERM to its process group
 //   stay                 waits for a signal
 //   exit CODE            ends
@@ -160,6 +161,12 @@ void Beat() {
     g_heartbeat->Start(ProcMgr::Agent::HEARTBEAT_PERIOD);
 }
 
+void Say() {
+    const int fd = std::stoi(TakeArgument());
+    const std::string line = TakeArgument() + "\n";
+    [[maybe_unused]] const ssize_t size = write(fd, line.data(), line.size());
+}
+
 // Each action takes the arguments that follow it.
 const std::map<std::string, void (*)()> ACTIONS = {
     {"touch", [] { std::ofstream(TakeArgument()).flush(); }},
@@ -177,6 +184,7 @@ const std::map<std::string, void (*)()> ACTIONS = {
     {"hello", [] { ProcMgr::Agent::ConnectSocket(TakeArgument()); }},
     {"skip-if", SkipIf},
     {"beat", Beat},
+    {"say", Say},
     {"kill-group", [] { kill(0, SIGTERM); }},
     {"stay",
      [] {

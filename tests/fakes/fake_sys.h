@@ -23,7 +23,7 @@ struct ChildExited {
 // 1 50", "nice 5", "setgroups 1,2", "setgid 7", "setsid", "setuid 8", "setenv NAME=VALUE",
 // "ZornInitProc NAME PATH", "write FD TEXT", "execve PATH|ARGV0|ARGV1", "_exit 1", "fork",
 // "sigaction 13 default", "pthread_sigmask 2 EMPTY", "join PATH 4711", "sched_setaffinity 4711
-// COUNT".
+// COUNT", "dup2 7 1".
 class FakeSys : public FailingCalls {
 public:
     static constexpr pid_t OWN_PID = 4711;

@@ -15,7 +15,16 @@ void Add(LogSink /*sink*/, int level, const char* format, va_list arguments) {
     Fakes::LogCapture::Store().Add(0, {level, text.data()});
 }
 
+bool AddOfService(const char* name, pid_t pid, std::string_view text) {
+    return Fakes::LogCapture::TakeOfService(std::string(name) + '[' + std::to_string(pid) +
+                                            "]: " + std::string(text));
+}
+
 void Close(std::chrono::milliseconds /*patience*/) {}
+
+uint64_t CountDropped() {
+    return 0;
+}
 
 void WriteInSignal() {}
 

@@ -4,6 +4,7 @@
 
 #include <syslog.h>
 
+#include <atomic>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -43,6 +44,15 @@ public:
         return Store().WaitFor(HasPart(level, part));
     }
 
+    // Refuses the lines of services from now on, or takes them again.
+    static void SetFull(bool isFull) { isFull_ = isFull; }
+    static bool TakeOfService(const std::string& text) {
+        if (!isFull_) {
+            Store().Add(0, {LOG_INFO, text});
+        }
+        return !isFull_;
+    }
+
     // For the log queue only. Never destroyed: a thread may still log at the end of the process.
     static Recorder<int, LogLine>& Store() {
         static auto* const lines = new Recorder<int, LogLine>;
@@ -50,6 +60,7 @@ public:
     }
 
 private:
+    static inline std::atomic<bool> isFull_{false};
     using Predicate = std::function<bool(const LogLine&)>;
 
     static Predicate IsLine(int level, const std::string& text) {

@@ -54,7 +54,7 @@ struct FakeOwners final : OwnerServices {
     std::atomic<bool> isReady{true};
     bool IsReady(const std::string& name) override { return name == PROC_ZORNMGR && isReady; }
     std::vector<std::string> GetOwnersAmong(const std::vector<std::string>& names) override {
-        std::vector<std::string> owners{PROC_VINTOR, "other"};
+        std::vector<std::string> owners{PROC_VINTOR, "other", PROC_CONSOLE};
         std::erase_if(owners, [&](const std::string& owner) {
             return std::find(names.begin(), names.end(), owner) == names.end();
         });
@@ -244,6 +244,27 @@ TEST_F(GeneralAppsTest, ARequesterThatIsNotTheOwnerIsAnsweredInAnyCase) {
     checker.join();
     EXPECT_EQ(reported_.Count("other a 0 0"), 1U);
     EXPECT_EQ(reported_.Count("zornmgr a 0 0"), 0U) << "the report of the exit is the newest one";
+}
+
+TEST_F(GeneralAppsTest, TheConsoleIsToldTheOutcomeOfItsRequestsOnly) {
+    for (const std::string requester : {"other", PROC_CONSOLE}) {
+        const size_t expected = requester == PROC_CONSOLE ? 1 : 0;
+        Start("a");
+        apps_.RestartApp({{"a", {}, {}}}, requester);
+        ASSERT_TRUE(CheckUntil("vintor a 1 0")) << "the owner stays the owner";
+        EXPECT_EQ(reported_.Count(requester + " a 1 0"), expected);
+        apps_.TermGeneralApp({{"a"}}, requester);
+        ASSERT_TRUE(CheckUntil("vintor a 3 0"));
+        EXPECT_EQ(reported_.Count(requester + " a 3 0"), expected);
+        EXPECT_EQ(reported_.Count("zornmgr a 3 0"), 1U);
+        reported_.Take();
+    }
+    Start("a");
+    kill(PidOf("a"), SIGKILL);
+    ASSERT_TRUE(CheckUntil("vintor a 4 0"));
+    EXPECT_EQ(reported_.Count("pm-console a 4 0"), 0U) << "nobody at the console asked for that";
+    apps_.RestartApp({{"first", {}, {}}}, PROC_CONSOLE);
+    EXPECT_TRUE(CheckUntil("pm-console first 1 0"));
 }
 
 TEST_F(GeneralAppsTest, ChangesOfPriorityApplicationsAreHeldBackInOrder) {

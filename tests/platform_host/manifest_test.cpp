@@ -14,6 +14,7 @@
 
 #include "platform/diagnostics.h"
 #include "platform/host/manifest_keys.h"
+#include "platform/manifest_output.h"
 #include "tests/support/files.h"
 #include "tests/support/private_mounts.h"
 
@@ -103,6 +104,7 @@ protected:
 
 // All values of a manifest except its name, list and path.
 std::string ValuesOf(const ApplicationManifest& m) {
+    const OutputConfig output = GetManifestOutput(m);
     return testing::PrintToString(std::tuple(
         m.GetBinPath(), m.GetArguments(), m.GetEnvArgv(), m.GetUid(), m.GetGid(), m.GetDependList(),
         m.GetIsReporting(), m.GetRestart(), m.GetTermTimeOut(), m.GetIsForceTerm(), m.GetNice(),
@@ -110,7 +112,8 @@ std::string ValuesOf(const ApplicationManifest& m) {
         m.GetBlkioGroupName(), m.GetCGroupPath(), m.GetSetRtPrio(), m.GetSetRtType(),
         m.GetSecurityCon(), m.GetNodeType(), m.GetNumaType(), m.GetStartupPriority(),
         m.GetStartupEntryPath(), m.GetHeartBeatSwitch(), m.GetSharepoolGroups(), m.GetVfId(),
-        m.GetVfIdPattern(), m.GetIsDynamicPara(), m.GetMatchData()));
+        m.GetVfIdPattern(), m.GetIsDynamicPara(), m.GetMatchData(), static_cast<int>(output.kind),
+        output.file, output.size));
 }
 
 // Each value differs from its default and from its neighbours, so that a swapped key is found.
@@ -124,7 +127,8 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetterAndHasItsDefault) {
   set_rt_prio: 50, set_rt_type: SCHED_RR, security_context: sc, node_type: 1538, numa_type: 2,
   startup_priority: 7, startup_entry: /entry, heartbeat: TRUE,
   sharepool_groups: [{group: g1, access: read}, {access: read-write, group: g2}],
-  vf_id: 5, dynamic: true, match: {slot: 1, mode: fast}}]
+  vf_id: 5, dynamic: true, match: {slot: 1, mode: fast},
+  output: {size: 4096, file: /var/log/app.log}}]
 )yaml"));
     ASSERT_THAT(logged_, IsEmpty());
     ASSERT_THAT(Names(), ElementsAre("app"));
@@ -137,7 +141,7 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetterAndHasItsDefault) {
         "{ 255, 3, 1023 }, true, \"rg\", \"cs\", \"bg\", "
         "{ (\"cpu\", \"c\"), (\"memory\", \"m\") }, \"50\", \"SCHED_RR\", \"sc\", 1538, 2, 7, "
         "\"/entry\", true, { (\"g1\", \"read\"), (\"g2\", \"read-write\") }, 5, \"\", true, "
-        "{ (\"mode\", \"fast\"), (\"slot\", \"1\") })");
+        "{ (\"mode\", \"fast\"), (\"slot\", \"1\") }, 3, \"/var/log/app.log\", 4096)");
     ASSERT_TRUE(ParseText(Service("  vf_id: match([0-9])\n")));
     ASSERT_THAT(logged_, IsEmpty());
     EXPECT_EQ(manifests_[0].GetManifestList(), ManifestList::SERVICES);
@@ -145,9 +149,10 @@ TEST_F(ManifestTest, EveryKeyReachesItsGetterAndHasItsDefault) {
     EXPECT_EQ(
         ValuesOf(manifests_[0]),
         "(\"/bin/a\", {}, {}, 0, 0, {}, false, \"no\", 5000, true, 0, {}, false, \"\", \"\", \"\", "
-        "{}, \"\", \"\", \"\", 0, 0, -1, \"\", false, {}, -1, \"match([0-9])\", false, {})");
+        "{}, \"\", \"\", \"\", 0, 0, -1, \"\", false, {}, -1, \"match([0-9])\", false, {}, "
+        "0, \"\", 1048576)");
     // A new key needs its line above and in the manual.
-    EXPECT_THAT(PlatformHost::ManifestKeys(), SizeIs(30));
+    EXPECT_THAT(PlatformHost::ManifestKeys(), SizeIs(31));
 }
 
 TEST_F(ManifestTest, GroupIsThePrimaryOneOfTheUserUnlessGiven) {
@@ -168,6 +173,20 @@ TEST_F(ManifestTest, GroupIsThePrimaryOneOfTheUserUnlessGiven) {
     }
 }
 
+TEST_F(ManifestTest, OutputIsAWordAPathOrAMapping) {
+    const std::tuple<std::string, OutputKind, std::string> cases[] = {
+        {"inherit", OutputKind::INHERIT, ""},       {"null", OutputKind::DISCARD, ""},
+        {"'null'", OutputKind::DISCARD, ""},        {"syslog", OutputKind::SYSLOG, ""},
+        {"/a b.log", OutputKind::FILE, "/a b.log"}, {"{file: /a}", OutputKind::FILE, "/a"}};
+    for (const auto& [text, kind, file] : cases) {
+        ASSERT_TRUE(ParseText(Service("  output: " + text + "\n"))) << text;
+        const OutputConfig output = GetManifestOutput(manifests_[0]);
+        EXPECT_EQ(output.kind, kind) << text;
+        EXPECT_EQ(output.file, file);
+        EXPECT_EQ(output.size, 1048576U);
+    }
+}
+
 TEST_F(ManifestTest, WrongValuesAreOneErrorWithFileLineAndKey) {
     // The lines of the service from line 4 on, the place of the error, and its text.
     const std::tuple<std::string, std::string, std::string> cases[] = {
@@ -184,6 +203,14 @@ TEST_F(ManifestTest, WrongValuesAreOneErrorWithFileLineAndKey) {
         {"  depends: [ok, 'a b']\n", "4: key 'depends': ", "element 2: a name holds no"},
         {"  sharepool_groups: [{group: g}]\n", "4: key 'sharepool_groups': ", "'access'"},
         {"  uid: 1\n  uid: 2\n", "5: near key 'uid': ", "stands twice"},
+        {"  output: journal\n", "4: key 'output': ", "inherit, null, syslog"},
+        {"  output:\n", "4: key 'output': ", "got nothing"},
+        {"  output: [/a]\n", "4: key 'output': ", "got a list"},
+        {"  output: {file: a.log}\n", "4: key 'output': ", "element 'file': expected the abs"},
+        {"  output: /var/log/\n", "4: key 'output': ", "path of a file"},
+        {"  output: /" + std::string(4094, 'x') + "\n", "4: key 'output': ", "path of a file"},
+        {"  output: {size: 4096}\n", "4: key 'output': ", "with 'file'"},
+        {"  output: {file: /a, size: 4095}\n", "4: key 'output': ", "from 4096 to 1073741824"},
         {"- bin: /bin/b\n", "4: key 'name': ", "missing"},
         {"- name: b\n  bin: relative\n", "5: key 'bin': ", "absolute path"},
         {"- {name: " + std::string(128, 'n') + ", bin: /b}\n", "4: key 'name': ", "1 to 127"},

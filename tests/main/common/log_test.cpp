@@ -101,6 +101,29 @@ TEST_F(Log, ALoggerThatDoesNotReadDelaysNoThreadAndTheLinesWithoutRoomAreCounted
     });
 }
 
+TEST_F(Log, LinesOfServicesLeaveRoomForThoseOfTheDaemon) {
+    Isolated([] {
+        const int fd = MakeLogSocket();
+        EXPECT_TRUE(LogServiceLine("svc", 42, "text %s"));
+        EXPECT_THAT(Next(fd), testing::MatchesRegex("<30>... .. ..:..:.. svc\\[42\\]: text %s.?"));
+        const std::string longText(1000, 'x');
+        int taken = 0;
+        while (taken < 20000 && LogServiceLine("svc", 42, longText)) {
+            ++taken;
+        }
+        EXPECT_LT(taken, 20000);
+        ProcMgrLog(LOG_INFO, "of the daemon");
+        int read = 0;
+        std::string line;
+        for (line = Next(fd); line.find("of the daemon") == std::string::npos; line = Next(fd)) {
+            ASSERT_THAT(line, testing::HasSubstr("svc[42]: " + longText)) << read;
+            ++read;
+        }
+        EXPECT_EQ(read, taken);
+        EXPECT_THAT(Next(fd), testing::HasSubstr("the system logger did not take 1 lines"));
+    });
+}
+
 TEST_F(Log, EarlyLinesWaitForTheLoggerAndForItsSuccessor) {
     Isolated([] {
         MountTmpfs("/dev");

@@ -62,6 +62,7 @@ public:
         return Result("close_range" + Number(first) + Number(last) + Number(flags));
     }
     static void Sleep(const timespec& /*duration*/) { FakeSys::Get().Record("sleep"); }
+    static int dup2(int fd, int stream) { return Result("dup2" + Number(fd) + Number(stream)); }
     static int nice(int increment) { return Result("nice" + Number(increment)); }
     static int prlimit(pid_t /*pid*/, int resource, const struct rlimit* newLimit,
                        struct rlimit* /*oldLimit*/) {

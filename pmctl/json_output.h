@@ -1,0 +1,30 @@
+// The JSON documents that pmctl itself makes. Each has "version": 1; fields may be added later.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "pmctl/boot_model.h"
+#include "pmctl/process_tree.h"
+#include "pmctl/reasons.h"
+#include "pmctl/snapshot.h"
+
+namespace ProcMgr::Pmctl {
+
+struct ServiceProcesses {
+    const Service* service = nullptr;
+    std::vector<Process> below;
+};
+
+std::string TreeJson(const Snapshot& snapshot, const std::vector<ServiceProcesses>& services);
+
+// One event as an object, with "realtime_ns" beside the fields of the daemon.
+std::string EventJson(const Clocks& clock, const Event& event);
+std::string EventsJson(const Clocks& clock, const std::vector<Event>& events);
+
+std::string WhyJson(const Service& service, const std::vector<Blocker>& blockers);
+
+// Times are milliseconds from the begin of the start-up, null for what has not come.
+std::string BootJson(const BootModel& model);
+
+}  // namespace ProcMgr::Pmctl

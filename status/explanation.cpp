@@ -1,0 +1,138 @@
+#include "status/explanation.h"
+
+#include <algorithm>
+#include <cstddef>
+
+#include "status/words.h"
+
+namespace ProcMgr::Status {
+namespace {
+
+using App::AppView;
+using App::ChangeReason;
+using App::StartRefusal;
+
+// The number of names that a text lists.
+constexpr size_t NAMES_MAX = 8;
+
+bool IsAwaited(const AppView& app) {
+    return app.facts->isReporting && app.state == STARTING && app.pid > 0;
+}
+
+std::string WhyRefused(const AppView& app) {
+    return "could not be started: " + DescribeRefusal(app.history.refusal, *app.facts);
+}
+
+// The words for the last exit; empty before the first one.
+std::string WhyEnded(const AppView& app) {
+    const App::LastExit& exit = app.history.lastExit;
+    if (exit.pid == 0) {
+        return "";
+    }
+    if (!exit.cause) {
+        return DescribeExit(exit.status);
+    }
+    return *exit.cause == ChangeReason::REPORTED ? "has ended as it had reported"
+                                                 : "was stopped on request";
+}
+
+}  // namespace
+
+Explanation::Explanation(const Snapshot& snapshot)
+    : snapshot_(snapshot),
+      isStopping_(!snapshot.phases.empty() && snapshot.phases.back().phase == Phase::STOPPING) {
+    services_.reserve(snapshot.services.size());
+    for (const Entry& entry : snapshot.services) {
+        const AppView& app = entry.view.app;
+        services_.emplace(app.facts->name, &app);
+        if (awaited_ == nullptr && IsAwaited(app)) {
+            awaited_ = &app;
+        }
+    }
+}
+
+std::string Explanation::Join(const std::vector<std::string_view>& names) {
+    std::string text;
+    for (size_t i = 0; i < std::min(names.size(), NAMES_MAX); ++i) {
+        text.append(i == 0 ? "" : ", ").append(names[i]);
+    }
+    if (names.size() > NAMES_MAX) {
+        text += " and " + std::to_string(names.size() - NAMES_MAX) + " more";
+    }
+    return text;
+}
+
+const AppView* Explanation::Find(std::string_view name) const {
+    const auto found = services_.find(name);
+    return found == services_.end() ? nullptr : found->second;
+}
+
+std::vector<std::string_view> Explanation::GetUnmet(const AppView& app) const {
+    std::vector<std::string_view> unmet;
+    for (const std::string& name : app.facts->depends) {
+        const AppView* depend = Find(name);
+        if (depend == nullptr || depend->pid == 0 || IsAwaited(*depend)) {
+            unmet.push_back(name);
+        }
+    }
+    return unmet;
+}
+
+std::string Explanation::WhyService(const Entry& service) const {
+    const AppView& app = service.view.app;
+    return app.state == INITSTATE ? WhyNotStarted(service.view) : WhyChanging(app);
+}
+
+std::string Explanation::WhyApplication(const Entry& application) const {
+    return WhyChanging(application.view.app);
+}
+
+std::string Explanation::WhyNotStarted(const ServiceView& service) const {
+    constexpr const char* TOO_LATE = "start-up has ended before its turn";
+    switch (service.verdict) {
+        case StartVerdict::WAITING: {
+            const std::vector<std::string_view> unmet = GetUnmet(service.app);
+            return unmet.empty() ? "waits for its turn" : "waits for " + Join(unmet);
+        }
+        case StartVerdict::RELEASED:
+            if (service.app.history.refusal != StartRefusal::NONE) {
+                return WhyRefused(service.app);
+            }
+            return isStopping_ ? TOO_LATE : "is being started";
+        case StartVerdict::EXCLUDED:
+            return "excluded by the boot command line";
+        case StartVerdict::IN_CYCLE:
+            return "is in a dependency cycle";
+        case StartVerdict::DEPENDENCY:
+            return (service.blocker.empty() ? "a service" : service.blocker) +
+                   ", which it depends on, did not start";
+        case StartVerdict::ABANDONED:
+            return TOO_LATE;
+    }
+    return "";
+}
+
+std::string Explanation::WhyChanging(const AppView& app) const {
+    const bool hasEnded = app.pid == 0 && app.history.lastExit.pid != 0;
+    switch (app.state) {
+        case RUNNING:
+            return hasEnded ? WhyEnded(app) : "";
+        case STARTING:
+            if (hasEnded) {
+                return WhyEnded(app);
+            }
+            return app.facts->isReporting ? "waits for its own report" : "is being started";
+        case TERMINATING:
+            return app.history.changeReason == ChangeReason::REPORTED
+                       ? "has reported that it ends"
+                       : "is being stopped on request";
+        case RESTARTING:
+            return "is being restarted on request";
+        case TERMINATED:
+            return app.history.refusal == StartRefusal::NONE ? WhyEnded(app) : WhyRefused(app);
+        default:
+            return app.history.refusal == StartRefusal::NONE ? "is being started" : WhyRefused(app);
+    }
+}
+
+}  // namespace ProcMgr::Status

@@ -1,0 +1,197 @@
+#include "status/status_server.h"
+
+#include <grp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <exception>
+#include <utility>
+
+#include "main/common/log.h"
+#include "main/common/mutex.h"
+#include "status/peer_check.h"
+
+namespace ProcMgr::Status {
+namespace {
+
+// The pause when the process has no descriptor for another client.
+constexpr std::chrono::milliseconds EXHAUSTED_PAUSE{100};
+// The number of clients that are accepted before the others are served.
+constexpr int ACCEPTS_MAX = 32;
+// Bytes of the buffer for an entry of the group database.
+constexpr size_t GROUP_SIZE = size_t{64} * 1024;
+
+// Nothing, with a log line, for an unknown group. Waits for the group database.
+std::optional<gid_t> FindGroup(const std::string& name) {
+    if (name.empty()) {
+        return std::nullopt;
+    }
+    MayWait("the group database");
+    std::vector<char> buffer(GROUP_SIZE);
+    struct group entry {};
+    struct group* found = nullptr;
+    const int result = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
+    if (found == nullptr) {
+        ProcMgrLog(LOG_ERR,
+                   "PROCMGR : the group %s of the status endpoint is not found, error=%d, only "
+                   "root may ask",
+                   name.c_str(), result);
+        return std::nullopt;
+    }
+    return found->gr_gid;
+}
+
+int MillisecondsUntil(SteadyTime time, SteadyTime now) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(time - now).count();
+    return static_cast<int>(std::clamp<int64_t>(left, 0, 60'000));
+}
+
+}  // namespace
+
+void StatusServer::Start(std::string path, std::string group) {
+    wake_ = Wire::UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake_.IsValid()) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : the status endpoint is off, eventfd failed, errno=%d",
+                   errno);
+        return;
+    }
+    try {
+        thread_.Start(
+            [this, path = std::move(path), group = std::move(group)] { Run(path, group); });
+    } catch (const std::exception& error) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : the status endpoint is off, %s", error.what());
+    }
+}
+
+void StatusServer::Stop() {
+    const uint64_t one = 1;
+    if (wake_.IsValid()) {
+        [[maybe_unused]] const ssize_t size = write(wake_.Get(), &one, sizeof(one));
+    }
+}
+
+ServerCounters StatusServer::GetCounters() const {
+    return {requests_, refused_, dropped_};
+}
+
+void StatusServer::Run(const std::string& path, const std::string& group) {
+    bool isOver = true;
+    try {
+        group_ = FindGroup(group);
+        isOver = !listener_.Open(path, group_);
+    } catch (const std::exception& error) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : the status endpoint is off, %s", error.what());
+    }
+    while (!isOver) {
+        isOver = RunOnce();
+    }
+    clients_.clear();
+    listener_.Close();
+}
+
+bool StatusServer::RunOnce() try {
+    if (Wait()) {
+        return true;
+    }
+    const SteadyTime now = std::chrono::steady_clock::now();
+    for (const auto& client : clients_) {
+        client->CheckTime(now);
+    }
+    AnswerAll();
+    RemoveOver();
+    if (now >= sharedUntil_) {
+        shared_.reset();
+    }
+    return false;
+} catch (const std::exception& error) {
+    // The memory is short: the clients have to ask again.
+    ProcMgrLog(LOG_ERR, "PROCMGR : the clients of the status endpoint are dropped, %s",
+               error.what());
+    dropped_ += clients_.size();
+    clients_.clear();
+    return false;
+}
+
+// Waits for the next event or deadline and takes what has come. True when the thread is to end.
+bool StatusServer::Wait() {
+    constexpr size_t FIRST_CLIENT = 2;
+    std::array<pollfd, FIRST_CLIENT + CLIENTS_MAX> events{};
+    events[0] = {wake_.Get(), POLLIN, 0};
+    const bool isExhausted = acceptFrom_ > std::chrono::steady_clock::now();
+    events[1] = {isExhausted ? -1 : listener_.GetFd(), POLLIN, 0};
+    const size_t count = clients_.size();
+    for (size_t i = 0; i < count; ++i) {
+        events[FIRST_CLIENT + i] = {clients_[i]->GetFd(), clients_[i]->GetEvents(), 0};
+    }
+    MayWait("a client of the status endpoint");
+    const int result = poll(events.data(), FIRST_CLIENT + count, GetTimeout());
+    if (result <= 0) {
+        return false;
+    }
+    const SteadyTime now = std::chrono::steady_clock::now();
+    for (size_t i = 0; i < count; ++i) {
+        clients_[i]->Handle(events[FIRST_CLIENT + i].revents, now);
+    }
+    if (events[1].revents != 0) {
+        RemoveOver();
+        Accept(now);
+    }
+    return events[0].revents != 0;
+}
+
+void StatusServer::Accept(SteadyTime now) {
+    for (int i = 0; i < ACCEPTS_MAX; ++i) {
+        Wire::UniqueFd socket(
+            accept4(listener_.GetFd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (socket.IsValid()) {
+            Admit(std::move(socket), now);
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            acceptFrom_ = errno == EAGAIN ? now : now + EXHAUSTED_PAUSE;
+            return;
+        }
+    }
+}
+
+void StatusServer::Admit(Wire::UniqueFd socket, SteadyTime now) {
+    const std::optional<Peer> peer = ReadPeer(socket.Get());
+    if (clients_.size() >= CLIENTS_MAX || !peer || !MayAsk(*peer, geteuid(), group_)) {
+        ++refused_;
+        return;
+    }
+    clients_.push_back(std::make_unique<Client>(std::move(socket), now));
+}
+
+void StatusServer::RemoveOver() {
+    std::erase_if(clients_, [this](const auto& client) {
+        dropped_ += client->GetState() == Client::State::DROPPED ? 1 : 0;
+        return client->IsOver();
+    });
+}
+
+// The time until a client's deadline, until the next document may be made for one that waits, or
+// until the shared document is given up.
+int StatusServer::GetTimeout() const {
+    const SteadyTime now = std::chrono::steady_clock::now();
+    SteadyTime next = SteadyTime::max();
+    if (shared_ != nullptr) {
+        next = sharedUntil_;
+    }
+    if (acceptFrom_ > now) {
+        next = std::min(next, acceptFrom_);
+    }
+    for (const auto& client : clients_) {
+        next = std::min(next, client->GetDeadline());
+        if (client->GetState() == Client::State::ASKING && MayMake()) {
+            next = std::min(next, nextMake_);
+        }
+    }
+    return next == SteadyTime::max() ? -1 : MillisecondsUntil(next, now);
+}
+
+}  // namespace ProcMgr::Status

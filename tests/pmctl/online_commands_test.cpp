@@ -1,0 +1,108 @@
+// The exact output of the commands about the running daemon, for a document with all odd cases.
+// The expected texts are in the files of online/.
+#include <gtest/gtest.h>
+
+#include "tests/pmctl/fake_daemon.h"
+
+namespace ProcMgr {
+namespace {
+
+using namespace Tests;
+
+struct Case {
+    std::vector<std::string> arguments;
+    std::string file;
+    int code = 0;
+};
+
+class OnlineCommands : public PmctlTest {
+protected:
+    void SetUp() override {
+        Serve([this](const std::string& request) { return document_.Answer(request); });
+    }
+
+    void Check(const Case& one) const {
+        SCOPED_TRACE(one.file);
+        const Outcome outcome = Run(one.arguments);
+        EXPECT_EQ(outcome.out, ReadFile(TEST_DATA "/" + one.file));
+        EXPECT_EQ(outcome.error, "");
+        EXPECT_EQ(outcome.code, one.code);
+    }
+
+    const Document document_{"status.json"};
+};
+
+TEST_F(OnlineCommands, TextOfEachCommand) {
+    const Case cases[] = {
+        {{"status"}, "status.txt"},
+        {{"status", "network"}, "status_network.txt"},
+        {{"status", "crasher"}, "status_crasher.txt", 1},
+        {{"status", "log"}, "status_log.txt"},
+        {{"tree"}, "tree.txt"},
+        {{"events"}, "events.txt"},
+        {{"events", "--since", "42", "leaving"}, "events_leaving.txt"},
+        {{"why", "front"}, "why_front.txt"},
+        {{"why", "crasher"}, "why_crasher.txt"},
+        {{"why", "worker"}, "why_worker.txt"},
+        {{"boot"}, "boot.txt"},
+        {{"blame", "--lines", "4"}, "blame.txt"},
+        {{"metrics"}, "metrics.txt"},
+    };
+    for (const Case& one : cases) {
+        Check(one);
+    }
+}
+
+TEST_F(OnlineCommands, JsonOfEachCommand) {
+    const Case cases[] = {
+        {{"--json", "tree"}, "tree.json"},
+        {{"--json", "events", "crasher"}, "events_crasher.json"},
+        {{"why", "middle", "--json"}, "why_middle.json"},
+        {{"--json", "boot"}, "boot.json"},
+        {{"--json", "blame"}, "boot.json"},
+    };
+    for (const Case& one : cases) {
+        Check(one);
+    }
+    EXPECT_EQ(Run({"--json", "status"}).out, document_.All());
+    const Outcome one = Run({"--json", "status", "leaving"});
+    EXPECT_EQ(one.out, document_.Of("leaving"));
+    EXPECT_EQ(one.code, 1);
+    EXPECT_EQ(Run({"--json", "metrics"}).code, 2);
+}
+
+// Names come from manifests of others; what they contain must not become a part of the page.
+TEST_F(OnlineCommands, PagesAndPicturesEscapeNames) {
+    EXPECT_EQ(Run({"boot", "--svg", directory_ / "boot.svg"}).code, 0);
+    EXPECT_EQ(Run({"report", "--html", directory_ / "report.html"}).code, 0);
+    const std::string svg = ReadFile(directory_ / "boot.svg");
+    EXPECT_TRUE(svg.starts_with("<?xml"));
+    EXPECT_TRUE(svg.ends_with("</svg>\n"));
+    const std::string page = ReadFile(directory_ / "report.html");
+    EXPECT_TRUE(page.ends_with("</html>\n"));
+    for (const std::string& text : {svg, page}) {
+        EXPECT_NE(text.find("&lt;script&gt;&quot;&#39;&amp;"), std::string::npos);
+        EXPECT_EQ(text.find("<script"), std::string::npos);
+        EXPECT_EQ(text.find('\x1b'), std::string::npos);
+    }
+    EXPECT_EQ(Run({"boot", "--svg", "-"}).out, svg);
+    const Outcome refused = Run({"report", "--html", directory_ / "no/where.html"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_EQ(refused.error, "pmctl: cannot write " + (directory_ / "no/where.html") +
+                                 ": No such file or directory\n");
+}
+
+TEST_F(OnlineCommands, UnknownNamesNameTheNearest) {
+    for (const char* command : {"status", "why", "events"}) {
+        const Outcome outcome = Run({command, "netwrok"});
+        EXPECT_EQ(outcome.code, 1);
+        EXPECT_EQ(outcome.out, "");
+        EXPECT_EQ(outcome.error, "pmctl: nothing has the name 'netwrok'; do you mean network?\n");
+    }
+    EXPECT_EQ(Run({"status", ""}).code, 1);
+    EXPECT_EQ(Run({"why", "zzzzzz"}).error,
+              "pmctl: nothing has the name 'zzzzzz': see pmctl status\n");
+}
+
+}  // namespace
+}  // namespace ProcMgr

@@ -1,0 +1,134 @@
+// Why an application does not run and what comes next.
+#include "status/explanation.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <functional>
+
+#include "tests/status/snapshot_support.h"
+
+namespace ProcMgr::Status {
+namespace {
+
+using App::ChangeReason;
+using App::StartRefusal;
+
+constexpr int32_t EXIT_3 = 3 << 8;
+
+// A service that waits for the dependencies.
+Entry Waiting(const std::set<std::string>& depends) {
+    ManifestData data = Manifest("svc");
+    data.depends = depends;
+    Entry entry = Service(data, INITSTATE);
+    entry.view.app.isInList = false;
+    entry.view.verdict = StartVerdict::WAITING;
+    return entry;
+}
+
+// A service whose process has ended and whose record has been removed.
+Entry Ended(const std::string& policy, std::optional<ChangeReason> cause = std::nullopt) {
+    ManifestData data = Manifest("svc");
+    data.restart = policy;
+    Entry entry = Service(data, TERMINATED);
+    entry.view.app.isInList = false;
+    entry.view.app.history.lastExit = {9, EXIT_3, At(1), cause};
+    return entry;
+}
+
+Entry With(Entry entry, const std::function<void(ServiceView&)>& change) {
+    change(entry.view);
+    return entry;
+}
+
+// The explanation of `entry` among two other services: "runs" runs, "reporter" has not reported
+// yet.
+std::string Explain(const Entry& entry, bool isService = true, bool isStopping = false) {
+    Snapshot snapshot;
+    snapshot.clock.steady = At(2'000'000'000);
+    snapshot.phases = {{isStopping ? Phase::STOPPING : Phase::BASE_SERVICES, At(1)}};
+    snapshot.services = {Service(Manifest("runs"), RUNNING, 5),
+                         Service(Manifest("reporter", true), STARTING, 6), entry};
+    const Explanation explanation(snapshot);
+    return isService
+               ? explanation.WhyService(entry) + " | " + explanation.NextOfService(entry)
+               : explanation.WhyApplication(entry) + " | " + explanation.NextOfApplication(entry);
+}
+
+TEST(Explanation, OfServicesThatHaveNotBeenStarted) {
+    EXPECT_EQ(Explain(Waiting({"runs", "reporter"})),
+              "waits for reporter | is started when reporter reports RUNNING");
+    EXPECT_EQ(Explain(Waiting({"absent", "reporter"})),
+              "waits for absent, reporter | is started when absent, reporter run");
+    EXPECT_EQ(Explain(Waiting({"runs"})),
+              "waits for its turn | is started in its turn, after reporter reports RUNNING");
+    EXPECT_EQ(Explain(Waiting({"a", "b", "c", "d", "e", "f", "g", "h", "i", "j"})),
+              "waits for a, b, c, d, e, f, g, h and 2 more | "
+              "is started when a, b, c, d, e, f, g, h and 2 more run");
+    const auto verdict = [](StartVerdict value) {
+        return With(Waiting({"b"}), [value](ServiceView& view) {
+            view.verdict = value;
+            view.blocker = "b";
+            view.app.history.refusal = StartRefusal::MISSING;
+        });
+    };
+    EXPECT_EQ(Explain(verdict(StartVerdict::DEPENDENCY)),
+              "b, which it depends on, did not start | nothing: is not started any more");
+    EXPECT_EQ(Explain(verdict(StartVerdict::IN_CYCLE)),
+              "is in a dependency cycle | nothing: is not started any more");
+    EXPECT_EQ(Explain(verdict(StartVerdict::EXCLUDED)),
+              "excluded by the boot command line | nothing: is not started any more");
+    EXPECT_EQ(Explain(verdict(StartVerdict::RELEASED)),
+              "could not be started: there is no program /bin/svc | "
+              "nothing: the first start is not repeated");
+    EXPECT_EQ(Explain(verdict(StartVerdict::ABANDONED), true, true),
+              "start-up has ended before its turn | nothing: the daemon stops");
+}
+
+TEST(Explanation, OfServicesThatHaveEnded) {
+    EXPECT_EQ(Explain(Ended("no")), "exited with status 3 | nothing: policy no");
+    EXPECT_EQ(Explain(Ended("no", ChangeReason::REPORTED)),
+              "has ended as it had reported | nothing: policy no");
+    EXPECT_EQ(Explain(Ended("on-failure")),
+              "exited with status 3 | nothing: five restarts within a minute, policy on-failure "
+              "gave up");
+    const auto inList = [](ServiceView& view) { view.app.isInList = view.app.mayRestart = true; };
+    EXPECT_EQ(Explain(With(Ended("on-forever"), inList)),
+              "exited with status 3 | is restarted within 30 ms");
+    EXPECT_EQ(Explain(With(Ended("on-forever"),
+                           [&](ServiceView& view) {
+                               inList(view);
+                               view.app.history.lastExit.status = SIGKILL;
+                               view.app.isLaunching = true;
+                           })),
+              "killed by signal 9 (SIGKILL) | is restarted now");
+    EXPECT_EQ(Explain(With(Ended("no", ChangeReason::TERMINATION), inList), true, true),
+              "was stopped on request | nothing: the daemon stops");
+}
+
+TEST(Explanation, OfProcessesThatChange) {
+    EXPECT_EQ(Explain(Service(Manifest("svc", true), STARTING, 7)),
+              "waits for its own report | is RUNNING when it reports");
+    const auto ending = [](ProcessState state, ChangeReason reason, int64_t since) {
+        Entry entry = Service(Manifest("svc"), state, 7);
+        entry.view.app.history.changed = At(since);
+        entry.view.app.history.changeReason = reason;
+        entry.view.app.termTimeout = 1500;
+        return entry;
+    };
+    const Entry stopped = ending(TERMINATING, ChangeReason::TERMINATION, 1'000'000'000);
+    EXPECT_EQ(Explain(stopped, true, true),
+              "is being stopped on request | SIGKILL in 500 ms unless it ends");
+    EXPECT_EQ(Explain(ending(TERMINATING, ChangeReason::TERMINATION, 1), true, true),
+              "is being stopped on request | nothing: SIGKILL has been sent");
+    EXPECT_EQ(Explain(ending(TERMINATING, ChangeReason::REPORTED, 1)),
+              "has reported that it ends | nothing until it ends");
+    EXPECT_EQ(Explain(With(stopped, [](ServiceView& view) { view.app.isKilled = false; }), false),
+              "is being stopped on request | counts as RUNNING again in 500 ms unless it ends");
+    EXPECT_EQ(Explain(ending(RESTARTING, ChangeReason::RESTART, 1'000'000'000), false),
+              "is being restarted on request | "
+              "SIGKILL in 500 ms unless it ends, then its new process is started");
+}
+
+}  // namespace
+}  // namespace ProcMgr::Status
