@@ -51,7 +51,10 @@ std::string Service(int64_t i) {
                       : "null";
     text += ",\"why\":\"";
     text += hasFailed ? "exited with status 3" : "";
-    text += "\",\"next\":\"nothing: runs\",\"times\":{\"waiting_ns\":" + Number(BEGIN + 50 * MS);
+    text +=
+        "\",\"next\":\"nothing, it "
+        "runs\",\"settled\":true,\"start_failed\":false,\"times\":{\"waiting_ns\":" +
+        Number(BEGIN + 50 * MS);
     text += ",\"started_ns\":" + start + ",\"running_ns\":" + ready + ",\"ready_ns\":" + ready;
     text += ",\"ended_ns\":0},\"boot\":{\"waiting_ns\":" + Number(BEGIN + 50 * MS);
     text += ",\"released_ns\":" + start + ",\"started_ns\":" + start + ",\"running_ns\":" + ready;

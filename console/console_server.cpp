@@ -40,7 +40,7 @@ int MillisecondsUntil(steady_clock::time_point deadline) {
 
 }  // namespace
 
-ConsoleServer::ConsoleServer(ConsoleSocket& socket)
+ConsoleServer::ConsoleServer(Wire::GroupSocket& socket)
     : socket_(socket), pipe_(OWNER, *this), now_(steady_clock::now()), parent_(getppid()) {}
 
 void ConsoleServer::Run(int stopFd) {

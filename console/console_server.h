@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "console/client_connection.h"
-#include "console/console_socket.h"
 #include "console/daemon_pipe.h"
+#include "wire/group_socket.h"
 
 namespace ProcMgr::Console {
 
@@ -23,7 +23,7 @@ public:
     static constexpr size_t CLIENTS_MAX = 16;
 
     // `socket` must outlive this object.
-    explicit ConsoleServer(ConsoleSocket& socket);
+    explicit ConsoleServer(Wire::GroupSocket& socket);
 
     // Returns when `stopFd` is readable, after every client has been told; or when another console
     // has taken the place of this one, see IsLeftBehind().
@@ -54,7 +54,7 @@ private:
     // the socket; the pipe has to be left to it.
     bool IsLeftBehind() const;
 
-    ConsoleSocket& socket_;
+    Wire::GroupSocket& socket_;
     DaemonPipe pipe_;
     std::map<uint64_t, ClientConnection> clients_;  // by number
     uint64_t lastClient_ = 0;

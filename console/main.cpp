@@ -2,21 +2,18 @@
 // client what becomes of its request. An owner of applications on behalf of the people at the
 // command line.
 #include <getopt.h>
-#include <grp.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "console/console_server.h"
-#include "console/console_socket.h"
+#include "wire/group_socket.h"
 
 namespace {
 
@@ -60,23 +57,12 @@ std::optional<Options> ParseOptions(int argc, char** argv, int& exitCode) {
 }
 
 // Nothing, with a log line, for a name that the group database does not have.
-std::optional<gid_t> FindGroup(const std::string& name) {
-    if (name.empty()) {
-        return std::nullopt;
-    }
-    constexpr size_t GROUP_BYTES_MAX = size_t{1} << 20;
-    std::vector<char> bytes(4096);
-    group entry{};
-    group* found = nullptr;
-    while (getgrnam_r(name.c_str(), &entry, bytes.data(), bytes.size(), &found) == ERANGE &&
-           bytes.size() < GROUP_BYTES_MAX) {
-        bytes.resize(2 * bytes.size());
-    }
-    if (found == nullptr) {
+std::optional<gid_t> GroupOf(const std::string& name) {
+    const auto group = Wire::FindGroup(name);
+    if (!group && !name.empty()) {
         syslog(LOG_WARNING, "there is no group %s: only root may use the console", name.c_str());
-        return std::nullopt;
     }
-    return found->gr_gid;
+    return group;
 }
 
 // Readable when a signal asks for the end.
@@ -100,7 +86,12 @@ int main(int argc, char** argv) {
     openlog("pm-console", LOG_PID, LOG_DAEMON);
     try {
         const Wire::UniqueFd stop = TakeStopSignals();
-        ProcMgr::Console::ConsoleSocket socket(options->socket, FindGroup(options->group));
+        Wire::GroupSocket socket;
+        if (const char* failed = socket.Open(options->socket, GroupOf(options->group))) {
+            syslog(LOG_ERR, "ends: the socket %s cannot be made: %s: %m", options->socket.c_str(),
+                   failed);
+            return 1;
+        }
         ProcMgr::Console::ConsoleServer(socket).Run(stop.Get());
         return 0;
     } catch (const std::exception& error) {

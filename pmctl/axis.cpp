@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "pmctl/people.h"
+#include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
@@ -49,7 +50,6 @@ std::vector<Tick> MakeTicks(double end, size_t ticksMax) {
 }
 
 std::string FormatMoment(double ms) {
-    constexpr double NS_PER_MS = 1e6;
     constexpr double TEN_SECONDS = 9995;
     if (ms < MS_PER_S - 0.5 || ms >= TEN_SECONDS) {
         return FormatDuration(ms * NS_PER_MS);

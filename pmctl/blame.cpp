@@ -9,12 +9,12 @@
 #include "pmctl/online.h"
 #include "pmctl/people.h"
 #include "pmctl/terminal.h"
+#include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
 
 constexpr size_t DURATION_COLUMNS = 12;
-constexpr double NS_PER_MS = 1e6;
 
 struct Share {
     const BootEntry* entry;

@@ -13,11 +13,11 @@
 #include "pmctl/people.h"
 #include "pmctl/svg.h"
 #include "pmctl/terminal.h"
+#include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
 
-constexpr double NS_PER_MS = 1e6;
 constexpr size_t NAME_COLUMNS_MAX = 24;
 constexpr size_t MARK_COLUMNS = 2;
 constexpr size_t RESULT_COLUMNS = 9;

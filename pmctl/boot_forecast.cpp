@@ -4,10 +4,10 @@
 #include <map>
 #include <optional>
 
+#include "pmctl/units.h"
+
 namespace ProcMgr::Pmctl {
 namespace {
-
-constexpr double NS_PER_MS = 1e6;
 
 // How long the parts of one start took, in milliseconds.
 struct StartTimes {

@@ -8,11 +8,10 @@
 #include "pmctl/boot_path.h"
 #include "pmctl/health.h"
 #include "pmctl/people.h"
+#include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
-
-constexpr double NS_PER_MS = 1e6;
 
 // The daemon's begin; without it the moment at which the first service was known.
 int64_t BeginNs(const Snapshot& snapshot) {

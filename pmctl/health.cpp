@@ -22,16 +22,10 @@ constexpr std::array<HealthRow, HEALTHS> ROWS{{
 }};
 
 bool HasFailedStart(const Snapshot& snapshot, const Service& service) {
-    if (service.why.starts_with("could not be started")) {
-        return true;
-    }
-    return std::any_of(snapshot.faults.begin(), snapshot.faults.end(), [&](const Fault& fault) {
-        return fault.event == EVENT_START_FAILED && fault.name == service.name;
-    });
-}
-
-bool IsGivenUp(const Service& service) {
-    return service.next.starts_with("nothing");
+    return service.hasFailedStart ||
+           std::any_of(snapshot.faults.begin(), snapshot.faults.end(), [&](const Fault& fault) {
+               return fault.event == EVENT_START_FAILED && fault.name == service.name;
+           });
 }
 
 // A service without a process.
@@ -40,7 +34,7 @@ Health HealthWithoutProcess(const Snapshot& snapshot, const Service& service) {
     if (hasDied || HasFailedStart(snapshot, service)) {
         return Health::FAILED;
     }
-    if (!IsGivenUp(service)) {
+    if (!service.isSettled) {
         return Health::WAITING;
     }
     return service.state == "INITSTATE" ? Health::NOT_STARTED : Health::STOPPED;

@@ -4,6 +4,19 @@
 
 namespace ProcMgr::Pmctl {
 
+std::string_view InkClass(Ink ink) {
+    switch (ink) {
+        case Ink::GOOD:
+            return "good";
+        case Ink::BAD:
+            return "bad";
+        case Ink::BUSY:
+            return "busy";
+        default:
+            return "";
+    }
+}
+
 std::string ClassAttribute(std::string_view classes) {
     return classes.empty() ? "" : " class=\"" + std::string(classes) + '"';
 }

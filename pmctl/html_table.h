@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "pmctl/terminal.h"
+
 namespace ProcMgr::Pmctl {
 
 // Classes of a column, separated by blanks, are classes of the style sheet of the page.
@@ -33,6 +35,9 @@ private:
     size_t column_ = 0;  // of the next cell
     std::string rows_;
 };
+
+// The class of the style sheet for text of this kind; empty for plain text.
+std::string_view InkClass(Ink ink);
 
 // ` class="CLASSES"`, empty without classes.
 std::string ClassAttribute(std::string_view classes);

@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "pmctl/units.h"
+
 namespace ProcMgr::Pmctl {
 namespace {
 
@@ -34,7 +36,6 @@ Json ObjectOf(const Clocks& clock, const Event& event) {
 }
 
 Json Milliseconds(int64_t ns) {
-    constexpr double NS_PER_MS = 1e6;
     return ns < 0 ? Json() : Json(static_cast<double>(ns) / NS_PER_MS);
 }
 

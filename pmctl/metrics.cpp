@@ -14,6 +14,7 @@
 #include "pmctl/online.h"
 #include "pmctl/people.h"
 #include "pmctl/status_view.h"
+#include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
@@ -26,7 +27,6 @@ constexpr std::array PHASES = {
     "main",          "init",          "priority-apps", "waiting-continue",
     "continue-init", "base-services", "running",       "stopping"};
 constexpr double MS_PER_S = 1000;
-constexpr double NS_PER_S = 1e9;
 constexpr double KIB = 1024;
 
 // The escapes of the format; other control characters are shown as on a terminal, because the

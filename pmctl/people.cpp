@@ -7,12 +7,10 @@
 #include <ctime>
 
 #include "pmctl/svg.h"
+#include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
-
-constexpr double NS_PER_MS = 1e6;
-constexpr double NS_PER_S = 1e9;
 
 struct Unit {
     const char* name;

@@ -6,31 +6,14 @@
 #include "pmctl/html_table.h"
 #include "pmctl/people.h"
 #include "pmctl/svg.h"
+#include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
 
-constexpr double NS_PER_MS = 1e6;
-
 std::string Tile(std::string_view label, const std::string& value, std::string_view classes = "") {
     return "<div" + ClassAttribute("tile " + std::string(classes)) + "><b>" + EscapeXml(value) +
            "</b><span>" + EscapeXml(label) + "</span></div>\n";
-}
-
-std::string_view TileClass(Health health, size_t count) {
-    if (count == 0) {
-        return "";
-    }
-    switch (HealthInk(health)) {
-        case Ink::GOOD:
-            return "good";
-        case Ink::BAD:
-            return "bad";
-        case Ink::BUSY:
-            return "busy";
-        default:
-            return "";
-    }
 }
 
 // How many are running and failed is always there, the rest when there are some.
@@ -40,8 +23,8 @@ std::string HealthTiles(const Snapshot& snapshot) {
     for (size_t i = 0; i < counts.size(); ++i) {
         const auto health = static_cast<Health>(i);
         if (counts[i] > 0 || health == Health::RUNNING || health == Health::FAILED) {
-            tiles +=
-                Tile(HealthName(health), std::to_string(counts[i]), TileClass(health, counts[i]));
+            tiles += Tile(HealthName(health), std::to_string(counts[i]),
+                          counts[i] > 0 ? InkClass(HealthInk(health)) : "");
         }
     }
     return tiles;

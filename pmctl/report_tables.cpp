@@ -7,28 +7,16 @@
 #include "pmctl/report_page.h"
 #include "pmctl/status_view.h"
 #include "pmctl/svg.h"
+#include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
 
-constexpr double NS_PER_MS = 1e6;
 constexpr size_t OPEN_ROWS = 12;  // a table with more rows is folded at first
 
-std::string_view ClassOf(Ink ink) {
-    switch (ink) {
-        case Ink::GOOD:
-            return "good";
-        case Ink::BAD:
-            return "bad";
-        case Ink::BUSY:
-            return "busy";
-        default:
-            return "";
-    }
-}
-
 std::string Badge(std::string_view text, Ink ink) {
-    return "<span class=\"badge " + std::string(ClassOf(ink)) + "\">" + EscapeXml(text) + "</span>";
+    return "<span class=\"badge " + std::string(InkClass(ink)) + "\">" + EscapeXml(text) +
+           "</span>";
 }
 
 // Where a service stands in the table: what needs attention is at the top, what runs at the bottom.

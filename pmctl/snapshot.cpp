@@ -228,6 +228,8 @@ void ReadSupervision(const Object& object, Service& service) {
     }
     service.why = object.Text("why");
     service.next = object.Text("next");
+    service.isSettled = object.Flag("settled");
+    service.hasFailedStart = object.Flag("start_failed");
     service.times = ReadTimes(object.Member("times"));
     if (!object.IsNull("boot")) {
         service.boot = ReadBoot(object.Member("boot"));

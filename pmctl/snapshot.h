@@ -115,8 +115,10 @@ struct Service {
     int64_t starts = 0;
     int64_t restartsInLastMinute = 0;
     std::optional<LastExit> lastExit;
-    std::string why;   // why it is not running
-    std::string next;  // what the daemon will do next
+    std::string why;              // why it is not running
+    std::string next;             // what the daemon will do next
+    bool isSettled = false;       // the daemon will do nothing by itself
+    bool hasFailedStart = false;  // the last start was refused or failed
     ServiceTimes times;
     std::optional<BootTimes> boot;
     std::vector<std::pair<std::string, std::string>> groups;  // kind of the group, group

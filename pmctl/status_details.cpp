@@ -2,12 +2,12 @@
 #include "pmctl/health.h"
 #include "pmctl/people.h"
 #include "pmctl/status_view.h"
+#include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
 
 constexpr size_t LABEL_COLUMNS = 13;
-constexpr double NS_PER_MS = 1e6;
 
 // Lines "label   value"; empty values are left out.
 class Details {

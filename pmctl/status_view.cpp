@@ -4,11 +4,10 @@
 #include "pmctl/people.h"
 #include "pmctl/svg.h"
 #include "pmctl/table.h"
+#include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
-
-constexpr double NS_PER_MS = 1e6;
 
 std::vector<std::string> FormatHead(const Snapshot& snapshot, size_t width) {
     const DaemonStatus& daemon = snapshot.daemon;

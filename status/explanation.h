@@ -12,6 +12,11 @@
 
 namespace ProcMgr::Status {
 
+// Whether the text of what comes next says that the daemon will do nothing by itself.
+inline bool IsSettled(std::string_view next) {
+    return next.starts_with("nothing");
+}
+
 class Explanation {
 public:
     // `snapshot` must outlive this object and stay as it is.

@@ -29,11 +29,11 @@ std::string Explanation::NextOfService(const Entry& service) const {
     const AppView& app = service.view.app;
     const bool isLive = app.pid > 0;
     if (isStopping_ && app.state != TERMINATING) {
-        return isLive ? "SIGTERM: the daemon stops" : "nothing: the daemon stops";
+        return isLive ? "SIGTERM: the daemon stops" : "nothing, the daemon stops";
     }
     switch (app.state) {
         case RUNNING:
-            return isLive ? "nothing: runs" : Soon("its end is handled");
+            return isLive ? "nothing, it runs" : Soon("its end is handled");
         case STARTING:
             if (!isLive) {
                 return Soon("its end is handled");
@@ -53,11 +53,11 @@ std::string Explanation::NextOfUnstarted(const ServiceView& service) const {
         return NextWaiting(service.app);
     }
     if (service.verdict != StartVerdict::RELEASED) {
-        return "nothing: is not started any more";
+        return "nothing, it is not started any more";
     }
     return service.app.history.refusal == StartRefusal::NONE
                ? "is started now"
-               : "nothing: the first start is not repeated";
+               : "nothing, the first start is not repeated";
 }
 
 std::string Explanation::NextWaiting(const AppView& app) const {
@@ -83,9 +83,9 @@ std::string Explanation::NextOfEnded(const AppView& app) const {
         return Soon("is restarted");
     }
     if (app.facts->policy == RESTART_ON_FAILURE) {
-        return "nothing: five restarts within a minute, policy on-failure gave up";
+        return "nothing, after five restarts within a minute the policy on-failure gives up";
     }
-    return "nothing: policy " + app.facts->policy;
+    return "nothing, the policy is " + app.facts->policy;
 }
 
 std::string Explanation::NextOfTerminating(const AppView& app, bool isKillSent) const {
@@ -96,7 +96,7 @@ std::string Explanation::NextOfTerminating(const AppView& app, bool isKillSent) 
         return "nothing until it ends";
     }
     if (isKillSent) {
-        return "nothing: SIGKILL has been sent";
+        return "nothing, SIGKILL has been sent";
     }
     const std::string left = std::to_string(MillisecondsLeft(app));
     return app.isKilled ? "SIGKILL in " + left + " ms unless it ends"
@@ -120,7 +120,7 @@ std::string Explanation::NextOfApplication(const Entry& application) const {
     const bool isLive = app.pid > 0;
     switch (app.state) {
         case RUNNING:
-            return isLive ? "nothing: runs" : Soon("its end is handled");
+            return isLive ? "nothing, it runs" : Soon("its end is handled");
         case STARTING:
             return Soon(isLive ? "is found running" : "its end is handled");
         case TERMINATING:
@@ -128,7 +128,7 @@ std::string Explanation::NextOfApplication(const Entry& application) const {
         case RESTARTING:
             return NextOfRestarting(app);
         case TERMINATED:
-            return "nothing: its owner decides";
+            return "nothing, its owner decides";
         default:
             return "is started now";
     }

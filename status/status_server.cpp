@@ -1,6 +1,5 @@
 #include "status/status_server.h"
 
-#include <grp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -15,7 +14,6 @@
 
 #include "main/common/log.h"
 #include "main/common/mutex.h"
-#include "status/peer_check.h"
 
 namespace ProcMgr::Status {
 namespace {
@@ -24,27 +22,27 @@ namespace {
 constexpr std::chrono::milliseconds EXHAUSTED_PAUSE{100};
 // The number of clients that are accepted before the others are served.
 constexpr int ACCEPTS_MAX = 32;
-// Bytes of the buffer for an entry of the group database.
-constexpr size_t GROUP_SIZE = size_t{64} * 1024;
 
 // Nothing, with a log line, for an unknown group. Waits for the group database.
-std::optional<gid_t> FindGroup(const std::string& name) {
-    if (name.empty()) {
-        return std::nullopt;
-    }
+std::optional<gid_t> GroupOf(const std::string& name) {
     MayWait("the group database");
-    std::vector<char> buffer(GROUP_SIZE);
-    struct group entry {};
-    struct group* found = nullptr;
-    const int result = getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found);
-    if (found == nullptr) {
+    const auto group = Wire::FindGroup(name);
+    if (!group && !name.empty()) {
         ProcMgrLog(LOG_ERR,
-                   "PROCMGR : the group %s of the status endpoint is not found, error=%d, only "
-                   "root may ask",
-                   name.c_str(), result);
-        return std::nullopt;
+                   "PROCMGR : the group %s of the status endpoint is not found, only root may ask",
+                   name.c_str());
     }
-    return found->gr_gid;
+    return group;
+}
+
+// False, with a log line, on failure.
+bool OpenAt(Wire::GroupSocket& socket, const std::string& path, std::optional<gid_t> group) {
+    const char* failed = socket.Open(path, group);
+    if (failed != nullptr) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : the status socket %s cannot be made, %s failed, errno=%d",
+                   path.c_str(), failed, errno);
+    }
+    return failed == nullptr;
 }
 
 int MillisecondsUntil(SteadyTime time, SteadyTime now) {
@@ -83,8 +81,7 @@ ServerCounters StatusServer::GetCounters() const {
 void StatusServer::Run(const std::string& path, const std::string& group) {
     bool isOver = true;
     try {
-        group_ = FindGroup(group);
-        isOver = !listener_.Open(path, group_);
+        isOver = !OpenAt(listener_, path, GroupOf(group));
     } catch (const std::exception& error) {
         ProcMgrLog(LOG_ERR, "PROCMGR : the status endpoint is off, %s", error.what());
     }
@@ -147,8 +144,7 @@ bool StatusServer::Wait() {
 
 void StatusServer::Accept(SteadyTime now) {
     for (int i = 0; i < ACCEPTS_MAX; ++i) {
-        Wire::UniqueFd socket(
-            accept4(listener_.GetFd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        Wire::UniqueFd socket = listener_.Accept();
         if (socket.IsValid()) {
             Admit(std::move(socket), now);
         } else if (errno != EINTR && errno != ECONNABORTED) {
@@ -159,8 +155,7 @@ void StatusServer::Accept(SteadyTime now) {
 }
 
 void StatusServer::Admit(Wire::UniqueFd socket, SteadyTime now) {
-    const std::optional<Peer> peer = ReadPeer(socket.Get());
-    if (clients_.size() >= CLIENTS_MAX || !peer || !MayAsk(*peer, geteuid(), group_)) {
+    if (clients_.size() >= CLIENTS_MAX || !listener_.IsPermitted(socket.Get())) {
         ++refused_;
         return;
     }

@@ -18,9 +18,9 @@
 #include "main/common/clock.h"
 #include "main/common/threads.h"
 #include "status/client.h"
-#include "status/listening_socket.h"
 #include "status/request.h"
 #include "status/snapshot.h"
+#include "wire/group_socket.h"
 #include "wire/unique_fd.h"
 
 namespace ProcMgr::Status {
@@ -72,8 +72,7 @@ private:
     std::atomic<uint64_t> dropped_{0};
 
     // Used by the thread alone.
-    ListeningSocket listener_;
-    std::optional<gid_t> group_;
+    Wire::GroupSocket listener_;
     std::vector<std::unique_ptr<Client>> clients_;  // in the order of their coming
     Document shared_;                               // the last whole document, while it is fresh
     SteadyTime sharedUntil_{};

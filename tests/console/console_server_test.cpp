@@ -64,8 +64,8 @@ protected:
             return;
         }
         daemon_ = std::make_unique<RawListener>(Wire::PipePath(OWNER));
-        socket_ = std::make_unique<ConsoleSocket>(PATH, std::nullopt);
-        thread_ = std::thread([this] { ConsoleServer(*socket_).Run(stop_.Get()); });
+        ASSERT_EQ(socket_.Open(PATH, std::nullopt), nullptr);
+        thread_ = std::thread([this] { ConsoleServer(socket_).Run(stop_.Get()); });
     }
     void TearDown() override {
         if (thread_.joinable()) {
@@ -76,7 +76,7 @@ protected:
 
     Wire::UniqueFd stop_{eventfd(0, EFD_CLOEXEC)};
     std::unique_ptr<RawListener> daemon_;
-    std::unique_ptr<ConsoleSocket> socket_;
+    Wire::GroupSocket socket_;
     std::thread thread_;
 };
 

@@ -120,7 +120,7 @@ TEST_F(Status, ShowsAStartUpThatWaits) {
               "waits for its own report | is RUNNING when it reports");
     EXPECT_EQ(answer.WhyAndNext("late"),
               "waits for zornmgr | is started when zornmgr reports RUNNING");
-    EXPECT_EQ(answer.WhyAndNext("fails"), "exited with status 3 | nothing: policy no");
+    EXPECT_EQ(answer.WhyAndNext("fails"), "exited with status 3 | nothing, the policy is no");
     EXPECT_EQ(answer.Of("fails", "state"), "TERMINATED");
     EXPECT_EQ(answer.Of("fails", "last_exit.status"), std::to_string(3 << 8));
     EXPECT_EQ(answer.Of("prio", "state"), "RUNNING");
@@ -138,7 +138,7 @@ TEST_F(Status, ShowsWhatHasBecomeOfEachService) {
     EXPECT_EQ(answer["daemon.phases.#"], "6");
     EXPECT_EQ(answer.Of("zornmgr", "state"), "RUNNING");
     EXPECT_EQ(answer.Of("zornmgr", "ready"), "true");
-    EXPECT_EQ(answer.WhyAndNext("late"), " | nothing: runs");
+    EXPECT_EQ(answer.WhyAndNext("late"), " | nothing, it runs");
     EXPECT_EQ(answer.Of("late", "uid"), "1000");
     EXPECT_GT(answer.NumberOf("late", "rss_kib"), 0);
     EXPECT_EQ(answer.NumberOf("late", "threads"), 1);
@@ -148,11 +148,11 @@ TEST_F(Status, ShowsWhatHasBecomeOfEachService) {
     EXPECT_EQ(answer.Of("loops", "starts") + answer.Of("loops", "restarts_in_last_minute"), "65");
     EXPECT_EQ(answer.WhyAndNext("missing"),
               "could not be started: there is no program /run/e2e/nothing | "
-              "nothing: the first start is not repeated");
+              "nothing, the first start is not repeated");
     EXPECT_EQ(answer.WhyAndNext("after"),
-              "missing, which it depends on, did not start | nothing: is not started any more");
+              "missing, which it depends on, did not start | nothing, it is not started any more");
     EXPECT_EQ(answer.WhyAndNext("one"),
-              "is in a dependency cycle | nothing: is not started any more");
+              "is in a dependency cycle | nothing, it is not started any more");
     EXPECT_LE(answer.NumberOf("late", "boot.waiting_ns"),
               answer.NumberOf("late", "boot.released_ns"));
     EXPECT_LE(answer.NumberOf("late", "boot.released_ns"),

@@ -116,7 +116,7 @@ std::string ServiceOf(const std::string& name, bool isReporting, int released, i
            R"("reporting":)" +
            (isReporting ? "true" : "false") +
            R"(,"ready":true,"heartbeat":false,"exec":"/b","uid":0,"gid":0,"depends":[],"starts":1,)"
-           R"("restarts_in_last_minute":0,"last_exit":null,"why":"","next":"","times":{)"
+           R"("restarts_in_last_minute":0,"last_exit":null,"why":"","next":"","settled":false,"start_failed":false,"times":{)"
            R"("waiting_ns":1,"started_ns":1,"running_ns":1,"ready_ns":0,"ended_ns":0},"boot":{)" +
            time("waiting_ns", 1) + "," + time("released_ns", released) + "," +
            time("started_ns", started) + "," + time("running_ns", running) +

@@ -73,22 +73,22 @@ TEST(Explanation, OfServicesThatHaveNotBeenStarted) {
         });
     };
     EXPECT_EQ(Explain(verdict(StartVerdict::DEPENDENCY)),
-              "b, which it depends on, did not start | nothing: is not started any more");
+              "b, which it depends on, did not start | nothing, it is not started any more");
     EXPECT_EQ(Explain(verdict(StartVerdict::IN_CYCLE)),
-              "is in a dependency cycle | nothing: is not started any more");
+              "is in a dependency cycle | nothing, it is not started any more");
     EXPECT_EQ(Explain(verdict(StartVerdict::EXCLUDED)),
-              "excluded by the boot command line | nothing: is not started any more");
+              "excluded by the boot command line | nothing, it is not started any more");
     EXPECT_EQ(Explain(verdict(StartVerdict::RELEASED)),
               "could not be started: there is no program /bin/svc | "
-              "nothing: the first start is not repeated");
+              "nothing, the first start is not repeated");
     EXPECT_EQ(Explain(verdict(StartVerdict::ABANDONED), true, true),
-              "start-up has ended before its turn | nothing: the daemon stops");
+              "start-up has ended before its turn | nothing, the daemon stops");
 }
 
 TEST(Explanation, OfServicesThatHaveEnded) {
-    EXPECT_EQ(Explain(Ended("no")), "exited with status 3 | nothing: policy no");
+    EXPECT_EQ(Explain(Ended("no")), "exited with status 3 | nothing, the policy is no");
     EXPECT_EQ(Explain(Ended("no", ChangeReason::REPORTED)),
-              "has ended as it had reported | nothing: policy no");
+              "has ended as it had reported | nothing, the policy is no");
     EXPECT_EQ(Explain(Ended("on-failure")),
               "exited with status 3 | nothing: five restarts within a minute, policy on-failure "
               "gave up");
@@ -103,7 +103,7 @@ TEST(Explanation, OfServicesThatHaveEnded) {
                            })),
               "killed by signal 9 (SIGKILL) | is restarted now");
     EXPECT_EQ(Explain(With(Ended("no", ChangeReason::TERMINATION), inList), true, true),
-              "was stopped on request | nothing: the daemon stops");
+              "was stopped on request | nothing, the daemon stops");
 }
 
 TEST(Explanation, OfProcessesThatChange) {
@@ -120,7 +120,7 @@ TEST(Explanation, OfProcessesThatChange) {
     EXPECT_EQ(Explain(stopped, true, true),
               "is being stopped on request | SIGKILL in 500 ms unless it ends");
     EXPECT_EQ(Explain(ending(TERMINATING, ChangeReason::TERMINATION, 1), true, true),
-              "is being stopped on request | nothing: SIGKILL has been sent");
+              "is being stopped on request | nothing, SIGKILL has been sent");
     EXPECT_EQ(Explain(ending(TERMINATING, ChangeReason::REPORTED, 1)),
               "has reported that it ends | nothing until it ends");
     EXPECT_EQ(Explain(With(stopped, [](ServiceView& view) { view.app.isKilled = false; }), false),

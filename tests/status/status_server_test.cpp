@@ -7,11 +7,11 @@
 #include <filesystem>
 #include <new>
 
-#include "status/peer_check.h"
 #include "tests/fakes/log_capture.h"
 #include "tests/support/child.h"
 #include "tests/support/files.h"
 #include "tests/support/status_client.h"
+#include "wire/socket_peer.h"
 
 namespace ProcMgr::Status {
 namespace {
@@ -184,9 +184,9 @@ TEST_F(Server, OnlyRootAndTheGroupMayAsk) {
     EXPECT_EQ(AnswerTo(65534, 65534), 1);
     EXPECT_EQ(server_->GetCounters().refused, 1U);
     Stop();
-    EXPECT_TRUE(MayAsk({5, 5, {3, DAEMON_GROUP}}, 0, DAEMON_GROUP));
-    EXPECT_FALSE(MayAsk({5, 5, {3, 4}}, 0, DAEMON_GROUP));
-    EXPECT_FALSE(MayAsk({5, 5, {0}}, 0, std::nullopt));
+    EXPECT_TRUE(Wire::IsPermitted({5, 5, {3, DAEMON_GROUP}}, 0, DAEMON_GROUP));
+    EXPECT_FALSE(Wire::IsPermitted({5, 5, {3, 4}}, 0, DAEMON_GROUP));
+    EXPECT_FALSE(Wire::IsPermitted({5, 5, {0}}, 0, std::nullopt));
 
     Start("no-such-group");
     EXPECT_EQ(AskStatus(path_, "status"), ",0\n");
@@ -219,7 +219,7 @@ TEST_F(Server, ReplacesALeftOverSocketButNoOtherFile) {
     EXPECT_EQ(Tests::ReadFile(path_), "text");
     EXPECT_EQ(LogCapture::Lines().back().text,
               "PROCMGR : the status socket " + path_ +
-                  " cannot be made, bind failed, errno=" + std::to_string(EADDRINUSE));
+                  " cannot be made, rename failed, errno=" + std::to_string(EEXIST));
 }
 
 }  // namespace

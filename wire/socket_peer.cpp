@@ -1,4 +1,4 @@
-#include "status/peer_check.h"
+#include "wire/socket_peer.h"
 
 #include <sys/socket.h>
 
@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstddef>
 
-namespace ProcMgr::Status {
+namespace Wire {
 namespace {
 
 // The kernel has no process with more groups.
@@ -47,7 +47,7 @@ std::optional<Peer> ReadPeer(int socket) {
     return peer;
 }
 
-bool MayAsk(const Peer& peer, uid_t self, std::optional<gid_t> group) {
+bool IsPermitted(const Peer& peer, uid_t self, std::optional<gid_t> group) {
     if (peer.uid == 0 || peer.uid == self) {
         return true;
     }
@@ -55,4 +55,4 @@ bool MayAsk(const Peer& peer, uid_t self, std::optional<gid_t> group) {
                                                      *group) != peer.groups.end());
 }
 
-}  // namespace ProcMgr::Status
+}  // namespace Wire
