@@ -7,7 +7,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
@@ -88,8 +90,8 @@ int main(int argc, char** argv) {
         const Wire::UniqueFd stop = TakeStopSignals();
         Wire::GroupSocket socket;
         if (const char* failed = socket.Open(options->socket, GroupOf(options->group))) {
-            syslog(LOG_ERR, "ends: the socket %s cannot be made: %s: %m", options->socket.c_str(),
-                   failed);
+            syslog(LOG_ERR, "ends: the socket %s cannot be made: %s: %s", options->socket.c_str(),
+                   failed, strerror(errno));
             return 1;
         }
         ProcMgr::Console::ConsoleServer(socket).Run(stop.Get());

@@ -22,7 +22,7 @@
 namespace ProcMgr::App {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef PROCMGR_SANITIZED
 constexpr bool IS_SANITIZED = true;
 #else
 constexpr bool IS_SANITIZED = false;

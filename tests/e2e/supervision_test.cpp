@@ -49,7 +49,7 @@ TEST_F(Supervision, EachOfManyDeathsIsReportedOnceAndLeaksNothing) {
     for (size_t i = 0; i < reports.size(); ++i) {
         ASSERT_EQ(reports[i], i % 2 == 0 ? 'R' : 'T') << "report " << i << " of " << reports;
     }
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef PROCMGR_SANITIZED
     EXPECT_LE(PrivatePages(), pages + 64);
 #else
     (void)pages;  // a sanitizer keeps freed memory

@@ -10,7 +10,7 @@ namespace ProcMgr::Tests {
 inline constexpr std::chrono::seconds PATIENCE{30};
 
 // Sanitizers slow everything down: a limit on time that a test asserts is multiplied by this.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef PROCMGR_SANITIZED
 inline constexpr int SLOWER = 5;
 #else
 inline constexpr int SLOWER = 1;
