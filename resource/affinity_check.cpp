@@ -71,7 +71,9 @@ bool AffinityCheck::Run() {
     if (!isStarted_) {
         return false;
     }
-    PlaceOwnThreads();
+    if (ownThreads_.MayHaveChanged()) {
+        PlaceOwnThreads();
+    }
     GroupMembers members;
     for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::RUNNING_PRIORITY)) {
         PlacePriorityApp(app, members);

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -80,10 +81,20 @@ bool ReadThreadIds(int32_t pid, std::set<int32_t>& tids) {
     return true;
 }
 
+bool OwnThreads::MayHaveChanged() {
+    struct stat status {};
+    return ++unchanged_ >= UNCHANGED_MAX || fstat(directory_.Get(), &status) != 0 ||
+           status.st_nlink != links_;
+}
+
 bool OwnThreads::Read(std::set<int32_t>& tids) {
     if (!directory_.IsValid()) {
         directory_ = Wire::UniqueFd(open(OWN_THREADS, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     }
+    // Before the list: a thread that starts in between is seen next time.
+    struct stat status {};
+    links_ = fstat(directory_.Get(), &status) == 0 ? status.st_nlink : 0;
+    unchanged_ = 0;
     if (lseek(directory_.Get(), 0, SEEK_SET) != 0) {
         return false;
     }

@@ -2,6 +2,8 @@
 // from any thread, also with a container's lock held: the kernel answers at once.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -37,9 +39,18 @@ class OwnThreads {
 public:
     // Adds the ids to `tids`. False, with errno, when they cannot be listed.
     bool Read(std::set<int32_t>& tids);
+    // Whether the list may be another one than at the last Read(): the number of threads has
+    // changed, or this has been asked UNCHANGED_MAX times since. The list itself takes the kernel
+    // twenty times as long as the number.
+    bool MayHaveChanged();
 
 private:
+    // A thread that ends when another one starts leaves the number as it is.
+    static constexpr int UNCHANGED_MAX = 8;
+
     Wire::UniqueFd directory_;
+    nlink_t links_ = 0;  // of the directory at the last Read(): one for each thread, and two
+    int unchanged_ = 0;  // the number of times that MayHaveChanged() was false since
 };
 
 // The time at which the process was started, in clock ticks since boot. Nothing when it is gone.
