@@ -34,3 +34,10 @@ install_missing() {
         apt-get install -y -qq --no-install-recommends "$@" >/dev/null
     ' install_missing "${missing[@]}"
 }
+
+# Clang with the libraries of its sanitizers and its fuzzer, which in Debian are in a package of their
+# own that is named after the version of Clang.
+install_clang() {
+    install_missing clang
+    install_missing "libclang-rt-$(clang++ -dumpversion | cut -d. -f1)-dev"
+}
