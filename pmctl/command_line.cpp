@@ -65,7 +65,9 @@ CLI::App* AddPlanCommand(CLI::App& app, PlanOptions& options, const char* name, 
         ->check(CLI::ExistingDirectory);
     command->add_flag("--no-owner", options.isCopy,
                       "A copy of the file: do not check who owns and may write it");
-    command->add_option("-o,--output", options.output, "Write to this file");
+    command->add_flag("--no-programs", options.isOrderOnly,
+                      "Do not check programs and users: those of the board are not here");
+    command->add_option("-o,--output", options.output, "Write to this file (-: standard output)");
     return command;
 }
 

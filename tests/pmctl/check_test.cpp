@@ -93,15 +93,15 @@ TEST_F(PmctlCheck, DependenciesThatTheDaemonDoesNotFind) {
                          "- {name: storage, bin: /bin/tool}\n"
                          "applications: [{name: app, bin: /bin/tool}]\n"),
               "m.yaml:3: error: depends: dependency cycle, none of these can start: a -> b -> c -> "
-              "a (services that cycles keep from starting: 5)\n"
+              "a (5 services cannot start because of cycles)\n"
               "m.yaml:4: error: depends: there is no service 'storag': the daemon does not start "
               "'b' (did you mean 'storage'?)\n"
               "m.yaml:6: warning: depends: 'shell' is started only when the boot command line "
               "enables debug/shell.yaml: without that the daemon does not start 'd'\n"
               "m.yaml:7: error: depends: 'app' is an application and no service: the daemon does "
               "not start 'e'\n"
-              "m.yaml:7: error: depends: 'e' depends on itself and cannot start (services that "
-              "cycles keep from starting: 5)\n");
+              "m.yaml:7: error: depends: 'e' depends on itself and cannot start (5 services "
+              "cannot start because of cycles)\n");
 }
 
 TEST_F(PmctlCheck, ProgramsThatTheUserMayNotExecute) {
@@ -198,14 +198,14 @@ TEST_F(PmctlCheck, OtherFiles) {
             "it for false)\n"
             "env.cfg:3: warning: the line is skipped, because it holds the character ' ' (only "
             "letters, digits and :=;_'\"/ may be in a line, no blanks)\n"
-            "env.cfg:4: warning: HOST_CPU_SETS: a set that the daemon does not set by itself (did "
+            "env.cfg:4: warning: HOST_CPU_SETS: the daemon never applies this set by itself (did "
             "you mean 'HOST_CPU_SET'?)\n"
-            "env.cfg:4: note: HOST_CPU_SETS: control groups are not checked: this machine has none "
-            "of the board's\n"
-            "env.cfg:5: error: HOST_CPU_SET: 'x' of the group 'a' is no number (the daemon does "
+            "env.cfg:4: note: HOST_CPU_SETS: control groups are not checked: this machine does not "
+            "have the board's control groups\n"
+            "env.cfg:5: error: HOST_CPU_SET: 'x' of the group 'a' is not a number (the daemon does "
             "not read the lines after it)\n"
             "env.cfg:6: warning: HOST_CPU_SWITCH: expected 0 or 1 (the daemon takes it for 1)\n"
-            "env.cfg:7: warning: HOST_CPU_SET: stands twice (the later line counts)\n"
+            "env.cfg:7: warning: HOST_CPU_SET: is given twice (the later line counts)\n"
             "env.cfg:7: error: HOST_CPU_SET: the group 'b' or its value '' is empty (a set is "
             "written group:percent;group:percent, without a ';' at the end)\n"
             "list:2: error: two: the digest is not 64 lower-case hexadecimal digits: the daemon "
