@@ -175,7 +175,7 @@ TEST_F(PmctlCheck, KeysWithoutAnEffect) {
 TEST_F(PmctlCheck, OtherFiles) {
     image_.Write("procmgr_cfg.yaml",
                  "watch_dog:\n  enabel: true\n  timeout: 5s\n  action: '7'\npmuplod: {}\n"
-                 "pmupload: {enable: perhaps}\n");
+                 "pmupload: {enable: perhaps}\nstatus: {enable: true, group: stff}\n");
     image_.Write("env.cfg",
                  "# a comment\n\nHOST_CPU_SET=ctrl:40; user:20\nHOST_CPU_SETS=a:1\n"
                  "HOST_CPU_SET=a:x\nHOST_CPU_SWITCH=2\nHOST_CPU_SET=b:1;\n");
@@ -196,6 +196,8 @@ TEST_F(PmctlCheck, OtherFiles) {
             "'pmupload'?)\n"
             "procmgr_cfg.yaml:6: error: pmupload.enable: expected true or false (the daemon takes "
             "it for false)\n"
+            "procmgr_cfg.yaml:7: error: status.group: there is no group 'stff': the daemon lets in "
+            "only root (did you mean 'staff'?)\n"
             "env.cfg:3: warning: the line is skipped, because it holds the character ' ' (only "
             "letters, digits and :=;_'\"/ may be in a line, no blanks)\n"
             "env.cfg:4: warning: HOST_CPU_SETS: the daemon never applies this set by itself (did "
@@ -212,7 +214,7 @@ TEST_F(PmctlCheck, OtherFiles) {
             "does not start the program (sha256sum prints it)\n"
             "list:3: error: expected NAME=DIGEST (there are no comments in this file)\n"
             "list:4: warning: one: replaces the digest of line 1\n"
-            "3 files checked: 7 errors, 7 warnings, 1 note\n",
+            "3 files checked: 8 errors, 7 warnings, 1 note\n",
             ""}));
 }
 
