@@ -33,7 +33,7 @@ constexpr std::array KEYS = {
     SettingKey{WATCH_DOG, ACTION, SettingKind::ACTION},
     SettingKey{PMUPLOAD, ENABLE, SettingKind::SWITCH},
     SettingKey{STATUS, ENABLE, SettingKind::SWITCH},
-    SettingKey{STATUS, GROUP, SettingKind::TEXT},
+    SettingKey{STATUS, GROUP, SettingKind::GROUP},
 };
 
 }  // namespace
@@ -50,7 +50,7 @@ bool IsSettingValue(SettingKind kind, const std::string& text) {
             return !text.empty() && IsStrDigits(text);
         case SettingKind::ACTION:
             return std::find(ACTIONS.begin(), ACTIONS.end(), text) != ACTIONS.end();
-        case SettingKind::TEXT:
+        case SettingKind::GROUP:
             return !text.empty();
     }
     return false;

@@ -11,7 +11,7 @@ enum class SettingKind {
     SWITCH,   // true or false
     SECONDS,  // decimal digits
     ACTION,   // 0, 1 or 2
-    TEXT,     // text that is not empty
+    GROUP,    // the name of a group of users
 };
 
 struct SettingKey {

@@ -5,6 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "message/text_fields.h"
+
 namespace ProcMgr::Console {
 namespace {
 
@@ -59,13 +61,28 @@ std::string TextOf(const json& value, const std::string& key) {
 
 std::vector<std::string> TextsOf(const json& value, const std::string& key) {
     if (!value.is_array()) {
-        throw Refusal("\"" + key + "\" is no list");
+        throw Refusal("\"" + key + "\" is not a list");
     }
     std::vector<std::string> texts;
     for (const json& element : value) {
         texts.push_back(TextOf(element, key));
     }
     return texts;
+}
+
+// Texts that become fields of a record of the daemon.
+std::vector<std::string> FieldsOf(const json& value, const std::string& key) {
+    std::vector<std::string> fields = TextsOf(value, key);
+    for (const std::string& field : fields) {
+        if (field.find(Message::SEPARATOR) != std::string::npos) {
+            throw Refusal("\"" + key + "\" holds '#', which separates the fields of a record");
+        }
+    }
+    return fields;
+}
+
+std::string FieldOf(const json& value, const std::string& key) {
+    return FieldsOf(json::array({value}), key).front();
 }
 
 void CheckKeys(const json& object, std::initializer_list<std::string_view> keys) {
@@ -138,19 +155,19 @@ void ParseWait(const json& top, Request& request) {
 void ParseValues(const json& arguments, Message::StartAppInfo& values) {
     CheckKeys(arguments, {"args", "exec", "vf_id", "env"});
     if (const json* args = Find(arguments, "args")) {
-        values.argv = TextsOf(*args, "args");
+        values.argv = FieldsOf(*args, "args");
     }
     if (const json* exec = Find(arguments, "exec")) {
-        values.dynamicPara[PROGRAM] = {TextOf(*exec, "exec")};
+        values.dynamicPara[PROGRAM] = {FieldOf(*exec, "exec")};
     }
     if (const json* vfId = Find(arguments, "vf_id")) {
-        values.dynamicPara[VF_ID] = {TextOf(*vfId, "vf_id")};
+        values.dynamicPara[VF_ID] = {FieldOf(*vfId, "vf_id")};
     }
     if (const json* env = Find(arguments, "env")) {
-        values.dynamicPara[ENVIRONMENT] = TextsOf(*env, "env");
+        values.dynamicPara[ENVIRONMENT] = FieldsOf(*env, "env");
         for (const std::string& entry : values.dynamicPara[ENVIRONMENT]) {
             if (entry.find('=') == std::string::npos || entry.front() == '=') {
-                throw Refusal("\"" + entry + "\" is no KEY=VALUE");
+                throw Refusal("\"" + entry + "\" is not KEY=VALUE");
             }
         }
     }
@@ -159,19 +176,19 @@ void ParseValues(const json& arguments, Message::StartAppInfo& values) {
 void ParseFile(const json& arguments, Message::StartupCfgInfo& file) {
     CheckKeys(arguments, {"path", "match"});
     const json* path = Find(arguments, "path");
-    file.path = path == nullptr ? std::string() : TextOf(*path, "path");
+    file.path = path == nullptr ? std::string() : FieldOf(*path, "path");
     if (!file.path.starts_with('/')) {
         throw Refusal("\"path\" is not an absolute path");
     }
     const json* match = Find(arguments, "match");
     if (match != nullptr && !match->is_object()) {
-        throw Refusal("\"match\" is no object");
+        throw Refusal("\"match\" is not an object");
     }
     if (match == nullptr) {
         return;
     }
     for (const auto& entry : match->items()) {
-        file.matchData[TextOf(json(entry.key()), "match")] = TextOf(entry.value(), "match");
+        file.matchData[FieldOf(json(entry.key()), "match")] = FieldOf(entry.value(), "match");
     }
 }
 
@@ -180,7 +197,7 @@ void ParseArguments(const json& top, Request& request) {
     const json* found = Find(top, "arguments");
     const json& arguments = found == nullptr ? NONE : *found;
     if (!arguments.is_object()) {
-        throw Refusal("\"arguments\" is no object");
+        throw Refusal("\"arguments\" is not an object");
     }
     if (IsLaunch(request.command)) {
         ParseValues(arguments, request.values);
@@ -194,7 +211,7 @@ void ParseArguments(const json& top, Request& request) {
 Request Parse(std::string_view line) {
     const json top = json::parse(line.begin(), line.end(), nullptr, false);
     if (!top.is_object()) {
-        throw Refusal("the request is no JSON object");
+        throw Refusal("the request is not a JSON object");
     }
     const json* version = Find(top, "version");
     if (version == nullptr || *version != PROTOCOL_VERSION) {

@@ -163,7 +163,7 @@ void ConsoleServer::Begin(uint64_t id, ClientConnection& client, Request request
     std::string error;
     if (!records) {
         error = DoneLine(Code::REQUEST,
-                         "a text holds '#', or is longer than a record of the daemon takes");
+                         "the names or values are too long for one record of the daemon");
     } else if (!pipe_.IsConnected()) {
         error = DoneLine(Code::NO_DAEMON, NO_PIPE);
     } else {

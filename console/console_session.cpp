@@ -26,7 +26,12 @@ struct Reading {
 };
 
 constexpr const char* NOT_STARTED = "did not start, or has ended: see the log of the daemon";
-constexpr const char* COMING_OR_GOING = "refused: it is being started, stopped or restarted";
+// Also the outcome for a name that the daemon does not know.
+constexpr const char* NOT_RESTARTED =
+    "did not start, has ended, or is no application: see the log of the daemon";
+// Also true of a base service, and of a name that nobody has.
+constexpr const char* NOT_RUNNING = "not a running application";
+constexpr const char* CHANGING = "refused: it is being started, stopped or restarted";
 
 // What a report means for a request. A report that is not here is news.
 constexpr Reading READINGS[] = {
@@ -34,25 +39,26 @@ constexpr Reading READINGS[] = {
     {Command::START, RUNNING_NORMAL_RESTART, Meaning::DONE, "runs"},
     {Command::START, TERMINATED_NORMAL_EXIT, Meaning::FAILED, "has ended"},
     {Command::START, TERMINATED_ABNORMAL_EXIT, Meaning::FAILED, NOT_STARTED},
-    {Command::START, INVALID_INTERMEDIATE_STATE, Meaning::REFUSED, COMING_OR_GOING},
+    {Command::START, INVALID_INTERMEDIATE_STATE, Meaning::REFUSED, CHANGING},
     {Command::STOP, TERMINATED_NORMAL_EXIT, Meaning::DONE, "stopped"},
     {Command::STOP, TERMINATED_ABNORMAL_EXIT, Meaning::DONE, "has ended by itself"},
     {Command::STOP, RUNNING_ABNORMAL_TERM_TIMEOUT, Meaning::FAILED,
-     "runs on: it has not ended within its term_timeout"},
-    {Command::STOP, INVALID_INTERMEDIATE_STATE, Meaning::REFUSED, COMING_OR_GOING},
+     "still runs: it did not end within its term_timeout"},
+    {Command::STOP, INVALID_INTERMEDIATE_STATE, Meaning::REFUSED, CHANGING},
     {Command::RESTART, RUNNING_NORMAL_RESTART, Meaning::DONE, "restarted"},
-    {Command::RESTART, TERMINATED_ABNORMAL_EXIT, Meaning::FAILED, NOT_STARTED},
-    {Command::RESTART, INVALID_INTERMEDIATE_STATE, Meaning::REFUSED, COMING_OR_GOING},
+    {Command::RESTART, TERMINATED_ABNORMAL_EXIT, Meaning::FAILED, NOT_RESTARTED},
+    {Command::RESTART, INVALID_INTERMEDIATE_STATE, Meaning::REFUSED, CHANGING},
 };
 
 // The texts of reports that are news, by ReportAppStateType.
-constexpr const char* NEWS_TEXTS[] = {"runs",      "restarted",           "runs on",
-                                      "has ended", "has ended by itself", "is coming or going"};
+constexpr const char* NEWS_TEXTS[] = {
+    "runs",      "restarted",           "still runs",
+    "has ended", "has ended by itself", "is starting or stopping"};
 
 // The status of an application in the daemon's answer to a query.
 constexpr uint32_t GONE = 1;
 constexpr std::pair<const char*, const char*> STATUSES[] = {
-    {"ALIVE", "runs"}, {"GONE", "does not run"}, {"STOPPED", "is stopped by a signal"}};
+    {"ALIVE", "runs"}, {"GONE", NOT_RUNNING}, {"STOPPED", "is stopped by a signal"}};
 
 const Reading* FindReading(Command command, uint32_t report) {
     const auto* found =
@@ -103,7 +109,7 @@ std::string ConsoleSession::OnReport(const AppStateInfo& report, bool isNext) {
     }
     const bool isIdle = request_.command == Command::STOP &&
                         report.reportType == TERMINATED_NORMAL_EXIT && news.pid == 0;
-    news.text = isIdle ? "did not run" : reading->text;
+    news.text = isIdle ? NOT_RUNNING : reading->text;
     news.isOk = reading->meaning == Meaning::DONE;
     return Decide(news);
 }
@@ -178,7 +184,7 @@ News ConsoleSession::Requested() const {
 std::string ConsoleSession::DecideGone() {
     isGraceRunning_ = false;
     const bool isOk = request_.command == Command::STOP;
-    const std::string text = isOk ? "does not run" : "no such application, or it has ended at once";
+    const std::string text = isOk ? NOT_RUNNING : "no such application, or it has ended at once";
     return DecideAllOf(std::set<std::string>(gone_), {.type = "GONE", .text = text, .isOk = isOk});
 }
 
@@ -203,8 +209,8 @@ std::string ConsoleSession::TimeOut() {
         return isDone_ ? DoneLine() : DecideAllOf(std::set<std::string>(open_), Requested());
     }
     const auto milliseconds = request_.timeout.count();
-    return Fail(Code::TIMED_OUT, "no outcome for " + Join(open_) + " within " +
-                                     std::to_string(milliseconds) + " ms");
+    return Fail(Code::TIMED_OUT,
+                Join(open_) + ": no result within " + std::to_string(milliseconds) + " ms");
 }
 
 std::string ConsoleSession::Fail(const std::string& code, const std::string& error) {

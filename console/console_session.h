@@ -35,7 +35,8 @@ public:
     // The last record of the request is with the daemon.
     std::string OnSent();
     // A report of the daemon. `isNext`: the daemon's next answer to a query is that to this
-    // request's query, so a report that an application is coming or going answers this request.
+    // request's query, so a report that an application is starting or stopping answers this
+    // request.
     std::string OnReport(const Message::AppStateInfo& report, bool isNext);
     // The daemon has handled the request, and has answered its query with `statuses`.
     std::string OnAnswer(const Statuses& statuses, Time now);

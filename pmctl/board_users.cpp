@@ -12,11 +12,13 @@
 #include "main/common/numbers.h"
 #include "platform/host/primary_group.h"
 #include "platform/host/yaml_file.h"
+#include "wire/group_socket.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
 
 constexpr size_t TEXTS_SIZE = 65536;
+constexpr size_t NAMES_MAX = 10000;
 
 std::vector<std::string_view> Split(std::string_view text, char separator) {
     std::vector<std::string_view> parts;
@@ -81,6 +83,7 @@ void BoardUsers::ReadGroups(const std::string& text) {
             continue;
         }
         groupIds_.insert(*gid);
+        groupNames_.emplace(fields[0]);
         for (const std::string_view member : Split(fields[3], ',')) {
             const auto found = uids.find(member);
             if (found != uids.end() && users_.at(found->second).group != *gid) {
@@ -115,6 +118,23 @@ bool BoardUsers::HasGroup(uint32_t gid) {
     group* found = nullptr;
     // A record that is too large for the buffer is one, too.
     return getgrgid_r(gid, &record, texts.data(), texts.size(), &found) != 0 || found != nullptr;
+}
+
+bool BoardUsers::HasGroupNamed(const std::string& name) const {
+    return isHere_ ? Wire::FindGroup(name).has_value() : groupNames_.contains(name);
+}
+
+std::vector<std::string> BoardUsers::GroupNames() const {
+    std::vector<std::string> names(groupNames_.begin(), groupNames_.end());
+    if (isHere_) {
+        setgrent();
+        for (const group* entry = nullptr;
+             names.size() < NAMES_MAX && (entry = getgrent()) != nullptr;) {
+            names.emplace_back(entry->gr_name);
+        }
+        endgrent();
+    }
+    return names;
 }
 
 }  // namespace ProcMgr::Pmctl

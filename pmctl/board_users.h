@@ -9,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "app/user_groups.h"
 #include "pmctl/image.h"
@@ -27,6 +28,9 @@ public:
     // The primary group; 0 for a user that nobody knows, as the daemon takes it.
     uint32_t PrimaryGroupOf(uint32_t uid);
     bool HasGroup(uint32_t gid);
+    bool HasGroupNamed(const std::string& name) const;
+    // The names of the groups, of this machine the first 10000.
+    std::vector<std::string> GroupNames() const;
 
 private:
     struct User {
@@ -42,6 +46,7 @@ private:
     std::map<uint32_t, App::UserGroups> groups_;  // those that were asked for; of an image, all
     std::map<uint32_t, User> users_;              // of an image
     std::set<uint32_t> groupIds_;                 // of an image
+    std::set<std::string> groupNames_;            // of an image
 };
 
 }  // namespace ProcMgr::Pmctl

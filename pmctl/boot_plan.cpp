@@ -3,34 +3,32 @@
 #include <algorithm>
 #include <map>
 #include <set>
-#include <tuple>
 #include <utility>
 
-#include "app/app_spec.h"
 #include "baseservice/start_order.h"
 #include "config/boot_command_line.h"
 #include "main/common/proc_mgr_env.h"
-#include "platform/host/manifest_loader.h"
 #include "platform/host/start_graph.h"
-#include "pmctl/check_manifest.h"
-#include "pmctl/context.h"
+#include "pmctl/boot_file.h"
 #include "pmctl/image.h"
-#include "pmctl/people.h"
+#include "pmctl/start_checks.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
 
 class Planner {
 public:
-    explicit Planner(const BootInput& input) : input_(input), image_(input.root) {}
+    explicit Planner(const BootInput& input)
+        : input_(input), image_(input.root), checks_(image_, input.hasOwners) {}
 
     BootPlan Run() {
         TakeCommandLine();
-        LoadFile();
+        file_ = LoadBootFile(plan_.file, image_, input_.hasOwners);
         AddPriorityApps();
-        for (const ApplicationManifest& manifest : manifests_) {
-            if (manifest.GetManifestList() == ManifestList::SERVICES) {
-                AddService(manifest);
+        for (size_t i = 0; i < file_.manifests.size(); ++i) {
+            entryOf_[file_.manifests[i].GetAppName()] = i;
+            if (file_.manifests[i].GetManifestList() == ManifestList::SERVICES) {
+                AddService(file_.manifests[i]);
             }
         }
         for (const std::string& word : commandLine_.GetNotConfigured()) {
@@ -39,6 +37,8 @@ public:
         }
         PlanBatches();
         Sort();
+        const std::vector<std::string>& unchecked = checks_.GetNotes();
+        plan_.notes.insert(plan_.notes.end(), unchecked.begin(), unchecked.end());
         return std::move(plan_);
     }
 
@@ -53,31 +53,17 @@ private:
         }
     }
 
-    void LoadFile() {
-        PlatformHost::ManifestLoad load =
-            PlatformHost::LoadManifests(plan_.file, BoardReader(image_, input_.hasOwners));
-        if (!load.error.empty()) {
-            throw CommandError(EXIT_NO, "the daemon would start nothing: " + Printable(load.error) +
-                                            ": see pmctl check");
+    void AddPriorityApps() {
+        for (const size_t i : PriorityOrder(file_)) {
+            const ApplicationManifest& manifest = file_.manifests[i];
+            plan_.priorityApps.push_back(
+                {manifest.GetAppName(), manifest.GetStartupPriority(), WhyRefused(i)});
         }
-        manifests_ = std::move(load.manifests);
     }
 
-    // By rising priority, then by name; those with match data are not selected at boot.
-    void AddPriorityApps() {
-        for (const ApplicationManifest& manifest : manifests_) {
-            if (manifest.GetManifestList() == ManifestList::APPLICATIONS &&
-                manifest.GetStartupPriority() != App::AppSpec::NO_PRIORITY &&
-                manifest.GetMatchData().empty()) {
-                plan_.priorityApps.push_back(
-                    {manifest.GetAppName(), manifest.GetStartupPriority()});
-            }
-        }
-        std::sort(plan_.priorityApps.begin(), plan_.priorityApps.end(),
-                  [](const PriorityApp& one, const PriorityApp& other) {
-                      return std::tie(one.priority, one.name) <
-                             std::tie(other.priority, other.name);
-                  });
+    std::string WhyRefused(size_t entry) {
+        return input_.hasPrograms ? checks_.WhyRefused(file_.manifests[entry], file_.places[entry])
+                                  : std::string();
     }
 
     void AddService(const ApplicationManifest& manifest) {
@@ -121,28 +107,27 @@ private:
         }
     }
 
-    // The check of the dependencies that base start-up makes when the service has its turn.
+    // The checks that are made when the service has its turn: its dependencies, then its program.
     void TakeTurn(PlannedService& service, size_t batch) {
         service.batch = batch;
-        service.fate = Fate::STARTED;
         order_.push_back(service.name);
         for (const std::string& depend : service.depends) {
-            service.why = WhyMissing(depend);
-            if (!service.why.empty()) {
-                service.fate = Fate::REFUSED;
-                return;
+            if (service.why.empty()) {
+                service.why = WhyMissing(depend);
             }
         }
+        if (service.why.empty()) {
+            service.why = WhyRefused(entryOf_.at(service.name));
+        }
+        service.fate = service.why.empty() ? Fate::STARTED : Fate::REFUSED;
     }
 
     // Empty when the service runs at this point of the boot.
     std::string WhyMissing(const std::string& name) const {
         const auto found = indexOf_.find(name);
         if (found == indexOf_.end()) {
-            const bool isApp = std::any_of(
-                manifests_.begin(), manifests_.end(),
-                [&name](const ApplicationManifest& one) { return one.GetAppName() == name; });
-            return name + ", which it depends on, is " + (isApp ? "an application" : "no service");
+            return name + ", which it depends on, is " +
+                   (entryOf_.contains(name) ? "an application" : "no service");
         }
         switch (plan_.services[found->second].fate) {
             case Fate::STARTED:
@@ -180,8 +165,10 @@ private:
 
     const BootInput& input_;
     const Image image_;
+    StartChecks checks_;
     BootCommandLine commandLine_;
-    std::vector<ApplicationManifest> manifests_;
+    BootFile file_;
+    std::map<std::string, size_t> entryOf_;  // in file_
     std::vector<std::string> enabled_;
     PlatformHost::Dependencies dependsOf_;
     std::map<std::string, size_t> indexOf_;  // in plan_.services, before they are sorted

@@ -1,5 +1,6 @@
 // What a boot would do with the services of a file: the order in which they are started, and which
-// are not. Computed with the daemon's own code, nothing is started.
+// are not. The order is computed with the daemon's own code, and the checks before a start are
+// those of "pmctl check". Nothing is started.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +10,9 @@
 
 namespace ProcMgr::Pmctl {
 
-// STARTED: it is started in its turn. REFUSED: a service that it depends on is not started.
-// STUCK: it is on a dependency cycle, or waits for one. EXCLUDED: by the boot command line.
+// STARTED: it is started in its turn. REFUSED: a service that it depends on is not started, or its
+// own program cannot be. STUCK: it is on a dependency cycle, or waits for one. EXCLUDED: by the
+// boot command line.
 enum class Fate { STARTED, REFUSED, STUCK, EXCLUDED };
 
 const char* FateName(Fate fate);
@@ -28,6 +30,7 @@ struct PlannedService {
 struct PriorityApp {
     std::string name;
     int32_t priority = 0;
+    std::string why;  // why it is not started
 };
 
 struct BootPlan {
@@ -36,7 +39,7 @@ struct BootPlan {
     // Those with a turn in the order of their start, then the others in the order of the file.
     std::vector<PlannedService> services;
     std::vector<std::vector<std::string>> cycles;
-    std::vector<std::string> notes;  // about the boot command line
+    std::vector<std::string> notes;  // about the boot command line, and what was not checked
 
     const PlannedService* Find(const std::string& name) const;
 };
@@ -47,6 +50,8 @@ struct BootInput {
     std::string root;         // the directory that is "/" on the board; empty for this machine
     // Whether a file that others may write is refused, as the daemon does.
     bool hasOwners = true;
+    // Whether the programs and users of the board are here to be checked.
+    bool hasPrograms = true;
 };
 
 // Throws CommandError with EXIT_NO when the daemon would not use the file.

@@ -18,7 +18,7 @@ void WriteText(const Findings& findings, size_t files, const Context& context) {
         context.out << finding.Text(context.hasColours) << '\n';
     }
     if (findings.GetLeftOut() > 0) {
-        context.out << Counted(findings.GetLeftOut(), "further finding") << '\n';
+        context.out << Counted(findings.GetLeftOut(), "more finding") << " not shown\n";
     }
     context.out << Counted(files, "file")
                 << " checked: " << Counted(findings.Count(Severity::ERROR), "error") << ", "
@@ -33,7 +33,8 @@ void RunCheck(const CheckOptions& options, Context& context) {
     const Image image(options.root);
     BoardUsers users(image);
     Findings findings;
-    CheckContext check{findings, image, users};
+    ProgramDigests digests(image, !options.isCopy);
+    CheckContext check{findings, image, users, digests};
     check.hasOwners = !options.isCopy;
     const auto kind = options.kind.empty() ? std::nullopt : FileKindOf(options.kind);
     const size_t files = CheckFiles(options.files, kind, check);

@@ -10,6 +10,7 @@
 #include "pmctl/board_users.h"
 #include "pmctl/finding.h"
 #include "pmctl/image.h"
+#include "pmctl/program_digests.h"
 
 namespace ProcMgr::Pmctl {
 
@@ -17,17 +18,21 @@ struct CheckContext {
     Findings& findings;
     const Image& image;
     BoardUsers& users;
+    ProgramDigests& digests;
     // Owners and modes of the files count: they lie where the daemon reads them.
     bool hasOwners = true;
     // Whether a note that is for the whole machine has been added; each is added once.
     bool hasGroupNote = false;
     bool hasCoreNote = false;
     bool hasUserNote = false;
+    bool hasDigestNote = false;
+    // Whether hints name the nearest name that is known.
+    bool wantsNearNames = true;
 
     // Whether a hint that takes long to find is still looked for: a file may have many errors.
     bool MayLookForHint() const {
         constexpr size_t FINDINGS_WITH_HINTS = 100;
-        return findings.Get().size() < FINDINGS_WITH_HINTS;
+        return wantsNearNames && findings.Get().size() < FINDINGS_WITH_HINTS;
     }
 };
 

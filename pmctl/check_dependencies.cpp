@@ -62,7 +62,9 @@ void ReportCycle(const std::vector<std::string>& cycle, size_t stuck, const Entr
         cycle.size() == 1
             ? "'" + cycle.front() + "' depends on itself and cannot start"
             : "dependency cycle, none of these can start: " + PlatformHost::CycleText(cycle);
-    first.Error(KEY, what, "services that cycles keep from starting: " + std::to_string(stuck));
+    first.Error(KEY, what,
+                std::to_string(stuck) + (stuck == 1 ? " service" : " services") +
+                    " cannot start because of cycles");
 }
 
 // The number of services that are not started because of a cycle.

@@ -38,7 +38,7 @@ public:
         if (parsed.kind == HostResourceLine::Kind::SKIPPED) {
             TakeSkipped(line.text);
         } else if (!seen_.insert(parsed.key).second) {
-            Add(Severity::WARNING, parsed.key, "stands twice", "the later line counts");
+            Add(Severity::WARNING, parsed.key, "is given twice", "the later line counts");
         }
         if (parsed.kind == HostResourceLine::Kind::SWITCH && parsed.value != "0" &&
             parsed.value != "1") {
@@ -63,7 +63,7 @@ private:
         }
         const auto bad = std::find_if_not(line.begin(), line.end(), IsHostResourceCharacter);
         if (bad == line.end()) {
-            Add(Severity::WARNING, "", "the line is no KEY=VALUE and is skipped", "");
+            Add(Severity::WARNING, "", "the line is not KEY=VALUE and is skipped", "");
         } else {
             Add(Severity::WARNING, "",
                 std::string("the line is skipped, because it holds the character '") + *bad + "'",
@@ -76,7 +76,7 @@ private:
             static constexpr std::array<std::string_view, 2> KNOWN{HOST_CPU_SET, HOST_CPU_SWITCH};
             const std::string meant = DidYouMean(line.key, KNOWN);
             if (!meant.empty()) {
-                Add(Severity::WARNING, line.key, "a set that the daemon does not set by itself",
+                Add(Severity::WARNING, line.key, "the daemon never applies this set by itself",
                     meant);
             }
         }
@@ -96,7 +96,7 @@ private:
             Add(Severity::ERROR, set,
                 isEmpty
                     ? "the group '" + entry.group + "' or its value '" + entry.value + "' is empty"
-                    : "'" + entry.value + "' of the group '" + entry.group + "' is no number",
+                    : "'" + entry.value + "' of the group '" + entry.group + "' is not a number",
                 isEmpty ? std::string(FORM) + ", without a ';' at the end"
                         : "the daemon does not read the lines after it");
             return false;
@@ -126,7 +126,9 @@ private:
         if (!context_.image.IsHere() || access(CGROUP_CPU_ROOT, F_OK) != 0) {
             if (!context_.hasGroupNote) {
                 Add(Severity::NOTE, set,
-                    "control groups are not checked: this machine has none of the board's", "");
+                    "control groups are not checked: this machine does not have the board's "
+                    "control groups",
+                    "");
                 context_.hasGroupNote = true;
             }
         } else if (access((CGROUP_CPU_ROOT + group).c_str(), F_OK) != 0) {

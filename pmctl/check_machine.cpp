@@ -83,7 +83,9 @@ void CheckControlGroups(const CheckedEntry& entry) {
     const bool hasGroups = Exists(CGROUP_CPU_ROOT) || Exists(CGROUP_CPUSET_ROOT);
     if (!entry.context.image.IsHere() || !hasGroups) {
         if (!entry.context.hasGroupNote) {
-            entry.Note("", "control groups are not checked: this machine has none of the board's");
+            entry.Note("",
+                       "control groups are not checked: this machine does not have the board's "
+                       "control groups");
             entry.context.hasGroupNote = true;
         }
         return;

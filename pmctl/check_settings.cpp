@@ -35,8 +35,8 @@ const char* ExpectedValue(SettingKind kind) {
             return "expected seconds in digits";
         case SettingKind::ACTION:
             return "expected 0, 1 or 2";
-        case SettingKind::TEXT:
-            return "expected text";
+        case SettingKind::GROUP:
+            return "expected the name of a group";
     }
     return "";
 }
@@ -66,6 +66,24 @@ std::vector<std::string_view> NamesIn(std::string_view section) {
     return names;
 }
 
+// The daemon lets in nobody but root when the group is unknown.
+void CheckGroup(const SettingsFile& file, const YamlChild& child, const std::string& key) {
+    BoardUsers& users = file.context.users;
+    const std::string name(child.node->text);
+    if (!users.IsKnown()) {
+        file.Add(Severity::NOTE, child, key,
+                 "groups are not checked: the image has no /etc/passwd and /etc/group that can be "
+                 "read",
+                 "");
+    } else if (!users.HasGroupNamed(name)) {
+        const std::vector<std::string> names = users.GroupNames();
+        const std::vector<std::string_view> known(names.begin(), names.end());
+        file.Add(Severity::ERROR, child, key,
+                 "there is no group '" + name + "': the daemon lets in only root",
+                 DidYouMean(name, known));
+    }
+}
+
 void CheckValue(const SettingsFile& file, const YamlChild& section, const YamlChild& child) {
     const auto keys = SettingKeys();
     const auto key = std::find_if(keys.begin(), keys.end(), [&](const SettingKey& known) {
@@ -79,6 +97,8 @@ void CheckValue(const SettingsFile& file, const YamlChild& section, const YamlCh
         file.Add(Severity::ERROR, child, name, ExpectedValue(key->kind),
                  key->kind == SettingKind::SWITCH ? "the daemon takes it for false"
                                                   : "the daemon takes the default");
+    } else if (key->kind == SettingKind::GROUP) {
+        CheckGroup(file, child, name);
     }
 }
 

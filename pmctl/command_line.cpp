@@ -11,6 +11,7 @@
 #include "pmctl/control.h"
 #include "pmctl/offline.h"
 #include "pmctl/online.h"
+#include "pmctl/people.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
@@ -65,7 +66,9 @@ CLI::App* AddPlanCommand(CLI::App& app, PlanOptions& options, const char* name, 
         ->check(CLI::ExistingDirectory);
     command->add_flag("--no-owner", options.isCopy,
                       "A copy of the file: do not check who owns and may write it");
-    command->add_option("-o,--output", options.output, "Write to this file");
+    command->add_flag("--no-programs", options.isOrderOnly,
+                      "Do not check programs and users: those of the board are not here");
+    command->add_option("-o,--output", options.output, "Write to this file (-: standard output)");
     return command;
 }
 
@@ -152,7 +155,7 @@ CLI::App* AddControlCommand(CLI::App& app, Context& context, Command command,
                             const std::string& help,
                             const std::shared_ptr<ControlOptions>& options) {
     CLI::App* added = app.add_subcommand(Console::NameOf(command), help);
-    added->add_flag("--wait{30}", options->wait,
+    added->add_flag(std::string("--wait{") + WAIT_ALONE + "}", options->wait,
                     "Wait for the outcome, 30 s or --wait=SECONDS; exit status 6 when it does not "
                     "come");
     added->callback(
@@ -214,6 +217,9 @@ std::optional<int> RunCommandLine(int argc, const char* const* argv, Context& co
     AddReport(app, context);
     AddMetrics(app, context);
     AddControl(app, context);
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return "pmctl: " + Printable(error.what()) + " (see pmctl --help)\n";
+    });
     try {
         app.parse(argc, argv);
         return std::nullopt;

@@ -1,9 +1,7 @@
 #include "pmctl/console_client.h"
 
-#include <grp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -14,6 +12,7 @@
 
 #include "console/console_protocol.h"
 #include "pmctl/context.h"
+#include "pmctl/who_may_connect.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
@@ -24,16 +23,6 @@ using std::chrono::steady_clock;
 // The last line of an answer names every application at most once.
 constexpr size_t LINE_MAX_BYTES = 65536;
 
-// The group that the socket belongs to, by its name or its number.
-std::string GroupOf(const std::string& path) {
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0) {
-        return "of the socket";
-    }
-    const group* entry = getgrgid(status.st_gid);
-    return entry == nullptr ? std::to_string(status.st_gid) : entry->gr_name;
-}
-
 [[noreturn]] void ThrowConnectError(const std::string& path, int error) {
     switch (error) {
         case ENOENT:
@@ -43,9 +32,8 @@ std::string GroupOf(const std::string& path) {
                                "docs/pmctl.md");
         case EACCES:
         case EPERM:
-            throw CommandError(EXIT_NO_PERMISSION, "no permission for " + path +
-                                                       ": become root or a member of group " +
-                                                       GroupOf(path));
+            throw CommandError(EXIT_NO_PERMISSION,
+                               "no permission for " + path + ": " + WhoMayConnect(path));
         case EAGAIN:
             throw CommandError(EXIT_NO_ANSWER, "pm-console is busy: try again");
         default:

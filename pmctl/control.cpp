@@ -11,6 +11,7 @@
 #include "console/console_lines.h"
 #include "console/console_request.h"
 #include "pmctl/console_client.h"
+#include "pmctl/control_checks.h"
 #include "pmctl/control_view.h"
 
 namespace ProcMgr::Pmctl {
@@ -24,13 +25,17 @@ constexpr milliseconds PROGRESS_PERIOD{100};
 constexpr milliseconds PATIENCE{5000};
 
 milliseconds ParseSeconds(const std::string& text) {
+    if (text == WAIT_ALONE) {
+        return Console::TIMEOUT_DEFAULT;
+    }
     double seconds = 0;
     const char* end = text.data() + text.size();
     const auto [last, error] = std::from_chars(text.data(), end, seconds);
     const auto most = static_cast<double>(Console::TIMEOUT_MAX.count());
     const double found = seconds * 1000;
     if (error != std::errc() || last != end || !(found >= 1 && found <= most)) {
-        throw CommandError(EXIT_USAGE, "--wait=" + text + ": not a number of seconds up to " +
+        throw CommandError(EXIT_USAGE, "--wait=" + text +
+                                           ": not a number of seconds from 0.001 to " +
                                            std::to_string(Console::TIMEOUT_MAX.count() / 1000));
     }
     return milliseconds(std::llround(found));
@@ -38,7 +43,21 @@ milliseconds ParseSeconds(const std::string& text) {
 
 void CheckPair(const std::string& pair) {
     if (pair.find('=') == std::string::npos || pair.front() == '=') {
-        throw CommandError(EXIT_USAGE, pair + ": not KEY=VALUE");
+        throw CommandError(EXIT_USAGE, "\"" + pair + "\" is not KEY=VALUE");
+    }
+}
+
+// "--wait 5" is "--wait" and an application of the name 5, which nobody means.
+void RefuseLooseSeconds(const ControlOptions& options) {
+    std::vector<std::string> words = options.names;
+    words.insert(words.end(), options.match.begin(), options.match.end());
+    words.push_back(options.file);
+    for (const std::string& word : words) {
+        const bool isNumber =
+            !word.empty() && word.find_first_not_of("0123456789") == std::string::npos;
+        if (options.wait == WAIT_ALONE && isNumber) {
+            throw CommandError(EXIT_USAGE, "the seconds of --wait follow a '=': --wait=" + word);
+        }
     }
 }
 
@@ -85,6 +104,7 @@ void Take(const std::string& line, ControlView& view, ProgressLine& progress, Co
 }  // namespace
 
 Console::Request MakeRequest(Console::Command command, const ControlOptions& options) {
+    RefuseLooseSeconds(options);
     Console::Request request{.command = command, .names = options.names};
     request.values.argv = options.args;
     if (!options.exec.empty()) {
@@ -120,6 +140,8 @@ Console::Request MakeRequest(Console::Command command, const ControlOptions& opt
 }
 
 void RunControl(const Console::Request& request, Context& context) {
+    RefuseMissingFile(request);
+    RefuseBaseServices(request, context);
     const auto begin = steady_clock::now();
     const auto deadline = begin + request.timeout + PATIENCE;
     ConsoleClient client(context.consoleSocket);

@@ -10,6 +10,9 @@
 
 namespace ProcMgr::Pmctl {
 
+// What "--wait" without a value stands for.
+inline constexpr const char* WAIT_ALONE = "30 s";
+
 // What the command line says. Texts are as given.
 struct ControlOptions {
     std::vector<std::string> names = {};
@@ -19,7 +22,8 @@ struct ControlOptions {
     std::string vfId = {};
     std::string file = {};
     std::vector<std::string> match = {};  // KEY=VALUE
-    std::string wait = {};                // seconds; empty: not to wait
+    // Seconds, or WAIT_ALONE for the option without a value; empty: not to wait.
+    std::string wait = {};
 };
 
 // Throws CommandError for what cannot be a request.

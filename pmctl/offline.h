@@ -21,12 +21,13 @@ struct CheckOptions {
 void RunCheck(const CheckOptions& options, Context& context);
 
 struct PlanOptions {
-    std::string file;         // the manifest of the base services
-    std::string commandLine;  // the kernel's boot command line, or @FILE
-    std::string root;         // as in CheckOptions
-    std::string times;        // plan: a status document of an earlier boot
-    std::string output;       // a file; empty: `context.out`
-    bool isCopy = false;      // as in CheckOptions
+    std::string file;          // the manifest of the base services
+    std::string commandLine;   // the kernel's boot command line, or @FILE
+    std::string root;          // as in CheckOptions
+    std::string times;         // plan: a status document of an earlier boot
+    std::string output;        // a file; empty or "-": `context.out`
+    bool isCopy = false;       // as in CheckOptions
+    bool isOrderOnly = false;  // programs and users are not checked
     bool isSvg = false;
     bool isDot = false;  // graph
 };

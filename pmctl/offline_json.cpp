@@ -42,7 +42,7 @@ Json ToJson(const Forecast& forecast) {
 Json ToJson(const BootPlan& plan) {
     Json apps = Json::array();
     for (const PriorityApp& app : plan.priorityApps) {
-        apps.push_back({{"name", app.name}, {"priority", app.priority}});
+        apps.push_back({{"name", app.name}, {"priority", app.priority}, {"why", app.why}});
     }
     Json services = Json::array();
     for (const PlannedService& service : plan.services) {

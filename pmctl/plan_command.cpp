@@ -1,12 +1,12 @@
 // pmctl graph and pmctl plan: what a boot would do with the services of a file.
 #include <array>
 #include <fstream>
-#include <ostream>
 
 #include "main/common/log.h"
 #include "pmctl/boot_forecast.h"
 #include "pmctl/offline.h"
 #include "pmctl/offline_json.h"
+#include "pmctl/output_file.h"
 #include "pmctl/plan_text.h"
 #include "pmctl/start_graph_text.h"
 
@@ -34,7 +34,8 @@ BootPlan PlanOf(const PlanOptions& options) {
     if (!options.root.empty() && file.starts_with(options.root + '/')) {
         file.erase(0, options.root.size());
     }
-    return MakeBootPlan({file, CommandLineOf(options.commandLine), options.root, !options.isCopy});
+    return MakeBootPlan({file, CommandLineOf(options.commandLine), options.root, !options.isCopy,
+                         !options.isOrderOnly});
 }
 
 Snapshot ReadSnapshot(const std::string& path) {
@@ -55,15 +56,7 @@ Snapshot ReadSnapshot(const std::string& path) {
 
 // Writes to --output, or where all data goes.
 void Write(const std::string& text, const PlanOptions& options, const Context& context) {
-    if (options.output.empty()) {
-        context.out << text;
-        return;
-    }
-    std::ofstream file(options.output, std::ios::binary);
-    file << text << std::flush;
-    if (!file) {
-        throw CommandError(EXIT_NO, "cannot write " + options.output);
-    }
+    WriteOutput(context, options.output.empty() ? "-" : options.output, text);
 }
 
 }  // namespace

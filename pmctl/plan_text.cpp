@@ -46,7 +46,8 @@ std::string ServiceLine(const PlannedService& service) {
 std::string PriorityText(const BootPlan& plan) {
     std::string text;
     for (const PriorityApp& app : plan.priorityApps) {
-        text += "  " + Printable(app.name) + " (priority " + std::to_string(app.priority) + ")\n";
+        text += "  " + Printable(app.name) + " (priority " + std::to_string(app.priority) + ")" +
+                (app.why.empty() ? "\n" : ": not started: " + Printable(app.why) + "\n");
     }
     return text.empty() ? text : "priority applications, before the services:\n" + text;
 }
@@ -96,7 +97,7 @@ std::string PlanText(const BootPlan& plan) {
             text += "batch " + std::to_string(batch) + ":\n";
         } else if (service.batch == 0 && !hasOthers) {
             hasOthers = true;
-            text += "without a turn:\n";
+            text += "not started:\n";
         }
         text += ServiceLine(service);
     }
@@ -118,7 +119,7 @@ std::string ForecastText(const Forecast& forecast) {
         text += Padded(Fitted(Printable(step.name), columns, "..."), columns) +
                 AlignedRight(Milliseconds(step.started), 14) +
                 AlignedRight(Milliseconds(step.running), 14) + " |" + Bar(step, forecast.end) +
-                "|" + (step.isGuess ? " no times, guessed\n" : "\n");
+                "|" + (step.isGuess ? " estimated\n" : "\n");
     }
     text += ". before its turn  - launch  = until it runs  # start-up waits for its report\n";
     return text + CriticalText(forecast);

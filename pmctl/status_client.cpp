@@ -1,9 +1,7 @@
 #include "pmctl/status_client.h"
 
-#include <grp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -15,6 +13,7 @@
 
 #include "config/settings.h"
 #include "pmctl/context.h"
+#include "pmctl/who_may_connect.h"
 #include "wire/unique_fd.h"
 
 namespace ProcMgr::Pmctl {
@@ -74,17 +73,6 @@ void Connection::Connect() {
         }
         std::this_thread::sleep_for(BACKLOG_PAUSE);
     }
-}
-
-// Who may connect, by the owner and the mode of the socket file.
-std::string WhoMayConnect(const std::string& path) {
-    struct stat info {};
-    if (stat(path.c_str(), &info) != 0 || (info.st_mode & S_IWGRP) == 0) {
-        return "become root";
-    }
-    const group* entry = getgrgid(info.st_gid);
-    const std::string name = entry == nullptr ? std::to_string(info.st_gid) : entry->gr_name;
-    return "become root or a member of group " + name;
 }
 
 void Connection::FailConnect(int error) const {

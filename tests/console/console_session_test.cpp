@@ -58,7 +58,7 @@ TEST(ConsoleSession, ARefusalIsForTheRequestThatIsHandled) {
     ConsoleSession first = Start(Command::STOP, {"a"});
     EXPECT_EQ(first.OnAnswer({{"a", 0}}, BEGIN), "");
     EXPECT_EQ(first.OnReport(Report("a", INVALID_INTERMEDIATE_STATE), !NEXT),
-              Line("a", "INVALID_INTERMEDIATE_STATE", 7, "is coming or going", false, false))
+              Line("a", "INVALID_INTERMEDIATE_STATE", 7, "is starting or stopping", false, false))
         << "the answer to another client";
     EXPECT_EQ(first.OnReport(Report("a", TERMINATED_NORMAL_EXIT), NEXT),
               Line("a", "TERMINATED_NORMAL_EXIT", 7, "stopped", true, true) + Done());
@@ -71,12 +71,13 @@ TEST(ConsoleSession, ARefusalIsForTheRequestThatIsHandled) {
 
 TEST(ConsoleSession, StopsAndRestarts) {
     ConsoleSession idle = Start(Command::STOP, {"a"});
-    EXPECT_EQ(idle.OnReport(Report("a", TERMINATED_NORMAL_EXIT, UINT32_MAX), NEXT),
-              Line("a", "TERMINATED_NORMAL_EXIT", 0, "did not run", true, true) + Done());
+    EXPECT_EQ(
+        idle.OnReport(Report("a", TERMINATED_NORMAL_EXIT, UINT32_MAX), NEXT),
+        Line("a", "TERMINATED_NORMAL_EXIT", 0, "not a running application", true, true) + Done());
     ConsoleSession stubborn = Start(Command::STOP, {"a"});
     EXPECT_EQ(stubborn.OnReport(Report("a", RUNNING_ABNORMAL_TERM_TIMEOUT), !NEXT),
               Line("a", "RUNNING_ABNORMAL_TERM_TIMEOUT", 7,
-                   "runs on: it has not ended within its term_timeout", true, false) +
+                   "still runs: it did not end within its term_timeout", true, false) +
                   Done("failed", "failed: a"));
     ConsoleSession restart = Start(Command::RESTART, {"a"});
     EXPECT_EQ(restart.OnReport(Report("a", RUNNING_NORMAL_START), !NEXT),
@@ -93,7 +94,7 @@ TEST(ConsoleSession, TheTimeoutNamesWhatIsOpen) {
     session.OnReport(Report("a", RUNNING_NORMAL_RESTART), !NEXT);
     EXPECT_EQ(session.GetDeadline(), BEGIN + 5s);
     EXPECT_EQ(session.OnTime(BEGIN + 4999ms), "");
-    EXPECT_EQ(session.OnTime(BEGIN + 5s), Done("timeout", "no outcome for b within 5000 ms"));
+    EXPECT_EQ(session.OnTime(BEGIN + 5s), Done("timeout", "b: no result within 5000 ms"));
     ConsoleSession unsent = Start(Command::STOP, {"a"});
     EXPECT_EQ(unsent.OnTime(BEGIN + 5s), Done("no-daemon", "the daemon does not take the request"));
 }
@@ -130,7 +131,7 @@ TEST(ConsoleSession, QueriesAndFiles) {
     query.OnSent();
     EXPECT_EQ(query.OnTime(BEGIN + 2s), "") << "an answer is worth the whole time-out";
     EXPECT_EQ(query.OnAnswer({{"a", 0}, {"b", 1}, {"c", 2}}, BEGIN),
-              Line("b", "GONE", 0, "does not run", true, false, 1) +
+              Line("b", "GONE", 0, "not a running application", true, false, 1) +
                   Line("a", "ALIVE", 0, "runs", true, true) +
                   Line("c", "STOPPED", 0, "is stopped by a signal", true, false, 2) +
                   Done("failed", "not running: b, c"));

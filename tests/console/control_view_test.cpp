@@ -72,12 +72,13 @@ TEST(ControlRequest, WhatTheCommandLineSays) {
     const auto errorOf = [](Command command, const ControlOptions& wrong) {
         return ErrorOf([&] { MakeRequest(command, wrong); });
     };
-    EXPECT_EQ(errorOf(Command::LOAD, {.file = "/x", .match = {"slot"}}), "2 slot: not KEY=VALUE");
+    EXPECT_EQ(errorOf(Command::LOAD, {.file = "/x", .match = {"slot"}}),
+              "2 \"slot\" is not KEY=VALUE");
     EXPECT_EQ(errorOf(Command::STOP, {.names = {"a/b"}}),
               "2 \"a/b\" cannot be the name of an application");
     for (const char* wait : {"x", "0", "-1", "5x", "nan", "1e9", "3601"}) {
         EXPECT_EQ(errorOf(Command::STOP, {.names = {"a"}, .wait = wait}),
-                  std::string("2 --wait=") + wait + ": not a number of seconds up to 3600");
+                  std::string("2 --wait=") + wait + ": not a number of seconds from 0.001 to 3600");
     }
 }
 

@@ -101,17 +101,18 @@ TEST_F(ConsoleE2e, WhatPeopleTypeAndSee) {
     EXPECT_EQ(Run({"start", "--wait=20", "web"}), "0|web: runs, pid N\n|");
     EXPECT_EQ(Run({"restart", "--wait", "web"}), "0|web: restarted, pid N\n|");
     EXPECT_EQ(Run({"stop", "--wait", "web"}), "0|web: stopped\n|");
-    EXPECT_EQ(Run({"query", "web", "db"}), "1|web: does not run\ndb: runs\n|");
+    EXPECT_EQ(Run({"query", "web", "db"}), "1|web: not a running application\ndb: runs\n|");
     EXPECT_EQ(Run({"stop", "--wait", "web", "nosuch"}),
-              "0|web: did not run\nnosuch: did not run\n|");
+              "0|web: not a running application\nnosuch: not a running application\n|");
     // The report of the new process may come before the answer that ends the command.
     EXPECT_THAT(Run({"restart", "web"}),
                 testing::AnyOf("0|web: restart requested\n|", "0|web: restarted, pid N\n|"));
     EXPECT_EQ(Run({"start", "--wait", "nosuch"}),
               "1|nosuch: no such application, or it has ended at once\n|");
     EXPECT_EQ(Run({"restart", "absent", "nosuch"}),
-              "1|absent: did not start, or has ended: see the log of the daemon\n"
-              "nosuch: did not start, or has ended: see the log of the daemon\n|");
+              "1|absent: did not start, has ended, or is no application: see the log of the "
+              "daemon\nnosuch: did not start, has ended, or is no application: see the log of the "
+              "daemon\n|");
     // An application of another owner: it stays that owner's, and both are told.
     ASSERT_TRUE(vintor_.Send(0, "1#dynamic#1#1000#0#"));
     EXPECT_EQ(vintor_.Next(), "dynamic 0");
@@ -134,6 +135,8 @@ TEST_F(ConsoleE2e, WhatPeopleTypeAndSee) {
               R"({"event":"report","name":"late","type":"RUNNING_NORMAL_START","result":0,"pid":N,)"
               R"("text":"runs","final":true,"ok":true})"
               "\n{\"event\":\"done\",\"ok\":true}\n|");
+    EXPECT_EQ(Run({"load", In("none.yaml")}),
+              "1||pmctl: /run/e2e/none.yaml: No such file or directory\n");
     EXPECT_EQ(Run({"stop", "a/b"}), "2||pmctl: \"a/b\" cannot be the name of an application\n");
     EXPECT_EQ(Run({"--console", "/run/e2e/none", "query", "web"}),
               "3||pmctl: pm-console does not run: start it as a base service, see docs/pmctl.md\n");
@@ -144,8 +147,8 @@ TEST_F(ConsoleE2e, WhoMayUseIt) {
     EXPECT_EQ(Run({"query", "web"}, {SVC, SVC}), std::string("4||pmctl: no permission for ") +
                                                      SOCKET +
                                                      ": become root or a member of group extra\n");
-    EXPECT_EQ(Run({"query", "web"}, {SVC, EXTRA}), "1|web: does not run\n|");
-    EXPECT_EQ(Run({"query", "web"}, {SVC, SVC, {5, EXTRA}}), "1|web: does not run\n|");
+    EXPECT_EQ(Run({"query", "web"}, {SVC, EXTRA}), "1|web: not a running application\n|");
+    EXPECT_EQ(Run({"query", "web"}, {SVC, SVC, {5, EXTRA}}), "1|web: not a running application\n|");
     // Also when the mode of the file lets another user in.
     std::filesystem::permissions(SOCKET, std::filesystem::perms(0666));
     EXPECT_EQ(Run({"query", "web"}, {SVC, SVC}),
@@ -175,7 +178,7 @@ TEST_F(ConsoleE2e, ClientsThatMisbehave) {
     EXPECT_EQ(Run({"query", "web"}), "3||pmctl: pm-console serves 16 clients already\n");
     clients.pop_back();
     EXPECT_TRUE(WaitUntil([] {
-        return Run({"query", "web"}) == "1|web: does not run\n|";
+        return Run({"query", "web"}) == "1|web: not a running application\n|";
     })) << "a client that has died leaves its place";
     EXPECT_EQ(Run({"stop", "--wait=0.2", "hold15"}),
               "1|hold15: refused: it is being started, stopped or restarted\n|");
@@ -193,8 +196,7 @@ TEST_F(ConsoleE2e, TheDaemonIsGone) {
     BootConsole();
     ASSERT_EQ(Run({"start", "--wait", "hold0"}), "0|hold0: runs, pid N\n|");
     ASSERT_TRUE(WaitForFile("hold0.up"));
-    EXPECT_EQ(Run({"stop", "--wait=0.3", "hold0"}),
-              "6||pmctl: no outcome for hold0 within 300 ms\n");
+    EXPECT_EQ(Run({"stop", "--wait=0.3", "hold0"}), "6||pmctl: hold0: no result within 300 ms\n");
     const StreamClient waiting(SOCKET);
     ASSERT_TRUE(waiting.Send(Line("start", "web")));
     EXPECT_THAT(waiting.Rest(), EndsWith("{\"event\":\"done\",\"ok\":true}\n"));

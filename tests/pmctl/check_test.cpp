@@ -93,15 +93,15 @@ TEST_F(PmctlCheck, DependenciesThatTheDaemonDoesNotFind) {
                          "- {name: storage, bin: /bin/tool}\n"
                          "applications: [{name: app, bin: /bin/tool}]\n"),
               "m.yaml:3: error: depends: dependency cycle, none of these can start: a -> b -> c -> "
-              "a (services that cycles keep from starting: 5)\n"
+              "a (5 services cannot start because of cycles)\n"
               "m.yaml:4: error: depends: there is no service 'storag': the daemon does not start "
               "'b' (did you mean 'storage'?)\n"
               "m.yaml:6: warning: depends: 'shell' is started only when the boot command line "
               "enables debug/shell.yaml: without that the daemon does not start 'd'\n"
               "m.yaml:7: error: depends: 'app' is an application and no service: the daemon does "
               "not start 'e'\n"
-              "m.yaml:7: error: depends: 'e' depends on itself and cannot start (services that "
-              "cycles keep from starting: 5)\n");
+              "m.yaml:7: error: depends: 'e' depends on itself and cannot start (5 services "
+              "cannot start because of cycles)\n");
 }
 
 TEST_F(PmctlCheck, ProgramsThatTheUserMayNotExecute) {
@@ -175,7 +175,7 @@ TEST_F(PmctlCheck, KeysWithoutAnEffect) {
 TEST_F(PmctlCheck, OtherFiles) {
     image_.Write("procmgr_cfg.yaml",
                  "watch_dog:\n  enabel: true\n  timeout: 5s\n  action: '7'\npmuplod: {}\n"
-                 "pmupload: {enable: perhaps}\n");
+                 "pmupload: {enable: perhaps}\nstatus: {enable: true, group: stff}\n");
     image_.Write("env.cfg",
                  "# a comment\n\nHOST_CPU_SET=ctrl:40; user:20\nHOST_CPU_SETS=a:1\n"
                  "HOST_CPU_SET=a:x\nHOST_CPU_SWITCH=2\nHOST_CPU_SET=b:1;\n");
@@ -196,23 +196,25 @@ TEST_F(PmctlCheck, OtherFiles) {
             "'pmupload'?)\n"
             "procmgr_cfg.yaml:6: error: pmupload.enable: expected true or false (the daemon takes "
             "it for false)\n"
+            "procmgr_cfg.yaml:7: error: status.group: there is no group 'stff': the daemon lets in "
+            "only root (did you mean 'staff'?)\n"
             "env.cfg:3: warning: the line is skipped, because it holds the character ' ' (only "
             "letters, digits and :=;_'\"/ may be in a line, no blanks)\n"
-            "env.cfg:4: warning: HOST_CPU_SETS: a set that the daemon does not set by itself (did "
+            "env.cfg:4: warning: HOST_CPU_SETS: the daemon never applies this set by itself (did "
             "you mean 'HOST_CPU_SET'?)\n"
-            "env.cfg:4: note: HOST_CPU_SETS: control groups are not checked: this machine has none "
-            "of the board's\n"
-            "env.cfg:5: error: HOST_CPU_SET: 'x' of the group 'a' is no number (the daemon does "
+            "env.cfg:4: note: HOST_CPU_SETS: control groups are not checked: this machine does not "
+            "have the board's control groups\n"
+            "env.cfg:5: error: HOST_CPU_SET: 'x' of the group 'a' is not a number (the daemon does "
             "not read the lines after it)\n"
             "env.cfg:6: warning: HOST_CPU_SWITCH: expected 0 or 1 (the daemon takes it for 1)\n"
-            "env.cfg:7: warning: HOST_CPU_SET: stands twice (the later line counts)\n"
+            "env.cfg:7: warning: HOST_CPU_SET: is given twice (the later line counts)\n"
             "env.cfg:7: error: HOST_CPU_SET: the group 'b' or its value '' is empty (a set is "
             "written group:percent;group:percent, without a ';' at the end)\n"
             "list:2: error: two: the digest is not 64 lower-case hexadecimal digits: the daemon "
             "does not start the program (sha256sum prints it)\n"
             "list:3: error: expected NAME=DIGEST (there are no comments in this file)\n"
             "list:4: warning: one: replaces the digest of line 1\n"
-            "3 files checked: 7 errors, 7 warnings, 1 note\n",
+            "3 files checked: 8 errors, 7 warnings, 1 note\n",
             ""}));
 }
 

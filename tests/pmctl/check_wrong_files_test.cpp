@@ -129,8 +129,8 @@ TEST(PmctlWrongFiles, WhatAUserCannotRead) {
               "closed: error: the directory may not be read\n"
               "closed.yaml: error: cannot be opened: Permission denied\n"
               "good.yaml:2: note: bin: " +
-                  (directory / "closed/tool cannot be looked at: ") +
-                  (directory / "closed/tool: Permission denied (root can look at it)\n") +
+                  (directory / "closed/tool cannot be examined: ") +
+                  (directory / "closed/tool: Permission denied (run as root)\n") +
                   "2 files checked: 2 errors, 0 warnings, 1 note\n");
 }
 

@@ -1,6 +1,8 @@
 // pmctl graph and pmctl plan: what they write, word by word.
 #include <gtest/gtest.h>
 
+#include <regex>
+
 #include "tests/pmctl/run_pmctl.h"
 
 namespace ProcMgr {
@@ -8,31 +10,41 @@ namespace {
 
 using Tests::PmctlResult;
 
+constexpr const char* PROGRAM = "#!/bin/sh\n";
+constexpr const char* PROGRAM_DIGEST =
+    "a8076d3d28d21e02012b20eaf7dbf75409a6277134439025f282e368e3305abf";
+
 class PmctlPlan : public testing::Test {
 protected:
     PmctlPlan() {
-        files_.Write("boot.yaml",
-                     "include: [debug/shell.yaml]\n"
-                     "services:\n"
-                     "- {name: web, bin: /b, depends: [base, db]}\n"
-                     "- {name: db, bin: /b, depends: [base], reporting: true}\n"
-                     "- {name: base, bin: /b}\n"
-                     "- {name: one, bin: /b, depends: [two]}\n"
-                     "- {name: two, bin: /b, depends: [one]}\n"
-                     "- {name: after, bin: /b, depends: [two]}\n"
-                     "- {name: lost, bin: /b, depends: [base, none]}\n"
-                     "- {name: lost2, bin: /b, depends: [lost]}\n"
-                     "applications:\n"
-                     "- {name: late, bin: /b, startup_priority: 2}\n"
-                     "- {name: soon, bin: /b, startup_priority: 0}\n"
-                     "- {name: chosen, bin: /b, startup_priority: 0, match: {a: b}}\n"
-                     "- {name: app, bin: /b}\n");
-        files_.Write("debug/shell.yaml", "services: [{name: shell, bin: /b, depends: [base]}]\n");
-        files_.Write("small.yaml",
-                     "services:\n- {name: a, bin: /b, reporting: true}\n- {name: b, bin: /b, "
-                     "depends: [a]}\n- {name: c, bin: /b, depends: [a]}\n");
+        files_.Write("b", PROGRAM, 0755);
+        Manifest("boot.yaml",
+                 "include: [debug/shell.yaml]\n"
+                 "services:\n"
+                 "- {name: web, bin: /b, depends: [base, db]}\n"
+                 "- {name: db, bin: /b, depends: [base], reporting: true}\n"
+                 "- {name: base, bin: /b}\n"
+                 "- {name: one, bin: /b, depends: [two]}\n"
+                 "- {name: two, bin: /b, depends: [one]}\n"
+                 "- {name: after, bin: /b, depends: [two]}\n"
+                 "- {name: lost, bin: /b, depends: [base, none]}\n"
+                 "- {name: lost2, bin: /b, depends: [lost]}\n"
+                 "applications:\n"
+                 "- {name: late, bin: /b, startup_priority: 2}\n"
+                 "- {name: soon, bin: /b, startup_priority: 0}\n"
+                 "- {name: chosen, bin: /b, startup_priority: 0, match: {a: b}}\n"
+                 "- {name: app, bin: /b}\n");
+        Manifest("debug/shell.yaml", "services: [{name: shell, bin: /b, depends: [base]}]\n");
+        Manifest("small.yaml",
+                 "services:\n- {name: a, bin: /b, reporting: true}\n- {name: b, bin: /b, "
+                 "depends: [a]}\n- {name: c, bin: /b, depends: [a]}\n");
     }
 
+    // The program /b of the text is one of the directory.
+    void Manifest(const std::string& name, const std::string& text) const {
+        files_.Write(name,
+                     std::regex_replace(text, std::regex("bin: /b"), "bin: " + (files_ / "b")));
+    }
     PmctlResult Run(const std::vector<std::string>& arguments) const {
         return files_.Run(arguments);
     }
@@ -61,7 +73,7 @@ TEST_F(PmctlPlan, TextOfAPlan) {
               "batch 3:\n"
               "  lost2: not started: lost, which it depends on, is not started\n"
               "  web, after base, db\n"
-              "without a turn:\n"
+              "not started:\n"
               "  shell: not started: the boot command line does not have procmgr=debug\n"
               "  one: not started: dependency cycle two -> one -> two\n"
               "  two: not started: dependency cycle two -> one -> two\n"
@@ -81,9 +93,60 @@ TEST_F(PmctlPlan, TextOfAPlan) {
                   "  c, after a\n3 of 3 services are started\n");
 }
 
+// The programs and users are those of an image.
+TEST_F(PmctlPlan, WhatTheDaemonWouldRefuse) {
+    files_.Write("etc/passwd", "root:x:0:0::/:/bin/sh\n");
+    files_.Write("etc/group", "root:x:0:\n");
+    files_.Write("bin/sh",
+                 "\x7f"
+                 "ELF",
+                 0755);
+    files_.Write("bin/good", PROGRAM, 0755);
+    files_.Write("bin/changed", "#!/bin/sh\n:\n", 0755);
+    files_.Write("etc/vela/base-plat/process-manager/bin_hash.cfg",
+                 std::string("good=") + PROGRAM_DIGEST + "\nchanged=" + PROGRAM_DIGEST + "\n");
+    files_.Write("image.yaml",
+                 "services:\n"
+                 "- {name: good, bin: /bin/good, core_affinity: [1]}\n"
+                 "- {name: gone, bin: /bin/gone}\n"
+                 "- {name: next, bin: /bin/good, depends: [gone]}\n"
+                 "- {name: shell, bin: /bin/good, args: [a;b]}\n"
+                 "- {name: alien, bin: /bin/good, uid: 7, gid: 0}\n"
+                 "- {name: changed, bin: /bin/changed}\n"
+                 "applications:\n"
+                 "- {name: early, bin: /bin/gone, startup_priority: 1}\n");
+    EXPECT_EQ(Out({"plan", "--root", ".", "image.yaml"}),
+              "boot of image.yaml\n"
+              "note: cores are not checked: this machine is not the board\n"
+              "priority applications, before the services:\n"
+              "  early (priority 1): not started: there is no program /bin/gone\n"
+              "batch 1:\n"
+              "  alien: not started: the user database has no user 7: the daemon cannot start a "
+              "process of it\n"
+              "  changed: not started: /bin/changed does not have the digest of "
+              "/etc/vela/base-plat/process-manager/bin_hash.cfg: the daemon refuses the start\n"
+              "  gone: not started: there is no program /bin/gone\n"
+              "  good\n"
+              "  shell: not started: argument 1 holds a character of the shell, one of | ; > < ` & "
+              "( ) $: the daemon refuses the start\n"
+              "batch 2:\n"
+              "  next: not started: gone, which it depends on, is not started\n"
+              "1 of 6 services are started\n");
+    const std::string order = Out({"plan", "--root", ".", "--no-programs", "image.yaml"});
+    EXPECT_EQ(order.substr(order.find("batch 2")),
+              "batch 2:\n  next, after gone\n6 of 6 services are started\n");
+    const std::string json = Out({"--json", "plan", "--root", ".", "image.yaml"});
+    EXPECT_NE(
+        json.find("\"outcome\": \"refused\",\n      \"why\": \"there is no program /bin/gone\""),
+        std::string::npos);
+    EXPECT_NE(Out({"graph", "--root", ".", "image.yaml"})
+                  .find("gone before next [there is no program /bin/gone]\n"),
+              std::string::npos);
+}
+
 TEST_F(PmctlPlan, TextAndDotOfAGraph) {
-    files_.Write("tiny.yaml",
-                 "services: [{name: a, bin: /b}, {name: b, bin: /b, depends: [a, none]}]\n");
+    Manifest("tiny.yaml",
+             "services: [{name: a, bin: /b}, {name: b, bin: /b, depends: [a, none]}]\n");
     EXPECT_EQ(Out({"graph", "tiny.yaml"}),
               "a before b\nb after a, none (missing) [none, which it depends on, is no service]\n");
     EXPECT_EQ(Out({"graph", "--dot", "tiny.yaml", "-o", "out.dot"}), "");
@@ -134,7 +197,7 @@ TEST_F(PmctlPlan, TimesOfAnEarlierBoot) {
               "a          10.0 ms       90.0 ms |---####################                 |\n"
               "b         100.0 ms      150.0 ms |.......................--=============  |\n"
               "c         110.0 ms      160.0 ms |.........................---============|"
-              " no times, guessed\n"
+              " estimated\n"
               ". before its turn  - launch  = until it runs  # start-up waits for its report\n"
               "critical path, 160.0 ms:\n"
               "       90.0 ms  56 %  a\n"
@@ -154,7 +217,7 @@ TEST_F(PmctlPlan, TimesOfAnEarlierBoot) {
 }
 
 TEST_F(PmctlPlan, JsonOfAPlan) {
-    files_.Write("tiny.yaml", "services: [{name: b, bin: /b, depends: [none], reporting: true}]\n");
+    Manifest("tiny.yaml", "services: [{name: b, bin: /b, depends: [none], reporting: true}]\n");
     EXPECT_EQ(Out({"plan", "--json", "tiny.yaml"}),
               "{\n  \"file\": \"tiny.yaml\",\n  \"notes\": [],\n  \"priority_applications\": [],\n"
               "  \"services\": [\n    {\n      \"name\": \"b\",\n      \"file\": \"tiny.yaml\",\n"
@@ -174,7 +237,7 @@ TEST_F(PmctlPlan, WhatCannotBePlanned) {
     EXPECT_EQ(Run({"plan", "small.yaml", "--svg"}).code, 2);
     EXPECT_EQ(Run({"graph", "small.yaml", "--svg", "--dot"}).code, 2);
     EXPECT_EQ(Run({"graph", "small.yaml", "-o", "/nowhere/x"}),
-              (PmctlResult{1, "", "pmctl: cannot write /nowhere/x\n"}));
+              (PmctlResult{1, "", "pmctl: cannot write /nowhere/x: No such file or directory\n"}));
 }
 
 }  // namespace
