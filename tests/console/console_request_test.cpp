@@ -8,6 +8,7 @@
 
 #include "console/console_lines.h"
 #include "console/console_records.h"
+#include "console/request_limit.h"
 
 namespace ProcMgr::Console {
 namespace {
@@ -128,6 +129,32 @@ TEST(ConsoleRequest, Refusals) {
     EXPECT_FALSE(MakeRecords({Command::START, {"a"}, {"", {"a#b"}, {}}}));
     EXPECT_FALSE(MakeRecords({Command::START, {"a"}, {"", {std::string(4000, 'x')}, {}}}));
     EXPECT_FALSE(MakeRecords({Command::STOP, std::vector<std::string>(60, std::string(127, 'x'))}));
+}
+
+TEST(ConsoleRequest, EachUserMaySendSoManyInASecond) {
+    using std::chrono::milliseconds;
+    RequestLimit limit;
+    RequestLimit::Time now{};
+    const auto take = [&](uid_t user) {
+        int taken = 0;
+        for (; limit.Take(user, now); ++taken) {
+        }
+        return taken;
+    };
+    EXPECT_EQ(take(1), 50);
+    now += milliseconds(100);
+    EXPECT_EQ(take(1), 2);
+    EXPECT_EQ(take(2), 50);
+    now += std::chrono::hours(1);
+    EXPECT_EQ(take(1), 50);
+    // More users at a time than are remembered.
+    uid_t user = 1000;
+    while (limit.Take(user, now)) {
+        ++user;
+    }
+    EXPECT_EQ(user, 1000 + RequestLimit::USERS_MAX - 1) << "besides user 1";
+    now += milliseconds(50);
+    EXPECT_TRUE(limit.Take(user, now)) << "the others are as good as new";
 }
 
 }  // namespace
