@@ -144,5 +144,21 @@ TEST_F(OutputFileSystem, LosesWholeLinesAndTheLogSaysSoOnce) {
     });
 }
 
+TEST(OutputFileWriter, ReportsAtItsEndWhatIsLost) {
+    const TempDirectory directory;
+    OutputConfig config;
+    config.kind = OutputKind::FILE;
+    config.file = directory / "missing/a.log";
+    std::atomic<uint64_t> dropped{0};
+    FileWriter writer(dropped);
+    writer.Add("svc", config, "one\ntwo\n");
+    EXPECT_TRUE(Tests::WaitUntil([&] { return dropped == 2; }));
+    writer.Add("svc", config, "three\n");
+    EXPECT_TRUE(writer.Stop(SteadyTime::max()));
+    EXPECT_TRUE(LogCapture::Contains(
+        LOG_WARNING,
+        "PROCMGR : 3 lines of the output of svc are lost, " + config.file + " is not written"));
+}
+
 }  // namespace
 }  // namespace ProcMgr::Output
