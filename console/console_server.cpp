@@ -44,12 +44,14 @@ int MillisecondsUntil(steady_clock::time_point deadline) {
 
 }  // namespace
 
-ConsoleServer::ConsoleServer(Wire::GroupSocket& socket)
-    : socket_(socket), pipe_(OWNER, *this), now_(steady_clock::now()), parent_(getppid()) {}
+ConsoleServer::ConsoleServer(Wire::GroupSocket& socket, pid_t parent)
+    : socket_(socket), pipe_(OWNER, *this), now_(steady_clock::now()), parent_(parent) {}
 
+// The pipe and the state of the service belong to the console of the new daemon, if there is one:
+// it is looked for before each attempt to connect, and the end is not reported then.
 void ConsoleServer::Run(int stopFd) {
-    pipe_.OnTime(now_);
     while (!IsLeftBehind()) {
+        pipe_.OnTime(now_);
         const std::vector<pollfd> found = Wait(stopFd);
         now_ = steady_clock::now();
         if (found[STOP].revents != 0) {
@@ -62,12 +64,13 @@ void ConsoleServer::Run(int stopFd) {
         if (found[SOCKET].revents != 0) {
             Accept();
         }
-        pipe_.OnTime(now_);
         CheckTime();
         RemoveOver();
     }
     EndSessions("pm-console ends");
-    pipe_.ReportEnd();
+    if (!IsLeftBehind()) {
+        pipe_.ReportEnd();
+    }
 }
 
 bool ConsoleServer::IsLeftBehind() const {

@@ -22,8 +22,8 @@ class ConsoleServer final : private PipeEvents {
 public:
     using Time = std::chrono::steady_clock::time_point;
 
-    // `socket` must outlive this object.
-    explicit ConsoleServer(Wire::GroupSocket& socket);
+    // `socket` must outlive this object. `parent`: the process that has started this one.
+    ConsoleServer(Wire::GroupSocket& socket, pid_t parent);
 
     // Returns when `stopFd` is readable, after every client has been told; or when another console
     // has taken the place of this one, see IsLeftBehind().

@@ -7,7 +7,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <optional>
 #include <string>
@@ -78,6 +80,8 @@ Wire::UniqueFd TakeStopSignals() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Before anything that takes time: the daemon may end meanwhile.
+    const pid_t parent = getppid();
     int exitCode = 0;
     const std::optional<Options> options = ParseOptions(argc, argv, exitCode);
     if (!options) {
@@ -88,11 +92,11 @@ int main(int argc, char** argv) {
         const Wire::UniqueFd stop = TakeStopSignals();
         Wire::GroupSocket socket;
         if (const char* failed = socket.Open(options->socket, GroupOf(options->group))) {
-            syslog(LOG_ERR, "ends: the socket %s cannot be made: %s: %m", options->socket.c_str(),
-                   failed);
+            syslog(LOG_ERR, "ends: the socket %s cannot be made: %s: %s", options->socket.c_str(),
+                   failed, strerror(errno));
             return 1;
         }
-        ProcMgr::Console::ConsoleServer(socket).Run(stop.Get());
+        ProcMgr::Console::ConsoleServer(socket, parent).Run(stop.Get());
         return 0;
     } catch (const std::exception& error) {
         syslog(LOG_ERR, "ends: %s", error.what());
