@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "pmctl/command_line.h"
+#include "pmctl/people.h"
 
 int main(int argc, char** argv) {
     using namespace ProcMgr::Pmctl;
@@ -17,10 +18,10 @@ int main(int argc, char** argv) {
         return std::cout.good() ? context.exitCode : EXIT_NO;
     } catch (const CommandError& error) {
         std::cout.flush();
-        std::cerr << "pmctl: " << error.what() << '\n';
+        std::cerr << "pmctl: " << Printable(error.what()) << '\n';
         return error.GetCode();
     } catch (const std::exception& error) {
-        std::cerr << "pmctl: " << error.what() << '\n';
+        std::cerr << "pmctl: " << Printable(error.what()) << '\n';
         return EXIT_NO;
     }
 }
