@@ -15,8 +15,8 @@ constexpr size_t READ_SIZE = 4096;
 
 }  // namespace
 
-ClientConnection::ClientConnection(Wire::UniqueFd fd, Time now)
-    : fd_(std::move(fd)), requestEnd_(now + REQUEST_TIME), progress_(now) {}
+ClientConnection::ClientConnection(Wire::UniqueFd fd, uid_t user, Time now)
+    : fd_(std::move(fd)), user_(user), requestEnd_(now + REQUEST_TIME), progress_(now) {}
 
 short ClientConnection::GetEvents() const {
     // What follows the line is not read. POLLHUP and POLLERR are always found.

@@ -3,6 +3,8 @@
 // takes nothing for ANSWER_TIME. For one thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <optional>
 #include <string>
@@ -20,8 +22,10 @@ public:
     // Bytes that wait for the client; with more it is given up.
     static constexpr size_t OUTPUT_MAX = 65536;
 
-    // `fd` must not block.
-    ClientConnection(Wire::UniqueFd fd, Time now);
+    // `fd` must not block. `user`: of the peer.
+    ClientConnection(Wire::UniqueFd fd, uid_t user, Time now);
+
+    uid_t GetUser() const { return user_; }
 
     // For poll().
     int GetFd() const { return fd_.Get(); }
@@ -50,6 +54,7 @@ private:
     void Flush(Time now);
 
     Wire::UniqueFd fd_;
+    const uid_t user_;
     std::string input_;
     std::string output_;
     std::optional<ConsoleSession> session_;

@@ -48,13 +48,19 @@ const json* Find(const json& object, const char* key) {
     return entry == object.end() ? nullptr : &*entry;
 }
 
+bool IsControl(char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < ' ' || byte == 0x7F;
+}
+
 std::string TextOf(const json& value, const std::string& key) {
     if (!value.is_string()) {
         throw Refusal("\"" + key + "\" is not made of texts");
     }
     auto text = value.get<std::string>();
-    if (text.find('\0') != std::string::npos) {
-        throw Refusal("\"" + key + "\" holds a NUL character");
+    // The daemon logs the text; a control character would forge lines there, or steer a terminal.
+    if (std::any_of(text.begin(), text.end(), IsControl)) {
+        throw Refusal("\"" + key + "\" holds a control character");
     }
     return text;
 }
@@ -97,9 +103,7 @@ void CheckKeys(const json& object, std::initializer_list<std::string_view> keys)
 bool IsName(const std::string& name) {
     return !name.empty() && name.size() <= NAME_MAX_BYTES &&
            std::none_of(name.begin(), name.end(), [](char c) {
-               const auto byte = static_cast<unsigned char>(c);
-               return byte <= ' ' || byte == 0x7F ||
-                      std::string_view("#/=,").find(c) != std::string_view::npos;
+               return IsControl(c) || std::string_view(" #/=,").find(c) != std::string_view::npos;
            });
 }
 

@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "console/console_records.h"
@@ -28,6 +29,9 @@ constexpr size_t SOCKET = 1;
 constexpr size_t PIPE = 2;
 constexpr size_t FIRST_CLIENT = 3;
 
+// The user of a client that is turned away.
+constexpr auto NOBODY = static_cast<uid_t>(-1);
+
 constexpr const char* NO_PIPE = "process-manager does not run, or has not opened the pipe yet";
 
 int MillisecondsUntil(steady_clock::time_point deadline) {
@@ -40,12 +44,14 @@ int MillisecondsUntil(steady_clock::time_point deadline) {
 
 }  // namespace
 
-ConsoleServer::ConsoleServer(Wire::GroupSocket& socket)
-    : socket_(socket), pipe_(OWNER, *this), now_(steady_clock::now()), parent_(getppid()) {}
+ConsoleServer::ConsoleServer(Wire::GroupSocket& socket, pid_t parent)
+    : socket_(socket), pipe_(OWNER, *this), now_(steady_clock::now()), parent_(parent) {}
 
+// The pipe and the state of the service belong to the console of the new daemon, if there is one:
+// it is looked for before each attempt to connect, and the end is not reported then.
 void ConsoleServer::Run(int stopFd) {
-    pipe_.OnTime(now_);
     while (!IsLeftBehind()) {
+        pipe_.OnTime(now_);
         const std::vector<pollfd> found = Wait(stopFd);
         now_ = steady_clock::now();
         if (found[STOP].revents != 0) {
@@ -58,12 +64,13 @@ void ConsoleServer::Run(int stopFd) {
         if (found[SOCKET].revents != 0) {
             Accept();
         }
-        pipe_.OnTime(now_);
         CheckTime();
         RemoveOver();
     }
     EndSessions("pm-console ends");
-    pipe_.ReportEnd();
+    if (!IsLeftBehind()) {
+        pipe_.ReportEnd();
+    }
 }
 
 bool ConsoleServer::IsLeftBehind() const {
@@ -112,7 +119,7 @@ void ConsoleServer::ServeClients(const std::vector<pollfd>& found) {
 }
 
 void ConsoleServer::Accept() {
-    for (size_t i = 0; i < CLIENTS_MAX; ++i) {
+    for (size_t i = 0; i < Wire::CLIENTS_MAX; ++i) {
         Wire::UniqueFd fd = socket_.Accept();
         if (fd.IsValid()) {
             Admit(std::move(fd));
@@ -128,13 +135,13 @@ void ConsoleServer::Accept() {
 }
 
 void ConsoleServer::Admit(Wire::UniqueFd fd) {
-    const bool isPermitted = socket_.IsPermitted(fd.Get());
-    ClientConnection client(std::move(fd), now_);
-    if (!isPermitted) {
+    const std::optional<uid_t> user = socket_.PermittedUser(fd.Get());
+    ClientConnection client(std::move(fd), user.value_or(NOBODY), now_);
+    if (!user) {
         client.Send(DoneLine(Code::PERMISSION, "only root and the group of the socket may do this"),
                     now_);
-    } else if (clients_.size() >= CLIENTS_MAX) {
-        client.Send(DoneLine(Code::BUSY, "pm-console serves " + std::to_string(CLIENTS_MAX) +
+    } else if (!Wire::HasPlace(*user, GetUsers())) {
+        client.Send(DoneLine(Code::BUSY, "pm-console serves " + std::to_string(clients_.size()) +
                                              " clients already"),
                     now_);
     } else {
@@ -142,14 +149,24 @@ void ConsoleServer::Admit(Wire::UniqueFd fd) {
     }
 }
 
+std::vector<uid_t> ConsoleServer::GetUsers() const {
+    std::vector<uid_t> users;
+    for (const auto& [id, client] : clients_) {
+        users.push_back(client.GetUser());
+    }
+    return users;
+}
+
 void ConsoleServer::HandleRequest(uint64_t id, ClientConnection& client, const std::string& line) {
     try {
-        ParsedRequest parsed = ParseRequest(line);
-        if (parsed.request) {
+        if (!Wire::IsTrusted(client.GetUser()) && !limit_.Take(client.GetUser(), now_)) {
+            client.Send(DoneLine(Code::BUSY, "too many requests, try again in a second"), now_);
+        } else if (ParsedRequest parsed = ParseRequest(line); parsed.request) {
             Begin(id, client, std::move(*parsed.request));
             return;
+        } else {
+            client.Send(DoneLine(Code::REQUEST, parsed.error), now_);
         }
-        client.Send(DoneLine(Code::REQUEST, parsed.error), now_);
     } catch (const std::exception& error) {
         syslog(LOG_ERR, "a request has failed: %s", error.what());
         client.GiveUp();

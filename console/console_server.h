@@ -1,5 +1,5 @@
-// The loop of the console: one thread serves the socket, up to CLIENTS_MAX clients and the pipe to
-// the daemon, and never waits for one of them.
+// The loop of the console: one thread serves the socket, up to Wire::CLIENTS_MAX clients and the
+// pipe to the daemon, and never waits for one of them.
 #pragma once
 
 #include <poll.h>
@@ -13,6 +13,7 @@
 
 #include "console/client_connection.h"
 #include "console/daemon_pipe.h"
+#include "console/request_limit.h"
 #include "wire/group_socket.h"
 
 namespace ProcMgr::Console {
@@ -20,10 +21,9 @@ namespace ProcMgr::Console {
 class ConsoleServer final : private PipeEvents {
 public:
     using Time = std::chrono::steady_clock::time_point;
-    static constexpr size_t CLIENTS_MAX = 16;
 
-    // `socket` must outlive this object.
-    explicit ConsoleServer(Wire::GroupSocket& socket);
+    // `socket` must outlive this object. `parent`: the process that has started this one.
+    ConsoleServer(Wire::GroupSocket& socket, pid_t parent);
 
     // Returns when `stopFd` is readable, after every client has been told; or when another console
     // has taken the place of this one, see IsLeftBehind().
@@ -42,6 +42,7 @@ private:
     void ServeClients(const std::vector<pollfd>& found);
     void Accept();
     void Admit(Wire::UniqueFd fd);
+    std::vector<uid_t> GetUsers() const;
     void HandleRequest(uint64_t id, ClientConnection& client, const std::string& line);
     // Passes the request on to the pipe, or answers it with an error.
     void Begin(uint64_t id, ClientConnection& client, Request request);
@@ -57,6 +58,7 @@ private:
     Wire::GroupSocket& socket_;
     DaemonPipe pipe_;
     std::map<uint64_t, ClientConnection> clients_;  // by number
+    RequestLimit limit_;
     uint64_t lastClient_ = 0;
     Time now_;         // when poll() has returned
     Time nextAccept_;  // accepting has failed: not before this time

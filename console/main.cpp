@@ -80,6 +80,8 @@ Wire::UniqueFd TakeStopSignals() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Before anything that takes time: the daemon may end meanwhile.
+    const pid_t parent = getppid();
     int exitCode = 0;
     const std::optional<Options> options = ParseOptions(argc, argv, exitCode);
     if (!options) {
@@ -94,7 +96,7 @@ int main(int argc, char** argv) {
                    failed, strerror(errno));
             return 1;
         }
-        ProcMgr::Console::ConsoleServer(socket).Run(stop.Get());
+        ProcMgr::Console::ConsoleServer(socket, parent).Run(stop.Get());
         return 0;
     } catch (const std::exception& error) {
         syslog(LOG_ERR, "ends: %s", error.what());

@@ -85,6 +85,9 @@ bool GeneralApps::FinishLaunch(const Record& record, std::optional<App::LaunchPl
     record->isLaunching_ = false;
     checks_.Request();
     const bool isStarted = TryStart(*record, std::move(plan));
+    if (!isStarted) {
+        record->asker_.clear();  // it gets an answer; the next change is no business of it
+    }
     if (!isStarted && record->GetState() == INITSTATE) {
         due_.Drop(*record);
         generalAppMap_.erase(record->appName_);

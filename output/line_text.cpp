@@ -1,5 +1,9 @@
 #include "output/line_text.h"
 
+#include <algorithm>
+
+#include "main/common/utf8.h"
+
 namespace ProcMgr::Output {
 namespace {
 
@@ -9,14 +13,11 @@ bool IsContinuation(char c) {
     return (static_cast<unsigned char>(c) & 0xc0) == 0x80;
 }
 
-bool IsControl(unsigned char byte) {
-    return byte < 0x20 || byte == 0x7f;
-}
-
-// Whether a control character of Latin-1 begins here, in its UTF-8 form.
-bool IsLatinControl(std::string_view text) {
-    return text.size() > 1 && text[0] == '\xc2' && static_cast<unsigned char>(text[1]) >= 0x80 &&
-           static_cast<unsigned char>(text[1]) < 0xa0;
+// Whether a control character begins here, also one of those that UTF-8 writes as two bytes.
+bool IsControl(std::string_view text) {
+    const auto byte = static_cast<unsigned char>(text[0]);
+    return byte < 0x20 || byte == 0x7f ||
+           (byte == 0xc2 && static_cast<unsigned char>(text[1]) < 0xa0);
 }
 
 }  // namespace
@@ -37,15 +38,19 @@ std::string MakeHarmless(std::string_view text) {
     if (text.ends_with('\r')) {
         text.remove_suffix(1);
     }
-    std::string harmless(text);
-    for (size_t i = 0; i < harmless.size(); ++i) {
-        if (harmless[i] == '\t') {
-            harmless[i] = ' ';
-        } else if (IsControl(static_cast<unsigned char>(harmless[i]))) {
-            harmless[i] = '?';
-        } else if (IsLatinControl(text.substr(i))) {
-            harmless[i] = harmless[i + 1] = '?';
+    std::string harmless;
+    harmless.reserve(text.size());
+    while (!text.empty()) {
+        const size_t length = Utf8Length(text);
+        const size_t taken = std::max<size_t>(length, 1);
+        if (text[0] == '\t') {
+            harmless += ' ';
+        } else if (length == 0 || IsControl(text)) {
+            harmless.append(taken, '?');
+        } else {
+            harmless += text.substr(0, taken);
         }
+        text.remove_prefix(taken);
     }
     return harmless;
 }

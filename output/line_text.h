@@ -13,7 +13,7 @@ namespace ProcMgr::Output {
 size_t CutLength(std::string_view text, size_t length);
 
 // The text without a carriage return at its end, with a blank for each tab and '?' for each byte of
-// every other control character.
+// every other control character and for each byte that is not part of UTF-8.
 std::string MakeHarmless(std::string_view text);
 
 }  // namespace ProcMgr::Output

@@ -9,6 +9,7 @@
 #include <cstdio>
 
 #include "main/common/mutex.h"
+#include "output/file_place.h"
 #include "wire/unique_fd.h"
 
 namespace ProcMgr::Output {
@@ -35,16 +36,18 @@ OpenFile Failed(const char* failure, int error) {
 }
 
 // A device is not opened, because that may have an effect: it is examined before.
-OpenFile Open(const std::string& path, int moreFlags = 0) {
+OpenFile Open(const FilePlace& place, int moreFlags = 0) {
+    const int directory = place.directory.Get();
+    const char* name = place.name.c_str();
     struct stat status {};
-    if (!path.starts_with('/')) {
-        return Failed("not an absolute path", EINVAL);
+    if (place.failure != nullptr) {
+        return Failed(place.failure, place.error);
     }
-    if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISREG(status.st_mode)) {
         return Failed("not a regular file", EINVAL);
     }
     OpenFile file;
-    file.fd = Wire::UniqueFd(open(path.c_str(), OPEN_FLAGS | moreFlags, MODE));
+    file.fd = Wire::UniqueFd(openat(directory, name, OPEN_FLAGS | moreFlags, MODE));
     if (!file.fd.IsValid() || fstat(file.fd.Get(), &status) != 0) {
         return Failed("open failed", errno);
     }
@@ -59,11 +62,13 @@ OpenFile Open(const std::string& path, int moreFlags = 0) {
     return file;
 }
 
-OpenFile Rotate(const std::string& path) {
-    if (std::rename(path.c_str(), (path + ".1").c_str()) != 0) {
+OpenFile Rotate(const FilePlace& place) {
+    const int directory = place.directory.Get();
+    const std::string older = place.name + ".1";
+    if (renameat(directory, place.name.c_str(), directory, older.c_str()) != 0) {
         return Failed("rename failed", errno);
     }
-    return Open(path, O_EXCL);
+    return Open(place, O_EXCL);
 }
 
 // The length of the lines at the beginning of `lines` that fit into `room`.
@@ -103,12 +108,13 @@ AppendResult AppendToFile(const std::string& path, uint64_t size, std::string_vi
     MayWait("the file of the output of a service");
     const uint64_t limit = std::max(size, SIZE_MIN);
     AppendResult result;
-    OpenFile file = Open(path);
+    const FilePlace place = FindPlace(path);
+    OpenFile file = Open(place);
     while (file.failure == nullptr && result.written < lines.size()) {
         const std::string_view rest = lines.substr(result.written);
         const size_t fitting = FittingLines(rest, limit - std::min(file.size, limit));
         if (fitting == 0) {
-            file = Rotate(path);
+            file = Rotate(place);
         } else {
             result.written += Write(file, rest.substr(0, fitting));
         }

@@ -17,8 +17,8 @@ struct AppendResult {
 
 // Appends `lines`, each with its end and of at most some 1000 bytes, to the file at `path`, which
 // is made if it is missing. With no lines the file is only opened. When it would grow above `size`,
-// it is renamed to PATH.1 and begun anew. The file must be a regular one without further names.
-// Waits for the file system: called with no lock held.
+// it is renamed to PATH.1 and begun anew. The file must be a regular one without further names, at
+// a place that FindPlace() accepts. Waits for the file system: called with no lock held.
 AppendResult AppendToFile(const std::string& path, uint64_t size, std::string_view lines);
 
 }  // namespace ProcMgr::Output

@@ -18,9 +18,11 @@ namespace {
 
 constexpr size_t PIPES_MAX = 4096;
 constexpr std::chrono::hours FOR_EVER{1};
-// After a turn that has read something the thread sleeps for this time: a process that writes
-// without a pause then costs a bounded share of a core.
-constexpr std::chrono::milliseconds TURN_PAUSE{1};
+// After a turn the thread sleeps for this many times the time that the turn has taken, so processes
+// that write without a pause cost a quarter of a core at most, however many they are.
+constexpr int PAUSE_FACTOR = 3;
+constexpr std::chrono::milliseconds PAUSE_MIN{1};
+constexpr std::chrono::milliseconds PAUSE_MAX{100};
 // After a failure, for example for lack of memory.
 constexpr std::chrono::milliseconds FAILURE_PAUSE{100};
 // How long the thread reads on at the stop.
@@ -33,6 +35,17 @@ size_t FindPipesMax() {
         return PIPES_MAX;
     }
     return static_cast<size_t>(std::min<rlim_t>(limit.rlim_cur / 2, PIPES_MAX));
+}
+
+// One step of the thread. What has failed is done again in a later turn.
+template <typename Step>
+void Try(Step step) {
+    try {
+        step();
+    } catch (const std::exception& error) {
+        ProcMgrLog(LOG_ERR, "PROCMGR : output of services is lost, %s", error.what());
+        SleepFor(FAILURE_PAUSE);
+    }
 }
 
 }  // namespace
@@ -144,20 +157,18 @@ bool OutputRelay::TakeAdopted(OutputPipes& adopted) {
     return isStopping_;
 }
 
+// The adopted pipes are also taken after a turn that has failed: it may have used up the wake-up
+// for them.
 void OutputRelay::Run() {
     bool isStopping = false;
     while (!isStopping) {
-        try {
-            if (loop_->Turn(FOR_EVER)) {
-                SleepFor(TURN_PAUSE);
-            }
-            OutputPipes adopted;
-            isStopping = TakeAdopted(adopted);
-            loop_->Add(std::move(adopted));
-        } catch (const std::exception& error) {
-            ProcMgrLog(LOG_ERR, "PROCMGR : output of services is lost, %s", error.what());
-            SleepFor(FAILURE_PAUSE);
-        }
+        Try([this] {
+            const std::chrono::nanoseconds pause = PAUSE_FACTOR * loop_->Turn(FOR_EVER);
+            SleepFor(std::clamp<std::chrono::nanoseconds>(pause, PAUSE_MIN, PAUSE_MAX));
+        });
+        OutputPipes adopted;
+        isStopping = TakeAdopted(adopted);
+        Try([&] { loop_->Add(std::move(adopted)); });
     }
     Drain();
 }
@@ -165,7 +176,7 @@ void OutputRelay::Run() {
 void OutputRelay::Drain() {
     const SteadyTime end = std::chrono::steady_clock::now() + STOP_PATIENCE;
     try {
-        while (loop_->Turn(std::chrono::milliseconds(0)) &&
+        while (loop_->Turn(std::chrono::milliseconds(0)) > std::chrono::nanoseconds(0) &&
                std::chrono::steady_clock::now() < end) {
         }
         loop_->Finish();

@@ -12,6 +12,9 @@ namespace {
 
 // Until the kernel is asked again to watch a pipe that it has refused.
 constexpr std::chrono::milliseconds WATCH_PAUSE{1000};
+// How often a pipe that is given up is read: more than a usual pipe holds, and no end to a process
+// that writes without a pause.
+constexpr int LAST_READS_MAX = 32;
 
 int MakeEpoll() {
     const int fd = epoll_create1(EPOLL_CLOEXEC);
@@ -58,33 +61,38 @@ void PipeLoop::BeginFlow(const Pipe& pipe) {
     }
     Flow& flow = flows_[pipe.second.service];
     SetKind(flow, pipe.second.config.kind);
-    while (flow.pipes.size() >= PIPES_OF_SERVICE_MAX) {
-        const int oldest = flow.pipes.front();
-        Read(oldest);
-        // The read closes a pipe that is at its end.
-        if (!flow.pipes.empty() && flow.pipes.front() == oldest) {
-            Close(pipes_.find(oldest));
-        }
-    }
     flow.pipes.push_back(pipe.first);
+    while (flow.pipes.size() > PIPES_OF_SERVICE_MAX) {
+        CloseOldest(flow);
+    }
+}
+
+void PipeLoop::CloseOldest(const Flow& flow) {
+    const int oldest = flow.pipes.front();
+    for (int i = 0; i < LAST_READS_MAX && Read(oldest); ++i) {
+    }
+    if (flow.pipes.front() == oldest) {
+        Close(pipes_.find(oldest));
+    }
 }
 
 int PipeLoop::TimeoutOf(std::chrono::milliseconds patience) const {
     using std::chrono::milliseconds;
     milliseconds timeout = added_.empty() ? patience : std::min(patience, WATCH_PAUSE);
     const SteadyTime now = std::chrono::steady_clock::now();
-    const auto shorten = [&](const auto& dues) {
-        if (!dues.empty()) {
-            const auto left = std::chrono::ceil<milliseconds>(dues.begin()->first - now);
+    const auto shorten = [&](SteadyTime due) {
+        if (due != SteadyTime::max()) {
+            const auto left = std::chrono::ceil<milliseconds>(due - now);
             timeout = std::clamp(left, milliseconds(0), timeout);
         }
     };
-    shorten(flushes_);
-    shorten(reports_);
+    shorten(flushes_.empty() ? SteadyTime::max() : flushes_.begin()->first);
+    shorten(reports_.empty() ? SteadyTime::max() : reports_.begin()->first);
+    shorten(files_.GetReminderTime());
     return static_cast<int>(timeout.count());
 }
 
-bool PipeLoop::Turn(std::chrono::milliseconds patience) {
+std::chrono::nanoseconds PipeLoop::Turn(std::chrono::milliseconds patience) {
     WatchAdded();
     std::array<epoll_event, EVENTS_MAX> events;
     const int count = epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()),
@@ -103,13 +111,15 @@ bool PipeLoop::Turn(std::chrono::milliseconds patience) {
     }
     FlushDue();
     ReportDue(now_);
-    return isAnyRead;
+    files_.Remind(now_);
+    const auto taken = std::chrono::steady_clock::now() - now_;
+    return isAnyRead ? std::max(taken, std::chrono::nanoseconds(1)) : std::chrono::nanoseconds(0);
 }
 
-void PipeLoop::Read(int fd) {
+bool PipeLoop::Read(int fd) {
     const auto pipe = pipes_.find(fd);
     if (pipe == pipes_.end()) {
-        return;
+        return false;
     }
     const ssize_t size = read(fd, buffer_.data(), buffer_.size());
     if (size > 0) {
@@ -117,6 +127,7 @@ void PipeLoop::Read(int fd) {
     } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
         Close(pipe);
     }
+    return size > 0;
 }
 
 // The end is taken out of the kernel's list because a child that has not executed its program yet

@@ -36,9 +36,9 @@ public:
     // oldest, which a process has inherited from one that has ended, is closed.
     void Add(OutputPipes pipes);
 
-    // Waits until there is something to do, for at most `patience`, and does it. True when a pipe
-    // was read.
-    bool Turn(std::chrono::milliseconds patience);
+    // Waits until there is something to do, for at most `patience`, and does it. Returns the time
+    // that this has taken after the wait; 0 when no pipe was read.
+    std::chrono::nanoseconds Turn(std::chrono::milliseconds patience);
 
     // Takes the lines without an end as they are and closes all pipes.
     void Finish();
@@ -64,10 +64,14 @@ private:
     // stay among them.
     void WatchAdded();
     void BeginFlow(const Pipe& pipe);
+    void CloseOldest(const Flow& flow);
     static void SetKind(Flow& flow, OutputKind kind);
     int TimeoutOf(std::chrono::milliseconds patience) const;
 
-    void Read(int fd);
+    // True when something was read. At its end the pipe is closed.
+    bool Read(int fd);
+    // Forgets what an earlier pipe has brought, which is left only after a failure.
+    void BeginBytes();
     void TakeBytes(Pipe& pipe, std::string_view bytes);
     // Leaves out all but the last lines; returns the rest.
     std::string_view SkipLines(OutputPipe& pipe, Flow& flow, std::string_view bytes);

@@ -28,7 +28,14 @@ void PipeLoop::SetKind(Flow& flow, OutputKind kind) {
     }
 }
 
+void PipeLoop::BeginBytes() {
+    tail_ = {};
+    fileLines_.clear();
+    lineCount_ = 0;
+}
+
 void PipeLoop::TakeBytes(Pipe& pipe, std::string_view bytes) {
+    BeginBytes();
     OutputPipe& of = pipe.second;
     Flow& flow = flows_[of.service];
     if (flow.limit.IsUsedUp(now_)) {
@@ -57,20 +64,19 @@ std::string_view PipeLoop::SkipLines(OutputPipe& pipe, Flow& flow, std::string_v
     return bytes.substr(skipped.size());
 }
 
+// Empty lines count as well: they cost as much as others.
 void PipeLoop::TakeLine(const OutputPipe& pipe, Flow& flow, std::string_view line) {
     ++lineCount_;
-    const bool isForFile = pipe.config.kind == OutputKind::FILE;
     if (!line.empty()) {
         tail_.Add(line);
-    } else if (!isForFile) {
-        return;
     }
     if (!flow.limit.Take(now_, flow.kind == OutputKind::FILE ? line.size() + 1 : 1)) {
         LeaveOut(pipe.service, flow, 1);
-    } else if (isForFile) {
+    } else if (pipe.config.kind == OutputKind::FILE) {
         fileLines_ += line;
         fileLines_ += '\n';
-    } else if (!LogServiceLine(pipe.service.c_str(), pipe.pid, MakeHarmless(line))) {
+    } else if (!line.empty() &&
+               !LogServiceLine(pipe.service.c_str(), pipe.pid, MakeHarmless(line))) {
         ++dropped_;
     }
 }
@@ -87,12 +93,10 @@ void PipeLoop::LeaveOut(const std::string& service, Flow& flow, uint64_t count) 
 void PipeLoop::HandOn(const OutputPipe& pipe) {
     if (!fileLines_.empty()) {
         files_.Add(pipe.service, pipe.config, fileLines_);
-        fileLines_.clear();
     }
     if (!tail_.IsEmpty()) {
         records_.AddLines(pipe.service, tail_);
     }
-    lineCount_ = 0;
 }
 
 // The time of a line without an end counts from its beginning.
@@ -107,12 +111,13 @@ void PipeLoop::SetFlush(Pipe& pipe, bool isNewLine) {
         of.flushAt = {};
     }
     if (of.lines.HasPartial()) {
+        flushes_.emplace(now_ + LINE_PATIENCE, fd);
         of.flushAt = now_ + LINE_PATIENCE;
-        flushes_.emplace(of.flushAt, fd);
     }
 }
 
 void PipeLoop::Flush(Pipe& pipe) {
+    BeginBytes();
     OutputPipe& of = pipe.second;
     Flow& flow = flows_[of.service];
     of.lines.Flush([&](std::string_view line) { TakeLine(of, flow, line); });

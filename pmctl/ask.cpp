@@ -43,7 +43,7 @@ void PrintDocument(const Context& context, const std::string& json) {
             line += DIGITS[code >> 4U];
             line += DIGITS[code & 0xfU];
         } else {
-            line += byte == '\n' || byte == '\r' ? ' ' : json[i];
+            line += byte < ' ' ? ' ' : json[i];
         }
     }
     context.out << line << '\n';

@@ -10,6 +10,7 @@
 
 #include "console/console_lines.h"
 #include "console/console_request.h"
+#include "pmctl/ask.h"
 #include "pmctl/console_client.h"
 #include "pmctl/control_checks.h"
 #include "pmctl/control_view.h"
@@ -92,7 +93,7 @@ private:
 void Take(const std::string& line, ControlView& view, ProgressLine& progress, Context& context) {
     progress.Clear();
     if (context.isJson) {
-        context.out << line << '\n';
+        PrintDocument(context, line);
     }
     const std::string text = view.Take(line);
     if (!context.isJson) {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "pmctl/context.h"
+#include "pmctl/people.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
@@ -36,8 +37,8 @@ constexpr const char* FILE_TAKEN =
 }
 
 std::string DescribeNews(const json& news) {
-    const std::string text =
-        news.at("name").get<std::string>() + ": " + news.at("text").get<std::string>();
+    const std::string text = Printable(news.at("name").get<std::string>()) + ": " +
+                             Printable(news.at("text").get<std::string>());
     const auto pid = news.at("pid").get<uint32_t>();
     const bool isRunning = news.at("type").get<std::string>().starts_with("RUNNING");
     return text + (isRunning && pid != 0 ? ", pid " + std::to_string(pid) : "") + "\n";

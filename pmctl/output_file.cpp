@@ -30,22 +30,38 @@ bool WriteAll(int fd, std::string_view text) {
     throw CommandError(EXIT_NO, "cannot write " + path + ": " + strerror(error));
 }
 
-// A device or a pipe, such as /dev/stdout, is written in its place.
-bool IsSpecial(const std::string& path) {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode);
+// Links to the descriptors of this process, also to those that the shell passes on.
+bool IsOwnDescriptor(const std::string& path) {
+    return path == "/dev/stdout" || path == "/dev/stderr" || path.starts_with("/dev/fd/") ||
+           path.starts_with("/proc/self/fd/");
 }
 
-void WriteInPlace(const std::string& path, std::string_view text) {
-    std::FILE* file = std::fopen(path.c_str(), "we");
-    if (file == nullptr) {
+bool IsSpecial(mode_t mode) {
+    return !S_ISREG(mode) && !S_ISLNK(mode);
+}
+
+// A device or a pipe is written in its place; any other link than one to an own descriptor is
+// replaced, as a file is. Nothing is made or emptied, and what has been opened is looked at,
+// because in a directory of others something else may have taken the place since the first look.
+// False for what is to be replaced.
+bool WriteInPlace(const std::string& path, std::string_view text) {
+    const bool isOwn = IsOwnDescriptor(path);
+    struct stat info {};
+    if (!isOwn && (lstat(path.c_str(), &info) != 0 || !IsSpecial(info.st_mode))) {
+        return false;
+    }
+    const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY | (isOwn ? 0 : O_NOFOLLOW);
+    const Wire::UniqueFd file(open(path.c_str(), flags));
+    if (!file.IsValid() || fstat(file.Get(), &info) != 0) {
         Fail(path, errno);
     }
-    const bool isWritten = std::fwrite(text.data(), 1, text.size(), file) == text.size();
-    const int error = errno;
-    if (std::fclose(file) != 0 || !isWritten) {
-        Fail(path, isWritten ? errno : error);
+    if (!isOwn && !IsSpecial(info.st_mode)) {
+        Fail(path, EEXIST);
     }
+    if (!WriteAll(file.Get(), text)) {
+        Fail(path, errno);
+    }
+    return true;
 }
 
 mode_t ModeOfNewFiles() {
@@ -61,8 +77,7 @@ void WriteOutput(const Context& context, const std::string& path, std::string_vi
         context.out << text;
         return;
     }
-    if (IsSpecial(path)) {
-        WriteInPlace(path, text);
+    if (WriteInPlace(path, text)) {
         return;
     }
     std::string beside = path + ".XXXXXX";

@@ -2,6 +2,8 @@
 // status thread uses it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <chrono>
 #include <cstddef>
@@ -30,11 +32,14 @@ public:
     // answer; DONE: served, or gone; DROPPED: too slow, or there is no answer.
     enum class State { READING, ASKING, WRITING, DONE, DROPPED };
 
-    Client(Wire::UniqueFd socket, SteadyTime now) : socket_(std::move(socket)), connected_(now) {}
+    // `user`: of the peer.
+    Client(Wire::UniqueFd socket, uid_t user, SteadyTime now)
+        : socket_(std::move(socket)), user_(user), connected_(now) {}
 
     State GetState() const { return state_; }
     bool IsOver() const { return state_ == State::DONE || state_ == State::DROPPED; }
     int GetFd() const { return socket_.Get(); }
+    uid_t GetUser() const { return user_; }
     // The events for poll.
     short GetEvents() const;
     // The time at which CheckTime() is to be called.
@@ -60,6 +65,7 @@ private:
     int CountUntaken() const;
 
     Wire::UniqueFd socket_;
+    const uid_t user_;
     const SteadyTime connected_;
     State state_ = State::READING;
     std::array<char, REQUEST_SIZE> line_{};

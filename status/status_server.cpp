@@ -20,8 +20,14 @@ namespace {
 
 // The pause when the process has no descriptor for another client.
 constexpr std::chrono::milliseconds EXHAUSTED_PAUSE{100};
-// The number of clients that are accepted before the others are served.
+// The number of clients that are accepted before the others are served, and the pause after so
+// many.
 constexpr int ACCEPTS_MAX = 32;
+constexpr std::chrono::milliseconds FULL_PAUSE{10};
+// After each turn nobody is accepted for this many times the time that the turn has taken: clients
+// that connect without pause, whatever they ask, cost a quarter of one core at most.
+constexpr int PAUSE_FACTOR = 3;
+constexpr std::chrono::milliseconds PAUSE_MAX{250};
 
 // Nothing, with a log line, for an unknown group. Waits for the group database.
 std::optional<gid_t> GroupOf(const std::string& name) {
@@ -105,6 +111,7 @@ bool StatusServer::RunOnce() try {
     if (now >= sharedUntil_) {
         shared_.reset();
     }
+    PauseAccepting();
     return false;
 } catch (const std::exception& error) {
     // The memory is short: the clients have to ask again.
@@ -118,7 +125,7 @@ bool StatusServer::RunOnce() try {
 // Waits for the next event or deadline and takes what has come. True when the thread is to end.
 bool StatusServer::Wait() {
     constexpr size_t FIRST_CLIENT = 2;
-    std::array<pollfd, FIRST_CLIENT + CLIENTS_MAX> events{};
+    std::array<pollfd, FIRST_CLIENT + Wire::CLIENTS_MAX> events{};
     events[0] = {wake_.Get(), POLLIN, 0};
     const bool isExhausted = acceptFrom_ > std::chrono::steady_clock::now();
     events[1] = {isExhausted ? -1 : listener_.GetFd(), POLLIN, 0};
@@ -128,10 +135,11 @@ bool StatusServer::Wait() {
     }
     MayWait("a client of the status endpoint");
     const int result = poll(events.data(), FIRST_CLIENT + count, GetTimeout());
+    const SteadyTime now = std::chrono::steady_clock::now();
+    busySince_ = result > 0 ? now : SteadyTime::max();
     if (result <= 0) {
         return false;
     }
-    const SteadyTime now = std::chrono::steady_clock::now();
     for (size_t i = 0; i < count; ++i) {
         clients_[i]->Handle(events[FIRST_CLIENT + i].revents, now);
     }
@@ -152,14 +160,28 @@ void StatusServer::Accept(SteadyTime now) {
             return;
         }
     }
+    acceptFrom_ = now + FULL_PAUSE;
+}
+
+void StatusServer::PauseAccepting() {
+    const SteadyTime end = std::chrono::steady_clock::now();
+    if (busySince_ < end) {
+        const SteadyTime::duration pause = PAUSE_FACTOR * (end - busySince_);
+        acceptFrom_ = std::max(acceptFrom_, end + std::min<SteadyTime::duration>(pause, PAUSE_MAX));
+    }
 }
 
 void StatusServer::Admit(Wire::UniqueFd socket, SteadyTime now) {
-    if (clients_.size() >= CLIENTS_MAX || !listener_.IsPermitted(socket.Get())) {
+    std::vector<uid_t> users;
+    for (const auto& client : clients_) {
+        users.push_back(client->GetUser());
+    }
+    const std::optional<uid_t> user = listener_.PermittedUser(socket.Get());
+    if (!user || !Wire::HasPlace(*user, users)) {
         ++refused_;
         return;
     }
-    clients_.push_back(std::make_unique<Client>(std::move(socket), now));
+    clients_.push_back(std::make_unique<Client>(std::move(socket), *user, now));
 }
 
 void StatusServer::RemoveOver() {

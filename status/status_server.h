@@ -1,6 +1,6 @@
 // The server of the status endpoint: one thread that serves all clients with poll. What a client
 // sends is bounded in size and time, and so is what clients together cost: documents are made one
-// at a time, with pauses in proportion to the time that they take.
+// at a time, and clients accepted, with pauses in proportion to the time that they take.
 #pragma once
 
 #include <sys/types.h>
@@ -47,14 +47,14 @@ public:
     ServerCounters GetCounters() const;
 
 private:
-    static constexpr size_t CLIENTS_MAX = 16;
-
     // The body of the thread and its steps.
     void Run(const std::string& path, const std::string& group);
     // True when the thread is to end.
     bool RunOnce();
     bool Wait();
     void Accept(SteadyTime now);
+    // Accepts nobody for a time in proportion to that of the present turn.
+    void PauseAccepting();
     void Admit(Wire::UniqueFd socket, SteadyTime now);
     void AnswerAll();
     // False when the client has to wait.
@@ -78,6 +78,7 @@ private:
     SteadyTime sharedUntil_{};
     SteadyTime nextMake_{};    // the earliest time for the next document
     SteadyTime acceptFrom_{};  // no client is accepted before
+    SteadyTime busySince_{};   // the time of the turn counts from here; without events max()
 
     NamedThread thread_{"status"};  // last: it is joined before the rest is destroyed
 };

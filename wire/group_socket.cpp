@@ -25,9 +25,27 @@ constexpr int BACKLOG = 32;
 constexpr size_t GROUP_SIZE_FIRST = 4096;
 constexpr size_t GROUP_SIZE_MAX = size_t{1} << 20;
 
-// The directory must belong to this process's user: whoever may write it can replace the socket.
+// Whoever may write the directory can replace the socket. Others may write a sticky one, such as
+// /tmp, because they cannot remove this process's files there.
+bool IsSafe(const struct stat& directory) {
+    const bool isOwned = directory.st_uid == 0 || directory.st_uid == geteuid();
+    const bool isWritable = (directory.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    return isOwned && (!isWritable || (directory.st_mode & S_ISVTX) != 0);
+}
+
+// Gives the directory to this process's user.
+const char* TakeOver(int directory, const struct stat& status) {
+    if (status.st_uid != geteuid() && fchown(directory, geteuid(), getegid()) != 0) {
+        return "fchown";
+    }
+    const bool hasMode = (status.st_mode & ALLPERMS) == DIRECTORY_MODE;
+    return hasMode || fchmod(directory, DIRECTORY_MODE) == 0 ? nullptr : "fchmod";
+}
+
+// Somebody else's directory is used as it is, or not at all.
 const char* MakeDirectory(const std::string& path) {
-    if (mkdir(path.c_str(), DIRECTORY_MODE) != 0 && errno != EEXIST) {
+    const bool isNew = mkdir(path.c_str(), DIRECTORY_MODE) == 0;
+    if (!isNew && errno != EEXIST) {
         return "mkdir";
     }
     const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -35,11 +53,11 @@ const char* MakeDirectory(const std::string& path) {
     if (!fd.IsValid() || fstat(fd.Get(), &status) != 0) {
         return "open";
     }
-    if (status.st_uid != geteuid() && fchown(fd.Get(), geteuid(), getegid()) != 0) {
-        return "fchown";
+    if (path == RUN_DIRECTORY || (isNew && status.st_uid == geteuid())) {
+        return TakeOver(fd.Get(), status);
     }
-    const bool hasMode = (status.st_mode & ALLPERMS) == DIRECTORY_MODE;
-    return hasMode || fchmod(fd.Get(), DIRECTORY_MODE) == 0 ? nullptr : "fchmod";
+    errno = EPERM;
+    return IsSafe(status) ? nullptr : "the check of the directory";
 }
 
 // False, with errno, when there is a file that is no socket.
@@ -79,11 +97,30 @@ std::optional<gid_t> FindGroup(const std::string& name) {
     return found != nullptr ? std::optional(found->gr_gid) : std::nullopt;
 }
 
+bool IsTrusted(uid_t user) {
+    return user == 0 || user == geteuid();
+}
+
+bool HasPlace(uid_t user, const std::vector<uid_t>& present) {
+    if (IsTrusted(user)) {
+        return present.size() < CLIENTS_MAX;
+    }
+    const auto others = std::count_if(present.begin(), present.end(),
+                                      [](uid_t other) { return !IsTrusted(other); });
+    const auto own = std::count(present.begin(), present.end(), user);
+    return present.size() < CLIENTS_MAX && others < CLIENTS_OF_GROUP_MAX &&
+           own < CLIENTS_OF_USER_MAX;
+}
+
 const char* GroupSocket::Open(const std::string& path, std::optional<gid_t> group) {
     Close();
     path_ = path;
     group_ = group;
-    if (const char* failed = MakeDirectory(path.substr(0, path.rfind('/')))) {
+    if (!path.starts_with('/')) {
+        errno = EINVAL;
+        return "the check of the path";
+    }
+    if (const char* failed = MakeDirectory(path.substr(0, std::max<size_t>(path.rfind('/'), 1)))) {
         return failed;
     }
     fd_ = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -138,9 +175,10 @@ UniqueFd GroupSocket::Accept() const {
     return UniqueFd(accept4(fd_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
 }
 
-bool GroupSocket::IsPermitted(int client) const {
+std::optional<uid_t> GroupSocket::PermittedUser(int client) const {
     const std::optional<Peer> peer = ReadPeer(client);
-    return peer && Wire::IsPermitted(*peer, geteuid(), group_);
+    const bool isPermitted = peer && IsPermitted(*peer, geteuid(), group_);
+    return isPermitted ? std::optional(peer->uid) : std::nullopt;
 }
 
 bool GroupSocket::IsReplaced() const {

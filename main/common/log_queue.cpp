@@ -183,7 +183,7 @@ bool Writer::FormatOfService(const char* name, pid_t pid, std::string_view text)
     const size_t header = WriteSyslogHeader(LOG_DAEMON | LOG_INFO, name, pid, line);
     const size_t length = std::min(text.size(), LINE_MAX_LENGTH - header);
     std::memcpy(line + header, text.data(), length);
-    system_.Commit(header + length, CoarseSecond());
+    system_.Commit(header + length, CoarseSecond(), true);
     return true;
 }
 
@@ -387,9 +387,13 @@ void Writer::Close(std::chrono::milliseconds patience) {
     logger_.Close();
 }
 
+// The lines of services last: the logger may have no room for all.
 void Writer::WriteInSignal() {
-    kernel_.VisitInSignal(WriteKernelLine);
-    system_.VisitInSignal([this](std::string_view line) { logger_.SendInSignal(line); });
+    kernel_.VisitInSignal(false, WriteKernelLine);
+    for (const bool isOfService : {false, true}) {
+        system_.VisitInSignal(isOfService,
+                              [this](std::string_view line) { logger_.SendInSignal(line); });
+    }
 }
 
 }  // namespace

@@ -38,10 +38,11 @@ char* LogRing::Reserve(size_t length) {
     return TextOf(HeaderAt(head_));
 }
 
-void LogRing::Commit(size_t length, uint32_t second) {
+void LogRing::Commit(size_t length, uint32_t second, bool isMinor) {
     Header* header = HeaderAt(head_);
     header->length = static_cast<uint32_t>(length);
     header->second = second;
+    header->isMinor = isMinor ? 1 : 0;
     TextOf(header)[length] = '\0';
     head_ += Footprint(length);
 }

@@ -20,9 +20,10 @@ public:
     LogRing& operator=(const LogRing&) = delete;
 
     // Returns room for one line of at most `length` bytes; null when there is none. Commit() puts
-    // the line, with the length that it has and the present second, into the ring.
+    // the line, with the length that it has and the present second, into the ring. `isMinor`: see
+    // VisitInSignal().
     char* Reserve(size_t length);
-    void Commit(size_t length, uint32_t second);
+    void Commit(size_t length, uint32_t second, bool isMinor = false);
 
     struct Line {
         std::string_view text;  // followed by a NUL; stays in place until its Pop()
@@ -36,11 +37,13 @@ public:
     // Removes the oldest line. Only when the ring is not empty.
     void Pop();
 
-    // Calls `take` for every line that can be read without a lock. For a signal handler of a
+    // Calls `take` for every line that can be read without a lock: for the minor ones, or for the
+    // others and the oldest line, of which a part may have been written. For a signal handler of a
     // process that is about to end: a line that another thread adds at that moment may be missing.
     template <typename Take>
-    void VisitInSignal(Take take) const {
-        for (uint64_t at = tail_, end = head_; at < end;) {
+    void VisitInSignal(bool isMinor, Take take) const {
+        const uint64_t oldest = tail_;
+        for (uint64_t at = oldest, end = head_; at < end;) {
             const Header* header = HeaderAt(at);
             if (header->length == FILLER) {
                 at += size_ - at % size_;
@@ -49,7 +52,9 @@ public:
             if (header->length > size_) {
                 return;
             }
-            take(std::string_view(TextOf(header), header->length));
+            if (isMinor == (header->isMinor != 0 && at != oldest)) {
+                take(std::string_view(TextOf(header), header->length));
+            }
             at += Footprint(header->length);
         }
     }
@@ -58,6 +63,7 @@ private:
     struct Header {
         uint32_t length;  // of the text, or FILLER: the next line is at the ring's first byte
         uint32_t second;
+        uint32_t isMinor;  // 1 or 0
     };
     static constexpr uint32_t FILLER = UINT32_MAX;
 

@@ -8,6 +8,7 @@
 
 #include "console/console_lines.h"
 #include "console/console_records.h"
+#include "console/request_limit.h"
 
 namespace ProcMgr::Console {
 namespace {
@@ -100,8 +101,12 @@ TEST(ConsoleRequest, Refusals) {
         {stop(R"(,"names":"a")"), "\"names\" is not a list"},
         {stop(R"(,"names":[1])"), "\"names\" is not made of texts"},
         {stop(R"(,"names":["a#b"])"), "\"a#b\" cannot be the name of an application"},
-        {stop(R"(,"names":["a\nb"])"), "\"a\nb\" cannot be the name of an application"},
-        {stop(R"(,"names":["a\u0000"])"), "\"names\" holds a NUL character"},
+        {stop(R"(,"names":["a b"])"), "\"a b\" cannot be the name of an application"},
+        {stop(R"(,"names":["a\nb"])"), "\"names\" holds a control character"},
+        {stop(R"(,"names":["a\u0000"])"), "\"names\" holds a control character"},
+        {start(R"({"env":["K=\u001b[2J"]})"), "\"env\" holds a control character"},
+        {load(R"({"path":"/x\u007f"})"), "\"path\" holds a control character"},
+        {load(R"({"path":"/x","match":{"a\n":"b"}})"), "\"match\" holds a control character"},
         {stop(",\"names\":[" + many + "]"), "more than 64 names"},
         {stop(R"(,"names":["a"],"wait":1)"), "\"wait\" is neither true nor false"},
         {stop(R"(,"names":["a"],"timeout_ms":0)"),
@@ -129,6 +134,32 @@ TEST(ConsoleRequest, Refusals) {
     EXPECT_FALSE(MakeRecords({Command::START, {"a"}, {"", {"a#b"}, {}}}));
     EXPECT_FALSE(MakeRecords({Command::START, {"a"}, {"", {std::string(4000, 'x')}, {}}}));
     EXPECT_FALSE(MakeRecords({Command::STOP, std::vector<std::string>(60, std::string(127, 'x'))}));
+}
+
+TEST(ConsoleRequest, EachUserMaySendSoManyInASecond) {
+    using std::chrono::milliseconds;
+    RequestLimit limit;
+    RequestLimit::Time now{};
+    const auto take = [&](uid_t user) {
+        int taken = 0;
+        for (; limit.Take(user, now); ++taken) {
+        }
+        return taken;
+    };
+    EXPECT_EQ(take(1), 50);
+    now += milliseconds(100);
+    EXPECT_EQ(take(1), 2);
+    EXPECT_EQ(take(2), 50);
+    now += std::chrono::hours(1);
+    EXPECT_EQ(take(1), 50);
+    // More users at a time than are remembered.
+    uid_t user = 1000;
+    while (limit.Take(user, now)) {
+        ++user;
+    }
+    EXPECT_EQ(user, 1000 + RequestLimit::USERS_MAX - 1) << "besides user 1";
+    now += milliseconds(50);
+    EXPECT_TRUE(limit.Take(user, now)) << "the others are as good as new";
 }
 
 }  // namespace

@@ -65,7 +65,7 @@ protected:
         }
         daemon_ = std::make_unique<RawListener>(Wire::PipePath(OWNER));
         ASSERT_EQ(socket_.Open(PATH, std::nullopt), nullptr);
-        thread_ = std::thread([this] { ConsoleServer(socket_).Run(stop_.Get()); });
+        thread_ = std::thread([this] { ConsoleServer(socket_, getppid()).Run(stop_.Get()); });
     }
     void TearDown() override {
         if (thread_.joinable()) {

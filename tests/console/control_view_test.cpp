@@ -33,6 +33,9 @@ TEST(ControlView, TextProgressAndExitCode) {
     };
     EXPECT_EQ(take("RUNNING_NORMAL_START", "false"), "b: T, pid 9\n");
     EXPECT_EQ(take("TERMINATED_NORMAL_EXIT", "true"), "b: T\n") << "the pid of no process";
+    EXPECT_EQ(view.Take(R"({"event":"report","name":"x\u001b","type":"","pid":0,"text":"\u009b\n",)"
+                        R"("final":false})"),
+              "x\\x1b: \\xc2\\x9b\\x0a\n");
     EXPECT_EQ(view.Progress(12s), "a: stopping ... 12.0 s");
     EXPECT_EQ(view.Take(R"({"event":"later"})"), "") << "of a newer console";
     EXPECT_FALSE(view.IsDone());

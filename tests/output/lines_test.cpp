@@ -42,13 +42,13 @@ TEST(OutputLines, CannotControlATerminalAndTheLastOnesAreKept) {
     LineTail later;
     later.Add(
         "\x1b[2J\ta\rb\x7f\xc2\x9b"
-        "c\xc3\xa4\r");
+        "c\xc3\xa4\x9b\xc3\r");
     later.Add(std::string(199, 'x') + "\xc3\xa4");
     tail.Take(later);
     const Lines lines = tail.Get();
     ASSERT_EQ(lines.size(), LineTail::LINES_MAX);
     EXPECT_EQ(lines.front(), "line 12");
-    EXPECT_EQ(lines[18], "?[2J a?b???c\xc3\xa4");
+    EXPECT_EQ(lines[18], "?[2J a?b???c\xc3\xa4??");
     EXPECT_EQ(lines[19], std::string(199, 'x'));
     EXPECT_TRUE(later.IsEmpty());
 }

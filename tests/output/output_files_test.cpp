@@ -56,10 +56,15 @@ TEST(OutputFile, MustBeARegularOneWithoutFurtherNames) {
     fs::create_symlink(directory / "secret", directory / "symbolic");
     fs::create_hard_link(directory / "secret", directory / "hard");
     fs::create_directory(directory / "directory");
+    // Of a directory that others may write somebody else could have made the link.
+    fs::create_directory(directory / "shared");
+    fs::permissions(directory / "shared", fs::perms::others_write, fs::perm_options::add);
+    fs::create_directory_symlink(directory / "directory", directory / "shared/link");
     ASSERT_EQ(mkfifo((directory / "fifo").c_str(), 0600), 0);
     // With a reader the FIFO could be opened.
     const Wire::UniqueFd reader(open((directory / "fifo").c_str(), O_RDONLY | O_NONBLOCK));
-    for (const char* name : {"symbolic", "hard", "directory", "fifo", "missing/file"}) {
+    for (const char* name : {"symbolic", "hard", "directory", "fifo", "missing/file",
+                             "shared/link/file", "shared/../file"}) {
         const AppendResult result = AppendToFile(directory / name, SIZE, "x\n");
         EXPECT_NE(result.failure, nullptr) << name;
         EXPECT_NE(result.error, 0) << name;
@@ -67,6 +72,8 @@ TEST(OutputFile, MustBeARegularOneWithoutFurtherNames) {
     }
     EXPECT_NE(AppendToFile("relative", SIZE, "x\n").failure, nullptr);
     EXPECT_EQ(ReadFile(directory / "secret"), "s");
+    EXPECT_TRUE(fs::is_empty(directory / "directory"));
+    EXPECT_EQ(AppendToFile(directory / "shared/file", SIZE, "x\n").failure, nullptr);
     // The older file cannot be replaced: the limit still holds.
     WriteFile(directory / "a.log", std::string(SIZE, 'x'));
     fs::create_directory(directory / "a.log.1");
@@ -74,9 +81,26 @@ TEST(OutputFile, MustBeARegularOneWithoutFurtherNames) {
     EXPECT_EQ(fs::file_size(directory / "a.log"), SIZE);
 }
 
-class FullFileSystem : public IsolatedTest {};
+class OutputFileSystem : public IsolatedTest {};
 
-TEST_F(FullFileSystem, LosesWholeLinesAndTheLogSaysSoOnce) {
+TEST_F(OutputFileSystem, LinksThatOnlyRootCanMakeAreFollowed) {
+    Isolated([] {
+        MountTmpfs("/run");
+        fs::create_directories("/run/data/log");
+        fs::create_directory_symlink("data", "/run/relative");
+        fs::create_directory_symlink("/run/relative/./log/", "/run/absolute");
+        fs::create_directory_symlink("/run/loop", "/run/loop");
+        EXPECT_EQ(AppendToFile("/run/absolute/../log//a.log", SIZE, "x\n").failure, nullptr);
+        EXPECT_EQ(ReadFile("/run/data/log/a.log"), "x\n");
+        EXPECT_EQ(AppendToFile("/run/loop/a.log", SIZE, "x\n").error, ELOOP);
+        ASSERT_EQ(chown("/run/data", 1, 1), 0);
+        fs::create_directory_symlink("log", "/run/data/link");
+        EXPECT_EQ(AppendToFile("/run/data/link/a.log", SIZE, "x\n").error, ELOOP);
+        EXPECT_EQ(AppendToFile("/run/data/log/b.log", SIZE, "x\n").failure, nullptr);
+    });
+}
+
+TEST_F(OutputFileSystem, LosesWholeLinesAndTheLogSaysSoOnce) {
     Isolated([] {
         MountTmpfs("/run");
         fs::create_directory("/run/full");
@@ -118,6 +142,22 @@ TEST_F(FullFileSystem, LosesWholeLinesAndTheLogSaysSoOnce) {
         EXPECT_TRUE(ReadFile(config.file).ends_with(Line(number - 1)));
         EXPECT_EQ(LogCapture::Lines().size(), 2U);
     });
+}
+
+TEST(OutputFileWriter, ReportsAtItsEndWhatIsLost) {
+    const TempDirectory directory;
+    OutputConfig config;
+    config.kind = OutputKind::FILE;
+    config.file = directory / "missing/a.log";
+    std::atomic<uint64_t> dropped{0};
+    FileWriter writer(dropped);
+    writer.Add("svc", config, "one\ntwo\n");
+    EXPECT_TRUE(Tests::WaitUntil([&] { return dropped == 2; }));
+    writer.Add("svc", config, "three\n");
+    EXPECT_TRUE(writer.Stop(SteadyTime::max()));
+    EXPECT_TRUE(LogCapture::Contains(
+        LOG_WARNING,
+        "PROCMGR : 3 lines of the output of svc are lost, " + config.file + " is not written"));
 }
 
 }  // namespace

@@ -182,10 +182,15 @@ TEST_F(Log, AFaultSignalWritesTheLogOut) {
         // Only the signal handler can write the line out: the child has no log thread.
         Tests::Child child([] {
             InstallSignals();
+            // More than the logger has room for.
+            for (int i = 0; i < 1000; ++i) {
+                LogServiceLine("svc", 42, "text");
+            }
             ProcMgrLog(LOG_ERR, "last line");
             return raise(SIGSEGV);
         });
         EXPECT_NE(child.Wait(), 0);
+        EXPECT_NE(Next(fd).find("svc[42]"), std::string::npos) << "the oldest one";
         EXPECT_NE(Next(fd).find("last line"), std::string::npos);
     });
 }
