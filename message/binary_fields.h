@@ -18,7 +18,8 @@ public:
     void AddNumber(size_t number) {
         std::array<uint8_t, sizeof(uint32_t)> bytes{};
         Wire::StoreLittleEndian(static_cast<uint32_t>(number), bytes.data());
-        bytes_.append(bytes.begin(), bytes.end());
+        // Not by iterators of another type than char: std::string makes another string of these.
+        bytes_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     }
     void AddText(std::string_view text) {
         AddNumber(text.size());
