@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "pmctl/find_name.h"
+
 namespace ProcMgr::Pmctl {
 namespace {
 
@@ -44,8 +46,8 @@ Health HealthWithoutProcess(const Snapshot& snapshot, const Service& service) {
 int64_t LastChangeNs(const Snapshot& snapshot, const Service& service) {
     const auto found =
         std::find_if(snapshot.events.rbegin(), snapshot.events.rend(), [&](const Event& event) {
-            return event.name == service.name && event.kind == service.kind &&
-                   event.to == service.state;
+            return event.kind == service.kind && event.to == service.state &&
+                   IsNameInEvent(event.name, service.name);
         });
     return found == snapshot.events.rend() ? 0 : found->atNs;
 }

@@ -66,6 +66,14 @@ std::string EventsJson(const Clocks& clock, const std::vector<Event>& events) {
     return TextOf({{"version", VERSION}, {"events", list}});
 }
 
+std::string MissedJson(int64_t count) {
+    return TextOf({{"missed", count}});
+}
+
+std::string NewDaemonJson(int64_t pid) {
+    return TextOf({{"daemon_pid", pid}});
+}
+
 std::string WhyJson(const Service& service, const std::vector<Blocker>& blockers) {
     Json list = Json::array();
     for (const Blocker& blocker : blockers) {

@@ -22,6 +22,11 @@ std::string TreeJson(const Snapshot& snapshot, const std::vector<ServiceProcesse
 std::string EventJson(const Clocks& clock, const Event& event);
 std::string EventsJson(const Clocks& clock, const std::vector<Event>& events);
 
+// What is to be read of the followed events beside them: events were lost, or another daemon has
+// taken the place of the one before.
+std::string MissedJson(int64_t count);
+std::string NewDaemonJson(int64_t pid);
+
 std::string WhyJson(const Service& service, const std::vector<Blocker>& blockers);
 
 // Times are milliseconds from the begin of the start-up, null for what has not come.

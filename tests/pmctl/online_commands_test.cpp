@@ -71,6 +71,21 @@ TEST_F(OnlineCommands, JsonOfEachCommand) {
     EXPECT_EQ(Run({"--json", "metrics"}).code, 2);
 }
 
+TEST_F(OnlineCommands, EventsAreFoundByNamesThatTheyCut) {
+    const std::string name =
+        "a_service_with_a_name_that_is_far_too_long_for_any_column_of_a_table_on_a_terminal";
+    // The 63rd byte is the first one of a character.
+    const std::string wide = std::string(62, 'w') + "データ";
+    Serve([&](const std::string&) {
+        const std::string text = document_.With("\"name\":\"worker\",\"pid\"",
+                                                "\"name\":\"" + name.substr(0, 63) + "\",\"pid\"");
+        return Replaced(text, "\"name\":\"leaving\",\"pid\"",
+                        "\"name\":\"" + std::string(62, 'w') + "\\u00e3\",\"pid\"");
+    });
+    EXPECT_EQ(Run({"events", name}).out.find("    43  "), 0);
+    EXPECT_EQ(Run({"events", wide}).out.find("    44  "), 0);
+}
+
 // Names come from manifests of others; what they contain must not become a part of the page.
 TEST_F(OnlineCommands, PagesAndPicturesEscapeNames) {
     EXPECT_EQ(Run({"boot", "--svg", directory_ / "boot.svg"}).code, 0);
@@ -97,11 +112,12 @@ TEST_F(OnlineCommands, UnknownNamesNameTheNearest) {
         const Outcome outcome = Run({command, "netwrok"});
         EXPECT_EQ(outcome.code, 1);
         EXPECT_EQ(outcome.out, "");
-        EXPECT_EQ(outcome.error, "pmctl: nothing has the name 'netwrok'; do you mean network?\n");
+        EXPECT_EQ(outcome.error,
+                  "pmctl: there is no service or application 'netwrok'; did you mean 'network'?\n");
     }
     EXPECT_EQ(Run({"status", ""}).code, 1);
     EXPECT_EQ(Run({"why", "zzzzzz"}).error,
-              "pmctl: nothing has the name 'zzzzzz': see pmctl status\n");
+              "pmctl: there is no service or application 'zzzzzz': see pmctl status\n");
 }
 
 }  // namespace
