@@ -176,7 +176,7 @@ std::string ReportCounters(const Snapshot& snapshot) {
         table.Add(field.meaning);
         table.Add(std::to_string(snapshot.counters.*field.value));
     }
-    table.Add("Log lines of the daemon that were dropped");
+    table.Add("Dropped log lines of the daemon");
     table.Add(std::to_string(snapshot.daemon.logLinesDropped));
     return FoldedTable("Counters", COUNTER_FIELDS.size() + 1, table);
 }

@@ -63,13 +63,13 @@ inline constexpr std::array COUNTER_FIELDS = {
     CounterField{"start_failures", "Starts that failed", &Counters::startFailures},
     CounterField{"exits", "Exits of managed processes", &Counters::exits},
     CounterField{"unknown_exits", "Exits of processes without a record", &Counters::unknownExits},
-    CounterField{"state_changes", "Changes of states", &Counters::stateChanges},
+    CounterField{"state_changes", "State changes", &Counters::stateChanges},
     CounterField{"status_requests", "Requests for the status", &Counters::statusRequests},
     CounterField{"status_clients_refused", "Clients of the status socket that were refused",
                  &Counters::statusClientsRefused},
     CounterField{"status_clients_dropped", "Clients of the status socket that were too slow",
                  &Counters::statusClientsDropped},
-    CounterField{"output_lines_dropped", "Lines of output of services that were dropped",
+    CounterField{"output_lines_dropped", "Dropped output lines of services",
                  &Counters::outputLinesDropped},
 };
 
