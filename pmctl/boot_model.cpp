@@ -86,7 +86,8 @@ BootEntry MakeEntry(const Snapshot& snapshot, const Service& service, int64_t be
     } else {
         entry.reason = service.why;
         const Health health = HealthOf(snapshot, service);
-        if (health == Health::FAILED || health == Health::NOT_STARTED) {
+        if (health == Health::FAILED || health == Health::BLOCKED ||
+            health == Health::NOT_STARTED) {
             entry.ended = std::max<int64_t>(entry.released, entry.waiting);
         }
     }
@@ -168,10 +169,10 @@ std::string BootTitle(const BootModel& model) {
     const std::string title =
         "Start-up of " + Counted(static_cast<int64_t>(model.entries.size()), "service");
     if (!model.isOver) {
-        return title + ": goes on for " + FormatMoment(Milliseconds(model.end));
+        return title + ": still going on after " + FormatMoment(Milliseconds(model.end));
     }
     if (model.lastReady < 0) {
-        return title + ": none has come to run";
+        return title + ": none is running";
     }
     return title + ": " + FormatMoment(Milliseconds(model.lastReady)) + " until the last one ran";
 }

@@ -71,6 +71,60 @@ TEST_F(OnlineCommands, JsonOfEachCommand) {
     EXPECT_EQ(Run({"--json", "metrics"}).code, 2);
 }
 
+// The first line of `status NAME` for a service that differs from the one in the file.
+TEST_F(OnlineCommands, HealthFollowsWhatTheDaemonWillDo) {
+    const std::string gaveUp = "within a minute\",\"settled\":true";
+    const std::string policy = "\"TERMINATED\",\"pid\":0,\"owner\":\"\",\"policy\":\"";
+    struct {
+        std::vector<std::pair<std::string, std::string>> changes;
+        std::string name;
+        std::string health;
+    } const cases[] = {
+        {{{gaveUp, "within a minute\",\"settled\":false"}}, "crasher", "starting"},
+        {{{"\"status\":768", "\"status\":0"}}, "crasher", "failed"},
+        {{{policy + "on-failure", policy + "no"}}, "crasher", "failed"},
+        {{{"\"status\":768", "\"status\":0"}, {policy + "on-failure", policy + "no"}},
+         "crasher",
+         "stopped"},
+        {{{"is in a dependency cycle", "excluded by the boot command line"}},
+         "ring_a",
+         "not started"},
+        {{{"\"RESTARTING\",\"pid\":5000008", "\"INITSTATE\",\"pid\":0"}}, "worker", "starting"},
+        {{{"\"name\":\"log\",\"kind\":\"service\"", "\"name\":\"l\",\"kind\":\"service\""},
+          {"\"TERMINATED\",\"pid\":0,\"owner\":\"vintor\"",
+           "\"INITSTATE\",\"pid\":0,\"owner\":\"\""}},
+         "log",
+         "not started"},
+    };
+    for (const auto& one : cases) {
+        std::string text = document_.All();
+        for (const auto& [from, to] : one.changes) {
+            ASSERT_NE(text.find(from), std::string::npos) << from;
+            text = Replaced(text, from, to);
+        }
+        Serve([&text](const std::string&) { return text; });
+        const std::string out = Run({"status", one.name}).out;
+        const std::string line = out.substr(out.find(": ") + 2);
+        EXPECT_EQ(line.substr(0, line.find('\n')), one.health) << out;
+    }
+}
+
+TEST_F(OnlineCommands, FieldsThatNotEveryDaemonHas) {
+    Serve([this](const std::string&) {
+        const std::string text = document_.With("\"ended_ns\":7294500000000",
+                                                "\"ended_ns\":1,\"changed_ns\":7299000000000");
+        return Replaced(text, "\"log_lines_dropped\"",
+                        "\"config_error\":\"no \\u001b file\",\"log_lines_dropped\"");
+    });
+    EXPECT_NE(Run({"status", "crasher"}).out.find("TERMINATED for 1 s (since "), std::string::npos);
+    const std::string refused =
+        "the base-service file was refused: no \\x1b file; see pmctl check\n  "
+        "/etc/base_service.yaml\n";
+    EXPECT_NE(Run({"status"}).out.find('\n' + refused), std::string::npos);
+    EXPECT_TRUE(Run({"boot"}).out.starts_with(refused));
+    EXPECT_NE(Run({"report", "--html", "-"}).out.find("was refused: no "), std::string::npos);
+}
+
 TEST_F(OnlineCommands, EventsAreFoundByNamesThatTheyCut) {
     const std::string name =
         "a_service_with_a_name_that_is_far_too_long_for_any_column_of_a_table_on_a_terminal";

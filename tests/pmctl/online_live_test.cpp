@@ -121,7 +121,7 @@ TEST_F(OnlineLive, WatchRestoresTheTerminal) {
         }
         return shown.find(text) != std::string::npos;
     };
-    EXPECT_TRUE(readUntil("and 9 more"));
+    EXPECT_TRUE(readUntil("and 11 more"));
     EXPECT_NE(shown.find("\x1b[?1049h\x1b[?25l"), std::string::npos);
     kill(pid, SIGINT);
     EXPECT_TRUE(readUntil("\x1b[?25h\x1b[?1049l"));
