@@ -170,14 +170,16 @@ void PrintConfigError(const Context& context, const Snapshot& snapshot) {
 }  // namespace
 
 void ShowBoot(const Context& context, const std::optional<std::string>& svg) {
+    if (svg) {
+        RefuseJson(context, "boot --svg");
+    }
     const Snapshot snapshot = AskStatus(context).snapshot;
     const BootModel model = MakeBootModel(snapshot);
     if (svg) {
         WriteOutput(context, *svg, DrawTimeline(MakeTimeline(model), SvgKind::STANDALONE));
-    }
-    if (context.isJson && !svg) {
+    } else if (context.isJson) {
         PrintDocument(context, BootJson(model));
-    } else if (!svg) {
+    } else {
         PrintConfigError(context, snapshot);
         BootText(context, model).Print();
     }

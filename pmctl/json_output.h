@@ -27,7 +27,16 @@ std::string EventsJson(const Clocks& clock, const std::vector<Event>& events);
 std::string MissedJson(int64_t count);
 std::string NewDaemonJson(int64_t pid);
 
-std::string WhyJson(const Service& service, const std::vector<Blocker>& blockers);
+// Why a service is what it is.
+struct WhyEntry {
+    Service service;
+    std::vector<Blocker> blockers;
+};
+// The first entry, with the other ones of the same name in "also".
+std::string WhyJson(const Snapshot& snapshot, const std::vector<WhyEntry>& entries);
+
+// In place of a document that could not be had.
+std::string ErrorJson(const std::string& text);
 
 // Times are milliseconds from the begin of the start-up, null for what has not come.
 std::string BootJson(const BootModel& model);

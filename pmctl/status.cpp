@@ -55,7 +55,6 @@ void ShowAll(const Context& context) {
 
 void ShowStatus(Context& context, const StatusOptions& options) {
     if (options.isWatch) {
-        RefuseJson(context, "status --watch");
         WatchStatus(context);
     } else if (options.name) {
         ShowOne(context, *options.name);

@@ -12,6 +12,7 @@
 
 #include "pmctl/ask.h"
 #include "pmctl/health.h"
+#include "pmctl/json_output.h"
 #include "pmctl/people.h"
 #include "pmctl/screen.h"
 #include "pmctl/status_head.h"
@@ -115,9 +116,27 @@ std::vector<std::string> NextFrame(const Context& context, Changes& changes, siz
     }
 }
 
+void WatchDocuments(const Context& context) {
+    std::string document = AskStatus(context).text;
+    while (context.out.good()) {
+        PrintDocument(context, document);
+        context.out.flush();
+        std::this_thread::sleep_for(PERIOD);
+        try {
+            document = AskStatus(context).text;
+        } catch (const CommandError& error) {
+            document = ErrorJson(error.what());
+        }
+    }
+}
+
 }  // namespace
 
 void WatchStatus(const Context& context) {
+    if (context.isJson) {
+        WatchDocuments(context);
+        return;
+    }
     Changes changes;
     changes.Update(AskStatus(context).snapshot);
     const bool isTerminal = isatty(STDOUT_FILENO) == 1;

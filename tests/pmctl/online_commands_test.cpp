@@ -2,6 +2,8 @@
 // The expected texts are in the files of online/.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "tests/pmctl/fake_daemon.h"
 
 namespace ProcMgr {
@@ -44,6 +46,7 @@ TEST_F(OnlineCommands, TextOfEachCommand) {
         {{"why", "front"}, "why_front.txt"},
         {{"why", "crasher"}, "why_crasher.txt"},
         {{"why", "worker"}, "why_worker.txt"},
+        {{"why", "log"}, "why_log.txt"},
         {{"boot"}, "boot.txt"},
         {{"blame", "--lines", "4"}, "blame.txt"},
         {{"metrics"}, "metrics.txt"},
@@ -58,6 +61,7 @@ TEST_F(OnlineCommands, JsonOfEachCommand) {
         {{"--json", "tree"}, "tree.json"},
         {{"--json", "events", "crasher"}, "events_crasher.json"},
         {{"why", "middle", "--json"}, "why_middle.json"},
+        {{"why", "log", "--json"}, "why_log.json"},
         {{"--json", "boot"}, "boot.json"},
         {{"--json", "blame"}, "boot.json"},
     };
@@ -68,7 +72,11 @@ TEST_F(OnlineCommands, JsonOfEachCommand) {
     const Outcome one = Run({"--json", "status", "leaving"});
     EXPECT_EQ(one.out, document_.Of("leaving"));
     EXPECT_EQ(one.code, 1);
+    const std::string file = directory_ / "file";
     EXPECT_EQ(Run({"--json", "metrics"}).code, 2);
+    EXPECT_EQ(Run({"--json", "report", "--html", file}).code, 2);
+    EXPECT_EQ(Run({"--json", "boot", "--svg", file}).code, 2);
+    EXPECT_FALSE(std::filesystem::exists(file));
 }
 
 // The first line of `status NAME` for a service that differs from the one in the file.
@@ -107,6 +115,18 @@ TEST_F(OnlineCommands, HealthFollowsWhatTheDaemonWillDo) {
         const std::string line = out.substr(out.find(": ") + 2);
         EXPECT_EQ(line.substr(0, line.find('\n')), one.health) << out;
     }
+}
+
+TEST_F(OnlineCommands, WhyShowsTheOutputThatExplains) {
+    Serve([&](const std::string& request) {
+        const char* tail = request == "status" ? "" : R"(,"output_tail":["last\u001b words"])";
+        return document_.With(R"("output":"inherit")", std::string(R"("output":"syslog")") + tail);
+    });
+    const std::string tail = "The last lines of its output:\n    last\\x1b words\n";
+    for (const char* name : {"crasher", "slow_reporter", "network"}) {
+        EXPECT_TRUE(Run({"why", name}).out.ends_with(tail)) << name;
+    }
+    EXPECT_EQ(Run({"why", "absent"}).out.find("output"), std::string::npos);
 }
 
 TEST_F(OnlineCommands, FieldsThatNotEveryDaemonHas) {

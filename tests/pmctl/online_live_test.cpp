@@ -85,6 +85,17 @@ TEST_F(OnlineLive, FollowTellsOfSkippedEventsAndOfAnotherDaemon) {
     }
 }
 
+TEST_F(OnlineLive, WatchWritesADocumentEachSecond) {
+    std::atomic<bool> isAway{false};
+    Serve([&](const std::string&) { return isAway ? "" : document_.All(); });
+    Child pmctl = Start({"status", "--watch", "--json"});
+    EXPECT_TRUE(WaitFor(document_.All()));
+    isAway = true;
+    EXPECT_TRUE(WaitFor("\n{\"version\":1,\"error\":\"the daemon has closed the connection"));
+    isAway = false;
+    EXPECT_TRUE(WaitFor("try again\"}\n" + document_.All()));
+}
+
 TEST_F(OnlineLive, WatchMarksChangesAndGoesOnWithoutTheDaemon) {
     std::atomic<int> step{0};
     Serve([&](const std::string&) {
