@@ -11,6 +11,7 @@
 #include "pmctl/online.h"
 #include "pmctl/output_file.h"
 #include "pmctl/people.h"
+#include "pmctl/status_head.h"
 #include "pmctl/svg.h"
 #include "pmctl/terminal.h"
 #include "pmctl/units.h"
@@ -158,17 +159,28 @@ private:
     const size_t barColumns_;
 };
 
+void PrintConfigError(const Context& context, const Snapshot& snapshot) {
+    const std::string text = Printable(ConfigErrorText(snapshot.daemon));
+    if (!text.empty()) {
+        context.out << Painted(context.hasColours, Ink::BAD, Wrapped(text, TerminalColumns(), 2))
+                    << '\n';
+    }
+}
+
 }  // namespace
 
 void ShowBoot(const Context& context, const std::optional<std::string>& svg) {
+    if (svg) {
+        RefuseJson(context, "boot --svg");
+    }
     const Snapshot snapshot = AskStatus(context).snapshot;
     const BootModel model = MakeBootModel(snapshot);
     if (svg) {
         WriteOutput(context, *svg, DrawTimeline(MakeTimeline(model), SvgKind::STANDALONE));
-    }
-    if (context.isJson && !svg) {
+    } else if (context.isJson) {
         PrintDocument(context, BootJson(model));
-    } else if (!svg) {
+    } else {
+        PrintConfigError(context, snapshot);
         BootText(context, model).Print();
     }
 }

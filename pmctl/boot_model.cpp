@@ -6,6 +6,7 @@
 
 #include "pmctl/axis.h"
 #include "pmctl/boot_path.h"
+#include "pmctl/find_name.h"
 #include "pmctl/health.h"
 #include "pmctl/people.h"
 #include "pmctl/units.h"
@@ -42,11 +43,9 @@ public:
 
     // 0 when it has not ended or nobody knows when.
     int64_t Of(const Service& service) const {
-        const auto found = ends_.find(service.name);
-        const bool isOfFirst =
-            found != ends_.end() && found->second->atNs >= service.boot->startedNs;
-        if (isOfFirst) {
-            return found->second->atNs;
+        const Event* end = Find(service);
+        if (end != nullptr && end->atNs >= service.boot->startedNs) {
+            return end->atNs;
         }
         if (service.starts > 1 && service.boot->runningNs == 0) {
             return service.times.startedNs;  // it has ended before that
@@ -54,11 +53,22 @@ public:
         return service.starts == 1 && service.pid == 0 ? service.times.endedNs : 0;
     }
     std::string DetailOf(const Service& service) const {
-        const auto found = ends_.find(service.name);
-        return found == ends_.end() ? service.why : found->second->detail;
+        const Event* end = Find(service);
+        return end == nullptr ? service.why : end->detail;
     }
 
 private:
+    const Event* Find(const Service& service) const {
+        const auto exact = ends_.find(service.name);
+        const auto found =
+            exact != ends_.end()
+                ? exact
+                : std::find_if(ends_.begin(), ends_.end(), [&service](const auto& end) {
+                      return IsNameInEvent(end.first, service.name);
+                  });
+        return found == ends_.end() ? nullptr : found->second;
+    }
+
     std::map<std::string_view, const Event*> ends_;
 };
 
@@ -76,7 +86,8 @@ BootEntry MakeEntry(const Snapshot& snapshot, const Service& service, int64_t be
     } else {
         entry.reason = service.why;
         const Health health = HealthOf(snapshot, service);
-        if (health == Health::FAILED || health == Health::NOT_STARTED) {
+        if (health == Health::FAILED || health == Health::BLOCKED ||
+            health == Health::NOT_STARTED) {
             entry.ended = std::max<int64_t>(entry.released, entry.waiting);
         }
     }
@@ -158,10 +169,10 @@ std::string BootTitle(const BootModel& model) {
     const std::string title =
         "Start-up of " + Counted(static_cast<int64_t>(model.entries.size()), "service");
     if (!model.isOver) {
-        return title + ": goes on for " + FormatMoment(Milliseconds(model.end));
+        return title + ": still going on after " + FormatMoment(Milliseconds(model.end));
     }
     if (model.lastReady < 0) {
-        return title + ": none has come to run";
+        return title + ": none is running";
     }
     return title + ": " + FormatMoment(Milliseconds(model.lastReady)) + " until the last one ran";
 }

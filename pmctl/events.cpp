@@ -1,4 +1,4 @@
-// pmctl events: the last changes of states, and those to come.
+// pmctl events: the last state changes, and those to come.
 #include <algorithm>
 #include <chrono>
 #include <ostream>
@@ -38,6 +38,10 @@ std::string CauseOf(const Event& event) {
     return event.cause + ": " + event.detail;
 }
 
+bool IsWanted(const EventsOptions& options, const Event& event) {
+    return !options.name || IsNameInEvent(event.name, *options.name);
+}
+
 // Prints events one after the other and knows the last one.
 class EventPrinter {
 public:
@@ -48,8 +52,10 @@ public:
 
     // The numbers begin anew with another daemon.
     void StartAnew(int64_t daemonPid) {
-        Note("process-manager has been started anew, pid " + std::to_string(daemonPid));
+        Note("process-manager has been restarted, pid " + std::to_string(daemonPid),
+             NewDaemonJson(daemonPid));
         last_ = 0;
+        isFromBegin_ = true;
     }
 
     void Print(const EventsAnswer& answer) {
@@ -57,11 +63,12 @@ public:
             return;
         }
         const int64_t skipped = answer.events.front().number - last_ - 1;
-        if (last_ > 0 && skipped > 0) {
-            Note(Counted(skipped, "event") + " before this one: the daemon no longer has them");
+        if ((last_ > 0 || isFromBegin_) && skipped > 0) {
+            Note(Counted(skipped, "event") + (skipped == 1 ? " was" : " were") + " missed",
+                 MissedJson(skipped));
         }
         for (const Event& event : answer.events) {
-            if (!options_.name || *options_.name == event.name) {
+            if (IsWanted(options_, event)) {
                 PrintEvent(answer.clock, event);
             }
         }
@@ -69,8 +76,10 @@ public:
     }
 
 private:
-    void Note(const std::string& text) const {
-        if (!context_.isJson) {
+    void Note(const std::string& text, const std::string& json) const {
+        if (context_.isJson) {
+            PrintDocument(context_, json);
+        } else {
             context_.out << Painted(context_.hasColours, Ink::QUIET, "-- " + text) << '\n';
         }
     }
@@ -94,6 +103,7 @@ private:
     const Context& context_;
     const EventsOptions& options_;
     int64_t last_;
+    bool isFromBegin_ = false;  // all events from number 1 are wanted
     size_t nameColumns_ = NAME_COLUMNS_MIN;
 };
 
@@ -127,8 +137,9 @@ void Follow(const Context& context, EventPrinter& printer, int64_t daemonPid) {
 
 // A name without events may be one that does not exist.
 void CheckName(const Context& context, const EventsAnswer& answer, const std::string& name) {
-    const bool isKnown = std::any_of(answer.events.begin(), answer.events.end(),
-                                     [&name](const Event& event) { return event.name == name; });
+    const bool isKnown =
+        std::any_of(answer.events.begin(), answer.events.end(),
+                    [&name](const Event& event) { return IsNameInEvent(event.name, name); });
     if (!isKnown) {
         AskStatus(context, name);
     }
@@ -143,9 +154,7 @@ void ShowEvents(const Context& context, const EventsOptions& options) {
     }
     if (context.isJson && !options.isFollowing) {
         std::vector<Event> events = answer.events;
-        std::erase_if(events, [&options](const Event& event) {
-            return options.name && *options.name != event.name;
-        });
+        std::erase_if(events, [&options](const Event& event) { return !IsWanted(options, event); });
         PrintDocument(context, EventsJson(answer.clock, events));
         return;
     }

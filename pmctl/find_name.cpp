@@ -1,6 +1,7 @@
 #include "pmctl/find_name.h"
 
 #include <algorithm>
+#include <array>
 #include <numeric>
 
 #include "pmctl/context.h"
@@ -27,6 +28,25 @@ size_t Distance(std::string_view left, std::string_view right) {
     return row.back();
 }
 
+// The sizes to which daemons cut names in events, in bytes.
+constexpr std::array<size_t, 2> EVENT_NAME_SIZES = {63, 127};
+
+// The first `size` bytes as the status document has them: each byte of a character that is cut is a
+// character of its own there.
+std::string CutName(std::string_view name, size_t size) {
+    size_t whole = size;
+    while (whole > 0 && (static_cast<unsigned char>(name[whole]) & 0xc0U) == 0x80) {
+        --whole;
+    }
+    std::string cut(name.substr(0, whole));
+    for (const char next : name.substr(whole, size - whole)) {
+        const auto byte = static_cast<unsigned char>(next);
+        cut += static_cast<char>(0xc0U | (byte >> 6U));
+        cut += static_cast<char>(0x80U | (byte & 0x3fU));
+    }
+    return cut;
+}
+
 struct Near {
     size_t distance;
     std::string name;
@@ -46,6 +66,14 @@ std::vector<const Service*> FindNamed(const Snapshot& snapshot, std::string_view
         }
     }
     return found;
+}
+
+bool IsNameInEvent(std::string_view inEvent, std::string_view name) {
+    return inEvent == name ||
+           std::any_of(EVENT_NAME_SIZES.begin(), EVENT_NAME_SIZES.end(), [&](size_t size) {
+               return name.size() > size && inEvent.size() >= size &&
+                      inEvent == CutName(name, size);
+           });
 }
 
 std::vector<std::string> NearestNames(const Snapshot& snapshot, std::string_view name) {
@@ -74,10 +102,10 @@ std::vector<std::string> NearestNames(const Snapshot& snapshot, std::string_view
 }
 
 void FailUnknown(const Snapshot& snapshot, std::string_view name) {
-    std::string text = "nothing has the name '" + Printable(name) + "'";
+    std::string text = "there is no service or application '" + Printable(name) + "'";
     const std::vector<std::string> nearest = NearestNames(snapshot, name);
     for (size_t i = 0; i < nearest.size(); ++i) {
-        text += (i == 0 ? "; do you mean " : " or ") + Printable(nearest[i]);
+        text += (i == 0 ? "; did you mean '" : " or '") + Printable(nearest[i]) + '\'';
     }
     throw CommandError(EXIT_NO, text + (nearest.empty() ? ": see pmctl status" : "?"));
 }

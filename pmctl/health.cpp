@@ -2,10 +2,11 @@
 
 #include <algorithm>
 
+#include "pmctl/faults.h"
+#include "pmctl/find_name.h"
+
 namespace ProcMgr::Pmctl {
 namespace {
-
-constexpr int64_t EVENT_START_FAILED = 208;
 
 struct HealthRow {
     std::string_view name;
@@ -13,7 +14,9 @@ struct HealthRow {
 };
 constexpr std::array<HealthRow, HEALTHS> ROWS{{
     {"running", Ink::GOOD},
+    {"faulty", Ink::BAD},
     {"failed", Ink::BAD},
+    {"blocked", Ink::BAD},
     {"starting", Ink::BUSY},
     {"waiting", Ink::BUSY},
     {"stopping", Ink::BUSY},
@@ -21,31 +24,61 @@ constexpr std::array<HealthRow, HEALTHS> ROWS{{
     {"not started", Ink::QUIET},
 }};
 
-bool HasFailedStart(const Snapshot& snapshot, const Service& service) {
-    return service.hasFailedStart ||
-           std::any_of(snapshot.faults.begin(), snapshot.faults.end(), [&](const Fault& fault) {
-               return fault.event == EVENT_START_FAILED && fault.name == service.name;
-           });
+// The only reason for which a service is never started without anything being wrong.
+constexpr std::string_view EXCLUDED = "excluded by the boot command line";
+
+Health HealthWithProcess(const Snapshot& snapshot, const Service& service) {
+    if (service.state == "RUNNING") {
+        return FaultsOf(snapshot, service).empty() ? Health::RUNNING : Health::FAULTY;
+    }
+    return service.state == "TERMINATING" ? Health::STOPPING : Health::STARTING;
 }
 
-// A service without a process.
-Health HealthWithoutProcess(const Snapshot& snapshot, const Service& service) {
-    const bool hasDied = service.lastExit && !service.lastExit->isExpected;
-    if (hasDied || HasFailedStart(snapshot, service)) {
+// A service without a process, about which the daemon will do something.
+Health HealthInTransit(const Service& service) {
+    if (service.state == "TERMINATING") {
+        return Health::STOPPING;
+    }
+    const bool isBeforeItsTurn = service.boot && service.boot->releasedNs == 0;
+    return service.state == "INITSTATE" && isBeforeItsTurn ? Health::WAITING : Health::STARTING;
+}
+
+// Whether the start or the last process has failed. Every end of a service under the policy
+// on-failure is a failure: the daemon restarts it after each, and has given up.
+bool HasFailed(const Snapshot& snapshot, const Service& service) {
+    if (service.hasFailedStart) {
+        return true;
+    }
+    // The fault stands after each unexpected end, also after a good one.
+    if (!service.lastExit) {
+        const auto faults = FaultsOf(snapshot, service);
+        return std::any_of(faults.begin(), faults.end(),
+                           [](const Fault* fault) { return fault->event == EVENT_START_FAILED; });
+    }
+    const bool hasGivenUp = service.kind == "service" && service.policy == "on-failure";
+    return !service.lastExit->isExpected && (service.lastExit->status != 0 || hasGivenUp);
+}
+
+// A service without a process that will stay so.
+Health HealthAtRest(const Snapshot& snapshot, const Service& service) {
+    if (HasFailed(snapshot, service)) {
         return Health::FAILED;
     }
-    if (!service.isSettled) {
-        return Health::WAITING;
+    if (service.state != "INITSTATE") {
+        return Health::STOPPED;
     }
-    return service.state == "INITSTATE" ? Health::NOT_STARTED : Health::STOPPED;
+    // Applications are started when their owners want that.
+    const bool isOnPurpose = service.kind == "application" || service.why == EXCLUDED ||
+                             snapshot.daemon.phase == "stopping";
+    return isOnPurpose ? Health::NOT_STARTED : Health::BLOCKED;
 }
 
 // The last change into the state that the service has.
 int64_t LastChangeNs(const Snapshot& snapshot, const Service& service) {
     const auto found =
         std::find_if(snapshot.events.rbegin(), snapshot.events.rend(), [&](const Event& event) {
-            return event.name == service.name && event.kind == service.kind &&
-                   event.to == service.state;
+            return event.kind == service.kind && event.to == service.state &&
+                   IsNameInEvent(event.name, service.name);
         });
     return found == snapshot.events.rend() ? 0 : found->atNs;
 }
@@ -60,18 +93,27 @@ Ink HealthInk(Health health) {
     return ROWS[static_cast<size_t>(health)].ink;
 }
 
+// The state follows the end of a process a moment later.
 Health HealthOf(const Snapshot& snapshot, const Service& service) {
-    if (service.state == "RESTARTING") {
-        return Health::STARTING;
+    if (service.pid > 0) {
+        return HealthWithProcess(snapshot, service);
     }
-    // The state follows the end of a process a moment later.
-    if (service.pid == 0) {
-        return HealthWithoutProcess(snapshot, service);
+    return service.isSettled ? HealthAtRest(snapshot, service) : HealthInTransit(service);
+}
+
+bool IsRunning(Health health) {
+    return health == Health::RUNNING || health == Health::FAULTY;
+}
+
+std::string RemarkOf(const Snapshot& snapshot, const Service& service) {
+    std::string remark = service.why;
+    for (const Fault* fault : FaultsOf(snapshot, service)) {
+        // The reason says more than the fault of a failed start.
+        if (fault->event != EVENT_START_FAILED || service.why.empty()) {
+            remark += (remark.empty() ? "" : "; ") + fault->text;
+        }
     }
-    if (service.state == "RUNNING") {
-        return Health::RUNNING;
-    }
-    return service.state == "TERMINATING" ? Health::STOPPING : Health::STARTING;
+    return remark;
 }
 
 std::array<size_t, HEALTHS> CountHealths(const Snapshot& snapshot) {
@@ -97,6 +139,9 @@ std::string HealthSummary(const Snapshot& snapshot) {
 
 int64_t SinceNs(const Snapshot& snapshot, const Service& service) {
     const ServiceTimes& times = service.times;
+    if (times.changedNs > 0) {
+        return times.changedNs;
+    }
     if (service.state == "RUNNING" && times.runningNs > 0) {
         return times.runningNs;
     }

@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "pmctl/faults.h"
+#include "pmctl/health.h"
 #include "pmctl/units.h"
 
 namespace ProcMgr::Pmctl {
@@ -27,12 +29,64 @@ Json ProcessesOf(const std::vector<Process>& processes) {
     return list;
 }
 
+int64_t WallNs(const Clocks& clock, int64_t atNs) {
+    return clock.realtimeNs - (clock.monotonicNs - atNs);
+}
+
 Json ObjectOf(const Clocks& clock, const Event& event) {
-    const int64_t wall = clock.realtimeNs - (clock.monotonicNs - event.atNs);
-    return {{"number", event.number}, {"at_ns", event.atNs}, {"realtime_ns", wall},
-            {"kind", event.kind},     {"name", event.name},  {"pid", event.pid},
-            {"from", event.from},     {"to", event.to},      {"cause", event.cause},
-            {"detail", event.detail}};
+    return {
+        {"number", event.number}, {"at_ns", event.atNs}, {"realtime_ns", WallNs(clock, event.atNs)},
+        {"kind", event.kind},     {"name", event.name},  {"pid", event.pid},
+        {"from", event.from},     {"to", event.to},      {"cause", event.cause},
+        {"detail", event.detail}};
+}
+
+Json ObjectOf(const Clocks& clock, const LastExit& lastExit) {
+    return {{"pid", lastExit.pid},
+            {"status", lastExit.status},
+            {"expected", lastExit.isExpected},
+            {"at_ns", lastExit.atNs},
+            {"realtime_ns", WallNs(clock, lastExit.atNs)}};
+}
+
+Json FaultsJson(const Snapshot& snapshot, const Service& service) {
+    Json list = Json::array();
+    for (const Fault* fault : FaultsOf(snapshot, service)) {
+        list.push_back({{"node", fault->node}, {"event", fault->event}, {"text", fault->text}});
+    }
+    return list;
+}
+
+Json BlockersJson(const std::vector<Blocker>& blockers) {
+    Json list = Json::array();
+    for (const Blocker& blocker : blockers) {
+        list.push_back(
+            {{"name", blocker.name}, {"reason", blocker.reason}, {"root", blocker.isRoot}});
+    }
+    return list;
+}
+
+Json ObjectOf(const Snapshot& snapshot, const WhyEntry& entry) {
+    const Service& service = entry.service;
+    const Clocks& clock = snapshot.clock;
+    const int64_t since = SinceNs(snapshot, service);
+    return {{"name", service.name},
+            {"kind", service.kind},
+            {"state", service.state},
+            {"health", std::string(HealthName(HealthOf(snapshot, service)))},
+            {"since_ns", since == 0 ? Json() : Json(since)},
+            {"since_realtime_ns", since == 0 ? Json() : Json(WallNs(clock, since))},
+            {"pid", service.pid},
+            {"starts", service.starts},
+            {"restarts_in_last_minute", service.restartsInLastMinute},
+            {"last_exit", service.lastExit ? Json(service.lastExit->text) : Json()},
+            {"last_exit_details", service.lastExit ? ObjectOf(clock, *service.lastExit) : Json()},
+            {"faults", FaultsJson(snapshot, service)},
+            {"why", service.why},
+            {"next", service.next},
+            {"held_back_by", BlockersJson(entry.blockers)},
+            {"output", service.output},
+            {"output_tail", service.outputTail}};
 }
 
 Json Milliseconds(int64_t ns) {
@@ -66,23 +120,31 @@ std::string EventsJson(const Clocks& clock, const std::vector<Event>& events) {
     return TextOf({{"version", VERSION}, {"events", list}});
 }
 
-std::string WhyJson(const Service& service, const std::vector<Blocker>& blockers) {
-    Json list = Json::array();
-    for (const Blocker& blocker : blockers) {
-        list.push_back(
-            {{"name", blocker.name}, {"reason", blocker.reason}, {"root", blocker.isRoot}});
+std::string MissedJson(int64_t count) {
+    return TextOf({{"missed", count}});
+}
+
+std::string NewDaemonJson(int64_t pid) {
+    return TextOf({{"daemon_pid", pid}});
+}
+
+std::string WhyJson(const Snapshot& snapshot, const std::vector<WhyEntry>& entries) {
+    Json document = Json::object();
+    document["version"] = VERSION;
+    Json also = Json::array();
+    for (const WhyEntry& entry : entries) {
+        if (&entry == &entries.front()) {
+            document.update(ObjectOf(snapshot, entry));
+        } else {
+            also.push_back(ObjectOf(snapshot, entry));
+        }
     }
-    return TextOf({{"version", VERSION},
-                   {"name", service.name},
-                   {"kind", service.kind},
-                   {"state", service.state},
-                   {"pid", service.pid},
-                   {"starts", service.starts},
-                   {"last_exit", service.lastExit ? Json(service.lastExit->text) : Json()},
-                   {"why", service.why},
-                   {"next", service.next},
-                   {"held_back_by", list},
-                   {"output_tail", service.outputTail}});
+    document["also"] = also;
+    return TextOf(document);
+}
+
+std::string ErrorJson(const std::string& text) {
+    return TextOf({{"version", VERSION}, {"error", text}});
 }
 
 std::string BootJson(const BootModel& model) {

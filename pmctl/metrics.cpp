@@ -118,7 +118,7 @@ void WriteDaemon(const Snapshot& snapshot, Metrics& metrics) {
     metrics.Add({}, static_cast<double>(daemon.rssKib) * KIB);
     metrics.Begin("threads", "gauge", "", "Threads of the daemon");
     metrics.Add({}, static_cast<double>(daemon.threads));
-    metrics.Begin("log_lines_dropped", "counter", "", "Log lines of the daemon that were dropped");
+    metrics.Begin("log_lines_dropped", "counter", "", "Dropped log lines of the daemon");
     metrics.Add({}, static_cast<double>(daemon.logLinesDropped));
 }
 
@@ -188,20 +188,25 @@ void WriteServices(const Snapshot& snapshot, Metrics& metrics) {
     }
 }
 
+void WritePipeFamily(const Snapshot& snapshot, const char* name, const char* help,
+                     int64_t Pipe::*value, Metrics& metrics) {
+    metrics.Begin(name, "gauge", "", help);
+    for (const Pipe& pipe : snapshot.pipes) {
+        metrics.Add({{"owner", pipe.owner}}, static_cast<double>(pipe.*value));
+    }
+}
+
 void WritePipesAndFaults(const Snapshot& snapshot, Metrics& metrics) {
     metrics.Begin("pipe_open", "gauge", "", "Whether the pipe of the owner is open");
     for (const Pipe& pipe : snapshot.pipes) {
         metrics.Add({{"owner", pipe.owner}}, pipe.isOpen ? 1 : 0);
     }
-    metrics.Begin("pipe_queued", "gauge", "", "Reports and states that wait for the owner");
-    for (const Pipe& pipe : snapshot.pipes) {
-        metrics.Add({{"owner", pipe.owner}}, static_cast<double>(pipe.queuedReports) +
-                                                 static_cast<double>(pipe.queuedStates));
-    }
-    metrics.Begin("pipe_missed", "gauge", "", "Reports that the owner has missed");
-    for (const Pipe& pipe : snapshot.pipes) {
-        metrics.Add({{"owner", pipe.owner}}, static_cast<double>(pipe.missed));
-    }
+    WritePipeFamily(snapshot, "pipe_queued_reports", "Reports that wait for the owner",
+                    &Pipe::queuedReports, metrics);
+    WritePipeFamily(snapshot, "pipe_queued_states", "States and answers in these reports",
+                    &Pipe::queuedStates, metrics);
+    WritePipeFamily(snapshot, "pipe_missed", "Applications whose last state the owner has missed",
+                    &Pipe::missed, metrics);
     metrics.Begin("fault", "gauge", "", "Faults that are raised");
     for (const Fault& fault : snapshot.faults) {
         metrics.Add(

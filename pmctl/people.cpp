@@ -104,8 +104,12 @@ std::string FormatShort(double ns) {
     return FormatLong(std::llround(ns / NS_PER_S), false);
 }
 
+std::string FormatAge(const Clocks& clock, int64_t atNs) {
+    return FormatShort(static_cast<double>(clock.monotonicNs - atNs));
+}
+
 std::string FormatAgo(const Clocks& clock, int64_t atNs) {
-    return FormatShort(static_cast<double>(clock.monotonicNs - atNs)) + " ago";
+    return FormatAge(clock, atNs) + " ago";
 }
 
 std::string FormatWall(const Clocks& clock, int64_t atNs) {

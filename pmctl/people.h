@@ -17,7 +17,8 @@ std::string FormatKib(double kib);
 std::string FormatDuration(double ns);
 // The duration with one unit: "3 min", "2 h".
 std::string FormatShort(double ns);
-// "2 h ago", of a moment before the document was made.
+// "2 h", "2 h ago", of a moment before the document was made.
+std::string FormatAge(const Clocks& clock, int64_t atNs);
 std::string FormatAgo(const Clocks& clock, int64_t atNs);
 // "2026-11-22 11:37:13.123" in the local time zone.
 std::string FormatWall(const Clocks& clock, int64_t atNs);

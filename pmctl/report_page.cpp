@@ -5,6 +5,7 @@
 #include "pmctl/health.h"
 #include "pmctl/html_table.h"
 #include "pmctl/people.h"
+#include "pmctl/status_head.h"
 #include "pmctl/svg.h"
 #include "pmctl/units.h"
 
@@ -59,6 +60,11 @@ std::string Head(const Snapshot& snapshot) {
            "</p></header>\n";
 }
 
+std::string ConfigError(const Snapshot& snapshot) {
+    const std::string text = ConfigErrorText(snapshot.daemon);
+    return text.empty() ? "" : "<p class=\"alarm\">" + EscapeXml(text) + "</p>\n";
+}
+
 std::string Picture(const std::string& title, const std::string& svg) {
     return "<section><h2>" + EscapeXml(title) + "</h2><div class=\"wide\">\n" + svg +
            "</div></section>\n";
@@ -68,11 +74,11 @@ Graph MakeGraph(const Snapshot& snapshot) {
     Graph graph;
     graph.title = "Dependencies";
     for (const Service& service : snapshot.services) {
-        const bool hasFailed = HealthOf(snapshot, service) == Health::FAILED;
+        const bool isBad = HealthInk(HealthOf(snapshot, service)) == Ink::BAD;
         graph.nodes.push_back({.name = service.name,
                                .depends = service.depends,
-                               .state = hasFailed ? "error" : service.state,
-                               .note = service.why});
+                               .state = isBad ? "error" : service.state,
+                               .note = RemarkOf(snapshot, service)});
     }
     return graph;
 }
@@ -91,7 +97,7 @@ std::string MakeReport(const Snapshot& snapshot) {
         "<title>process-manager report</title>\n<style>";
     page += REPORT_STYLE;
     page += "</style>\n</head>\n<body>\n" + Head(snapshot) + "<main>\n";
-    page += Tiles(snapshot, boot);
+    page += ConfigError(snapshot) + Tiles(snapshot, boot);
     page += ReportFaults(snapshot);
     page += ReportServices(snapshot);
     if (!boot.entries.empty()) {

@@ -22,6 +22,7 @@ p.meta{margin:4px 0 0;color:var(--quiet);overflow-wrap:anywhere}
 .tile span{color:var(--quiet)}
 .tile.good b{color:var(--good)}.tile.bad b{color:var(--bad)}.tile.busy b{color:var(--busy)}
 section,details{margin-bottom:16px;overflow:hidden}
+p.alarm{margin:0 0 16px;padding:10px 14px;border-radius:8px;background:var(--bad-back);color:var(--bad);font-weight:600;overflow-wrap:anywhere}
 section>h2{display:block;padding:12px 16px}
 summary{padding:12px 16px;cursor:pointer}
 summary::marker{color:var(--quiet)}

@@ -22,7 +22,9 @@ std::string Badge(std::string_view text, Ink ink) {
 // Where a service stands in the table: what needs attention is at the top, what runs at the bottom.
 int PlaceOf(Health health) {
     switch (health) {
+        case Health::FAULTY:
         case Health::FAILED:
+        case Health::BLOCKED:
             return 0;
         case Health::NOT_STARTED:
             return 2;
@@ -52,13 +54,14 @@ std::vector<ServiceRow> SortedRows(const Snapshot& snapshot) {
 }
 
 std::string NameHtml(const Service& service) {
-    const std::string owner =
-        service.kind == "application" ? "application of " + service.owner : "";
-    return EscapeXml(service.name) +
-           (owner.empty() ? "" : "<small>" + EscapeXml(owner) + "</small>");
+    if (service.kind != "application") {
+        return EscapeXml(service.name);
+    }
+    const std::string owner = service.owner.empty() ? "" : " of " + service.owner;
+    return EscapeXml(service.name) + "<small>application" + EscapeXml(owner) + "</small>";
 }
 
-// Why it does not run and what comes next; what runs says only what is remarkable.
+// Why it does not run, or its fault, and what comes next; what runs says only what is remarkable.
 std::string RemarkHtml(const Snapshot& snapshot, const ServiceRow& row) {
     const Service& service = *row.service;
     const std::string lastExit =
@@ -66,7 +69,8 @@ std::string RemarkHtml(const Snapshot& snapshot, const ServiceRow& row) {
     if (row.health == Health::RUNNING) {
         return EscapeXml(lastExit);
     }
-    std::string html = EscapeXml(service.why.empty() ? lastExit : service.why);
+    const std::string remark = RemarkOf(snapshot, service);
+    std::string html = EscapeXml(remark.empty() ? lastExit : remark);
     if (!service.next.empty()) {
         html += "<div class=\"next\">next: " + EscapeXml(service.next) + "</div>";
     }
@@ -176,7 +180,7 @@ std::string ReportCounters(const Snapshot& snapshot) {
         table.Add(field.meaning);
         table.Add(std::to_string(snapshot.counters.*field.value));
     }
-    table.Add("Log lines of the daemon that were dropped");
+    table.Add("Dropped log lines of the daemon");
     table.Add(std::to_string(snapshot.daemon.logLinesDropped));
     return FoldedTable("Counters", COUNTER_FIELDS.size() + 1, table);
 }

@@ -31,9 +31,11 @@ struct DaemonStatus {
     std::string version;
     int64_t pid = 0;
     std::string config;
+    std::string configError;  // why the base file was refused; empty when it was not
     bool isQuickStart = false;
     std::string phase;
     std::vector<Phase> phases;  // those entered, in order
+    int64_t uptimeMs = 0;       // 0: the daemon does not say
     int64_t cpuMs = 0;
     int64_t rssKib = 0;
     int64_t threads = 0;
@@ -56,20 +58,23 @@ struct Counters {
 struct CounterField {
     const char* key;
     const char* meaning;
+    const char* noun;  // of one, its plural ends with "s"
     int64_t Counters::*value;
 };
 inline constexpr std::array COUNTER_FIELDS = {
-    CounterField{"starts", "Processes started", &Counters::starts},
-    CounterField{"start_failures", "Starts that failed", &Counters::startFailures},
-    CounterField{"exits", "Exits of managed processes", &Counters::exits},
-    CounterField{"unknown_exits", "Exits of processes without a record", &Counters::unknownExits},
-    CounterField{"state_changes", "Changes of states", &Counters::stateChanges},
-    CounterField{"status_requests", "Requests for the status", &Counters::statusRequests},
+    CounterField{"starts", "Processes started", "start", &Counters::starts},
+    CounterField{"start_failures", "Starts that failed", "failed start", &Counters::startFailures},
+    CounterField{"exits", "Exits of managed processes", "exit", &Counters::exits},
+    CounterField{"unknown_exits", "Exits of processes without a record", "unknown exit",
+                 &Counters::unknownExits},
+    CounterField{"state_changes", "State changes", "state change", &Counters::stateChanges},
+    CounterField{"status_requests", "Requests for the status", "status request",
+                 &Counters::statusRequests},
     CounterField{"status_clients_refused", "Clients of the status socket that were refused",
-                 &Counters::statusClientsRefused},
+                 "refused client", &Counters::statusClientsRefused},
     CounterField{"status_clients_dropped", "Clients of the status socket that were too slow",
-                 &Counters::statusClientsDropped},
-    CounterField{"output_lines_dropped", "Lines of output of services that were dropped",
+                 "dropped client", &Counters::statusClientsDropped},
+    CounterField{"output_lines_dropped", "Dropped output lines of services", "dropped output line",
                  &Counters::outputLinesDropped},
 };
 
@@ -87,6 +92,7 @@ struct ServiceTimes {
     int64_t runningNs = 0;
     int64_t readyNs = 0;
     int64_t endedNs = 0;
+    int64_t changedNs = 0;  // the last change of state
 };
 
 // The first start of a service of the base file.

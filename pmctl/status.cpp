@@ -5,6 +5,7 @@
 #include "pmctl/find_name.h"
 #include "pmctl/health.h"
 #include "pmctl/online.h"
+#include "pmctl/status_head.h"
 #include "pmctl/status_view.h"
 #include "pmctl/status_watch.h"
 #include "pmctl/terminal.h"
@@ -13,12 +14,13 @@ namespace ProcMgr::Pmctl {
 namespace {
 
 void PrintAll(const Context& context, const Snapshot& snapshot) {
-    const StatusText text =
-        FormatStatus(snapshot, AllOf(snapshot), TerminalColumns(), context.hasColours);
-    for (const auto* lines : {&text.head, &text.rows}) {
-        for (const std::string& line : *lines) {
-            context.out << line << '\n';
-        }
+    const size_t width = TerminalColumns();
+    for (const std::string& line : FormatHead(snapshot, width, context.hasColours)) {
+        context.out << line << '\n';
+    }
+    for (const std::string& line :
+         FormatRows(snapshot, AllOf(snapshot), width, context.hasColours)) {
+        context.out << line << '\n';
     }
 }
 
@@ -27,7 +29,7 @@ void ShowOne(Context& context, const std::string& name) {
     const Answer answer = AskStatus(context, name);
     context.exitCode = EXIT_NO;
     for (const Service* service : FindNamed(answer.snapshot, name)) {
-        if (HealthOf(answer.snapshot, *service) == Health::RUNNING) {
+        if (IsRunning(HealthOf(answer.snapshot, *service))) {
             context.exitCode = EXIT_OK;
         }
         if (!context.isJson) {
@@ -53,7 +55,6 @@ void ShowAll(const Context& context) {
 
 void ShowStatus(Context& context, const StatusOptions& options) {
     if (options.isWatch) {
-        RefuseJson(context, "status --watch");
         WatchStatus(context);
     } else if (options.name) {
         ShowOne(context, *options.name);

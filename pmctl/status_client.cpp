@@ -53,7 +53,7 @@ Connection::Connection(const std::string& path) : path_(path) {
         throw CommandError(EXIT_NO_ANSWER, std::string("cannot make a socket: ") + strerror(errno));
     }
     if (path.empty() || path.size() >= sizeof(sockaddr_un::sun_path)) {
-        throw CommandError(EXIT_USAGE, "no path of a socket: '" + path + "'");
+        throw CommandError(EXIT_USAGE, "not a usable socket path: '" + path + "'");
     }
     Connect();
 }

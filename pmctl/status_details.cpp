@@ -1,4 +1,5 @@
 // All about one service, for `pmctl status NAME`.
+#include "pmctl/faults.h"
 #include "pmctl/health.h"
 #include "pmctl/people.h"
 #include "pmctl/status_view.h"
@@ -42,7 +43,11 @@ std::string Moment(const Clocks& clock, int64_t atNs) {
 
 std::string StateText(const Snapshot& snapshot, const Service& service) {
     const int64_t since = SinceNs(snapshot, service);
-    return service.state + (since == 0 ? "" : ", since " + Moment(snapshot.clock, since));
+    if (since == 0) {
+        return service.state;
+    }
+    return service.state + " for " + FormatAge(snapshot.clock, since) + " (since " +
+           FormatWall(snapshot.clock, since) + ')';
 }
 
 std::string ProcessText(const Service& service) {
@@ -54,13 +59,11 @@ std::string ProcessText(const Service& service) {
            FormatDuration(static_cast<double>(service.cpuMs) * NS_PER_MS) + " of CPU time";
 }
 
-std::string PolicyText(const Service& service) {
-    std::string text = service.policy.empty() ? "" : service.policy + ", ";
-    text += "priority " + std::to_string(service.priority);
-    if (service.isReporting) {
-        text += service.isReady ? ", has reported that it is ready" : ", reports when it is ready";
+std::string ReadinessText(const Service& service) {
+    if (!service.isReporting) {
+        return "";
     }
-    return text + (service.hasHeartbeat ? ", heartbeat watched" : "");
+    return service.isReady ? "has reported that it is ready" : "reports when it is ready";
 }
 
 std::string StartsText(const Service& service) {
@@ -75,14 +78,14 @@ std::string BootText(const Service& service) {
         return "";
     }
     const BootTimes& boot = *service.boot;
-    std::string text = "waited " +
-                       FormatDuration(static_cast<double>(boot.startedNs - boot.waitingNs)) +
-                       ", then ";
+    const std::string waited =
+        "waited " + FormatDuration(static_cast<double>(boot.startedNs - boot.waitingNs));
     if (boot.runningNs == 0) {
-        return text + "did not come to run";
+        const bool isStillStarting = service.starts == 1 && service.pid > 0;
+        return waited + (isStillStarting ? ", does not run yet" : ", never ran");
     }
-    return text + "ran after " +
-           FormatDuration(static_cast<double>(boot.runningNs - boot.startedNs));
+    return waited + ", took " +
+           FormatDuration(static_cast<double>(boot.runningNs - boot.startedNs)) + " to run";
 }
 
 std::string GroupsText(const Service& service) {
@@ -105,6 +108,9 @@ std::string CoresText(const Service& service) {
 void AddSupervision(const Snapshot& snapshot, const Service& service, Details& details) {
     details.Add("state", StateText(snapshot, service));
     details.Add("why", service.why);
+    for (const Fault* fault : FaultsOf(snapshot, service)) {
+        details.Add("fault", DescribeFault(*fault));
+    }
     details.Add("next", service.next);
     details.Add("process", ProcessText(service));
     details.Add("starts", StartsText(service));
@@ -118,7 +124,10 @@ void AddSettings(const Service& service, Details& details) {
     details.Add("program", service.exec);
     details.Add("user",
                 "uid " + std::to_string(service.uid) + ", gid " + std::to_string(service.gid));
-    details.Add("restart", PolicyText(service));
+    details.Add("restart", service.policy);
+    details.Add("priority", service.priority >= 0 ? std::to_string(service.priority) : "");
+    details.Add("readiness", ReadinessText(service));
+    details.Add("heartbeat", service.hasHeartbeat ? "is watched" : "");
     details.Add("depends on", Joined(service.depends));
     details.Add("groups", GroupsText(service));
     details.Add("cores", CoresText(service));

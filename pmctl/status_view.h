@@ -1,4 +1,4 @@
-// The status of the daemon and its services as text for people.
+// The status of the services as text for people.
 #pragma once
 
 #include <cstddef>
@@ -13,14 +13,10 @@ namespace ProcMgr::Pmctl {
 // Whether the row of a service is marked.
 using IsMarked = std::function<bool(const Service&)>;
 
-struct StatusText {
-    std::vector<std::string> head;  // the daemon, and how many services run
-    std::vector<std::string> rows;  // the heading of the table, then a line for each of `shown`
-};
-
-// Lines of at most `width` columns.
-StatusText FormatStatus(const Snapshot& snapshot, const std::vector<const Service*>& shown,
-                        size_t width, bool hasColours, const IsMarked& isMarked = {});
+// The heading of the table, then a line for each of `shown`: of at most `width` columns.
+std::vector<std::string> FormatRows(const Snapshot& snapshot,
+                                    const std::vector<const Service*>& shown, size_t width,
+                                    bool hasColours, const IsMarked& isMarked = {});
 
 // All services and applications in the order of the document.
 std::vector<const Service*> AllOf(const Snapshot& snapshot);

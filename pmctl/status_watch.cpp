@@ -12,8 +12,10 @@
 
 #include "pmctl/ask.h"
 #include "pmctl/health.h"
+#include "pmctl/json_output.h"
 #include "pmctl/people.h"
 #include "pmctl/screen.h"
+#include "pmctl/status_head.h"
 #include "pmctl/status_view.h"
 #include "pmctl/terminal.h"
 
@@ -83,18 +85,20 @@ std::vector<const Service*> Chosen(const Snapshot& snapshot, const Changes& chan
 
 std::vector<std::string> FormatFrame(const Context& context, const Snapshot& snapshot,
                                      const Changes& changes, size_t rowsMax) {
-    constexpr size_t FRAME = 6;  // the head, the time, an empty line, the heading, what is left out
-    const size_t room = rowsMax > FRAME ? rowsMax - FRAME : 1;
-    const auto shown = Chosen(snapshot, changes, room);
+    const size_t width = TerminalColumns();
+    std::vector<std::string> lines = FormatHead(snapshot, width, context.hasColours);
+    lines.resize(std::min(lines.size(), std::max<size_t>(rowsMax / 3, 1)));
+    const size_t frame =
+        lines.size() + 4;  // the time, an empty line, the heading, what is left out
+    const auto shown = Chosen(snapshot, changes, rowsMax > frame ? rowsMax - frame : 1);
     const size_t left = AllOf(snapshot).size() - shown.size();
-    const StatusText text =
-        FormatStatus(snapshot, shown, TerminalColumns(), context.hasColours,
-                     [&changes](const Service& service) { return changes.IsMarked(service); });
-    std::vector<std::string> lines = text.head;
     lines.push_back(FormatWall(snapshot.clock, snapshot.clock.monotonicNs) +
                     "; * has changed in the last 5 s");
     lines.emplace_back();
-    lines.insert(lines.end(), text.rows.begin(), text.rows.end());
+    const auto rows =
+        FormatRows(snapshot, shown, width, context.hasColours,
+                   [&changes](const Service& service) { return changes.IsMarked(service); });
+    lines.insert(lines.end(), rows.begin(), rows.end());
     if (left > 0) {
         lines.push_back("and " + std::to_string(left) + " more");
     }
@@ -112,9 +116,27 @@ std::vector<std::string> NextFrame(const Context& context, Changes& changes, siz
     }
 }
 
+void WatchDocuments(const Context& context) {
+    std::string document = AskStatus(context).text;
+    while (context.out.good()) {
+        PrintDocument(context, document);
+        context.out.flush();
+        std::this_thread::sleep_for(PERIOD);
+        try {
+            document = AskStatus(context).text;
+        } catch (const CommandError& error) {
+            document = ErrorJson(error.what());
+        }
+    }
+}
+
 }  // namespace
 
 void WatchStatus(const Context& context) {
+    if (context.isJson) {
+        WatchDocuments(context);
+        return;
+    }
     Changes changes;
     changes.Update(AskStatus(context).snapshot);
     const bool isTerminal = isatty(STDOUT_FILENO) == 1;

@@ -56,9 +56,9 @@ std::string ServiceLabel(const Context& context, const Snapshot& snapshot, const
     if (health == Health::RUNNING) {
         return label;
     }
-    const std::string why = service.why.empty() ? "" : ", " + service.why;
-    return label + ": " +
-           Painted(context.hasColours, HealthInk(health), Printable(service.state + why));
+    const std::string remark = RemarkOf(snapshot, service);
+    const std::string text = service.state + (remark.empty() ? "" : ", " + remark);
+    return label + ": " + Painted(context.hasColours, HealthInk(health), Printable(text));
 }
 
 void PrintTree(const Context& context, const Snapshot& snapshot,

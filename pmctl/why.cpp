@@ -2,17 +2,30 @@
 #include <ostream>
 
 #include "pmctl/ask.h"
+#include "pmctl/faults.h"
 #include "pmctl/find_name.h"
 #include "pmctl/health.h"
 #include "pmctl/json_output.h"
 #include "pmctl/online.h"
 #include "pmctl/people.h"
 #include "pmctl/reasons.h"
+#include "pmctl/status_client.h"
 #include "pmctl/status_view.h"
 #include "pmctl/terminal.h"
 
 namespace ProcMgr::Pmctl {
 namespace {
+
+// The output of a process that has ended unexpectedly, or of one that does not run, tells why.
+// Before the first start there is none.
+bool IsOutputWanted(const Service& service) {
+    const bool hasDied = service.lastExit && !service.lastExit->isExpected;
+    return service.starts > 0 && (hasDied || service.state != "RUNNING" || service.hasFailedStart);
+}
+
+bool IsOutputKept(const Service& service) {
+    return service.output != "inherit" && service.output != "null";
+}
 
 // Writes sentences that fit the width of the terminal.
 class Sentences {
@@ -30,19 +43,19 @@ private:
 };
 
 std::string WhatItIs(const Service& service) {
-    const bool isApplication = service.kind == "application";
+    const std::string owner = service.owner.empty() ? "" : " of " + service.owner;
     return service.name + " is " +
-           (isApplication ? "an application of " + service.owner : "a service") + ": " +
+           (service.kind == "application" ? "an application" + owner : "a service") + ": " +
            service.exec + (service.policy.empty() ? "" : ", restart policy " + service.policy) +
            '.';
 }
 
 std::string WhatItDoes(const Snapshot& snapshot, const Service& service) {
-    std::string text = "It is " + service.state;
     const int64_t since = SinceNs(snapshot, service);
+    std::string text = "It is " + service.state;
     if (since > 0) {
-        text +=
-            " since " + FormatWall(snapshot.clock, since) + ", " + FormatAgo(snapshot.clock, since);
+        text = "It has been " + service.state + " since " + FormatWall(snapshot.clock, since) +
+               " (" + FormatAge(snapshot.clock, since) + ')';
     }
     if (service.pid > 0) {
         text += ", process " + std::to_string(service.pid);
@@ -55,7 +68,10 @@ std::string HowOften(const Service& service) {
         return "It has never been started.";
     }
     const int64_t recent = service.restartsInLastMinute;
-    return "It has been started " + Counted(service.starts, "time") +
+    return "It has been started " +
+           (service.starts == 1   ? "once"
+            : service.starts == 2 ? "twice"
+                                  : Counted(service.starts, "time")) +
            (recent > 0 ? ", with " + Counted(recent, "restart") + " in the last minute." : ".");
 }
 
@@ -70,29 +86,40 @@ void SayBlockers(const Sentences& sentences, const std::vector<Blocker>& blocker
     }
 }
 
-void Explain(const Context& context, const Snapshot& snapshot, const Service& service,
-             const std::vector<Blocker>& blockers) {
+void SayTail(const Context& context, const Sentences& sentences, const Service& service) {
+    if (!service.outputTail.empty()) {
+        sentences.Say("The last lines of its output:");
+        context.out << FormatTail(service);
+    } else if (IsOutputWanted(service) && !IsOutputKept(service)) {
+        sentences.Say("Its output is not kept (output: " + service.output + ").");
+    }
+}
+
+void Explain(const Context& context, const Snapshot& snapshot, const WhyEntry& entry) {
     const Sentences sentences(context);
+    const Service& service = entry.service;
     sentences.Say(WhatItIs(service));
     sentences.Say(WhatItDoes(snapshot, service));
+    for (const Fault* fault : FaultsOf(snapshot, service)) {
+        sentences.Say("A fault stands: " + DescribeFault(*fault) + '.');
+    }
     if (service.lastExit) {
         sentences.Say("Last exit: " + FormatExit(snapshot.clock, *service.lastExit) + '.');
     }
     sentences.Say(HowOften(service));
     sentences.Say("Next: " + service.next + '.');
-    SayBlockers(sentences, blockers);
-    if (!service.outputTail.empty()) {
-        sentences.Say("The last lines of its output:");
-        context.out << FormatTail(service);
-    }
+    SayBlockers(sentences, entry.blockers);
+    SayTail(context, sentences, service);
 }
 
-// The output comes only with the answer for one name.
-void AddTail(const Context& context, Service& service) {
-    const Snapshot one = AskStatus(context, service.name).snapshot;
-    for (const Service* found : FindNamed(one, service.name)) {
-        if (found->kind == service.kind) {
-            service.outputTail = found->outputTail;
+// The output comes only with the answer for one name. An application may be gone by then.
+void AddTails(const Context& context, const std::string& name, std::vector<WhyEntry>& entries) {
+    const Snapshot one = ParseSnapshot(AskDaemon(context.statusSocket, StatusRequest(name)));
+    for (const Service* found : FindNamed(one, name)) {
+        for (WhyEntry& entry : entries) {
+            if (found->kind == entry.service.kind && IsOutputWanted(entry.service)) {
+                entry.service.outputTail = found->outputTail;
+            }
         }
     }
 }
@@ -101,21 +128,24 @@ void AddTail(const Context& context, Service& service) {
 
 void ExplainService(const Context& context, const std::string& name) {
     const Snapshot snapshot = AskStatus(context).snapshot;
-    const auto found = FindNamed(snapshot, name);
-    if (found.empty()) {
+    std::vector<WhyEntry> entries;
+    bool isTailWanted = false;
+    for (const Service* found : FindNamed(snapshot, name)) {
+        entries.push_back({*found, FindBlockers(snapshot, *found)});
+        isTailWanted = isTailWanted || (IsOutputWanted(*found) && IsOutputKept(*found));
+    }
+    if (entries.empty()) {
         FailUnknown(snapshot, name);
     }
-    for (const Service* known : found) {
-        Service service = *known;
-        if (HealthOf(snapshot, service) == Health::FAILED) {
-            AddTail(context, service);
-        }
-        const std::vector<Blocker> blockers = FindBlockers(snapshot, service);
-        if (context.isJson) {
-            PrintDocument(context, WhyJson(service, blockers));
-        } else {
-            Explain(context, snapshot, service, blockers);
-        }
+    if (isTailWanted) {
+        AddTails(context, name, entries);
+    }
+    if (context.isJson) {
+        PrintDocument(context, WhyJson(snapshot, entries));
+        return;
+    }
+    for (const WhyEntry& entry : entries) {
+        Explain(context, snapshot, entry);
     }
 }
 

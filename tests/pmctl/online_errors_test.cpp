@@ -34,7 +34,14 @@ TEST_F(OnlineErrors, SocketIsMissingOrDead) {
            "{enable: true} in /etc/vela/base-plat/process-manager/procmgr_cfg.yaml and restart it");
     WriteFile(Socket(), "");
     Expect(3, "the daemon does not answer on " + Socket() + ": is it running?");
-    EXPECT_EQ(Run({"--socket", std::string(200, 'x'), "status"}).code, 2);
+    const std::string path(200, 'x');
+    const std::string error = directory_ / "error";
+    Child child([&] {
+        dup2(open(error.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC), STDERR_FILENO);
+        return ExecutePmctl(path, {"status"});
+    });
+    EXPECT_EQ(child.ExitCode(), 2);
+    EXPECT_EQ(ReadFile(error), "pmctl: not a usable socket path: '" + path + "'\n");
 }
 
 TEST_F(OnlineErrors, PermissionNamesTheGroup) {
@@ -88,7 +95,7 @@ TEST_F(OnlineErrors, AnswerIsNotUnderstood) {
     ExpectOf("hello\n", 5,
              "the daemon's answer is no JSON: does the socket belong to another program?");
     ExpectOf(std::string(100000, '[') + "\n", 5, "the daemon's answer is nested too deeply");
-    ExpectOf("[]\n", 5, "the field (all) of the daemon's answer is not an object");
+    ExpectOf("[]\n", 5, "the daemon's answer is not a JSON object");
 }
 
 TEST_F(OnlineErrors, FieldsAreNamed) {

@@ -49,25 +49,51 @@ TEST_F(OnlineLive, TreeShowsTheProcessesBelowAService) {
 }
 
 TEST_F(OnlineLive, FollowTellsOfSkippedEventsAndOfAnotherDaemon) {
-    std::atomic<int> step{0};
-    Serve([&](const std::string& request) {
-        if (step == 2) {
-            return document_.With("\"pid\":5000000,", "\"pid\":5999999,");
+    struct {
+        bool isJson;
+        std::string first, missed, renewed;
+    } const cases[] = {
+        {false, "    45  2026-11-22 11:37:13.023  x\\x1b[2J\\x0ay",
+         "-- 4 events were missed\n    50  ",
+         "-- process-manager has been restarted, pid 5999999\n-- 40 events were missed\n    41  "},
+        {true, "{\"number\":45,", "{\"missed\":4}\n{\"number\":50,",
+         "{\"daemon_pid\":5999999}\n{\"missed\":40}\n{\"number\":41,"},
+    };
+    for (const auto& one : cases) {
+        std::atomic<int> step{0};
+        Serve([&](const std::string& request) {
+            if (step == 2) {
+                return document_.With("\"pid\":5000000,", "\"pid\":5999999,");
+            }
+            return step == 1 && request == "events 45"
+                       ? Replaced(document_.Since(44), "\"number\":45", "\"number\":50")
+                       : document_.Answer(request);
+        });
+        std::vector<std::string> arguments{"events", "--follow", "--since", "44"};
+        if (one.isJson) {
+            arguments.emplace_back("--json");
         }
-        return step == 1 && request == "events 45"
-                   ? Replaced(document_.Since(44), "\"number\":45", "\"number\":50")
-                   : document_.Answer(request);
-    });
-    Child pmctl = Start({"events", "--follow", "--since", "44"});
-    EXPECT_TRUE(WaitFor("    45  2026-11-22 11:37:13.023  x\\x1b[2J\\x0ay"));
-    step = 1;
-    EXPECT_TRUE(WaitFor("-- 4 events before this one: the daemon no longer has them\n"));
-    EXPECT_TRUE(WaitFor("\n    50  "));
-    step = 2;
-    EXPECT_TRUE(WaitFor("-- process-manager has been started anew, pid 5999999\n    41  "));
-    kill(pmctl.Pid(), SIGTERM);
-    EXPECT_EQ(WTERMSIG(pmctl.Wait()), SIGTERM);
-    EXPECT_EQ(ReadFile(directory_ / "error"), "");
+        Child pmctl = Start(arguments);
+        EXPECT_TRUE(WaitFor(one.first));
+        step = 1;
+        EXPECT_TRUE(WaitFor(one.missed));
+        step = 2;
+        EXPECT_TRUE(WaitFor(one.renewed));
+        kill(pmctl.Pid(), SIGTERM);
+        EXPECT_EQ(WTERMSIG(pmctl.Wait()), SIGTERM);
+        EXPECT_EQ(ReadFile(directory_ / "error"), "");
+    }
+}
+
+TEST_F(OnlineLive, WatchWritesADocumentEachSecond) {
+    std::atomic<bool> isAway{false};
+    Serve([&](const std::string&) { return isAway ? "" : document_.All(); });
+    Child pmctl = Start({"status", "--watch", "--json"});
+    EXPECT_TRUE(WaitFor(document_.All()));
+    isAway = true;
+    EXPECT_TRUE(WaitFor("\n{\"version\":1,\"error\":\"the daemon has closed the connection"));
+    isAway = false;
+    EXPECT_TRUE(WaitFor("try again\"}\n" + document_.All()));
 }
 
 TEST_F(OnlineLive, WatchMarksChangesAndGoesOnWithoutTheDaemon) {
@@ -106,7 +132,7 @@ TEST_F(OnlineLive, WatchRestoresTheTerminal) {
         }
         return shown.find(text) != std::string::npos;
     };
-    EXPECT_TRUE(readUntil("and 9 more"));
+    EXPECT_TRUE(readUntil("and 11 more"));
     EXPECT_NE(shown.find("\x1b[?1049h\x1b[?25l"), std::string::npos);
     kill(pid, SIGINT);
     EXPECT_TRUE(readUntil("\x1b[?25h\x1b[?1049l"));
