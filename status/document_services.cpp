@@ -48,6 +48,7 @@ void WriteTimes(JsonWriter& json, const App::HistoryValues& history, bool isServ
     json.Member("running_ns", Nanoseconds(history.running));
     json.Member("ready_ns", Nanoseconds(history.ready));
     json.Member("ended_ns", Nanoseconds(history.lastExit.at));
+    json.Member("changed_ns", Nanoseconds(history.changed));
     json.CloseObject();
     json.Key("boot");
     if (!isService) {

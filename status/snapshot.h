@@ -74,6 +74,7 @@ struct ClockPair {
 struct Snapshot {
     ClockPair clock;
     DaemonFacts daemon;
+    std::string configError;  // why the base file was refused; empty when it was not
     int32_t pid = 0;
     std::vector<StartupPhases::Entered> phases;
     ProcessUsage usage;  // of the daemon
