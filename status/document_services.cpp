@@ -114,7 +114,7 @@ void WriteEntry(JsonWriter& json, const Snapshot& snapshot, const Entry& entry,
     json.Member("why", texts.why);
     json.Member("next", texts.next);
     json.Member("settled", IsSettled(texts.next));
-    json.Member("start_failed", app.history.refusal != App::StartRefusal::NONE);
+    json.Member("start_failed", app.history.HasFailedStart());
     WriteTimes(json, app.history, isService);
     WriteGroups(json, facts);
     json.Member("cpu_ms", entry.usage.cpuMs);

@@ -29,6 +29,9 @@ std::string WhyEnded(const AppView& app) {
     if (exit.pid == 0) {
         return "";
     }
+    if (exit.fault.step != App::ChildFault::Step::NONE) {
+        return DescribeChildFault(exit.fault, *app.facts);
+    }
     if (!exit.cause) {
         return DescribeExit(exit.status);
     }

@@ -89,6 +89,13 @@ protected:
         ASSERT_TRUE(WaitForLine("Process loops removed from the list"));
         ASSERT_TRUE(WaitForFile("late"));
     }
+    static bool DoChildrenShareMemory() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        return false;
+#else
+        return ReadFile("/proc/sys/fs/suid_dumpable").starts_with("0");
+#endif
+    }
     // What a process of this user, group and supplementary group gets: "0" for a document, else
     // the errno of the connect.
     static int AnswerTo(uid_t uid, gid_t gid, gid_t supplementary) {
@@ -185,6 +192,21 @@ TEST_F(Status, ShowsWhatHasBecomeOfEachService) {
     const Answer later("events " + std::to_string(events - 1));
     EXPECT_EQ(later["events.#"] + later["events.0.name"], "1" + answer[last + "name"]);
     EXPECT_EQ(later["services"], "-");
+}
+
+TEST_F(Status, TellsAProgramThatCannotBeExecutedFromOneThatEnds) {
+    SwitchOn();
+    WriteFile(In("broken"), "no program", 0755);
+    BootWhole("  - {name: broken, bin: /run/e2e/broken}\n" + Entry("ends", "exit, 1"));
+    ASSERT_TRUE(WaitForLine("Process broken removed from the list"));
+    ASSERT_TRUE(WaitForLine("Process ends removed from the list"));
+    const Answer answer("status");
+    EXPECT_EQ(answer.Of("ends", "why") + answer.Of("ends", "start_failed"),
+              "exited with status 1false");
+    EXPECT_EQ(answer.NumberOf("broken", "last_exit.status"), 1 << 8);
+    EXPECT_EQ(answer.Of("broken", "why") + answer.Of("broken", "start_failed"),
+              DoChildrenShareMemory() ? "could not be executed: Exec format error (errno 8)true"
+                                      : "exited with status 1false");
 }
 
 TEST_F(Status, NamesTheFaultOfABaseFileThatIsRefused) {

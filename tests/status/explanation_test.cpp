@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <csignal>
 #include <functional>
 
@@ -135,6 +136,20 @@ TEST(Explanation, OfServicesThatHaveEnded) {
               "killed by signal 9 (SIGKILL) | is being restarted");
     EXPECT_EQ(Explain(With(Ended("no", ChangeReason::TERMINATION), MayRestart), true, true),
               "was stopped on request | nothing, the daemon stops");
+}
+
+TEST(Explanation, OfProcessesThatHaveNotExecutedTheirProgram) {
+    using enum App::ChildFault::Step;
+    const auto why = [](App::ChildFault::Step step, int32_t error) {
+        return Explain(With(Ended("no"), [&](ServiceView& view) {
+            view.app.history.lastExit.fault = {step, error};
+        }));
+    };
+    const std::string next = " | nothing, the policy is no";
+    EXPECT_EQ(why(EXECUTE, ENOEXEC), "could not be executed: Exec format error (errno 8)" + next);
+    EXPECT_EQ(why(SETGID, EPERM),
+              "set-up failed: setgid: Operation not permitted (errno 1)" + next);
+    EXPECT_EQ(why(NO_USER, 0), "set-up failed: the user database does not have user 0" + next);
 }
 
 TEST(Explanation, OfProcessesThatChange) {

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <limits>
 
 #include "app/history_table.h"
@@ -83,6 +84,7 @@ TEST(AppHistoryTest, RemembersTheFirstStartAndTheLastExit) {
     EXPECT_EQ(history.GetValues().running, SteadyTime());
     EXPECT_EQ(history.GetValues().ready, SteadyTime());
     EXPECT_EQ(history.GetValues().refusal, App::StartRefusal::NONE);
+    EXPECT_FALSE(history.GetValues().HasFailedStart());
     history.NoteChange(FOUND, 2, 0);
     history.NoteChange({RUNNING, TERMINATING, ChangeReason::REPORTED}, 2, 0);
     history.NoteExit(2, 0, At(22));
@@ -98,6 +100,29 @@ TEST(AppHistoryTest, RemembersTheFirstStartAndTheLastExit) {
     EXPECT_EQ(log.GetCounters().starts, 2U);
     EXPECT_EQ(log.GetCounters().startFailures, 1U);
     EXPECT_EQ(log.GetCounters().exits, 2U);
+}
+
+// As the launcher does it, with a child that shares the memory.
+TEST(AppHistoryTest, KeepsWhyAProcessHasNotExecutedItsProgram) {
+    ChangeLog log;
+    auto history = std::make_shared<AppHistory>(
+        AppKind::BASE, Service(Manifest("svc"), INITSTATE).view.app.facts, log);
+    auto note = AppHistory::TakeFaultNote(history);
+    note->Write(App::ChildFault::Step::EXECUTE, ENOEXEC);  // it may be faster than its parent
+    history->NoteStart(At(1));
+    history->NoteExit(7, 1 << 8, At(2));
+    const App::ChildFault fault = history->GetValues().lastExit.fault;
+    EXPECT_EQ(fault.step, App::ChildFault::Step::EXECUTE);
+    EXPECT_EQ(fault.error, ENOEXEC);
+    EXPECT_TRUE(history->GetValues().HasFailedStart());
+    note = AppHistory::TakeFaultNote(history);
+    history->NoteStart(At(3));
+    EXPECT_FALSE(history->GetValues().HasFailedStart()) << "the next process";
+    history->NoteExit(8, 1 << 8, At(4));
+    EXPECT_FALSE(history->GetValues().HasFailedStart());
+    const std::weak_ptr<AppHistory> kept = history;
+    history = nullptr;
+    EXPECT_FALSE(kept.expired()) << "a process may still use its note";
 }
 
 TEST(HistoryTableTest, KeepsAHistoryOverRecordsAndIsBounded) {
