@@ -82,7 +82,11 @@ public:
     // Only for general applications, whose values may change with each start.
     void SetFacts(std::shared_ptr<const AppFacts> facts) { facts_ = std::move(facts); }
 
-    void NoteWaiting(SteadyTime now) { values_.waiting = now; }
+    // A start begins: nothing is known against it yet.
+    void NoteWaiting(SteadyTime now) {
+        values_.waiting = now;
+        refusal_ = StartRefusal::NONE;
+    }
     void NoteReleased(SteadyTime now) { values_.released = now; }
     void NoteStart(SteadyTime now);
     void NoteReady(SteadyTime now) { values_.ready = now; }
@@ -92,6 +96,7 @@ public:
     void NoteRefusal(StartRefusal refusal);
 
     HistoryValues GetValues() const;
+    SteadyTime GetWaiting() const { return values_.waiting; }
 
     // What the next process of `history` writes, if it shares the memory of the daemon. The result
     // keeps the history: the record may be gone, and the history dropped, while the process runs.

@@ -39,6 +39,18 @@ std::string WhyEnded(const AppView& app) {
                                                  : "was stopped on request";
 }
 
+// An application that has had no process yet.
+std::string WhyNoProcess(const AppView& app) {
+    if (app.history.refusal != StartRefusal::NONE) {
+        return WhyRefused(app);
+    }
+    if (app.isInList) {
+        return "is being started";
+    }
+    return app.history.waiting == SteadyTime() ? "its start has not been requested"
+                                               : "could not be started: see the log";
+}
+
 }  // namespace
 
 Explanation::Explanation(const Snapshot& snapshot)
@@ -145,7 +157,7 @@ std::string Explanation::WhyChanging(const AppView& app) const {
         case TERMINATED:
             return app.history.refusal == StartRefusal::NONE ? WhyEnded(app) : WhyRefused(app);
         default:
-            return app.history.refusal == StartRefusal::NONE ? "is being started" : WhyRefused(app);
+            return WhyNoProcess(app);
     }
 }
 

@@ -124,6 +124,10 @@ std::string Explanation::NextOfRestarting(const AppView& app) const {
 std::string Explanation::NextOfApplication(const Entry& application) const {
     const AppView& app = application.view.app;
     const bool isLive = app.pid > 0;
+    const bool isGone = app.state == INITSTATE || app.state == TERMINATED;
+    if (isStopping_ && isGone) {
+        return "nothing, the daemon stops";
+    }
     switch (app.state) {
         case RUNNING:
             return isLive ? "nothing, it runs" : Soon(EXIT_HANDLED);
@@ -133,10 +137,8 @@ std::string Explanation::NextOfApplication(const Entry& application) const {
             return NextOfTerminating(app, app.isKillSent);
         case RESTARTING:
             return NextOfRestarting(app);
-        case TERMINATED:
-            return "nothing, its owner decides";
         default:
-            return "is being started";
+            return app.isLaunching ? "is being started" : "nothing, its owner decides";
     }
 }
 

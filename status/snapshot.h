@@ -81,7 +81,7 @@ struct Snapshot {
     uint64_t logLinesDropped = 0;
     Counters counters;
     std::vector<Entry> services;      // all, in the order of the base file
-    std::vector<Entry> applications;  // all with a record, by name
+    std::vector<Entry> applications;  // by name, also those that have ended
     std::vector<PipeEntry> pipes;
     std::vector<App::SensorNodeEventReporter::FaultView> faults;
     std::vector<App::ChangeLog::Entry> events;

@@ -194,6 +194,37 @@ TEST_F(Status, ShowsWhatHasBecomeOfEachService) {
     EXPECT_EQ(later["services"], "-");
 }
 
+TEST_F(Status, ShowsApplicationsThatDoNotRun) {
+    SwitchOn();
+    BootWhole(Entry("svc") + "applications:\n" +
+              Entry("ends", "say, 1, last words, exit, 3", "startup_priority: 1, output: syslog") +
+              "  - {name: absent, bin: /run/e2e/nothing, startup_priority: 2}\n" + App("later") +
+              App("runs", ", startup_priority: 3"));
+    ASSERT_TRUE(WaitForLine("Process ends removed from the list of generalAppMap_"));
+    const Answer answer("status");
+    std::string names;
+    for (int i = 0; i < 4; ++i) {
+        names += answer["applications." + std::to_string(i) + ".name"] + " ";
+    }
+    EXPECT_EQ(names, "absent ends later runs ");
+    EXPECT_EQ(answer["applications.#"], "4");
+    EXPECT_EQ(answer.WhyAndNext("ends"), "exited with status 3 | nothing, its owner decides");
+    EXPECT_EQ(answer.Of("ends", "state") + answer.Of("ends", "pid"), "TERMINATED0");
+    EXPECT_EQ(answer.Of("ends", "starts") + answer.Of("ends", "owner"), "1zornmgr");
+    EXPECT_EQ(answer.NumberOf("ends", "last_exit.status"), 3 << 8);
+    EXPECT_GE(answer.NumberOf("ends", "times.changed_ns"),
+              answer.NumberOf("ends", "times.ended_ns"));
+    EXPECT_EQ(answer.WhyAndNext("absent"),
+              "could not be started: there is no program /run/e2e/nothing | "
+              "nothing, its owner decides");
+    EXPECT_EQ(answer.Of("absent", "start_failed") + answer.Of("ends", "start_failed"), "truefalse");
+    EXPECT_EQ(answer.WhyAndNext("later"),
+              "its start has not been requested | nothing, its owner decides");
+    EXPECT_EQ(answer.Of("later", "state") + answer.Of("later", "starts"), "INITSTATE0");
+    EXPECT_TRUE(WaitUntil(
+        [] { return Answer("status ends")["applications.0.output_tail.0"] == "last words"; }));
+}
+
 TEST_F(Status, TellsAProgramThatCannotBeExecutedFromOneThatEnds) {
     SwitchOn();
     WriteFile(In("broken"), "no program", 0755);

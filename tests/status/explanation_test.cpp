@@ -152,6 +152,24 @@ TEST(Explanation, OfProcessesThatHaveNotExecutedTheirProgram) {
     EXPECT_EQ(why(NO_USER, 0), "set-up failed: the user database does not have user 0" + next);
 }
 
+TEST(Explanation, OfApplicationsWithoutAProcess) {
+    const auto explain = [](Entry entry, const std::function<void(App::AppView&)>& change) {
+        change(entry.view.app);
+        return Explain(entry, false);
+    };
+    EXPECT_EQ(explain(Ended("no"), [](auto&) {}),
+              "exited with status 3 | nothing, its owner decides");
+    EXPECT_EQ(explain(Waiting({}), [](auto&) {}),
+              "its start has not been requested | nothing, its owner decides");
+    EXPECT_EQ(explain(Waiting({}),
+                      [](App::AppView& app) { app.history.refusal = StartRefusal::NO_USER; }),
+              "could not be started: the user database does not have user 0 | "
+              "nothing, its owner decides");
+    EXPECT_EQ(
+        explain(Waiting({}), [](App::AppView& app) { app.isInList = app.isLaunching = true; }),
+        "is being started | is being started");
+}
+
 TEST(Explanation, OfProcessesThatChange) {
     EXPECT_EQ(Explain(Service(Manifest("svc", true), STARTING, 7)),
               "waits for its own report | will be RUNNING when it reports");

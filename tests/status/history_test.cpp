@@ -139,10 +139,12 @@ TEST(HistoryTableTest, KeepsAHistoryOverRecordsAndIsBounded) {
     EXPECT_EQ(again->GetValues().starts, 1U);
     EXPECT_EQ(again->GetFacts()->execPath, "/two");
     for (size_t i = 0; i < App::HistoryTable::SIZE; ++i) {
-        take("other" + std::to_string(i), "/x")->NoteStart(At(1));
+        take("other" + std::to_string(i), "/x")->NoteWaiting(At(static_cast<int64_t>(i)));
     }
-    EXPECT_EQ(take("app", "/two"), again) << "a history with a record stays";
-    EXPECT_EQ(take("other0", "/x")->GetValues().starts, 0U);
+    EXPECT_EQ(table.GetAll().size(), App::HistoryTable::SIZE / 2 + 1);
+    EXPECT_EQ(table.GetAll().at("app"), again) << "a history with a record stays";
+    EXPECT_FALSE(table.GetAll().contains("other0"));
+    EXPECT_TRUE(table.GetAll().contains("other1023"));
 }
 
 TEST(BootPlanTest, TellsCyclesFromWhatWaitsForThem) {
