@@ -81,6 +81,10 @@ public:
     Object Member(const char* key) const { return {Get(key), PathOf(key)}; }
     bool IsNull(const char* key) const { return Get(key).is_null(); }
     bool Has(const char* key) const { return value_.contains(key); }
+    // Of a field that an older daemon does not have.
+    std::string OptionalText(const char* key) const { return Has(key) ? Text(key) : ""; }
+    int64_t OptionalCount(const char* key) const { return Has(key) ? Count(key) : 0; }
+    bool OptionalFlag(const char* key) const { return Has(key) && Flag(key); }
 
     // The items of an array, each made by `make` of the item and its path.
     template <typename Make>
@@ -168,12 +172,14 @@ DaemonStatus ReadDaemon(const Object& object) {
     daemon.version = object.Text("version");
     daemon.pid = object.Count("pid");
     daemon.config = object.Text("config");
+    daemon.configError = object.OptionalText("config_error");
     daemon.isQuickStart = object.Flag("quick_start");
     daemon.phase = object.Text("phase");
     daemon.phases = object.List("phases", [](const Json& item, const std::string& path) {
         const Object phase(item, path);
         return Phase{phase.Text("name"), phase.Count("at_ns")};
     });
+    daemon.uptimeMs = object.OptionalCount("uptime_ms");
     daemon.cpuMs = object.Count("cpu_ms");
     daemon.rssKib = object.Count("rss_kib");
     daemon.threads = object.Count("threads");
@@ -195,8 +201,9 @@ LastExit ReadLastExit(const Object& object) {
 }
 
 ServiceTimes ReadTimes(const Object& object) {
-    return {object.Count("waiting_ns"), object.Count("started_ns"), object.Count("running_ns"),
-            object.Count("ready_ns"), object.Count("ended_ns")};
+    return {object.Count("waiting_ns"), object.Count("started_ns"),
+            object.Count("running_ns"), object.Count("ready_ns"),
+            object.Count("ended_ns"),   object.OptionalCount("changed_ns")};
 }
 
 BootTimes ReadBoot(const Object& object) {
@@ -228,8 +235,8 @@ void ReadSupervision(const Object& object, Service& service) {
     }
     service.why = object.Text("why");
     service.next = object.Text("next");
-    service.isSettled = object.Flag("settled");
-    service.hasFailedStart = object.Flag("start_failed");
+    service.isSettled = object.OptionalFlag("settled");
+    service.hasFailedStart = object.OptionalFlag("start_failed");
     service.times = ReadTimes(object.Member("times"));
     if (!object.IsNull("boot")) {
         service.boot = ReadBoot(object.Member("boot"));

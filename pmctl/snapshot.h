@@ -31,9 +31,11 @@ struct DaemonStatus {
     std::string version;
     int64_t pid = 0;
     std::string config;
+    std::string configError;  // why the base file was refused; empty when it was not
     bool isQuickStart = false;
     std::string phase;
     std::vector<Phase> phases;  // those entered, in order
+    int64_t uptimeMs = 0;       // 0: the daemon does not say
     int64_t cpuMs = 0;
     int64_t rssKib = 0;
     int64_t threads = 0;
@@ -87,6 +89,7 @@ struct ServiceTimes {
     int64_t runningNs = 0;
     int64_t readyNs = 0;
     int64_t endedNs = 0;
+    int64_t changedNs = 0;  // the last change of state
 };
 
 // The first start of a service of the base file.
