@@ -53,7 +53,7 @@ void AppHistory::NoteStart(SteadyTime now) {
 
 void AppHistory::NoteExit(int32_t pid, int32_t status, SteadyTime now) {
     Count(log_.GetCounters().exits);
-    values_.lastExit = {pid, status, now, endCause_};
+    values_.lastExit = {pid, status, now, endCause_, childFault_.Read()};
 }
 
 // A service may repeat its report as often as it likes: a report that changes nothing must not

@@ -1,7 +1,7 @@
 // What the status endpoint shows of an application's past: its starts, its last exit, the times of
 // its changes. It outlives the record, which is removed when the application has ended. A record
 // has a history only while the status endpoint is on. The lock of the record's container guards it,
-// except NoteRefusal().
+// except NoteRefusal() and the note of a child's fault.
 #pragma once
 
 #include <array>
@@ -14,6 +14,7 @@
 #include "app/app_facts.h"
 #include "app/app_kind.h"
 #include "app/change_log.h"
+#include "app/child_fault.h"
 #include "app/start_refusal.h"
 #include "app/state_change.h"
 #include "main/common/clock.h"
@@ -42,6 +43,7 @@ struct LastExit {
     // TERMINATION or RESTART: the end was requested; REPORTED: the process had announced it; none:
     // nobody expected it.
     std::optional<ChangeReason> cause;
+    ChildFault fault{};  // the process has not executed its program
 };
 
 // The clock's epoch as a time: never.
@@ -60,6 +62,12 @@ struct HistoryValues {
     ChangeReason changeReason = ChangeReason::STARTED;
     ProcessState lastState = INITSTATE;         // of a record that has been removed
     StartRefusal refusal = StartRefusal::NONE;  // of the last start
+
+    // Whether the last start was refused, or its process has not executed the program.
+    bool HasFailedStart() const {
+        const bool isFault = lastExit.fault.step != ChildFault::Step::NONE;
+        return refusal != StartRefusal::NONE || (isFault && lastExit.at >= started);
+    }
 };
 
 class AppHistory {
@@ -74,7 +82,11 @@ public:
     // Only for general applications, whose values may change with each start.
     void SetFacts(std::shared_ptr<const AppFacts> facts) { facts_ = std::move(facts); }
 
-    void NoteWaiting(SteadyTime now) { values_.waiting = now; }
+    // A start begins: nothing is known against it yet.
+    void NoteWaiting(SteadyTime now) {
+        values_.waiting = now;
+        refusal_ = StartRefusal::NONE;
+    }
     void NoteReleased(SteadyTime now) { values_.released = now; }
     void NoteStart(SteadyTime now);
     void NoteReady(SteadyTime now) { values_.ready = now; }
@@ -84,6 +96,15 @@ public:
     void NoteRefusal(StartRefusal refusal);
 
     HistoryValues GetValues() const;
+    SteadyTime GetWaiting() const { return values_.waiting; }
+
+    // What the next process of `history` writes, if it shares the memory of the daemon. The result
+    // keeps the history: the record may be gone, and the history dropped, while the process runs.
+    static std::shared_ptr<ChildFaultNote> TakeFaultNote(
+        const std::shared_ptr<AppHistory>& history) {
+        history->childFault_.Clear();
+        return {history, &history->childFault_};
+    }
 
 private:
     void NoteRunning(SteadyTime now);
@@ -94,6 +115,7 @@ private:
     HistoryValues values_;
     std::optional<ChangeReason> endCause_;  // of the end of the present process
     std::atomic<StartRefusal> refusal_{StartRefusal::NONE};
+    ChildFaultNote childFault_;  // of the present process
 };
 
 }  // namespace ProcMgr::App

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "app/app_facts.h"
 #include "app/app_history.h"
@@ -41,12 +42,19 @@ inline AppView MakeView(const AppInfo& app) {
     return view;
 }
 
-// The view of an application without a record.
+// The view of an application without a record: it has ended, or its start has failed.
 inline AppView MakeView(const AppHistory& history) {
     AppView view;
     view.facts = history.GetFacts();
     view.history = history.GetValues();
     view.state = view.history.lastState;
+    return view;
+}
+
+// The view of an application that has never been started.
+inline AppView MakeView(std::shared_ptr<const AppFacts> facts) {
+    AppView view;
+    view.facts = std::move(facts);
     return view;
 }
 

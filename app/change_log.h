@@ -21,7 +21,7 @@ class ChangeLog {
 public:
     // The number of changes that are kept, and the bytes of a name that are kept of it.
     static constexpr size_t SIZE = 512;
-    static constexpr size_t NAME_SIZE = 63;
+    static constexpr size_t NAME_SIZE = 127;  // no name of a manifest is longer
 
     struct Entry {
         uint64_t number = 0;  // from 1, without gaps

@@ -36,6 +36,13 @@ void AddFailure(ChildContext& child, std::string_view text) {
     AddFailure(child, text, errno);
 }
 
+// Says why the child ends without executing its program.
+void NoteFault(ChildContext& child, ChildFault::Step step, int error) {
+    if (child.fault != nullptr) {
+        child.fault->Write(step, error);
+    }
+}
+
 // The dispositions are reset before the mask is opened: a signal that is pending then takes its
 // default action instead of running a handler of the daemon in the child, which may share the
 // daemon's memory.
@@ -146,16 +153,23 @@ bool SetGroups(ChildContext& child) {
     const UserGroups& user = child.plan.userGroups;
     switch (user.result) {
         case UserGroups::Result::NO_USER:
+            NoteFault(child, ChildFault::Step::NO_USER, user.error);
             child.message += "getpwuid is null;";
             return false;
         case UserGroups::Result::NOT_WIPED:
+            NoteFault(child, ChildFault::Step::GROUPS, user.error);
             AddFailure(child, "SetGroups memset_s failed error=", user.error);
             return false;
         case UserGroups::Result::TOO_MANY:
+            NoteFault(child, ChildFault::Step::GROUPS, user.error);
             return false;
         case UserGroups::Result::FOUND:
-            return Sys::setgroups(user.groups.size(), user.groups.data()) == 0;
+            break;
     }
+    if (Sys::setgroups(user.groups.size(), user.groups.data()) == 0) {
+        return true;
+    }
+    NoteFault(child, ChildFault::Step::SETGROUPS, errno);
     return false;
 }
 
@@ -164,12 +178,14 @@ StepResult SetIdentity(ChildContext& child) {
         return StepResult::GIVE_UP;
     }
     if (Sys::setgid(child.plan.gid) != 0) {
+        NoteFault(child, ChildFault::Step::SETGID, errno);
         child.message += "SetAppGid=";
         child.message += Decimal(child.plan.gid).Get();
         AddFailure(child, " failed error=");
         return StepResult::GIVE_UP;
     }
     if (Sys::setuid(child.plan.uid) != 0) {
+        NoteFault(child, ChildFault::Step::SETUID, errno);
         child.message += "SetAppUid=";
         child.message += Decimal(child.plan.uid).Get();
         AddFailure(child, ",failed error=");
@@ -305,6 +321,7 @@ void RunChild(ChildContext& child) {
     }
     ReportChildError(child);
     const int error = Execute(child);
+    NoteFault(child, ChildFault::Step::EXECUTE, error);
     child.message.Clear();
     child.message += "execv failed, execPath_=";
     child.message += plan.execPath;

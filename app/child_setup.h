@@ -1,17 +1,20 @@
 // The child's part of a launch: a table of steps over the launch plan that runs between the
 // creation of the child and execve. ProcessLauncher is the only caller. The child may still share
 // the memory of the daemon, see child_slots.h: it makes system calls, reads what was computed
-// before, and writes nothing but its ChildContext and errno. It takes no lock, allocates no memory,
+// before, and writes nothing but its ChildContext, the fault note of that
+// context and errno. It takes no lock, allocates no memory,
 // writes no log line and never returns into the daemon's code.
 #pragma once
 
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "app/child_environment.h"
+#include "app/child_fault.h"
 #include "app/child_message.h"
 #include "app/launch_plan.h"
 #include "resource/bind_count.h"
@@ -43,6 +46,8 @@ struct ChildContext {
     // What standard output and error are connected to; the parent closes its own descriptor.
     // Negative: they stay those of the daemon.
     int output = -1;
+    // Where the child writes why it does not execute its program; null: nowhere.
+    std::shared_ptr<ChildFaultNote> fault;
     pid_t pid = 0;
     // One entry, ending in ";", for each step that failed.
     ChildMessage message;

@@ -1,5 +1,6 @@
 // The histories of general applications by name. They outlive the records, so that the next start
-// of an application goes on counting. A part of GeneralApps, which guards it by its lock.
+// of an application goes on counting, and so that it is shown how an application has ended. A part
+// of GeneralApps, which guards it by its lock.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +15,10 @@ namespace ProcMgr::App {
 
 class HistoryTable {
 public:
-    // The number of histories that are kept; those without a record are dropped for others.
+    using Histories = std::map<std::string, std::shared_ptr<AppHistory>>;
+
+    // The number of histories that are kept. In a full table half of those without a record make
+    // room: the ones whose last start is longest ago.
     static constexpr size_t SIZE = 1024;
 
     // `log` must outlive this object.
@@ -24,11 +28,14 @@ public:
     // application that is known and whose facts have not changed.
     std::shared_ptr<AppHistory> Take(const AppSpec& spec, const std::string& owner);
 
+    const Histories& GetAll() const { return histories_; }
+
 private:
+    void MakeRoom();
     std::shared_ptr<AppHistory> Make(const AppSpec& spec, const std::string& owner);
 
     ChangeLog& log_;
-    std::map<std::string, std::shared_ptr<AppHistory>> histories_;
+    Histories histories_;
 };
 
 }  // namespace ProcMgr::App

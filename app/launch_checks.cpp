@@ -42,30 +42,31 @@ bool MayOwnerExecute(const char* app, const char* path, uint32_t uid, const stru
 }
 
 // For a user who is neither root nor the owner of the program.
-bool MayMemberExecute(const char* app, const char* path, uint32_t uid, const struct stat& file,
-                      UserGroupsCache& users) {
+StartRefusal FindMemberRefusal(const char* app, const char* path, uint32_t uid,
+                               const struct stat& file, UserGroupsCache& users) {
     const UserGroups user = users.LookUp(uid);
-    if (user.result == UserGroups::Result::NO_USER) {
+    const bool isUnknown = user.result == UserGroups::Result::NO_USER;
+    if (isUnknown) {
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : Start App=%s failed, uid=%u is not in the user database, error=%d",
                    app, uid, user.error);
     }
     const ExecuteRight right = GetExecuteRight(file, uid, user);
+    if (right == ExecuteRight::GRANTED) {
+        return StartRefusal::NONE;
+    }
     if (right == ExecuteRight::NO_MEMBER) {
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s uid=%u, gid=%u not "
                    "have x permission !!",
                    app, uid, path, file.st_uid, file.st_gid);
-        return false;
-    }
-    if (right == ExecuteRight::NO_GROUP_BIT) {
+    } else {
         ProcMgrLog(LOG_ERR,
                    "PROCMGR : Start App=%s failed, cfg uid=%u, but binPath=%s gid=%u not have x "
                    "permission !!",
                    app, uid, path, file.st_gid);
-        return false;
     }
-    return true;
+    return isUnknown ? StartRefusal::NO_USER : StartRefusal::NOT_EXECUTABLE;
 }
 
 // Looks at the program that the path leads to. One call is enough when it succeeds and the path is
@@ -133,9 +134,11 @@ StartRefusal CheckChildProParas(const std::string& appName, const std::string& e
     if (!StatProgram(app, execPath, file)) {
         return StartRefusal::MISSING;
     }
-    const bool mayExecute = uid == 0             ? MayRootExecute(app, path, file)
-                            : uid == file.st_uid ? MayOwnerExecute(app, path, uid, file)
-                                                 : MayMemberExecute(app, path, uid, file, users);
+    if (uid != 0 && uid != file.st_uid) {
+        return FindMemberRefusal(app, path, uid, file, users);
+    }
+    const bool mayExecute =
+        uid == 0 ? MayRootExecute(app, path, file) : MayOwnerExecute(app, path, uid, file);
     return mayExecute ? StartRefusal::NONE : StartRefusal::NOT_EXECUTABLE;
 }
 

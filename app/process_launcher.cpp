@@ -148,6 +148,9 @@ pid_t ProcessLauncher::CreateChild(AppInfo& app, const std::shared_ptr<ChildCont
     const Wire::UniqueFd aiTasks(isForAccelerator ? CoreAffinityMgr::OpenAiCpuset() : -1);
     context->aiTasks = aiTasks.Get();
     context->output = output.writeEnd.Get();
+    if (app.history_ != nullptr) {
+        context->fault = AppHistory::TakeFaultNote(app.history_);
+    }
     sigset_t all;
     sigset_t before;
     sigfillset(&all);

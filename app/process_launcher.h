@@ -58,8 +58,9 @@ public:
     // Creates the child and stores its pid in the record; uses up the plan. Returns the pid, or -1,
     // with a log line, when there is no child. Throws nothing once there is a child. Does not wait
     // for the child, which may not have executed its program yet. Failures in the child appear only
-    // in its error text and its exit status. The caller holds the lock of the record's container
-    // until the container can find the record by the pid, so that the reaper finds it, too.
+    // in its error text, its exit status and, while the status endpoint is on, its fault note. The
+    // caller holds the lock of the record's container until the container can find the record by
+    // the pid, so that the reaper finds it, too.
     pid_t Fork(GeneralAppInfo& app, LaunchPlan& plan);
     pid_t Fork(BaseAppInfo& app, LaunchPlan& plan);
 

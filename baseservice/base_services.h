@@ -118,7 +118,9 @@ public:
     void KeepHistories(App::ChangeLog& log) { changeLog_ = &log; }
     // Null while the histories are off.
     App::ChangeLog* GetChangeLog() const { return changeLog_; }
-    // The calls of base start-up. The plan has every service of the base file.
+    // The calls of start-up. The base file is refused, for this reason; empty: see the log.
+    void NoteConfigError(const std::string& reason) PROCMGR_EXCLUDES(mutex_);
+    // The plan has every service of the base file.
     void SetPlan(BootPlan plan) PROCMGR_EXCLUDES(mutex_);
     // The history for the record of a service; null without one.
     std::shared_ptr<App::AppHistory> GetHistory(const std::string& name) PROCMGR_EXCLUDES(mutex_);
@@ -126,13 +128,15 @@ public:
     void NoteReleased(const std::string& name) PROCMGR_EXCLUDES(mutex_);
     // The service is not started, because one that it depends on does not run.
     void NoteBlocked(const std::string& name) PROCMGR_EXCLUDES(mutex_);
-    // The services that still wait, wait for each other.
-    void NoteCycles() PROCMGR_EXCLUDES(mutex_);
+    // These services wait for each other: it will never be their turn.
+    void NoteCycles(const std::set<std::string>& names) PROCMGR_EXCLUDES(mutex_);
     // The services that still wait are not started any more.
     void NoteStartUpEnd() PROCMGR_EXCLUDES(mutex_);
     // Every service of the plan, in the order of the file. Holds the lock for 128 services at a
     // time.
     std::vector<ServiceView> GetViews() PROCMGR_EXCLUDES(mutex_);
+    // Why the base file was refused; empty when it was not.
+    std::string GetConfigError() PROCMGR_EXCLUDES(mutex_);
 
     // From this call on nothing is started or restarted.
     void BeginStop() PROCMGR_EXCLUDES(mutex_);
@@ -248,6 +252,7 @@ private:
     std::vector<Record*> restarted_ PROCMGR_GUARDED_BY(mutex_);
     bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
     BootPlan plan_ PROCMGR_GUARDED_BY(mutex_);
+    std::string configError_ PROCMGR_GUARDED_BY(mutex_);
     // Of StopAll(): how many live services depend on the service of that name.
     std::map<std::string, size_t> liveDependents_ PROCMGR_GUARDED_BY(mutex_);
 };

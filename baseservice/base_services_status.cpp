@@ -14,9 +14,23 @@ constexpr size_t COPIES_AT_A_TIME = 128;
 
 }  // namespace
 
+void BaseServices::NoteConfigError(const std::string& reason) {
+    if (changeLog_ == nullptr) {
+        return;
+    }
+    const LockGuard lock(mutex_);
+    configError_ = reason.empty() ? "the base file cannot be used, see the log" : reason;
+}
+
+std::string BaseServices::GetConfigError() {
+    const LockGuard lock(mutex_);
+    return configError_;
+}
+
 void BaseServices::SetPlan(BootPlan plan) {
     const LockGuard lock(mutex_);
     plan_ = std::move(plan);
+    configError_.clear();
 }
 
 std::shared_ptr<App::AppHistory> BaseServices::GetHistory(const std::string& name) {
@@ -58,9 +72,9 @@ void BaseServices::NoteBlocked(const std::string& name) {
     entry->blocker = blocker == depends.end() ? std::string() : *blocker;
 }
 
-void BaseServices::NoteCycles() {
+void BaseServices::NoteCycles(const std::set<std::string>& names) {
     const LockGuard lock(mutex_);
-    plan_.SettleBlocked();
+    plan_.SettleBlocked(names);
 }
 
 void BaseServices::NoteStartUpEnd() {

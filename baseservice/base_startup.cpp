@@ -8,6 +8,7 @@
 #include "baseservice/start_order.h"
 #include "main/common/boot_trace.h"
 #include "main/common/clock.h"
+#include "main/common/diagnostics.h"
 #include "main/common/log.h"
 
 namespace ProcMgr {
@@ -44,8 +45,9 @@ bool BaseStartup::ParseYamlFile(const std::string& path,
 void BaseStartup::InitBaseApplication(const std::string& path) {
     ProcMgrLog(LOG_INFO, "%s InitBaseApplication begin, yaml path=%s",
                BootStrace(BOOT_TRACE_TAG).c_str(), path.c_str());
-    if (!ParseYamlFile(path, manifests_)) {
+    if (const FirstDiagnostic refusal; !ParseYamlFile(path, manifests_)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : ParseYamlFile failed, ProcMgr return");
+        services_.NoteConfigError(refusal.Get());
         return;
     }
     for (const ApplicationManifest& manifest : manifests_) {
@@ -55,7 +57,9 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
     DependGraph graph;
     const bool hasGraph = parser_.GetStartGraph(enabledNames_, graph) == 0;
     parser_ = {};  // the dependencies are in the graph now
-    if (!hasGraph) {
+    if (hasGraph) {
+        NoteCycles(graph);
+    } else {
         ProcMgrLog(LOG_ERR, "PROCMGR : no start order for the services of %s", path.c_str());
     }
     const Outcome outcome = hasGraph ? StartInOrder(graph) : Outcome::SOME_FAILED;
@@ -95,6 +99,21 @@ void BaseStartup::MakePlan() {
     services_.SetPlan(std::move(plan));
 }
 
+void BaseStartup::NoteCycles(const DependGraph& graph) {
+    if (services_.GetChangeLog() == nullptr) {
+        return;
+    }
+    DependGraph rest = graph;
+    std::set<std::string> blocked(enabledNames_.begin(), enabledNames_.end());
+    for (auto batch = NextBatch(rest); !batch.empty(); batch = NextBatch(rest)) {
+        for (const std::string& name : batch) {
+            rest.Pop(name);
+            blocked.erase(name);
+        }
+    }
+    services_.NoteCycles(blocked);
+}
+
 BaseStartup::Outcome BaseStartup::StartInOrder(DependGraph& graph) {
     Outcome result = Outcome::ALL_STARTED;
     std::set<std::string> worked;
@@ -102,7 +121,6 @@ BaseStartup::Outcome BaseStartup::StartInOrder(DependGraph& graph) {
         const std::set<std::string> batch = NextBatch(graph);
         if (batch.empty()) {
             LogBlocked(worked);
-            services_.NoteCycles();
             return Outcome::SOME_FAILED;
         }
         const Outcome outcome = StartBatch(batch);

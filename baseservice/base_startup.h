@@ -51,6 +51,8 @@ private:
 
     // Gives the services of the file to the status endpoint, when it is on.
     void MakePlan();
+    // Tells it which services of the graph never get their turn.
+    void NoteCycles(const DependGraph& graph);
     Outcome StartInOrder(DependGraph& graph);
     // Starts the services of one batch in the order of their names.
     Outcome StartBatch(const std::set<std::string>& batch);

@@ -1,6 +1,5 @@
 #include "baseservice/boot_plan.h"
 
-#include <algorithm>
 #include <map>
 #include <utility>
 
@@ -18,44 +17,38 @@ BootPlan::Entry* BootPlan::Find(std::string_view name) {
     return found == byName_.end() ? nullptr : &entries_[found->second];
 }
 
-bool BootPlan::IsWaiting(std::string_view name) {
-    const Entry* entry = Find(name);
-    return entry != nullptr && entry->verdict == StartVerdict::WAITING;
-}
-
-// A waiting service that no other waiting service depends on is on no cycle, and without it others
-// may become such services. What is left is on a cycle, or between two cycles.
-void BootPlan::SettleBlocked() {
+// A service that none of the others depends on is on no cycle, and without it others may become
+// such services. What is left is on a cycle, or between two cycles.
+void BootPlan::SettleBlocked(const std::set<std::string>& names) {
+    std::vector<Entry*> leaves;
     std::map<std::string_view, size_t> dependents;
-    for (const Entry& entry : entries_) {
-        if (entry.verdict == StartVerdict::WAITING) {
-            for (const std::string& depend : entry.history->GetFacts()->depends) {
+    for (const std::string& name : names) {
+        if (Entry* entry = Find(name)) {
+            leaves.push_back(entry);
+            entry->verdict = StartVerdict::IN_CYCLE;
+            for (const std::string& depend : entry->history->GetFacts()->depends) {
                 ++dependents[depend];
             }
         }
     }
-    std::vector<Entry*> leaves;
-    for (Entry& entry : entries_) {
-        const bool isLeaf = !dependents.contains(entry.history->GetFacts()->name);
-        if (entry.verdict == StartVerdict::WAITING && isLeaf) {
-            leaves.push_back(&entry);
-        }
-    }
+    std::erase_if(leaves, [&](const Entry* entry) {
+        return dependents.contains(entry->history->GetFacts()->name);
+    });
     while (!leaves.empty()) {
         Entry& leaf = *leaves.back();
         leaves.pop_back();
         leaf.verdict = StartVerdict::DEPENDENCY;
         for (const std::string& depend : leaf.history->GetFacts()->depends) {
-            if (!IsWaiting(depend)) {
+            Entry* next = names.contains(depend) ? Find(depend) : nullptr;
+            if (next == nullptr) {
                 continue;
             }
             leaf.blocker = depend;
             if (--dependents[depend] == 0) {
-                leaves.push_back(Find(depend));
+                leaves.push_back(next);
             }
         }
     }
-    SettleWaiting(StartVerdict::IN_CYCLE);
 }
 
 void BootPlan::SettleWaiting(StartVerdict verdict) {

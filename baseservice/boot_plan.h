@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -48,15 +49,13 @@ public:
     size_t GetSize() const { return entries_.size(); }
     const Entry& Get(size_t index) const { return entries_[index]; }
 
-    // Decides about the services that still wait when no further service can be started: those on
-    // dependency cycles, and those that wait for such a service.
-    void SettleBlocked();
+    // Decides about the services of `names`, which wait for each other: those on dependency cycles,
+    // and those that wait for such a service.
+    void SettleBlocked(const std::set<std::string>& names);
     // Sets the verdict of the services that still wait.
     void SettleWaiting(StartVerdict verdict);
 
 private:
-    bool IsWaiting(std::string_view name);
-
     std::vector<Entry> entries_;
     std::unordered_map<std::string_view, size_t> byName_;  // the names are in the histories
 };

@@ -87,8 +87,8 @@ public:
     // Switches the histories on, which the status endpoint shows. Called before there are other
     // threads; `log` must outlive this object.
     void KeepHistories(App::ChangeLog& log) PROCMGR_EXCLUDES(mutex_);
-    // Every application with a record, by name; none while the histories are off. Holds the lock
-    // for 64 of them at a time.
+    // While they are on: every application with a record or a history, and 1024 at most that have
+    // never been started, by name. Holds the lock for 64 of them at a time.
     std::vector<App::AppView> GetViews() PROCMGR_EXCLUDES(mutex_);
 
     // Ends every application: SIGTERM, then SIGKILL when its termination time-out has passed. From
@@ -160,7 +160,7 @@ private:
     // Gives the record its history, before a launch by the record's present values.
     void NoteLaunch(App::GeneralAppInfo& app) PROCMGR_REQUIRES(mutex_);
     // Copies the views of the next applications after the name `last`, which becomes the name of
-    // the last one. Returns the number of records that were looked at.
+    // the last one. Returns the number of applications that were looked at.
     size_t CopyViews(std::string& last, std::vector<App::AppView>& views) PROCMGR_EXCLUDES(mutex_);
     void KillAll() PROCMGR_REQUIRES(mutex_);
     // Queues a call of the device library; takes no lock of this object.

@@ -79,6 +79,25 @@ std::optional<ApplicationManifest> StartupConfig::Find(const std::string& name) 
     return std::nullopt;
 }
 
+std::vector<ApplicationManifest> StartupConfig::GetAfter(const std::string& last,
+                                                         size_t count) const {
+    std::map<std::string, ApplicationManifest> byName;
+    {
+        const LockGuard lock(mutex_);
+        for (const Source& source : sources_) {
+            auto entry = source.apps.upper_bound(last);
+            for (size_t i = 0; i < count && entry != source.apps.end(); ++i, ++entry) {
+                byName.insert_or_assign(entry->first, entry->second);
+            }
+        }
+    }
+    std::vector<ApplicationManifest> apps;
+    for (auto entry = byName.begin(); entry != byName.end() && apps.size() < count; ++entry) {
+        apps.push_back(std::move(entry->second));
+    }
+    return apps;
+}
+
 std::vector<ApplicationManifest> StartupConfig::GetPriorityApps(const std::string& path) const {
     const Source wanted = path.empty() ? Source() : MakeSource(path);
     std::map<std::string, ApplicationManifest> byName;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -37,6 +38,9 @@ public:
 
     // Nothing when no application of that name is configured.
     std::optional<ApplicationManifest> Find(const std::string& name) const;
+
+    // The next applications after the name `last`, by name; `count` at most.
+    std::vector<ApplicationManifest> GetAfter(const std::string& last, size_t count) const;
 
     // Grows with each change of the configuration.
     uint64_t GetRevision() const { return revision_; }

@@ -14,6 +14,7 @@
 
 #include "main/common/boot_trace.h"
 #include "main/common/daemon_signals.h"
+#include "main/common/diagnostics.h"
 #include "main/common/instance_lock.h"
 #include "main/common/log.h"
 #include "main/common/paths.h"
@@ -40,11 +41,6 @@ void OpenStandardStreams() {
     if (fd >= 0) {
         close(fd);
     }
-}
-
-// Writes the diagnostics of the platform libraries into the daemon's log.
-void LogDiagnostic(int level, const char* text) {
-    ProcMgr::ProcMgrLog(level, "%s", text);
 }
 
 int Fail() {

@@ -16,6 +16,7 @@
 #include "main/common/boot_trace.h"
 #include "main/common/clock.h"
 #include "main/common/daemon_signals.h"
+#include "main/common/diagnostics.h"
 #include "main/common/log.h"
 #include "main/common/proc_mgr_env.h"
 #include "platform/heartbeat.h"
@@ -222,8 +223,9 @@ void ProcessManager::RegisterPower() {
 }
 
 void ProcessManager::InitPriorityApps(const std::string& path) {
-    if (startupConfig_.LoadStartCfgInfo(path) != StartupConfig::OK) {
+    if (const FirstDiagnostic refusal; startupConfig_.LoadStartCfgInfo(path) != StartupConfig::OK) {
         ProcMgrLog(LOG_ERR, "process-manager InitPriorityApps failed LoadStartCfgInfo failed");
+        baseServices_.NoteConfigError(refusal.Get());
         return;
     }
     ProcMgrLog(LOG_INFO, "%s InitPriorityApps load priority apps cfg finish",

@@ -1,5 +1,6 @@
 #include "status/document.h"
 
+#include <chrono>
 #include <utility>
 
 #include "message/enum_names.h"
@@ -21,11 +22,21 @@ void WriteClock(JsonWriter& json, const ClockPair& clock) {
     json.CloseObject();
 }
 
+// Since the daemon entered its first phase.
+int64_t UptimeMs(const Snapshot& snapshot) {
+    if (snapshot.phases.empty()) {
+        return 0;
+    }
+    const auto uptime = snapshot.clock.steady - snapshot.phases.front().at;
+    return std::chrono::duration_cast<std::chrono::milliseconds>(uptime).count();
+}
+
 void WriteDaemon(JsonWriter& json, const Snapshot& snapshot) {
     json.OpenObject("daemon");
     json.Member("version", snapshot.daemon.version);
     json.Member("pid", snapshot.pid);
     json.Member("config", snapshot.daemon.config);
+    json.Member("config_error", snapshot.configError);
     json.Member("quick_start", snapshot.daemon.isQuickStart);
     json.Member("phase", snapshot.phases.empty() ? "" : NameOf(snapshot.phases.back().phase));
     json.OpenArray("phases");
@@ -36,6 +47,7 @@ void WriteDaemon(JsonWriter& json, const Snapshot& snapshot) {
         json.CloseObject();
     }
     json.CloseArray();
+    json.Member("uptime_ms", UptimeMs(snapshot));
     json.Member("cpu_ms", snapshot.usage.cpuMs);
     json.Member("rss_kib", snapshot.usage.rssKib);
     json.Member("threads", snapshot.usage.threads);

@@ -48,6 +48,7 @@ void WriteTimes(JsonWriter& json, const App::HistoryValues& history, bool isServ
     json.Member("running_ns", Nanoseconds(history.running));
     json.Member("ready_ns", Nanoseconds(history.ready));
     json.Member("ended_ns", Nanoseconds(history.lastExit.at));
+    json.Member("changed_ns", Nanoseconds(history.changed));
     json.CloseObject();
     json.Key("boot");
     if (!isService) {
@@ -113,7 +114,7 @@ void WriteEntry(JsonWriter& json, const Snapshot& snapshot, const Entry& entry,
     json.Member("why", texts.why);
     json.Member("next", texts.next);
     json.Member("settled", IsSettled(texts.next));
-    json.Member("start_failed", app.history.refusal != App::StartRefusal::NONE);
+    json.Member("start_failed", app.history.HasFailedStart());
     WriteTimes(json, app.history, isService);
     WriteGroups(json, facts);
     json.Member("cpu_ms", entry.usage.cpuMs);

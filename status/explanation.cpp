@@ -29,22 +29,36 @@ std::string WhyEnded(const AppView& app) {
     if (exit.pid == 0) {
         return "";
     }
+    if (exit.fault.step != App::ChildFault::Step::NONE) {
+        return DescribeChildFault(exit.fault, *app.facts);
+    }
     if (!exit.cause) {
         return DescribeExit(exit.status);
     }
-    return *exit.cause == ChangeReason::REPORTED ? "has ended as it had reported"
+    return *exit.cause == ChangeReason::REPORTED ? "has ended, as it had announced"
                                                  : "was stopped on request";
+}
+
+// An application that has had no process yet.
+std::string WhyNoProcess(const AppView& app) {
+    if (app.history.refusal != StartRefusal::NONE) {
+        return WhyRefused(app);
+    }
+    if (app.isInList) {
+        return "is being started";
+    }
+    return app.history.waiting == SteadyTime() ? "its start has not been requested"
+                                               : "could not be started: see the log";
 }
 
 }  // namespace
 
 Explanation::Explanation(const Snapshot& snapshot)
     : snapshot_(snapshot),
+      outlook_(snapshot.services),
       isStopping_(!snapshot.phases.empty() && snapshot.phases.back().phase == Phase::STOPPING) {
-    services_.reserve(snapshot.services.size());
     for (const Entry& entry : snapshot.services) {
         const AppView& app = entry.view.app;
-        services_.emplace(app.facts->name, &app);
         if (awaited_ == nullptr && IsAwaited(app)) {
             awaited_ = &app;
         }
@@ -62,16 +76,19 @@ std::string Explanation::Join(const std::vector<std::string_view>& names) {
     return text;
 }
 
-const AppView* Explanation::Find(std::string_view name) const {
-    const auto found = services_.find(name);
-    return found == services_.end() ? nullptr : found->second;
+std::string Explanation::FindLost(const AppView& app) const {
+    const auto& depends = app.facts->depends;
+    const auto lost = std::find_if(depends.begin(), depends.end(), [this](const std::string& name) {
+        return !outlook_.WillRun(name);
+    });
+    return lost == depends.end() ? std::string() : *lost;
 }
 
 std::vector<std::string_view> Explanation::GetUnmet(const AppView& app) const {
     std::vector<std::string_view> unmet;
     for (const std::string& name : app.facts->depends) {
-        const AppView* depend = Find(name);
-        if (depend == nullptr || depend->pid == 0 || IsAwaited(*depend)) {
+        const ServiceView* depend = outlook_.Find(name);
+        if (depend == nullptr || depend->app.pid == 0 || IsAwaited(depend->app)) {
             unmet.push_back(name);
         }
     }
@@ -87,13 +104,22 @@ std::string Explanation::WhyApplication(const Entry& application) const {
     return WhyChanging(application.view.app);
 }
 
+std::string Explanation::WhyWaiting(const AppView& app) const {
+    const std::string lost = FindLost(app);
+    if (!lost.empty()) {
+        const bool isKnown = outlook_.Find(lost) != nullptr;
+        return "waits for its turn; " + lost + ", which it depends on, " +
+               (isKnown ? "will not run" : "is not known");
+    }
+    const std::vector<std::string_view> unmet = GetUnmet(app);
+    return unmet.empty() ? "waits for its turn" : "waits for " + Join(unmet);
+}
+
 std::string Explanation::WhyNotStarted(const ServiceView& service) const {
-    constexpr const char* TOO_LATE = "start-up has ended before its turn";
+    constexpr const char* TOO_LATE = "start-up was stopped before its turn";
     switch (service.verdict) {
-        case StartVerdict::WAITING: {
-            const std::vector<std::string_view> unmet = GetUnmet(service.app);
-            return unmet.empty() ? "waits for its turn" : "waits for " + Join(unmet);
-        }
+        case StartVerdict::WAITING:
+            return WhyWaiting(service.app);
         case StartVerdict::RELEASED:
             if (service.app.history.refusal != StartRefusal::NONE) {
                 return WhyRefused(service.app);
@@ -105,7 +131,7 @@ std::string Explanation::WhyNotStarted(const ServiceView& service) const {
             return "is in a dependency cycle";
         case StartVerdict::DEPENDENCY:
             return (service.blocker.empty() ? "a service" : service.blocker) +
-                   ", which it depends on, did not start";
+                   ", which it depends on, does not run";
         case StartVerdict::ABANDONED:
             return TOO_LATE;
     }
@@ -131,7 +157,7 @@ std::string Explanation::WhyChanging(const AppView& app) const {
         case TERMINATED:
             return app.history.refusal == StartRefusal::NONE ? WhyEnded(app) : WhyRefused(app);
         default:
-            return app.history.refusal == StartRefusal::NONE ? "is being started" : WhyRefused(app);
+            return WhyNoProcess(app);
     }
 }
 

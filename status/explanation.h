@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "status/snapshot.h"
+#include "status/start_outlook.h"
 
 namespace ProcMgr::Status {
 
@@ -30,6 +30,7 @@ public:
 
 private:
     std::string WhyNotStarted(const ServiceView& service) const;
+    std::string WhyWaiting(const App::AppView& app) const;
     std::string WhyChanging(const App::AppView& app) const;
     std::string NextOfUnstarted(const ServiceView& service) const;
     std::string NextWaiting(const App::AppView& app) const;
@@ -39,12 +40,13 @@ private:
     static std::string Join(const std::vector<std::string_view>& names);
     // The dependencies that do not run yet.
     std::vector<std::string_view> GetUnmet(const App::AppView& app) const;
-    const App::AppView* Find(std::string_view name) const;
+    // The first dependency that will not run; empty without one.
+    std::string FindLost(const App::AppView& app) const;
     // How long the time-out of the termination still lasts; 0 when it is over.
     int64_t MillisecondsLeft(const App::AppView& app) const;
 
     const Snapshot& snapshot_;
-    std::unordered_map<std::string_view, const App::AppView*> services_;
+    const StartOutlook outlook_;
     // The service that start-up waits for now; null without one.
     const App::AppView* awaited_ = nullptr;
     bool isStopping_ = false;

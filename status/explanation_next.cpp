@@ -12,6 +12,9 @@ using App::AppView;
 using App::ChangeReason;
 using App::StartRefusal;
 
+constexpr const char* EXIT_HANDLED = "its exit will be handled";
+constexpr const char* FOUND_RUNNING = "will be found running";
+
 // Added to what the next check pass does.
 std::string Soon(const std::string& text) {
     return text + " within 30 ms";
@@ -33,12 +36,12 @@ std::string Explanation::NextOfService(const Entry& service) const {
     }
     switch (app.state) {
         case RUNNING:
-            return isLive ? "nothing, it runs" : Soon("its end is handled");
+            return isLive ? "nothing, it runs" : Soon(EXIT_HANDLED);
         case STARTING:
             if (!isLive) {
-                return Soon("its end is handled");
+                return Soon(EXIT_HANDLED);
             }
-            return app.facts->isReporting ? "is RUNNING when it reports" : Soon("is found running");
+            return app.facts->isReporting ? "will be RUNNING when it reports" : Soon(FOUND_RUNNING);
         case TERMINATING:
             return NextOfTerminating(app, MillisecondsLeft(app) == 0);
         case TERMINATED:
@@ -53,23 +56,26 @@ std::string Explanation::NextOfUnstarted(const ServiceView& service) const {
         return NextWaiting(service.app);
     }
     if (service.verdict != StartVerdict::RELEASED) {
-        return "nothing, it is not started any more";
+        return "nothing, it will not be started";
     }
     return service.app.history.refusal == StartRefusal::NONE
-               ? "is started now"
+               ? "is being started"
                : "nothing, the first start is not repeated";
 }
 
 std::string Explanation::NextWaiting(const AppView& app) const {
+    if (const std::string lost = FindLost(app); !lost.empty()) {
+        return "nothing, it will be refused in its turn: " + lost + " does not run";
+    }
     const std::vector<std::string_view> unmet = GetUnmet(app);
     if (unmet.empty()) {
+        const std::string inTurn = "will be started in its turn";
         return awaited_ == nullptr
-                   ? "is started in its turn"
-                   : "is started in its turn, after " + awaited_->facts->name + " reports RUNNING";
+                   ? inTurn
+                   : inTurn + ", after " + awaited_->facts->name + " reports RUNNING";
     }
-    const AppView* only = unmet.size() == 1 ? Find(unmet.front()) : nullptr;
-    const bool isReport = only != nullptr && only->facts->isReporting;
-    return "is started when " + Join(unmet) +
+    const bool isReport = unmet.size() == 1 && outlook_.Find(unmet.front())->app.facts->isReporting;
+    return "will be started when " + Join(unmet) +
            (isReport            ? " reports RUNNING"
             : unmet.size() == 1 ? " runs"
                                 : " run");
@@ -77,20 +83,20 @@ std::string Explanation::NextWaiting(const AppView& app) const {
 
 std::string Explanation::NextOfEnded(const AppView& app) const {
     if (app.isInList && app.isLaunching) {
-        return "is restarted now";
+        return "is being restarted";
     }
     if (app.isInList && app.mayRestart) {
-        return Soon("is restarted");
+        return Soon("will be restarted");
     }
     if (app.facts->policy == RESTART_ON_FAILURE) {
-        return "nothing, after five restarts within a minute the policy on-failure gives up";
+        return "nothing, the policy on-failure gave up after five attempts within a minute";
     }
     return "nothing, the policy is " + app.facts->policy;
 }
 
 std::string Explanation::NextOfTerminating(const AppView& app, bool isKillSent) const {
     if (app.pid == 0) {
-        return Soon("its end is handled");
+        return Soon(EXIT_HANDLED);
     }
     if (app.history.changeReason == ChangeReason::REPORTED) {
         return "nothing until it ends";
@@ -100,37 +106,39 @@ std::string Explanation::NextOfTerminating(const AppView& app, bool isKillSent) 
     }
     const std::string left = std::to_string(MillisecondsLeft(app));
     return app.isKilled ? "SIGKILL in " + left + " ms unless it ends"
-                        : "counts as RUNNING again in " + left + " ms unless it ends";
+                        : "will count as RUNNING again in " + left + " ms unless it ends";
 }
 
 std::string Explanation::NextOfRestarting(const AppView& app) const {
     if (app.isRestartStarted) {
-        return Soon("is found running");
+        return Soon(FOUND_RUNNING);
     }
     if (app.pid == 0) {
-        return Soon("its new process is started");
+        return Soon("its new process will be started");
     }
-    return app.isKillSent ? "its new process is started when the old one has ended"
+    return app.isKillSent ? "its new process will be started when the old one has ended"
                           : "SIGKILL in " + std::to_string(MillisecondsLeft(app)) +
-                                " ms unless it ends, then its new process is started";
+                                " ms unless it ends, then its new process will be started";
 }
 
 std::string Explanation::NextOfApplication(const Entry& application) const {
     const AppView& app = application.view.app;
     const bool isLive = app.pid > 0;
+    const bool isGone = app.state == INITSTATE || app.state == TERMINATED;
+    if (isStopping_ && isGone) {
+        return "nothing, the daemon stops";
+    }
     switch (app.state) {
         case RUNNING:
-            return isLive ? "nothing, it runs" : Soon("its end is handled");
+            return isLive ? "nothing, it runs" : Soon(EXIT_HANDLED);
         case STARTING:
-            return Soon(isLive ? "is found running" : "its end is handled");
+            return Soon(isLive ? FOUND_RUNNING : EXIT_HANDLED);
         case TERMINATING:
             return NextOfTerminating(app, app.isKillSent);
         case RESTARTING:
             return NextOfRestarting(app);
-        case TERMINATED:
-            return "nothing, its owner decides";
         default:
-            return "is started now";
+            return app.isLaunching ? "is being started" : "nothing, its owner decides";
     }
 }
 

@@ -116,6 +116,7 @@ Snapshot TakeSnapshot(const Sources& sources, const OutputSource& output, const 
     snapshot.daemon = daemon;
     snapshot.onlyName = onlyName;
     snapshot.pid = ProcMgrEnv::GetInstance().GetPid();
+    snapshot.configError = sources.services.GetConfigError();
     snapshot.services = ServicesOf(sources.services);
     snapshot.applications = ApplicationsOf(sources.applications);
     snapshot.pipes = PipesOf(sources.pipes, sources.sender);

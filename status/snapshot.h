@@ -74,13 +74,14 @@ struct ClockPair {
 struct Snapshot {
     ClockPair clock;
     DaemonFacts daemon;
+    std::string configError;  // why the base file was refused; empty when it was not
     int32_t pid = 0;
     std::vector<StartupPhases::Entered> phases;
     ProcessUsage usage;  // of the daemon
     uint64_t logLinesDropped = 0;
     Counters counters;
     std::vector<Entry> services;      // all, in the order of the base file
-    std::vector<Entry> applications;  // all with a record, by name
+    std::vector<Entry> applications;  // by name, also those that have ended
     std::vector<PipeEntry> pipes;
     std::vector<App::SensorNodeEventReporter::FaultView> faults;
     std::vector<App::ChangeLog::Entry> events;

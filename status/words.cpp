@@ -6,6 +6,7 @@
 #include <array>
 #include <csignal>
 #include <cstddef>
+#include <system_error>
 
 #include "app/app_facts.h"
 #include "app/sensor_node_event_reporter.h"
@@ -14,6 +15,7 @@ namespace ProcMgr::Status {
 namespace {
 
 using App::ChangeReason;
+using App::ChildFault;
 using App::StartRefusal;
 
 constexpr std::array REASONS = {"started",        "found running", "reported",       "termination",
@@ -47,6 +49,14 @@ std::string DescribeSignal(int signal) {
     return row == SIGNALS.end() ? number : number + " (" + row->name + ")";
 }
 
+std::string DescribeError(int32_t error) {
+    return std::generic_category().message(error) + " (errno " + std::to_string(error) + ")";
+}
+
+std::string NoUser(const App::AppFacts& facts) {
+    return "the user database does not have user " + std::to_string(facts.uid);
+}
+
 }  // namespace
 
 std::string DescribeExit(int32_t status) {
@@ -70,12 +80,35 @@ std::string DescribeRefusal(StartRefusal refusal, const App::AppFacts& facts) {
             return "there is no program " + facts.execPath;
         case StartRefusal::NOT_EXECUTABLE:
             return "user " + std::to_string(facts.uid) + " may not execute " + facts.execPath;
+        case StartRefusal::NO_USER:
+            return NoUser(facts);
         case StartRefusal::MODIFIED:
             return facts.execPath + " does not have the digest of the hash file";
         case StartRefusal::CORES:
             return "its cores cannot be used";
         case StartRefusal::NO_PROCESS:
             return "the kernel gives no process";
+    }
+    return "";
+}
+
+std::string DescribeChildFault(const ChildFault& fault, const App::AppFacts& facts) {
+    const std::string failed = "set-up failed: ";
+    switch (fault.step) {
+        case ChildFault::Step::NONE:
+            break;
+        case ChildFault::Step::NO_USER:
+            return failed + NoUser(facts);
+        case ChildFault::Step::GROUPS:
+            return failed + "the groups of user " + std::to_string(facts.uid) + " cannot be used";
+        case ChildFault::Step::SETGROUPS:
+            return failed + "setgroups: " + DescribeError(fault.error);
+        case ChildFault::Step::SETGID:
+            return failed + "setgid: " + DescribeError(fault.error);
+        case ChildFault::Step::SETUID:
+            return failed + "setuid: " + DescribeError(fault.error);
+        case ChildFault::Step::EXECUTE:
+            return "could not be executed: " + DescribeError(fault.error);
     }
     return "";
 }

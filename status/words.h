@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "app/child_fault.h"
 #include "app/start_refusal.h"
 #include "app/state_change.h"
 
@@ -19,6 +20,9 @@ std::string DescribeExit(int32_t status);
 
 // Why a start has been refused, with the values that have been refused.
 std::string DescribeRefusal(App::StartRefusal refusal, const App::AppFacts& facts);
+
+// Why a child has ended without executing its program.
+std::string DescribeChildFault(const App::ChildFault& fault, const App::AppFacts& facts);
 
 // "started", "found running", ...
 const char* NameOf(App::ChangeReason reason);

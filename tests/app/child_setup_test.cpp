@@ -70,6 +70,7 @@ protected:
         plan.environment = MakeChildEnvironment(plan);
         ChildContext child(std::move(plan), BindCount::GetInstance());
         child.output = output;
+        child.fault = fault_;
         try {
             RunChild(child);
         } catch (const Fakes::ChildExecuted&) {
@@ -79,12 +80,18 @@ protected:
         }
     }
 
+    // What the last children have left.
+    static ChildFault Fault() { return fault_->Read(); }
+
     // The calls that begin with `prefix`.
     static std::vector<std::string> Calls(const std::string& prefix) {
         auto calls = FakeSys::Get().Calls();
         std::erase_if(calls, [&](const auto& call) { return !call.starts_with(prefix); });
         return calls;
     }
+
+private:
+    inline static const auto fault_ = std::make_shared<ChildFaultNote>();
 };
 
 TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
@@ -232,16 +239,17 @@ TEST_F(ChildSetupTest, FailuresAreReportedInOneWriteAndTheProgramStillRuns) {
 
 TEST_F(ChildSetupTest, AChildWithoutItsIdentityRunsNoProgram) {
     using Result = UserGroups::Result;
-    const std::tuple<Result, std::string, std::string, std::string> cases[] = {
-        {Result::NO_USER, "nothing", "getpwuid is null;", "join /cpu/tasks 4711"},
+    using Step = ChildFault::Step;
+    const std::tuple<Result, std::string, std::string, std::string, Step> cases[] = {
+        {Result::NO_USER, "nothing", "getpwuid is null;", "join /cpu/tasks 4711", Step::NO_USER},
         {Result::NOT_WIPED, "nothing", "SetGroups memset_s failed error=34;",
-         "join /cpu/tasks 4711"},
-        {Result::TOO_MANY, "nothing", "", "join /cpu/tasks 4711"},
-        {Result::FOUND, "setgroups", "", "setgroups 7,30"},
-        {Result::FOUND, "setgid", "SetAppGid=7 failed error=1;", "setgid 7"},
-        {Result::FOUND, "setuid", "SetAppUid=8,failed error=1;", "setuid 8"},
+         "join /cpu/tasks 4711", Step::GROUPS},
+        {Result::TOO_MANY, "nothing", "", "join /cpu/tasks 4711", Step::GROUPS},
+        {Result::FOUND, "setgroups", "", "setgroups 7,30", Step::SETGROUPS},
+        {Result::FOUND, "setgid", "SetAppGid=7 failed error=1;", "setgid 7", Step::SETGID},
+        {Result::FOUND, "setuid", "SetAppUid=8,failed error=1;", "setuid 8", Step::SETUID},
     };
-    for (const auto& [groups, failing, text, lastCall] : cases) {
+    for (const auto& [groups, failing, text, lastCall, step] : cases) {
         FakeSys::Get().Reset();
         FakeSys::Get().Fail(failing, EPERM);
         FakeSys::Get().Fail("getrlimit", EPERM);
@@ -249,6 +257,8 @@ TEST_F(ChildSetupTest, AChildWithoutItsIdentityRunsNoProgram) {
         plan.userGroups.result = groups;
         plan.userGroups.error = 34;
         EXPECT_EQ(Run(std::move(plan)), 1) << failing;
+        EXPECT_EQ(Fault().step, step);
+        EXPECT_EQ(Fault().error, groups == Result::FOUND ? EPERM : 34);
         const std::vector end = {lastCall, PREFIX + "getrlimit failed,errno=1;" + text,
                                  std::string("_exit 1")};
         const auto calls = FakeSys::Get().StepCalls();
@@ -271,6 +281,8 @@ TEST_F(ChildSetupTest, ExecFailureReplacesTheTextAndDecidesTheExitCode) {
         // A report that fails changes errno, but not the exit code.
         FakeSys::Get().Fail("write", error == EIO ? EAGAIN : EIO);
         EXPECT_EQ(Run(FullPlan(AppKind::BASE)), status);
+        EXPECT_EQ(Fault().step, ChildFault::Step::EXECUTE);
+        EXPECT_EQ(Fault().error, error);
         const std::vector writes = {
             PREFIX + "SetHomeEnvVariableOfSpecificUser failed homeEnvValue=/home/x, errno=12;",
             PREFIX + "execv failed, execPath_=/bin/svc, errno=" + std::to_string(error) + ";"};

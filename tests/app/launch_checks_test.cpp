@@ -69,6 +69,7 @@ TEST_F(LaunchChecks, ArgumentsAndAbsentPrograms) {
 }
 
 TEST_F(LaunchChecks, Permissions) {
+    constexpr uint32_t UNKNOWN = 7777;
     const struct {
         uint32_t uid;
         mode_t mode;
@@ -84,7 +85,7 @@ TEST_F(LaunchChecks, Permissions) {
         {1004, 0010, FILE_GROUP, ""},
         {1003, 0777, FILE_GROUP, " uid=1001, gid=2000"},
         {1003, 0010, 0, ""},  // fewer than 128 groups: the user counts as a member of group 0
-        {7777, 0010, 0, " uid=1001, gid=0"},
+        {UNKNOWN, 0010, 0, " uid=1001, gid=0"},
         {1127, 0010, 3126, ""},
         {1127, 0010, 3127, " uid=1001, gid=3127"},
         {1128, 0010, 3127, ""},
@@ -98,7 +99,9 @@ TEST_F(LaunchChecks, Permissions) {
             UserGroupsCache users;
             LogCapture::Clear();
             EXPECT_EQ(CheckChildProParas("svc", PROGRAM, uid, {}, users),
-                      refusal.empty() ? StartRefusal::NONE : StartRefusal::NOT_EXECUTABLE)
+                      refusal.empty()  ? StartRefusal::NONE
+                      : uid == UNKNOWN ? StartRefusal::NO_USER
+                                       : StartRefusal::NOT_EXECUTABLE)
                 << uid;
             const std::string who = uid == 0 ? " is root" : "=" + std::to_string(uid);
             EXPECT_EQ(LogCapture::Contains(LOG_ERR, "PROCMGR : Start App=svc failed, cfg uid" +

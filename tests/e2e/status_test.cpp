@@ -66,8 +66,9 @@ private:
 
 class Status : public E2e {
 protected:
+    static void SwitchOn() { BindFile("status: {enable: true, group: svc}\n", SETTINGS); }
     // Boots until zornmgr is waited for.
-    void BootEight() {
+    void BootNine() {
         Boot(Reporter("zornmgr", "await, " + In("go") + ", ") +
              Entry("late", "ignore-term, touch, " + In("late") + ", stay",
                    "depends: [zornmgr], term_timeout: 2000, uid: 1000, gid: 1000") +
@@ -75,7 +76,8 @@ protected:
              Entry("loops", "exit, 4", "restart: on-failure, depends: [late]") +
              "  - {name: missing, bin: /run/e2e/nothing}\n" +
              Entry("after", "stay", "depends: [missing]") + Entry("one", "stay", "depends: [two]") +
-             Entry("two", "stay", "depends: [one]") + "applications:\n" +
+             Entry("two", "stay", "depends: [one]") +
+             Entry("last", "stay", "depends: [fails, late]") + "applications:\n" +
              App("prio", ", startup_priority: 1"));
         ASSERT_TRUE(WaitForLine("waiting for baseApp=zornmgr"));
         ASSERT_TRUE(WaitForLine("Process fails removed from the list"));
@@ -86,6 +88,13 @@ protected:
         ASSERT_TRUE(WaitForLine(START_UP_END));
         ASSERT_TRUE(WaitForLine("Process loops removed from the list"));
         ASSERT_TRUE(WaitForFile("late"));
+    }
+    static bool DoChildrenShareMemory() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        return false;
+#else
+        return ReadFile("/proc/sys/fs/suid_dumpable").starts_with("0");
+#endif
     }
     // What a process of this user, group and supplementary group gets: "0" for a document, else
     // the errno of the connect.
@@ -108,18 +117,23 @@ TEST_F(Status, IsOffUnlessTheSettingsSwitchItOn) {
 }
 
 TEST_F(Status, ShowsAStartUpThatWaits) {
-    BindFile("status: {enable: true, group: svc}\n", SETTINGS);
-    BootEight();
+    SwitchOn();
+    BootNine();
     const Answer answer("status");
     EXPECT_EQ(answer["version"], "1");
     EXPECT_EQ(answer["daemon.phase"], "base-services");
-    EXPECT_EQ(answer["daemon.config"], BASE_YAML);
-    EXPECT_EQ(answer["services.#"], "8");
+    EXPECT_EQ(answer["daemon.config"] + answer["daemon.config_error"], BASE_YAML);
+    EXPECT_EQ(answer["services.#"], "9");
     EXPECT_EQ(answer["services.2.name"], "fails");
     EXPECT_EQ(answer.WhyAndNext("zornmgr"),
-              "waits for its own report | is RUNNING when it reports");
+              "waits for its own report | will be RUNNING when it reports");
     EXPECT_EQ(answer.WhyAndNext("late"),
-              "waits for zornmgr | is started when zornmgr reports RUNNING");
+              "waits for zornmgr | will be started when zornmgr reports RUNNING");
+    EXPECT_EQ(answer.WhyAndNext("last"),
+              "waits for its turn; fails, which it depends on, will not run | "
+              "nothing, it will be refused in its turn: fails does not run");
+    EXPECT_EQ(answer.WhyAndNext("one"),
+              "is in a dependency cycle | nothing, it will not be started");
     EXPECT_EQ(answer.WhyAndNext("fails"), "exited with status 3 | nothing, the policy is no");
     EXPECT_EQ(answer.Of("fails", "state"), "TERMINATED");
     EXPECT_EQ(answer.Of("fails", "last_exit.status"), std::to_string(3 << 8));
@@ -130,8 +144,8 @@ TEST_F(Status, ShowsAStartUpThatWaits) {
 }
 
 TEST_F(Status, ShowsWhatHasBecomeOfEachService) {
-    BindFile("status: {enable: true, group: svc}\n", SETTINGS);
-    BootEight();
+    SwitchOn();
+    BootNine();
     GoOn();
     const Answer answer("status");
     EXPECT_EQ(answer["daemon.phase"], "running");
@@ -143,16 +157,16 @@ TEST_F(Status, ShowsWhatHasBecomeOfEachService) {
     EXPECT_GT(answer.NumberOf("late", "rss_kib"), 0);
     EXPECT_EQ(answer.NumberOf("late", "threads"), 1);
     EXPECT_EQ(answer.WhyAndNext("loops"),
-              "exited with status 4 | nothing: five restarts within a minute, policy on-failure "
-              "gave up");
+              "exited with status 4 | "
+              "nothing, the policy on-failure gave up after five attempts within a minute");
     EXPECT_EQ(answer.Of("loops", "starts") + answer.Of("loops", "restarts_in_last_minute"), "65");
     EXPECT_EQ(answer.WhyAndNext("missing"),
               "could not be started: there is no program /run/e2e/nothing | "
               "nothing, the first start is not repeated");
     EXPECT_EQ(answer.WhyAndNext("after"),
-              "missing, which it depends on, did not start | nothing, it is not started any more");
+              "missing, which it depends on, does not run | nothing, it will not be started");
     EXPECT_EQ(answer.WhyAndNext("one"),
-              "is in a dependency cycle | nothing, it is not started any more");
+              "is in a dependency cycle | nothing, it will not be started");
     EXPECT_LE(answer.NumberOf("late", "boot.waiting_ns"),
               answer.NumberOf("late", "boot.released_ns"));
     EXPECT_LE(answer.NumberOf("late", "boot.released_ns"),
@@ -180,9 +194,64 @@ TEST_F(Status, ShowsWhatHasBecomeOfEachService) {
     EXPECT_EQ(later["services"], "-");
 }
 
+TEST_F(Status, ShowsApplicationsThatDoNotRun) {
+    SwitchOn();
+    BootWhole(Entry("svc") + "applications:\n" +
+              Entry("ends", "say, 1, last words, exit, 3", "startup_priority: 1, output: syslog") +
+              "  - {name: absent, bin: /run/e2e/nothing, startup_priority: 2}\n" + App("later") +
+              App("runs", ", startup_priority: 3"));
+    ASSERT_TRUE(WaitForLine("Process ends removed from the list of generalAppMap_"));
+    const Answer answer("status");
+    std::string names;
+    for (int i = 0; i < 4; ++i) {
+        names += answer["applications." + std::to_string(i) + ".name"] + " ";
+    }
+    EXPECT_EQ(names, "absent ends later runs ");
+    EXPECT_EQ(answer["applications.#"], "4");
+    EXPECT_EQ(answer.WhyAndNext("ends"), "exited with status 3 | nothing, its owner decides");
+    EXPECT_EQ(answer.Of("ends", "state") + answer.Of("ends", "pid"), "TERMINATED0");
+    EXPECT_EQ(answer.Of("ends", "starts") + answer.Of("ends", "owner"), "1zornmgr");
+    EXPECT_EQ(answer.NumberOf("ends", "last_exit.status"), 3 << 8);
+    EXPECT_GE(answer.NumberOf("ends", "times.changed_ns"),
+              answer.NumberOf("ends", "times.ended_ns"));
+    EXPECT_EQ(answer.WhyAndNext("absent"),
+              "could not be started: there is no program /run/e2e/nothing | "
+              "nothing, its owner decides");
+    EXPECT_EQ(answer.Of("absent", "start_failed") + answer.Of("ends", "start_failed"), "truefalse");
+    EXPECT_EQ(answer.WhyAndNext("later"),
+              "its start has not been requested | nothing, its owner decides");
+    EXPECT_EQ(answer.Of("later", "state") + answer.Of("later", "starts"), "INITSTATE0");
+    EXPECT_TRUE(WaitUntil(
+        [] { return Answer("status ends")["applications.0.output_tail.0"] == "last words"; }));
+}
+
+TEST_F(Status, TellsAProgramThatCannotBeExecutedFromOneThatEnds) {
+    SwitchOn();
+    WriteFile(In("broken"), "no program", 0755);
+    BootWhole("  - {name: broken, bin: /run/e2e/broken}\n" + Entry("ends", "exit, 1"));
+    ASSERT_TRUE(WaitForLine("Process broken removed from the list"));
+    ASSERT_TRUE(WaitForLine("Process ends removed from the list"));
+    const Answer answer("status");
+    EXPECT_EQ(answer.Of("ends", "why") + answer.Of("ends", "start_failed"),
+              "exited with status 1false");
+    EXPECT_EQ(answer.NumberOf("broken", "last_exit.status"), 1 << 8);
+    EXPECT_EQ(answer.Of("broken", "why") + answer.Of("broken", "start_failed"),
+              DoChildrenShareMemory() ? "could not be executed: Exec format error (errno 8)true"
+                                      : "exited with status 1false");
+}
+
+TEST_F(Status, NamesTheFaultOfABaseFileThatIsRefused) {
+    SwitchOn();
+    Boot(Entry("a") + "  - name: b\n");
+    ASSERT_TRUE(WaitForLine("PROCMGR : ParseYamlFile failed, ProcMgr return"));
+    EXPECT_TRUE(WaitUntil([] { return Answer("status")["daemon.phase"] == "running"; }));
+    EXPECT_EQ(Answer("status")["daemon.config_error"],
+              std::string(BASE_YAML) + ":3: key 'bin': missing in the entry 'b'");
+}
+
 TEST_F(Status, TheGroupMayAskAndTheStopIsShown) {
-    BindFile("status: {enable: true, group: svc}\n", SETTINGS);
-    BootEight();
+    SwitchOn();
+    BootNine();
     GoOn();
     EXPECT_EQ(AnswerTo(65534, 1000, 65534), 0);
     EXPECT_EQ(AnswerTo(65534, 65534, 1000), 0);

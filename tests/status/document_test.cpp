@@ -66,6 +66,7 @@ Snapshot Example() {
     Snapshot snapshot;
     snapshot.clock = {At(40'000'000'000), 1'700'000'000'000'000'001};
     snapshot.daemon = {"1.0.0", "/etc/base.yaml", false};
+    snapshot.configError = "a \"b\"";
     snapshot.pid = 77;
     snapshot.phases = {{Phase::MAIN, At(10)}, {Phase::RUNNING, At(20)}};
     snapshot.usage = {250, 9000, 8};
@@ -95,7 +96,7 @@ const std::string COLLECTOR =
     R"("text":"killed by signal 11 (SIGSEGV), core dumped","at_ns":29,"expected":false},)"
     R"("why":"","next":"nothing, it runs","settled":true,"start_failed":false,)"
     R"("times":{"waiting_ns":1,"started_ns":30,"running_ns":31,)"
-    R"("ready_ns":32,"ended_ns":29},"boot":{"waiting_ns":1,"released_ns":2,"started_ns":3,)"
+    R"("ready_ns":32,"ended_ns":29,"changed_ns":0},"boot":{"waiting_ns":1,"released_ns":2,"started_ns":3,)"
     R"("running_ns":4},"groups":{"cpu":"OTHER","cpuset":"CtrlCPU","blkio":"slow",)"
     R"("other":{"memory":"/x"}},"cores":[1,3],"cpu_ms":120,"rss_kib":2048,"threads":3,)"
     R"("output":"file:/var/log/c.log")";
@@ -107,16 +108,17 @@ const std::string WORKER =
     R"("restarts_in_last_minute":0,"last_exit":null,"why":"is being stopped on request",)"
     R"("next":"SIGKILL in 1200 ms unless it ends","settled":false,"start_failed":false,)"
     R"("times":{"waiting_ns":0,"started_ns":0,)"
-    R"("running_ns":0,"ready_ns":0,"ended_ns":0},"boot":null,"groups":{"cpu":"","cpuset":"",)"
+    R"("running_ns":0,"ready_ns":0,"ended_ns":0,"changed_ns":39700000000},"boot":null,"groups":{"cpu":"","cpuset":"",)"
     R"("blkio":"","other":{}},"cores":[],"cpu_ms":0,"rss_kib":0,"threads":0,)"
     R"("output":"inherit"})";
 const std::string HEAD =
     R"({"version":1,"clock":{"monotonic_ns":40000000000,"realtime_ns":1700000000000000001},)";
 const std::string BEFORE_SERVICES =
     HEAD +
-    R"("daemon":{"version":"1.0.0","pid":77,"config":"/etc/base.yaml","quick_start":false,)"
+    R"("daemon":{"version":"1.0.0","pid":77,"config":"/etc/base.yaml","config_error":"a \"b\"",)"
+    R"("quick_start":false,)"
     R"("phase":"running","phases":[{"name":"main","at_ns":10},{"name":"running","at_ns":20}],)"
-    R"("cpu_ms":250,"rss_kib":9000,"threads":8,"log_lines_dropped":6},)"
+    R"("uptime_ms":39999,"cpu_ms":250,"rss_kib":9000,"threads":8,"log_lines_dropped":6},)"
     R"("counters":{"starts":5,"start_failures":1,"exits":4,"unknown_exits":2,)"
     R"("state_changes":17,"status_requests":3,"status_clients_refused":11,)"
     R"("status_clients_dropped":13,"output_lines_dropped":9},"services":[)";

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <limits>
 
 #include "app/history_table.h"
@@ -83,6 +84,7 @@ TEST(AppHistoryTest, RemembersTheFirstStartAndTheLastExit) {
     EXPECT_EQ(history.GetValues().running, SteadyTime());
     EXPECT_EQ(history.GetValues().ready, SteadyTime());
     EXPECT_EQ(history.GetValues().refusal, App::StartRefusal::NONE);
+    EXPECT_FALSE(history.GetValues().HasFailedStart());
     history.NoteChange(FOUND, 2, 0);
     history.NoteChange({RUNNING, TERMINATING, ChangeReason::REPORTED}, 2, 0);
     history.NoteExit(2, 0, At(22));
@@ -100,6 +102,29 @@ TEST(AppHistoryTest, RemembersTheFirstStartAndTheLastExit) {
     EXPECT_EQ(log.GetCounters().exits, 2U);
 }
 
+// As the launcher does it, with a child that shares the memory.
+TEST(AppHistoryTest, KeepsWhyAProcessHasNotExecutedItsProgram) {
+    ChangeLog log;
+    auto history = std::make_shared<AppHistory>(
+        AppKind::BASE, Service(Manifest("svc"), INITSTATE).view.app.facts, log);
+    auto note = AppHistory::TakeFaultNote(history);
+    note->Write(App::ChildFault::Step::EXECUTE, ENOEXEC);  // it may be faster than its parent
+    history->NoteStart(At(1));
+    history->NoteExit(7, 1 << 8, At(2));
+    const App::ChildFault fault = history->GetValues().lastExit.fault;
+    EXPECT_EQ(fault.step, App::ChildFault::Step::EXECUTE);
+    EXPECT_EQ(fault.error, ENOEXEC);
+    EXPECT_TRUE(history->GetValues().HasFailedStart());
+    note = AppHistory::TakeFaultNote(history);
+    history->NoteStart(At(3));
+    EXPECT_FALSE(history->GetValues().HasFailedStart()) << "the next process";
+    history->NoteExit(8, 1 << 8, At(4));
+    EXPECT_FALSE(history->GetValues().HasFailedStart());
+    const std::weak_ptr<AppHistory> kept = history;
+    history = nullptr;
+    EXPECT_FALSE(kept.expired()) << "a process may still use its note";
+}
+
 TEST(HistoryTableTest, KeepsAHistoryOverRecordsAndIsBounded) {
     ChangeLog log;
     App::HistoryTable table(log);
@@ -114,10 +139,12 @@ TEST(HistoryTableTest, KeepsAHistoryOverRecordsAndIsBounded) {
     EXPECT_EQ(again->GetValues().starts, 1U);
     EXPECT_EQ(again->GetFacts()->execPath, "/two");
     for (size_t i = 0; i < App::HistoryTable::SIZE; ++i) {
-        take("other" + std::to_string(i), "/x")->NoteStart(At(1));
+        take("other" + std::to_string(i), "/x")->NoteWaiting(At(static_cast<int64_t>(i)));
     }
-    EXPECT_EQ(take("app", "/two"), again) << "a history with a record stays";
-    EXPECT_EQ(take("other0", "/x")->GetValues().starts, 0U);
+    EXPECT_EQ(table.GetAll().size(), App::HistoryTable::SIZE / 2 + 1);
+    EXPECT_EQ(table.GetAll().at("app"), again) << "a history with a record stays";
+    EXPECT_FALSE(table.GetAll().contains("other0"));
+    EXPECT_TRUE(table.GetAll().contains("other1023"));
 }
 
 TEST(BootPlanTest, TellsCyclesFromWhatWaitsForThem) {
@@ -138,15 +165,14 @@ TEST(BootPlanTest, TellsCyclesFromWhatWaitsForThem) {
     add("between", {"a"});
     add("a", {});  // the second of the name
     ASSERT_EQ(plan.GetSize(), 6U);
-    plan.Find("runs")->verdict = StartVerdict::RELEASED;
-    plan.SettleBlocked();
+    plan.SettleBlocked({"a", "b", "self", "after", "between", "unknown"});
     std::vector<StartVerdict> verdicts;
     for (size_t i = 0; i < plan.GetSize(); ++i) {
         verdicts.push_back(plan.Get(i).verdict);
     }
     using enum StartVerdict;
     EXPECT_THAT(verdicts,
-                ElementsAre(RELEASED, IN_CYCLE, IN_CYCLE, IN_CYCLE, DEPENDENCY, DEPENDENCY));
+                ElementsAre(WAITING, IN_CYCLE, IN_CYCLE, IN_CYCLE, DEPENDENCY, DEPENDENCY));
     EXPECT_EQ(plan.Find("after")->blocker, "between");
     EXPECT_EQ(plan.Find("absent"), nullptr);
 }
