@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <exception>
 #include <utility>
 
@@ -24,9 +25,9 @@ constexpr std::chrono::milliseconds EXHAUSTED_PAUSE{100};
 // many.
 constexpr int ACCEPTS_MAX = 32;
 constexpr std::chrono::milliseconds FULL_PAUSE{10};
-// After each turn nobody is accepted for this many times the time that the turn has taken: clients
-// that connect without pause, whatever they ask, cost a quarter of one core at most.
-constexpr int PAUSE_FACTOR = 3;
+// After each turn nobody is accepted for this many times the processor time that it has used:
+// clients that connect without pause, whatever they ask, cost a quarter of one core at most.
+constexpr int PAUSE_FACTOR = 4;
 constexpr std::chrono::milliseconds PAUSE_MAX{250};
 
 // Nothing, with a log line, for an unknown group. Waits for the group database.
@@ -49,6 +50,13 @@ bool OpenAt(Wire::GroupSocket& socket, const std::string& path, std::optional<gi
                    path.c_str(), failed, errno);
     }
     return failed == nullptr;
+}
+
+// The processor time that the calling thread has used.
+std::chrono::nanoseconds ThreadTime() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
 int MillisecondsUntil(SteadyTime time, SteadyTime now) {
@@ -135,8 +143,8 @@ bool StatusServer::Wait() {
     }
     MayWait("a client of the status endpoint");
     const int result = poll(events.data(), FIRST_CLIENT + count, GetTimeout());
+    hasEvents_ = result > 0;
     const SteadyTime now = std::chrono::steady_clock::now();
-    busySince_ = result > 0 ? now : SteadyTime::max();
     if (result <= 0) {
         return false;
     }
@@ -164,11 +172,13 @@ void StatusServer::Accept(SteadyTime now) {
 }
 
 void StatusServer::PauseAccepting() {
-    const SteadyTime end = std::chrono::steady_clock::now();
-    if (busySince_ < end) {
-        const SteadyTime::duration pause = PAUSE_FACTOR * (end - busySince_);
-        acceptFrom_ = std::max(acceptFrom_, end + std::min<SteadyTime::duration>(pause, PAUSE_MAX));
-    }
+    const SteadyTime now = std::chrono::steady_clock::now();
+    const auto used = ThreadTime();
+    // The pauses add up: an answer is sent in several turns that follow each other at once.
+    const SteadyTime paid = std::max(acceptFrom_, now) + PAUSE_FACTOR * (used - used_);
+    // A turn without events ends a pause and begins none.
+    acceptFrom_ = hasEvents_ ? std::min<SteadyTime>(paid, now + PAUSE_MAX) : acceptFrom_;
+    used_ = used;
 }
 
 void StatusServer::Admit(Wire::UniqueFd socket, SteadyTime now) {

@@ -76,9 +76,10 @@ private:
     std::vector<std::unique_ptr<Client>> clients_;  // in the order of their coming
     Document shared_;                               // the last whole document, while it is fresh
     SteadyTime sharedUntil_{};
-    SteadyTime nextMake_{};    // the earliest time for the next document
-    SteadyTime acceptFrom_{};  // no client is accepted before
-    SteadyTime busySince_{};   // the time of the turn counts from here; without events max()
+    SteadyTime nextMake_{};            // the earliest time for the next document
+    SteadyTime acceptFrom_{};          // no client is accepted before
+    bool hasEvents_ = false;           // something has happened in this turn
+    std::chrono::nanoseconds used_{};  // processor time of the thread at the last pause
 
     NamedThread thread_{"status"};  // last: it is joined before the rest is destroyed
 };

@@ -61,9 +61,6 @@ Document StatusServer::Make(const Request& request, SteadyTime now) {
     auto document = std::make_shared<const std::string>(answerer_(request));
     const SteadyTime end = std::chrono::steady_clock::now();
     nextMake_ = end + std::min<SteadyTime::duration>(PAUSE_FACTOR * (end - now), PAUSE_MAX);
-    if (busySince_ < end) {
-        busySince_ += end - now;  // the document has its own pause
-    }
     if (request.kind == Request::Kind::STATUS && request.name.empty()) {
         shared_ = document;
         sharedUntil_ = end + FRESH;
