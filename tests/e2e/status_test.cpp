@@ -90,7 +90,7 @@ protected:
         ASSERT_TRUE(WaitForFile("late"));
     }
     static bool DoChildrenShareMemory() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef PROCMGR_SANITIZED
         return false;
 #else
         return ReadFile("/proc/sys/fs/suid_dumpable").starts_with("0");
