@@ -1,9 +1,8 @@
 // The child's part of a launch: a table of steps over the launch plan that runs between the
 // creation of the child and execve. ProcessLauncher is the only caller. The child may still share
 // the memory of the daemon, see child_slots.h: it makes system calls, reads what was computed
-// before, and writes nothing but its ChildContext, the fault note of that
-// context and errno. It takes no lock, allocates no memory,
-// writes no log line and never returns into the daemon's code.
+// before, and writes nothing but its ChildContext, the fault note of that context, and errno. It
+// takes no lock, allocates no memory, writes no log line and never returns into the daemon's code.
 #pragma once
 
 #include <sys/types.h>
