@@ -101,9 +101,9 @@ private:
         PROCMGR_EXCLUDES(mutex_);
     static void WriteKernelLine(std::string_view line);
     void PopLines(LogSink sink, size_t count) PROCMGR_EXCLUDES(mutex_);
-    void CountDrop() PROCMGR_REQUIRES(mutex_) {
-        ++dropped_;
-        ++droppedInAll_;
+    void CountDrops(size_t count) PROCMGR_REQUIRES(mutex_) {
+        dropped_ += count;
+        droppedInAll_ += count;
     }
     // Drops the lines of the system ring that have waited too long for a logger.
     void DropStale() PROCMGR_EXCLUDES(mutex_);
@@ -191,7 +191,7 @@ void Writer::Format(LogSink sink, int level, const char* format, va_list argumen
     LogRing& ring = RingOf(sink);
     char* line = ring.Reserve(LINE_MAX_LENGTH);
     if (line == nullptr) {
-        CountDrop();
+        CountDrops(1);
         return;
     }
     const size_t header = WriteHeader(sink, level, line);
@@ -340,17 +340,18 @@ Writer::Progress Writer::WriteSystemLines() {
     return Progress::NO_LOGGER;
 }
 
-// Takes the lock for each line, because other threads may be logging.
+// Takes the lock for a batch at a time, because other threads may be logging.
 void Writer::DropStale() {
     const uint32_t now = CoarseSecond();
-    for (;;) {
-        const auto oldest = TakeBatch(LogSink::SYSTEM, 1);
-        if (oldest.empty() || now - oldest[0].second < ABSENCE_MAX) {
-            return;
-        }
-        PopLines(LogSink::SYSTEM, 1);
+    size_t count = BATCH;
+    while (count == BATCH) {
+        const auto lines = TakeBatch(LogSink::SYSTEM);
+        const auto fresh = std::ranges::find_if(
+            lines, [now](const LogRing::Line& line) { return now - line.second < ABSENCE_MAX; });
+        count = static_cast<size_t>(fresh - lines.begin());
+        PopLines(LogSink::SYSTEM, count);
         const LockGuard lock(mutex_);
-        CountDrop();
+        CountDrops(count);
     }
 }
 
