@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
 #include <utility>
 
 #include "app/exit_status.h"
@@ -14,18 +16,31 @@
 namespace ProcMgr {
 namespace {
 
-// The longest time between two looks for exits: a library that installs a SIGCHLD handler of its
-// own may take a signal from the reaper, and the exit is then found at the next look.
+// The longest time between two looks for exits: a thread of a library that does not block SIGCHLD
+// may take a signal from the reaper, and the exit is then found at the next look.
 constexpr int LOOK_MILLISECONDS = 5000;
+// The same when the system has given no descriptor for SIGCHLD.
+constexpr int BLIND_LOOK_MILLISECONDS = 30;
 // The longest wait for a signal when the caller has asked for a call soon.
 constexpr int SOON_MILLISECONDS = 1;
 
-void WaitForSignal(int milliseconds) {
-    pollfd event{GetSignalEventFd(), POLLIN, 0};
-    if (poll(&event, 1, milliseconds) > 0) {
+using SignalFds = std::array<pollfd, 2>;
+
+SignalFds WaitForSignal(int milliseconds) {
+    SignalFds fds{pollfd{GetChildSignalFd(), POLLIN, 0}, pollfd{GetSignalEventFd(), POLLIN, 0}};
+    poll(fds.data(), fds.size(), milliseconds);
+    return fds;
+}
+
+// Waits for a signal and takes it. Returns the pid of the child that the signal names; 0 without
+// one.
+pid_t TakeSignal(int milliseconds) {
+    const auto [child, event] = WaitForSignal(milliseconds);
+    if (event.revents != 0) {
         uint64_t count = 0;
         [[maybe_unused]] const ssize_t size = read(event.fd, &count, sizeof(count));
     }
+    return child.revents != 0 ? TakeChildSignal() : 0;
 }
 
 }  // namespace
@@ -34,24 +49,34 @@ Reaper::Reaper(std::vector<ExitSink> sinks, std::function<void()> onExit,
                std::function<bool()> onWake)
     : sinks_(std::move(sinks)), onExit_(std::move(onExit)), onWake_(std::move(onWake)) {}
 
+// The exit that a signal names is collected alone. A look at all children holds a lock of the
+// kernel that a new process needs, for a time that grows with their number, so the look for further
+// exits waits until the restart is done or another signal comes.
 void Reaper::Run(const std::atomic<bool>& running) {
-    TakeChildSignals();
+    const int longest = GetChildSignalFd() < 0 ? BLIND_LOOK_MILLISECONDS : LOOK_MILLISECONDS;
     while (running) {
         CollectExits();
-        WaitForSignal(onWake_() ? SOON_MILLISECONDS : LOOK_MILLISECONDS);
+        const pid_t pid = TakeSignal(onWake_() ? SOON_MILLISECONDS : longest);
+        if (pid > 0 && CollectExit(P_PID, pid)) {
+            WaitForSignal(SOON_MILLISECONDS);
+        }
     }
     ProcMgrLog(LOG_WARNING, "PROCMGR: WaitThread exit now.");
 }
 
 void Reaper::CollectExits() {
-    for (;;) {
-        siginfo_t exit{};
-        const int result = waitid(P_ALL, 0, &exit, WEXITED | WNOHANG | WNOWAIT);
-        if (result != 0 || exit.si_pid == 0) {
-            return;
-        }
-        Collect(exit);
+    while (CollectExit(P_ALL, 0)) {
     }
+}
+
+bool Reaper::CollectExit(idtype_t type, pid_t pid) {
+    siginfo_t exit{};
+    const int result = waitid(type, static_cast<id_t>(pid), &exit, WEXITED | WNOHANG | WNOWAIT);
+    if (result != 0 || exit.si_pid == 0) {
+        return false;
+    }
+    Collect(exit);
+    return true;
 }
 
 // The exit is stored while the zombie still holds its pid, and the pid is freed afterwards. So a

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <csignal>
@@ -20,9 +21,8 @@ class Reaper {
 public:
     // Each exit is offered to the sinks in their order until one returns true; a sink takes the
     // lock of its own container. `onExit` is called after each exit has been stored, and the pid is
-    // freed afterwards. `onWake` is called after
-    // every wake-up; when it returns true, again after a millisecond at most. Both are called
-    // without a lock.
+    // freed afterwards. `onWake` is called after every wake-up; when it returns true, again after
+    // two milliseconds at most. Both are called without a lock.
     Reaper(std::vector<ExitSink> sinks, std::function<void()> onExit, std::function<bool()> onWake);
 
     // The body of the thread. Ends when `running` is false and the signal event has been woken.
@@ -32,6 +32,8 @@ public:
     void CollectExits();
 
 private:
+    // Collects one exit, as waitid() finds it for `type` and `pid`. False when there is none.
+    bool CollectExit(idtype_t type, pid_t pid);
     void Collect(const siginfo_t& exit);
 
     const std::vector<ExitSink> sinks_;

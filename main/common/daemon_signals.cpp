@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -25,6 +26,7 @@ std::atomic<uint64_t> g_continueCounter{0};
 std::atomic<bool> g_stopRequested{false};
 std::atomic<bool> g_hangUp{false};
 std::atomic<int> g_eventFd{-1};
+std::atomic<int> g_childFd{-1};
 std::atomic<int> g_stopFd{-1};
 // The earlier dispositions of the fault signals, for example a sanitizer's; in the order of
 // FAULT_SIGNALS.
@@ -86,11 +88,13 @@ void WakeEvent(int fd) {
     errno = saved;
 }
 
-void MaskChildSignal(int how) {
+// The handler of SIGCHLD runs only in a thread of a library that has unblocked the signal.
+void BlockChildSignal() {
     sigset_t child;
     sigemptyset(&child);
     sigaddset(&child, SIGCHLD);
-    pthread_sigmask(how, &child, nullptr);
+    pthread_sigmask(SIG_BLOCK, &child, nullptr);
+    g_childFd = signalfd(-1, &child, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
 }  // namespace
@@ -128,11 +132,17 @@ void InstallSignals() {
         sigaddset(&changed, signal);
     }
     pthread_sigmask(SIG_UNBLOCK, &changed, nullptr);
-    MaskChildSignal(SIG_BLOCK);
+    BlockChildSignal();
 }
 
-void TakeChildSignals() {
-    MaskChildSignal(SIG_UNBLOCK);
+int GetChildSignalFd() {
+    return g_childFd;
+}
+
+pid_t TakeChildSignal() {
+    signalfd_siginfo info{};
+    const ssize_t size = read(g_childFd, &info, sizeof(info));
+    return size == sizeof(info) ? static_cast<pid_t>(info.ssi_pid) : 0;
 }
 
 bool IsStopRequested() {

@@ -1,10 +1,12 @@
 // The signals that the daemon handles: SIGCONT ends the quick-start wait, SIGTERM and SIGINT
-// request an orderly stop, SIGCHLD wakes the reaper, SIGHUP is only logged, SIGPIPE is ignored. A
-// fault signal of the daemon writes out the log before it ends the process; the other handlers set
-// a flag and wake a thread: SIGTERM and SIGINT the main thread, SIGCHLD and SIGHUP the wait thread,
-// which may be waiting for a library when the stop is requested. main() installs the handlers; the
-// child set-up uses CHANGED_SIGNALS.
+// request an orderly stop, SIGHUP is only logged, SIGPIPE is ignored. A fault signal of the daemon
+// writes out the log before it ends the process; the other handlers set a flag and wake a thread:
+// SIGTERM and SIGINT the main thread, SIGHUP the wait thread, which may be waiting for a library
+// when the stop is requested. SIGCHLD is blocked, and the wait thread reads it from a descriptor.
+// main() installs the handlers; the child set-up uses CHANGED_SIGNALS.
 #pragma once
+
+#include <sys/types.h>
 
 #include <csignal>
 #include <cstdint>
@@ -28,9 +30,13 @@ uint64_t GetContinueCounter();
 // Installs the handlers of all signals but SIGCONT. A second stop signal ends the process at once.
 // Blocks SIGCHLD in the calling thread and so in the threads that it starts.
 void InstallSignals();
-// Unblocks SIGCHLD in the calling thread, the wait thread: the kernel then wakes no other thread
-// for the signal.
-void TakeChildSignals();
+// A descriptor that is readable while a SIGCHLD is pending; -1 before InstallSignals() and when the
+// system had no more descriptors.
+int GetChildSignalFd();
+// Takes the pending SIGCHLD. Returns the pid of the child whose end has raised it; 0 when none is
+// pending. Of children that end while a SIGCHLD is pending the signal names only the first, and
+// another process may have sent it. Does not wait.
+pid_t TakeChildSignal();
 bool IsStopRequested();
 // Waits until a stop signal has arrived or WakeStopEvent() has been called since the last return;
 // may also return without either.
@@ -41,8 +47,8 @@ void WakeStopEvent();
 // Whether a SIGHUP has arrived since the last call.
 bool TakeHangUp();
 
-// An event descriptor that becomes readable when SIGCHLD or SIGHUP has arrived; -1 before
-// InstallSignals(). A read of 8 bytes clears the event.
+// An event descriptor that becomes readable when SIGHUP has arrived, or a SIGCHLD in a thread that
+// does not block it; -1 before InstallSignals(). A read of 8 bytes clears the event.
 int GetSignalEventFd();
 // Makes the event descriptor readable. Async-signal-safe.
 void WakeSignalEvent();

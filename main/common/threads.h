@@ -1,6 +1,5 @@
 // Starts and joins the daemon's threads. A thread is started with all signals but the fault signals
-// blocked, so that the kernel delivers signals to the main thread and SIGCHLD to the wait thread; a
-// join has a deadline.
+// blocked, so that the kernel delivers signals to the main thread; a join has a deadline.
 #pragma once
 
 #include <functional>

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <map>
 #include <thread>
@@ -82,19 +83,31 @@ TEST_F(ReaperTest, AsksTheContainersInTheirOrder) {
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a zombie is left";
 }
 
-TEST_F(ReaperTest, SeesAnExitAndEndsWhileChildrenLive) {
+// The two ends that follow the first raise one signal, which names one of them.
+TEST_F(ReaperTest, SeesTheExitsOfMergedSignalsAndEndsWhileChildrenLive) {
     InstallSignals();
     std::atomic<bool> isRunning{true};
-    std::atomic<pid_t> seen{0};
+    std::atomic<int> seen{0};
     const Tests::Child stays;
+    const pid_t first = Spawn("exec sleep 60");
+    const std::array others{Spawn("exec sleep 60"), Spawn("exec sleep 60")};
+    const auto store = [&](int32_t pid, int32_t) {
+        if (pid == first) {
+            for (const pid_t other : others) {
+                kill(other, SIGKILL);
+                siginfo_t info{};
+                waitid(P_PID, static_cast<id_t>(other), &info, WEXITED | WNOWAIT);
+            }
+        }
+        return ++seen > 0;
+    };
     std::thread thread([&] {
-        const auto store = [&](int32_t pid, int32_t) { return (seen = pid) > 0; };
         Reaper(
             {store}, [] {}, [] { return false; })
             .Run(isRunning);
     });
-    const pid_t goes = Spawn("exit 0");
-    EXPECT_TRUE(Tests::WaitUntil([&] { return seen == goes; }));
+    kill(first, SIGKILL);
+    EXPECT_TRUE(Tests::WaitUntil([&] { return seen == 3; }));
     isRunning = false;
     WakeSignalEvent();
     thread.join();
