@@ -50,7 +50,7 @@ void CheckRequests::PostponeWake() {
         const SteadyTime now = clock_.Now();
         isBusy_ = true;
         postponed_ = postponed_.value_or(now);
-        if (now - *postponed_ < CHECK_PERIOD) {
+        if (now - *postponed_ < POSTPONE_MAX) {
             return;
         }
         postponed_.reset();
@@ -103,6 +103,7 @@ bool CheckRequests::Begin() {
     }
     isPassing_ = true;
     isUrgent_ = false;
+    isForCycle_ = false;
     requested_.reset();
     return true;
 }
@@ -112,15 +113,14 @@ bool CheckRequests::TakeCompletion() {
     return std::exchange(isIncomplete_, false);
 }
 
-// WakeWhenQuiet() follows a pass that is under way. The thread is woken without the lock, because
-// it takes the lock.
+// PostponeWake() or WakeWhenQuiet() follow an extra pass, and the requests that a pass makes. The
+// thread is woken without the lock, because it takes the lock.
 void CheckRequests::Set(bool isUrgent) {
     {
         const LockGuard lock(mutex_);
-        const bool isFirst = !requested_;
-        requested_ = isFirst ? clock_.Now() : requested_;
+        requested_ = requested_ ? requested_ : clock_.Now();
         isUrgent_ = isUrgent_ || isUrgent;
-        if (!isFirst || isUrgent || isPassing_) {
+        if (isUrgent || isPassing_ || std::exchange(isForCycle_, true)) {
             return;
         }
     }

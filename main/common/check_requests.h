@@ -15,6 +15,8 @@ namespace ProcMgr {
 
 // The length of a cycle of the check thread.
 inline constexpr std::chrono::milliseconds CHECK_PERIOD{30};
+// The longest time for which exits that follow each other put off the wake-up of the check thread.
+inline constexpr std::chrono::milliseconds POSTPONE_MAX{100};
 
 // The kind of a pass. PERIODIC passes start on the grid of the check thread's cycles. An EXTRA pass
 // starts at once and looks only at the ends of processes that had lived longer than a cycle:
@@ -48,8 +50,8 @@ public:
     // The wait thread's operations. The check thread is woken late for what the passes of the wait
     // thread have left to it, so that it does not take a core from the new processes.
     //
-    // Called when a pass has ended: the check thread is still to be woken. Wakes it when it has
-    // been waiting for a period.
+    // Called when a pass has ended: the check thread is still to be woken. Wakes it when that has
+    // been put off for POSTPONE_MAX.
     void PostponeWake() PROCMGR_EXCLUDES(mutex_);
     // Wakes the check thread when no wake-up has been postponed since the last call. True when it
     // is still to be woken: the wait thread then calls again after a millisecond.
@@ -81,7 +83,9 @@ private:
     Condition changed_;  // only the check thread waits
     // The time of the first request for a pass that no pass has served.
     std::optional<SteadyTime> requested_ PROCMGR_GUARDED_BY(mutex_);
-    bool isUrgent_ PROCMGR_GUARDED_BY(mutex_) = false;      // an extra pass is requested
+    bool isUrgent_ PROCMGR_GUARDED_BY(mutex_) = false;  // an extra pass is requested
+    // A pass at the next cycle is requested, and the check thread has been woken for it.
+    bool isForCycle_ PROCMGR_GUARDED_BY(mutex_) = false;
     bool isIncomplete_ PROCMGR_GUARDED_BY(mutex_) = false;  // a completion is requested
     bool isPassing_ PROCMGR_GUARDED_BY(mutex_) = false;     // a pass is under way
     bool isAwaited_ PROCMGR_GUARDED_BY(mutex_) = false;     // the check thread is in Begin()
