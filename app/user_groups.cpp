@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <iterator>
+#include <tuple>
 #include <utility>
 
 #include "platform/securec.h"
@@ -61,28 +63,26 @@ bool IsGroupMember(const UserGroups& user, gid_t gid) {
     return std::find(user.groups.begin(), user.groups.end(), gid) != user.groups.end();
 }
 
-std::string UserGroupsCache::ReadStamp() {
-    std::string stamp;
-    for (const char* path : DATABASE_FILES) {
+UserGroupsCache::Stamp UserGroupsCache::ReadStamp() {
+    Stamp stamp{};
+    static_assert(std::tuple_size_v<Stamp> == std::size(DATABASE_FILES));
+    for (size_t i = 0; i < stamp.size(); ++i) {
         struct stat file {};
-        if (stat(path, &file) == 0) {
-            for (const auto part : {static_cast<int64_t>(file.st_ino), file.st_size,
-                                    file.st_mtim.tv_sec, file.st_mtim.tv_nsec}) {
-                stamp += std::to_string(part) + ' ';
-            }
+        if (stat(DATABASE_FILES[i], &file) == 0) {
+            stamp[i] = {static_cast<int64_t>(file.st_ino), file.st_size, file.st_mtim.tv_sec,
+                        file.st_mtim.tv_nsec};
         }
-        stamp += '\n';
     }
     return stamp;
 }
 
 void UserGroupsCache::Refresh() {
-    std::string stamp = recentStamp_.Get(ReadStamp);
+    const Stamp stamp = recentStamp_.Get(ReadStamp);
     const SteadyTime now = std::chrono::steady_clock::now();
     const LockGuard lock(mutex_);
     if (stamp != stamp_ || now - emptied_ > CACHE_LIFE) {
         found_.clear();
-        stamp_ = std::move(stamp);
+        stamp_ = stamp;
         emptied_ = now;
     }
 }
@@ -98,7 +98,7 @@ UserGroups UserGroupsCache::LookUp(uint32_t uid) {
     if (auto known = Find(uid)) {
         return *known;
     }
-    const std::string stamp = ReadStamp();
+    const Stamp stamp = ReadStamp();
     UserGroups user = LookUpUserGroups(uid);
     const LockGuard lock(mutex_);
     // The stamp is compared again: a result that was read before the database changed is not

@@ -4,10 +4,10 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "main/common/clock.h"
@@ -45,17 +45,19 @@ public:
     std::optional<UserGroups> Find(uint32_t uid) PROCMGR_EXCLUDES(mutex_);
 
 private:
-    // A text of inode, size and modification time of the files of the user database: different
-    // when a file has changed.
-    static std::string ReadStamp();
+    // Inode, size and modification time (seconds, nanoseconds) of each file of the user database;
+    // zeros for an absent one. Different when a file has changed.
+    using Stamp = std::array<std::array<int64_t, 4>, 3>;
+
+    static Stamp ReadStamp();
     // Empties the cache when the database has changed or the entries are too old.
     void Refresh() PROCMGR_EXCLUDES(mutex_);
 
-    Recent<std::string> recentStamp_;
+    Recent<Stamp> recentStamp_;
     Mutex mutex_;
     std::map<uint32_t, UserGroups> found_ PROCMGR_GUARDED_BY(mutex_);  // by uid
     // The stamp and the time at which the cache was last emptied.
-    std::string stamp_ PROCMGR_GUARDED_BY(mutex_);
+    Stamp stamp_ PROCMGR_GUARDED_BY(mutex_){};
     SteadyTime emptied_ PROCMGR_GUARDED_BY(mutex_){};
 };
 

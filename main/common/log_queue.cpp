@@ -21,6 +21,7 @@
 #include "main/common/log.h"
 #include "main/common/log_ring.h"
 #include "main/common/mutex.h"
+#include "main/common/numbers.h"
 #include "main/common/system_logger.h"
 #include "main/common/threads.h"
 
@@ -38,7 +39,7 @@ constexpr size_t STAMP_LENGTH = sizeof("Mmm dd hh:mm:ss") - 1;
 // The lines of services may take up so many bytes of the ring.
 constexpr size_t SERVICE_SHARE = SYSTEM_RING / 2;
 // The longest name of a service in the log; a longer one is cut.
-constexpr int NAME_MAX_LENGTH = 127;
+constexpr size_t NAME_MAX_LENGTH = 127;
 constexpr size_t BATCH = 64;
 // After a line the thread stays awake for this time: in a burst of lines the logging threads then
 // do not have to wake it for each.
@@ -83,7 +84,7 @@ private:
     size_t WriteSystemHeader(int level, char* out) PROCMGR_REQUIRES(mutex_) {
         return WriteSyslogHeader(LOG_USER | level, PROCMGR_NAME, pid_, out);
     }
-    size_t WriteSyslogHeader(int priority, const char* name, pid_t pid, char* out)
+    size_t WriteSyslogHeader(int priority, std::string_view name, pid_t pid, char* out)
         PROCMGR_REQUIRES(mutex_);
     void Format(LogSink sink, int level, const char* format, va_list arguments)
         PROCMGR_REQUIRES(mutex_);
@@ -226,11 +227,18 @@ void Writer::UpdateStamp(time_t now) {
 }
 
 // "<PRI>Mmm dd hh:mm:ss NAME[PID]: ", as syslog() has it.
-size_t Writer::WriteSyslogHeader(int priority, const char* name, pid_t pid, char* out) {
+size_t Writer::WriteSyslogHeader(int priority, std::string_view name, pid_t pid, char* out) {
     UpdateStamp(time(nullptr));
-    const int length = std::snprintf(out, LINE_MAX_LENGTH, "<%d>%s %.*s[%d]: ", priority,
-                                     stamp_.data(), NAME_MAX_LENGTH, name, pid);
-    return static_cast<size_t>(std::max(length, 0));
+    const Decimal priorityText(priority);
+    const Decimal pidText(pid);
+    char* end = out;
+    for (const std::string_view part :
+         {std::string_view("<"), priorityText.Get(), std::string_view(">"),
+          std::string_view(stamp_.data()), std::string_view(" "), name.substr(0, NAME_MAX_LENGTH),
+          std::string_view("["), pidText.Get(), std::string_view("]: ")}) {
+        end = std::copy(part.begin(), part.end(), end);
+    }
+    return static_cast<size_t>(end - out);
 }
 
 void Writer::Start() {
