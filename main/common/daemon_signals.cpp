@@ -88,8 +88,8 @@ void WakeEvent(int fd) {
     errno = saved;
 }
 
-// The handler of SIGCHLD runs only in a thread of a library that has unblocked the signal.
-void BlockChildSignal() {
+// The signal stays blocked: its handler runs only in a thread of a library that has unblocked it.
+void OpenChildSignals() {
     sigset_t child;
     sigemptyset(&child);
     sigaddset(&child, SIGCHLD);
@@ -132,7 +132,7 @@ void InstallSignals() {
         sigaddset(&changed, signal);
     }
     pthread_sigmask(SIG_UNBLOCK, &changed, nullptr);
-    BlockChildSignal();
+    OpenChildSignals();
 }
 
 int GetChildSignalFd() {
