@@ -16,11 +16,9 @@
 namespace ProcMgr {
 namespace {
 
-// The longest time between two looks for exits: a thread of a library that does not block SIGCHLD
-// may take a signal from the reaper, and the exit is then found at the next look.
+// The longest time between two looks for exits: a library that takes SIGCHLD with a handler or a
+// descriptor of its own may take it from the reaper, and the exit is then found at the next look.
 constexpr int LOOK_MILLISECONDS = 5000;
-// The same when the system has given no descriptor for SIGCHLD.
-constexpr int BLIND_LOOK_MILLISECONDS = 30;
 // The longest wait for a signal when the caller has asked for a call soon.
 constexpr int SOON_MILLISECONDS = 1;
 
@@ -50,13 +48,15 @@ Reaper::Reaper(std::vector<ExitSink> sinks, std::function<void()> onExit,
     : sinks_(std::move(sinks)), onExit_(std::move(onExit)), onWake_(std::move(onWake)) {}
 
 // The exit that a signal names is collected alone. A look at all children holds a lock of the
-// kernel that a new process needs, for a time that grows with their number, so the look for further
-// exits waits until the restart is done or another signal comes.
+// kernel that the new process needs, for a time that grows with their number, so the look for
+// further exits comes a millisecond later, or when another signal comes.
 void Reaper::Run(const std::atomic<bool>& running) {
-    const int longest = GetChildSignalFd() < 0 ? BLIND_LOOK_MILLISECONDS : LOOK_MILLISECONDS;
+    if (GetChildSignalFd() < 0) {
+        UnblockChildSignal();
+    }
     while (running) {
         CollectExits();
-        const pid_t pid = TakeSignal(onWake_() ? SOON_MILLISECONDS : longest);
+        const pid_t pid = TakeSignal(onWake_() ? SOON_MILLISECONDS : LOOK_MILLISECONDS);
         if (pid > 0 && CollectExit(P_PID, pid)) {
             WaitForSignal(SOON_MILLISECONDS);
         }

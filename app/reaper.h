@@ -21,8 +21,8 @@ class Reaper {
 public:
     // Each exit is offered to the sinks in their order until one returns true; a sink takes the
     // lock of its own container. `onExit` is called after each exit has been stored, and the pid is
-    // freed afterwards. `onWake` is called after every wake-up; when it returns true, again after
-    // two milliseconds at most. Both are called without a lock.
+    // freed afterwards. `onWake` is called after every wake-up and the look for exits; when it
+    // returns true, again within two milliseconds. Both are called without a lock.
     Reaper(std::vector<ExitSink> sinks, std::function<void()> onExit, std::function<bool()> onWake);
 
     // The body of the thread. Ends when `running` is false and the signal event has been woken.

@@ -176,11 +176,13 @@ void BaseServices::CheckOne(Record& record) {
 }
 
 void BaseServices::ReportEnd(Record& record) try {
-    checks_.Request();
     if (record.reportType_ == TERMINATED_NORMAL_EXIT) {
+        checks_.Request();
         reports_.ReportAppStateToZorn(record, TERMINATED_NORMAL_EXIT, RESULT_NONE);
         return;
     }
+    // The restart follows at once, and only what it leaves to do is for a later pass.
+    checks_.RequestLater();
     LogSupervised(LOG_WARNING, DIED, record);
     reports_.ReportAppStateToZorn(record, TERMINATED_ABNORMAL_EXIT,
                                   record.exitedWith125_ ? RESULT_INPUT_OUTPUT_ERROR : RESULT_NONE);

@@ -256,7 +256,7 @@ void ProcessManager::ContinueProcMgrInit() {
 // nothing is restarted any more.
 void ProcessManager::HandleExit() {
     if (isStopping_) {
-        checks_.PostponeWake();
+        checks_.Wake();
     } else {
         checkLoop_.RunUrgent();
     }

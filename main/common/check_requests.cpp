@@ -3,6 +3,12 @@
 #include <utility>
 
 namespace ProcMgr {
+namespace {
+
+// The check thread is woken when no exit has come for this time.
+constexpr std::chrono::milliseconds QUIET_TIME{1};
+
+}  // namespace
 
 void CheckRequests::Stop() {
     const LockGuard lock(mutex_);
@@ -47,10 +53,9 @@ void CheckRequests::End() {
 void CheckRequests::PostponeWake() {
     {
         const LockGuard lock(mutex_);
-        const SteadyTime now = clock_.Now();
-        isBusy_ = true;
-        postponed_ = postponed_.value_or(now);
-        if (now - *postponed_ < POSTPONE_MAX) {
+        lastPostponed_ = clock_.Now();
+        postponed_ = postponed_.value_or(lastPostponed_);
+        if (lastPostponed_ - *postponed_ < (isForCycle_ ? CHECK_PERIOD : POSTPONE_MAX)) {
             return;
         }
         postponed_.reset();
@@ -61,11 +66,8 @@ void CheckRequests::PostponeWake() {
 bool CheckRequests::WakeWhenQuiet() {
     {
         const LockGuard lock(mutex_);
-        if (!postponed_) {
-            return false;
-        }
-        if (std::exchange(isBusy_, false)) {
-            return true;
+        if (!postponed_ || clock_.Now() - lastPostponed_ < QUIET_TIME) {
+            return postponed_.has_value();
         }
         postponed_.reset();
     }
@@ -104,6 +106,7 @@ bool CheckRequests::Begin() {
     isPassing_ = true;
     isUrgent_ = false;
     isForCycle_ = false;
+    isWoken_ = false;
     requested_.reset();
     return true;
 }
@@ -113,18 +116,33 @@ bool CheckRequests::TakeCompletion() {
     return std::exchange(isIncomplete_, false);
 }
 
-// PostponeWake() or WakeWhenQuiet() follow an extra pass, and the requests that a pass makes. The
-// thread is woken without the lock, because it takes the lock.
-void CheckRequests::Set(bool isUrgent) {
+// Wakes nobody in a pass: after one of the wait thread PostponeWake() follows, and the check thread
+// looks again itself. The thread is woken without the lock, because it takes the lock.
+void CheckRequests::Request() {
     {
         const LockGuard lock(mutex_);
-        requested_ = requested_ ? requested_ : clock_.Now();
-        isUrgent_ = isUrgent_ || isUrgent;
-        if (isUrgent || isPassing_ || std::exchange(isForCycle_, true)) {
+        NoteRequest();
+        isForCycle_ = true;
+        if (isPassing_ || std::exchange(isWoken_, true)) {
             return;
         }
     }
     changed_.NotifyOne();
+}
+
+void CheckRequests::RequestNow() {
+    const LockGuard lock(mutex_);
+    NoteRequest();
+    isUrgent_ = true;
+}
+
+void CheckRequests::RequestLater() {
+    const LockGuard lock(mutex_);
+    NoteRequest();
+}
+
+void CheckRequests::NoteRequest() {
+    requested_ = requested_ ? requested_ : clock_.Now();
 }
 
 }  // namespace ProcMgr

@@ -30,10 +30,13 @@ public:
     explicit CheckRequests(Clock& clock = Clock::System()) : clock_(clock) {}
 
     // Requests a pass at the next cycle.
-    void Request() PROCMGR_EXCLUDES(mutex_) { Set(false); }
-    // Requests an extra pass at once, and a pass at the next cycle. Wakes nobody: the caller makes
-    // the extra pass itself after TryBeginNow(), or the thread that makes a pass at the time does.
-    void RequestNow() PROCMGR_EXCLUDES(mutex_) { Set(true); }
+    void Request() PROCMGR_EXCLUDES(mutex_);
+    // Requests an extra pass at once, and a pass at the next cycle after the check thread has been
+    // woken. Wakes nobody: the caller makes the extra pass itself after TryBeginNow(), or the
+    // thread that makes a pass at the time does.
+    void RequestNow() PROCMGR_EXCLUDES(mutex_);
+    // Requests a pass at the next cycle after the check thread has been woken. Only in a pass.
+    void RequestLater() PROCMGR_EXCLUDES(mutex_);
     // Requests that the check thread completes what a pass has left to do.
     void RequestCompletion() PROCMGR_EXCLUDES(mutex_);
 
@@ -51,11 +54,13 @@ public:
     // thread have left to it, so that it does not take a core from the new processes.
     //
     // Called when a pass has ended: the check thread is still to be woken. Wakes it when that has
-    // been put off for POSTPONE_MAX.
+    // been put off for POSTPONE_MAX; for a cycle when the pass has called Request().
     void PostponeWake() PROCMGR_EXCLUDES(mutex_);
-    // Wakes the check thread when no wake-up has been postponed since the last call. True when it
-    // is still to be woken: the wait thread then calls again after a millisecond.
+    // Wakes the check thread when PostponeWake() was last called at least a millisecond ago. True
+    // when it is still to be woken: the wait thread then calls again after a millisecond at most.
     bool WakeWhenQuiet() PROCMGR_EXCLUDES(mutex_);
+    // Wakes the check thread for the extra pass that the wait thread leaves to it.
+    void Wake() PROCMGR_EXCLUDES(mutex_) { changed_.NotifyOne(); }
 
     // The check thread's operations.
 
@@ -73,7 +78,7 @@ public:
     bool TakeCompletion() PROCMGR_EXCLUDES(mutex_);
 
 private:
-    void Set(bool isUrgent) PROCMGR_EXCLUDES(mutex_);
+    void NoteRequest() PROCMGR_REQUIRES(mutex_);
     bool IsAnyRequested() const PROCMGR_REQUIRES(mutex_) {
         return requested_ || isUrgent_ || isIncomplete_;
     }
@@ -84,15 +89,16 @@ private:
     // The time of the first request for a pass that no pass has served.
     std::optional<SteadyTime> requested_ PROCMGR_GUARDED_BY(mutex_);
     bool isUrgent_ PROCMGR_GUARDED_BY(mutex_) = false;  // an extra pass is requested
-    // A pass at the next cycle is requested, and the check thread has been woken for it.
+    // Request() has been called, and has woken the check thread. In a pass it does not wake it.
     bool isForCycle_ PROCMGR_GUARDED_BY(mutex_) = false;
+    bool isWoken_ PROCMGR_GUARDED_BY(mutex_) = false;
     bool isIncomplete_ PROCMGR_GUARDED_BY(mutex_) = false;  // a completion is requested
     bool isPassing_ PROCMGR_GUARDED_BY(mutex_) = false;     // a pass is under way
     bool isAwaited_ PROCMGR_GUARDED_BY(mutex_) = false;     // the check thread is in Begin()
-    // The wake-up of the check thread was postponed since the last WakeWhenQuiet(), and the time
-    // since which it is postponed.
-    bool isBusy_ PROCMGR_GUARDED_BY(mutex_) = false;
+    // The times of the first call of PostponeWake() since the check thread was woken, and of the
+    // last.
     std::optional<SteadyTime> postponed_ PROCMGR_GUARDED_BY(mutex_);
+    SteadyTime lastPostponed_ PROCMGR_GUARDED_BY(mutex_){};
     bool isStopped_ PROCMGR_GUARDED_BY(mutex_) = false;
 };
 

@@ -88,13 +88,11 @@ void WakeEvent(int fd) {
     errno = saved;
 }
 
-// The signal stays blocked: its handler runs only in a thread of a library that has unblocked it.
-void OpenChildSignals() {
+sigset_t ChildSignal() {
     sigset_t child;
     sigemptyset(&child);
     sigaddset(&child, SIGCHLD);
-    pthread_sigmask(SIG_BLOCK, &child, nullptr);
-    g_childFd = signalfd(-1, &child, SFD_CLOEXEC | SFD_NONBLOCK);
+    return child;
 }
 
 }  // namespace
@@ -132,11 +130,18 @@ void InstallSignals() {
         sigaddset(&changed, signal);
     }
     pthread_sigmask(SIG_UNBLOCK, &changed, nullptr);
-    OpenChildSignals();
+    const sigset_t child = ChildSignal();
+    pthread_sigmask(SIG_BLOCK, &child, nullptr);
+    g_childFd = signalfd(-1, &child, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
 int GetChildSignalFd() {
     return g_childFd;
+}
+
+void UnblockChildSignal() {
+    const sigset_t child = ChildSignal();
+    pthread_sigmask(SIG_UNBLOCK, &child, nullptr);
 }
 
 pid_t TakeChildSignal() {

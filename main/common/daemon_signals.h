@@ -31,8 +31,11 @@ uint64_t GetContinueCounter();
 // Blocks SIGCHLD in the calling thread and so in the threads that it starts.
 void InstallSignals();
 // A descriptor that is readable while a SIGCHLD is pending; -1 before InstallSignals() and when the
-// system had no more descriptors.
+// system has given none.
 int GetChildSignalFd();
+// Unblocks SIGCHLD in the calling thread. Without the descriptor the wait thread calls it: the
+// handler of SIGCHLD then wakes the thread with the event descriptor.
+void UnblockChildSignal();
 // Takes the pending SIGCHLD. Returns the pid of the child whose end has raised it; 0 when none is
 // pending. Of children that end while a SIGCHLD is pending the signal names only the first, and
 // another process may have sent it. Does not wait.

@@ -350,10 +350,11 @@ Writer::Progress Writer::WriteSystemLines() {
 
 // Takes the lock for a batch at a time, because other threads may be logging.
 void Writer::DropStale() {
-    const uint32_t now = CoarseSecond();
     size_t count = BATCH;
     while (count == BATCH) {
         const auto lines = TakeBatch(LogSink::SYSTEM);
+        // Read after the lines: none of them is newer.
+        const uint32_t now = CoarseSecond();
         const auto fresh = std::ranges::find_if(
             lines, [now](const LogRing::Line& line) { return now - line.second < ABSENCE_MAX; });
         count = static_cast<size_t>(fresh - lines.begin());

@@ -43,6 +43,11 @@ TEST_F(Signals, StopRequestAndChildExitWakeTheirThreadsAndASecondStopEndsTheProc
             EXPECT_EQ(TakeChildSignal(), getpid());
             EXPECT_FALSE(IsReadable(GetChildSignalFd()));
             EXPECT_FALSE(IsReadable(fd)) << "the handler has run";
+            UnblockChildSignal();
+            raise(SIGCHLD);
+            uint64_t count = 0;
+            EXPECT_GT(read(fd, &count, sizeof count), 0);
+            EXPECT_FALSE(IsReadable(fd));
             EXPECT_FALSE(IsStopRequested());
 
             raise(signal);
