@@ -98,7 +98,7 @@ private:
     void WriteKernelLines() PROCMGR_EXCLUDES(mutex_);
     Progress WriteSystemLines() PROCMGR_EXCLUDES(mutex_);
     // Fills batch_ with the oldest lines of a ring, at most `count`, and returns them.
-    std::span<const LogRing::Line> TakeBatch(LogSink sink, size_t count = BATCH)
+    std::span<const std::string_view> TakeBatch(LogSink sink, size_t count = BATCH)
         PROCMGR_EXCLUDES(mutex_);
     static void WriteKernelLine(std::string_view line);
     void PopLines(LogSink sink, size_t count) PROCMGR_EXCLUDES(mutex_);
@@ -132,7 +132,7 @@ private:
     // Used by the log's thread, and by Close() once the thread has ended.
     SystemLogger logger_;
     std::chrono::milliseconds loggerPause_ = LOGGER_PAUSE;
-    std::array<LogRing::Line, BATCH> batch_{};
+    std::array<std::string_view, BATCH> batch_{};
 };
 
 // Never destroyed: threads of libraries may log until the process ends.
@@ -291,7 +291,7 @@ bool Writer::Rest(Progress progress) {
     return false;
 }
 
-std::span<const LogRing::Line> Writer::TakeBatch(LogSink sink, size_t count) {
+std::span<const std::string_view> Writer::TakeBatch(LogSink sink, size_t count) {
     const LockGuard lock(mutex_);
     const auto lines = std::span(batch_).first(count);
     return lines.first(RingOf(sink).Peek(lines));
@@ -310,8 +310,8 @@ void Writer::PopLines(LogSink sink, size_t count) {
 void Writer::WriteKernelLines() {
     MayWait("the kernel log");
     const auto lines = TakeBatch(LogSink::KERNEL);
-    for (const LogRing::Line& line : lines) {
-        WriteKernelLine(line.text);
+    for (const std::string_view line : lines) {
+        WriteKernelLine(line);
     }
     PopLines(LogSink::KERNEL, lines.size());
 }
@@ -330,7 +330,7 @@ Writer::Progress Writer::WriteSystemLines() {
     size_t sent = 0;
     SystemLogger::Sent result = SystemLogger::Sent::YES;
     while (sent < lines.size() && result == SystemLogger::Sent::YES) {
-        result = logger_.Send(lines[sent].text);
+        result = logger_.Send(lines[sent]);
         sent += result == SystemLogger::Sent::YES ? 1 : 0;
     }
     PopLines(LogSink::SYSTEM, sent);
@@ -348,19 +348,11 @@ Writer::Progress Writer::WriteSystemLines() {
     return Progress::NO_LOGGER;
 }
 
-// Takes the lock for a batch at a time, because other threads may be logging.
 void Writer::DropStale() {
-    size_t count = BATCH;
-    while (count == BATCH) {
-        const auto lines = TakeBatch(LogSink::SYSTEM);
-        // Read after the lines: none of them is newer.
-        const uint32_t now = CoarseSecond();
-        const auto fresh = std::ranges::find_if(
-            lines, [now](const LogRing::Line& line) { return now - line.second < ABSENCE_MAX; });
-        count = static_cast<size_t>(fresh - lines.begin());
-        PopLines(LogSink::SYSTEM, count);
-        const LockGuard lock(mutex_);
-        CountDrops(count);
+    const LockGuard lock(mutex_);
+    const uint32_t now = CoarseSecond();
+    if (now >= ABSENCE_MAX) {
+        CountDrops(system_.DropUpTo(now - ABSENCE_MAX));
     }
 }
 

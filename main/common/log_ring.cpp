@@ -2,6 +2,8 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
+
 namespace ProcMgr {
 namespace {
 
@@ -41,13 +43,13 @@ char* LogRing::Reserve(size_t length) {
 void LogRing::Commit(size_t length, uint32_t second, bool isMinor) {
     Header* header = HeaderAt(head_);
     header->length = static_cast<uint32_t>(length);
-    header->second = second;
     header->isMinor = isMinor ? 1 : 0;
     TextOf(header)[length] = '\0';
+    CountLine(second);
     head_ += Footprint(length);
 }
 
-size_t LogRing::Peek(std::span<Line> lines) const {
+size_t LogRing::Peek(std::span<std::string_view> lines) const {
     size_t count = 0;
     for (uint64_t at = tail_; at < head_ && count < lines.size();) {
         const Header* header = HeaderAt(at);
@@ -55,7 +57,7 @@ size_t LogRing::Peek(std::span<Line> lines) const {
             at += size_ - at % size_;
             continue;
         }
-        lines[count++] = {std::string_view(TextOf(header), header->length), header->second};
+        lines[count++] = std::string_view(TextOf(header), header->length);
         at += Footprint(header->length);
     }
     return count;
@@ -64,9 +66,41 @@ size_t LogRing::Peek(std::span<Line> lines) const {
 void LogRing::Pop() {
     tail_ += Footprint(HeaderAt(tail_)->length);
     SkipFiller();
+    if (--spans_.front().lines == 0) {
+        RemoveFirstSpan();
+    }
     if (IsEmpty()) {
         Restart();
     }
+}
+
+size_t LogRing::DropUpTo(uint32_t second) {
+    size_t dropped = 0;
+    while (spanCount_ > 0 && spans_.front().second <= second) {
+        dropped += spans_.front().lines;
+        RemoveFirstSpan();
+        tail_ = spanCount_ > 0 ? spans_.front().begin : head_.load();
+    }
+    if (dropped > 0 && IsEmpty()) {
+        Restart();
+    }
+    return dropped;
+}
+
+void LogRing::CountLine(uint32_t second) {
+    const bool isNew =
+        spanCount_ == 0 || (spans_[spanCount_ - 1].second != second && spanCount_ < spans_.size());
+    if (isNew) {
+        spans_[spanCount_++] = {.begin = head_};
+    }
+    Span& last = spans_[spanCount_ - 1];
+    last.second = second;
+    ++last.lines;
+}
+
+void LogRing::RemoveFirstSpan() {
+    std::copy(spans_.begin() + 1, spans_.end(), spans_.begin());
+    --spanCount_;
 }
 
 void LogRing::SkipFiller() {

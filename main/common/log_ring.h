@@ -3,6 +3,7 @@
 // memory: an emptied ring starts at its first page again.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -25,17 +26,18 @@ public:
     char* Reserve(size_t length);
     void Commit(size_t length, uint32_t second, bool isMinor = false);
 
-    struct Line {
-        std::string_view text;  // followed by a NUL; stays in place until its Pop()
-        uint32_t second = 0;    // as given to Commit()
-    };
     bool IsEmpty() const { return tail_ == head_; }
     // The bytes that the lines take.
     size_t GetUsed() const { return head_ - tail_; }
-    // Fills `lines` with the oldest lines; returns their number.
-    size_t Peek(std::span<Line> lines) const;
+    // Fills `lines` with the oldest lines; returns their number. Each is followed by a NUL and
+    // stays in place until it is removed.
+    size_t Peek(std::span<std::string_view> lines) const;
     // Removes the oldest line. Only when the ring is not empty.
     void Pop();
+    // Removes the lines that were committed in `second` or before, without a look at each. Returns
+    // their number. While the ring holds lines of more than 16 different seconds, the newest of
+    // them count as lines of one second, the last.
+    size_t DropUpTo(uint32_t second);
 
     // Calls `take` for every line that can be read without a lock: for the minor ones, or for the
     // others and the oldest line, of which a part may have been written. For a signal handler of a
@@ -61,11 +63,18 @@ public:
 
 private:
     struct Header {
-        uint32_t length;  // of the text, or FILLER: the next line is at the ring's first byte
-        uint32_t second;
+        uint32_t length;   // of the text, or FILLER: the next line is at the ring's first byte
         uint32_t isMinor;  // 1 or 0
     };
     static constexpr uint32_t FILLER = UINT32_MAX;
+
+    // Lines that follow each other: those of one second, or of several when SPANS_MAX are in use.
+    struct Span {
+        uint64_t begin = 0;   // position of the first line; not kept up when lines are popped
+        uint32_t second = 0;  // of the newest line
+        size_t lines = 0;
+    };
+    static constexpr size_t SPANS_MAX = 16;
 
     static size_t Footprint(size_t length) {
         constexpr size_t ALIGNMENT = alignof(Header);
@@ -80,12 +89,17 @@ private:
     }
     void SkipFiller();
     void Restart();
+    // Adds the line at head_ to the last span.
+    void CountLine(uint32_t second);
+    void RemoveFirstSpan();
 
     const size_t size_;
     char* memory_ = nullptr;
     // Positions in bytes since the last restart; they only grow in between.
     std::atomic<uint64_t> head_{0};
     std::atomic<uint64_t> tail_{0};
+    std::array<Span, SPANS_MAX> spans_{};  // of all lines in the ring
+    size_t spanCount_ = 0;
 };
 
 }  // namespace ProcMgr

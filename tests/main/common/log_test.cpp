@@ -3,9 +3,11 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <deque>
 #include <filesystem>
 
 #include "main/common/daemon_signals.h"
+#include "main/common/log_ring.h"
 #include "main/common/proc_mgr_env.h"
 #include "tests/support/files.h"
 #include "tests/support/isolated.h"
@@ -211,6 +213,45 @@ TEST_F(Log, TheLinesAboutOneRequestAreBounded) {
                     IsSyslogLine(LOG_WARNING,
                                  "PROCMGR : 992 more lines about a request of owner are left out"));
     });
+}
+
+// The ring wraps many times, and is emptied in both ways.
+TEST(LogRingTest, DropsTheLinesOfOldSecondsAndKeepsTheOthersInOrder) {
+    constexpr uint32_t AGE = 3;
+    LogRing ring(4096);
+    std::deque<std::pair<uint32_t, std::string>> expected;
+    for (uint32_t step = 0; step < 3000; ++step) {
+        const uint32_t second = step / 7 + (step / 500) * 2 * AGE;
+        const std::string text(step % 97, static_cast<char>('a' + step % 26));
+        char* room = ring.Reserve(text.size());
+        while (room == nullptr) {
+            ring.Pop();
+            expected.pop_front();
+            room = ring.Reserve(text.size());
+        }
+        text.copy(room, text.size());
+        ring.Commit(text.size(), second);
+        expected.emplace_back(second, text);
+        if (step % 11 == 0 && second >= AGE) {
+            const auto fresh = std::ranges::find_if(
+                expected, [&](const auto& line) { return line.first > second - AGE; });
+            ASSERT_EQ(ring.DropUpTo(second - AGE), static_cast<size_t>(fresh - expected.begin()));
+            expected.erase(expected.begin(), fresh);
+        }
+        std::vector<std::string_view> lines(expected.size() + 1);
+        ASSERT_EQ(ring.Peek(lines), expected.size());
+        for (size_t i = 0; i < expected.size(); ++i) {
+            ASSERT_EQ(lines[i], expected[i].second);
+        }
+    }
+    EXPECT_EQ(ring.DropUpTo(UINT32_MAX), expected.size());
+    EXPECT_TRUE(ring.IsEmpty());
+    for (uint32_t second = 0; second < 20; ++second) {
+        ASSERT_NE(ring.Reserve(1), nullptr);
+        ring.Commit(1, second);
+    }
+    EXPECT_EQ(ring.DropUpTo(18), 15) << "the last five count as lines of the last second";
+    EXPECT_EQ(ring.DropUpTo(19), 5);
 }
 
 }  // namespace
