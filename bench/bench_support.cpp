@@ -55,6 +55,15 @@ void StartLogger() {
 
 }  // namespace
 
+int NumberOption(int argc, char** argv, std::string_view name, int byDefault) {
+    for (int i = 1; i + 1 < argc; ++i) {
+        if (name == argv[i]) {
+            return static_cast<int>(std::strtol(argv[i + 1], nullptr, 10));
+        }
+    }
+    return byDefault;
+}
+
 uint64_t Now() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);

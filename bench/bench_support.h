@@ -7,9 +7,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Bench {
+
+// The number that follows `name` on the command line; `byDefault` when the name is not there.
+int NumberOption(int argc, char** argv, std::string_view name, int byDefault);
 
 // CLOCK_MONOTONIC in nanoseconds.
 uint64_t Now();

@@ -102,10 +102,7 @@ void Print(const char* what, const std::vector<double>& times) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    int runs = 100;
-    if (argc == 3 && std::strcmp(argv[1], "--runs") == 0) {
-        runs = static_cast<int>(std::strtol(argv[2], nullptr, 10));
-    }
+    const int runs = Bench::NumberOption(argc, argv, "--runs", 100);
     Bench::EnterPrivateSystem(true);
     Bench::LayOutGroups();
     const Bench::StampFile stamps(1, "application-stamps");

@@ -331,14 +331,8 @@ void MeasureChecks(bool hasGroups, const Options& options) {
 
 int main(int argc, char** argv) {
     Options options;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const int number = static_cast<int>(std::strtol(argv[i + 1], nullptr, 10));
-        if (std::strcmp(argv[i], "--runs") == 0) {
-            options.runs = number;
-        } else if (std::strcmp(argv[i], "--seconds") == 0) {
-            options.seconds = number;
-        }
-    }
+    options.runs = Bench::NumberOption(argc, argv, "--runs", options.runs);
+    options.seconds = Bench::NumberOption(argc, argv, "--seconds", options.seconds);
     // Taken by sigwait below, so that the groups are removed at each of these signals.
     sigset_t signals;
     sigset_t before;

@@ -11,8 +11,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -135,16 +133,8 @@ void MeasureAll(size_t services, int runs) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    int kills = 100;
-    int runs = 7;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const int number = static_cast<int>(std::strtol(argv[i + 1], nullptr, 10));
-        if (std::strcmp(argv[i], "--kills") == 0) {
-            kills = number;
-        } else if (std::strcmp(argv[i], "--runs") == 0) {
-            runs = number;
-        }
-    }
+    const int kills = Bench::NumberOption(argc, argv, "--kills", 100);
+    const int runs = Bench::NumberOption(argc, argv, "--runs", 7);
     Bench::EnterPrivateSystem(true);
     Bench::LayOutGroups();
     MeasureOne(kills);

@@ -176,16 +176,8 @@ void Measure(int kills, int clients) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    int kills = 200;
-    int clients = 12;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const int number = static_cast<int>(std::strtol(argv[i + 1], nullptr, 10));
-        if (std::strcmp(argv[i], "--kills") == 0) {
-            kills = number;
-        } else if (std::strcmp(argv[i], "--clients") == 0) {
-            clients = number;
-        }
-    }
+    const int kills = Bench::NumberOption(argc, argv, "--kills", 200);
+    const int clients = Bench::NumberOption(argc, argv, "--clients", 12);
     Bench::EnterPrivateSystem(true);
     Bench::LayOutGroups();
     SwitchStatusOn();
