@@ -27,8 +27,8 @@ constexpr int ACCEPTS_MAX = 32;
 constexpr std::chrono::milliseconds FULL_PAUSE{10};
 // After each turn nobody is accepted for this many times the processor time that it has used:
 // clients that connect without pause, whatever they ask, cost a quarter of one core at most.
-constexpr int PAUSE_FACTOR = 4;
-constexpr std::chrono::milliseconds PAUSE_MAX{250};
+constexpr int ACCEPT_PAUSE_FACTOR = 4;
+constexpr std::chrono::milliseconds ACCEPT_PAUSE_MAX{250};
 
 // Nothing, with a log line, for an unknown group. Waits for the group database.
 std::optional<gid_t> GroupOf(const std::string& name) {
@@ -175,9 +175,9 @@ void StatusServer::PauseAccepting() {
     const SteadyTime now = std::chrono::steady_clock::now();
     const auto used = ThreadTime();
     // The pauses add up: an answer is sent in several turns that follow each other at once.
-    const SteadyTime paid = std::max(acceptFrom_, now) + PAUSE_FACTOR * (used - used_);
+    const SteadyTime paid = std::max(acceptFrom_, now) + ACCEPT_PAUSE_FACTOR * (used - used_);
     // A turn without events ends a pause and begins none.
-    acceptFrom_ = hasEvents_ ? std::min<SteadyTime>(paid, now + PAUSE_MAX) : acceptFrom_;
+    acceptFrom_ = hasEvents_ ? std::min<SteadyTime>(paid, now + ACCEPT_PAUSE_MAX) : acceptFrom_;
     used_ = used;
 }
 

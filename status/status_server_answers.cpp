@@ -15,8 +15,8 @@ namespace {
 constexpr std::chrono::milliseconds FRESH{20};
 // After a document the thread makes none for this many times the time that it took, so clients that
 // ask without pause cost a quarter of one core at most.
-constexpr int PAUSE_FACTOR = 3;
-constexpr std::chrono::seconds PAUSE_MAX{1};
+constexpr int DOCUMENT_PAUSE_FACTOR = 3;
+constexpr std::chrono::seconds DOCUMENT_PAUSE_MAX{1};
 // The number of documents that are kept for clients at a time.
 constexpr size_t DOCUMENTS_MAX = 4;
 
@@ -60,7 +60,8 @@ Document StatusServer::Make(const Request& request, SteadyTime now) {
     }
     auto document = std::make_shared<const std::string>(answerer_(request));
     const SteadyTime end = std::chrono::steady_clock::now();
-    nextMake_ = end + std::min<SteadyTime::duration>(PAUSE_FACTOR * (end - now), PAUSE_MAX);
+    nextMake_ = end + std::min<SteadyTime::duration>(DOCUMENT_PAUSE_FACTOR * (end - now),
+                                                     DOCUMENT_PAUSE_MAX);
     if (request.kind == Request::Kind::STATUS && request.name.empty()) {
         shared_ = document;
         sharedUntil_ = end + FRESH;

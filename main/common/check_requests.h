@@ -50,11 +50,12 @@ public:
     bool TryBeginNow() PROCMGR_EXCLUDES(mutex_);
     // Ends the pass of the calling thread.
     void End() PROCMGR_EXCLUDES(mutex_);
+
     // The wait thread's operations. The check thread is woken late for what the passes of the wait
     // thread have left to it, so that it does not take a core from the new processes.
     //
     // Called when a pass has ended: the check thread is still to be woken. Wakes it when that has
-    // been put off for POSTPONE_MAX; for a cycle when the pass has called Request().
+    // been put off for POSTPONE_MAX; for a cycle when Request() has been called meanwhile.
     void PostponeWake() PROCMGR_EXCLUDES(mutex_);
     // Wakes the check thread when PostponeWake() was last called at least a millisecond ago. True
     // when it is still to be woken: the wait thread then calls again after a millisecond at most.
@@ -89,8 +90,9 @@ private:
     // The time of the first request for a pass that no pass has served.
     std::optional<SteadyTime> requested_ PROCMGR_GUARDED_BY(mutex_);
     bool isUrgent_ PROCMGR_GUARDED_BY(mutex_) = false;  // an extra pass is requested
-    // Request() has been called, and has woken the check thread. In a pass it does not wake it.
+    // Request() has been called since the last Begin().
     bool isForCycle_ PROCMGR_GUARDED_BY(mutex_) = false;
+    // Request() has woken the check thread since the last Begin(); it does not do so in a pass.
     bool isWoken_ PROCMGR_GUARDED_BY(mutex_) = false;
     bool isIncomplete_ PROCMGR_GUARDED_BY(mutex_) = false;  // a completion is requested
     bool isPassing_ PROCMGR_GUARDED_BY(mutex_) = false;     // a pass is under way
