@@ -5,11 +5,14 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <memory>
+#include <memory_resource>
 #include <new>
 #include <span>
 #include <stdexcept>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "platform/host/diagnostics.h"
 #include "platform/host/yaml_file.h"
@@ -43,21 +46,38 @@ std::string_view ToView(const yaml_char_t* text) {
     return text == nullptr ? std::string_view() : reinterpret_cast<const char*>(text);
 }
 
+[[noreturn]] void RefuseRepeatedKey(const YamlChild& child, uint32_t firstLine) {
+    throw TreeFault(child.line, "key " + Quoted(child.key) +
+                                    " stands twice in one mapping, first in line " +
+                                    std::to_string(firstLine));
+}
+
+// Compares each key with those before it in a small map: a table would take longer to make.
 void RefuseRepeatedKeys(std::span<const YamlChild> map) {
+    constexpr size_t SMALL = 32;
+    if (map.size() <= SMALL) {
+        for (auto child = map.begin(); child != map.end(); ++child) {
+            const auto first = std::find_if(map.begin(), child, [&](const YamlChild& other) {
+                return other.key == child->key;
+            });
+            if (first != child) {
+                RefuseRepeatedKey(*child, first->line);
+            }
+        }
+        return;
+    }
     std::unordered_map<std::string_view, uint32_t> lines;
     for (const YamlChild& child : map) {
         const auto [first, isNew] = lines.emplace(child.key, child.line);
         if (!isNew) {
-            throw TreeFault(child.line, "key " + Quoted(child.key) +
-                                            " stands twice in one mapping, first in line " +
-                                            std::to_string(first->second));
+            RefuseRepeatedKey(child, first->second);
         }
     }
 }
 
 class TreeBuilder {
 public:
-    const std::string& LastKey() const { return lastKey_; }
+    std::string LastKey() const { return std::string(lastKey_); }
     // The root of the document, of kind NOTHING when the text holds none.
     YamlNodePtr Root() {
         return {memory_, root_ != nullptr ? root_ : NewNode(YamlKind::NOTHING, 1, {})};
@@ -93,7 +113,8 @@ public:
 private:
     struct OpenNode {
         YamlNode* node = nullptr;
-        std::string anchor;  // empty: the node has none
+        std::string anchor;     // empty: the node has none
+        size_t firstChild = 0;  // in openChildren_
         size_t costBefore = 0;
         bool wantsValue = false;  // in a map: the last child is a key without its value
     };
@@ -112,7 +133,21 @@ private:
     // Nodes are never destroyed one by one: their memory is freed with the last YamlNodePtr.
     YamlNode* NewNode(YamlKind kind, uint32_t line, std::string_view text) {
         std::pmr::polymorphic_allocator<> allocator(memory_.get());
-        return allocator.new_object<YamlNode>(kind, line, text, memory_.get());
+        return allocator.new_object<YamlNode>(YamlNode{kind, line, Store(text), {}});
+    }
+
+    std::string_view Store(std::string_view text) {
+        std::pmr::polymorphic_allocator<char> allocator(memory_.get());
+        char* const stored = allocator.allocate(text.size());
+        std::copy(text.begin(), text.end(), stored);
+        return {stored, text.size()};
+    }
+
+    std::span<const YamlChild> Store(std::span<const YamlChild> children) {
+        std::pmr::polymorphic_allocator<YamlChild> allocator(memory_.get());
+        YamlChild* const stored = allocator.allocate(children.size());
+        std::uninitialized_copy(children.begin(), children.end(), stored);
+        return {stored, children.size()};
     }
 
     void BeginDocument(uint32_t line) {
@@ -153,16 +188,20 @@ private:
         if (open_.size() >= MAX_YAML_DEPTH) {
             throw TreeFault(line, "nested too deeply");
         }
-        open_.push_back(OpenNode{NewNode(kind, line, {}), std::string(anchor), cost_});
+        open_.push_back(
+            OpenNode{NewNode(kind, line, {}), std::string(anchor), openChildren_.size(), cost_});
         Charge(NODE_COST, line);
     }
 
     void Close() {
         const OpenNode closed = std::move(open_.back());
         open_.pop_back();
+        const auto children = std::span(openChildren_).subspan(closed.firstChild);
         if (closed.node->kind == YamlKind::MAP) {
-            RefuseRepeatedKeys(closed.node->children);
+            RefuseRepeatedKeys(children);
         }
+        closed.node->children = Store(children);
+        openChildren_.resize(closed.firstChild);
         Finish(closed.node, closed.anchor, cost_ - closed.costBefore);
     }
 
@@ -179,14 +218,13 @@ private:
             return;
         }
         OpenNode& parent = open_.back();
-        std::pmr::vector<YamlChild>& children = parent.node->children;
         if (parent.node->kind == YamlKind::LIST) {
-            children.push_back(YamlChild{{}, line, node});
+            openChildren_.push_back(YamlChild{{}, line, node});
         } else if (std::exchange(parent.wantsValue, !parent.wantsValue)) {
-            children.back().node = node;
+            openChildren_.back().node = node;
         } else if (node->kind == YamlKind::TEXT) {
             lastKey_ = node->text;
-            children.push_back(YamlChild{node->text, line, nullptr});
+            openChildren_.push_back(YamlChild{node->text, line, nullptr});
         } else {
             throw TreeFault(line, "a key is not text");
         }
@@ -196,18 +234,28 @@ private:
         std::make_shared<std::pmr::monotonic_buffer_resource>(FIRST_BLOCK);
     const YamlNode* root_ = nullptr;
     std::vector<OpenNode> open_;  // from the root to the innermost list or map that is not ended
+    std::vector<YamlChild> openChildren_;  // of the nodes of open_, one node after the other
     std::map<std::string, Anchored, std::less<>> anchors_;
-    std::string lastKey_;
+    std::string_view lastKey_;
     size_t cost_ = 0;
     int documents_ = 0;
 };
 
+// Whether a byte is a control character that no text file holds.
+constexpr std::array<bool, 256> IS_CONTROL = [] {
+    std::array<bool, 256> table{};
+    std::fill_n(table.begin(), 0x20, true);
+    for (const char allowed : {'\t', '\n', '\r'}) {
+        table[static_cast<size_t>(allowed)] = false;
+    }
+    table[0x7f] = true;
+    return table;
+}();
+
 // Refuses binary data and UTF-16 with a plain message before the parser stumbles over them.
 void RefuseControlCharacters(std::string_view text) {
-    const auto bad = std::find_if(text.begin(), text.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return (byte < 0x20 && c != '\t' && c != '\n' && c != '\r') || byte == 0x7f;
-    });
+    const auto bad = std::find_if(text.begin(), text.end(),
+                                  [](char c) { return IS_CONTROL[static_cast<unsigned char>(c)]; });
     if (bad != text.end()) {
         throw TreeFault(LineAt(text, static_cast<size_t>(bad - text.begin())),
                         "not a text file: it holds a control character");

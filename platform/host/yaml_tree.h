@@ -6,11 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <memory_resource>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace PlatformHost {
 
@@ -25,15 +24,12 @@ struct YamlChild {
     const YamlNode* node = nullptr;
 };
 
+// Texts and children are in the memory of the document.
 struct YamlNode {
-    YamlNode(YamlKind kindOfNode, uint32_t where, std::string_view value,
-             std::pmr::memory_resource* memory)
-        : kind(kindOfNode), line(where), text(value, memory), children(memory) {}
-
-    const YamlKind kind;
-    const uint32_t line;                   // counted from 1
-    const std::pmr::string text;           // of NOTHING: how the file spells it, for example "null"
-    std::pmr::vector<YamlChild> children;  // in file order; keys are unique
+    YamlKind kind = YamlKind::NOTHING;
+    uint32_t line = 0;                    // counted from 1
+    std::string_view text;                // of NOTHING: how the file spells it, for example "null"
+    std::span<const YamlChild> children;  // in file order; keys are unique
 
     // The value under `key`, or null when this is not a map or has no such key.
     const YamlNode* Find(std::string_view key) const;
