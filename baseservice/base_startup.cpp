@@ -51,7 +51,8 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
         return;
     }
     for (const ApplicationManifest& manifest : manifests_) {
-        manifestsByName_.try_emplace(manifest.GetAppName(), &manifest);
+        // The hint saves the search when the names come in their order.
+        manifestsByName_.try_emplace(manifestsByName_.end(), manifest.GetAppName(), &manifest);
     }
     MakePlan();
     DependGraph graph;

@@ -1,5 +1,7 @@
 #include "generalapp/owner_requests.h"
 
+#include <malloc.h>
+
 #include "app/app_spec.h"
 #include "app/owner_link.h"
 #include "baseservice/readiness.h"
@@ -95,6 +97,9 @@ void OwnerRequests::LoadCfg(const CfgRequest& request, const Message::StartupCfg
     if (ret == StartupConfig::OK) {
         parts_.generalApps.StartPriorityApps(info.path);
     }
+    // Parsing leaves many small free blocks, of whose pages free() alone gives few back. The daemon
+    // runs for ever and seldom parses.
+    malloc_trim(0);
 }
 
 uint32_t OwnerRequests::SetDelayCoreAffinity(const Message::DelayCoreAffinityReq& request) {

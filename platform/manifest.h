@@ -99,7 +99,7 @@ private:
     std::set<std::string> free_;  // the vertices that wait for nothing
 };
 
-// Parses manifests and keeps their dependencies. Not thread-safe.
+// Parses manifests and keeps them for the graph. Not thread-safe.
 class ParseAndDepend {
 public:
     // Appends one manifest for each entry of the file at `path`, included files first. On failure
@@ -120,7 +120,7 @@ public:
     static bool IsDynamicParaMatch(const std::string& pattern, const std::string& value);
 
 private:
-    std::map<std::string, std::set<std::string>> depends_;
+    std::vector<ApplicationManifest> parsed_;
 };
 
 // A node of a YAML file that is not a manifest. Not thread-safe.

@@ -47,11 +47,12 @@ void DependGraph::Pop(const std::string& name) {
     }
 }
 
+// The hints save the search when the names come in their order, as they do in most files.
 void DependGraph::Add(const std::string& name, const std::set<std::string>& depends) {
-    std::set<std::string>& waitsFor = waitsFor_[name];
+    std::set<std::string>& waitsFor = waitsFor_.try_emplace(waitsFor_.end(), name)->second;
     waitsFor.insert(depends.begin(), depends.end());
     if (waitsFor.empty()) {
-        free_.insert(name);
+        free_.insert(free_.end(), name);
     } else {
         free_.erase(name);
     }
@@ -61,7 +62,11 @@ void DependGraph::Add(const std::string& name, const std::set<std::string>& depe
 }
 
 int ParseAndDepend::GetStartGraph(const std::vector<std::string>& names, DependGraph& graph) {
-    PlatformHost::StartGraph built = PlatformHost::MakeStartGraph(names, depends_);
+    PlatformHost::Dependencies depends;
+    for (const ApplicationManifest& manifest : parsed_) {
+        depends.insert_or_assign(depends.end(), manifest.GetAppName(), manifest.GetDependList());
+    }
+    PlatformHost::StartGraph built = PlatformHost::MakeStartGraph(names, depends);
     ReportCycles(PlatformHost::FindCycles(built));
     graph = std::move(built.graph);
     return 0;

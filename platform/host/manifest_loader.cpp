@@ -8,6 +8,7 @@
 #include <memory_resource>
 #include <optional>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "platform/host/diagnostics.h"
@@ -256,7 +257,8 @@ private:
     // Apart from the heap, where the nodes would leave a hole beside each manifest, and the small
     // blocks of the records in these holes would keep the pages of the manifests for good.
     std::pmr::monotonic_buffer_resource memory_;
-    std::pmr::map<std::string_view, Entry> entryOfName_{&memory_};  // refers to the manifests
+    // Refers to the manifests.
+    std::pmr::unordered_map<std::string_view, Entry> entryOfName_{&memory_};
 };
 
 }  // namespace

@@ -1,6 +1,5 @@
 // The parsing of manifests in ParseAndDepend of platform/manifest.h, and its questions about
 // patterns.
-#include <malloc.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -114,38 +113,24 @@ ManifestLoad LoadAndReport(const std::string& path) {
     return load;
 }
 
-// Gives the free pages of the heap back to the system. Text and tree of the file are small blocks,
-// many of them between blocks that stay, so that free() alone returns little of this memory; the
-// daemon runs for ever and seldom parses.
-struct HeapTrim {
-    HeapTrim() = default;
-    ~HeapTrim() { malloc_trim(0); }
-    HeapTrim(const HeapTrim&) = delete;
-    HeapTrim& operator=(const HeapTrim&) = delete;
-};
-
 }  // namespace
 
 int ParseAndDepend::ParseYaml(int /*paramType*/, const std::string& path,
                               std::vector<ApplicationManifest>& manifests,
                               std::set<std::string>& scratch) {
-    const HeapTrim trimAtTheEnd;
     try {
         ManifestLoad load = LoadAndReport(path);
         if (!load.error.empty()) {
             return -1;
         }
         // All steps that can fail come before the first change that the caller can see.
-        std::map<std::string, std::set<std::string>> depends = depends_;
-        for (const ApplicationManifest& manifest : load.manifests) {
-            depends[manifest.GetAppName()] = manifest.GetDependList();
-        }
         std::set<std::string> files = scratch;
         files.merge(load.files);
+        parsed_.reserve(parsed_.size() + load.manifests.size());
         manifests.reserve(manifests.size() + load.manifests.size());
+        parsed_.insert(parsed_.end(), load.manifests.begin(), load.manifests.end());
         std::move(load.manifests.begin(), load.manifests.end(), std::back_inserter(manifests));
         scratch.swap(files);
-        depends_.swap(depends);
     } catch (const std::exception& failure) {
         WriteDiagnostic(LOG_ERR, path + ": " + failure.what());
         return -1;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
 namespace PlatformHost {
@@ -40,10 +42,10 @@ std::vector<std::string> WalkToCycle(const Dependencies& stuck, const std::strin
 }  // namespace
 
 StartGraph MakeStartGraph(const std::vector<std::string>& names, const Dependencies& depends) {
-    const std::set<std::string> chosen(names.begin(), names.end());
+    const std::unordered_set<std::string_view> chosen(names.begin(), names.end());
     StartGraph start;
-    for (const std::string& name : chosen) {
-        std::set<std::string>& waitsFor = start.edges[name];
+    for (const std::string& name : names) {
+        std::set<std::string>& waitsFor = start.edges.try_emplace(start.edges.end(), name)->second;
         const auto known = depends.find(name);
         if (known != depends.end()) {
             std::copy_if(known->second.begin(), known->second.end(),
