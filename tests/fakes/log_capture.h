@@ -64,7 +64,7 @@ private:
     using Predicate = std::function<bool(const LogLine&)>;
 
     static Predicate IsLine(int level, const std::string& text) {
-        return [=](const LogLine& line) { return line == LogLine{level, text}; };
+        return [wanted = LogLine{level, text}](const LogLine& line) { return line == wanted; };
     }
     static Predicate HasPart(int level, const std::string& part) {
         return [=](const LogLine& line) {

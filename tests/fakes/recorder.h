@@ -81,8 +81,14 @@ public:
     template <typename Predicate>
     bool WaitFor(Predicate predicate, std::chrono::milliseconds patience = Tests::PATIENCE) const {
         std::unique_lock lock(mutex_);
+        // Each entry is looked at once: whoever records waits for the lock meanwhile. Reset() is
+        // not called during a wait.
+        size_t seen = 0;
         return changed_.wait_for(lock, patience, [&] {
-            return std::any_of(entries_.begin(), entries_.end(), predicate);
+            const auto first =
+                entries_.begin() + static_cast<ptrdiff_t>(std::min(seen, entries_.size()));
+            seen = entries_.size();
+            return std::any_of(first, entries_.end(), predicate);
         });
     }
 
