@@ -25,10 +25,7 @@ AppFacts::AppFacts(const ApplicationManifest& manifest)
       uid(manifest.GetUid()),
       gid(manifest.GetGid()),
       depends(manifest.GetDependList()),
-      cpuGroup(manifest.GetResGroupName()),
-      cpusetGroup(manifest.GetCpuset()),
-      blkioGroup(manifest.GetBlkioGroupName()),
-      otherGroups(manifest.GetCGroupPath()),
+      groups(GroupsOf(manifest)),
       cores(CoresOf(manifest.GetCoreAffinity())) {}
 
 AppFacts::AppFacts(const AppSpec& spec, const std::string& ownerName)
@@ -40,18 +37,13 @@ AppFacts::AppFacts(const AppSpec& spec, const std::string& ownerName)
       execPath(spec.execPath_),
       uid(spec.uid_),
       gid(spec.gid_),
-      cpuGroup(spec.resGroupName_),
-      cpusetGroup(spec.cpuset_),
-      blkioGroup(spec.blkioGroupName_),
-      otherGroups(spec.cgroupPath_),
+      groups(spec.groups_),
       cores(spec.coreAffinity_) {}
 
 bool AppFacts::IsOf(const AppSpec& spec, const std::string& ownerName) const {
-    return std::tie(owner, policy, priority, hasHeartBeat, execPath, uid, gid, cpuGroup,
-                    cpusetGroup, blkioGroup, otherGroups, cores) ==
+    return std::tie(owner, policy, priority, hasHeartBeat, execPath, uid, gid, *groups, cores) ==
            std::tie(ownerName, spec.restartPolicy_, spec.startupPriority_, spec.heartBeatSwitch_,
-                    spec.execPath_, spec.uid_, spec.gid_, spec.resGroupName_, spec.cpuset_,
-                    spec.blkioGroupName_, spec.cgroupPath_, spec.coreAffinity_);
+                    spec.execPath_, spec.uid_, spec.gid_, *spec.groups_, spec.coreAffinity_);
 }
 
 }  // namespace ProcMgr::App

@@ -3,7 +3,7 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -32,10 +32,7 @@ struct AppFacts {
     uint32_t uid = 0;
     uint32_t gid = 0;
     std::set<std::string> depends;
-    std::string cpuGroup;
-    std::string cpusetGroup;
-    std::string blkioGroup;
-    std::map<std::string, std::string> otherGroups;  // by controller
+    std::shared_ptr<const AppGroups> groups;  // never null
     std::vector<uint32_t> cores;
 };
 

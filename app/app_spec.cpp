@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "main/common/log.h"
 
@@ -51,26 +52,30 @@ OutputConfig OutputOf(const ApplicationManifest& manifest) {
     return GetManifestOutput == nullptr ? OutputConfig() : GetManifestOutput(manifest);
 }
 
+std::shared_ptr<const AppGroups> GroupsOf(const ApplicationManifest& manifest) {
+    static const auto NONE = std::make_shared<const AppGroups>();
+    AppGroups groups{manifest.GetResGroupName(), manifest.GetCpuset(), manifest.GetBlkioGroupName(),
+                     manifest.GetCGroupPath()};
+    return groups == *NONE ? NONE : std::make_shared<const AppGroups>(std::move(groups));
+}
+
 AppSpec::AppSpec(const ApplicationManifest& manifest, const std::string& appName)
     : appName_(appName),
       uid_(manifest.GetUid()),
       gid_(manifest.GetGid()),
       coreAffinity_(manifest.GetCoreAffinity()),
-      resGroupName_(manifest.GetResGroupName()),
+      groups_(GroupsOf(manifest)),
       execPath_(manifest.GetBinPath()),
       arguments_(manifest.GetArguments()),
       envs_(manifest.GetEnvArgv()),
       termTimeout_(manifest.GetTermTimeOut()),
       securityCon_(manifest.GetSecurityCon()),
-      cpuset_(manifest.GetCpuset()),
       restartPolicy_(manifest.GetRestart()),
       nodeType_(manifest.GetNodeType()),
       startupPriority_(manifest.GetStartupPriority()),
       isDelayCoreAffinity_(manifest.GetIsDelayCoreAffinity()),
       vfId_(manifest.GetVfId()),
       isDynamicPara_(manifest.GetIsDynamicPara()),
-      blkioGroupName_(manifest.GetBlkioGroupName()),
-      cgroupPath_(manifest.GetCGroupPath()),
       numaType_(manifest.GetNumaType()),
       nice_(manifest.GetNice()),
       forceTerm_(manifest.GetIsForceTerm()),
@@ -121,13 +126,17 @@ void AppSpec::ApplyRealTime(const ApplicationManifest& manifest) {
 }
 
 void AppSpec::DetectDynamicParameters(const ApplicationManifest& manifest) {
-    dynamicExecPath_ = ParseAndDepend::IsDynamicPara(execPath_);
-    execPathPattern_ = execPath_;
-    dynamicArguments_ =
+    DynamicPatterns patterns;
+    patterns.hasExecPath = ParseAndDepend::IsDynamicPara(execPath_);
+    patterns.hasArguments =
         std::any_of(arguments_.begin(), arguments_.end(), ParseAndDepend::IsDynamicPara);
-    envPatterns_ = envs_;
-    vfIdPattern_ = manifest.GetVfIdPattern();
-    dynamicVfId_ = ParseAndDepend::IsDynamicPara(vfIdPattern_);
+    patterns.vfId = manifest.GetVfIdPattern();
+    patterns.hasVfId = ParseAndDepend::IsDynamicPara(patterns.vfId);
+    if (isDynamicPara_ || patterns.hasExecPath || patterns.hasArguments || patterns.hasVfId) {
+        patterns.execPath = execPath_;
+        patterns.envs = envs_;
+        patterns_ = std::make_shared<const DynamicPatterns>(std::move(patterns));
+    }
 }
 
 }  // namespace ProcMgr::App

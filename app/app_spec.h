@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -47,6 +48,30 @@ int ToSystemPolicy(SchedPolicyType policy);
 // The value of the manifest; INHERIT with a platform library that does not know the key.
 OutputConfig OutputOf(const ApplicationManifest& manifest);
 
+// Which values of a manifest a start request replaces, with the patterns that these must satisfy.
+struct DynamicPatterns {
+    bool hasExecPath = false;
+    bool hasArguments = false;
+    bool hasVfId = false;
+    std::string execPath;
+    std::string vfId;
+    // Every configured entry, whether its value is a pattern or not.
+    std::map<std::string, std::string> envs;
+};
+
+// The control groups of an application. Empty: the manifest names none.
+struct AppGroups {
+    std::string cpu;
+    std::string cpuset;
+    std::string blkio;
+    std::map<std::string, std::string> others;  // by controller
+
+    bool operator==(const AppGroups&) const = default;
+};
+
+// The groups of the manifest; one object for all manifests that name none.
+std::shared_ptr<const AppGroups> GroupsOf(const ApplicationManifest& manifest);
+
 class AppSpec {
 public:
     // The start-up priority of an application that is not a priority application.
@@ -76,13 +101,13 @@ public:
     uint32_t uid_ = 0;
     uint32_t gid_ = 0;
     std::vector<uint32_t> coreAffinity_;
-    std::string resGroupName_;
+    // Never null. Like the patterns shared by all copies, because most applications have neither.
+    std::shared_ptr<const AppGroups> groups_;
     std::string execPath_;
     std::vector<std::string> arguments_;
     std::map<std::string, std::string> envs_;
     uint32_t termTimeout_ = 0;  // milliseconds
     std::string securityCon_;
-    std::string cpuset_;
     bool isReporting_ = false;  // base services
     std::string restartPolicy_;
     uint32_t nodeType_ = 0;
@@ -90,16 +115,8 @@ public:
     bool isDelayCoreAffinity_ = false;
     int32_t vfId_ = -1;
     bool isDynamicPara_ = false;
-    std::string blkioGroupName_;
-    std::map<std::string, std::string> cgroupPath_;
     uint32_t numaType_ = 0;
-    bool dynamicExecPath_ = false;
-    std::string execPathPattern_;
-    bool dynamicArguments_ = false;
-    // Every configured entry, whether its value is a pattern or not.
-    std::map<std::string, std::string> envPatterns_;
-    bool dynamicVfId_ = false;
-    std::string vfIdPattern_;
+    std::shared_ptr<const DynamicPatterns> patterns_;  // null without dynamic parameters
     SchedPolicyType schedPolicy_ = SchedPolicyType::NOT_SET;
     bool rtEnable_ = false;
     int32_t rtPriority_ = -1;

@@ -42,10 +42,10 @@ int32_t ParseVfId(const std::string& text) {
 }  // namespace
 
 bool AppSpec::UpdateDynamicPara(const Values& argv, const std::map<int, Values>& dynamicPara) {
-    if (!isDynamicPara_) {
+    if (!isDynamicPara_ || patterns_ == nullptr) {
         return true;
     }
-    if (dynamicArguments_) {
+    if (patterns_->hasArguments) {
         arguments_ = argv;
     }
     for (const Parameter& parameter : PARAMETERS) {
@@ -58,7 +58,7 @@ bool AppSpec::UpdateDynamicPara(const Values& argv, const std::map<int, Values>&
 }
 
 bool AppSpec::UpdateExecvPath(const Values& values) {
-    if (!dynamicExecPath_) {
+    if (patterns_ == nullptr || !patterns_->hasExecPath) {
         return true;
     }
     if (values.size() != 1) {
@@ -70,9 +70,9 @@ bool AppSpec::UpdateExecvPath(const Values& values) {
         ProcMgrLog(LOG_ERR, "PROCMGR : dynamic execPath invalid, is empty");
         return false;
     }
-    if (!ParseAndDepend::IsDynamicParaMatch(execPathPattern_, value)) {
+    if (!ParseAndDepend::IsDynamicParaMatch(patterns_->execPath, value)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : dynamic execPath invalid, pattern=%s, execPath=%s",
-                   execPathPattern_.c_str(), value.c_str());
+                   patterns_->execPath.c_str(), value.c_str());
         return false;
     }
     execPath_ = value;
@@ -82,7 +82,7 @@ bool AppSpec::UpdateExecvPath(const Values& values) {
 }
 
 bool AppSpec::UpdateVfId(const Values& values) {
-    if (!dynamicVfId_) {
+    if (patterns_ == nullptr || !patterns_->hasVfId) {
         return true;
     }
     if (values.empty()) {
@@ -91,9 +91,9 @@ bool AppSpec::UpdateVfId(const Values& values) {
         return true;
     }
     const std::string& value = values.front();
-    if (!ParseAndDepend::IsDynamicParaMatch(vfIdPattern_, value)) {
+    if (!ParseAndDepend::IsDynamicParaMatch(patterns_->vfId, value)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : dynamic vfid invalid, pattern=%s, vfid=%s",
-                   vfIdPattern_.c_str(), value.c_str());
+                   patterns_->vfId.c_str(), value.c_str());
         return false;
     }
     vfId_ = ParseVfId(value);
@@ -103,16 +103,17 @@ bool AppSpec::UpdateVfId(const Values& values) {
 }
 
 bool AppSpec::UpdateEnv(const Values& values) {
-    if (envPatterns_.empty()) {
+    if (patterns_ == nullptr || patterns_->envs.empty()) {
         return true;
     }
+    const std::map<std::string, std::string>& patterns = patterns_->envs;
     envs_.clear();
     std::string summary;
     const auto set = [&](const std::string& key, const std::string& value) {
         envs_[key] = value;
         summary += (summary.empty() ? "" : " ") + key + "=" + value;
     };
-    for (const auto& [key, value] : envPatterns_) {
+    for (const auto& [key, value] : patterns) {
         if (!ParseAndDepend::IsDynamicPara(value)) {
             set(key, value);
         }
@@ -125,8 +126,8 @@ bool AppSpec::UpdateEnv(const Values& values) {
         }
         const std::string key = text.substr(0, equals);
         const std::string value = text.substr(equals + 1);
-        const auto pattern = envPatterns_.find(key);
-        if (pattern == envPatterns_.end()) {
+        const auto pattern = patterns.find(key);
+        if (pattern == patterns.end()) {
             ProcMgrLog(LOG_WARNING, "PROCMGR : dynamic env key not in yaml cfg, %s, ignore it",
                        key.c_str());
             continue;

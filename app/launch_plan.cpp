@@ -29,8 +29,9 @@ std::vector<std::string> TaskFilesOf(const AppInfo& app, const CgroupMgr& cgroup
     if (ProcMgrEnv::GetInstance().IsQuickStart()) {
         return {};
     }
-    const CgroupTaskInfo task{
-        app.appName_, 0, app.resGroupName_, app.cpuset_, app.blkioGroupName_, app.cgroupPath_};
+    const AppGroups& groups = *app.groups_;
+    const CgroupTaskInfo task{app.appName_, 0, groups.cpu, groups.cpuset, groups.blkio,
+                              groups.others};
     return cgroups.GetTaskPaths(task);
 }
 

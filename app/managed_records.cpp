@@ -28,9 +28,9 @@ ManagedApp MakeManagedApp(const AppInfo& app) {
     managed.pid = app.pid_;
     managed.startTime = app.startTime_;
     managed.cores = app.coreAffinity_;
-    managed.cpuset = app.cpuset_;
-    managed.cpuGroup = app.resGroupName_;
-    managed.blkioGroup = app.blkioGroupName_;
+    managed.cpuset = app.groups_->cpuset;
+    managed.cpuGroup = app.groups_->cpu;
+    managed.blkioGroup = app.groups_->blkio;
     managed.isDelayed = app.isDelayCoreAffinity_;
     managed.notedTids = app.tids_;
     return managed;

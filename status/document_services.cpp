@@ -10,11 +10,11 @@ namespace {
 
 void WriteGroups(JsonWriter& json, const App::AppFacts& facts) {
     json.OpenObject("groups");
-    json.Member("cpu", facts.cpuGroup);
-    json.Member("cpuset", facts.cpusetGroup);
-    json.Member("blkio", facts.blkioGroup);
+    json.Member("cpu", facts.groups->cpu);
+    json.Member("cpuset", facts.groups->cpuset);
+    json.Member("blkio", facts.groups->blkio);
     json.OpenObject("other");
-    for (const auto& [controller, group] : facts.otherGroups) {
+    for (const auto& [controller, group] : facts.groups->others) {
         json.Member(controller, group);
     }
     json.CloseObject();
