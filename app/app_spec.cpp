@@ -126,17 +126,18 @@ void AppSpec::ApplyRealTime(const ApplicationManifest& manifest) {
 }
 
 void AppSpec::DetectDynamicParameters(const ApplicationManifest& manifest) {
-    DynamicPatterns patterns;
-    patterns.hasExecPath = ParseAndDepend::IsDynamicPara(execPath_);
-    patterns.hasArguments =
-        std::any_of(arguments_.begin(), arguments_.end(), ParseAndDepend::IsDynamicPara);
-    patterns.vfId = manifest.GetVfIdPattern();
-    patterns.hasVfId = ParseAndDepend::IsDynamicPara(patterns.vfId);
-    if (isDynamicPara_ || patterns.hasExecPath || patterns.hasArguments || patterns.hasVfId) {
-        patterns.execPath = execPath_;
-        patterns.envs = envs_;
-        patterns_ = std::make_shared<const DynamicPatterns>(std::move(patterns));
+    if (!isDynamicPara_) {
+        return;
     }
+    DynamicPatterns patterns;
+    patterns.dynamicExecPath_ = ParseAndDepend::IsDynamicPara(execPath_);
+    patterns.execPathPattern_ = execPath_;
+    patterns.dynamicArguments_ =
+        std::any_of(arguments_.begin(), arguments_.end(), ParseAndDepend::IsDynamicPara);
+    patterns.envPatterns_ = envs_;
+    patterns.vfIdPattern_ = manifest.GetVfIdPattern();
+    patterns.dynamicVfId_ = ParseAndDepend::IsDynamicPara(patterns.vfIdPattern_);
+    patterns_ = std::make_shared<const DynamicPatterns>(std::move(patterns));
 }
 
 }  // namespace ProcMgr::App

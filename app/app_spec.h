@@ -50,21 +50,21 @@ OutputConfig OutputOf(const ApplicationManifest& manifest);
 
 // Which values of a manifest a start request replaces, with the patterns that these must satisfy.
 struct DynamicPatterns {
-    bool hasExecPath = false;
-    bool hasArguments = false;
-    bool hasVfId = false;
-    std::string execPath;
-    std::string vfId;
+    bool dynamicExecPath_ = false;
+    std::string execPathPattern_;
+    bool dynamicArguments_ = false;
     // Every configured entry, whether its value is a pattern or not.
-    std::map<std::string, std::string> envs;
+    std::map<std::string, std::string> envPatterns_;
+    bool dynamicVfId_ = false;
+    std::string vfIdPattern_;
 };
 
 // The control groups of an application. Empty: the manifest names none.
 struct AppGroups {
-    std::string cpu;
-    std::string cpuset;
-    std::string blkio;
-    std::map<std::string, std::string> others;  // by controller
+    std::string resGroupName_;  // of the cpu controller
+    std::string cpuset_;
+    std::string blkioGroupName_;
+    std::map<std::string, std::string> cgroupPath_;  // the others, by controller
 
     bool operator==(const AppGroups&) const = default;
 };
@@ -101,7 +101,7 @@ public:
     uint32_t uid_ = 0;
     uint32_t gid_ = 0;
     std::vector<uint32_t> coreAffinity_;
-    // Never null. Like the patterns shared by all copies, because most applications have neither.
+    // Never null. Shared by the copies of this object, and by all applications that name no groups.
     std::shared_ptr<const AppGroups> groups_;
     std::string execPath_;
     std::vector<std::string> arguments_;
@@ -116,7 +116,8 @@ public:
     int32_t vfId_ = -1;
     bool isDynamicPara_ = false;
     uint32_t numaType_ = 0;
-    std::shared_ptr<const DynamicPatterns> patterns_;  // null without dynamic parameters
+    // Null when isDynamicPara_ is false. Shared by the copies of this object.
+    std::shared_ptr<const DynamicPatterns> patterns_;
     SchedPolicyType schedPolicy_ = SchedPolicyType::NOT_SET;
     bool rtEnable_ = false;
     int32_t rtPriority_ = -1;

@@ -42,10 +42,10 @@ int32_t ParseVfId(const std::string& text) {
 }  // namespace
 
 bool AppSpec::UpdateDynamicPara(const Values& argv, const std::map<int, Values>& dynamicPara) {
-    if (!isDynamicPara_ || patterns_ == nullptr) {
+    if (patterns_ == nullptr) {
         return true;
     }
-    if (patterns_->hasArguments) {
+    if (patterns_->dynamicArguments_) {
         arguments_ = argv;
     }
     for (const Parameter& parameter : PARAMETERS) {
@@ -58,7 +58,7 @@ bool AppSpec::UpdateDynamicPara(const Values& argv, const std::map<int, Values>&
 }
 
 bool AppSpec::UpdateExecvPath(const Values& values) {
-    if (patterns_ == nullptr || !patterns_->hasExecPath) {
+    if (patterns_ == nullptr || !patterns_->dynamicExecPath_) {
         return true;
     }
     if (values.size() != 1) {
@@ -70,9 +70,9 @@ bool AppSpec::UpdateExecvPath(const Values& values) {
         ProcMgrLog(LOG_ERR, "PROCMGR : dynamic execPath invalid, is empty");
         return false;
     }
-    if (!ParseAndDepend::IsDynamicParaMatch(patterns_->execPath, value)) {
+    if (!ParseAndDepend::IsDynamicParaMatch(patterns_->execPathPattern_, value)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : dynamic execPath invalid, pattern=%s, execPath=%s",
-                   patterns_->execPath.c_str(), value.c_str());
+                   patterns_->execPathPattern_.c_str(), value.c_str());
         return false;
     }
     execPath_ = value;
@@ -82,7 +82,7 @@ bool AppSpec::UpdateExecvPath(const Values& values) {
 }
 
 bool AppSpec::UpdateVfId(const Values& values) {
-    if (patterns_ == nullptr || !patterns_->hasVfId) {
+    if (patterns_ == nullptr || !patterns_->dynamicVfId_) {
         return true;
     }
     if (values.empty()) {
@@ -91,9 +91,9 @@ bool AppSpec::UpdateVfId(const Values& values) {
         return true;
     }
     const std::string& value = values.front();
-    if (!ParseAndDepend::IsDynamicParaMatch(patterns_->vfId, value)) {
+    if (!ParseAndDepend::IsDynamicParaMatch(patterns_->vfIdPattern_, value)) {
         ProcMgrLog(LOG_ERR, "PROCMGR : dynamic vfid invalid, pattern=%s, vfid=%s",
-                   patterns_->vfId.c_str(), value.c_str());
+                   patterns_->vfIdPattern_.c_str(), value.c_str());
         return false;
     }
     vfId_ = ParseVfId(value);
@@ -103,10 +103,10 @@ bool AppSpec::UpdateVfId(const Values& values) {
 }
 
 bool AppSpec::UpdateEnv(const Values& values) {
-    if (patterns_ == nullptr || patterns_->envs.empty()) {
+    if (patterns_ == nullptr || patterns_->envPatterns_.empty()) {
         return true;
     }
-    const std::map<std::string, std::string>& patterns = patterns_->envs;
+    const std::map<std::string, std::string>& patterns = patterns_->envPatterns_;
     envs_.clear();
     std::string summary;
     const auto set = [&](const std::string& key, const std::string& value) {

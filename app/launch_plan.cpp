@@ -30,8 +30,9 @@ std::vector<std::string> TaskFilesOf(const AppInfo& app, const CgroupMgr& cgroup
         return {};
     }
     const AppGroups& groups = *app.groups_;
-    const CgroupTaskInfo task{app.appName_, 0, groups.cpu, groups.cpuset, groups.blkio,
-                              groups.others};
+    const CgroupTaskInfo task{app.appName_,           0,
+                              groups.resGroupName_,   groups.cpuset_,
+                              groups.blkioGroupName_, groups.cgroupPath_};
     return cgroups.GetTaskPaths(task);
 }
 

@@ -28,9 +28,9 @@ ManagedApp MakeManagedApp(const AppInfo& app) {
     managed.pid = app.pid_;
     managed.startTime = app.startTime_;
     managed.cores = app.coreAffinity_;
-    managed.cpuset = app.groups_->cpuset;
-    managed.cpuGroup = app.groups_->cpu;
-    managed.blkioGroup = app.groups_->blkio;
+    managed.cpuset = app.groups_->cpuset_;
+    managed.cpuGroup = app.groups_->resGroupName_;
+    managed.blkioGroup = app.groups_->blkioGroupName_;
     managed.isDelayed = app.isDelayCoreAffinity_;
     managed.notedTids = app.tids_;
     return managed;

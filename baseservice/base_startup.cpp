@@ -51,7 +51,7 @@ void BaseStartup::InitBaseApplication(const std::string& path) {
         return;
     }
     for (const ApplicationManifest& manifest : manifests_) {
-        // The hint saves the search when the names come in their order.
+        // The hint saves the search while the names come in alphabetical order.
         manifestsByName_.try_emplace(manifestsByName_.end(), manifest.GetAppName(), &manifest);
     }
     MakePlan();

@@ -63,7 +63,7 @@ private:
     BaseServices& services_;
     ReportedState& reportedState_;
     BootCommandLine& commandLine_;
-    ParseAndDepend parser_;  // keeps the dependencies of the services for the start graph
+    ParseAndDepend parser_;  // keeps the manifests for the start graph
     // All are kept until the last batch: the records get pages of their own then, and the pages of
     // the manifests can be given back to the system.
     std::vector<ApplicationManifest> manifests_;

@@ -42,8 +42,7 @@ uint32_t StartupConfig::Load(const std::string& path, const MatchData& matchData
     MayWait("the file system");
     std::vector<ApplicationManifest> manifests;
     std::set<std::string> scratch;
-    // A new parser, because the parser of base start-up keeps the dependencies of the base
-    // services.
+    // A new parser, because the parser of base start-up keeps the manifests of the base services.
     if (ParseAndDepend().ParseYaml(0, path, manifests, scratch) != 0) {
         ProcMgrLog(LOG_ERR, "process-manager LoadStartCfgInfo=%s failed", path.c_str());
         return FILE_UNUSABLE;

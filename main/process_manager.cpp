@@ -272,6 +272,8 @@ bool ProcessManager::HandleWakeUp() {
 void ProcessManager::WaitContinueSignal() {
     if (ProcMgrEnv::GetInstance().IsQuickStart()) {
         phases_.Enter(Status::Phase::WAITING_CONTINUE);
+        // The wait may be long, and what parsing took is not needed meanwhile.
+        malloc_trim(0);
     }
     quickStartWait_.WaitContinueSignal();
 }

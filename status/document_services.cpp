@@ -10,11 +10,11 @@ namespace {
 
 void WriteGroups(JsonWriter& json, const App::AppFacts& facts) {
     json.OpenObject("groups");
-    json.Member("cpu", facts.groups->cpu);
-    json.Member("cpuset", facts.groups->cpuset);
-    json.Member("blkio", facts.groups->blkio);
+    json.Member("cpu", facts.groups->resGroupName_);
+    json.Member("cpuset", facts.groups->cpuset_);
+    json.Member("blkio", facts.groups->blkioGroupName_);
     json.OpenObject("other");
-    for (const auto& [controller, group] : facts.groups->others) {
+    for (const auto& [controller, group] : facts.groups->cgroupPath_) {
         json.Member(controller, group);
     }
     json.CloseObject();

@@ -47,7 +47,7 @@ void DependGraph::Pop(const std::string& name) {
     }
 }
 
-// The hints save the search when the names come in their order, as they do in most files.
+// The hints save the search while the names come in alphabetical order.
 void DependGraph::Add(const std::string& name, const std::set<std::string>& depends) {
     std::set<std::string>& waitsFor = waitsFor_.try_emplace(waitsFor_.end(), name)->second;
     waitsFor.insert(depends.begin(), depends.end());

@@ -4,7 +4,6 @@
 #include <array>
 #include <exception>
 #include <filesystem>
-#include <map>
 #include <memory_resource>
 #include <optional>
 #include <string_view>

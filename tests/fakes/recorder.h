@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -81,14 +82,14 @@ public:
     template <typename Predicate>
     bool WaitFor(Predicate predicate, std::chrono::milliseconds patience = Tests::PATIENCE) const {
         std::unique_lock lock(mutex_);
-        // Each entry is looked at once: whoever records waits for the lock meanwhile. Reset() is
-        // not called during a wait.
+        // Each entry is looked at once, because whoever records waits for the lock meanwhile. So
+        // the answer for an entry must not change later, and Reset() not be called during a wait.
         size_t seen = 0;
         return changed_.wait_for(lock, patience, [&] {
             const auto first =
-                entries_.begin() + static_cast<ptrdiff_t>(std::min(seen, entries_.size()));
+                entries_.begin() + static_cast<std::ptrdiff_t>(std::min(seen, entries_.size()));
             seen = entries_.size();
-            return std::any_of(first, entries_.end(), predicate);
+            return std::any_of(first, entries_.end(), std::ref(predicate));
         });
     }
 
