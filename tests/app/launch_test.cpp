@@ -31,7 +31,10 @@ constexpr bool IS_SANITIZED = false;
 class MemoryChoice : public testing::WithParamInterface<const char*> {
 protected:
     MemoryChoice() { Fakes::FakeAccessManager::SetNeedsOwnMemory(GetParam() == OWN); }
-    ~MemoryChoice() override { Fakes::FakeAccessManager::SetNeedsOwnMemory(true); }
+    ~MemoryChoice() override {
+        Fakes::FakeAccessManager::SetNeedsOwnMemory(true);
+        Fakes::FakeAccessManager::Get().Reset();
+    }
 
     static constexpr std::string_view OWN = "own";
 };
@@ -166,6 +169,7 @@ TEST_P(LaunchTest, NoneOfManyChildrenIsLostOrHoldsALock) {
     ASSERT_TRUE(StartNow(first));  // makes what is made once
     ASSERT_GT(wait(nullptr), 0);
     const size_t descriptors = CountDescriptors();
+    Fakes::FakeAccessManager::StopRecording();
     std::atomic<bool> isRunning{true};
     std::atomic<pid_t> newest{0};
     std::mutex mutex;

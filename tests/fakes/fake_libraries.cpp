@@ -13,7 +13,7 @@ using ProcMgr::Fakes::FakeDevice;
 using ProcMgr::Fakes::FakeHeartBeat;
 
 int ZornInitProc(const AppConfig& config) {
-    if (!FakeAccessManager::NeedsOwnMemory()) {
+    if (!FakeAccessManager::IsRecording()) {
         return 0;
     }
     const auto [result, error] = FakeAccessManager::Get().Init(config);
