@@ -159,6 +159,11 @@ private:
         bool isReporting = false;
         bool hasDied = false;  // else its end was requested
     };
+    // A service that has a new process.
+    struct Restarted {
+        Record* record = nullptr;
+        bool hasFault = false;  // the fault of its death has not been raised
+    };
     // The services that StopAll() has sent SIGTERM.
     struct Endings {
         std::multimap<SteadyTime, std::string> byKillTime;  // not killed yet
@@ -185,11 +190,14 @@ private:
     // Decides about the restart and logs the decision. Returns a copy of the record when the
     // service is to be restarted.
     std::optional<Record> DecideRestart(const std::string& name) PROCMGR_EXCLUDES(mutex_);
-    // Starts the new process, raises the fault, and leaves the end of the launch to Complete():
-    // `guard` is disarmed. Logs when there is no new process.
+    // Starts the new process and leaves the fault and the end of the launch to Complete(): `guard`
+    // is disarmed. Logs when there is no new process.
     void PrepareAndRestart(const Record& copy, LaunchGuard& guard, StartFault& fault)
         PROCMGR_EXCLUDES(mutex_);
-    std::vector<Record*> TakeRestarted() PROCMGR_EXCLUDES(mutex_);
+    std::vector<Restarted> TakeRestarted() PROCMGR_EXCLUDES(mutex_);
+    // Raises the fault of the death before the restart if it has not been raised, and withdraws it
+    // when the service does not report that it runs.
+    void ShowRestart(const Record& record, bool hasFault);
     Record CopyOf(const Record& record) PROCMGR_EXCLUDES(mutex_);
     void Reconnect(const Record& record) PROCMGR_EXCLUDES(mutex_);
     // Ends the launch of the record: supervision checks the record again.
@@ -249,7 +257,7 @@ private:
     BaseRecords executedBaseApp_ PROCMGR_GUARDED_BY(mutex_);
     // The restarted services that Complete() has to look at. isLaunching_ is set in each until
     // Complete() ends its launch, so none is removed before.
-    std::vector<Record*> restarted_ PROCMGR_GUARDED_BY(mutex_);
+    std::vector<Restarted> restarted_ PROCMGR_GUARDED_BY(mutex_);
     bool isStopping_ PROCMGR_GUARDED_BY(mutex_) = false;
     BootPlan plan_ PROCMGR_GUARDED_BY(mutex_);
     std::string configError_ PROCMGR_GUARDED_BY(mutex_);

@@ -57,9 +57,8 @@ private:
 };
 
 // Raises the fault of a service that has died, at the end of its scope at the latest, also when the
-// preparation of the restart takes long. When the service is restarted the fault is raised after
-// the fork, because raising it wakes the device worker, which would take a core from the new
-// process.
+// preparation of the restart takes long. When the service is restarted at once, the fault is left
+// to Complete(): raising it wakes the device worker, which would preempt the new process.
 class BaseServices::StartFault {
 public:
     StartFault(BaseServices& services, std::string name, uint32_t nodeType, bool isRaised = false)
@@ -68,7 +67,10 @@ public:
     StartFault(const StartFault&) = delete;
     StartFault& operator=(const StartFault&) = delete;
 
-    // Any lock may be held. Does nothing when the fault has been raised.
+    // Leaves the fault to the caller. False when it has been raised.
+    bool Release() { return !std::exchange(isRaised_, true); }
+
+    // Any lock may be held. Does nothing when the fault has been raised or released.
     void Raise() {
         if (std::exchange(isRaised_, true)) {
             return;
@@ -276,21 +278,18 @@ bool BaseServices::RestartBaseApp(const std::string& name, std::optional<App::La
         LogSupervised(LOG_ERR, RESTART_FAILED, *record);
         return false;
     }
-    fault.Raise();
-    if (!record->isReporting_) {
-        WithdrawFault(name, App::EVENT_START_FAILED);
-    }
     reports_.ReportAppStateToZorn(*record, RUNNING_NORMAL_START, RESULT_NONE);
     // Last: the record must not be in the list when an exception ends its launch.
-    restarted_.push_back(record);
+    restarted_.push_back({record, fault.Release()});
     return true;
 }
 
 void BaseServices::Complete() {
-    for (const Record* record : TakeRestarted()) {
+    for (const auto& [record, hasFault] : TakeRestarted()) {
         const LaunchGuard guard(*this, record->appName_);
         try {
             const Record copy = CopyOf(*record);
+            ShowRestart(copy, hasFault);
             if (copy.IsAlive()) {
                 Reconnect(copy);
             } else {
@@ -305,7 +304,16 @@ void BaseServices::Complete() {
     }
 }
 
-std::vector<BaseServices::Record*> BaseServices::TakeRestarted() {
+void BaseServices::ShowRestart(const Record& record, bool hasFault) {
+    if (hasFault) {
+        RaiseFault(record, App::EVENT_START_FAILED);
+    }
+    if (!record.isReporting_) {
+        WithdrawFault(record.appName_, App::EVENT_START_FAILED);
+    }
+}
+
+std::vector<BaseServices::Restarted> BaseServices::TakeRestarted() {
     const LockGuard lock(mutex_);
     return std::exchange(restarted_, {});
 }
