@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <utility>
 
 #include "app/exit_status.h"
@@ -16,9 +17,9 @@
 namespace ProcMgr {
 namespace {
 
-// The longest time between two looks for exits: a library that takes SIGCHLD with a handler or a
-// descriptor of its own may take it from the reaper, and the exit is then found at the next look.
-constexpr int LOOK_MILLISECONDS = 5000;
+// The longest time between two looks of the reaper itself, for the case that a library also holds
+// up the thread of ExitCheck.
+constexpr int LOOK_MILLISECONDS = 60'000;
 // The longest wait for a signal when the caller has asked for a call soon.
 constexpr int SOON_MILLISECONDS = 1;
 
@@ -41,7 +42,20 @@ pid_t TakeSignal(int milliseconds) {
     return child.revents != 0 ? TakeChildSignal() : 0;
 }
 
+// The zombie stays.
+std::optional<siginfo_t> FindExit(idtype_t type, pid_t pid) {
+    siginfo_t exit{};
+    const int result = waitid(type, static_cast<id_t>(pid), &exit, WEXITED | WNOHANG | WNOWAIT);
+    return result == 0 && exit.si_pid != 0 ? std::optional(exit) : std::nullopt;
+}
+
 }  // namespace
+
+void ExitCheck::Run() {
+    if (FindExit(P_ALL, 0)) {
+        WakeSignalEvent();
+    }
+}
 
 Reaper::Reaper(std::vector<ExitSink> sinks, std::function<void()> onExit,
                std::function<bool()> onWake)
@@ -70,13 +84,11 @@ void Reaper::CollectExits() {
 }
 
 bool Reaper::CollectExit(idtype_t type, pid_t pid) {
-    siginfo_t exit{};
-    const int result = waitid(type, static_cast<id_t>(pid), &exit, WEXITED | WNOHANG | WNOWAIT);
-    if (result != 0 || exit.si_pid == 0) {
-        return false;
+    const std::optional<siginfo_t> exit = FindExit(type, pid);
+    if (exit) {
+        Collect(*exit);
     }
-    Collect(exit);
-    return true;
+    return exit.has_value();
 }
 
 // The exit is stored while the zombie still holds its pid, and the pid is freed afterwards. So a

@@ -11,6 +11,8 @@
 #include <functional>
 #include <vector>
 
+#include "main/common/check_loop.h"
+
 namespace ProcMgr {
 
 // Stores the raw wait status of a process in its record. False when no record of the container has
@@ -39,6 +41,16 @@ private:
     const std::vector<ExitSink> sinks_;
     const std::function<void()> onExit_;
     const std::function<bool()> onWake_;
+};
+
+// Looks for exits that no signal has announced, and wakes the reaper when there is one: a library
+// that takes SIGCHLD with a handler or a descriptor of its own may take it from the reaper. A look
+// takes the kernel longer the more children there are.
+class ExitCheck final : public PeriodicCheck {
+public:
+    void Run() override;
+    // The loop does not wake up for it: the placement check is due at the same cycles.
+    bool IsWanted() const override { return false; }
 };
 
 }  // namespace ProcMgr

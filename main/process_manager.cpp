@@ -32,7 +32,12 @@ constexpr std::chrono::milliseconds END_PATIENCE{600};
 // The periods of the periodic checks in cycles. The first run comes one cycle early, because the
 // check thread counts its cycles from 0.
 constexpr CycleTimer UPLOAD_TIMER{10, 11};
-constexpr CycleTimer PLACEMENT_TIMER{20, 21};
+constexpr uint64_t PLACEMENT_PERIOD = 21;
+constexpr CycleTimer PLACEMENT_TIMER{20, PLACEMENT_PERIOD};
+// These are due at cycles of the placement check, so that the thread does not wake up for them
+// alone: about every 3 and every 5 seconds.
+constexpr CycleTimer LOGGER_TIMER{20, 5 * PLACEMENT_PERIOD};
+constexpr CycleTimer EXIT_TIMER{20, 8 * PLACEMENT_PERIOD};
 
 // Logs that the thread or library `what` did not end in time. Returns `isEnded`.
 bool Ends(const char* what, bool isEnded) {
@@ -112,7 +117,10 @@ ProcessManager::ProcessManager(const std::string& path)
       placementCheck_(affinityCheck_, delayCoreAffinity_),
       uploadCheck_(uploadRegistry_),
       checkLoop_(checks_, {baseServices_, generalApps_},
-                 {{UPLOAD_TIMER, uploadCheck_}, {PLACEMENT_TIMER, placementCheck_}}),
+                 {{UPLOAD_TIMER, uploadCheck_},
+                  {PLACEMENT_TIMER, placementCheck_},
+                  {LOGGER_TIMER, loggerCheck_},
+                  {EXIT_TIMER, exitCheck_}}),
       quickStartWait_(isStopping_),
       baseStartup_(baseServices_, reportedState_, bootCommandLine_),
       reaper_(

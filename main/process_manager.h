@@ -173,6 +173,8 @@ private:
     RequestDispatch dispatch_;  // passes each request to requests_
     PlacementCheck placementCheck_;
     UploadCheck uploadCheck_;
+    LoggerCheck loggerCheck_;
+    ExitCheck exitCheck_;
     CheckLoop checkLoop_;  // after everything that the check thread checks
     QuickStartWait quickStartWait_;
     BaseStartup baseStartup_;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "main/common/check_loop.h"
+#include "main/common/log.h"
 #include "resource/affinity_check.h"
 #include "resource/delay_core_affinity.h"
 #include "resource/upload_registry.h"
@@ -32,6 +33,14 @@ private:
     // Used by the check thread only. True from the detection of a suspend until the recovery has
     // been made.
     bool isRecoveryDue_ = false;
+};
+
+// Looks whether an absent system logger has come.
+class LoggerCheck final : public PeriodicCheck {
+public:
+    void Run() override { LookForLogger(); }
+    // The loop does not wake up for it: the placement check is due at the same cycles.
+    bool IsWanted() const override { return false; }
 };
 
 // Drops the upload registrations of processes that are gone.

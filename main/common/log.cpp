@@ -61,6 +61,10 @@ void CloseLog(std::chrono::milliseconds patience) {
     closelog();
 }
 
+void LookForLogger() {
+    LogQueue::LookForLogger();
+}
+
 uint64_t CountDroppedLogLines() {
     return LogQueue::CountDropped();
 }

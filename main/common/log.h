@@ -40,6 +40,8 @@ void OpenLog();
 // Writes out the queued lines, for at most `patience`, and ends the log's thread. The next line
 // starts it again.
 void CloseLog(std::chrono::milliseconds patience = std::chrono::milliseconds(250));
+// Looks whether an absent system logger has come, see LogQueue::LookForLogger().
+void LookForLogger();
 // The number of lines since the start that the system logger has not got.
 uint64_t CountDroppedLogLines();
 // Writes out the queued lines that can be written at once. Async-signal-safe; for a process that is

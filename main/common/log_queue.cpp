@@ -48,6 +48,8 @@ constexpr std::chrono::milliseconds BURST_PAUSE{1};
 // as long, up to the maximum.
 constexpr std::chrono::milliseconds LOGGER_PAUSE{100};
 constexpr std::chrono::milliseconds LOGGER_PAUSE_MAX{3200};
+// The maximum while the logger's path does not exist and LookForLogger() looks for it.
+constexpr std::chrono::milliseconds MISSING_PAUSE_MAX{12800};
 // The longest single wait for a logger that has no room.
 constexpr std::chrono::milliseconds ROOM_PATIENCE{20};
 // The time in seconds for which a line waits for a logger that is absent, for example at early
@@ -66,6 +68,7 @@ public:
         PROCMGR_EXCLUDES(mutex_);
     bool AddOfService(const char* name, pid_t pid, std::string_view text) PROCMGR_EXCLUDES(mutex_);
     void Close(std::chrono::milliseconds patience) PROCMGR_EXCLUDES(mutex_);
+    void LookForLogger() PROCMGR_EXCLUDES(mutex_);
     uint64_t CountDropped() const { return droppedInAll_; }
     // In a signal handler no lock can be taken: see LogRing::VisitInSignal().
     void WriteInSignal() PROCMGR_UNCHECKED;
@@ -95,6 +98,9 @@ private:
     void Run() PROCMGR_EXCLUDES(mutex_);
     // Waits until there is something to write. True when the thread is to end.
     bool Rest(Progress progress) PROCMGR_EXCLUDES(mutex_);
+    // Waits until an absent logger is to be asked again, or there is a line for the kernel.
+    // `isMissing`: its path does not exist. `lock` holds mutex_.
+    void WaitForLogger(UniqueLock& lock, bool isMissing) PROCMGR_REQUIRES(mutex_);
     void WriteKernelLines() PROCMGR_EXCLUDES(mutex_);
     Progress WriteSystemLines() PROCMGR_EXCLUDES(mutex_);
     // Fills batch_ with the oldest lines of a ring, at most `count`, and returns them.
@@ -122,8 +128,9 @@ private:
     // The stamp of a line without its year, and the first second of its minute.
     std::array<char, STAMP_LENGTH + 1> stamp_ PROCMGR_GUARDED_BY(mutex_){};
     time_t stampMinute_ PROCMGR_GUARDED_BY(mutex_) = 0;
-    pid_t pid_ PROCMGR_GUARDED_BY(mutex_) = 0;        // of the daemon
-    bool isIdle_ PROCMGR_GUARDED_BY(mutex_) = false;  // the thread waits to be woken
+    pid_t pid_ PROCMGR_GUARDED_BY(mutex_) = 0;           // of the daemon
+    bool isIdle_ PROCMGR_GUARDED_BY(mutex_) = false;     // the thread waits to be woken
+    bool isMissing_ PROCMGR_GUARDED_BY(mutex_) = false;  // it waits for the logger's path
     bool isRunning_ PROCMGR_GUARDED_BY(mutex_) = false;
     bool isClosing_ PROCMGR_GUARDED_BY(mutex_) = false;
     SteadyTime closeBy_ PROCMGR_GUARDED_BY(mutex_){};
@@ -264,6 +271,7 @@ void Writer::Run() {
 }
 
 bool Writer::Rest(Progress progress) {
+    const bool isMissing = progress == Progress::NO_LOGGER && !SystemLogger::IsPresent();
     UniqueLock lock(mutex_);
     const SteadyTime now = std::chrono::steady_clock::now();
     if (isClosing_) {
@@ -273,10 +281,7 @@ bool Writer::Rest(Progress progress) {
         return false;
     }
     if (progress == Progress::NO_LOGGER) {
-        added_.WaitUntil(lock, now + loggerPause_, [this]() PROCMGR_REQUIRES(mutex_) {
-            return !kernel_.IsEmpty() || isClosing_;
-        });
-        loggerPause_ = std::min(2 * loggerPause_, LOGGER_PAUSE_MAX);
+        WaitForLogger(lock, isMissing);
         return false;
     }
     if (IsEmpty()) {
@@ -289,6 +294,34 @@ bool Writer::Rest(Progress progress) {
         isIdle_ = false;
     }
     return false;
+}
+
+void Writer::WaitForLogger(UniqueLock& lock, bool isMissing) {
+    const auto pause = std::min(loggerPause_, isMissing ? MISSING_PAUSE_MAX : LOGGER_PAUSE_MAX);
+    loggerPause_ = 2 * pause;
+    isMissing_ = isMissing;
+    added_.WaitUntil(lock, std::chrono::steady_clock::now() + pause,
+                     [&]() PROCMGR_REQUIRES(mutex_) {
+                         return isMissing_ != isMissing || !kernel_.IsEmpty() || isClosing_;
+                     });
+    isMissing_ = false;
+}
+
+void Writer::LookForLogger() {
+    {
+        const LockGuard lock(mutex_);
+        if (!isMissing_) {
+            return;
+        }
+    }
+    if (!SystemLogger::IsPresent()) {
+        return;
+    }
+    {
+        const LockGuard lock(mutex_);
+        isMissing_ = false;
+    }
+    added_.NotifyOne();
 }
 
 std::span<const std::string_view> Writer::TakeBatch(LogSink sink, size_t count) {
@@ -410,6 +443,10 @@ bool LogQueue::AddOfService(const char* name, pid_t pid, std::string_view text) 
 
 void LogQueue::Close(std::chrono::milliseconds patience) {
     GetWriter().Close(patience);
+}
+
+void LogQueue::LookForLogger() {
+    GetWriter().LookForLogger();
 }
 
 uint64_t LogQueue::CountDropped() {

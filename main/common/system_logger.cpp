@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -30,6 +31,11 @@ sockaddr_un LogAddress() {
 
 }  // namespace
 
+bool SystemLogger::IsPresent() {
+    struct stat status {};
+    return stat(LOG_SOCKET, &status) == 0;
+}
+
 void SystemLogger::Close() {
     if (fd_ >= 0) {
         close(fd_);
@@ -56,7 +62,7 @@ bool SystemLogger::ConnectAs(int type) {
 
 // The look at the path costs less than a socket for each attempt.
 bool SystemLogger::Connect() {
-    if (access(LOG_SOCKET, F_OK) != 0) {
+    if (!IsPresent()) {
         return false;
     }
     return ConnectAs(SOCK_DGRAM) || (errno == EPROTOTYPE && ConnectAs(SOCK_STREAM));

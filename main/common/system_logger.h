@@ -14,6 +14,9 @@ class SystemLogger {
 public:
     enum class Sent { YES, NO_ROOM, NO_LOGGER };
 
+    // Whether the path of the logger's socket exists.
+    static bool IsPresent();
+
     bool IsConnected() const { return fd_ >= 0; }
 
     // Sends one line in the format of syslog(). The text must be followed by a NUL.

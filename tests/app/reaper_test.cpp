@@ -11,11 +11,13 @@
 #include "tests/fakes/log_capture.h"
 #include "tests/support/child.h"
 #include "tests/support/files.h"
+#include "tests/support/raw_peer.h"
 #include "tests/support/wait.h"
 
 namespace ProcMgr {
 namespace {
 
+using namespace std::chrono_literals;
 using Fakes::LogCapture;
 
 class ReaperTest : public testing::Test {
@@ -81,6 +83,17 @@ TEST_F(ReaperTest, AsksTheContainersInTheirOrder) {
               (std::vector<Fakes::LogLine>{
                   {LOG_WARNING, "PROCMGR: can not find app, pid=" + std::to_string(unknown)}}));
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a zombie is left";
+}
+
+TEST_F(ReaperTest, AnExitThatNoSignalAnnouncesIsFoundByTheExitCheck) {
+    InstallSignals();
+    const Tests::Child stays;
+    ExitCheck().Run();
+    EXPECT_FALSE(Tests::IsReadable(GetSignalEventFd(), 0ms));
+    const pid_t pid = SpawnZombie("exit 0");
+    ExitCheck().Run();
+    EXPECT_TRUE(Tests::IsReadable(GetSignalEventFd(), 0ms)) << "the reaper is not woken";
+    EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), pid) << "the zombie is left to the reaper";
 }
 
 // The two ends that follow the first raise one signal, which names one of them.

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <deque>
 #include <filesystem>
+#include <thread>
 
 #include "main/common/daemon_signals.h"
 #include "main/common/log_ring.h"
@@ -131,8 +132,11 @@ TEST_F(Log, EarlyLinesWaitForTheLoggerAndForItsSuccessor) {
         MountTmpfs("/dev");
         OpenLog();
         ProcMgrLog(LOG_ERR, "early");
+        // The thread asks again after 0.1, 0.3, 0.7 and 1.5 seconds.
+        std::this_thread::sleep_for(800ms);
         const int first = MakeLogSocket();
-        EXPECT_THAT(Next(first), IsSyslogLine(LOG_ERR, "early"));
+        LookForLogger();
+        EXPECT_THAT(Next(first, 400ms), IsSyslogLine(LOG_ERR, "early"));
         close(first);
         const int second = MakeLogSocket();
         ProcMgrLog(LOG_INFO, "two");
