@@ -9,8 +9,8 @@
 #include <string_view>
 #include <utility>
 
-#include "app/handled_signals.h"
 #include "app/sys.h"
+#include "main/common/daemon_signals.h"
 #include "main/common/numbers.h"
 #include "resource/task_file.h"
 
@@ -43,17 +43,28 @@ void NoteFault(ChildContext& child, ChildFault::Step step, int error) {
     }
 }
 
-// The dispositions are reset before the mask is opened: a signal that is pending then takes its
-// default action instead of running a handler of the daemon in the child, which may share the
-// daemon's memory.
-StepResult ResetSignals(ChildContext& child) {
+bool HasHandler(int signal) {
+    struct sigaction present {};
+    return Sys::sigaction(signal, nullptr, &present) == 0 && present.sa_handler != SIG_DFL &&
+           present.sa_handler != SIG_IGN;
+}
+
+void ResetSignal(int signal) {
     struct sigaction byDefault {};
     byDefault.sa_handler = SIG_DFL;
-    const sigset_t signals =
-        child.plan.handledSignals ? *child.plan.handledSignals : ReadHandledSignals();
-    for (int signal = 1; signal < NSIG; ++signal) {
-        if (sigismember(&signals, signal) == 1) {
-            Sys::sigaction(signal, &byDefault, nullptr);
+    Sys::sigaction(signal, &byDefault, nullptr);
+}
+
+// The dispositions are reset before the mask is opened: a signal that is pending then takes its
+// default action instead of running a handler of the daemon in the child, which may share the
+// daemon's memory. A library may have installed handlers, too.
+StepResult ResetSignals(ChildContext& child) {
+    for (const int signal : CHANGED_SIGNALS) {
+        ResetSignal(signal);
+    }
+    for (int signal = 1; child.hasHandlers && signal < NSIG; ++signal) {
+        if (HasHandler(signal)) {
+            ResetSignal(signal);
         }
     }
     sigset_t none;

@@ -45,6 +45,8 @@ struct ChildContext {
     // What standard output and error are connected to; the parent closes its own descriptor.
     // Negative: they stay those of the daemon.
     int output = -1;
+    // The child has the signal handlers of the daemon.
+    bool hasHandlers = true;
     // Where the child writes why it does not execute its program; null: nowhere.
     std::shared_ptr<ChildFaultNote> fault;
     pid_t pid = 0;

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <linux/futex.h>
-#include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -12,7 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <optional>
@@ -20,6 +19,7 @@
 #include <thread>
 #include <utility>
 
+#include "app/shared_clone.h"
 #include "main/common/clock.h"
 #include "main/common/threads.h"
 
@@ -41,34 +41,6 @@ constexpr size_t STACK_SIZE = size_t{256} << 10;
 constexpr size_t GUARD_SIZE = size_t{64} << 10;  // a multiple of every page size
 
 constexpr const char* SUID_DUMPABLE_FILE = "/proc/sys/fs/suid_dumpable";
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define PROCMGR_IS_SANITIZED 1
-#endif
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define PROCMGR_IS_SANITIZED 1
-#endif
-
-constexpr bool MAY_SHARE_MEMORY =
-#if defined(PROCMGR_IS_SANITIZED) || !(defined(__x86_64__) || defined(__aarch64__))
-    false;
-#else
-    true;
-#endif
-
-// The address of the thread-local storage of the calling thread, in the form that clone takes.
-void* GetThreadPointer() {
-#if defined(__x86_64__)
-    void* pointer = nullptr;
-    asm("mov %%fs:0, %0" : "=r"(pointer));
-    return pointer;
-#elif defined(__aarch64__)
-    return __builtin_thread_pointer();
-#else
-    return nullptr;
-#endif
-}
 
 // A thread that sleeps from the constructor to the destructor and lends its thread-local storage.
 class StorageThread {
@@ -124,8 +96,8 @@ public:
     Stack(const Stack&) = delete;
     Stack& operator=(const Stack&) = delete;
 
-    // The end from which the stack grows down.
-    void* GetTop() const { return static_cast<char*>(memory_) + GUARD_SIZE + STACK_SIZE; }
+    // The lowest address.
+    void* Get() const { return static_cast<char*>(memory_) + GUARD_SIZE; }
 
 private:
     void Unmap() {
@@ -145,6 +117,9 @@ struct ChildSlots::Slot {
     // The rest is used under the mutex of ChildSlots, or by the holder of the lease.
     bool isLeased = false;
     SteadyTime leased{};
+    Run run = nullptr;
+    void* argument = nullptr;
+    bool hasHandlers = false;
     std::shared_ptr<const void> used;
     Stack stack;
     StorageThread storage;
@@ -172,22 +147,45 @@ void ChildSlots::Lease::Release() {
     }
 }
 
-pid_t ChildSlots::Lease::Create(int (*run)(void*), void* argument,
-                                std::shared_ptr<const void> used) {
-    constexpr int FLAGS =
-        CLONE_VM | CLONE_SETTLS | CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID | SIGCHLD;
+pid_t ChildSlots::Lease::Create(Run run, void* argument, std::shared_ptr<const void> used) {
     Slot* slot = nullptr;
     {
         const LockGuard lock(slots_->mutex_);
         slot = slots_->slots_[index_].get();
     }
+    slot->run = run;
+    slot->argument = argument;
     slot->used = std::move(used);
-    const pid_t child = clone(run, slot->stack.GetTop(), FLAGS, argument, &slot->child,
-                              slot->storage.GetThreadPointer(), &slot->child);
+    const pid_t child = slots_->Clone(*slot);
     const int error = errno;
     Release();
     errno = error;
     return child;
+}
+
+pid_t ChildSlots::Clone(Slot& slot) {
+    SharedChild child;
+    child.stack = slot.stack.Get();
+    child.stackSize = STACK_SIZE;
+    child.threadPointer = slot.storage.GetThreadPointer();
+    child.word = &slot.child;
+    child.argument = &slot;
+    child.run = [](void* argument) {
+        const Slot& own = *static_cast<Slot*>(argument);
+        own.run(own.argument, own.hasHandlers);
+        return EXIT_FAILURE;
+    };
+    slot.hasHandlers = !canDropHandlers_;
+    if (slot.hasHandlers) {
+        return CloneWithHandlers(child);
+    }
+    const pid_t pid = CloneWithoutHandlers(child);
+    if (pid >= 0 || errno == EAGAIN || errno == ENOMEM) {
+        return pid;
+    }
+    canDropHandlers_ = false;
+    slot.hasHandlers = true;
+    return CloneWithHandlers(child);
 }
 
 // On older kernels a core dump ends every process that has the memory, and a core would show the

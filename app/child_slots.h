@@ -11,6 +11,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <vector>
@@ -24,6 +25,11 @@ namespace ProcMgr::App {
 // Callable from any thread.
 class ChildSlots {
 public:
+    // The code of a child; it does not return. `hasHandlers`: the child has the signal handlers of
+    // the daemon, because the kernel (before 5.5) cannot drop them; otherwise it has the default
+    // actions in their place.
+    using Run = void (*)(void* argument, bool hasHandlers);
+
     // The right to create one child, or none. Must not outlive its ChildSlots.
     class Lease {
     public:
@@ -36,11 +42,11 @@ public:
 
         bool IsValid() const { return slots_ != nullptr; }
 
-        // Creates a child that calls `run(argument)`, with all signals blocked; `run` does not
-        // return. `used` is what the child uses: it is kept until the child no longer shares the
-        // memory. Uses up the lease. Returns the pid, or below 0, with errno, when the kernel
-        // refuses the child. The caller has blocked all signals and may hold any lock.
-        pid_t Create(int (*run)(void*), void* argument, std::shared_ptr<const void> used);
+        // Creates a child that calls `run` with `argument` and all signals blocked. `used` is what
+        // the child uses: it is kept until the child no longer shares the memory. Uses up the
+        // lease. Returns the pid, or below 0, with errno, when the kernel refuses the child. The
+        // caller has blocked all signals and may hold any lock.
+        pid_t Create(Run run, void* argument, std::shared_ptr<const void> used);
 
     private:
         friend class ChildSlots;
@@ -73,6 +79,7 @@ private:
     // fs.suid_dumpable at 0 a change of the user leaves the memory not dumpable, so that no process
     // of that user can trace the child.
     bool IsMemoryProtected() PROCMGR_EXCLUDES(mutex_);
+    pid_t Clone(Slot& slot);
     // A free slot, made now if there are fewer than count_; an empty lease when all are in use.
     Lease TakeFree() PROCMGR_EXCLUDES(mutex_);
     Lease MakeSlot() PROCMGR_EXCLUDES(mutex_);
@@ -83,6 +90,7 @@ private:
     const size_t count_;
     const Wire::UniqueFd suidDumpable_;  // the file of that setting
     Recent<bool> isProtected_;
+    std::atomic<bool> canDropHandlers_{true};
     Mutex mutex_;
     size_t making_ PROCMGR_GUARDED_BY(mutex_) = 0;  // slots that are being made
     // Slots are added, never removed. The vector is reserved for all of them.

@@ -4,7 +4,6 @@
 
 #include <sys/types.h>
 
-#include <csignal>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -34,9 +33,6 @@ struct LaunchPlan {
     uint32_t uid = 0;
     uint32_t gid = 0;
     UserGroups userGroups;
-    // The signals that the child resets. Without a value, because no launch came shortly before,
-    // the child asks the kernel.
-    std::optional<sigset_t> handledSignals;
 
     bool raiseRealTimeLimit = false;
     // The scheduling policy; without a value the child keeps the policy of the daemon.
@@ -78,7 +74,7 @@ struct LaunchPlan {
     ChildSlots::Lease slot;
 };
 
-// Makes the plan of a record, except userGroups, handledSignals, sharePool, sharePoolNames, output,
+// Makes the plan of a record, except userGroups, sharePool, sharePoolNames, output,
 // environment and slot, which ProcessLauncher fills in. Any thread; reads no file.
 LaunchPlan MakeLaunchPlan(const GeneralAppInfo& app, const CgroupMgr& cgroups,
                           const CoreAffinityMgr& affinity);

@@ -11,7 +11,6 @@
 #include "app/base_app_info.h"
 #include "app/child_setup.h"
 #include "app/general_app_info.h"
-#include "app/handled_signals.h"
 #include "app/launch_checks.h"
 #include "app/sys.h"
 #include "main/common/boot_trace.h"
@@ -40,8 +39,10 @@ void NoteRefusal(const AppInfo& app, StartRefusal refusal) {
     }
 }
 
-int RunSharedChild(void* context) {
-    RunChild(*static_cast<ChildContext*>(context));
+void RunSharedChild(void* argument, bool hasHandlers) {
+    ChildContext& context = *static_cast<ChildContext*>(argument);
+    context.hasHandlers = hasHandlers;
+    RunChild(context);
 }
 
 // A child joins its memory group before it executes its program. When that group has no memory
@@ -164,7 +165,6 @@ pid_t ProcessLauncher::CreateChild(AppInfo& app, const std::shared_ptr<ChildCont
     if (child > 0) {
         app.SetStarted(child);
     }
-    handledSignals_.Get(ReadHandledSignals);
     Sys::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (child > 0 && output_ != nullptr) {
         output_->Adopt(std::move(output), child);
@@ -187,7 +187,6 @@ void ProcessLauncher::FinishPlan(
     const AppInfo& app, const std::vector<std::pair<std::string, std::string>>& manifestGroups,
     LaunchPlan& plan) {
     plan.userGroups = userGroups_.LookUp(app.uid_);
-    plan.handledSignals = handledSignals_.Find();
     if (sharePool_ != nullptr) {
         plan.sharePool = sharePool_->MakePlan(app.appName_, manifestGroups);
         plan.sharePoolNames = plan.sharePool.Names();

@@ -17,7 +17,6 @@
 #include "app/start_refusal.h"
 #include "app/user_groups.h"
 #include "main/common/clock.h"
-#include "main/common/recent.h"
 #include "main/common/worker_pool.h"
 #include "output/output_relay.h"
 #include "resource/bind_count.h"
@@ -98,10 +97,6 @@ private:
     SharePool* const sharePool_;
     Output::OutputRelay* const output_;
     UserGroupsCache userGroups_;
-    // Read after a launch, for the launches that follow shortly. A handler that a library has
-    // installed since may be missing: it could run in a child that receives its signal in the few
-    // microseconds before execve.
-    Recent<sigset_t> handledSignals_;
     IntegrityTable integrity_;
     ChildSlots slots_{ZornNeedsOwnMemory() ? 0 : ChildSlots::DefaultCount()};
     // The jobs use all of the above: the pool is destroyed first.

@@ -2,8 +2,10 @@
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include <atomic>
+#include <cstddef>
 #include <filesystem>
 #include <mutex>
 #include <random>
@@ -12,6 +14,7 @@
 #include <thread>
 
 #include "app/child_error_reader.h"
+#include "app/shared_clone.h"
 #include "main/common/log.h"
 #include "main/common/proc_mgr_env.h"
 #include "tests/app/app_test_support.h"
@@ -247,6 +250,41 @@ TEST_P(LaunchTest, TheMemoryIsProtectedFromTheUserOfAChild) {
     ASSERT_TRUE(app.StartProcess(launcher_, *plan));
     ASSERT_EQ(waitpid(app.pid_, nullptr, 0), app.pid_);
     EXPECT_EQ(prctl(PR_GET_DUMPABLE), isShared ? 0 : 1);
+}
+
+std::atomic<int> handledSignals{0};
+
+// The child sends itself a signal that this process handles.
+TEST(SharedCloneTest, AHandlerOfTheParentRunsInAChildOnlyIfItHasHandlers) {
+    signal(SIGUSR2, [](int) { ++handledSignals; });
+    std::vector<std::max_align_t> stack(4096);
+    SharedChild child;
+    pid_t word = 0;
+    child.stack = stack.data();
+    child.stackSize = stack.size() * sizeof(stack[0]);
+    child.threadPointer = GetThreadPointer();
+    child.word = &word;
+    child.run = [](void* argument) {
+        syscall(SYS_kill, syscall(SYS_getpid), SIGUSR2);
+        syscall(SYS_exit, *static_cast<int*>(argument));
+        return 0;
+    };
+    int exitStatus = 3;
+    child.argument = &exitStatus;
+    for (const bool hasHandlers : {false, true}) {
+        const pid_t pid = !MAY_SHARE_MEMORY ? -1
+                          : hasHandlers     ? CloneWithHandlers(child)
+                                            : CloneWithoutHandlers(child);
+        if (pid < 0) {
+            GTEST_SKIP() << "not with this processor, kernel or sanitizer";
+        }
+        int status = 0;
+        EXPECT_EQ(waitpid(pid, &status, 0), pid);
+        EXPECT_EQ(status, hasHandlers ? W_EXITCODE(exitStatus, 0) : W_EXITCODE(0, SIGUSR2));
+        EXPECT_EQ(handledSignals, hasHandlers ? 1 : 0);
+        EXPECT_EQ(word, 0);
+    }
+    signal(SIGUSR2, SIG_DFL);
 }
 
 INSTANTIATE_TEST_SUITE_P(Memory, LaunchTest, testing::Values("own", "shared"),
