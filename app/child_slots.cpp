@@ -223,8 +223,8 @@ bool ChildSlots::IsMemoryProtected() {
     });
 }
 
-ChildSlots::Lease ChildSlots::Take() {
-    if (count_ == 0 || !IsMemoryProtected()) {
+ChildSlots::Lease ChildSlots::Take(bool changesUser) {
+    if (count_ == 0 || (changesUser && !IsMemoryProtected())) {
         return {};
     }
     for (;;) {

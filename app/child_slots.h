@@ -64,9 +64,10 @@ public:
     ChildSlots& operator=(const ChildSlots&) = delete;
 
     // Waits for a slot, for a short time at most: a child that cannot go on, for example because
-    // its medium is slow or somebody has stopped it, keeps its slot. Returns an empty lease when
-    // there is none, no memory for one, or no protection of the memory. Not with a lock held.
-    Lease Take() PROCMGR_EXCLUDES(mutex_);
+    // its medium is slow or somebody has stopped it, keeps its slot. `changesUser`: the child will
+    // change its user or group. Returns an empty lease when there is no slot, no memory for one, or
+    // no protection of the memory from the new user. Not with a lock held.
+    Lease Take(bool changesUser) PROCMGR_EXCLUDES(mutex_);
 
     // The number for this machine; 0 where children must not share the memory: under sanitizers,
     // whose run-time libraries they would change, and for a daemon that is not root.

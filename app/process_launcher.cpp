@@ -197,7 +197,7 @@ void ProcessLauncher::FinishPlan(
     plan.environment = MakeChildEnvironment(plan);
     // Last: nothing else is waited for while the launch has a slot.
     if (MayShareMemory(plan)) {
-        plan.slot = slots_.Take();
+        plan.slot = slots_.Take(plan.uid != geteuid() || plan.gid != getegid());
     }
 }
 
