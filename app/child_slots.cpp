@@ -254,6 +254,20 @@ ChildSlots::Lease ChildSlots::TakeFree() {
     return MakeSlot();
 }
 
+void ChildSlots::Fill() {
+    bool isMade = true;
+    while (isMade) {
+        {
+            const LockGuard lock(mutex_);
+            if (slots_.size() + making_ == count_) {
+                return;
+            }
+            ++making_;
+        }
+        isMade = MakeSlot().IsValid();
+    }
+}
+
 // Without the lock, because the thread of the slot is waited for.
 ChildSlots::Lease ChildSlots::MakeSlot() {
     std::unique_ptr<Slot> made;

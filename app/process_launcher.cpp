@@ -77,6 +77,13 @@ pid_t ForkChild(ChildContext& context) {
 
 }  // namespace
 
+void ProcessLauncher::WarmUp() {
+    slowJobs_.Post([this] {
+        slots_.Fill();
+        userGroups_.LookUp(geteuid());
+    });
+}
+
 std::optional<LaunchPlan> ProcessLauncher::Prepare(const GeneralAppInfo& app) {
     if (!PreStartCheck(app)) {
         return std::nullopt;

@@ -44,6 +44,11 @@ public:
     // launch.
     void LoadIntegrityTable(const std::string& path) { integrity_.Load(path); }
 
+    // Begins what the first launches would wait for, on a thread of the pool: the slots of the
+    // children, and the first look-up in the user database, for which the C library loads modules.
+    // A failure is left to the first launch.
+    void WarmUp();
+
     // Checks that the record's program may be started and computes the plan of the start. Returns
     // nothing, with a log line, when a check refuses the start. Waits for the user database, the
     // program's file system and the digest of a protected program: the caller holds no lock and

@@ -191,6 +191,8 @@ void ProcessManager::Run() {
     waitThread_.Start([this] { WaitThread(); });
     reportThread_.Start([this] { sender_.Run(pipes_); });
     startUpThread_.Start([this] { StartUp(); });
+    // While the start-up thread reads the manifest.
+    launcher_.WarmUp();
     WaitForStop();
     StopApplications();
     const LockGuard lock(mutex_);

@@ -48,8 +48,9 @@ constexpr std::chrono::milliseconds BURST_PAUSE{1};
 // as long, up to the maximum.
 constexpr std::chrono::milliseconds LOGGER_PAUSE{100};
 constexpr std::chrono::milliseconds LOGGER_PAUSE_MAX{3200};
-// The maximum while the logger's path does not exist and LookForLogger() looks for it.
-constexpr std::chrono::milliseconds MISSING_PAUSE_MAX{12800};
+// While the logger's path does not exist LookForLogger() looks for it: each further pause is four
+// times as long, up to this maximum.
+constexpr std::chrono::milliseconds MISSING_PAUSE_MAX{25600};
 // The longest single wait for a logger that has no room.
 constexpr std::chrono::milliseconds ROOM_PATIENCE{20};
 // The time in seconds for which a line waits for a logger that is absent, for example at early
@@ -271,7 +272,7 @@ void Writer::Run() {
 }
 
 bool Writer::Rest(Progress progress) {
-    const bool isMissing = progress == Progress::NO_LOGGER && !SystemLogger::IsPresent();
+    const bool isMissing = progress == Progress::NO_LOGGER && logger_.IsMissing();
     UniqueLock lock(mutex_);
     const SteadyTime now = std::chrono::steady_clock::now();
     if (isClosing_) {
@@ -298,7 +299,7 @@ bool Writer::Rest(Progress progress) {
 
 void Writer::WaitForLogger(UniqueLock& lock, bool isMissing) {
     const auto pause = std::min(loggerPause_, isMissing ? MISSING_PAUSE_MAX : LOGGER_PAUSE_MAX);
-    loggerPause_ = 2 * pause;
+    loggerPause_ = (isMissing ? 4 : 2) * pause;
     isMissing_ = isMissing;
     added_.WaitUntil(lock, std::chrono::steady_clock::now() + pause,
                      [&]() PROCMGR_REQUIRES(mutex_) {

@@ -62,7 +62,8 @@ bool SystemLogger::ConnectAs(int type) {
 
 // The look at the path costs less than a socket for each attempt.
 bool SystemLogger::Connect() {
-    if (!IsPresent()) {
+    isMissing_ = !IsPresent();
+    if (isMissing_) {
         return false;
     }
     return ConnectAs(SOCK_DGRAM) || (errno == EPROTOTYPE && ConnectAs(SOCK_STREAM));

@@ -18,6 +18,8 @@ public:
     static bool IsPresent();
 
     bool IsConnected() const { return fd_ >= 0; }
+    // Whether the path did not exist when Send() last tried to connect.
+    bool IsMissing() const { return isMissing_; }
 
     // Sends one line in the format of syslog(). The text must be followed by a NUL.
     Sent Send(std::string_view line);
@@ -39,6 +41,7 @@ private:
 
     int fd_ = -1;
     bool isStream_ = false;
+    bool isMissing_ = false;
     // The bytes of the present line that a stream has accepted.
     size_t taken_ = 0;
 };

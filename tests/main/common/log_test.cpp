@@ -132,7 +132,7 @@ TEST_F(Log, EarlyLinesWaitForTheLoggerAndForItsSuccessor) {
         MountTmpfs("/dev");
         OpenLog();
         ProcMgrLog(LOG_ERR, "early");
-        // The thread asks again after 0.1, 0.3, 0.7 and 1.5 seconds.
+        // The thread asks again after 0.1, 0.5 and 2.1 seconds.
         std::this_thread::sleep_for(800ms);
         const int first = MakeLogSocket();
         LookForLogger();
