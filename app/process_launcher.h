@@ -81,8 +81,8 @@ public:
 
     // Ends the digests that are being taken and refuses later ones.
     void CancelSlow() { integrity_.Cancel(); }
-    // Waits for the jobs of PostSlow() that run. False when one still runs at `end`. Called after
-    // CancelSlow().
+    // Waits for the jobs of PostSlow() and WarmUp() that run. False when one still runs at `end`.
+    // Called after CancelSlow().
     bool Stop(SteadyTime end) { return slowJobs_.Stop(end); }
 
 private:

@@ -27,12 +27,13 @@ uint64_t ToNumber(const void* pointer) {
 }
 
 // The system call clone3, for which the C library has no function. The child begins on a stack of
-// its own, so it cannot return from here: it calls `run(argument)`. Returns the pid or -errno.
+// its own, so it cannot return from here: it calls `run(argument)`. Returns the pid or -errno. The
+// register variables must not be constant: the compiler would put the constant into any register.
 long Clone3(const clone_args& arguments, int (*run)(void*), void* argument) {
 #if defined(__x86_64__)
     long result = SYS_clone3;
-    register auto* const function asm("r8") = run;
-    register auto* const data asm("r9") = argument;
+    register auto* function asm("r8") = run;
+    register auto* data asm("r9") = argument;
     asm volatile(
         "syscall\n\t"
         "test %%rax, %%rax\n\t"
@@ -48,10 +49,10 @@ long Clone3(const clone_args& arguments, int (*run)(void*), void* argument) {
     return result;
 #elif defined(__aarch64__)
     register long result asm("x0") = reinterpret_cast<long>(&arguments);
-    register const size_t size asm("x1") = sizeof(arguments);
-    register auto* const function asm("x2") = run;
-    register auto* const data asm("x3") = argument;
-    register const long call asm("x8") = SYS_clone3;
+    register size_t size asm("x1") = sizeof(arguments);
+    register auto* function asm("x2") = run;
+    register auto* data asm("x3") = argument;
+    register long call asm("x8") = SYS_clone3;
     asm volatile(
         "svc #0\n\t"
         "cbnz x0, 1f\n\t"

@@ -305,9 +305,7 @@ void BaseServices::Complete() {
 }
 
 void BaseServices::ShowRestart(const Record& record, bool hasFault) {
-    if (hasFault) {
-        RaiseFault(record, App::EVENT_START_FAILED);
-    }
+    StartFault(*this, record.appName_, record.nodeType_, !hasFault).Raise();
     if (!record.isReporting_) {
         WithdrawFault(record.appName_, App::EVENT_START_FAILED);
     }

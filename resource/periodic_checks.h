@@ -1,5 +1,6 @@
 // The periodic checks of the check thread: the placement of processes and threads, together with
-// the recovery after a suspend of the system, and the registrations of the "pmupload" server.
+// the recovery after a suspend of the system, the registrations of the "pmupload" server, and an
+// absent system logger.
 #pragma once
 
 #include "main/common/check_loop.h"
