@@ -50,7 +50,7 @@ constexpr std::chrono::milliseconds LOGGER_PAUSE{100};
 constexpr std::chrono::milliseconds LOGGER_PAUSE_MAX{3200};
 // While the logger's path does not exist LookForLogger() looks for it: each further pause is four
 // times as long, up to this maximum.
-constexpr std::chrono::milliseconds MISSING_PAUSE_MAX{25600};
+constexpr std::chrono::milliseconds MISSING_PAUSE_MAX{6400};
 // The longest single wait for a logger that has no room.
 constexpr std::chrono::milliseconds ROOM_PATIENCE{20};
 // The time in seconds for which a line waits for a logger that is absent, for example at early

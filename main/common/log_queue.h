@@ -30,7 +30,7 @@ void Close(std::chrono::milliseconds patience);
 
 // Wakes the thread if it waits for a logger whose path did not exist, and the path exists now. For
 // a thread that wakes up from time to time anyway: without such looks the thread finds the logger
-// after up to 26 seconds.
+// after up to 7 seconds.
 void LookForLogger();
 
 // The number of lines that have been dropped since the start of the process.
