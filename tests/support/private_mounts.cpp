@@ -1,5 +1,6 @@
 #include "tests/support/private_mounts.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <stdlib.h>
 #include <sys/mount.h>
@@ -11,9 +12,11 @@
 #include <filesystem>
 #include <iterator>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "tests/support/files.h"
+#include "wire/unique_fd.h"
 
 namespace {
 
@@ -45,16 +48,28 @@ void RemoveStaging(const std::string& path) {
 }
 
 // Mounts a private, writable view of a directory and its contents over the directory, where the
-// kernel allows it. The view keeps changes in a directory in memory.
+// kernel allows it. The view keeps changes in a directory in memory. It does not show what has been
+// mounted below the directory, so that is mounted again.
 void Overlay(const fs::path& directory) {
+    std::vector<std::pair<std::string, Wire::UniqueFd>> hidden;
+    for (const fs::path& place : g_mounts) {
+        if (place.string().starts_with(directory.string() + '/')) {
+            hidden.emplace_back(place, open(place.c_str(), O_PATH | O_CLOEXEC));
+        }
+    }
     const std::string staging = MakeStaging();
     const std::string upper = staging + "/upper";
     const std::string work = staging + "/work";
     fs::create_directory(upper);
     fs::create_directory(work);
-    Mount("overlay", directory, "overlay",
-          "lowerdir=" + directory.string() + ",upperdir=" + upper + ",workdir=" + work);
+    if (!Mount("overlay", directory, "overlay",
+               "lowerdir=" + directory.string() + ",upperdir=" + upper + ",workdir=" + work)) {
+        hidden.clear();
+    }
     RemoveStaging(staging);
+    for (const auto& [path, mounted] : hidden) {
+        Require(Mount("/proc/self/fd/" + std::to_string(mounted.Get()), path), "bind " + path);
+    }
 }
 
 void MakeParents(const fs::path& path) {
