@@ -55,17 +55,27 @@ void ResetSignal(int signal) {
     Sys::sigaction(signal, &byDefault, nullptr);
 }
 
-// The dispositions are reset before the mask is opened: a signal that is pending then takes its
-// default action instead of running a handler of the daemon in the child, which may share the
-// daemon's memory. A library may have installed handlers, too.
-StepResult ResetSignals(ChildContext& child) {
+// The handlers of the daemon, and those that a library in it has installed.
+void ResetHandlers() {
     for (const int signal : CHANGED_SIGNALS) {
         ResetSignal(signal);
     }
-    for (int signal = 1; child.hasHandlers && signal < NSIG; ++signal) {
+    for (int signal = 1; signal < NSIG; ++signal) {
         if (HasHandler(signal)) {
             ResetSignal(signal);
         }
+    }
+}
+
+// The dispositions are reset before the mask is opened: a signal that is pending then takes its
+// default action instead of running a handler of the daemon in the child, which may share the
+// daemon's memory. A child without the handlers still ignores what the daemon ignores.
+StepResult ResetSignals(ChildContext& child) {
+    if (child.hasHandlers) {
+        ResetHandlers();
+    }
+    for (const int signal : IGNORED_SIGNALS) {
+        ResetSignal(signal);
     }
     sigset_t none;
     sigemptyset(&none);
@@ -184,18 +194,35 @@ bool SetGroups(ChildContext& child) {
     return false;
 }
 
+// Whether all group or user ids of the process are this one. To set them again would change nothing
+// and take longer than this look.
+bool HasGid(gid_t gid) {
+    gid_t real = 0;
+    gid_t effective = 0;
+    gid_t saved = 0;
+    return Sys::getresgid(&real, &effective, &saved) == 0 && real == gid && effective == gid &&
+           saved == gid;
+}
+bool HasUid(uid_t uid) {
+    uid_t real = 0;
+    uid_t effective = 0;
+    uid_t saved = 0;
+    return Sys::getresuid(&real, &effective, &saved) == 0 && real == uid && effective == uid &&
+           saved == uid;
+}
+
 StepResult SetIdentity(ChildContext& child) {
     if (!SetGroups(child)) {
         return StepResult::GIVE_UP;
     }
-    if (Sys::setgid(child.plan.gid) != 0) {
+    if (!HasGid(child.plan.gid) && Sys::setgid(child.plan.gid) != 0) {
         NoteFault(child, ChildFault::Step::SETGID, errno);
         child.message += "SetAppGid=";
         child.message += Decimal(child.plan.gid).Get();
         AddFailure(child, " failed error=");
         return StepResult::GIVE_UP;
     }
-    if (Sys::setuid(child.plan.uid) != 0) {
+    if (!HasUid(child.plan.uid) && Sys::setuid(child.plan.uid) != 0) {
         NoteFault(child, ChildFault::Step::SETUID, errno);
         child.message += "SetAppUid=";
         child.message += Decimal(child.plan.uid).Get();

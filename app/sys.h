@@ -22,6 +22,8 @@ using ::dup2;
 using ::execve;
 using ::fork;
 using ::getpid;
+using ::getresgid;
+using ::getresuid;
 using ::getrlimit;
 using ::nice;
 using ::prlimit;

@@ -144,6 +144,23 @@ TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
     }
 }
 
+TEST_F(ChildSetupTest, IdsThatTheChildHasAlreadyAreNotSetAgain) {
+    const std::tuple<uint32_t, uint32_t, std::vector<std::string>> cases[] = {
+        {0, 0, {}}, {0, 7, {"setgid 7"}}, {8, 0, {"setuid 8"}}};
+    for (const auto& [uid, gid, set] : cases) {
+        FakeSys::Get().Reset();
+        LaunchPlan plan = FullPlan(AppKind::BASE);
+        plan.uid = uid;
+        plan.gid = gid;
+        EXPECT_EQ(Run(std::move(plan)), EXECUTED);
+        EXPECT_EQ(Calls("setgroups").size(), 1U);
+        auto calls = Calls("setgid");
+        const auto users = Calls("setuid");
+        calls.insert(calls.end(), users.begin(), users.end());
+        EXPECT_EQ(calls, set);
+    }
+}
+
 TEST_F(ChildSetupTest, ADelayedApplicationPinsItselfOnlyAfterABindSinceTheFork) {
     for (const bool isBound : {false, true}) {
         LaunchPlan plan = FullPlan(AppKind::BASE);
@@ -178,9 +195,10 @@ TEST_F(ChildSetupTest, TheOutputIsConnectedBeforeTheIdentityChanges) {
 }
 
 TEST_F(ChildSetupTest, SignalsAreBackAtTheirDefaultsBeforeTheProgramRuns) {
-    std::vector<int> signals(std::begin(CHANGED_SIGNALS), std::end(CHANGED_SIGNALS));
     for (const bool hasHandlers : {false, true}) {
+        std::vector<int> signals(std::begin(IGNORED_SIGNALS), std::end(IGNORED_SIGNALS));
         if (hasHandlers) {
+            signals.assign(std::begin(CHANGED_SIGNALS), std::end(CHANGED_SIGNALS));
             signals.push_back(FakeSys::SIGNAL_OF_LIBRARY);
         }
         FakeSys::Get().Reset();

@@ -54,6 +54,15 @@ public:
         FakeSys::Get().Record("getpid");
         return FakeSys::OWN_PID;
     }
+    // Of root.
+    static int getresgid(gid_t* real, gid_t* effective, gid_t* saved) {
+        *real = *effective = *saved = 0;
+        return 0;
+    }
+    static int getresuid(uid_t* real, uid_t* effective, uid_t* saved) {
+        *real = *effective = *saved = 0;
+        return 0;
+    }
     static int getrlimit(int resource, struct rlimit* limit) {
         *limit = {};
         return Result("getrlimit" + Number(resource));
