@@ -26,10 +26,10 @@
 namespace ProcMgr::App {
 namespace {
 
-// Two for each core keep the cores busy while the parent waits for a free slot; more children than
-// that only compete. On one core children are made one at a time.
-constexpr size_t SLOTS_PER_CORE = 2;
-constexpr size_t SLOTS_MAX = 4;
+// With four for each core the parent rarely waits for a free slot, which costs more than the memory
+// of the slots. On one core children are made one at a time.
+constexpr size_t SLOTS_PER_CORE = 4;
+constexpr size_t SLOTS_MAX = 8;
 // How long a child may keep its slot before others no longer wait for it. A child needs about a
 // third of a millisecond to execute its program.
 constexpr std::chrono::milliseconds PATIENCE{5};

@@ -5,8 +5,8 @@
 // A child needs a slot for that time: a stack, and thread-local storage (errno) that no running
 // thread uses; it is lent by a thread of the slot that sleeps. The kernel clears the slot's word
 // and wakes its waiters when the child has executed its program or has ended, even by SIGKILL, and
-// no longer uses the memory. There are four slots, or one on a machine with one core: more
-// children at a time only compete for the cores. A caller that gets no slot forks.
+// no longer uses the memory. There are four slots for each core, at most eight, or one on a machine
+// with one core. A caller that gets no slot forks.
 #pragma once
 
 #include <sys/types.h>
