@@ -57,9 +57,14 @@ void SensorNodeEventReporter::Post(SerialWorker::Job job) {
     }
 }
 
+// Both in one wait for the worker.
 void SensorNodeEventReporter::RegisterNodes() {
-    RegisterSensorNode({BASE_SERVICE_NODE, BASE_SERVICE_NODE_TYPE, SENSOR_TYPE});
-    RegisterSensorNode({GENERAL_APP_NODE, GENERAL_APP_NODE_TYPE, SENSOR_TYPE});
+    MayWait("the device");
+    Post([this] {
+        Register({BASE_SERVICE_NODE, BASE_SERVICE_NODE_TYPE, SENSOR_TYPE});
+        Register({GENERAL_APP_NODE, GENERAL_APP_NODE_TYPE, SENSOR_TYPE});
+    });
+    worker_.Drain(std::chrono::steady_clock::now() + REGISTER_PATIENCE);
 }
 
 bool SensorNodeEventReporter::RegisterSensorNode(const SensorNodeConfig& config) {

@@ -49,7 +49,7 @@ public:
     // Calls the device library, which may take long.
     static uint32_t GetDeviceNum();
 
-    // Registers the two nodes of the daemon. Waits for the device, at most a second for each node:
+    // Registers the two nodes of the daemon. Waits for the device, at most a second for both:
     // not with a lock held.
     void RegisterNodes() PROCMGR_EXCLUDES(mutex_);
 
