@@ -49,8 +49,6 @@ private:
 class ExitCheck final : public PeriodicCheck {
 public:
     void Run() override;
-    // The loop does not wake up for it: the placement check is due at the same cycles.
-    bool IsWanted() const override { return false; }
 };
 
 }  // namespace ProcMgr

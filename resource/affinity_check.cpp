@@ -1,6 +1,7 @@
 #include "resource/affinity_check.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
@@ -13,6 +14,14 @@
 #include "resource/task_file.h"
 
 namespace ProcMgr {
+namespace {
+
+// A thread of the daemon.
+CgroupTaskInfo MakeOwnTask(int32_t tid) {
+    return {PROCMGR_NAME, tid, DEFAULT_CPU_GROUP, DEFAULT_CPUSET, "", {}};
+}
+
+}  // namespace
 
 // The control groups and cores of one priority application's threads.
 struct AffinityCheck::Place {
@@ -67,6 +76,11 @@ void AffinityCheck::Start() {
     isStarted_ = true;
 }
 
+bool AffinityCheck::IsWanted() const {
+    return hasGroups_ || affinity_.MakeMask({}).has_value() ||
+           !apps_.GetManagedApps(ManagedFilter::RUNNING_PRIORITY).empty();
+}
+
 bool AffinityCheck::Run() {
     if (!isStarted_) {
         return false;
@@ -92,13 +106,16 @@ void AffinityCheck::PlaceOwnThreads() {
                         std::inserter(added, added.end()));
     AddOwnTids(added);
     ownTids_.swap(tids);
+    const std::vector<std::string> groups = cgroups_.GetTaskPaths(MakeOwnTask(0));
+    hasGroups_ = std::any_of(groups.begin(), groups.end(), [](const std::string& path) {
+        return access(path.c_str(), F_OK) == 0;
+    });
 }
 
 void AffinityCheck::AddOwnTids(const std::set<int32_t>& tids) {
     for (const int32_t tid : tids) {
         std::string error;
-        const CgroupTaskInfo task{PROCMGR_NAME, tid, DEFAULT_CPU_GROUP, DEFAULT_CPUSET, "", {}};
-        if (!cgroups_.AddToCgroups(task, error)) {
+        if (!cgroups_.AddToCgroups(MakeOwnTask(tid), error)) {
             ProcMgrSysLog(LOG_WARNING, "Add pm tids to cgroup tasks failed, errinfo=%s, tid=%u",
                           error.c_str(), static_cast<unsigned>(tid));
         }

@@ -30,6 +30,9 @@ public:
     // Places the daemon's new threads and the priority applications. False, with nothing done,
     // before Start.
     bool Run();
+    // False while there is nothing to place threads by: neither the daemon's control groups nor the
+    // cores for ordinary software nor a priority application. Takes the locks of the containers.
+    bool IsWanted() const;
 
 private:
     struct Place;
@@ -53,6 +56,8 @@ private:
     const CoreAffinityMgr& affinity_;
     ManagedApps& apps_;
     std::atomic<bool> isStarted_{false};
+    // Whether there was a control group for the daemon's threads when they were last placed.
+    std::atomic<bool> hasGroups_{true};
     // The daemon's threads, and those that have been placed. Used by the start-up thread until
     // isStarted_ is set, then by the check thread.
     OwnThreads ownThreads_;

@@ -21,6 +21,8 @@ public:
         : affinityCheck_(affinityCheck), delayCoreAffinity_(delayCoreAffinity) {}
 
     void Run() override;
+    // Without anything to place, it runs when the thread is awake for something else.
+    bool IsWanted() const override { return affinityCheck_.IsWanted(); }
 
     // The platform calls the daemon back before a suspend and after the resume, on any thread.
     // After an announced suspend Run() does not repeat the recovery.
@@ -40,8 +42,7 @@ private:
 class LoggerCheck final : public PeriodicCheck {
 public:
     void Run() override { LookForLogger(); }
-    // The loop does not wake up for it: the placement check is due at the same cycles.
-    bool IsWanted() const override { return false; }
+    bool IsWanted() const override { return IsLoggerMissing(); }
 };
 
 // Drops the upload registrations of processes that are gone.

@@ -65,6 +65,10 @@ void LookForLogger() {
     LogQueue::LookForLogger();
 }
 
+bool IsLoggerMissing() {
+    return LogQueue::IsLoggerMissing();
+}
+
 uint64_t CountDroppedLogLines() {
     return LogQueue::CountDropped();
 }

@@ -42,6 +42,8 @@ void OpenLog();
 void CloseLog(std::chrono::milliseconds patience = std::chrono::milliseconds(250));
 // Looks whether an absent system logger has come, see LogQueue::LookForLogger().
 void LookForLogger();
+// Whether the log waits for a logger whose path does not exist.
+bool IsLoggerMissing();
 // The number of lines since the start that the system logger has not got.
 uint64_t CountDroppedLogLines();
 // Writes out the queued lines that can be written at once. Async-signal-safe; for a process that is

@@ -70,6 +70,10 @@ public:
     bool AddOfService(const char* name, pid_t pid, std::string_view text) PROCMGR_EXCLUDES(mutex_);
     void Close(std::chrono::milliseconds patience) PROCMGR_EXCLUDES(mutex_);
     void LookForLogger() PROCMGR_EXCLUDES(mutex_);
+    bool IsLoggerMissing() PROCMGR_EXCLUDES(mutex_) {
+        const LockGuard lock(mutex_);
+        return isMissing_;
+    }
     uint64_t CountDropped() const { return droppedInAll_; }
     // In a signal handler no lock can be taken: see LogRing::VisitInSignal().
     void WriteInSignal() PROCMGR_UNCHECKED;
@@ -309,13 +313,7 @@ void Writer::WaitForLogger(UniqueLock& lock, bool isMissing) {
 }
 
 void Writer::LookForLogger() {
-    {
-        const LockGuard lock(mutex_);
-        if (!isMissing_) {
-            return;
-        }
-    }
-    if (!SystemLogger::IsPresent()) {
+    if (!IsLoggerMissing() || !SystemLogger::IsPresent()) {
         return;
     }
     {
@@ -448,6 +446,10 @@ void LogQueue::Close(std::chrono::milliseconds patience) {
 
 void LogQueue::LookForLogger() {
     GetWriter().LookForLogger();
+}
+
+bool LogQueue::IsLoggerMissing() {
+    return GetWriter().IsLoggerMissing();
 }
 
 uint64_t LogQueue::CountDropped() {

@@ -32,6 +32,8 @@ void Close(std::chrono::milliseconds patience);
 // a thread that wakes up from time to time anyway: without such looks the thread finds the logger
 // after up to 7 seconds.
 void LookForLogger();
+// Whether the thread waits for a logger whose path did not exist.
+bool IsLoggerMissing();
 
 // The number of lines that have been dropped since the start of the process.
 uint64_t CountDropped();

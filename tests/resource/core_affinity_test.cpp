@@ -235,6 +235,22 @@ TEST_F(AffinityCheckTest, NewThreadsArePlaced) {
     EXPECT_FALSE(LogCapture::ContainsPart(LOG_ERR, "app=own"));
 }
 
+TEST_F(AffinityCheckTest, IsWantedWhileThereIsSomethingToPlaceBy) {
+    EXPECT_TRUE(check_.IsWanted());  // nobody has looked yet
+    check_.Start();
+    EXPECT_FALSE(check_.IsWanted());
+    apps_.apps = {{"own", getpid(), {}, {}, "", "", "", false}};
+    EXPECT_TRUE(check_.IsWanted());
+    apps_.apps.clear();
+    Load("0", {});
+    EXPECT_TRUE(check_.IsWanted());
+    const CoreAffinityMgr unlisted;
+    AffinityCheck grouped(cgroups_, unlisted, apps_);
+    WriteFile(CGROUPS + "cpu/OTHER/tasks", "");
+    grouped.Start();
+    EXPECT_TRUE(grouped.IsWanted());
+}
+
 TEST_F(AffinityCheckTest, OnlyAProcessThatWasMovedIsMovedBack) {
     MakeCpuset("AICPU", "1");
     Load("0", {"cpuset/CtrlCPU", "cpuset/AICPU", "cpu/OTHER"});

@@ -134,8 +134,10 @@ TEST_F(Log, EarlyLinesWaitForTheLoggerAndForItsSuccessor) {
         ProcMgrLog(LOG_ERR, "early");
         // The thread asks again after 0.1, 0.5 and 2.1 seconds.
         std::this_thread::sleep_for(800ms);
+        EXPECT_TRUE(IsLoggerMissing());
         const int first = MakeLogSocket();
         LookForLogger();
+        EXPECT_FALSE(IsLoggerMissing());
         EXPECT_THAT(Next(first, 400ms), IsSyslogLine(LOG_ERR, "early"));
         close(first);
         const int second = MakeLogSocket();
