@@ -316,7 +316,7 @@ char* ToArgument(const std::string& text) {
 
 // Executes the program, and returns errno when that has failed. The kernel answers EAGAIN when the
 // user has too many processes. In a restart the zombie of the process before still counts for a
-// moment: the reaper frees it as soon as this child has been created.
+// moment: the reaper frees it a millisecond after this child has been created.
 int Execute(ChildContext& child) {
     constexpr int ATTEMPTS = 50;
     constexpr timespec PAUSE{0, 1'000'000};

@@ -42,11 +42,17 @@ pid_t TakeSignal(int milliseconds) {
     return child.revents != 0 ? TakeChildSignal() : 0;
 }
 
-// The zombie stays.
+// The zombie stays until Free().
 std::optional<siginfo_t> FindExit(idtype_t type, pid_t pid) {
     siginfo_t exit{};
     const int result = waitid(type, static_cast<id_t>(pid), &exit, WEXITED | WNOHANG | WNOWAIT);
     return result == 0 && exit.si_pid != 0 ? std::optional(exit) : std::nullopt;
+}
+
+// WNOHANG: code of a library may have collected the zombie already, and the pid may belong to
+// another child, which is still alive.
+void Free(pid_t pid) {
+    waitpid(pid, nullptr, WNOHANG);
 }
 
 }  // namespace
@@ -63,7 +69,8 @@ Reaper::Reaper(std::vector<ExitSink> sinks, std::function<void()> onExit,
 
 // The exit that a signal names is collected alone. A look at all children holds a lock of the
 // kernel that the new process needs, for a time that grows with their number, so the look for
-// further exits comes a millisecond later, or when another signal comes.
+// further exits comes a millisecond later, or when another signal comes. The pid is freed then,
+// too: that takes the kernel up to 90 us, and the new process often waits for this core.
 void Reaper::Run(const std::atomic<bool>& running) {
     if (GetChildSignalFd() < 0) {
         UnblockChildSignal();
@@ -71,29 +78,26 @@ void Reaper::Run(const std::atomic<bool>& running) {
     while (running) {
         CollectExits();
         const pid_t pid = TakeSignal(onWake_() ? SOON_MILLISECONDS : LOOK_MILLISECONDS);
-        if (pid > 0 && CollectExit(P_PID, pid)) {
+        const std::optional<siginfo_t> exit = pid > 0 ? FindExit(P_PID, pid) : std::nullopt;
+        if (exit) {
+            Store(*exit);
             WaitForSignal(SOON_MILLISECONDS);
+            Free(pid);
         }
     }
     ProcMgrLog(LOG_WARNING, "PROCMGR: WaitThread exit now.");
 }
 
 void Reaper::CollectExits() {
-    while (CollectExit(P_ALL, 0)) {
+    while (const std::optional<siginfo_t> exit = FindExit(P_ALL, 0)) {
+        Store(*exit);
+        Free(exit->si_pid);
     }
-}
-
-bool Reaper::CollectExit(idtype_t type, pid_t pid) {
-    const std::optional<siginfo_t> exit = FindExit(type, pid);
-    if (exit) {
-        Collect(*exit);
-    }
-    return exit.has_value();
 }
 
 // The exit is stored while the zombie still holds its pid, and the pid is freed afterwards. So a
 // thread that finds no stored exit in a record may signal the pid of the record.
-void Reaper::Collect(const siginfo_t& exit) {
+void Reaper::Store(const siginfo_t& exit) {
     const pid_t pid = exit.si_pid;
     const int32_t status = App::ToWaitStatus(exit);
     const bool isStored = std::any_of(sinks_.begin(), sinks_.end(),
@@ -101,11 +105,7 @@ void Reaper::Collect(const siginfo_t& exit) {
     if (!isStored) {
         ProcMgrLog(LOG_WARNING, "PROCMGR: can not find app, pid=%d", pid);
     }
-    // Before the zombie is freed, which takes the kernel up to 90 us.
     onExit_();
-    // WNOHANG: code of a library may have collected the zombie already, and the pid may belong to
-    // another child, which is still alive.
-    waitpid(pid, nullptr, WNOHANG);
 }
 
 }  // namespace ProcMgr

@@ -23,8 +23,9 @@ class Reaper {
 public:
     // Each exit is offered to the sinks in their order until one returns true; a sink takes the
     // lock of its own container. `onExit` is called after each exit has been stored, and the pid is
-    // freed afterwards. `onWake` is called after every wake-up and the look for exits; when it
-    // returns true, again within two milliseconds. Both are called without a lock.
+    // freed afterwards, within two milliseconds. `onWake` is called after every wake-up and the
+    // look for exits; when it returns true, again within two milliseconds. Both are called without
+    // a lock.
     Reaper(std::vector<ExitSink> sinks, std::function<void()> onExit, std::function<bool()> onWake);
 
     // The body of the thread. Ends when `running` is false and the signal event has been woken.
@@ -34,9 +35,7 @@ public:
     void CollectExits();
 
 private:
-    // Collects one exit, as waitid() finds it for `type` and `pid`. False when there is none.
-    bool CollectExit(idtype_t type, pid_t pid);
-    void Collect(const siginfo_t& exit);
+    void Store(const siginfo_t& exit);
 
     const std::vector<ExitSink> sinks_;
     const std::function<void()> onExit_;
