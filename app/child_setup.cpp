@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "app/sys.h"
@@ -55,27 +56,18 @@ void ResetSignal(int signal) {
     Sys::sigaction(signal, &byDefault, nullptr);
 }
 
-// The handlers of the daemon, and those that a library in it has installed.
-void ResetHandlers() {
+// The dispositions are reset before the mask is opened: a signal that is pending then takes its
+// default action instead of running a handler of the daemon in the child, which may share the
+// daemon's memory. A library may have installed handlers, too. A child without the handlers still
+// ignores what the daemon, or a library in it, ignores.
+StepResult ResetSignals(ChildContext& child) {
     for (const int signal : CHANGED_SIGNALS) {
         ResetSignal(signal);
     }
-    for (int signal = 1; signal < NSIG; ++signal) {
+    for (int signal = 1; child.hasHandlers && signal < NSIG; ++signal) {
         if (HasHandler(signal)) {
             ResetSignal(signal);
         }
-    }
-}
-
-// The dispositions are reset before the mask is opened: a signal that is pending then takes its
-// default action instead of running a handler of the daemon in the child, which may share the
-// daemon's memory. A child without the handlers still ignores what the daemon ignores.
-StepResult ResetSignals(ChildContext& child) {
-    if (child.hasHandlers) {
-        ResetHandlers();
-    }
-    for (const int signal : IGNORED_SIGNALS) {
-        ResetSignal(signal);
     }
     sigset_t none;
     sigemptyset(&none);
@@ -194,35 +186,28 @@ bool SetGroups(ChildContext& child) {
     return false;
 }
 
-// Whether all group or user ids of the process are this one. To set them again would change nothing
-// and take longer than this look.
-bool HasGid(gid_t gid) {
-    gid_t real = 0;
-    gid_t effective = 0;
-    gid_t saved = 0;
-    return Sys::getresgid(&real, &effective, &saved) == 0 && real == gid && effective == gid &&
-           saved == gid;
-}
-bool HasUid(uid_t uid) {
+// Whether this is the real, the effective and the saved id of the process. To set it again would
+// change nothing and take longer than this look.
+bool HasOnly(int (*get)(uid_t* real, uid_t* effective, uid_t* saved), uid_t id) {
     uid_t real = 0;
     uid_t effective = 0;
     uid_t saved = 0;
-    return Sys::getresuid(&real, &effective, &saved) == 0 && real == uid && effective == uid &&
-           saved == uid;
+    return get(&real, &effective, &saved) == 0 && real == id && effective == id && saved == id;
 }
+static_assert(std::is_same_v<uid_t, gid_t>);
 
 StepResult SetIdentity(ChildContext& child) {
     if (!SetGroups(child)) {
         return StepResult::GIVE_UP;
     }
-    if (!HasGid(child.plan.gid) && Sys::setgid(child.plan.gid) != 0) {
+    if (!HasOnly(Sys::getresgid, child.plan.gid) && Sys::setgid(child.plan.gid) != 0) {
         NoteFault(child, ChildFault::Step::SETGID, errno);
         child.message += "SetAppGid=";
         child.message += Decimal(child.plan.gid).Get();
         AddFailure(child, " failed error=");
         return StepResult::GIVE_UP;
     }
-    if (!HasUid(child.plan.uid) && Sys::setuid(child.plan.uid) != 0) {
+    if (!HasOnly(Sys::getresuid, child.plan.uid) && Sys::setuid(child.plan.uid) != 0) {
         NoteFault(child, ChildFault::Step::SETUID, errno);
         child.message += "SetAppUid=";
         child.message += Decimal(child.plan.uid).Get();
@@ -316,7 +301,7 @@ char* ToArgument(const std::string& text) {
 
 // Executes the program, and returns errno when that has failed. The kernel answers EAGAIN when the
 // user has too many processes. In a restart the zombie of the process before still counts for a
-// moment: the reaper frees it a millisecond after this child has been created.
+// moment: the reaper frees it a millisecond after the restart.
 int Execute(ChildContext& child) {
     constexpr int ATTEMPTS = 50;
     constexpr timespec PAUSE{0, 1'000'000};

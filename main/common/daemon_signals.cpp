@@ -117,9 +117,7 @@ uint64_t GetContinueCounter() {
 void InstallSignals() {
     g_eventFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     g_stopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    for (const int signal : IGNORED_SIGNALS) {
-        Install(signal, SIG_IGN, 0);
-    }
+    Install(SIGPIPE, SIG_IGN, 0);
     Install(SIGTERM, OnStopSignal, SA_RESTART);
     Install(SIGINT, OnStopSignal, SA_RESTART);
     Install(SIGCHLD, OnChildSignal, SA_RESTART | SA_NOCLDSTOP);

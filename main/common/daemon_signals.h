@@ -16,8 +16,6 @@ namespace ProcMgr {
 // Every signal whose disposition the daemon changes. A child restores the default dispositions.
 inline constexpr int CHANGED_SIGNALS[] = {SIGCONT, SIGPIPE, SIGTERM, SIGINT, SIGCHLD, SIGHUP,
                                           SIGSEGV, SIGBUS,  SIGFPE,  SIGILL, SIGABRT};
-// Those of them that the daemon ignores; it has handlers for the others.
-inline constexpr int IGNORED_SIGNALS[] = {SIGPIPE};
 
 // To be called before anything else, so that a SIGCONT right after the daemon's start is not
 // missed.

@@ -145,17 +145,25 @@ TEST_F(ChildSetupTest, StepsRunInTheirOrder) {
 }
 
 TEST_F(ChildSetupTest, IdsThatTheChildHasAlreadyAreNotSetAgain) {
-    const std::tuple<uint32_t, uint32_t, std::vector<std::string>> cases[] = {
-        {0, 0, {}}, {0, 7, {"setgid 7"}}, {8, 0, {"setuid 8"}}};
-    for (const auto& [uid, gid, set] : cases) {
+    using Texts = std::vector<std::string>;
+    const std::tuple<FakeSys::ThreeIds, uint32_t, uint32_t, Texts> cases[] = {
+        {{0, 0, 0}, 0, 0, {}},
+        {{0, 0, 0}, 0, 7, {"setgid 7"}},
+        {{0, 0, 0}, 8, 0, {"setuid 8"}},
+        {{1, 0, 0}, 0, 0, {"setgid 0", "setuid 0"}},
+        {{0, 1, 0}, 0, 0, {"setgid 0", "setuid 0"}},
+        {{0, 0, 1}, 0, 0, {"setgid 0", "setuid 0"}},
+    };
+    for (const auto& [ids, uid, gid, set] : cases) {
         FakeSys::Get().Reset();
+        FakeSys::Get().SetIds(ids);
         LaunchPlan plan = FullPlan(AppKind::BASE);
         plan.uid = uid;
         plan.gid = gid;
         EXPECT_EQ(Run(std::move(plan)), EXECUTED);
         EXPECT_EQ(Calls("setgroups").size(), 1U);
-        auto calls = Calls("setgid");
-        const auto users = Calls("setuid");
+        Texts calls = Calls("setgid");
+        const Texts users = Calls("setuid");
         calls.insert(calls.end(), users.begin(), users.end());
         EXPECT_EQ(calls, set);
     }
@@ -195,10 +203,9 @@ TEST_F(ChildSetupTest, TheOutputIsConnectedBeforeTheIdentityChanges) {
 }
 
 TEST_F(ChildSetupTest, SignalsAreBackAtTheirDefaultsBeforeTheProgramRuns) {
+    std::vector<int> signals(std::begin(CHANGED_SIGNALS), std::end(CHANGED_SIGNALS));
     for (const bool hasHandlers : {false, true}) {
-        std::vector<int> signals(std::begin(IGNORED_SIGNALS), std::end(IGNORED_SIGNALS));
         if (hasHandlers) {
-            signals.assign(std::begin(CHANGED_SIGNALS), std::end(CHANGED_SIGNALS));
             signals.push_back(FakeSys::SIGNAL_OF_LIBRARY);
         }
         FakeSys::Get().Reset();

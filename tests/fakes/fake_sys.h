@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -40,11 +41,17 @@ public:
     void SetFork(pid_t result, int error = 0) { fork_ = {result, error}; }
     std::pair<pid_t, int> Fork() const { return fork_; }
 
+    // The real, effective and saved ids, of the user and of the group.
+    using ThreeIds = std::tuple<uid_t, uid_t, uid_t>;
+    void SetIds(const ThreeIds& ids) { ids_ = ids; }
+    const ThreeIds& Ids() const { return ids_; }
+
     // Calls() without the calls that deal with signals and descriptors.
     std::vector<std::string> StepCalls() const;
 
 private:
     std::pair<pid_t, int> fork_{0, 0};
+    ThreeIds ids_{0, 0, 0};
 };
 
 }  // namespace ProcMgr::Fakes

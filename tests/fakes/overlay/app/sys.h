@@ -10,6 +10,7 @@
 #include <csignal>
 #include <ctime>
 #include <string>
+#include <tuple>
 
 #include "tests/fakes/fake_sys.h"
 
@@ -54,14 +55,12 @@ public:
         FakeSys::Get().Record("getpid");
         return FakeSys::OWN_PID;
     }
-    // Of root.
     static int getresgid(gid_t* real, gid_t* effective, gid_t* saved) {
-        *real = *effective = *saved = 0;
+        std::tie(*real, *effective, *saved) = FakeSys::Get().Ids();
         return 0;
     }
     static int getresuid(uid_t* real, uid_t* effective, uid_t* saved) {
-        *real = *effective = *saved = 0;
-        return 0;
+        return getresgid(real, effective, saved);
     }
     static int getrlimit(int resource, struct rlimit* limit) {
         *limit = {};
