@@ -60,10 +60,8 @@ void SensorNodeEventReporter::Post(SerialWorker::Job job) {
 // Both in one wait for the worker.
 void SensorNodeEventReporter::RegisterNodes() {
     MayWait("the device");
-    Post([this] {
-        Register({BASE_SERVICE_NODE, BASE_SERVICE_NODE_TYPE, SENSOR_TYPE});
-        Register({GENERAL_APP_NODE, GENERAL_APP_NODE_TYPE, SENSOR_TYPE});
-    });
+    Post([this] { Register({BASE_SERVICE_NODE, BASE_SERVICE_NODE_TYPE, SENSOR_TYPE}); });
+    Post([this] { Register({GENERAL_APP_NODE, GENERAL_APP_NODE_TYPE, SENSOR_TYPE}); });
     worker_.Drain(std::chrono::steady_clock::now() + REGISTER_PATIENCE);
 }
 

@@ -124,6 +124,10 @@ TEST_F(ReaperTest, SeesTheExitsOfMergedSignalsAndEndsWhileChildrenLive) {
     isRunning = false;
     WakeSignalEvent();
     thread.join();
+    EXPECT_EQ(seen, 3) << "an exit is stored twice";
+    for (const pid_t pid : {first, others[0], others[1]}) {
+        EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1) << "a zombie is left";
+    }
     EXPECT_TRUE(stays.IsRunning());
 }
 
