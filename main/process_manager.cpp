@@ -34,8 +34,8 @@ constexpr std::chrono::milliseconds END_PATIENCE{600};
 constexpr CycleTimer UPLOAD_TIMER{10, 11};
 constexpr uint64_t PLACEMENT_PERIOD = 21;
 constexpr CycleTimer PLACEMENT_TIMER{20, PLACEMENT_PERIOD};
-// These are due at cycles of the placement check, which the thread is then awake for or makes
-// while it is awake: about every 3 and every 5 seconds.
+// These are due at cycles of the placement check, so that one wake-up serves both: about every 3
+// and every 5 seconds.
 constexpr CycleTimer LOGGER_TIMER{20, 5 * PLACEMENT_PERIOD};
 constexpr CycleTimer EXIT_TIMER{20, 8 * PLACEMENT_PERIOD};
 

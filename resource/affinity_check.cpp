@@ -69,6 +69,7 @@ std::vector<std::string> AffinityCheck::FindMissing(const Place& place, int32_t 
 
 void AffinityCheck::Start() {
     PlaceOwnThreads();
+    LookForGroups();
     std::string error;
     if (affinity_.SetCoreAffinity(ProcMgrEnv::GetInstance().GetPid(), {}, error) != AFFINITY_OK) {
         ProcMgrSysLog(LOG_WARNING, "PROCMGR: pm SetCoreAffinityToOs failed, err=%s", error.c_str());
@@ -77,8 +78,7 @@ void AffinityCheck::Start() {
 }
 
 bool AffinityCheck::IsWanted() const {
-    return hasGroups_ || affinity_.MakeMask({}).has_value() ||
-           !apps_.GetManagedApps(ManagedFilter::RUNNING_PRIORITY).empty();
+    return hasGroups_ || hasPriorityApps_ || affinity_.HasMadeMask() || cgroups_.HasDefaultCpuSet();
 }
 
 bool AffinityCheck::Run() {
@@ -88,8 +88,11 @@ bool AffinityCheck::Run() {
     if (ownThreads_.MayHaveChanged()) {
         PlaceOwnThreads();
     }
+    LookForGroups();
     GroupMembers members;
-    for (const ManagedApp& app : apps_.GetManagedApps(ManagedFilter::RUNNING_PRIORITY)) {
+    const auto apps = apps_.GetManagedApps(ManagedFilter::RUNNING_PRIORITY);
+    hasPriorityApps_ = !apps.empty();
+    for (const ManagedApp& app : apps) {
         PlacePriorityApp(app, members);
     }
     return true;
@@ -106,6 +109,12 @@ void AffinityCheck::PlaceOwnThreads() {
                         std::inserter(added, added.end()));
     AddOwnTids(added);
     ownTids_.swap(tids);
+}
+
+void AffinityCheck::LookForGroups() {
+    if (hasGroups_) {
+        return;
+    }
     const std::vector<std::string> groups = cgroups_.GetTaskPaths(MakeOwnTask(0));
     hasGroups_ = std::any_of(groups.begin(), groups.end(), [](const std::string& path) {
         return access(path.c_str(), F_OK) == 0;

@@ -30,14 +30,15 @@ public:
     // Places the daemon's new threads and the priority applications. False, with nothing done,
     // before Start.
     bool Run();
-    // False while there is nothing to place threads by: neither the daemon's control groups nor the
-    // cores for ordinary software nor a priority application. Takes the locks of the containers.
+    // False when the last run has found neither a control group for the daemon's threads nor a
+    // priority application, and there are no cores or limits that a suspend could have changed.
     bool IsWanted() const;
 
 private:
     struct Place;
 
     void PlaceOwnThreads();
+    void LookForGroups();
     void AddOwnTids(const std::set<int32_t>& tids);
     // Whether a delayed application has been bound to its cores.
     bool IsBound(const ManagedApp& app) const;
@@ -56,8 +57,9 @@ private:
     const CoreAffinityMgr& affinity_;
     ManagedApps& apps_;
     std::atomic<bool> isStarted_{false};
-    // Whether there was a control group for the daemon's threads when they were last placed.
-    std::atomic<bool> hasGroups_{true};
+    // Whether there is a control group for the daemon's threads, or there was one.
+    std::atomic<bool> hasGroups_{false};
+    std::atomic<bool> hasPriorityApps_{false};  // at the last run
     // The daemon's threads, and those that have been placed. Used by the start-up thread until
     // isStarted_ is set, then by the check thread.
     OwnThreads ownThreads_;

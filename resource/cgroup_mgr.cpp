@@ -142,6 +142,10 @@ void CgroupMgr::EnableDefaultCpuSet() {
     UpdateCpuSet(policy);
 }
 
+bool CgroupMgr::HasDefaultCpuSet() const {
+    return hostCpuSwitch_ && HasSet(HOST_CPU_SET);
+}
+
 void CgroupMgr::DisableCgroupCpu() const {
     if (!isCfgOk_) {
         return;

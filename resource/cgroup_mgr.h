@@ -66,6 +66,8 @@ public:
     uint32_t UpdateCpuSet(const CgroupPolicyInfo& policy) PROCMGR_EXCLUDES(setsMutex_);
     // Sets the limits of the host's own set, unless the host resource file switches them off.
     void EnableDefaultCpuSet() PROCMGR_EXCLUDES(setsMutex_);
+    // Whether EnableDefaultCpuSet() would set limits.
+    bool HasDefaultCpuSet() const PROCMGR_EXCLUDES(setsMutex_);
     // Lifts the CPU limits of every group directly under the cpu controller; does nothing when the
     // host resource file was bad. No part of the daemon lifts all limits today; like UpdateCgroup
     // this is an entry for platform code.

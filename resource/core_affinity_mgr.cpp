@@ -94,6 +94,7 @@ std::optional<CoreMask> CoreAffinityMgr::MakeMask(const std::vector<uint32_t>& c
     if (wanted.empty()) {
         return std::nullopt;
     }
+    hasMadeMask_ = true;
     CoreMask mask;
     for (const uint32_t core : wanted) {
         if (core >= CPU_NUM) {

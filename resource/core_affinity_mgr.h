@@ -6,6 +6,7 @@
 
 #include <sched.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <map>
@@ -58,6 +59,8 @@ public:
     // when those are not known either.
     std::optional<CoreMask> MakeMask(const std::vector<uint32_t>& cores) const
         PROCMGR_EXCLUDES(coresMutex_);
+    // Whether MakeMask() has ever made a mask. Without one, no thread has been pinned.
+    bool HasMadeMask() const { return hasMadeMask_; }
     // The mask of all cores below CPU_NUM: for a process that must not keep the pinning that it has
     // inherited.
     static CoreMask AllCores();
@@ -147,6 +150,7 @@ private:
     // Pins the thread of one row. False when no thread with this id and name exists.
     bool Recover(uint32_t tid, const ThreadCoreInfo& info) const PROCMGR_REQUIRES(mutex_);
 
+    mutable std::atomic<bool> hasMadeMask_{false};
     mutable Mutex coresMutex_;  // taken after mutex_; no lock is taken while it is held
     std::vector<uint32_t> ctrlCores_ PROCMGR_GUARDED_BY(coresMutex_);
     std::vector<uint32_t> aiCores_ PROCMGR_GUARDED_BY(coresMutex_);

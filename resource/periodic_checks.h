@@ -21,8 +21,7 @@ public:
         : affinityCheck_(affinityCheck), delayCoreAffinity_(delayCoreAffinity) {}
 
     void Run() override;
-    // Without anything to place, it runs when the thread is awake for something else.
-    bool IsWanted() const override { return affinityCheck_.IsWanted(); }
+    bool IsWanted() const override { return isRecoveryDue_ || affinityCheck_.IsWanted(); }
 
     // The platform calls the daemon back before a suspend and after the resume, on any thread.
     // After an announced suspend Run() does not repeat the recovery.

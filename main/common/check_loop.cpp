@@ -31,6 +31,9 @@ void CheckLoop::Run() {
         if (requested && requests_.Begin()) {
             CheckContainers(CheckPass::PERIODIC);
             Complete();
+            for (Periodic& periodic : checks_) {
+                periodic.hasPassed = true;
+            }
         }
         RunPeriodicChecks(cycle);
         requested = requests_.WaitForAny(NextDue(begin));
@@ -91,6 +94,7 @@ void CheckLoop::RunPeriodicChecks(uint64_t cycle) {
     for (Periodic& periodic : checks_) {
         try {
             if (periodic.timer.TakeDue(cycle)) {
+                periodic.hasPassed = false;
                 periodic.check.Run();
             }
         } catch (const std::exception& error) {
@@ -102,7 +106,7 @@ void CheckLoop::RunPeriodicChecks(uint64_t cycle) {
 SteadyTime CheckLoop::NextDue(SteadyTime begin) const {
     SteadyTime next = SteadyTime::max();
     for (const Periodic& periodic : checks_) {
-        if (periodic.check.IsWanted()) {
+        if (periodic.hasPassed || periodic.check.IsWanted()) {
             const SteadyTime due = begin + periodic.timer.GetNext() * CHECK_PERIOD;
             next = std::min(next, due);
         }

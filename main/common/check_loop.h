@@ -39,7 +39,8 @@ public:
 
     // May throw: the check runs again after its period.
     virtual void Run() = 0;
-    // False while Run() would find nothing. The loop then does not wake up for this check.
+    // False when Run() would find nothing unless a pass is made before. The loop then does not wake
+    // up for this check, but runs it when it is awake for something else. Does not throw.
     virtual bool IsWanted() const { return true; }
 };
 
@@ -71,6 +72,8 @@ public:
     struct Periodic {
         CycleTimer timer;
         PeriodicCheck& check;
+        // Of the loop: a pass has been made since the check last ran.
+        bool hasPassed = false;
     };
 
     // The containers are checked in the given order, the periodic checks run in the given order.

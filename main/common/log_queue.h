@@ -28,9 +28,8 @@ bool AddOfService(const char* name, pid_t pid, std::string_view text);
 // Writes out the queued lines, for at most `patience`, and ends the thread.
 void Close(std::chrono::milliseconds patience);
 
-// Wakes the thread if it waits for a logger whose path did not exist, and the path exists now. For
-// a thread that wakes up from time to time anyway: without such looks the thread finds the logger
-// after up to 7 seconds.
+// Wakes the thread if it waits for a logger whose path did not exist, and the path exists now.
+// Without such looks the thread finds the logger after up to 7 seconds.
 void LookForLogger();
 // Whether the thread waits for a logger whose path did not exist.
 bool IsLoggerMissing();

@@ -235,20 +235,22 @@ TEST_F(AffinityCheckTest, NewThreadsArePlaced) {
     EXPECT_FALSE(LogCapture::ContainsPart(LOG_ERR, "app=own"));
 }
 
-TEST_F(AffinityCheckTest, IsWantedWhileThereIsSomethingToPlaceBy) {
-    EXPECT_TRUE(check_.IsWanted());  // nobody has looked yet
+TEST_F(AffinityCheckTest, IsWantedWhileThereIsSomethingToPlaceOrToRestore) {
     check_.Start();
     EXPECT_FALSE(check_.IsWanted());
     apps_.apps = {{"own", getpid(), {}, {}, "", "", "", false}};
+    check_.Run();
     EXPECT_TRUE(check_.IsWanted());
     apps_.apps.clear();
-    Load("0", {});
-    EXPECT_TRUE(check_.IsWanted());
-    const CoreAffinityMgr unlisted;
-    AffinityCheck grouped(cgroups_, unlisted, apps_);
+    check_.Run();
+    EXPECT_FALSE(check_.IsWanted());
     WriteFile(CGROUPS + "cpu/OTHER/tasks", "");
-    grouped.Start();
-    EXPECT_TRUE(grouped.IsWanted());
+    check_.Run();
+    EXPECT_TRUE(check_.IsWanted());
+    AffinityCheck pinning(cgroups_, affinity_, apps_);
+    EXPECT_FALSE(pinning.IsWanted());
+    Set(getpid(), {0});
+    EXPECT_TRUE(pinning.IsWanted());
 }
 
 TEST_F(AffinityCheckTest, OnlyAProcessThatWasMovedIsMovedBack) {
