@@ -78,7 +78,8 @@ void AffinityCheck::Start() {
 }
 
 bool AffinityCheck::IsWanted() const {
-    return hasGroups_ || hasPriorityApps_ || affinity_.HasMadeMask() || cgroups_.HasDefaultCpuSet();
+    return !isStarted_ || hasGroups_ || hasPriorityApps_ || affinity_.HasMadeMask() ||
+           cgroups_.HasDefaultCpuSet();
 }
 
 bool AffinityCheck::Run() {

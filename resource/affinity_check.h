@@ -30,8 +30,9 @@ public:
     // Places the daemon's new threads and the priority applications. False, with nothing done,
     // before Start.
     bool Run();
-    // False when the last run has found neither a control group for the daemon's threads nor a
-    // priority application, and there are no cores or limits that a suspend could have changed.
+    // False after Start, when it and the last run have found neither a control group for the
+    // daemon's threads nor a priority application, and there are no cores or limits that a suspend
+    // could have changed.
     bool IsWanted() const;
 
 private:

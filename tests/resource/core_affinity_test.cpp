@@ -236,8 +236,11 @@ TEST_F(AffinityCheckTest, NewThreadsArePlaced) {
 }
 
 TEST_F(AffinityCheckTest, IsWantedWhileThereIsSomethingToPlaceOrToRestore) {
+    EXPECT_TRUE(check_.IsWanted()) << "nobody has looked yet";
     check_.Start();
     EXPECT_FALSE(check_.IsWanted());
+    AffinityCheck pinning(cgroups_, affinity_, apps_);
+    pinning.Start();
     apps_.apps = {{"own", getpid(), {}, {}, "", "", "", false}};
     check_.Run();
     EXPECT_TRUE(check_.IsWanted());
@@ -247,7 +250,6 @@ TEST_F(AffinityCheckTest, IsWantedWhileThereIsSomethingToPlaceOrToRestore) {
     WriteFile(CGROUPS + "cpu/OTHER/tasks", "");
     check_.Run();
     EXPECT_TRUE(check_.IsWanted());
-    AffinityCheck pinning(cgroups_, affinity_, apps_);
     EXPECT_FALSE(pinning.IsWanted());
     Set(getpid(), {0});
     EXPECT_TRUE(pinning.IsWanted());
